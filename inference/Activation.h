@@ -1,0 +1,17 @@
+// The activation functions and the softmax, applied in place.
+#pragma once
+
+#include <Eigen/Core>
+
+#include "layers/ActFn.h"
+
+namespace mlnn {
+
+// Replaces every value x by fn(x). NaN stays NaN.
+void applyActivation(ActFn::ActFn fn, Eigen::Ref<Eigen::VectorXf> values);
+
+// Replaces the values by exp(x) / sum(exp(x)), computed from the differences to the largest
+// so that nothing overflows. A NaN or an infinite value among them makes all of them NaN.
+void applySoftmax(Eigen::Ref<Eigen::VectorXf> values);
+
+}  // namespace mlnn

@@ -1,0 +1,61 @@
+// NNFwdPassFromFile — the forward pass of a MultiLayerNNModel.
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "inference/FwdPass.h"
+#include "layers/NNLayer.h"
+
+class MultiLayerNNModel;
+
+namespace mlnn {
+
+// What one layer computed, one frame a column: outputs x frames each.
+struct LayerResult {
+  Eigen::MatrixXf affine;     // before the activation
+  Eigen::MatrixXf activated;  // after it; in the last layer before the softmax
+};
+
+}  // namespace mlnn
+
+// Reads the model's own arrays at every call, so an edit of the model shows in the next
+// one. Keeps only scratch memory of its own: two columns as wide as the widest layer, and
+// the results.
+//
+// Lifetime: the model must outlive the forward pass.
+// Thread-safety: one object serves one thread at a time; several objects over one model
+// that does not change may run in several threads.
+class NNFwdPassFromFile : public FwdPass {
+ public:
+  explicit NNFwdPassFromFile(MultiLayerNNModel& model);
+
+  int numInputs() const override;
+  int numOutputs() const override;
+
+  // A plain layer computes actFn(weights * x + bias), a batch-norm layer
+  // actFn(gamma_inf .* (weights * x) + beta_inf); then, if the model says so, a softmax
+  // over the last layer's results. The result for a frame depends on the model and that
+  // frame alone, not on its neighbours or its position.
+  // Refuses: a model without layers, a layer that does not fit its arrays or the layer
+  // before it, inputs of another width (tested in this order).
+  // After the first call with a given number of frames it allocates nothing.
+  int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
+
+  // The same, and hands out what every layer computed, in stack order: for whoever looks
+  // for the place where results part from another engine's.
+  // On failure: `outputs` and `layers` are unchanged.
+  int evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
+                     std::vector<mlnn::LayerResult>& layers);
+
+ private:
+  int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
+          std::vector<mlnn::LayerResult>* trace);
+  void evaluateFrame(Eigen::Index frame, std::vector<mlnn::LayerResult>* trace);
+
+  const MultiLayerNNModel* model_;
+  Eigen::VectorXf current_;  // what goes into a layer, then what came out of it
+  Eigen::VectorXf next_;     // what the layer is computing
+  Eigen::MatrixXf results_;  // the outputs of all frames; apart from the caller's matrix,
+                             // which may be the one that holds the inputs
+};

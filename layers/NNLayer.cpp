@@ -1,0 +1,130 @@
+#include "layers/NNLayer.h"
+
+#include <iostream>
+#include <random>
+
+#include "features/EigenAssign.h"
+
+namespace {
+
+// The one random source behind NNLayer's initialising constructor.
+std::mt19937& randomSource() {
+  static std::mt19937 source;
+  return source;
+}
+
+// A fresh distribution for each layer, so that what a layer gets depends on the
+// source alone and not on a value that an earlier layer left over.
+void fillNormal(Eigen::MatrixXf& values, float standardDeviation) {
+  std::normal_distribution<float> standardNormal;
+  for (Eigen::Index i = 0; i < values.size(); ++i) {
+    values.data()[i] = standardDeviation * standardNormal(randomSource());
+  }
+}
+
+bool sameWeightsShape(const NNLayer& a, const NNLayer& b) {
+  return a.weights.rows() == b.weights.rows() && a.weights.cols() == b.weights.cols();
+}
+
+// Whether the vectors that two layers of one kind would add have the same lengths.
+bool sameVectorLengths(const NNLayer& a, const NNLayer& b) {
+  if (a.bias.size() != b.bias.size()) return false;
+  if (!a.isBatchNorm) return true;
+  return a.gamma.size() == b.gamma.size() && a.beta.size() == b.beta.size() &&
+         a.gamma_inf.size() == b.gamma_inf.size() && a.beta_inf.size() == b.beta_inf.size();
+}
+
+void printShapesDiffer(const NNLayer& a, const NNLayer& b) {
+  std::cerr << "ERROR: NNLayer::operator+=: layer shapes differ (" << a.weights.rows() << "x"
+            << a.weights.cols() << " != " << b.weights.rows() << "x" << b.weights.cols() << ")\n";
+}
+
+void printKindsDiffer(const NNLayer& target) {
+  std::cerr << "ERROR: NNLayer::operator+=: cannot add "
+            << (target.isBatchNorm ? "a plain layer to a batch-norm layer"
+                                   : "a batch-norm layer to a plain layer")
+            << "\n";
+}
+
+}  // namespace
+
+NNLayer::NNLayer() : actFn(ActFn::linear), isBatchNorm(false) {}
+
+NNLayer::NNLayer(int numInputs, int numOutputs, bool batchNorm)
+    : bias(Eigen::VectorXf::Zero(numOutputs)),
+      weights(Eigen::MatrixXf::Zero(numOutputs, numInputs)),
+      actFn(ActFn::linear),
+      isBatchNorm(batchNorm) {
+  if (!batchNorm) return;
+  mlnn::assignZeros(gamma, numOutputs);
+  mlnn::assignZeros(beta, numOutputs);
+  mlnn::assignZeros(gamma_inf, numOutputs);
+  mlnn::assignZeros(beta_inf, numOutputs);
+}
+
+NNLayer::NNLayer(int numInputs, int numOutputs, float initScale, bool batchNorm)
+    : NNLayer(numInputs, numOutputs, batchNorm) {
+  fillNormal(weights, initScale);
+  gamma.setOnes();
+}
+
+NNLayer::NNLayer(const NNLayer& other) = default;
+NNLayer::NNLayer(NNLayer&& other) noexcept = default;
+NNLayer::~NNLayer() = default;
+NNLayer& NNLayer::operator=(NNLayer&& other) noexcept = default;
+
+NNLayer& NNLayer::operator=(const NNLayer& other) {
+  mlnn::assign(bias, other.bias);
+  mlnn::assign(weights, other.weights);
+  mlnn::assign(gamma, other.gamma);
+  mlnn::assign(beta, other.beta);
+  mlnn::assign(gamma_inf, other.gamma_inf);
+  mlnn::assign(beta_inf, other.beta_inf);
+  actFn = other.actFn;
+  isBatchNorm = other.isBatchNorm;
+  return *this;
+}
+
+void NNLayer::seedRandom(uint32_t seed) { randomSource().seed(seed); }
+
+NNLayer& NNLayer::operator+=(const NNLayer& other) {
+  if (!sameWeightsShape(*this, other)) {
+    printShapesDiffer(*this, other);
+    return *this;
+  }
+  if (isBatchNorm != other.isBatchNorm) {
+    printKindsDiffer(*this);
+    return *this;
+  }
+  if (!sameVectorLengths(*this, other)) {
+    printShapesDiffer(*this, other);
+    return *this;
+  }
+  weights += other.weights;
+  bias += other.bias;
+  if (!isBatchNorm) return *this;
+  gamma += other.gamma;
+  beta += other.beta;
+  gamma_inf += other.gamma_inf;
+  beta_inf += other.beta_inf;
+  return *this;
+}
+
+NNLayer& NNLayer::operator*=(float factor) {
+  weights *= factor;
+  bias *= factor;
+  gamma *= factor;
+  beta *= factor;
+  gamma_inf *= factor;
+  beta_inf *= factor;
+  return *this;
+}
+
+void NNLayer::zeros() {
+  weights.setZero();
+  bias.setZero();
+  gamma.setZero();
+  beta.setZero();
+  gamma_inf.setZero();
+  beta_inf.setZero();
+}

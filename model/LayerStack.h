@@ -1,0 +1,21 @@
+// Helpers for a stack of owned layers that may have missing (null) ones after a failed load.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "layers/NNLayer.h"
+
+namespace mlnn {
+
+// Makes the stack `count` entries long: deletes the layers beyond, in increasing order, or
+// appends missing ones.
+void resizeStack(std::vector<NNLayer*>& layers, std::size_t count);
+
+// Puts an empty layer where one is missing.
+void fillMissingLayers(std::vector<NNLayer*>& layers);
+
+// Returns the layer, or an empty one where it is missing.
+const NNLayer& layerOrEmpty(const NNLayer* layer);
+
+}  // namespace mlnn

@@ -1,0 +1,51 @@
+// Operations that turn a model into one that computes nearly the same: folding of batch
+// norm, reduction of precision.
+#include <iostream>
+
+#include "features/EigenAssign.h"
+#include "model/LayerStack.h"
+#include "model/MultiLayerNNModel.h"
+
+namespace {
+
+using Eigen::Index;
+
+// Multiplies each row of `weights` by its factor. With another number of factors the matrix
+// takes that many rows, of which those without a weight are zero.
+void scaleRows(Eigen::MatrixXf& weights, const Eigen::VectorXf& factors) {
+  if (weights.rows() != factors.size()) {
+    const Index rows = std::min(weights.rows(), factors.size());
+    Eigen::MatrixXf resized = Eigen::MatrixXf::Zero(factors.size(), weights.cols());
+    resized.topRows(rows) = weights.topRows(rows);
+    weights.swap(resized);
+  }
+  for (Index c = 0; c < weights.cols(); ++c) weights.col(c).array() *= factors.array();
+}
+
+void fold(NNLayer& layer) {
+  scaleRows(layer.weights, layer.gamma_inf);
+  mlnn::assign(layer.bias, layer.beta_inf);
+  layer.isBatchNorm = false;
+}
+
+}  // namespace
+
+int MultiLayerNNModel::convBatchNorm() {
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    if (!mlnn::layerOrEmpty(layers[i]).isBatchNorm) {
+      std::cerr << "Warning: request to translate batch norm network but layer is not batch norm: "
+                   "index="
+                << i << "\n";
+      continue;
+    }
+    if (layers[i]->gamma_inf.sum() == 0.0f) {
+      std::cerr << "ERROR: gamma_inf is zero in layer with index " << i
+                << ".  Can't convert because all weights will become zero.\n"
+                   "       Call batch_norm_post_process before attempting to convert a batch norm "
+                   "network\n";
+      return 1;
+    }
+    fold(*layers[i]);
+  }
+  return 0;
+}
