@@ -1,0 +1,20 @@
+# How every target of this project is compiled.
+include(CheckCXXSourceCompiles)
+
+# The tree stays free of these under g++ 12 and clang 14.
+set(MLNN_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+
+# One model gives the same bits on every machine: each operation is rounded once, to the type
+# that the source names. So a * b + c is not fused behind the source's back, and 32-bit x86
+# does not compute in the 80-bit registers of its x87 unit.
+set(MLNN_FLOAT_OPTIONS -ffp-contract=off)
+check_cxx_source_compiles("
+#ifndef __i386__
+#error not 32-bit x86
+#endif
+int main() { return 0; }" MLNN_IS_I386)
+if(MLNN_IS_I386)
+  list(APPEND MLNN_FLOAT_OPTIONS -msse2 -mfpmath=sse)
+endif()
+
+set(MLNN_COMPILE_OPTIONS ${MLNN_WARNINGS} ${MLNN_FLOAT_OPTIONS})

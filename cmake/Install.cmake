@@ -1,0 +1,39 @@
+# Installs the library so that find_package(mlnn) and pkg-config find it, from any prefix,
+# also one that was moved after the installation.
+include(CMakePackageConfigHelpers)
+include(GNUInstallDirs)
+
+set(MLNN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/mlnn)
+
+install(TARGETS mlnn EXPORT mlnnTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn)
+install(EXPORT mlnnTargets NAMESPACE mlnn:: DESTINATION ${MLNN_CMAKE_DIR})
+
+configure_package_config_file(cmake/mlnnConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/mlnnConfig.cmake
+  INSTALL_DESTINATION ${MLNN_CMAKE_DIR})
+# While the major version is 0, a new minor version may change the interface.
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/mlnnConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/mlnnConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/mlnnConfigVersion.cmake
+  DESTINATION ${MLNN_CMAKE_DIR})
+
+# The .pc file tells its prefix by its own place.
+cmake_path(SET pkgconfig_dir NORMALIZE "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${pkgconfig_dir}
+  OUTPUT_VARIABLE MLNN_PC_PREFIX)
+foreach(dir LIBDIR INCLUDEDIR)
+  cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_${dir} BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
+    OUTPUT_VARIABLE MLNN_PC_${dir})
+endforeach()
+get_target_property(definitions mlnn INTERFACE_COMPILE_DEFINITIONS)
+list(TRANSFORM definitions PREPEND -D)
+list(JOIN definitions " " MLNN_PC_DEFINITIONS)
+configure_file(cmake/mlnn.pc.in ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
