@@ -51,16 +51,10 @@ class ByteReader {
     bytes(&value, sizeof value);
     return value;
   }
-  uint32_t uint32() {
-    uint32_t value;
-    bytes(&value, sizeof value);
-    return value;
-  }
   void floats(float* target, std::size_t count) { bytes(target, count * sizeof(float)); }
 
   std::size_t consumed() const { return static_cast<std::size_t>(position_ - begin_); }
   std::size_t remaining() const { return static_cast<std::size_t>(end_ - position_); }
-  bool has(std::size_t count) const { return count <= remaining(); }
 
  private:
   const char* begin_;

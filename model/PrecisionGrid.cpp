@@ -5,8 +5,9 @@
 #include <limits>
 
 #if defined(__x86_64__) || defined(__i386__)
-#define MLNN_HAS_AVX2_PATH 1
 #include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
 #endif
 
 namespace mlnn {
@@ -28,50 +29,56 @@ float snapped(const PrecisionGrid& grid, float value) {
   return std::fma(grid.step, point, grid.origin);
 }
 
-#ifdef MLNN_HAS_AVX2_PATH
+// The vector paths. A smaller (larger) value replaces a lane as in the plain comparison; only
+// among zeros does the order of the lanes show, so a range that ends at zero takes the sign
+// of the first zero. A float of 2^24 or more is an integer already, so truncating in place
+// gives the same as the way through a 64-bit integer.
 
-constexpr std::size_t kLanes = 8;
-
-bool hasAvx2AndFma() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }
-
-// Returns the first zero among the values, whose sign is the one that counts.
-float firstZero(const float* values) {
+// REQUIRES: one of the values is zero.
+[[maybe_unused]] float firstZero(const float* values) {
   while (*values != 0) ++values;
   return *values;
 }
 
-// minps and maxps give their second operand unless the first is smaller (larger), which is
-// the plain comparison lane by lane. Only among zeros does the order of the lanes show.
-__attribute__((target("avx2,fma"))) void includeAvx2(ValueRange& range, const float* values,
-                                                     std::size_t count) {
+// Takes the lanes of a vector range, and the values that fill no vector, into `range`.
+[[maybe_unused]] void includeLanes(ValueRange& range, const float* lanes, std::size_t laneCount,
+                                   const float* values, std::size_t whole, std::size_t count) {
   const ValueRange before = range;
-  __m256 smallest = _mm256_set1_ps(range.smallest);
-  __m256 largest = _mm256_set1_ps(range.largest);
-  const std::size_t whole = count - count % kLanes;
-  for (std::size_t i = 0; i < whole; i += kLanes) {
-    const __m256 x = _mm256_loadu_ps(values + i);
-    smallest = _mm256_min_ps(x, smallest);
-    largest = _mm256_max_ps(x, largest);
-  }
-  float lanes[2 * kLanes];
-  _mm256_storeu_ps(lanes, smallest);
-  _mm256_storeu_ps(lanes + kLanes, largest);
-  plain::include(range, lanes, 2 * kLanes);
+  plain::include(range, lanes, laneCount);
   plain::include(range, values + whole, count - whole);
   if (range.smallest == 0 && before.smallest != 0) range.smallest = firstZero(values);
   if (range.largest == 0 && before.largest != 0) range.largest = firstZero(values);
 }
 
-// A float of 2^24 or more is an integer already, so truncating in place gives the same as
-// the way through a 64-bit integer.
-__attribute__((target("avx2,fma"))) void snapAvx2(const PrecisionGrid& grid, float* values,
-                                                  std::size_t count) {
+#if defined(__x86_64__) || defined(__i386__)
+
+bool hasVectorPath() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }
+
+// minps and maxps give their second operand unless the first is smaller (larger).
+__attribute__((target("avx2,fma"))) void includeVectors(ValueRange& range, const float* values,
+                                                        std::size_t count) {
+  __m256 smallest = _mm256_set1_ps(range.smallest);
+  __m256 largest = _mm256_set1_ps(range.largest);
+  const std::size_t whole = count - count % 8;
+  for (std::size_t i = 0; i < whole; i += 8) {
+    const __m256 x = _mm256_loadu_ps(values + i);
+    smallest = _mm256_min_ps(x, smallest);
+    largest = _mm256_max_ps(x, largest);
+  }
+  float lanes[16];
+  _mm256_storeu_ps(lanes, smallest);
+  _mm256_storeu_ps(lanes + 8, largest);
+  includeLanes(range, lanes, 16, values, whole, count);
+}
+
+__attribute__((target("avx2,fma"))) void snapVectors(const PrecisionGrid& grid, float* values,
+                                                     std::size_t count) {
   const __m256 origin = _mm256_set1_ps(grid.origin);
   const __m256 scale = _mm256_set1_ps(grid.scale);
   const __m256 step = _mm256_set1_ps(grid.step);
   const __m256 limit = _mm256_set1_ps(kTwoTo64);
-  const std::size_t whole = count - count % kLanes;
-  for (std::size_t i = 0; i < whole; i += kLanes) {
+  const std::size_t whole = count - count % 8;
+  for (std::size_t i = 0; i < whole; i += 8) {
     const __m256 difference = _mm256_sub_ps(_mm256_loadu_ps(values + i), origin);
     const __m256 position = _mm256_mul_ps(scale, difference);
     const __m256 isPositive = _mm256_cmp_ps(position, _mm256_setzero_ps(), _CMP_GT_OQ);
@@ -81,6 +88,47 @@ __attribute__((target("avx2,fma"))) void snapAvx2(const PrecisionGrid& grid, flo
   }
   plain::snap(grid, values + whole, count - whole);
 }
+
+#elif defined(__aarch64__)
+
+bool hasVectorPath() { return true; }
+
+void includeVectors(ValueRange& range, const float* values, std::size_t count) {
+  float32x4_t smallest = vdupq_n_f32(range.smallest);
+  float32x4_t largest = vdupq_n_f32(range.largest);
+  const std::size_t whole = count - count % 4;
+  for (std::size_t i = 0; i < whole; i += 4) {
+    const float32x4_t x = vld1q_f32(values + i);
+    smallest = vbslq_f32(vcltq_f32(x, smallest), x, smallest);
+    largest = vbslq_f32(vcgtq_f32(x, largest), x, largest);
+  }
+  float lanes[8];
+  vst1q_f32(lanes, smallest);
+  vst1q_f32(lanes + 4, largest);
+  includeLanes(range, lanes, 8, values, whole, count);
+}
+
+void snapVectors(const PrecisionGrid& grid, float* values, std::size_t count) {
+  const float32x4_t origin = vdupq_n_f32(grid.origin);
+  const float32x4_t scale = vdupq_n_f32(grid.scale);
+  const float32x4_t step = vdupq_n_f32(grid.step);
+  const float32x4_t limit = vdupq_n_f32(kTwoTo64);
+  const float32x4_t zero = vdupq_n_f32(0);
+  const std::size_t whole = count - count % 4;
+  for (std::size_t i = 0; i < whole; i += 4) {
+    const float32x4_t position = vmulq_f32(scale, vsubq_f32(vld1q_f32(values + i), origin));
+    const float32x4_t positive = vbslq_f32(vcgtq_f32(position, zero), position, zero);
+    const float32x4_t point = vminq_f32(vrndq_f32(positive), limit);
+    vst1q_f32(values + i, vfmaq_f32(origin, step, point));
+  }
+  plain::snap(grid, values + whole, count - whole);
+}
+
+#else  // 32-bit ARM flushes denormal values in its vectors, so it takes the plain path
+
+bool hasVectorPath() { return false; }
+void includeVectors(ValueRange&, const float*, std::size_t) {}
+void snapVectors(const PrecisionGrid&, float*, std::size_t) {}
 
 #endif
 
@@ -107,16 +155,12 @@ void plain::snap(const PrecisionGrid& grid, float* values, std::size_t count) {
 }
 
 void ValueRange::include(const float* values, std::size_t count) {
-#ifdef MLNN_HAS_AVX2_PATH
-  if (hasAvx2AndFma()) return includeAvx2(*this, values, count);
-#endif
+  if (hasVectorPath()) return includeVectors(*this, values, count);
   plain::include(*this, values, count);
 }
 
 void PrecisionGrid::snap(float* values, std::size_t count) const {
-#ifdef MLNN_HAS_AVX2_PATH
-  if (hasAvx2AndFma()) return snapAvx2(*this, values, count);
-#endif
+  if (hasVectorPath()) return snapVectors(*this, values, count);
   plain::snap(*this, values, count);
 }
 
