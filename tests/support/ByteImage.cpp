@@ -1,0 +1,140 @@
+#include "tests/support/ByteImage.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+#include "model/ModelFormat.h"
+
+namespace mlnn::test {
+namespace {
+
+template <typename Source>
+ByteImage serialized(const Source& source) {
+  const int length = source.binarySerializedLength();
+  if (length < 0) throw std::length_error("too large for an image");
+  std::string bytes(static_cast<std::size_t>(length), '\0');
+  if (source.serializeBinary(bytes.data()) != length) throw std::logic_error("length differs");
+  return ByteImage(bytes);
+}
+
+}  // namespace
+
+ByteImage ByteImage::of(const MultiLayerNNModel& model) { return serialized(model); }
+
+ByteImage ByteImage::of(const NNLayer& layer) { return serialized(layer); }
+
+ByteImage ByteImage::fromHex(const std::string& hex) {
+  std::string digits;
+  bool inComment = false;
+  for (const char c : hex) {
+    inComment = c == '|' || (inComment && c != '\n');
+    if (!inComment && std::isxdigit(static_cast<unsigned char>(c))) digits += c;
+  }
+  std::string bytes;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return ByteImage(bytes);
+}
+
+int32_t ByteImage::int32At(std::size_t offset) const {
+  return static_cast<int32_t>(uint32At(offset));
+}
+
+uint32_t ByteImage::uint32At(std::size_t offset) const {
+  uint32_t value = 0;
+  for (std::size_t i = 4; i-- > 0;) {
+    value = value << 8 | static_cast<unsigned char>(bytes_.at(offset + i));
+  }
+  return value;
+}
+
+ByteImage& ByteImage::setInt32At(std::size_t offset, int32_t value) {
+  for (std::size_t i = 0; i < 4; ++i) {
+    bytes_.at(offset + i) = static_cast<char>(static_cast<uint32_t>(value) >> 8 * i & 0xFF);
+  }
+  return *this;
+}
+
+ByteImage& ByteImage::setByteAt(std::size_t offset, unsigned char value) {
+  bytes_.at(offset) = static_cast<char>(value);
+  return *this;
+}
+
+ByteImage& ByteImage::flipBit(std::size_t bit) {
+  char& byte = bytes_.at(bit / 8);
+  byte = static_cast<char>(static_cast<unsigned char>(byte) ^ 1u << bit % 8);
+  return *this;
+}
+
+ByteImage& ByteImage::truncateTo(std::size_t length) {
+  if (length > bytes_.size()) throw std::out_of_range("truncateTo");
+  bytes_.resize(length);
+  return *this;
+}
+
+ByteImage& ByteImage::append(const std::string& more) {
+  bytes_ += more;
+  return *this;
+}
+
+ByteImage& ByteImage::fixChecksum() {
+  const int32_t count = int32At(kLayerCountOffset);
+  auto sum = static_cast<uint32_t>(count);
+  std::size_t position = kHeadLength;
+  for (int32_t i = 0; i < count && position < size(); ++i) {
+    NNLayer layer;
+    const int length = ByteImage(bytes_.substr(position)).readInto(layer);
+    if (length < 1) throw std::invalid_argument("fixChecksum needs well-formed layer records");
+    sum += crc32c(bytes_.substr(position, static_cast<std::size_t>(length)));
+    position += static_cast<std::size_t>(length);
+  }
+  return setInt32At(kChecksumOffset, static_cast<int32_t>(sum));
+}
+
+int ByteImage::readInto(MultiLayerNNModel& model) const {
+  const GuardedBytes guarded(bytes_);
+  return model.deserializeBinary(guarded.data(), static_cast<unsigned int>(size()));
+}
+
+int ByteImage::readInto(NNLayer& layer) const { return readInto(layer, static_cast<int>(size())); }
+
+int ByteImage::readInto(NNLayer& layer, int available) const {
+  const GuardedBytes guarded(bytes_);
+  return layer.deserializeBinary(guarded.data(), available);
+}
+
+uint32_t crc32c(const std::string& bytes) {
+  constexpr uint32_t kReversedPolynomial = 0x82F63B78;
+  uint32_t crc = 0xFFFFFFFF;
+  for (const char byte : bytes) {
+    crc ^= static_cast<unsigned char>(byte);
+    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (crc & 1 ? kReversedPolynomial : 0);
+  }
+  return ~crc;
+}
+
+GuardedBytes::GuardedBytes(const std::string& bytes) {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t readable = (bytes.size() + page - 1) / page * page;
+  mappingLength_ = readable + page;
+  void* mapping =
+      mmap(nullptr, mappingLength_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapping == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
+  mapping_ = static_cast<char*>(mapping);
+  if (mprotect(mapping_ + readable, page, PROT_NONE) != 0) {
+    throw std::system_error(errno, std::generic_category(), "mprotect");
+  }
+  data_ = mapping_ + readable - bytes.size();
+  std::memcpy(data_, bytes.data(), bytes.size());
+}
+
+GuardedBytes::~GuardedBytes() { munmap(mapping_, mappingLength_); }
+
+}  // namespace mlnn::test
