@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "features/string_split.h"
+#include "model/FloatReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
@@ -122,7 +123,7 @@ struct SizeLine {
 
 class AsciiReader {
  public:
-  AsciiReader(std::istream& in, MultiLayerNNModel& model) : in_(in), model_(model) {}
+  AsciiReader(std::istream& in, MultiLayerNNModel& model) : in_(in), floats_(in), model_(model) {}
 
   bool read() {
     reset();
@@ -160,12 +161,14 @@ class AsciiReader {
   bool checkEnd();
 
   std::string readLine();
+  std::size_t readValues(std::vector<float>& values, std::size_t count);
   void readKeyword(std::string& word, int& count);
   NNLayer& makeLayer(std::size_t index, int numLayers, const SizeLine& line);
   template <typename Store>
   void readRows(NNLayer& layer, int rows, Index valuesPerRow, Store store);
 
   std::istream& in_;
+  mlnn::FloatReader floats_;
   MultiLayerNNModel& model_;
   int version_ = 2;
   bool featureDescFound_ = false;
@@ -177,6 +180,17 @@ std::string AsciiReader::readLine() {
   std::string line;
   std::getline(in_, line);
   return line;
+}
+
+// Reads `count` values into a vector, which grows as they arrive where it is too short.
+// Returns how many entries were reached, the one that could not be read included.
+std::size_t AsciiReader::readValues(std::vector<float>& values, std::size_t count) {
+  std::size_t reached = 0;
+  while (reached < count && in_) {
+    if (reached == values.size()) values.resize(std::min(count, reached + kTrustedEntries));
+    reached += floats_.read(values.data() + reached, std::min(values.size(), count) - reached);
+  }
+  return reached;
 }
 
 void AsciiReader::reset() {
@@ -303,10 +317,7 @@ bool AsciiReader::readCurve(std::vector<float>& values, int count) {
   const auto size = static_cast<std::size_t>(count);
   const std::size_t trusted = std::max(values.size(), std::size_t{kTrustedEntries});
   values.resize(std::min(size, trusted));
-  for (std::size_t i = 0; i < size && in_; ++i) {
-    if (i == values.size()) values.push_back(0.0f);
-    in_ >> values[i];
-  }
+  readValues(values, size);
   return true;
 }
 
@@ -365,10 +376,7 @@ template <typename Store>
 void AsciiReader::readRows(NNLayer& layer, int rows, Index valuesPerRow, Store store) {
   for (Index r = 0; r < rows && in_; ++r) {
     row_.clear();
-    for (Index i = 0; i < valuesPerRow && in_; ++i) {
-      row_.push_back(0.0f);
-      in_ >> row_.back();
-    }
+    row_.resize(readValues(row_, static_cast<std::size_t>(valuesPerRow)));
     if (in_) makeRoomForRow(layer, r, rows);
     if (r < layer.weights.rows()) store(r);
   }

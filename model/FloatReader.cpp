@@ -1,0 +1,158 @@
+#include "model/FloatReader.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <locale>
+#include <streambuf>
+
+namespace mlnn {
+namespace {
+
+// The characters that a stream buffer holds ready. Their pointers are protected members, to
+// which a derived class may form member pointers.
+class GetArea : public std::streambuf {
+ public:
+  static const char* begin(const std::streambuf& buffer) { return (buffer.*&GetArea::gptr)(); }
+  static const char* end(const std::streambuf& buffer) { return (buffer.*&GetArea::egptr)(); }
+
+  // Takes `count` characters, which are in the buffer.
+  static void consume(std::streambuf& buffer, std::ptrdiff_t count) {
+    constexpr std::ptrdiff_t kMaxStep = std::numeric_limits<int>::max();
+    for (; count > kMaxStep; count -= kMaxStep) (buffer.*&GetArea::gbump)(int{kMaxStep});
+    (buffer.*&GetArea::gbump)(static_cast<int>(count));
+  }
+};
+
+// White space of the classic locale.
+bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// A decimal number as mantissa * 10^exponent.
+struct Decimal {
+  uint64_t mantissa = 0;
+  int digits = 0;  // read into the mantissa, leading zeros included
+  int exponent = 0;
+  bool isNegative = false;
+};
+
+constexpr int kMaxDigits = 18;         // what a mantissa holds without overflow
+constexpr int kMaxExponentDigits = 4;  // more of them are left to others
+
+const char* scanDigits(const char* p, const char* end, Decimal& number) {
+  for (; p != end && isDigit(*p) && number.digits <= kMaxDigits; ++p, ++number.digits) {
+    number.mantissa = 10 * number.mantissa + static_cast<uint64_t>(*p - '0');
+  }
+  return p;
+}
+
+// Returns the position behind [e[+-]digits], or nullptr when there is an e without a number.
+const char* scanExponent(const char* p, const char* end, Decimal& number) {
+  if (p == end || (*p != 'e' && *p != 'E')) return p;
+  ++p;
+  const bool isNegative = p != end && *p == '-';
+  if (p != end && (*p == '-' || *p == '+')) ++p;
+  const char* const digits = p;
+  int exponent = 0;
+  for (; p != end && isDigit(*p) && p - digits < kMaxExponentDigits; ++p) {
+    exponent = 10 * exponent + (*p - '0');
+  }
+  if (p == digits) return nullptr;
+  number.exponent += isNegative ? -exponent : exponent;
+  return p;
+}
+
+// Returns the position behind the number, which is before `end`, or nullptr.
+const char* scan(const char* p, const char* end, Decimal& number) {
+  number.isNegative = p != end && *p == '-';
+  if (number.isNegative) ++p;
+  p = scanDigits(p, end, number);
+  if (p != end && *p == '.') {
+    const int before = number.digits;
+    p = scanDigits(p + 1, end, number);
+    number.exponent = before - number.digits;
+  }
+  if (number.digits == 0 || number.digits > kMaxDigits) return nullptr;
+  p = scanExponent(p, end, number);
+  return p == nullptr || p == end ? nullptr : p;
+}
+
+// Powers of ten that a double holds exactly.
+constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                   1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                   1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+constexpr int kMaxPower = 22;
+constexpr uint64_t kMaxExactMantissa = uint64_t{1} << 53;
+
+// Converts a number whose mantissa and power of ten are exact as doubles: their product or
+// quotient is then the double nearest to it (W. Clinger, How to read floating point numbers
+// accurately, 1990), far from a float's limits. Rounding that to a float gives the float
+// nearest to the number, unless the double lies halfway between two floats: the number itself
+// may then lie on either side. Returns false in that case and for other numbers.
+bool convertExactly(const Decimal& number, float& value) {
+  if (number.mantissa > kMaxExactMantissa) return false;
+  if (number.exponent < -kMaxPower || number.exponent > kMaxPower) return false;
+  const auto mantissa = static_cast<double>(number.mantissa);
+  const double magnitude = number.exponent < 0 ? mantissa / kPowersOfTen[-number.exponent]
+                                               : mantissa * kPowersOfTen[number.exponent];
+  constexpr uint64_t kBelowFloat = (uint64_t{1} << 29) - 1;  // bits that a float lacks
+  constexpr uint64_t kHalf = uint64_t{1} << 28;
+  uint64_t bits;
+  std::memcpy(&bits, &magnitude, sizeof bits);
+  if ((bits & kBelowFloat) == kHalf) return false;
+  value = static_cast<float>(number.isNegative ? -magnitude : magnitude);
+  return true;
+}
+
+}  // namespace
+
+const char* parsePlainFloat(const char* text, const char* end, float& value) {
+  Decimal number;
+  const char* const behind = scan(text, end, number);
+  if (behind == nullptr) return nullptr;
+  if (convertExactly(number, value)) return behind;
+  float converted = 0;
+  const std::from_chars_result result = std::from_chars(text, behind, converted);
+  if (result.ec != std::errc() || result.ptr != behind) return nullptr;
+  value = converted;
+  return behind;
+}
+
+FloatReader::FloatReader(std::istream& in)
+    : in_(in), isPlain_(in.getloc() == std::locale::classic() && (in.flags() & std::ios::skipws)) {}
+
+std::size_t FloatReader::read(float* values, std::size_t count) {
+  std::size_t done = 0;
+  while (done < count) {
+    if (isPlain_ && in_.good()) done += readBuffered(values + done, count - done);
+    if (done == count) break;
+    in_ >> values[done++];
+    if (!in_) break;
+  }
+  return done;
+}
+
+// Reads numbers that the stream has in its buffer, together with the character behind each.
+// Returns how many.
+std::size_t FloatReader::readBuffered(float* values, std::size_t count) {
+  std::streambuf& buffer = *in_.rdbuf();
+  const char* const begin = GetArea::begin(buffer);
+  const char* const end = GetArea::end(buffer);
+  const char* taken = begin;
+  std::size_t done = 0;
+  while (done < count) {
+    const char* const text = std::find_if_not(taken, end, isSpace);
+    float value = 0;
+    const char* const behind = parsePlainFloat(text, end, value);
+    if (behind == nullptr || !isSpace(*behind)) break;
+    values[done++] = value;
+    taken = behind;
+  }
+  GetArea::consume(buffer, taken - begin);
+  return done;
+}
+
+}  // namespace mlnn

@@ -1,0 +1,300 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <locale>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "model/FloatReader.h"
+
+namespace {
+
+// Hands out a text in pieces of `pieceLength` characters.
+class PieceBuffer : public std::streambuf {
+ public:
+  PieceBuffer(const std::string& text, std::size_t pieceLength)
+      : text_(text), pieceLength_(pieceLength) {}
+
+ protected:
+  int_type underflow() override {
+    if (position_ == text_.size()) return traits_type::eof();
+    const std::size_t length = std::min(pieceLength_, text_.size() - position_);
+    char* const begin = text_.data() + position_;
+    setg(begin, begin, begin + length);
+    position_ += length;
+    return traits_type::to_int_type(*begin);
+  }
+
+ private:
+  std::string text_;
+  std::size_t pieceLength_;
+  std::size_t position_ = 0;
+};
+
+// What reading a text left behind.
+struct Outcome {
+  std::vector<uint32_t> valueBits;
+  std::size_t reached;
+  std::ios::iostate state;
+  std::string rest;
+
+  bool operator==(const Outcome& other) const {
+    return valueBits == other.valueBits && reached == other.reached && state == other.state &&
+           rest == other.rest;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
+  out << outcome.reached << " reached, state " << outcome.state << ", rest '" << outcome.rest
+      << "', values" << std::hex;
+  for (const uint32_t bits : outcome.valueBits) out << " " << bits;
+  return out << std::dec;
+}
+
+std::size_t readPlainly(std::istream& in, float* values, std::size_t count) {
+  std::size_t done = 0;
+  while (done < count) {
+    in >> values[done++];
+    if (!in) break;
+  }
+  return done;
+}
+
+std::size_t readFast(std::istream& in, float* values, std::size_t count) {
+  return mlnn::FloatReader(in).read(values, count);
+}
+
+using Prepare = void (*)(std::istream&);
+
+Outcome outcomeOf(std::size_t (*read)(std::istream&, float*, std::size_t), const std::string& text,
+                  std::size_t pieceLength, Prepare prepare) {
+  PieceBuffer buffer(text, pieceLength);
+  std::istream in(&buffer);
+  prepare(in);
+  std::vector<float> values(6, 42.0f);
+  Outcome outcome;
+  outcome.reached = read(in, values.data(), values.size());
+  outcome.state = in.rdstate();
+  for (const float value : values) {
+    uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    outcome.valueBits.push_back(bits);
+  }
+  in.clear();
+  in.imbue(std::locale::classic());
+  std::getline(in, outcome.rest, '\0');
+  return outcome;
+}
+
+void nothing(std::istream&) {}
+
+void expectSame(const std::string& text, Prepare prepare = nothing) {
+  for (const std::size_t pieceLength : {1, 2, 3, 7, 1000}) {
+    const Outcome expected = outcomeOf(readPlainly, text, pieceLength, prepare);
+    const Outcome found = outcomeOf(readFast, text, pieceLength, prepare);
+    ASSERT_EQ(expected, found) << "text '" << text << "' in pieces of " << pieceLength;
+  }
+}
+
+const char* const kTokens[] = {"0",
+                               "-0",
+                               "1",
+                               "-1",
+                               "+1",
+                               "0.5",
+                               ".5",
+                               "5.",
+                               ".",
+                               "-",
+                               "+",
+                               "--1",
+                               "1e5",
+                               "1E5",
+                               "1e+5",
+                               "1e-5",
+                               "1e",
+                               "1e+",
+                               "1e-",
+                               "e5",
+                               "1e5.5",
+                               "1.5.5",
+                               "1e38",
+                               "3.4028235e38",
+                               "3.4028236e38",
+                               "3.5e38",
+                               "-1e39",
+                               "1e50",
+                               "1e400",
+                               "1e99999",
+                               "1e999999999999",
+                               "1e-30",
+                               "1e-38",
+                               "1e-45",
+                               "7e-46",
+                               "1e-50",
+                               "1e-400",
+                               "1.17549435e-38",
+                               "0e50",
+                               "0e-99999",
+                               "0x1",
+                               "0x1p3",
+                               "nan",
+                               "inf",
+                               "-inf",
+                               "infinity",
+                               "1f",
+                               "1d",
+                               "1,5",
+                               "1,000",
+                               "00012",
+                               "0000000000000000000000000000001",
+                               "123456789012345678",
+                               "1234567890123456789",
+                               "12345678901234567890",
+                               "0.123456789012345678901",
+                               "16777216",
+                               "16777217",
+                               "16777219",
+                               "9007199254740993",
+                               "33554433.000000001",
+                               "1.00000005960464477539062",
+                               "1.000000059604644775390625",
+                               "1.0000000596046447753906251",
+                               "abc",
+                               "1abc",
+                               "1-1",
+                               "1#",
+                               "#",
+                               "1e22",
+                               "1e23",
+                               "123456789e-22",
+                               "123456789e-23",
+                               "99999999999999999999999999",
+                               "0.1",
+                               "0.2",
+                               "0.3",
+                               "1.1754942e-38"};
+
+TEST(FloatReader, readsEveryKindOfTokenAsTheStreamDoes) {
+  for (const char* first : kTokens) {
+    for (const char* separator : {" ", "\t", "\n", "\r\n", "\v\f", "  \t\n", "", ","}) {
+      expectSame(std::string(first) + separator + "2.5 7");
+      expectSame(std::string("1.25 ") + first + separator);
+      expectSame(std::string(first) + separator);
+    }
+  }
+}
+
+TEST(FloatReader, readsNulBytesAndHighBytesAsTheStreamDoes) {
+  for (const char byte : {'\0', '\x80', '\xff', '\x1f', '\x7f', '\xa0'}) {
+    expectSame(std::string("1.5 2") + byte + " 3.5 ");
+    expectSame(std::string("1.5") + byte);
+    expectSame(byte + std::string("1.5 2.5 "));
+  }
+}
+
+TEST(FloatReader, readsAnythingThatLooksLikeNumbersAsTheStreamDoes) {
+  const char alphabet[] = "0123456789012345678900..--+eE \t\nx,";
+  std::mt19937 random(1);
+  for (int i = 0; i < 50000; ++i) {
+    std::string text(random() % 40, ' ');
+    for (char& c : text) c = alphabet[random() % (sizeof alphabet - 1)];
+    expectSame(text);
+  }
+}
+
+TEST(FloatReader, readsAllPrecisionsOfAnyFloat) {
+  std::mt19937 random(2);
+  for (int i = 0; i < 20000; ++i) {
+    const auto bits = static_cast<uint32_t>(random());
+    float value;
+    std::memcpy(&value, &bits, sizeof value);
+    char text[80];
+    const int precision = static_cast<int>(random() % 20);
+    std::snprintf(text, sizeof text, "%.*g %.*e ", precision, double{value}, precision,
+                  double{value});
+    expectSame(text);
+  }
+}
+
+// Numbers next to the middle between two floats, where one wrong rounding would show.
+TEST(FloatReader, roundsOnceNearTheMiddleOfTwoFloats) {
+  std::mt19937 random(3);
+  for (int i = 0; i < 20000; ++i) {
+    const auto bits = static_cast<uint32_t>(0x20000000u + random() % 0x3F000000u);
+    float lower;
+    std::memcpy(&lower, &bits, sizeof lower);
+    float upper;
+    const uint32_t nextBits = bits + 1;
+    std::memcpy(&upper, &nextBits, sizeof upper);
+    const double middle = (double{lower} + double{upper}) / 2;
+    char text[80];
+    std::snprintf(text, sizeof text, "%.*g ", 9 + static_cast<int>(random() % 9), middle);
+    expectSame(text);
+  }
+}
+
+struct CommaPunctuation : std::numpunct<char> {
+  char do_decimal_point() const override { return ','; }
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(FloatReader, followsTheStreamsLocale) {
+  for (const char* text : {"1,5 2,25 ", "1.000,5 2 ", "1.5 2.5 ", "0.5 "}) {
+    expectSame(text, [](std::istream& in) {
+      in.imbue(std::locale(std::locale::classic(), new CommaPunctuation));
+    });
+  }
+}
+
+TEST(FloatReader, followsTheStreamsFlags) {
+  for (const char* text : {"1.5 2.5 ", " 1.5 2.5 ", "1.5"}) {
+    expectSame(text, [](std::istream& in) { in >> std::noskipws; });
+    expectSame(text, [](std::istream& in) { in >> std::hex; });
+  }
+}
+
+TEST(FloatReader, leavesTargetsAloneWhenTheStreamHasFailed) {
+  expectSame("1.5 2.5 ", [](std::istream& in) { in.setstate(std::ios::failbit); });
+  expectSame("1.5 2.5 ", [](std::istream& in) { in.setstate(std::ios::eofbit); });
+}
+
+TEST(FloatReader, canTakeTurnsWithOtherReads) {
+  std::istringstream in("1.5 2.5 word 3.5\tline\n4.5 ");
+  mlnn::FloatReader reader(in);
+  float values[2] = {};
+  std::string text;
+  EXPECT_EQ(reader.read(values, 2), 2u);
+  EXPECT_EQ(values[0], 1.5f);
+  EXPECT_EQ(values[1], 2.5f);
+  in >> text;
+  EXPECT_EQ(text, "word");
+  EXPECT_EQ(reader.read(values, 1), 1u);
+  EXPECT_EQ(values[0], 3.5f);
+  std::getline(in, text);
+  EXPECT_EQ(text, "\tline");
+  EXPECT_EQ(reader.read(values, 1), 1u);
+  EXPECT_EQ(values[0], 4.5f);
+  EXPECT_TRUE(in.good());
+}
+
+TEST(ParsePlainFloat, stopsBehindTheNumber) {
+  const std::string text = "-1.25e1 ";
+  float value = 0;
+  EXPECT_EQ(mlnn::parsePlainFloat(text.data(), text.data() + text.size(), value), text.data() + 7);
+  EXPECT_EQ(value, -12.5f);
+}
+
+TEST(ParsePlainFloat, refusesWhatReachesTheEnd) {
+  const std::string text = "1.25";
+  float value = 42;
+  EXPECT_EQ(mlnn::parsePlainFloat(text.data(), text.data() + text.size(), value), nullptr);
+  EXPECT_EQ(value, 42);
+}
+
+}  // namespace
