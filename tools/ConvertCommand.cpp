@@ -1,0 +1,62 @@
+#include "tools/ConvertCommand.h"
+
+#include "tools/ModelFile.h"
+#include "tools/ModelSaving.h"
+#include "tools/Tool.h"
+
+namespace mlnn {
+namespace {
+
+struct Options {
+  std::string in;
+  std::string out;
+  LoadOptions load;
+  SaveOptions save;
+};
+
+CommandHelp help() {
+  CommandHelp help;
+  help.name = "convert";
+  help.summary = "Writes a model as text or as a binary image";
+  help.details =
+      "Where neither --to nor the name of OUT tells the format, it is the other one than IN has.\n"
+      "\n"
+      "The two formats do not hold the same things. What OUT cannot hold is named on standard\n"
+      "error before anything is written. What can be kept in another form is: in a text, the\n"
+      "feature description and the normalisation as note lines, and the activation that the\n"
+      "hidden batch-norm layers share as the property hidden_act_fn.";
+  help.examples =
+      "mlnn convert model.txt model.mlnn\n"
+      "mlnn convert --strict model.mlnn model.txt\n"
+      "mlnn convert --to ascii --precision 6 model.mlnn - | less";
+  help.exitStatus =
+      "0  done\n"
+      "1  IN does not load, OUT cannot be written, or --strict and something would be lost;\n"
+      "   OUT is as it was\n"
+      "2  wrong usage";
+  return help;
+}
+
+ModelFormat otherThan(ModelFormat format) {
+  return format == ModelFormat::kText ? ModelFormat::kBinary : ModelFormat::kText;
+}
+
+int run(const Options& options) {
+  ModelFile file = loadModel(options.in, options.load);
+  const ModelFormat format = formatToSave(options.out, options.save, otherThan(file.format));
+  saveModel(file.model, options.out, format, options.save);
+  return kDone;
+}
+
+}  // namespace
+
+void addConvertCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add_option("IN", options->in, "Model of either format; - is standard input")->required();
+  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
+  addSaveOptions(command, options->save);
+  addLoadOptions(command, options->load);
+}
+
+}  // namespace mlnn

@@ -1,0 +1,36 @@
+// diagnose — finds the first place of a model file that does not fit its format.
+//
+// A walk over the bytes beside the library's reader: it finds a place exactly where the reader
+// refuses a file that it reads into a new model, and says more about it. Memory stays in
+// proportion to the file's length, time to its length.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace mlnn {
+
+// A place and what is wrong there. Text from the file is escaped.
+struct Misfit {
+  std::size_t offset = 0;  // of the first byte that does not fit; the length at the file's end
+  std::size_t line = 0;    // of a text file, from 1; 0 in an image
+  std::size_t column = 0;  // in bytes, from 1; 0 in an image
+  std::string field;       // what stands there, as in "layer 2, row 3, weight 7"
+  std::string expected;
+  std::string found;
+  std::string hint;  // what may be the reason; may be empty
+};
+
+// Returns the first misfit of a file of either format, nothing when there is none.
+std::optional<Misfit> diagnose(std::string_view file);
+
+// Returns "line 31, column 5: layer 2, row 3, weight 7: expected a number, found 'abc'", with
+// "byte 1000" in place of line and column for an image.
+std::string describe(const Misfit& misfit);
+
+// What is found where a file is over.
+inline constexpr char kEndOfFile[] = "the end of the file";
+
+}  // namespace mlnn

@@ -1,0 +1,28 @@
+// Failure — how the tool's own code says that it cannot go on, and the lines that it puts on
+// the standard error stream.
+#pragma once
+
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+namespace mlnn {
+
+// A command that throws it prints "ERROR: " and the text and ends with its failure status.
+// Text that comes from a file or a command line goes in escaped (tools/Escape.h).
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The command line asks for something that does not make sense; status 2.
+class UsageError : public Failure {
+ public:
+  using Failure::Failure;
+};
+
+inline void printError(const std::string& text) { std::cerr << "ERROR: " + text + "\n"; }
+inline void printWarning(const std::string& text) { std::cerr << "Warning: " + text + "\n"; }
+inline void printInfo(const std::string& text) { std::cerr << "info: " + text + "\n"; }
+
+}  // namespace mlnn

@@ -1,0 +1,260 @@
+#include "tools/InfoCommand.h"
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "tools/Escape.h"
+#include "tools/ModelFile.h"
+#include "tools/Numbers.h"
+#include "tools/Table.h"
+#include "tools/Tool.h"
+
+namespace mlnn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct Options {
+  std::string model;
+  bool json = false;
+  LoadOptions load;
+};
+
+CommandHelp help() {
+  CommandHelp help;
+  help.name = "info";
+  help.summary = "Says what is in a model file";
+  help.details =
+      "Text from the file is shown with control characters escaped. Activations are those that\n"
+      "the other commands work with: see --act-fn.";
+  help.examples =
+      "mlnn info model.txt\n"
+      "mlnn info --json model.mlnn | jq .layers";
+  help.exitStatus =
+      "0  done\n"
+      "1  the model does not load\n"
+      "2  wrong usage";
+  return help;
+}
+
+std::size_t length(const Eigen::VectorXf& values) {
+  return static_cast<std::size_t>(values.size());
+}
+
+// The numbers that a layer computes with.
+std::size_t parametersOf(const NNLayer& layer) {
+  const auto weights = static_cast<std::size_t>(layer.weights.size());
+  if (!layer.isBatchNorm) return weights + length(layer.bias);
+  return weights + length(layer.gamma) + length(layer.beta) + length(layer.gamma_inf) +
+         length(layer.beta_inf);
+}
+
+std::size_t bytesOf(const NNLayer& layer) {
+  const std::size_t unused = layer.isBatchNorm
+                                 ? length(layer.bias)
+                                 : length(layer.gamma) + length(layer.beta) +
+                                       length(layer.gamma_inf) + length(layer.beta_inf);
+  return sizeof(NNLayer) + (parametersOf(layer) + unused) * sizeof(float);
+}
+
+std::size_t parametersOf(const MultiLayerNNModel& model) {
+  std::size_t sum = 0;
+  for (const NNLayer* layer : model.layers) sum += parametersOf(*layer);
+  return sum;
+}
+
+// What the model takes in memory, to within what the allocator adds.
+std::size_t bytesOf(const MultiLayerNNModel& model) {
+  std::size_t sum = sizeof(MultiLayerNNModel);
+  for (const NNLayer* layer : model.layers) sum += sizeof layer + bytesOf(*layer);
+  sum += (length(model.deltasNorm.minvals) + length(model.deltasNorm.normvals)) * sizeof(float);
+  sum += (model.loss.size() + model.accuracy.size()) * sizeof(float);
+  for (const std::string& note : model.notes.lines) sum += sizeof note + note.size();
+  for (const auto& [key, value] : model.props) {
+    sum += sizeof key + sizeof value + key.size() + value.size();
+  }
+  return sum;
+}
+
+const char* formatWord(const ModelFile& file) {
+  return file.format == ModelFormat::kText ? kTextFormatWord : kBinaryFormatWord;
+}
+
+const char* kindOf(const NNLayer& layer) { return layer.isBatchNorm ? "batch norm" : "plain"; }
+
+std::string textOf(const DbnFeatureDescription& desc) {
+  std::string text;
+  desc.serialize(text);
+  return text;
+}
+
+// --- JSON ---
+
+Json layersJson(const MultiLayerNNModel& model) {
+  Json layers = Json::array();
+  for (const NNLayer* layer : model.layers) {
+    layers.push_back({{"kind", layer->isBatchNorm ? "batch_norm" : "plain"},
+                      {"inputs", layer->weights.cols()},
+                      {"outputs", layer->weights.rows()},
+                      {"activation", ActFn::actFnToString(layer->actFn)},
+                      {"parameters", parametersOf(*layer)}});
+  }
+  return layers;
+}
+
+Json featuresJson(const DbnFeatureDescription& desc) {
+  return {{"text", textOf(desc)},
+          {"type", int{desc.featType}},
+          {"bands", desc.numBands},
+          {"left", desc.winSizeLeft},
+          {"right", desc.winSizeRight},
+          {"deltas", desc.useDeltas},
+          {"line_kernels", desc.useLineKernels},
+          {"line_kernel_width", desc.lineKernelWidth},
+          {"frame_length", desc.frameLen()},
+          {"length", desc.featLen()}};
+}
+
+Json valuesJson(const Eigen::VectorXf& values) {
+  return std::vector<float>(values.data(), values.data() + values.size());
+}
+
+Json headJson(const ModelFile& file) {
+  Json json = {{"file", file.name}, {"format", formatWord(file)}};
+  json["version"] = file.format == ModelFormat::kText ? Json(file.textVersion) : Json();
+  json["bytes"] = file.length;
+  return json;
+}
+
+// Bytes that are not UTF-8, which JSON cannot hold, become U+FFFD; numbers that are not
+// finite become null.
+void printJson(const ModelFile& file) {
+  const MultiLayerNNModel& model = file.model;
+  Json json = headJson(file);
+  json["inputs"] = model.numInputs();
+  json["outputs"] = model.numOutputs();
+  json["softmax"] = model.useSoftmax;
+  json["layers"] = layersJson(model);
+  json["parameters"] = parametersOf(model);
+  json["memory_bytes"] = bytesOf(model);
+  json["checksum"] = model.checksum();
+  json["features"] = featuresJson(model.featureDesc);
+  json["normalisation"] = {{"minvals", valuesJson(model.deltasNorm.minvals)},
+                           {"normvals", valuesJson(model.deltasNorm.normvals)}};
+  json["properties"] = model.props;
+  json["notes"] = model.notes.lines;
+  json["loss"] = model.loss;
+  json["accuracy"] = model.accuracy;
+  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+}
+
+// --- Text ---
+
+void printField(const std::string& name, const std::string& value) {
+  constexpr std::size_t kWidth = 16;
+  std::cout << name << std::string(kWidth - name.size(), ' ') << value << "\n";
+}
+
+std::string formatText(const ModelFile& file) {
+  return file.format == ModelFormat::kText ? "text, version " + std::to_string(file.textVersion)
+                                           : std::string("binary image");
+}
+
+std::string checksumText(const MultiLayerNNModel& model) {
+  return std::to_string(model.checksum());
+}
+
+std::string normalisationText(const MelDeltasNorm& norm) {
+  if (norm.minvals.size() == 0 && norm.normvals.size() == 0) return "none";
+  const auto range = [](const Eigen::VectorXf& values) {
+    return generalNumber(static_cast<double>(values.minCoeff()), 6) + " to " +
+           generalNumber(static_cast<double>(values.maxCoeff()), 6);
+  };
+  const bool changesNothing =
+      (norm.minvals.array() == 0).all() && (norm.normvals.array() == 1).all();
+  if (changesNothing) return "changes nothing";
+  return std::to_string(norm.minvals.size()) + " values: minvals " + range(norm.minvals) +
+         ", normvals " + range(norm.normvals);
+}
+
+std::string curveText(const std::vector<float>& values) {
+  if (values.empty()) return "none";
+  const auto text = [](float value) { return generalNumber(static_cast<double>(value), 6); };
+  return counted(values.size(), "value") + ", first " + text(values.front()) + ", last " +
+         text(values.back());
+}
+
+std::string featuresText(const DbnFeatureDescription& desc) {
+  const std::string length =
+      desc.featLen() == 0 ? "length unknown" : std::to_string(desc.featLen()) + " inputs";
+  return textOf(desc) + " (" + length + ")";
+}
+
+void printLayers(const MultiLayerNNModel& model) {
+  using Align = Table::Align;
+  Table table(
+      {Align::kRight, Align::kRight, Align::kRight, Align::kLeft, Align::kLeft, Align::kRight},
+      {"layer", "inputs", "outputs", "kind", "activation", "parameters"});
+  for (std::size_t i = 0; i < model.layers.size(); ++i) {
+    const NNLayer& layer = *model.layers[i];
+    table.addRow({std::to_string(i + 1), std::to_string(layer.weights.cols()),
+                  std::to_string(layer.weights.rows()), kindOf(layer),
+                  ActFn::actFnToString(layer.actFn), std::to_string(parametersOf(layer))});
+  }
+  table.print(std::cout);
+}
+
+// A note may be very long, as the lines that carry the normalisation are.
+std::string shortened(const std::string& text) {
+  constexpr std::size_t kShown = 160;
+  if (text.size() <= kShown) return escaped(text);
+  std::size_t end = kShown;
+  while (end > 0 && (text[end] & 0xC0) == 0x80) --end;  // not inside a UTF-8 character
+  return escaped(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
+void printText(const ModelFile& file) {
+  const MultiLayerNNModel& model = file.model;
+  printField("file", escaped(file.name));
+  printField("format", formatText(file) + ", " + std::to_string(file.length) + " bytes");
+  printField("shape", model.debug_description());
+  printField("parameters", std::to_string(parametersOf(model)) + ", " +
+                               std::to_string(bytesOf(model)) + " bytes in memory");
+  printField("checksum", checksumText(model));
+  printField("softmax", model.useSoftmax ? "on" : "off");
+  printField("features", featuresText(model.featureDesc));
+  printField("normalisation", normalisationText(model.deltasNorm));
+  printField("loss", curveText(model.loss));
+  printField("accuracy", curveText(model.accuracy));
+  std::cout << "\n";
+  printLayers(model);
+  if (!model.props.empty()) std::cout << "\nproperties\n";
+  for (const auto& [key, value] : model.props) {
+    std::cout << "  " << shortened(key) << " = " << shortened(value) << "\n";
+  }
+  if (!model.notes.lines.empty()) std::cout << "\nnotes\n";
+  for (const std::string& note : model.notes.lines) std::cout << "  " << shortened(note) << "\n";
+}
+
+int run(const Options& options) {
+  const ModelFile file = loadModel(options.model, options.load);
+  if (options.json) {
+    printJson(file);
+  } else {
+    printText(file);
+  }
+  return kDone;
+}
+
+}  // namespace
+
+void addInfoCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
+      ->required();
+  command.add_flag("--json", options->json, "Print JSON, with all values and whole texts");
+  addLoadOptions(command, options->load);
+}
+
+}  // namespace mlnn

@@ -1,0 +1,72 @@
+#include "tools/InputFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/Escape.h"
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(const std::string& name)
+      : isOwned_(name != kStandardStream),
+        descriptor_(isOwned_ ? open(name.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO) {}
+  ~Descriptor() {
+    if (isOwned_ && descriptor_ >= 0) close(descriptor_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return descriptor_; }
+
+ private:
+  bool isOwned_;
+  int descriptor_;
+};
+
+[[noreturn]] void failToRead(const std::string& name) {
+  throw Failure("cannot read " + inputName(name) + ": " + std::strerror(errno));
+}
+
+// What a regular file is going to need; 0 for anything else.
+std::size_t expectedLength(int descriptor) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+  return static_cast<std::size_t>(status.st_size);
+}
+
+}  // namespace
+
+std::string inputName(const std::string& name) {
+  return name == kStandardStream ? "standard input" : inQuotes(name);
+}
+
+std::string readInput(const std::string& name) {
+  const Descriptor file(name);
+  if (file.get() < 0) failToRead(name);
+  constexpr std::size_t kChunk = std::size_t{1} << 17;
+  std::string bytes;
+  bytes.reserve(std::max(expectedLength(file.get()) + 1, kChunk));
+  for (std::size_t length = 0;;) {
+    // One byte more than the capacity makes the string double it.
+    bytes.resize(std::max(length + 1, std::min(bytes.capacity(), length + kChunk)));
+    const ssize_t count = read(file.get(), &bytes[length], bytes.size() - length);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) failToRead(name);
+    length += static_cast<std::size_t>(count);
+    if (count == 0) {
+      bytes.resize(length);
+      return bytes;
+    }
+  }
+}
+
+}  // namespace mlnn

@@ -1,0 +1,44 @@
+// Inputs — how the frames of a file become the input vectors of a model.
+#pragma once
+
+#include <Eigen/Core>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "features/ContextWindow.h"
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+// Returns the width of a single frame that the model's feature description states. Where that
+// states no bands: the 120 values of the normalisation, if they times the window give the
+// model's inputs. 0 where neither tells.
+int frameWidth(const MultiLayerNNModel& model);
+
+class Inputs {
+ public:
+  // Decides by the width of a file's frames what they are: single frames, which are normalised
+  // and stacked as the model says, or input vectors already. Where both fit they are single
+  // frames unless `stacked` says otherwise.
+  // `what` names the frames in messages.
+  // Throws: Failure that names both widths when neither fits.
+  static Inputs forFrames(const MultiLayerNNModel& model, Eigen::Index width, bool stacked,
+                          const std::string& what);
+
+  // Whether the frames are input vectors already.
+  bool areStacked() const { return !window_; }
+
+  // Hands the input vectors of a recording to `use` in order, in blocks of some hundred, so
+  // that a long recording is never stacked as a whole. Each column is one vector.
+  // REQUIRES: frames as wide as was said to forFrames.
+  void forEachBlock(const Eigen::MatrixXf& frames,
+                    const std::function<void(const Eigen::Ref<const Eigen::MatrixXf>&)>& use) const;
+
+ private:
+  explicit Inputs(std::optional<ContextWindow> window) : window_(std::move(window)) {}
+
+  std::optional<ContextWindow> window_;
+};
+
+}  // namespace mlnn

@@ -1,0 +1,57 @@
+// ModelFile — a model with what its file said beside it, and how every command reads one.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+enum class ModelFormat { kText, kBinary };
+
+// The words for the formats in options and reports.
+inline constexpr char kTextFormatWord[] = "ascii";
+inline constexpr char kBinaryFormatWord[] = "binary";
+
+struct ModelFile {
+  MultiLayerNNModel model;
+  std::string name;  // "-" for the standard input
+  ModelFormat format = ModelFormat::kText;
+  int textVersion = 0;     // 1 or 2; 0 in an image
+  std::size_t length = 0;  // bytes
+};
+
+// How a command wants its models read.
+struct LoadOptions {
+  std::string hiddenActFn;  // for layers whose file records none; "" when not given
+  bool verbose = false;     // show the reader's information lines too
+};
+
+// Declares --act-fn and --verbose on a command.
+void addLoadOptions(CLI::App& command, LoadOptions& options);
+
+// Reads a model of either format from a file, or from the standard input ("-").
+//
+// Activations that the file does not record are set on all layers but the last: to the one
+// that the options give, else to the one that the property hidden_act_fn names. What was
+// done, or that there is none, is said on the standard error stream. The reader's own error
+// lines are shown in any case, with control characters escaped.
+// Throws: Failure, after the reader's own messages.
+ModelFile loadModel(const std::string& name, const LoadOptions& options = {});
+
+// Reads a model from memory. What the reader prints goes into `messages` instead of being
+// shown.
+// Returns: whether it could be read. `file.name` is left alone.
+bool parseModel(const std::string& bytes, ModelFile& file, std::string& messages);
+
+// Sets the activations that the file does not record, as loadModel does: to `given`, or where
+// that is "" to what the property says. Prints what it did.
+void setHiddenActivations(ModelFile& file, const std::string& given);
+
+// The property that names the activation of hidden layers.
+inline constexpr char kHiddenActFnProperty[] = "hidden_act_fn";
+
+}  // namespace mlnn

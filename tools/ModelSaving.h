@@ -1,0 +1,41 @@
+// Saving a model in either format, so that nothing is lost in silence.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <iosfwd>
+#include <string>
+
+#include "tools/ModelFile.h"
+#include "tools/Numbers.h"
+
+namespace mlnn {
+
+// How a command wants its model written.
+struct SaveOptions {
+  std::string format;            // kTextFormatWord, kBinaryFormatWord, or "" for by name
+  int precision = kExactDigits;  // digits of the numbers in a text
+  bool strict = false;           // refuse rather than lose anything
+};
+
+// Declares --to, --precision and --strict on a command.
+void addSaveOptions(CLI::App& command, SaveOptions& options);
+
+// Returns the format in which a file of that name is written: what the options say, else
+// what the name says (.txt is text, .mlnn and .bin are images), else `otherwise`.
+ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
+                         ModelFormat otherwise);
+
+// Writes the model to a file that appears when it is complete, or to the standard output
+// ("-"). Before that, prints what was done to the model to keep things that the format has
+// no place for, and what it cannot hold.
+// The model is made ready for the format: notes, a property or the normalisation may change.
+// Throws: Failure; also where the options are strict and something would be lost.
+void saveModel(MultiLayerNNModel& model, const std::string& name, ModelFormat format,
+               const SaveOptions& options);
+
+// Writes a model that was made ready.
+// Throws: Failure when it is too large for an image. Errors of the stream are the caller's.
+void writeModel(const MultiLayerNNModel& model, ModelFormat format, int precision,
+                std::ostream& out);
+
+}  // namespace mlnn

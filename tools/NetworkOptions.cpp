@@ -1,0 +1,68 @@
+#include "tools/NetworkOptions.h"
+
+#include <cmath>
+
+#include "layers/NNLayer.h"
+#include "tools/Escape.h"
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+std::string activationNames() {
+  std::string names;
+  for (int32_t code = 0; code < ActFn::kCount; ++code) {
+    names += (code == 0 ? "" : ", ") + ActFn::actFnToString(static_cast<ActFn::ActFn>(code));
+  }
+  return names;
+}
+
+// What CLI11 asks of a check: the reason against a value, or "".
+std::string whyNoActFn(const std::string& name) {
+  ActFn::ActFn actFn;
+  if (ActFn::stringToActFn(name, actFn) == 0) return "";
+  return "expected one of " + activationNames() + " but found " + quoted(name);
+}
+
+std::string whyNoScale(const std::string& text) {
+  float value = 0;
+  const bool isNumber = CLI::detail::lexical_cast(text, value);
+  if (isNumber && std::isfinite(value) && value >= 0) return "";
+  return "expected a number that is not negative but found " + quoted(text);
+}
+
+}  // namespace
+
+CLI::Option* addScaleOption(CLI::App& command, const std::string& name, RandomInit& init) {
+  return command.add_option(name, init.scale, "Standard deviation of the random weights")
+      ->check(CLI::Validator(whyNoScale, ""))
+      ->type_name("S")
+      ->capture_default_str();
+}
+
+CLI::Option* addSeedOption(CLI::App& command, RandomInit& init) {
+  return command.add_option("--seed", init.seed, "Seed of the random weights")->type_name("N");
+}
+
+CLI::Option* addActFnOption(CLI::App& command, const std::string& option, std::string& name,
+                            const std::string& description) {
+  return command.add_option(option, name, description + ": " + activationNames())
+      ->check(CLI::Validator(whyNoActFn, ""))
+      ->type_name("NAME");
+}
+
+void applySeed(const RandomInit& init) {
+  if (init.seed) NNLayer::seedRandom(*init.seed);
+}
+
+ActFn::ActFn actFnOf(const std::string& name) {
+  ActFn::ActFn actFn;
+  if (ActFn::stringToActFn(name, actFn) != 0) throw UsageError(whyNoActFn(name));
+  return actFn;
+}
+
+void setActFnOfHiddenLayers(MultiLayerNNModel& model, ActFn::ActFn actFn) {
+  for (std::size_t i = 0; i + 1 < model.layers.size(); ++i) model.layers[i]->actFn = actFn;
+}
+
+}  // namespace mlnn

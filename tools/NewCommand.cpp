@@ -1,0 +1,104 @@
+#include "tools/NewCommand.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "tools/Failure.h"
+#include "tools/LayerSizes.h"
+#include "tools/ModelFile.h"
+#include "tools/ModelSaving.h"
+#include "tools/NetworkOptions.h"
+#include "tools/Tool.h"
+
+namespace mlnn {
+namespace {
+
+struct Options {
+  std::string sizes;
+  std::string out;
+  std::string actFn = "relu";
+  bool softmax = true;
+  bool batchNorm = false;
+  bool zero = false;
+  RandomInit init;
+  SaveOptions save;
+};
+
+CommandHelp help() {
+  CommandHelp help;
+  help.name = "new";
+  help.summary = "Makes a model from layer sizes";
+  help.details =
+      "SIZES are the inputs of the model, then the outputs of each layer, separated by commas.\n"
+      "Where neither --to nor the name of OUT tells the format, it is text.\n"
+      "\n"
+      "Weights are drawn from a normal distribution; a seed always gives the same ones, and so\n"
+      "does no seed. Biases are 0. The output layer is linear; --act-fn is for the others.\n"
+      "\n"
+      "Batch-norm layers get no values for inference, as those are filled after training:\n"
+      "until then the outputs do not depend on the inputs, and the model cannot be folded.";
+  help.examples =
+      "mlnn new 360,512,512,40 model.txt\n"
+      "mlnn new 360,512,512,40 model.mlnn --act-fn sigmoid --seed 7 --scale 0.05\n"
+      "mlnn new 360,512,40 - --zero --softmax off | mlnn info -";
+  help.exitStatus =
+      "0  done\n"
+      "1  the model would be too large, or OUT cannot be written; OUT is as it was\n"
+      "2  wrong usage";
+  return help;
+}
+
+void addRandomLayers(MultiLayerNNModel& model, const std::vector<int>& sizes,
+                     const Options& options) {
+  const float scale = options.init.scale;
+  applySeed(options.init);
+  model.createFirstLayer(sizes[0], sizes[1], scale, options.batchNorm);
+  for (std::size_t i = 2; i < sizes.size(); ++i) {
+    model.addLayerRndInit(sizes[i], scale, options.batchNorm);
+  }
+}
+
+void addZeroLayers(MultiLayerNNModel& model, const std::vector<int>& sizes, bool batchNorm) {
+  for (std::size_t i = 1; i < sizes.size(); ++i) {
+    auto layer = std::make_unique<NNLayer>(sizes[i - 1], sizes[i], batchNorm);
+    model.layers.push_back(layer.get());
+    layer.release();
+  }
+}
+
+int run(const Options& options) {
+  const std::vector<int> sizes = parseLayerSizes(options.sizes);
+  checkNetworkSize(sizes, options.batchNorm);
+  MultiLayerNNModel model;
+  if (options.zero) {
+    addZeroLayers(model, sizes, options.batchNorm);
+  } else {
+    addRandomLayers(model, sizes, options);
+  }
+  setActFnOfHiddenLayers(model, actFnOf(options.actFn));
+  model.setSoftmax(options.softmax);
+  saveModel(model, options.out, formatToSave(options.out, options.save, ModelFormat::kText),
+            options.save);
+  return kDone;
+}
+
+}  // namespace
+
+void addNewCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add_option("SIZES", options->sizes, "As in 360,512,512,40")->required();
+  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
+  addActFnOption(command, "--act-fn", options->actFn, "Activation of the hidden layers")
+      ->capture_default_str();
+  addOnOffOption(command, "--softmax", options->softmax, "Softmax over the outputs (default: on)");
+  command.add_flag("--batch-norm", options->batchNorm, "Make batch-norm layers");
+  CLI::Option* zero = command.add_flag("--zero", options->zero, "All parameters are 0");
+  addScaleOption(command, "--scale", options->init)->excludes(zero);
+  addSeedOption(command, options->init)->excludes(zero);
+  addSaveOptions(command, options->save);
+}
+
+}  // namespace mlnn

@@ -1,0 +1,272 @@
+#include "tools/Npy.h"
+
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <ostream>
+#include <string_view>
+#include <vector>
+
+#include "tools/Escape.h"
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+using namespace std::string_view_literals;
+
+constexpr std::string_view kNpyMagic = "\x93NUMPY";
+constexpr std::size_t kVersionLength = 2;  // major, minor
+constexpr std::size_t kAlignment = 64;     // where the values begin in a file that is written
+
+constexpr std::string_view kFloat32 = "<f4";
+constexpr std::string_view kFloat64 = "<f8";
+
+struct Header {
+  std::string_view type;
+  bool fortranOrder = false;
+  std::vector<uint64_t> shape;
+};
+
+// Reads the header's text, a Python dictionary such as
+//   {'descr': '<f4', 'fortran_order': False, 'shape': (53, 120), }
+// from left to right.
+class HeaderParser {
+ public:
+  // `offset` is where the text stands in the file.
+  HeaderParser(std::string_view text, std::size_t offset, const std::string& what)
+      : text_(text), offset_(offset), what_(what) {}
+
+  Header parse() {
+    expect("{");
+    while (!skip("}")) {
+      parseEntry();
+      if (skip(",")) continue;
+      expect("}");
+      break;
+    }
+    skipBlanks();
+    if (position_ != text_.size()) fail("the end of the header");
+    if (!type_) fail("an entry 'descr'");
+    if (!order_) fail("an entry 'fortran_order'");
+    if (!shape_) fail("an entry 'shape'");
+    return {*type_, *order_, *shape_};
+  }
+
+ private:
+  void parseEntry() {
+    const std::size_t start = position_;
+    const std::string_view key = parseString();
+    expect(":");
+    if (key == "descr" && !type_) {
+      type_ = parseString();
+    } else if (key == "fortran_order" && !order_) {
+      order_ = parseBool();
+    } else if (key == "shape" && !shape_) {
+      shape_ = parseShape();
+    } else {
+      position_ = start;
+      fail("each of 'descr', 'fortran_order' and 'shape' once");
+    }
+  }
+
+  std::string_view parseString() {
+    const char quote = skip("'") ? '\'' : '"';
+    if (quote == '"') expect("\"", "a string");
+    const std::size_t end = text_.find(quote, position_);
+    if (end == std::string_view::npos) fail("the end of the string");
+    const std::string_view value = text_.substr(position_, end - position_);
+    position_ = end + 1;
+    return value;
+  }
+
+  bool parseBool() {
+    if (skip("True")) return true;
+    expect("False", "True or False");
+    return false;
+  }
+
+  std::vector<uint64_t> parseShape() {
+    std::vector<uint64_t> shape;
+    expect("(");
+    while (!skip(")")) {
+      shape.push_back(parseCount());
+      if (skip(",")) continue;
+      expect(")");
+      break;
+    }
+    return shape;
+  }
+
+  uint64_t parseCount() {
+    skipBlanks();
+    uint64_t value = 0;
+    const char* end = text_.data() + text_.size();
+    const std::from_chars_result result = std::from_chars(text_.data() + position_, end, value);
+    if (result.ec != std::errc()) fail("a count that is not negative and fits 64 bits");
+    position_ = static_cast<std::size_t>(result.ptr - text_.data());
+    skip("L");  // Python 2 marked its long integers
+    return value;
+  }
+
+  void skipBlanks() {
+    while (position_ < text_.size() && " \t\r\n"sv.find(text_[position_]) != std::string_view::npos)
+      ++position_;
+  }
+
+  bool skip(std::string_view word) {
+    skipBlanks();
+    if (text_.substr(position_, word.size()) != word) return false;
+    position_ += word.size();
+    return true;
+  }
+
+  void expect(std::string_view word) { expect(word, inQuotes(word)); }
+
+  void expect(std::string_view word, const std::string& description) {
+    if (!skip(word)) fail(description);
+  }
+
+  [[noreturn]] void fail(const std::string& expected) const {
+    constexpr std::size_t kShown = 20;
+    const std::string_view rest = text_.substr(position_);
+    throw Failure(what_ + ": .npy header at byte " + std::to_string(offset_ + position_) +
+                  ": expected " + expected + ", found " +
+                  (rest.empty() ? "the end" : inQuotes(rest.substr(0, kShown))));
+  }
+
+  std::string_view text_;
+  std::size_t offset_;
+  const std::string& what_;
+  std::size_t position_ = 0;
+  std::optional<std::string_view> type_;
+  std::optional<bool> order_;
+  std::optional<std::vector<uint64_t>> shape_;
+};
+
+// Where the parts of the file are.
+struct Layout {
+  std::string_view header;
+  std::size_t headerOffset;
+  std::string_view values;
+};
+
+std::size_t littleEndian(std::string_view bytes) {
+  std::size_t value = 0;
+  for (std::size_t i = bytes.size(); i-- > 0;) {
+    value = value << 8 | static_cast<unsigned char>(bytes[i]);
+  }
+  return value;
+}
+
+Layout layoutOf(std::string_view bytes, const std::string& what) {
+  const std::size_t lengthOffset = kNpyMagic.size() + kVersionLength;
+  if (bytes.size() < lengthOffset) throw Failure(what + ": .npy file ends before its header");
+  const int major = static_cast<unsigned char>(bytes[kNpyMagic.size()]);
+  const int minor = static_cast<unsigned char>(bytes[kNpyMagic.size() + 1]);
+  if (major < 1 || major > 3 || minor != 0) {
+    throw Failure(what + ": expected .npy version 1.0, 2.0 or 3.0, found " + std::to_string(major) +
+                  "." + std::to_string(minor));
+  }
+  const std::size_t headerOffset = lengthOffset + (major == 1 ? 2 : 4);
+  if (bytes.size() < headerOffset) throw Failure(what + ": .npy file ends before its header");
+  const std::size_t present = bytes.size() - headerOffset;
+  const std::size_t headerLength =
+      littleEndian(bytes.substr(lengthOffset, headerOffset - lengthOffset));
+  if (headerLength > present) {
+    throw Failure(what + ": .npy file ends in its header: expected " +
+                  std::to_string(headerLength) + " bytes from byte " +
+                  std::to_string(headerOffset) + ", found " + std::to_string(present));
+  }
+  return {bytes.substr(headerOffset, headerLength), headerOffset,
+          bytes.substr(headerOffset + headerLength)};
+}
+
+std::string textOf(const std::vector<uint64_t>& shape) {
+  std::string text = "(";
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
+  }
+  return text + (shape.size() == 1 ? ",)" : ")");
+}
+
+struct Shape {
+  Index frames;
+  Index values;
+};
+
+// Makes sure that the bytes hold exactly what the header says, and that memory can.
+Shape checkedShape(const Header& header, std::size_t valueLength, std::size_t available,
+                   const std::string& what) {
+  if (header.shape.empty() || header.shape.size() > 2) {
+    throw Failure(what + ": expected frames x values, found shape " + textOf(header.shape));
+  }
+  const uint64_t frames = header.shape.size() == 2 ? header.shape[0] : 1;
+  const uint64_t values = header.shape.back();
+  if (frames == 0 || values == 0) {
+    throw Failure(what + ": holds no values, its shape is " + textOf(header.shape));
+  }
+  const uint64_t present = available / valueLength;
+  const bool fits = values <= present && frames <= present / values;
+  if (!fits || frames * values * valueLength != available) {
+    throw Failure(what + ": expected shape " + textOf(header.shape) + " of " +
+                  std::to_string(valueLength) + "-byte values, found " + std::to_string(available) +
+                  " bytes of values");
+  }
+  return {static_cast<Index>(frames), static_cast<Index>(values)};
+}
+
+template <typename Value>
+Eigen::MatrixXf valuesOf(std::string_view bytes, const Shape& shape, bool fortranOrder) {
+  Eigen::MatrixXf frames(shape.values, shape.frames);
+  const char* next = bytes.data();
+  const auto take = [&next] {
+    Value value;
+    std::memcpy(&value, next, sizeof value);
+    next += sizeof value;
+    return static_cast<float>(value);
+  };
+  if (fortranOrder) {
+    for (Index v = 0; v < shape.values; ++v) {
+      for (Index f = 0; f < shape.frames; ++f) frames(v, f) = take();
+    }
+  } else {
+    for (Index i = 0; i < frames.size(); ++i) frames.data()[i] = take();
+  }
+  return frames;
+}
+
+}  // namespace
+
+bool isNpy(const std::string& bytes) { return bytes.compare(0, kNpyMagic.size(), kNpyMagic) == 0; }
+
+Eigen::MatrixXf parseNpy(const std::string& bytes, const std::string& what) {
+  const Layout layout = layoutOf(bytes, what);
+  const Header header = HeaderParser(layout.header, layout.headerOffset, what).parse();
+  const bool isDouble = header.type == kFloat64;
+  if (!isDouble && header.type != kFloat32) {
+    throw Failure(what + ": expected values of type " + std::string(kFloat32) + " or " +
+                  std::string(kFloat64) + ", found " + inQuotes(header.type));
+  }
+  const std::size_t valueLength = isDouble ? sizeof(double) : sizeof(float);
+  const Shape shape = checkedShape(header, valueLength, layout.values.size(), what);
+  return isDouble ? valuesOf<double>(layout.values, shape, header.fortranOrder)
+                  : valuesOf<float>(layout.values, shape, header.fortranOrder);
+}
+
+void writeNpy(const Eigen::MatrixXf& frames, std::ostream& out) {
+  std::string header = "{'descr': '" + std::string(kFloat32) + "', 'fortran_order': False, " +
+                       "'shape': (" + std::to_string(frames.cols()) + ", " +
+                       std::to_string(frames.rows()) + "), }";
+  const std::size_t head = kNpyMagic.size() + kVersionLength + sizeof(uint16_t);
+  const std::size_t length = head + header.size() + 1;
+  header.append((kAlignment - length % kAlignment) % kAlignment, ' ').push_back('\n');
+  out << kNpyMagic << '\1' << '\0' << static_cast<char>(header.size() & 0xFF)
+      << static_cast<char>(header.size() >> 8) << header;
+  out.write(reinterpret_cast<const char*>(frames.data()),
+            static_cast<std::streamsize>(frames.size()) * std::streamsize{sizeof(float)});
+}
+
+}  // namespace mlnn

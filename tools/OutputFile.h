@@ -1,0 +1,55 @@
+// OutputFile — a file that appears under its name only when it is complete.
+#pragma once
+
+#include <fstream>
+#include <ostream>
+#include <string>
+
+namespace mlnn {
+
+// Writes beside the file, in the same folder, and takes its name at the end; until then, and
+// after a failure, whatever had that name is untouched. A file that is replaced keeps its
+// permissions, a symbolic link keeps pointing to it. "-" is the standard output; that, and
+// what is not a regular file (a pipe, a device), is written to directly.
+//
+// An interrupt (SIGINT, SIGTERM, SIGHUP) removes the unfinished file as well.
+class OutputFile {
+ public:
+  // Throws: Failure that names the file and the reason.
+  explicit OutputFile(const std::string& name);
+
+  std::ostream& stream() { return *stream_; }
+
+  // Makes sure that everything is written, and gives the file its name.
+  // Throws: Failure; then nothing is left behind.
+  void finish();
+
+ private:
+  // Removes the file beside when it goes, unless that was released.
+  class Unfinished {
+   public:
+    Unfinished() = default;
+    ~Unfinished();
+    Unfinished(const Unfinished&) = delete;
+    Unfinished& operator=(const Unfinished&) = delete;
+
+    void hold(const std::string& path);
+    void release();
+    const std::string& path() const { return path_; }
+
+   private:
+    std::string path_;
+  };
+
+  void openDirectly();
+  void openBeside();
+  [[noreturn]] void fail() const;
+
+  std::string name_;  // as the caller gave it, for messages
+  std::string path_;  // the file itself, at the end of all links
+  Unfinished unfinished_;
+  std::ofstream file_;
+  std::ostream* stream_;
+};
+
+}  // namespace mlnn

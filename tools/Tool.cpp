@@ -1,0 +1,91 @@
+#include "tools/Tool.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+std::string indented(const std::string& lines) {
+  std::istringstream in(lines);
+  std::string out;
+  for (std::string line; std::getline(in, line);) out += line.empty() ? "\n" : "  " + line + "\n";
+  return out;
+}
+
+std::string footerOf(const CommandHelp& help) {
+  std::string footer;
+  if (!help.details.empty()) footer += help.details + "\n\n";
+  if (!help.examples.empty()) footer += "EXAMPLES\n" + indented(help.examples) + "\n";
+  return footer + "EXIT STATUS\n" + indented(help.exitStatus);
+}
+
+// Makes sure that what was printed has arrived: a full disk or a closed pipe is a failure.
+void finishOutput() {
+  errno = 0;
+  std::cout.flush();
+  if (std::cout) return;
+  const std::string reason = errno == 0 ? "" : std::string(": ") + std::strerror(errno);
+  throw Failure("cannot write to standard output" + reason);
+}
+
+}  // namespace
+
+Tool::Tool() : app_("Reads, runs, converts and examines neural-network models for mel features") {
+  app_.name("mlnn");
+  app_.set_version_flag("--version", "mlnn " MLNN_VERSION);
+  app_.require_subcommand(1);
+  app_.footer(
+      "Each command has its own help: mlnn COMMAND --help\n\n"
+      "EXIT STATUS\n" +
+      indented(CommandHelp().exitStatus));
+  app_.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "ERROR: " + std::string(error.what()) + "\nRun with --help for more information.\n";
+  });
+}
+
+CLI::App& Tool::addCommand(const CommandHelp& help, std::function<int()> run) {
+  CLI::App* parser = app_.add_subcommand(help.name, help.summary);
+  parser->footer(footerOf(help));
+  commands_.push_back({parser, std::move(run), help.failureStatus});
+  return *parser;
+}
+
+int Tool::run(int argc, const char* const* argv) {
+  try {
+    app_.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app_.exit(error) == 0 ? kDone : kWrongUsage;
+  }
+  for (const Command& command : commands_) {
+    if (command.parser->parsed()) return runCommand(command);
+  }
+  return kWrongUsage;
+}
+
+int Tool::runCommand(const Command& command) const {
+  try {
+    const int status = command.run();
+    finishOutput();
+    return status;
+  } catch (const UsageError& error) {
+    printError(error.what());
+    return kWrongUsage;
+  } catch (const Failure& error) {
+    printError(error.what());
+  } catch (const std::bad_alloc&) {
+    std::cerr << "ERROR: out of memory\n";
+  } catch (const std::length_error&) {  // more entries than any array can have
+    std::cerr << "ERROR: out of memory\n";
+  }
+  return command.failureStatus;
+}
+
+}  // namespace mlnn
