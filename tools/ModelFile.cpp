@@ -121,7 +121,7 @@ ModelFile loadModel(const std::string& name, const LoadOptions& options) {
   const bool done = parseModel(readInput(name), file, messages);
   showMessages(messages, options.verbose);
   if (!done) throw Failure("could not load the model " + inputName(name));
-  setHiddenActivations(file, options.hiddenActFn);
+  if (!options.keepLinear) setHiddenActivations(file, options.hiddenActFn);
   return file;
 }
 

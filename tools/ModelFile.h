@@ -28,6 +28,8 @@ struct ModelFile {
 struct LoadOptions {
   std::string hiddenActFn;  // for layers whose file records none; "" when not given
   bool verbose = false;     // show the reader's information lines too
+  bool keepLinear = false;  // the command sets activations itself: leave those that the file
+                            // does not record, and say nothing of them
 };
 
 // Declares --act-fn and --verbose on a command.
