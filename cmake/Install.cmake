@@ -3,6 +3,13 @@
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
+# An installed tool finds a shared library of the same prefix.
+if(BUILD_SHARED_LIBS)
+  cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR}
+    OUTPUT_VARIABLE bin_to_lib)
+  set(CMAKE_INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+endif()
+
 set(MLNN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/mlnn)
 
 install(TARGETS mlnn EXPORT mlnnTargets
