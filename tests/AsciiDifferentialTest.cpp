@@ -1,14 +1,17 @@
 // The library's reader of the text format against a literal one: on every input both must give
 // the same result, messages, model and stream.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <istream>
+#include <iterator>
 #include <locale>
 #include <optional>
 #include <random>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
@@ -242,12 +245,41 @@ std::string disagreement(const Outcome& library, const Outcome& literal, const S
   return field.empty() ? "" : "model: " + field;
 }
 
+// A part of each message that damage to a file can lead to.
+const std::vector<std::string> kMessages = {"expected header on first line",
+                                            "Expected to find 'softmax'",
+                                            "expected 'num_layers'",
+                                            "expected either 'layer'",
+                                            "expected layer ",
+                                            "Expecting gamma_beta",
+                                            "Expected to find 'act_fn'",
+                                            "Unknown activation",
+                                            "unexpected end of file",
+                                            "unexpected end of input",
+                                            "unexpected extra data",
+                                            "feature description length",
+                                            "could not deserialize feature",
+                                            "invalid count",
+                                            "did not find 120 values",
+                                            "could not parse line",
+                                            "info: setting",
+                                            "info: NNModel"};
+
 // Counts what the compared inputs led to, so that a test can ask whether it covered enough.
 struct Coverage {
   std::size_t compared = 0;
   std::size_t accepted = 0;
   std::size_t tooLarge = 0;
-  std::string messages;
+  std::set<std::string> unseen = {kMessages.begin(), kMessages.end()};
+
+  void add(const Outcome& outcome) {
+    ++compared;
+    if (outcome.result == 0) ++accepted;
+    for (auto it = unseen.begin(); it != unseen.end();) {
+      const bool seen = outcome.messages.find(*it) != std::string::npos;
+      it = seen ? unseen.erase(it) : std::next(it);
+    }
+  }
 };
 
 std::string compareOnce(const std::string& text, const Source& source, bool filled,
@@ -264,9 +296,7 @@ std::string compareOnce(const std::string& text, const Source& source, bool fill
     return "";
   }
   observeLibrary(text, source, library);
-  ++coverage.compared;
-  if (literal.result == 0) ++coverage.accepted;
-  if (coverage.messages.size() < 4'000'000) coverage.messages += literal.messages;
+  coverage.add(literal);
   return disagreement(library, literal, source);
 }
 
@@ -732,7 +762,7 @@ TEST(FirstDifference, namesEveryField) {
 TEST(AsciiDifferential, agreesOnIntactFiles) {
   Coverage coverage;
   for (const std::string& text : baseTexts()) expectAgreement(text, Source(), coverage);
-  EXPECT_EQ(coverage.accepted, coverage.compared) << coverage.messages;
+  EXPECT_EQ(coverage.accepted, coverage.compared);
 }
 
 TEST(AsciiDifferential, agreesOnHandMadeFiles) {
@@ -767,15 +797,7 @@ TEST(AsciiDifferential, agreesOnMutations) {
   EXPECT_GT(coverage.accepted, coverage.compared / 20);
   EXPECT_LT(coverage.accepted, coverage.compared / 2);
   EXPECT_LT(coverage.tooLarge, coverage.compared / 20);
-  for (const char* message :
-       {"expected header on first line", "Expected to find 'softmax'", "expected 'num_layers'",
-        "expected either 'layer'", "expected layer ", "Expecting gamma_beta",
-        "Expected to find 'act_fn'", "Unknown activation", "unexpected end of file",
-        "unexpected end of input", "unexpected extra data", "feature description length",
-        "could not deserialize feature", "invalid count", "did not find 120 values",
-        "could not parse line", "info: setting", "info: NNModel"}) {
-    EXPECT_NE(coverage.messages.find(message), std::string::npos) << message;
-  }
+  EXPECT_THAT(coverage.unseen, testing::IsEmpty());
 }
 
 TEST(AsciiDifferential, agreesOnStreamsWithOtherFlagsLocalesAndStates) {
