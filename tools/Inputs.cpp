@@ -71,25 +71,33 @@ Inputs Inputs::forFrames(const MultiLayerNNModel& model, Index width, bool stack
 
 void Inputs::forEachBlock(const Eigen::MatrixXf& frames,
                           const std::function<void(const Block&)>& use) const {
-  if (areStacked()) {
-    for (Index first = 0; first < frames.cols(); first += kBlock) {
-      use(frames.middleCols(first, std::min(kBlock, frames.cols() - first)));
-    }
-    return;
+  Blocks blocks(*this, frames);
+  while (const std::optional<Block> block = blocks.next()) use(*block);
+}
+
+Inputs::Blocks::Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames)
+    : frames_(frames), window_(inputs.window_) {
+  if (window_) block_.resize(window_->inputLen(), std::min(kBlock, frames.cols()));
+}
+
+std::optional<Block> Inputs::Blocks::next() {
+  if (!window_) {
+    const Index first = done_;
+    done_ = std::min(first + kBlock, frames_.cols());
+    if (first == done_) return std::nullopt;
+    return frames_.middleCols(first, done_ - first);
   }
-  ContextWindow window = *window_;
-  Eigen::MatrixXf block(window.inputLen(), std::min(kBlock, frames.cols()));
   Index filled = 0;
-  const auto advance = [&] {
-    if (++filled < block.cols()) return;
-    use(block);
-    filled = 0;
-  };
-  for (Index f = 0; f < frames.cols(); ++f) {
-    if (window.push(frames.col(f).data(), block.col(filled).data())) advance();
+  while (filled < block_.cols() && nextVector(block_.col(filled).data())) ++filled;
+  if (filled == 0) return std::nullopt;
+  return block_.leftCols(filled);
+}
+
+bool Inputs::Blocks::nextVector(float* vector) {
+  while (done_ < frames_.cols()) {
+    if (window_->push(frames_.col(done_++).data(), vector)) return true;
   }
-  while (window.finish(block.col(filled).data())) advance();
-  if (filled > 0) use(block.leftCols(filled));
+  return window_->finish(vector);
 }
 
 }  // namespace mlnn

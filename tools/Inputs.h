@@ -35,6 +35,25 @@ class Inputs {
   void forEachBlock(const Eigen::MatrixXf& frames,
                     const std::function<void(const Eigen::Ref<const Eigen::MatrixXf>&)>& use) const;
 
+  // The same blocks, one at a time when asked for, so that several models can be run over one
+  // recording in step: the blocks of all of them cover the same frames.
+  class Blocks {
+   public:
+    // REQUIRES: frames as wide as was said to forFrames. `frames` must outlive this object.
+    Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames);
+
+    // Returns the next block, which lasts until the next call; nothing after the last.
+    std::optional<Eigen::Ref<const Eigen::MatrixXf>> next();
+
+   private:
+    bool nextVector(float* vector);
+
+    const Eigen::MatrixXf& frames_;
+    std::optional<ContextWindow> window_;
+    Eigen::MatrixXf block_;  // where vectors are stacked
+    Eigen::Index done_ = 0;  // frames that were taken
+  };
+
  private:
   explicit Inputs(std::optional<ContextWindow> window) : window_(std::move(window)) {}
 
