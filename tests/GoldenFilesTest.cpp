@@ -1,0 +1,103 @@
+// The small model of tests/golden, whose files are made without the library.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "model/MultiLayerNNModel.h"
+#include "tests/support/CaptureStderr.h"
+#include "tests/support/ModelDifference.h"
+#include "tests/support/SourceTree.h"
+
+namespace {
+
+using mlnn::test::firstDifference;
+using mlnn::test::sourcePath;
+using mlnn::test::stderrOf;
+
+const std::string kDescription =
+    "mel_deltas:bands=1,left=1,right=1,deltas=0,line_kernels=0,line_kernel_width=0";
+const std::string kTextMessages = "info: NNModel::deserialize: feat_desc " + kDescription +
+                                  "\ninfo: setting 'hidden_act_fn' = 'sigmoid'\n"
+                                  "info: setting 'labels' = 'no yes'\n";
+
+std::string golden(const std::string& name) { return sourcePath("tests/golden/" + name); }
+
+std::string bytesOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(in) << path;
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Loads a golden file, and expects it to succeed with these messages.
+MultiLayerNNModel loaded(const std::string& name, const std::string& messages) {
+  MultiLayerNNModel model;
+  int result = -1;
+  EXPECT_EQ(stderrOf([&] { result = model.deserialize(golden(name).c_str()); }), messages);
+  EXPECT_EQ(result, 0) << name;
+  return model;
+}
+
+std::string textOf(const MultiLayerNNModel& model) {
+  std::ostringstream out;
+  out.precision(9);
+  model.serializeAscii(out);
+  return out.str();
+}
+
+std::string imageOf(const MultiLayerNNModel& model) {
+  std::string image(static_cast<std::size_t>(model.binarySerializedLength()), '\0');
+  EXPECT_EQ(model.serializeBinary(image.data()), static_cast<int>(image.size()));
+  return image;
+}
+
+TEST(GoldenFiles, version2ReadsAndWritesTheSameBytes) {
+  const MultiLayerNNModel model = loaded("version2.txt", kTextMessages);
+  EXPECT_EQ(textOf(model), bytesOf(golden("version2.txt")));
+}
+
+TEST(GoldenFiles, version2HoldsWhatItSays) {
+  const MultiLayerNNModel model = loaded("version2.txt", kTextMessages);
+  EXPECT_TRUE(model.useSoftmax);
+  EXPECT_EQ(model.featureDesc.featLen(), 3);
+  EXPECT_EQ(model.debug_description(), "inputs 3 x 2 bn 2 x 2 output classes");
+  EXPECT_EQ(model.deltasNorm.minvals[119], 29.75f);
+  EXPECT_EQ(model.deltasNorm.normvals[119], 15.875f);
+  EXPECT_EQ(model.props.size(), 2u);
+  EXPECT_EQ(model.notes.lines.size(), 4u);
+  EXPECT_EQ(model.loss, (std::vector<float>{2.5f, 1.25f, 0.1f}));
+  EXPECT_EQ(model.accuracy, (std::vector<float>{0.5f, 0.75f}));
+  EXPECT_EQ(model.layers[0]->weights(1, 2), 3.40282347e+38f);
+  EXPECT_EQ(model.layers[1]->gamma_inf[1], 8.0f);
+  EXPECT_EQ(model.layers[2]->weights(1, 1), 123456792.0f);
+}
+
+TEST(GoldenFiles, version1HoldsTheSameButTheActivations) {
+  MultiLayerNNModel model = loaded("version1.txt", kTextMessages);
+  EXPECT_EQ(model.layers[0]->actFn, ActFn::linear);
+  model.layers[0]->actFn = ActFn::sigmoid;
+  EXPECT_EQ(firstDifference(model, loaded("version2.txt", kTextMessages)), "");
+}
+
+TEST(GoldenFiles, imageReadsAndWritesTheSameBytes) {
+  const MultiLayerNNModel model =
+      loaded("image.mlnn", "info: deserializeBinary: feature desc: " + kDescription + "\n");
+  EXPECT_EQ(imageOf(model), bytesOf(golden("image.mlnn")));
+}
+
+TEST(GoldenFiles, imageHoldsWhatItCanOfTheTextModel) {
+  MultiLayerNNModel model = loaded("version2.txt", kTextMessages);
+  EXPECT_EQ(imageOf(model), bytesOf(golden("image.mlnn")));
+  model.loss.clear();
+  model.accuracy.clear();
+  model.props.clear();
+  model.notes.lines.clear();
+  EXPECT_EQ(firstDifference(model, loaded("image.mlnn", "info: deserializeBinary: feature desc: " +
+                                                            kDescription + "\n")),
+            "");
+}
+
+}  // namespace
