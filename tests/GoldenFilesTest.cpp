@@ -1,4 +1,5 @@
-// The small model of tests/golden, whose files are made without the library.
+// The small model of tests/golden, whose files are made without the library, and the example of
+// the document about the text format.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -98,6 +99,28 @@ TEST(GoldenFiles, imageHoldsWhatItCanOfTheTextModel) {
   EXPECT_EQ(firstDifference(model, loaded("image.mlnn", "info: deserializeBinary: feature desc: " +
                                                             kDescription + "\n")),
             "");
+}
+
+// The block of text that follows a heading of a document.
+std::string blockAfter(const std::string& heading, const std::string& document) {
+  const std::string text = bytesOf(sourcePath(document));
+  const std::string fence = "\n```\n";
+  const std::size_t begin = text.find(fence, text.find("\n" + heading + "\n"));
+  const std::size_t end = text.find(fence, begin + 1);
+  EXPECT_NE(end, std::string::npos) << heading;
+  return text.substr(begin + fence.size(), end + 1 - begin - fence.size());
+}
+
+TEST(TextFormatDocument, exampleReadsAndWritesTheSameBytes) {
+  const std::string example = blockAfter("## Example", "docs/text-format.md");
+  MultiLayerNNModel model;
+  std::istringstream in(example);
+  int result = -1;
+  EXPECT_EQ(stderrOf([&] { result = model.deserializeAscii(in); }),
+            "info: setting 'sample_rate' = '8000'\n");
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(textOf(model), example);
+  EXPECT_EQ(model.description(), "2,2,1");
 }
 
 }  // namespace
