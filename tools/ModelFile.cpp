@@ -35,16 +35,6 @@ bool recordsActivation(const ModelFile& file, const NNLayer& layer) {
   return file.textVersion != 1 && !layer.isBatchNorm;
 }
 
-// The hidden layers whose activation the file does not say.
-std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file) {
-  std::vector<NNLayer*> found;
-  const std::vector<NNLayer*>& layers = file.model.layers;
-  for (std::size_t i = 0; i + 1 < layers.size(); ++i) {
-    if (!recordsActivation(file, *layers[i])) found.push_back(layers[i]);
-  }
-  return found;
-}
-
 void warnOfLinearLayers(const ModelFile& file, std::size_t number) {
   const std::string property = file.model.getProp(kHiddenActFnProperty);
   const std::string why = property.empty()
@@ -81,6 +71,15 @@ void addLoadOptions(CLI::App& command, LoadOptions& options) {
       ->check(CLI::IsMember(activationNames()))
       ->type_name("NAME");
   command.add_flag("-v,--verbose", options.verbose, "Show what the reader says while it reads");
+}
+
+std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file) {
+  std::vector<NNLayer*> found;
+  const std::vector<NNLayer*>& layers = file.model.layers;
+  for (std::size_t i = 0; i + 1 < layers.size(); ++i) {
+    if (!recordsActivation(file, *layers[i])) found.push_back(layers[i]);
+  }
+  return found;
 }
 
 bool parseModel(const std::string& bytes, ModelFile& file, std::string& messages) {

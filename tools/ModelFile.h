@@ -49,6 +49,9 @@ ModelFile loadModel(const std::string& name, const LoadOptions& options = {});
 // Returns: whether it could be read. `file.name` is left alone.
 bool parseModel(const std::string& bytes, ModelFile& file, std::string& messages);
 
+// Returns the hidden layers whose activation the file does not record.
+std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file);
+
 // Sets the activations that the file does not record, as loadModel does: to `given`, or where
 // that is "" to what the property says. Prints what it did.
 void setHiddenActivations(ModelFile& file, const std::string& given);
