@@ -1,7 +1,10 @@
 // The binary image of a model.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <random>
 #include <sstream>
@@ -10,10 +13,12 @@
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
+#include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 
 namespace {
 
+using Eigen::VectorXf;
 using mlnn::test::batchNormLayer;
 using mlnn::test::ByteImage;
 using mlnn::test::crc32c;
@@ -28,6 +33,7 @@ using mlnn::test::sameLayer;
 using mlnn::test::sameLayers;
 using mlnn::test::sameModel;
 using mlnn::test::someValues;
+using mlnn::test::sourcePath;
 using mlnn::test::stderrOf;
 
 constexpr int kHead = 1004;
@@ -175,27 +181,42 @@ TEST(MultiLayerNNModelImage, recordsFollowBackToBackWithoutATrailer) {
   EXPECT_EQ(ByteImage::of(model).bytes().substr(kHead), records);
 }
 
-// docs/binary-format.md explains this image field by field.
-TEST(MultiLayerNNModelImage, modelWithoutNormalisationIsWrittenWithEmptyArrays) {
-  MultiLayerNNModel model = modelOf({NNLayer(1, 1, false)});
-  model.layers[0]->weights << 2;
-  model.layers[0]->bias << -0.5f;
-  model.featureDesc.winSizeLeft = 7;
-  model.featureDesc.winSizeRight = 6;
-  model.featureDesc.useDeltas = true;
-  model.featureDesc.numBands = 40;
-  EXPECT_EQ(ByteImage::of(model).bytes(), ByteImage::fromHex(R"(
-      4d 4c 4e 4e                                       | "MLNN"
-      db a4 5f ec                                       | checksum
-      14 00 00 00                                       | 20 bytes of description
-      07 00 00 00 06 00 00 00 00 00 00 00 00 00 01 00 28 00 00 00
-      00 00 00 00                                       | no minvals
-      00 00 00 00                                       | no normvals
-      01 00 00 00                                       | one layer
-      00 00 00 00 01 00 00 00 01 00 00 00 00 00 00 00 00 00 00 00
-      01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00
-      00 00 00 40 00 00 00 bf)")
-                                              .bytes());
+TEST(MultiLayerNNModelImage, otherNumbersOfNormalisationValuesMoveWhatFollows) {
+  MultiLayerNNModel model = fullModel();
+  model.deltasNorm.minvals = VectorXf::Constant(1, 1.0f);
+  model.deltasNorm.normvals = VectorXf::Constant(2, -2.0f);
+  const std::string full = fullImage().bytes();
+  EXPECT_EQ(ByteImage::of(model).bytes(),
+            full.substr(0, kMinvalsCountAt) +
+                ByteImage::fromHex("01 00 00 00  00 00 80 3f\n"
+                                   "02 00 00 00  00 00 00 c0 00 00 00 c0")
+                    .bytes() +
+                full.substr(kLayerCountAt));
+  model.deltasNorm = MelDeltasNorm();
+  EXPECT_EQ(ByteImage::of(model).bytes(),
+            full.substr(0, kMinvalsCountAt) + std::string(8, '\0') + full.substr(kLayerCountAt));
+}
+
+// The listing of the example in the description of the format.
+std::string listingOfTheExample() {
+  std::ifstream in(sourcePath("docs/binary-format.md"));
+  const std::string page{std::istreambuf_iterator<char>(in), {}};
+  const std::string fence = "```\n";
+  const std::size_t begin = page.find(fence, page.find("## Example")) + fence.size();
+  return page.substr(begin, page.find(fence, begin) - begin);
+}
+
+TEST(MultiLayerNNModelImage, exampleOfTheDocumentationIsExact) {
+  MultiLayerNNModel model = modelOf({NNLayer(2, 1, false)});
+  model.layers[0]->weights << 2, -3;
+  model.layers[0]->bias << 0.5f;
+  model.layers[0]->actFn = ActFn::relu;
+  model.featureDesc.winSizeRight = 1;
+  model.featureDesc.numBands = 1;
+  model.deltasNorm.allocIfNeeded();
+  const ByteImage example = ByteImage::fromHex(listingOfTheExample());
+  EXPECT_EQ(example.size(), 1056u);
+  EXPECT_EQ(ByteImage::of(model).bytes(), example.bytes());
 }
 
 TEST(MultiLayerNNModelImage, writerReturnsTheLengthAndTouchesNothingBehindIt) {

@@ -67,7 +67,6 @@ NNLayer oldLayer() { return foldedLayer(7, 6, 9); }
 
 // --- The record ---
 
-// docs/binary-format.md explains this record word by word.
 constexpr char kWorkedRecord[] = R"(
   00 00 00 00   | form: plain floats
   02 00 00 00   | rows

@@ -3,9 +3,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cctype>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -23,22 +25,32 @@ ByteImage serialized(const Source& source) {
   return ByteImage(bytes);
 }
 
+// The bytes that hex digits stand for; white space between them is skipped.
+std::string bytesOf(const std::string& hex) {
+  std::string digits;
+  std::copy_if(hex.begin(), hex.end(), std::back_inserter(digits), [](char c) { return c != ' '; });
+  std::string bytes;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
 }  // namespace
 
 ByteImage ByteImage::of(const MultiLayerNNModel& model) { return serialized(model); }
 
 ByteImage ByteImage::of(const NNLayer& layer) { return serialized(layer); }
 
-ByteImage ByteImage::fromHex(const std::string& hex) {
-  std::string digits;
-  bool inComment = false;
-  for (const char c : hex) {
-    inComment = c == '|' || (inComment && c != '\n');
-    if (!inComment && std::isxdigit(static_cast<unsigned char>(c))) digits += c;
-  }
+ByteImage ByteImage::fromHex(const std::string& listing) {
   std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  std::istringstream lines(listing);
+  for (std::string line; std::getline(lines, line);) {
+    line.resize(std::min(line.find('|'), line.size()));
+    const std::size_t times = line.find(" x ");
+    const int count = times == std::string::npos ? 1 : std::stoi(line);
+    const std::string piece = bytesOf(times == std::string::npos ? line : line.substr(times + 3));
+    for (int i = 0; i < count; ++i) bytes += piece;
   }
   return ByteImage(bytes);
 }

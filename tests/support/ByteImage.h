@@ -20,9 +20,9 @@ class ByteImage {
   static ByteImage of(const MultiLayerNNModel& model);
   static ByteImage of(const NNLayer& layer);
 
-  // Reads hex digits in pairs; white space, and what follows a '|' up to the end of its line,
-  // is skipped.
-  static ByteImage fromHex(const std::string& hex);
+  // Reads a listing of hex bytes divided by blanks. "N x " at the start of a line repeats its
+  // bytes; what follows a '|' is a comment.
+  static ByteImage fromHex(const std::string& listing);
 
   std::size_t size() const { return bytes_.size(); }
   const std::string& bytes() const { return bytes_; }
