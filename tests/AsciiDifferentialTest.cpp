@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <istream>
@@ -722,6 +723,53 @@ std::vector<std::string> handMadeTexts() {
   };
 }
 
+std::string digits(std::size_t count, Dice& dice) {
+  std::string text;
+  while (text.size() < count) text += static_cast<char>('0' + dice.below(10));
+  return text;
+}
+
+// A decimal number in any of its forms, some of them malformed or out of range.
+std::string anyDecimal(Dice& dice) {
+  static const std::vector<std::string> signs = {"", "", "", "-", "+", "--"};
+  std::string text = dice.oneOf(signs) + digits(dice.below(12), dice);
+  if (dice.below(3) != 0) text += "." + digits(dice.below(12), dice);
+  if (dice.below(3) != 0) return text;
+  static const std::vector<std::string> exponents = {"e", "E", "e-", "e+", "e0", "e-0"};
+  return text + dice.oneOf(exponents) + digits(dice.below(4), dice);
+}
+
+// The decimal text of a number halfway between two floats, or next to it.
+std::string nearHalfway(Dice& dice) {
+  const auto exponent = static_cast<int>(dice.below(300)) - 150;
+  const auto mantissa = static_cast<double>(2 * (dice.below(1 << 23) + (1 << 23)) + 1);
+  std::ostringstream text;
+  text.precision(static_cast<int>(9 + dice.below(30)));
+  text << std::ldexp(mantissa, exponent);
+  const std::string number = text.str();
+  if (number.find_first_of(".e") == std::string::npos) return number + ".00" + digits(2, dice);
+  return number;
+}
+
+// Forty numbers: all near halfway, or all usual with an odd one now and then.
+std::string numbersText(Dice& dice) {
+  static const std::vector<std::string> separators = {"\t", "\n", " ", "\r\n", " \v\f", "\t\t"};
+  constexpr int kCount = 40;
+  std::string text = "MultiLayerNNModel_v2\nsoftmax 1\nloss " + std::to_string(kCount) + "\n";
+  const bool allNearHalfway = dice.below(2) == 0;
+  for (int i = 0; i < kCount; ++i) {
+    if (allNearHalfway) {
+      text += nearHalfway(dice);
+    } else if (dice.below(40) == 0) {
+      text += anyDecimal(dice);
+    } else {
+      text += digits(1, dice) + "." + digits(dice.below(19), dice);
+    }
+    text += dice.oneOf(separators);
+  }
+  return text + "num_layers 0\n";
+}
+
 // --- Tests ---
 
 TEST(FirstDifference, namesEveryField) {
@@ -798,6 +846,19 @@ TEST(AsciiDifferential, agreesOnMutations) {
   EXPECT_LT(coverage.accepted, coverage.compared / 2);
   EXPECT_LT(coverage.tooLarge, coverage.compared / 20);
   EXPECT_THAT(coverage.unseen, testing::IsEmpty());
+}
+
+TEST(AsciiDifferential, agreesOnNumbersOfAnyForm) {
+  Coverage coverage;
+  Dice dice(3);
+  for (int i = 0; i < 3000; ++i) {
+    Source source;
+    source.block = dice.below(3) * 13;
+    expectAgreement(numbersText(dice), source, coverage);
+    if (::testing::Test::HasFailure()) return;
+  }
+  EXPECT_GT(coverage.accepted, coverage.compared / 4);
+  EXPECT_LT(coverage.accepted, coverage.compared);
 }
 
 TEST(AsciiDifferential, agreesOnStreamsWithOtherFlagsLocalesAndStates) {

@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <cfloat>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iomanip>
 #include <locale>
+#include <random>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -217,6 +221,66 @@ TEST(MultiLayerNNModelAsciiWriter, valuesFollowTheStreamAndIntegersDoNot) {
   }
   layer.weights.setConstant(1234.567f);
   for (const auto& [prepare, value] : cases) EXPECT_EQ(written(model, prepare), allOf(value));
+}
+
+// Floats of any bits, and those whose text is decided by rounding or carries into a new digit.
+std::vector<float> assortedFloats() {
+  std::vector<float> values = {0.0f,      -0.0f,    FLT_MAX,   -FLT_MAX,       FLT_MIN,
+                               1e-45f,    INFINITY, -INFINITY, 9.9999995f,     99999.95f,
+                               999999.5f, 0.00001f, 0.0001f,   0.00009999995f, 0.5f,
+                               1.5f,      2.5f,     1e9f,      123456792.0f,   std::nanf("")};
+  std::mt19937 source(11);
+  for (int i = 0; i < 3000; ++i) {
+    const auto bits = static_cast<uint32_t>(source());
+    float value;
+    std::memcpy(&value, &bits, sizeof value);
+    values.push_back(value);
+    values.push_back(static_cast<float>(static_cast<int>(bits % 20000001) - 10000000) / 1000.0f);
+  }
+  return values;
+}
+
+std::vector<Prepare> assortedFormats() {
+  std::vector<Prepare> formats;
+  for (int precision = -1; precision <= 20; ++precision) {
+    formats.push_back([precision](std::ostream& out) { out.precision(precision); });
+  }
+  const std::vector<Prepare> manipulations = {
+      [](std::ostream& out) { out << std::fixed; },
+      [](std::ostream& out) { out << std::scientific; },
+      [](std::ostream& out) { out << std::hexfloat; },
+      [](std::ostream& out) { out << std::showpos; },
+      [](std::ostream& out) { out << std::showpoint; },
+      [](std::ostream& out) { out << std::uppercase; },
+      [](std::ostream& out) { out << std::hex << std::showbase << std::internal << std::left; },
+      [](std::ostream& out) { out << std::unitbuf; },
+      [](std::ostream& out) { out.imbue(std::locale(out.getloc(), new CommaNumbers)); },
+  };
+  for (const int precision : {0, 6, 9}) {
+    for (const Prepare& manipulation : manipulations) {
+      formats.push_back([precision, manipulation](std::ostream& out) {
+        out.precision(precision);
+        manipulation(out);
+      });
+    }
+  }
+  return formats;
+}
+
+TEST(MultiLayerNNModelAsciiWriter, everyValueIsWhatTheStreamMakesOfIt) {
+  MultiLayerNNModel model;
+  model.loss = assortedFloats();
+  for (const Prepare& prepare : assortedFormats()) {
+    std::ostringstream expected;
+    prepare(expected);
+    const char* separator = "";
+    for (const float value : model.loss) {
+      expected << separator << static_cast<double>(value);
+      separator = "\t";
+    }
+    const std::string head = kHead + "loss " + std::to_string(model.loss.size()) + "\n";
+    EXPECT_EQ(written(model, prepare), head + expected.str() + "\nnum_layers 0\n");
+  }
 }
 
 TEST(MultiLayerNNModelAsciiWriter, groupsNoIntegerOfFourDigitsOrMore) {
