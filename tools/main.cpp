@@ -5,6 +5,7 @@
 #include <csignal>
 #include <iostream>
 
+#include "tools/CheckCommand.h"
 #include "tools/ConvertCommand.h"
 #include "tools/InfoCommand.h"
 #include "tools/RunCommand.h"
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
   mlnn::Tool tool;
   mlnn::addRunCommand(tool);
   mlnn::addInfoCommand(tool);
+  mlnn::addCheckCommand(tool);
   mlnn::addConvertCommand(tool);
   return tool.run(argc, argv);
 }

@@ -1,0 +1,279 @@
+#include "tools/CheckCommand.h"
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+
+#include "tools/Diagnosis.h"
+#include "tools/Escape.h"
+#include "tools/Failure.h"
+#include "tools/InputFile.h"
+#include "tools/ModelDigest.h"
+#include "tools/ModelFile.h"
+#include "tools/ModelSuspicions.h"
+#include "tools/Numbers.h"
+#include "tools/TextDiagnosis.h"
+#include "tools/Tool.h"
+
+namespace mlnn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr char kInfoPrefix[] = "info: ";
+
+struct Options {
+  std::string model;
+  std::string against;
+  bool digest = false;
+  bool json = false;
+  bool strict = false;
+  LoadOptions load;
+};
+
+CommandHelp help() {
+  CommandHelp help;
+  help.name = "check";
+  help.summary = "Says whether a model file loads, why not and where, and what is odd about it";
+  help.details =
+      "The library's reader decides whether the file loads. Where it does not, the first place\n"
+      "that does not fit is shown, with line and column of a text or the byte of an image.\n"
+      "\n"
+      "A model that loads may still give nonsense: values that are not finite, units without\n"
+      "weights, layers or a feature description that do not fit, batch normalisation that was\n"
+      "never filled, a normalisation that does nothing, activations that the file does not record\n"
+      "and the like are listed as suspicions.\n"
+      "\n"
+      "--digest prints a digest of each part of the model on standard output, and all else on\n"
+      "standard error. --against compares with such a print and names every part that differs,\n"
+      "also those that the checksum of an image does not cover.";
+  help.examples =
+      "mlnn check model.txt\n"
+      "mlnn check --digest model.mlnn > model.digest\n"
+      "mlnn check --against model.digest model.mlnn\n"
+      "mlnn check --strict --json model.txt | jq .suspicions";
+  help.exitStatus =
+      "0  the file loads, and no part differs from --against\n"
+      "1  it does not load, or differs, or with --strict something is suspicious\n"
+      "2  wrong usage";
+  return help;
+}
+
+// All that was found out.
+struct Findings {
+  ModelFile file;
+  bool loads = false;
+  std::string messages;          // the reader's own
+  std::optional<Misfit> misfit;  // of a file that does not load
+  std::vector<Suspicion> suspicions;
+  std::optional<ModelDigest> digest;
+  std::optional<DigestComparison> comparison;
+};
+
+// Sets the activations as every command does. Where none is known, a suspicion says so.
+void setActivations(ModelFile& file, const std::string& given) {
+  ActFn::ActFn actFn;
+  const bool isKnown =
+      !given.empty() || ActFn::stringToActFn(file.model.getProp(kHiddenActFnProperty), actFn) == 0;
+  if (isKnown) setHiddenActivations(file, given);
+}
+
+// Lines first, in their order, and then the model that came out.
+std::vector<Suspicion> allSuspicions(const ModelFile& file, const std::string& bytes) {
+  std::vector<Suspicion> suspicions;
+  if (file.format == ModelFormat::kText) suspicions = suspiciousLines(bytes);
+  for (Suspicion& suspicion : suspicionsOf(file)) suspicions.push_back(std::move(suspicion));
+  return suspicions;
+}
+
+Findings examine(const Options& options) {
+  Findings findings;
+  findings.file.name = options.model;
+  const std::string bytes = readInput(options.model);
+  findings.loads = parseModel(bytes, findings.file, findings.messages);
+  if (!findings.loads) {
+    findings.misfit = diagnose(bytes);
+    return findings;
+  }
+  setActivations(findings.file, options.load.hiddenActFn);
+  findings.suspicions = allSuspicions(findings.file, bytes);
+  if (options.digest || !options.against.empty()) findings.digest = digestOf(findings.file);
+  if (!options.against.empty()) {
+    findings.comparison =
+        compareDigests(*findings.digest, parseDigest(readInput(options.against), options.against));
+  }
+  return findings;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(escaped(line));
+  return lines;
+}
+
+const char* formatWord(const ModelFile& file) {
+  return file.format == ModelFormat::kText ? kTextFormatWord : kBinaryFormatWord;
+}
+
+// --- JSON ---
+
+void setUnlessEmpty(Json& json, const char* key, const std::string& value) {
+  if (!value.empty()) json[key] = value;
+}
+
+void setUnlessZero(Json& json, const char* key, std::size_t value) {
+  if (value != 0) json[key] = value;
+}
+
+Json jsonOf(const Misfit& misfit) {
+  Json json = {{"offset", misfit.offset}};
+  setUnlessZero(json, "line", misfit.line);
+  setUnlessZero(json, "column", misfit.column);
+  json["field"] = misfit.field;
+  json["expected"] = misfit.expected;
+  json["found"] = misfit.found;
+  setUnlessEmpty(json, "hint", misfit.hint);
+  return json;
+}
+
+Json jsonOf(const Suspicion& suspicion) {
+  Json json = {{"kind", suspicion.kind}, {"text", suspicion.text}};
+  setUnlessZero(json, "line", suspicion.line);
+  setUnlessZero(json, "layer", suspicion.layer);
+  setUnlessEmpty(json, "array", suspicion.array);
+  setUnlessZero(json, "row", suspicion.row);
+  setUnlessZero(json, "column", suspicion.column);
+  setUnlessZero(json, "count", suspicion.count);
+  return json;
+}
+
+Json jsonOf(const DigestComparison& comparison, const std::string& fileName) {
+  Json differences = Json::array();
+  for (const DigestComparison::Difference& difference : comparison.differences) {
+    differences.push_back({{"section", difference.section}, {"text", difference.text}});
+  }
+  return {{"file", fileName},
+          {"same", comparison.differences.empty()},
+          {"differences", differences},
+          {"not_compared", comparison.notCompared}};
+}
+
+void printJson(const Findings& findings, const Options& options) {
+  const ModelFile& file = findings.file;
+  Json json = {{"file", file.name}, {"format", formatWord(file)}};
+  setUnlessZero(json, "version", static_cast<std::size_t>(file.textVersion));
+  json["bytes"] = file.length;
+  json["loads"] = findings.loads;
+  if (findings.misfit) json["misfit"] = jsonOf(*findings.misfit);
+  json["messages"] = linesOf(findings.messages);
+  json["suspicions"] = Json::array();
+  for (const Suspicion& suspicion : findings.suspicions) {
+    json["suspicions"].push_back(jsonOf(suspicion));
+  }
+  if (options.digest && findings.digest) json["digest"] = jsonOf(*findings.digest);
+  if (findings.comparison) json["against"] = jsonOf(*findings.comparison, options.against);
+  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+}
+
+// --- Text ---
+
+// Information lines are shown only when they are asked for.
+void printMessages(const Findings& findings, const Options& options, std::ostream& out) {
+  for (const std::string& line : linesOf(findings.messages)) {
+    const bool isInfo = line.compare(0, std::size(kInfoPrefix) - 1, kInfoPrefix) == 0;
+    if (!isInfo || options.load.verbose) out << "the reader says: " << line << "\n";
+  }
+}
+
+void printRefusal(const Findings& findings, std::ostream& out) {
+  out << inputName(findings.file.name) << " does not load\n";
+  if (findings.misfit) {
+    out << describe(*findings.misfit) << "\n";
+    if (!findings.misfit->hint.empty()) out << "  " << findings.misfit->hint << "\n";
+  }
+}
+
+void printSuspicions(const Findings& findings, std::ostream& out) {
+  const ModelFile& file = findings.file;
+  out << inputName(file.name) << " loads: "
+      << (file.format == ModelFormat::kText ? "text, version " + std::to_string(file.textVersion)
+                                            : std::string("binary image"))
+      << ", " << file.model.debug_description() << "\n";
+  if (findings.suspicions.empty()) {
+    out << "nothing suspicious\n";
+    return;
+  }
+  out << counted(findings.suspicions.size(), "suspicion") << ":\n";
+  for (const Suspicion& suspicion : findings.suspicions) out << "  " << suspicion.text << "\n";
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
+  return text;
+}
+
+void printComparison(const Findings& findings, const std::string& fileName, std::ostream& out) {
+  const DigestComparison& comparison = *findings.comparison;
+  if (comparison.differences.empty()) {
+    out << "same as " << inputName(fileName) << "\n";
+  } else {
+    out << "differs from " << inputName(fileName) << ":\n";
+  }
+  for (const DigestComparison::Difference& difference : comparison.differences) {
+    out << "  " << difference.text << "\n";
+  }
+  if (comparison.notCompared.empty()) return;
+  out << "not compared, since only one of the two formats holds it: "
+      << joined(comparison.notCompared) << "\n";
+}
+
+// With --digest, the standard output is for the digests alone.
+void printText(const Findings& findings, const Options& options) {
+  std::ostream& out = options.digest ? std::cerr : std::cout;
+  if (!findings.loads) {
+    printRefusal(findings, out);
+    printMessages(findings, options, out);
+    return;
+  }
+  printSuspicions(findings, out);
+  printMessages(findings, options, out);
+  if (findings.comparison) printComparison(findings, options.against, out);
+  if (options.digest) printDigest(*findings.digest, std::cout);
+}
+
+int run(const Options& options) {
+  if (options.model == kStandardStream && options.against == kStandardStream) {
+    throw UsageError("MODEL and --against cannot both be the standard input");
+  }
+  const Findings findings = examine(options);
+  if (options.json) {
+    printJson(findings, options);
+  } else {
+    printText(findings, options);
+  }
+  const bool differs = findings.comparison && !findings.comparison->differences.empty();
+  const bool isOdd = options.strict && !findings.suspicions.empty();
+  return !findings.loads || differs || isOdd ? kRefused : kDone;
+}
+
+}  // namespace
+
+void addCheckCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
+      ->required();
+  command.add_flag("--digest", options->digest, "Print a digest of each part of the model");
+  command
+      .add_option("--against", options->against,
+                  "Compare with digests that were printed earlier, as text or JSON")
+      ->type_name("FILE");
+  command.add_flag("--strict", options->strict, "Fail when something is suspicious");
+  command.add_flag("--json", options->json, "Print JSON");
+  addLoadOptions(command, options->load);
+}
+
+}  // namespace mlnn

@@ -1,0 +1,57 @@
+// ModelDigest — digests of a model's parts, to tell which of them have changed.
+//
+// A digest is 128 bits of XXH3 as 32 hex digits. It finds what was damaged or mixed up by
+// accident; it is no protection against who wants to forge one.
+//
+// A section of both formats has the same digest for the same model in either: "features",
+// "minvals", "normvals", "layers" (their number and order) and "layer N" (kind, activation,
+// shape and the arrays that the layer computes with). Arrays of a normalisation that is absent
+// count as those that change nothing, as a binary image has them. Only a text has "softmax",
+// "properties", "notes", "loss" and "accuracy"; only an image has "unused arrays", which its
+// layers carry without computing with them.
+#pragma once
+
+#include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "tools/ModelFile.h"
+
+namespace mlnn {
+
+struct DigestSection {
+  std::string name;
+  std::string digest;
+};
+
+struct ModelDigest {
+  ModelFormat format = ModelFormat::kText;
+  std::vector<DigestSection> sections;
+};
+
+// Returns the digests of all sections that the file's format holds. Activations that the file
+// does not record count as they have been set (tools/ModelFile.h).
+ModelDigest digestOf(const ModelFile& file);
+
+// Prints the digests, one a line.
+void printDigest(const ModelDigest& digest, std::ostream& out);
+nlohmann::ordered_json jsonOf(const ModelDigest& digest);
+
+// Reads what printDigest printed, or JSON that has what jsonOf makes as its "digest".
+// Throws: Failure that names the file where it is neither.
+ModelDigest parseDigest(const std::string& text, const std::string& fileName);
+
+// What became of the sections of an earlier digest.
+struct DigestComparison {
+  struct Difference {
+    std::string section;
+    std::string text;  // as in "layer 1 is what layer 2 was"
+  };
+  std::vector<Difference> differences;
+  std::vector<std::string> notCompared;  // sections that only one of two formats holds
+};
+
+DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& before);
+
+}  // namespace mlnn

@@ -1,0 +1,16 @@
+// suspicionsOf — what is odd about a model that loads.
+#pragma once
+
+#include <vector>
+
+#include "tools/ModelFile.h"
+#include "tools/Suspicion.h"
+
+namespace mlnn {
+
+// Returns what can hardly be meant in a model: what would make it give nonsense, or nothing,
+// without any message. The activations that its file does not record have been set, where the
+// property names one (tools/ModelFile.h).
+std::vector<Suspicion> suspicionsOf(const ModelFile& file);
+
+}  // namespace mlnn
