@@ -2,6 +2,7 @@
 // the standard error stream.
 #pragma once
 
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -20,6 +21,11 @@ class UsageError : public Failure {
  public:
   using Failure::Failure;
 };
+
+// Why something was not written: the text of a Failure. `error` is an errno, 0 for unknown.
+inline std::string cannotWrite(const std::string& what, int error) {
+  return "cannot write " + what + (error == 0 ? "" : std::string(": ") + std::strerror(error));
+}
 
 inline void printError(const std::string& text) { std::cerr << "ERROR: " + text + "\n"; }
 inline void printWarning(const std::string& text) { std::cerr << "Warning: " + text + "\n"; }

@@ -10,27 +10,15 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
+#include "tools/FileDescriptor.h"
 
 namespace mlnn {
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(const std::string& name)
-      : isOwned_(name != kStandardStream),
-        descriptor_(isOwned_ ? open(name.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO) {}
-  ~Descriptor() {
-    if (isOwned_ && descriptor_ >= 0) close(descriptor_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int get() const { return descriptor_; }
-
- private:
-  bool isOwned_;
-  int descriptor_;
-};
+FileDescriptor openInput(const std::string& name) {
+  return FileDescriptor(name == kStandardStream ? dup(STDIN_FILENO)
+                                                : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+}
 
 [[noreturn]] void failToRead(const std::string& name) {
   throw Failure("cannot read " + inputName(name) + ": " + std::strerror(errno));
@@ -50,8 +38,8 @@ std::string inputName(const std::string& name) {
 }
 
 std::string readInput(const std::string& name) {
-  const Descriptor file(name);
-  if (file.get() < 0) failToRead(name);
+  const FileDescriptor file = openInput(name);
+  if (!file.isOpen()) failToRead(name);
   constexpr std::size_t kChunk = std::size_t{1} << 17;
   std::string bytes;
   bytes.reserve(std::max(expectedLength(file.get()) + 1, kChunk));

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <utility>
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
@@ -66,22 +67,8 @@ mode_t modeOfNewFile() {
 
 }  // namespace
 
-OutputFile::OutputFile(const std::string& name) : name_(name), stream_(&file_) {
-  if (name == kStandardStream) {
-    stream_ = &std::cout;
-    return;
-  }
-  path_ = withoutLinks(name).string();
-  struct stat status;
-  const bool exists = stat(path_.c_str(), &status) == 0;
-  if (exists && !S_ISREG(status.st_mode)) {
-    openDirectly();
-    return;
-  }
-  if (exists && access(path_.c_str(), W_OK) != 0) fail();
-  openBeside();
-  chmod(unfinished_.path().c_str(), exists ? status.st_mode & 0777 : modeOfNewFile());
-}
+OutputFile::OutputFile(const std::string& name)
+    : name_(name), descriptor_(open()), buffer_(descriptor_.get()), stream_(&buffer_) {}
 
 OutputFile::Unfinished::~Unfinished() {
   if (path_.empty()) return;
@@ -99,37 +86,43 @@ void OutputFile::Unfinished::release() {
   path_.clear();
 }
 
-void OutputFile::openDirectly() {
-  file_.open(path_, std::ios::binary);
-  if (!file_) fail();
+FileDescriptor OutputFile::open() {
+  if (name_ == kStandardStream) {
+    std::cout.flush();  // what was printed comes first
+    FileDescriptor copy(dup(STDOUT_FILENO));
+    if (!copy.isOpen()) fail(errno);
+    return copy;
+  }
+  path_ = withoutLinks(name_).string();
+  struct stat status;
+  if (stat(path_.c_str(), &status) != 0) return openBeside(modeOfNewFile());
+  FileDescriptor present(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!present.isOpen()) fail(errno);
+  return S_ISREG(status.st_mode) ? openBeside(status.st_mode & 0777) : std::move(present);
 }
 
-void OutputFile::openBeside() {
+FileDescriptor OutputFile::openBeside(unsigned mode) {
   std::string path = (fs::path(path_).parent_path() / ".mlnn-XXXXXX").string();
-  const int descriptor = mkstemp(path.data());
-  if (descriptor < 0) fail();
-  close(descriptor);
+  FileDescriptor descriptor(mkostemp(path.data(), O_CLOEXEC));
+  if (!descriptor.isOpen()) fail(errno);
   unfinished_.hold(path);
-  file_.open(path, std::ios::binary);
-  if (!file_) fail();
+  if (fchmod(descriptor.get(), mode) != 0) fail(errno);
+  return descriptor;
 }
 
 void OutputFile::finish() {
-  errno = 0;
-  stream_->flush();
-  if (!*stream_) fail();
-  if (stream_ == &std::cout) return;
-  file_.close();
-  if (!file_) fail();
+  stream_.flush();
+  if (!stream_) fail(buffer_.error());
+  if (!descriptor_.close()) fail(errno);
   if (unfinished_.path().empty()) return;
-  if (std::rename(unfinished_.path().c_str(), path_.c_str()) != 0) fail();
+  if (std::rename(unfinished_.path().c_str(), path_.c_str()) != 0) fail(errno);
   unfinished_.release();
 }
 
-void OutputFile::fail() const {
-  const std::string reason = errno == 0 ? "" : std::string(": ") + std::strerror(errno);
+// `error` is an errno, 0 where it is not known.
+void OutputFile::fail(int error) const {
   const bool isStandard = name_ == kStandardStream;
-  throw Failure("cannot write " + (isStandard ? "to standard output" : inQuotes(name_)) + reason);
+  throw Failure(cannotWrite(isStandard ? "to standard output" : inQuotes(name_), error));
 }
 
 }  // namespace mlnn

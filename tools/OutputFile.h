@@ -1,9 +1,11 @@
 // OutputFile — a file that appears under its name only when it is complete.
 #pragma once
 
-#include <fstream>
 #include <ostream>
 #include <string>
+
+#include "tools/DescriptorBuffer.h"
+#include "tools/FileDescriptor.h"
 
 namespace mlnn {
 
@@ -18,7 +20,7 @@ class OutputFile {
   // Throws: Failure that names the file and the reason.
   explicit OutputFile(const std::string& name);
 
-  std::ostream& stream() { return *stream_; }
+  std::ostream& stream() { return stream_; }
 
   // Makes sure that everything is written, and gives the file its name.
   // Throws: Failure; then nothing is left behind.
@@ -41,15 +43,16 @@ class OutputFile {
     std::string path_;
   };
 
-  void openDirectly();
-  void openBeside();
-  [[noreturn]] void fail() const;
+  FileDescriptor open();
+  FileDescriptor openBeside(unsigned mode);
+  [[noreturn]] void fail(int error) const;
 
   std::string name_;  // as the caller gave it, for messages
   std::string path_;  // the file itself, at the end of all links
   Unfinished unfinished_;
-  std::ofstream file_;
-  std::ostream* stream_;
+  FileDescriptor descriptor_;
+  DescriptorBuffer buffer_;
+  std::ostream stream_;
 };
 
 }  // namespace mlnn

@@ -1,13 +1,15 @@
 #include "tools/Tool.h"
 
-#include <cerrno>
-#include <cstring>
+#include <unistd.h>
+
 #include <iostream>
 #include <new>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
+#include "tools/DescriptorBuffer.h"
+#include "tools/Escape.h"
 #include "tools/Failure.h"
 
 namespace mlnn {
@@ -27,14 +29,24 @@ std::string footerOf(const CommandHelp& help) {
   return footer + "EXIT STATUS\n" + indented(help.exitStatus);
 }
 
-// Makes sure that what was printed has arrived: a full disk or a closed pipe is a failure.
-void finishOutput() {
-  errno = 0;
-  std::cout.flush();
-  if (std::cout) return;
-  const std::string reason = errno == 0 ? "" : std::string(": ") + std::strerror(errno);
-  throw Failure("cannot write to standard output" + reason);
-}
+// While it lives, std::cout writes straight to the standard output and knows why it could not.
+class StandardOutput {
+ public:
+  StandardOutput() : buffer_(STDOUT_FILENO), before_(std::cout.rdbuf(&buffer_)) {}
+  ~StandardOutput() { std::cout.rdbuf(before_); }
+  StandardOutput(const StandardOutput&) = delete;
+  StandardOutput& operator=(const StandardOutput&) = delete;
+
+  // Makes sure that what was printed has arrived: a full disk or a closed pipe is a failure.
+  void finish() {
+    std::cout.flush();
+    if (!std::cout) throw Failure(cannotWrite("to standard output", buffer_.error()));
+  }
+
+ private:
+  DescriptorBuffer buffer_;
+  std::streambuf* before_;
+};
 
 }  // namespace
 
@@ -47,7 +59,7 @@ Tool::Tool() : app_("Reads, runs, converts and examines neural-network models fo
       "EXIT STATUS\n" +
       indented(CommandHelp().exitStatus));
   app_.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return "ERROR: " + std::string(error.what()) + "\nRun with --help for more information.\n";
+    return "ERROR: " + escaped(error.what()) + "\nRun with --help for more information.\n";
   });
 }
 
@@ -59,22 +71,32 @@ CLI::App& Tool::addCommand(const CommandHelp& help, std::function<int()> run) {
 }
 
 int Tool::run(int argc, const char* const* argv) {
+  StandardOutput output;
+  const auto work = [&] {
+    const int status = parseAndRun(argc, argv);
+    output.finish();
+    return status;
+  };
+  return statusOf(work);
+}
+
+int Tool::parseAndRun(int argc, const char* const* argv) {
   try {
     app_.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app_.exit(error) == 0 ? kDone : kWrongUsage;
   }
   for (const Command& command : commands_) {
-    if (command.parser->parsed()) return runCommand(command);
+    if (!command.parser->parsed()) continue;
+    failureStatus_ = command.failureStatus;
+    return command.run();
   }
   return kWrongUsage;
 }
 
-int Tool::runCommand(const Command& command) const {
+int Tool::statusOf(const std::function<int()>& work) const {
   try {
-    const int status = command.run();
-    finishOutput();
-    return status;
+    return work();
   } catch (const UsageError& error) {
     printError(error.what());
     return kWrongUsage;
@@ -85,7 +107,7 @@ int Tool::runCommand(const Command& command) const {
   } catch (const std::length_error&) {  // more entries than any array can have
     std::cerr << "ERROR: out of memory\n";
   }
-  return command.failureStatus;
+  return failureStatus_;
 }
 
 }  // namespace mlnn

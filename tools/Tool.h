@@ -52,10 +52,12 @@ class Tool {
     int failureStatus;
   };
 
-  int runCommand(const Command& command) const;
+  int parseAndRun(int argc, const char* const* argv);
+  int statusOf(const std::function<int()>& work) const;
 
   CLI::App app_;
   std::vector<Command> commands_;
+  int failureStatus_ = kRefused;  // of the command that runs
 };
 
 }  // namespace mlnn

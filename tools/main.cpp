@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <iostream>
 
 #include "tools/CheckCommand.h"
 #include "tools/ConvertCommand.h"
@@ -28,7 +27,6 @@ void occupyClosedStandardStreams() {
 int main(int argc, char** argv) {
   occupyClosedStandardStreams();
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write, with its message
-  std::ios::sync_with_stdio(false);
 
   // One line for each command, in the order in which the help lists them.
   mlnn::Tool tool;

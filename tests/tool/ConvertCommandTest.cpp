@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/ByteImage.h"
+#include "tests/support/SourceTree.h"
+#include "tests/support/TestModels.h"
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+using mlnn::test::contentOf;
+using mlnn::test::runTool;
+using mlnn::test::sourcePath;
+using mlnn::test::TempFolder;
+using mlnn::test::ToolResult;
+using Names = std::vector<std::string>;
+
+std::string sample(const std::string& name) { return sourcePath("examples/digits/" + name); }
+
+constexpr char kSampleLosses[] =
+    "Warning: a binary image does not hold 12 note lines\n"
+    "Warning: a binary image does not hold 8 properties (frame_length_ms, frame_shift_ms, "
+    "hidden_act_fn, label_words, labels, mel_bands, name, sample_rate)\n"
+    "Warning: a binary image does not hold the loss curve (60 values)\n"
+    "Warning: a binary image does not hold the accuracy curve (60 values)\n";
+
+TEST(ConvertCommandTest, toBinaryNamesWhatIsLost) {
+  const TempFolder folder;
+  const ToolResult result = runTool({"convert", sample("synth.txt"), folder.path("out.mlnn")});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, kSampleLosses);
+  EXPECT_EQ(contentOf(folder.path("out.mlnn")).substr(0, 4), "MLNN");
+}
+
+TEST(ConvertCommandTest, strictRefusesALoss) {
+  const TempFolder folder;
+  folder.write("out.mlnn", "old");
+  const ToolResult result =
+      runTool({"convert", "--strict", sample("synth.txt"), folder.path("out.mlnn")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, kSampleLosses + std::string("ERROR: nothing written: 4 things would be "
+                                                    "lost, and --strict forbids it\n"));
+  EXPECT_EQ(folder.names(), Names{"out.mlnn"});
+  EXPECT_EQ(contentOf(folder.path("out.mlnn")), "old");
+}
+
+TEST(ConvertCommandTest, textToTextIsTheSameBytes) {
+  for (const std::string name : {"synth.txt", "synth-bn.txt"}) {
+    const TempFolder folder;
+    const std::string out = folder.path("out.txt");
+    EXPECT_EQ(runTool({"convert", "--strict", sample(name), out}).status, 0);
+    EXPECT_EQ(contentOf(out), contentOf(sample(name)));
+  }
+}
+
+// What an image holds survives a text, so the image of that text is the same again.
+TEST(ConvertCommandTest, imageToTextToImageIsTheSameBytes) {
+  for (const std::string name : {"synth.txt", "synth-bn.txt"}) {
+    const TempFolder folder;
+    const std::string image = folder.path("image.mlnn");
+    const std::string text = folder.path("text.txt");
+    const std::string again = folder.path("again.mlnn");
+    EXPECT_EQ(runTool({"convert", sample(name), image}).status, 0);
+    const ToolResult result = runTool({"convert", "--strict", image, text});
+    EXPECT_EQ(result.status, 0);
+    const std::string activation = name == "synth.txt"
+                                       ? ""
+                                       : "info: the activation of the hidden batch-norm layers is "
+                                         "written as the property hidden_act_fn (relu)\n";
+    EXPECT_EQ(result.err, activation +
+                              "info: the feature description is written as a note line\n"
+                              "info: the normalisation is written as note lines\n");
+    EXPECT_EQ(runTool({"convert", text, again}).status, 0);
+    EXPECT_EQ(contentOf(again), contentOf(image));
+  }
+}
+
+TEST(ConvertCommandTest, theFormatIsGivenOrTakenFromTheNameOrTheOther) {
+  const TempFolder folder;
+  const auto startOf = [&folder](const std::vector<std::string>& arguments) {
+    const std::string out = folder.path(arguments.back());
+    std::vector<std::string> command = {"convert"};
+    command.insert(command.end(), arguments.begin(), arguments.end() - 1);
+    command.push_back(out);
+    EXPECT_EQ(runTool(command).status, 0);
+    return contentOf(out).substr(0, 4);
+  };
+  const std::string text = sample("synth.txt");
+  EXPECT_EQ(startOf({"--to", "binary", text, "a.txt"}), "MLNN");
+  EXPECT_EQ(startOf({"--to", "ascii", text, "a.mlnn"}), "Mult");
+  EXPECT_EQ(startOf({text, "b.mlnn"}), "MLNN");
+  EXPECT_EQ(startOf({text, "b.bin"}), "MLNN");
+  EXPECT_EQ(startOf({text, "b.txt"}), "Mult");
+  EXPECT_EQ(startOf({text, "image"}), "MLNN");
+  EXPECT_EQ(startOf({folder.path("image"), "text"}), "Mult");
+}
+
+TEST(ConvertCommandTest, standardInputAndOutputAreDashes) {
+  const ToolResult image = runTool({"convert", "-", "-"}, contentOf(sample("synth.txt")));
+  EXPECT_EQ(image.status, 0);
+  EXPECT_EQ(image.err, kSampleLosses);
+  const ToolResult text = runTool({"convert", "-", "-"}, image.out);
+  EXPECT_EQ(text.status, 0);
+  EXPECT_EQ(text.out.substr(0, 31), "MultiLayerNNModel_v2\nsoftmax 1\n");
+}
+
+TEST(ConvertCommandTest, aModelCanReplaceItself) {
+  const TempFolder folder;
+  const std::string path = folder.write("model", contentOf(sample("synth.txt")));
+  EXPECT_EQ(runTool({"convert", path, path}).status, 0);
+  EXPECT_EQ(contentOf(path).substr(0, 4), "MLNN");
+  EXPECT_EQ(folder.names(), Names{"model"});
+}
+
+TEST(ConvertCommandTest, fewerDigitsAreALoss) {
+  const TempFolder folder;
+  const std::string model =
+      "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\nlayer 1 size 1 3\nact_fn linear\n"
+      "0.5\t0.123456791\t1\n";
+  const std::string in = folder.write("in.txt", model);
+  const ToolResult result = runTool({"convert", "--precision", "4", in, "-", "--to", "ascii"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "Warning: the text format does not hold 1 number exactly, with 4 digits\n");
+  EXPECT_EQ(result.out,
+            "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\nlayer 1 size 1 3\nact_fn linear\n"
+            "0.5\t0.1235\t1\n");
+  EXPECT_EQ(runTool({"convert", "--strict", in, "-", "--to", "ascii"}).out, model);
+}
+
+TEST(ConvertCommandTest, versionOneBecomesVersionTwoWithItsActivations) {
+  const TempFolder folder;
+  const std::string in = folder.write(
+      "in.txt",
+      "MultiLayerNNModel\nnum_layers 2\nlayer 1 size 1 2\n1\t2\nlayer 2 size 1 2\n3\t4\n");
+  const ToolResult result =
+      runTool({"convert", "--act-fn", "relu", "--strict", in, "-", "--to", "ascii"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "info: activation of 1 hidden layer set to relu (--act-fn)\n");
+  EXPECT_EQ(result.out,
+            "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 2\nlayer 1 size 1 2\nact_fn relu\n1\t2\n"
+            "layer 2 size 1 2\nact_fn linear\n3\t4\n");
+}
+
+TEST(ConvertCommandTest, aModelThatDoesNotLoadLeavesNoFile) {
+  const TempFolder folder;
+  std::string image = mlnn::test::ByteImage::of(mlnn::test::imageModel()).bytes();
+  image.pop_back();
+  const std::string in = folder.write("in.mlnn", image);
+  const ToolResult result = runTool({"convert", in, folder.path("out.txt")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: 2\n"
+            "ERROR: could not load the model '" +
+                in + "'\n");
+  EXPECT_EQ(folder.names(), Names{"in.mlnn"});
+}
+
+}  // namespace

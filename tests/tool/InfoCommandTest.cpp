@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tests/support/ByteImage.h"
+#include "tests/support/TestModels.h"
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using mlnn::test::ByteImage;
+using mlnn::test::runTool;
+using mlnn::test::ToolResult;
+
+constexpr char kModel[] =
+    "MultiLayerNNModel_v2\nsoftmax 0\n"
+    "# made by \x1b]0;hand\a\n"
+    "# nn_tune feat_desc mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,"
+    "line_kernel_width=0\n"
+    "# NVP na\x1bme v\xc3\xa4lue\x7f\n"
+    "loss 2\n0.5 0.25\naccuracy 1\n0.75\n"
+    "num_layers 2\nlayer 1 size 3 5\nact_fn relu\n0 1 2 3 4\n0 1 2 3 4\n0 1 2 3 4\n"
+    "batch_norm_layer 2 size 1 3\n1 2 3\ngamma_beta\n1 2 3 4\n";
+
+TEST(InfoCommandTest, saysWhatIsInAText) {
+  const ToolResult result = runTool({"info", "-"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  const std::string memory = result.out.substr(0, result.out.find(" bytes in memory"));
+  const std::string bytes = memory.substr(memory.rfind(' ') + 1);
+  const std::size_t checksum = result.out.find("checksum        ") + 16;
+  const std::string sum = result.out.substr(checksum, result.out.find('\n', checksum) - checksum);
+  EXPECT_EQ(result.out,
+            "file            -\n"
+            "format          text, version 2, 326 bytes\n"
+            "shape           inputs 4 x 3 bn 1 output classes\n"
+            "parameters      22, " +
+                bytes +
+                " bytes in memory\n"
+                "checksum        " +
+                sum +
+                "\n"
+                "softmax         off\n"
+                "features        mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,"
+                "line_kernel_width=0 (4 inputs)\n"
+                "normalisation   none\n"
+                "loss            2 values, first 0.5, last 0.25\n"
+                "accuracy        1 value, first 0.75, last 0.75\n"
+                "\n"
+                "layer  inputs  outputs  kind        activation  parameters\n"
+                "    1       4        3  plain       relu                15\n"
+                "    2       3        1  batch norm  linear               7\n"
+                "\n"
+                "properties\n"
+                "  na\\x1bme = v\xc3\xa4lue\\x7f\n"
+                "\n"
+                "notes\n"
+                "  made by \\x1b]0;hand\\x07\n"
+                "  nn_tune feat_desc mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,"
+                "line_kernel_width=0\n");
+}
+
+TEST(InfoCommandTest, countsTheMemoryOfTheArrays) {
+  const ToolResult small = runTool({"info", "--json", "-"}, kModel);
+  std::string larger = kModel;
+  larger.replace(larger.find("loss 2\n0.5 0.25"), 15, "loss 3\n0.5 0.25 0");
+  const ToolResult large = runTool({"info", "--json", "-"}, larger);
+  const auto bytesOf = [](const ToolResult& result) {
+    return Json::parse(result.out)["memory_bytes"].get<int>();
+  };
+  EXPECT_EQ(bytesOf(large) - bytesOf(small), 4);
+  EXPECT_GT(bytesOf(small), 22 * 4 + 3 * 4);
+}
+
+TEST(InfoCommandTest, printsTheSameAsJson) {
+  const ToolResult result = runTool({"info", "--json", "-"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  for (const char c : result.out) EXPECT_TRUE((c >= ' ' && c < '\x7f') || c == '\n');
+  Json json = Json::parse(result.out);
+  EXPECT_GT(json["memory_bytes"], 0);
+  json.erase("memory_bytes");
+  EXPECT_GT(json["checksum"], 0);
+  json.erase("checksum");
+  EXPECT_EQ(json, Json::parse(R"({
+    "file": "-", "format": "ascii", "version": 2, "bytes": 326,
+    "inputs": 4, "outputs": 1, "softmax": false,
+    "layers": [
+      {"kind": "plain", "inputs": 4, "outputs": 3, "activation": "relu", "parameters": 15},
+      {"kind": "batch_norm", "inputs": 3, "outputs": 1, "activation": "linear", "parameters": 7}],
+    "parameters": 22,
+    "features": {"text": "mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,line_kernel_width=0",
+      "type": 0, "bands": 2, "left": 1, "right": 0, "deltas": false, "line_kernels": false,
+      "line_kernel_width": 0, "frame_length": 2, "length": 4},
+    "normalisation": {"minvals": [], "normvals": []},
+    "properties": {"na\u001bme": "välue\u007f"},
+    "notes": ["made by \u001b]0;hand\u0007",
+      "nn_tune feat_desc mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,line_kernel_width=0"],
+    "loss": [0.5, 0.25], "accuracy": [0.75]})"));
+}
+
+TEST(InfoCommandTest, saysWhatIsInAnImage) {
+  const MultiLayerNNModel model = mlnn::test::imageModel();
+  const ByteImage image = ByteImage::of(model);
+  const ToolResult result = runTool({"info", "--json", "-"}, image.bytes());
+  EXPECT_EQ(result.status, 0);
+  const Json json = Json::parse(result.out);
+  EXPECT_EQ(json["format"], "binary");
+  EXPECT_EQ(json["version"], nullptr);
+  EXPECT_EQ(json["bytes"], image.size());
+  EXPECT_EQ(json["checksum"], model.checksum());
+  EXPECT_EQ(json["normalisation"]["minvals"].size(), 120u);
+}
+
+TEST(InfoCommandTest, bytesThatAreNotUtf8DoNotBreakJson) {
+  const ToolResult result = runTool({"info", "--json", "-"},
+                                    "MultiLayerNNModel\n# NVP a\xff b\x9b\n# \x80\nnum_layers 0\n");
+  EXPECT_EQ(result.status, 0);
+  const Json json = Json::parse(result.out);
+  EXPECT_EQ(json["properties"]["a\xef\xbf\xbd"], "b\xef\xbf\xbd");
+}
+
+TEST(InfoCommandTest, longNotesAreShortenedBetweenCharacters) {
+  const std::string note = std::string(159, 'x') + "\xc3\xa4" + std::string(100, 'y');
+  const ToolResult result =
+      runTool({"info", "-"}, "MultiLayerNNModel\n# " + note + "\nnum_layers 0\n");
+  EXPECT_NE(result.out.find("\n  " + std::string(159, 'x') + "... (261 bytes)\n"),
+            std::string::npos)
+      << result.out;
+}
+
+TEST(InfoCommandTest, aModelThatDoesNotLoadIsAFailure) {
+  const ToolResult result = runTool({"info", "-"}, "MLN");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "ERROR: MultiLayerNNModel: Could not read header\n"
+            "ERROR: could not load the model standard input\n");
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/tool/ToolProcess.h"
+#include "tools/Failure.h"
+#include "tools/OutputFile.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mlnn::OutputFile;
+using mlnn::test::contentOf;
+using mlnn::test::TempFolder;
+using Names = std::vector<std::string>;
+
+unsigned modeOf(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  OutputFile file(path);
+  file.stream() << text;
+  file.finish();
+}
+
+std::string refusalOf(const std::string& path) {
+  try {
+    writeFile(path, "new");
+  } catch (const mlnn::Failure& failure) {
+    return failure.what();
+  }
+  return "";
+}
+
+TEST(OutputFileTest, appearsWhenItIsComplete) {
+  const TempFolder folder;
+  {
+    OutputFile file(folder.path("out"));
+    file.stream() << "text";
+    EXPECT_FALSE(fs::exists(folder.path("out")));
+    EXPECT_EQ(folder.names().size(), 1u);  // what will be it
+    file.finish();
+  }
+  EXPECT_EQ(contentOf(folder.path("out")), "text");
+  EXPECT_EQ(folder.names(), Names{"out"});
+}
+
+TEST(OutputFileTest, leavesNothingWhenItIsNotFinished) {
+  const TempFolder folder;
+  folder.write("old", "old");
+  {
+    OutputFile fresh(folder.path("new"));
+    fresh.stream() << "half";
+  }
+  {
+    OutputFile replaced(folder.path("old"));
+    replaced.stream() << "half";
+  }
+  EXPECT_EQ(folder.names(), Names{"old"});
+  EXPECT_EQ(contentOf(folder.path("old")), "old");
+}
+
+TEST(OutputFileTest, keepsThePermissionsOfAFileThatItReplaces) {
+  const TempFolder folder;
+  const std::string path = folder.write("out", "old");
+  fs::permissions(path, fs::perms(0640));
+  writeFile(path, "new");
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(modeOf(path), 0640u);
+}
+
+TEST(OutputFileTest, givesANewFileTheUsualPermissions) {
+  const TempFolder folder;
+  const mode_t before = umask(027);
+  writeFile(folder.path("out"), "new");
+  umask(before);
+  EXPECT_EQ(modeOf(folder.path("out")), 0640u);
+}
+
+TEST(OutputFileTest, writesThroughSymbolicLinks) {
+  const TempFolder folder;
+  folder.write("file", "old");
+  fs::create_symlink("file", folder.path("link"));
+  fs::create_symlink("missing", folder.path("dangling"));
+  writeFile(folder.path("link"), "new");
+  writeFile(folder.path("dangling"), "new");
+  EXPECT_EQ(contentOf(folder.path("file")), "new");
+  EXPECT_EQ(contentOf(folder.path("missing")), "new");
+  EXPECT_TRUE(fs::is_symlink(folder.path("link")));
+  EXPECT_TRUE(fs::is_symlink(folder.path("dangling")));
+  EXPECT_EQ(folder.names(), (Names{"dangling", "file", "link", "missing"}));
+}
+
+TEST(OutputFileTest, refusesWhatCannotBeWritten) {
+  const TempFolder folder;
+  EXPECT_EQ(refusalOf(folder.path("no/out")),
+            "cannot write '" + folder.path("no/out") + "': No such file or directory");
+  EXPECT_EQ(refusalOf(folder.path()), "cannot write '" + folder.path() + "': Is a directory");
+  EXPECT_EQ(refusalOf("/dev/full"), "cannot write '/dev/full': No space left on device");
+  EXPECT_EQ(folder.names(), Names{});
+}
+
+// A limit on the length of files stands in for a full disk.
+TEST(OutputFileTest, removesWhatDidNotFit) {
+  const TempFolder folder;
+  folder.write("out", "old");
+  const auto result = mlnn::test::runShell(
+      "trap '' XFSZ; ulimit -f 8; mlnn convert '" +
+          folder.write("model.txt", "MultiLayerNNModel_v2\nsoftmax 1\n# " +
+                                        std::string(100000, 'x') + "\nnum_layers 0\n") +
+          "' out --to ascii",
+      folder.path());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: cannot write 'out': File too large\n");
+  EXPECT_EQ(folder.names(), (Names{"model.txt", "out"}));
+  EXPECT_EQ(contentOf(folder.path("out")), "old");
+}
+
+// The child stops itself in the middle of its work.
+TEST(OutputFileTest, isRemovedOnInterrupt) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    const TempFolder folder;
+    const pid_t child = fork();
+    if (child == 0) {
+      OutputFile file(folder.path("out"));
+      file.stream() << "half" << std::flush;
+      raise(signal);
+      _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal);
+    EXPECT_EQ(folder.names(), Names{});
+  }
+}
+
+TEST(OutputFileTest, leavesAnIgnoredSignalIgnored) {
+  const TempFolder folder;
+  const auto before = signal(SIGHUP, SIG_IGN);
+  {
+    OutputFile file(folder.path("out"));
+    raise(SIGHUP);  // would end the test
+    file.finish();
+  }
+  EXPECT_EQ(signal(SIGHUP, before), SIG_IGN);
+}
+
+}  // namespace

@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mlnn::test::contentOf;
+using mlnn::test::runTool;
+using mlnn::test::TempFolder;
+using mlnn::test::ToolResult;
+using Names = std::vector<std::string>;
+
+// Two inputs, passed on as they are; without softmax. A frame is one value, with one frame of
+// context to the left.
+constexpr char kPair[] =
+    "MultiLayerNNModel_v2\nsoftmax 0\n"
+    "# nn_tune feat_desc mel_deltas:bands=1,left=1,right=0,deltas=0,line_kernels=0,"
+    "line_kernel_width=0\n"
+    "num_layers 1\nlayer 1 size 2 3\nact_fn linear\n0 1 0\n0 0 1\n";
+
+// Two inputs straight into a softmax; a frame is an input vector.
+constexpr char kSoftmax[] =
+    "MultiLayerNNModel_v2\nsoftmax 1\n# NVP labels yes,n\x1bo\n"
+    "num_layers 1\nlayer 1 size 2 3\nact_fn linear\n0 1 0\n0 0 1\n";
+
+class RunCommandTest : public ::testing::Test {
+ protected:
+  RunCommandTest() {
+    folder_.write("pair", kPair);
+    folder_.write("softmax", kSoftmax);
+    folder_.write("frames.txt", "1\n2\n3\n");
+  }
+
+  ToolResult run(const std::vector<std::string>& arguments, const std::string& input = "") const {
+    std::vector<std::string> command = {"run"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return runTool(command, input, folder_.path());
+  }
+
+  TempFolder folder_;
+};
+
+TEST_F(RunCommandTest, stacksSingleFrames) {
+  const ToolResult result = run({"pair", "frames.txt", "-o", "-"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out, "1 1\n1 2\n2 3\n");
+}
+
+TEST_F(RunCommandTest, takesInputVectorsAsTheyAre) {
+  EXPECT_EQ(run({"pair", "-", "-o", "-"}, "1 1\n1 2\n").out, "1 1\n1 2\n");
+}
+
+TEST_F(RunCommandTest, showsATableWithoutOut) {
+  const ToolResult result = run({"pair", "frames.txt"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out,
+            "frame  class  output\n"
+            "    0  0           1\n"
+            "    1  1           2\n"
+            "    2  1           3\n");
+}
+
+TEST_F(RunCommandTest, decidesForTheRecordingWhereThereIsASoftmax) {
+  const ToolResult result = run({"softmax", "-"}, "0 1\n5 0\n");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out,
+            "frame  class   posterior\n"
+            "    0  n\\x1bo   0.731059\n"
+            "    1  yes      0.993307\n"
+            "recording: yes, sum of log posteriors -1.320\n");
+}
+
+TEST_F(RunCommandTest, knowsNoBestAmongValuesThatAreNoNumbers) {
+  const ToolResult result = run({"softmax", "-"}, "0 1\nnan 0\n");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "Warning: standard input holds 1 value not finite\n");
+  EXPECT_EQ(result.out,
+            "frame  class   posterior\n"
+            "    0  n\\x1bo   0.731059\n"
+            "    1  ?             nan\n"
+            "recording: ?\n");
+}
+
+TEST_F(RunCommandTest, namesSeveralRecordings) {
+  folder_.write("more.txt", "7\n");
+  EXPECT_EQ(run({"pair", "frames.txt", "more.txt"}).out,
+            "frames.txt\n"
+            "frame  class  output\n"
+            "    0  0           1\n"
+            "    1  1           2\n"
+            "    2  1           3\n"
+            "\n"
+            "more.txt\n"
+            "frame  class  output\n"
+            "    0  0           7\n");
+}
+
+TEST_F(RunCommandTest, writesArraysByTheName) {
+  EXPECT_EQ(run({"pair", "frames.txt", "-o", "out.npy"}).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("out.npy")).size(), 128u + 3 * 2 * sizeof(float));
+  EXPECT_EQ(run({"pair", "out.npy", "-o", "out.csv"}).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("out.csv")), "1 1\n1 2\n2 3\n");
+}
+
+TEST_F(RunCommandTest, putsSeveralResultsIntoAFolder) {
+  folder_.write("more.npy", contentOf(folder_.path("frames.txt")));
+  EXPECT_EQ(run({"pair", "frames.txt", "more.npy", "-o", "results"}).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("results/frames.txt")), "1 1\n1 2\n2 3\n");
+  EXPECT_EQ(contentOf(folder_.path("results/more.npy")).substr(1, 5), "NUMPY");
+  // A single one as well, when the folder is there.
+  EXPECT_EQ(run({"pair", "results/frames.txt", "-o", folder_.path()}).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("frames.txt")), "1 1\n1 2\n2 3\n");
+}
+
+TEST_F(RunCommandTest, goesOnAfterARecordingThatIsRefused) {
+  folder_.write("bad.txt", "1\nx\n");
+  const ToolResult result = run({"pair", "bad.txt", "frames.txt", "-o", "results"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: 'bad.txt', line 2, column 1: expected a number, found 'x'\n");
+  EXPECT_FALSE(fs::exists(folder_.path("results/bad.txt")));
+  EXPECT_TRUE(fs::exists(folder_.path("results/frames.txt")));
+}
+
+TEST_F(RunCommandTest, refusesAnotherWidth) {
+  const ToolResult result = run({"pair", "-"}, "1 2 3\n");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "ERROR: standard input has 3 values in a frame; expected 1 (single frames) or 2 "
+            "(input vectors)\n");
+}
+
+TEST_F(RunCommandTest, refusesFramesWithoutContextWhenTheyAreSaidToBeStacked) {
+  const ToolResult result = run({"pair", "--stacked", "frames.txt"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: 'frames.txt' has 1 values in a frame; expected 2 (input vectors)\n");
+}
+
+TEST_F(RunCommandTest, refusesAModelThatCannotBeRun) {
+  const std::string broken =
+      "MultiLayerNNModel_v2\nsoftmax 0\nnum_layers 2\nlayer 1 size 1 2\nact_fn linear\n0 1\n"
+      "layer 2 size 1 3\nact_fn linear\n0 1 1\n";
+  const ToolResult result = run({"-", "frames.txt"}, broken);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: NNFwdPassFromFile::evaluate: layer 2 does not fit the model\n"
+            "ERROR: the model cannot be run\n");
+}
+
+struct WrongUsage {
+  std::vector<std::string> arguments;
+  std::string message;
+};
+
+TEST_F(RunCommandTest, refusesResultsThatWouldBeLost) {
+  fs::create_directory(folder_.path("other"));
+  folder_.write("other/frames.txt", "1\n");
+  const std::string same = fs::canonical(folder_.path("frames.txt")).string();
+  for (const WrongUsage& wrong : {
+           WrongUsage{{"pair", "frames.txt", "-o", "frames.txt"},
+                      "the result would replace its own frames, 'frames.txt'"},
+           WrongUsage{{"pair", same, "-o", "frames.txt"},
+                      "the result would replace its own frames, '" + same + "'"},
+           WrongUsage{{"pair", "frames.txt", "-o", "."},
+                      "the result would replace its own frames, 'frames.txt'"},
+           WrongUsage{{"pair", "frames.txt", "other/frames.txt", "-o", "results"},
+                      "two results would be called 'frames.txt' in the folder 'results'"},
+           WrongUsage{{"pair", "frames.txt", "-", "-o", "results"},
+                      "the result of standard input has no name in the folder 'results'"},
+       }) {
+    const ToolResult result = run(wrong.arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "ERROR: " + wrong.message + "\n");
+  }
+  EXPECT_EQ(contentOf(folder_.path("frames.txt")), "1\n2\n3\n");
+  EXPECT_FALSE(fs::exists(folder_.path("results")));
+}
+
+TEST_F(RunCommandTest, saysWhyAFolderCannotBeMade) {
+  folder_.write("more.txt", "7\n");
+  const ToolResult result = run({"pair", "frames.txt", "more.txt", "-o", "softmax"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: cannot make the folder 'softmax': Not a directory\n");
+}
+
+TEST_F(RunCommandTest, aModelThatTellsNoActivationIsWarnedOf) {
+  const std::string old =
+      "MultiLayerNNModel\nnum_layers 2\nlayer 1 size 1 2\n0 1\nlayer 2 size 1 2\n0 1\n";
+  const ToolResult linear = run({"-", "frames.txt", "-o", "out"}, old);
+  EXPECT_EQ(linear.status, 0);
+  EXPECT_EQ(linear.err,
+            "Warning: standard input does not record the activation of 1 hidden layer and has no "
+            "property hidden_act_fn; they are taken as linear (see --act-fn)\n");
+  const ToolResult relu = run({"-", "frames.txt", "-o", "out", "--act-fn", "relu"}, old);
+  EXPECT_EQ(relu.status, 0);
+  EXPECT_EQ(relu.err, "info: activation of 1 hidden layer set to relu (--act-fn)\n");
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+#include "tests/tool/ToolProcess.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace mlnn::test {
+namespace {
+
+[[noreturn]] void failWithErrno(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+// In the child: connects the standard streams to the files and becomes the program.
+[[noreturn]] void become(const std::vector<std::string>& command, const TempFolder& streams,
+                         const std::string& folder) {
+  const int in = open(streams.path("in").c_str(), O_RDONLY);
+  const int out = open(streams.path("out").c_str(), O_WRONLY | O_CREAT, 0600);
+  const int err = open(streams.path("err").c_str(), O_WRONLY | O_CREAT, 0600);
+  std::vector<char*> arguments;
+  for (const std::string& argument : command) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  }
+  arguments.push_back(nullptr);
+  const bool ready = dup2(in, 0) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2 &&
+                     (folder.empty() || chdir(folder.c_str()) == 0);
+  if (ready) execv(arguments[0], arguments.data());
+  _exit(127);
+}
+
+ToolResult runCommand(const std::vector<std::string>& command, const std::string& input,
+                      const std::string& folder) {
+  const TempFolder streams;
+  streams.write("in", input);
+  const pid_t child = fork();
+  if (child < 0) failWithErrno("fork");
+  if (child == 0) become(command, streams, folder);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) failWithErrno("waitpid");
+  }
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+          contentOf(streams.path("out")), contentOf(streams.path("err"))};
+}
+
+}  // namespace
+
+ToolResult runTool(const std::vector<std::string>& arguments, const std::string& input,
+                   const std::string& folder) {
+  std::vector<std::string> command = {MLNN_TOOL_PATH};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return runCommand(command, input, folder);
+}
+
+ToolResult runShell(const std::string& line, const std::string& folder) {
+  const std::string path = fs::path(MLNN_TOOL_PATH).parent_path().string();
+  const std::string prefix = "PATH='" + path + "':\"$PATH\"\n";
+  return runCommand({"/bin/sh", "-c", prefix + line}, "", folder);
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("no file " + path);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+TempFolder::TempFolder() {
+  std::string path = (fs::temp_directory_path() / "mlnn-test-XXXXXX").string();
+  if (mkdtemp(path.data()) == nullptr) failWithErrno("mkdtemp");
+  path_ = path;
+}
+
+TempFolder::~TempFolder() {
+  std::error_code error;
+  fs::remove_all(path_, error);
+}
+
+std::string TempFolder::path(const std::string& name) const {
+  return name.empty() ? path_ : path_ + "/" + name;
+}
+
+std::string TempFolder::write(const std::string& name, const std::string& content) const {
+  std::ofstream out(path(name), std::ios::binary);
+  out << content;
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + path(name));
+  return path(name);
+}
+
+std::vector<std::string> TempFolder::names() const {
+  std::vector<std::string> names;
+  for (const fs::directory_entry& entry : fs::directory_iterator(path_)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace mlnn::test
