@@ -1,0 +1,151 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+using mlnn::test::contentOf;
+using mlnn::test::runShell;
+using mlnn::test::runTool;
+using mlnn::test::TempFolder;
+using mlnn::test::ToolResult;
+
+constexpr char kModel[] =
+    "MultiLayerNNModel_v2\nsoftmax 0\nloss 4\n8 4 2 1\n"
+    "num_layers 1\nlayer 1 size 2 5\nact_fn relu\n0 1 1 1 1\n0 2 3 3 4\n";
+
+std::size_t countOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+TEST(PlotCommandTest, sketchesWithAsciiCharacters) {
+  const ToolResult result = runTool({"plot", "-", "--ascii", "--bins", "3"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out,
+            "loss: 4 values, first 8, last 1\n"
+            "         8 |#\n"
+            "           |#\n"
+            "           |#\n"
+            "           |#\n"
+            "           |##\n"
+            "           |##\n"
+            "           |###\n"
+            "         0 |####\n"
+            "            1 epoch 4\n"
+            "\n"
+            "weights of layer 1: 8 weights of plain layer, 4 to 2\n"
+            "         4 |#\n"
+            "           |#\n"
+            "           |#\n"
+            "           |#\n"
+            "           |#\n"
+            "           |# #\n"
+            "           |# #\n"
+            "         0 |###\n"
+            "            1 weight 4\n");
+}
+
+TEST(PlotCommandTest, sketchesWithBlocks) {
+  const ToolResult result = runTool({"plot", "-", "--unicode", "--bins", "3"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out.substr(0, result.out.find("\n\n")),
+            "loss: 4 values, first 8, last 1\n"
+            "         8 |█\n"
+            "           |█\n"
+            "           |█\n"
+            "           |█\n"
+            "           |██\n"
+            "           |██\n"
+            "           |███\n"
+            "         0 |████\n"
+            "            1 epoch 4");
+}
+
+TEST(PlotCommandTest, followsTheLocaleWhenNotTold) {
+  const std::string model = "examples/digits/synth.txt";
+  EXPECT_EQ(runShell("LC_ALL=C mlnn plot " + model).out, runTool({"plot", model, "--ascii"}).out);
+  EXPECT_EQ(runShell("LC_ALL=C.UTF-8 mlnn plot " + model).out,
+            runTool({"plot", model, "--unicode"}).out);
+}
+
+TEST(PlotCommandTest, keepsToTheWidth) {
+  const ToolResult result =
+      runTool({"plot", "examples/digits/synth.txt", "--ascii", "--width", "40"});
+  for (std::size_t begin = 0; begin < result.out.size();) {
+    const std::size_t end = result.out.find('\n', begin);
+    const std::string line = result.out.substr(begin, end - begin);
+    if (line.find('|') != std::string::npos) EXPECT_LE(line.size(), 40u) << line;
+    begin = end + 1;
+  }
+}
+
+TEST(PlotCommandTest, writesAPicture) {
+  const TempFolder folder;
+  const std::string picture = folder.path("model.svg");
+  const ToolResult result = runTool({"plot", "-", "-o", picture, "--bins", "3"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out + result.err, "");
+  const std::string svg = contentOf(picture);
+  EXPECT_EQ(svg.substr(0, 45), "<svg xmlns=\"http://www.w3.org/2000/svg\" width");
+  EXPECT_EQ(svg.substr(svg.size() - 7), "</svg>\n");
+  EXPECT_EQ(countOf(svg, "<rect class=\"bar\""), 3u);
+  EXPECT_EQ(countOf(svg, "<circle"), 4u);
+  EXPECT_EQ(countOf(svg, "<path"), 1u);
+  for (const char* label : {">loss<", ">epoch<", ">weights of layer 1<", ">weight<", ">count<"}) {
+    EXPECT_NE(svg.find(label), std::string::npos) << label;
+  }
+}
+
+TEST(PlotCommandTest, escapesTheNameOfTheFile) {
+  const TempFolder folder;
+  const std::string model = folder.write("a<b>&\"\x1b.txt", kModel);
+  const ToolResult result = runTool({"plot", model, "-o", "-"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("a&lt;b&gt;&amp;&quot;\\x1b.txt: inputs 4 x 2 output classes</title>"),
+            std::string::npos)
+      << result.out.substr(0, 300);
+}
+
+// The text format has no place for such a weight, but it can be made by scaling.
+TEST(PlotCommandTest, countsWhatIsNotFinite) {
+  const TempFolder folder;
+  const std::string model = folder.write("model.txt", kModel);
+  const std::string image = folder.path("model.mlnn");
+  ASSERT_EQ(runTool({"edit", model, image, "--scale", "3e38"}).status, 0);
+  const ToolResult result = runTool({"plot", image, "--ascii"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("8 weights of plain layer, 4 to 2, 4 values not finite, not drawn\n"),
+            std::string::npos)
+      << result.out;
+}
+
+TEST(PlotCommandTest, saysWhenThereIsNothingToDraw) {
+  const ToolResult result =
+      runTool({"plot", "-"}, "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 0\n");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "info: the model has neither curves nor weights to draw\n");
+}
+
+TEST(PlotCommandTest, leavesNoPictureOfAModelThatDoesNotLoad) {
+  const TempFolder folder;
+  const ToolResult result = runTool({"plot", "-", "-o", folder.path("model.svg")}, "no model");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(folder.names().empty());
+}
+
+TEST(PlotCommandTest, refusesWrongUsage) {
+  EXPECT_EQ(runTool({"plot"}).status, 2);
+  EXPECT_EQ(runTool({"plot", "x", "--bins", "0"}).status, 2);
+  EXPECT_EQ(runTool({"plot", "x", "--width", "5"}).status, 2);
+  EXPECT_EQ(runTool({"plot", "x", "--ascii", "--unicode"}).status, 2);
+}
+
+}  // namespace

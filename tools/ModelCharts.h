@@ -1,0 +1,29 @@
+// What there is to draw of a model: its training curves and a histogram of each layer's weights.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+// A row of numbers over an axis, drawn as columns or as a line.
+struct Chart {
+  enum class Kind { kCurve, kHistogram };
+
+  Kind kind = Kind::kCurve;
+  std::string title;
+  std::string remark;  // figures that the picture does not show, such as values left out
+  std::string xLabel;
+  std::string yLabel;
+  double xLow = 0;  // position of the first value (curve), left edge of the first bin
+  double xHigh = 0;
+  std::vector<double> values;  // one for each point or bin; NaN where there is nothing to draw
+};
+
+// The charts of a model, `bins` bins in each histogram: loss and accuracy where it has them,
+// then one for each layer that has weights. Values that are not finite are counted in the remark.
+std::vector<Chart> chartsOf(const MultiLayerNNModel& model, std::size_t bins);
+
+}  // namespace mlnn

@@ -1,0 +1,105 @@
+#include "tools/PlotCommand.h"
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+
+#include "tools/Failure.h"
+#include "tools/ModelCharts.h"
+#include "tools/ModelFile.h"
+#include "tools/OutputFile.h"
+#include "tools/SvgChart.h"
+#include "tools/Terminal.h"
+#include "tools/TerminalChart.h"
+#include "tools/Tool.h"
+
+namespace mlnn {
+namespace {
+
+constexpr std::size_t kDefaultBins = 60;
+constexpr std::size_t kMaxBins = 1000;
+
+struct Options {
+  std::string model;
+  std::string output;
+  std::size_t bins = kDefaultBins;
+  std::size_t width = 0;  // 0: as wide as the terminal
+  bool ascii = false;
+  bool unicode = false;
+};
+
+CommandHelp help() {
+  CommandHelp help;
+  help.name = "plot";
+  help.summary = "Draws a model's training curves and a histogram of each layer's weights";
+  help.details =
+      "With -o writes a picture (SVG); without it prints a sketch. Values that are not finite are\n"
+      "counted, not drawn.";
+  help.examples =
+      "mlnn plot model.txt\n"
+      "mlnn plot -o model.svg model.mlnn";
+  help.exitStatus =
+      "0  done\n"
+      "1  the model does not load or the picture cannot be written\n"
+      "2  wrong usage";
+  return help;
+}
+
+void writePicture(const ModelFile& file, const std::vector<Chart>& charts, const Options& options) {
+  OutputFile output(options.output);
+  const std::string heading = file.name + ": " + file.model.debug_description();
+  writeSvg(output.stream(), heading, charts);
+  output.finish();
+}
+
+CharacterSet characterSet(const Options& options) {
+  if (options.ascii) return CharacterSet::kAscii;
+  return options.unicode || localeIsUtf8() ? CharacterSet::kUnicode : CharacterSet::kAscii;
+}
+
+void printSketches(const std::vector<Chart>& charts, const Options& options) {
+  const std::size_t width =
+      std::max(options.width == 0 ? terminalWidth() : options.width, kMinChartWidth);
+  bool isFirst = true;
+  for (const Chart& chart : charts) {
+    if (!isFirst) std::cout << "\n";
+    isFirst = false;
+    printChart(std::cout, chart, width, characterSet(options));
+  }
+}
+
+int run(const Options& options) {
+  LoadOptions load;
+  load.keepLinear = true;  // activations are not drawn
+  const ModelFile file = loadModel(options.model, load);
+  const std::vector<Chart> charts = chartsOf(file.model, options.bins);
+  if (charts.empty()) printInfo("the model has neither curves nor weights to draw");
+  if (options.output.empty()) {
+    printSketches(charts, options);
+  } else {
+    writePicture(file, charts, options);
+  }
+  return kDone;
+}
+
+}  // namespace
+
+void addPlotCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
+      ->required();
+  command.add_option("-o,--output", options->output, "SVG file to write; - is standard output")
+      ->type_name("FILE");
+  command.add_option("--bins", options->bins, "Bins of each histogram")
+      ->check(CLI::Range(std::size_t{1}, kMaxBins))
+      ->type_name("N")
+      ->capture_default_str();
+  command.add_option("--width", options->width, "Width of the sketch; as the terminal without it")
+      ->check(CLI::Range(kMinChartWidth, std::size_t{1000}))
+      ->type_name("N");
+  CLI::Option* ascii = command.add_flag("--ascii", options->ascii, "Sketch with ASCII characters");
+  command.add_flag("--unicode", options->unicode, "Sketch with block characters")->excludes(ascii);
+}
+
+}  // namespace mlnn

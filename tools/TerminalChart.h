@@ -1,0 +1,20 @@
+// printChart — a chart as a sketch of characters.
+#pragma once
+
+#include <cstddef>
+#include <iosfwd>
+
+#include "tools/ModelCharts.h"
+
+namespace mlnn {
+
+enum class CharacterSet { kAscii, kUnicode };  // '#', or blocks of an eighth of a line
+
+// Prints the chart with its title, at most `width` characters wide. Where there are more values
+// than columns, a column shows the mean of its values.
+// REQUIRES: width is at least kMinChartWidth.
+void printChart(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set);
+
+inline constexpr std::size_t kMinChartWidth = 24;
+
+}  // namespace mlnn
