@@ -279,10 +279,10 @@ bool AsciiReader::readFeatureDescription(const std::string& line) {
   return true;
 }
 
-// Reads a keyword and its count; what cannot be read is empty or 0.
+// Reads a keyword and its count. A keyword that cannot be read is empty; a count that is not
+// there keeps its value, as stream extraction leaves it.
 void AsciiReader::readKeyword(std::string& word, int& count) {
   word.clear();
-  count = 0;
   in_ >> word >> count;
 }
 

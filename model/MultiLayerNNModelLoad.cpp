@@ -42,7 +42,7 @@ int loadImage(MultiLayerNNModel& model, std::istream& in) {
   }
   in.seekg(0);
   const Buffer image = allocate(static_cast<std::size_t>(length));
-  in.read(image.get(), length);
+  in.read(image.get(), static_cast<std::streamsize>(length));
   if (in.gcount() != length) {
     std::cerr << "ERROR: MultiLayerNNModel: stream ended after " << in.gcount() << " of " << length
               << " bytes\n";
