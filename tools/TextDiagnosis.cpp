@@ -542,6 +542,7 @@ bool TextWalk::endFits() {
   }
   std::string word;
   source_.read(word);
+  remarkOnIgnored(source_.start(), word);  // a word that itself ends the file passes
   return source_.metEnd() || refuseWord("end of the file",
                                         std::string(kEndOfFile) + " after " +
                                             counted(static_cast<std::size_t>(numLayers_), "layer"),
