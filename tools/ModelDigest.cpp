@@ -247,8 +247,8 @@ class Index {
 
 std::string differenceText(const DigestSection& section, const Index& before) {
   const std::string* const moved = isLayer(section) ? before.layerWith(section.digest) : nullptr;
-  if (moved == nullptr) return section.name + " differs";
-  return section.name + " is what " + escaped(*moved) + " was";
+  if (moved == nullptr) return section.name + ": changed";
+  return section.name + ": is what " + escaped(*moved) + " was";
 }
 
 }  // namespace
@@ -302,7 +302,7 @@ DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& befor
     if (isLeftOut(section)) {
       comparison.notCompared.push_back(section.name);
     } else if (digest == nullptr) {
-      comparison.differences.push_back({section.name, section.name + " is new"});
+      comparison.differences.push_back({section.name, section.name + ": new"});
     } else if (*digest != section.digest) {
       comparison.differences.push_back({section.name, differenceText(section, earlier)});
     }
@@ -314,7 +314,7 @@ DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& befor
     if (isLeftOut(section)) {
       comparison.notCompared.push_back(name);
     } else {
-      comparison.differences.push_back({name, name + " is gone"});
+      comparison.differences.push_back({name, name + ": gone"});
     }
   }
   return comparison;

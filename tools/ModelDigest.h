@@ -46,7 +46,7 @@ ModelDigest parseDigest(const std::string& text, const std::string& fileName);
 struct DigestComparison {
   struct Difference {
     std::string section;
-    std::string text;  // as in "layer 1 is what layer 2 was"
+    std::string text;  // as in "layer 1: is what layer 2 was"
   };
   std::vector<Difference> differences;
   std::vector<std::string> notCompared;  // sections that only one of two formats holds

@@ -213,19 +213,19 @@ TEST(CheckCommandTest, tellsLayersThatChangedPlacesAndTheHead) {
     EXPECT_EQ(result.out,
               "nothing suspicious\n"
               "differs from 'old':\n"
-              "  layers differs\n"
-              "  layer 1 is what layer 2 was\n"
-              "  layer 2 is what layer 1 was\n");
+              "  layers: changed\n"
+              "  layer 1: is what layer 2 was\n"
+              "  layer 2: is what layer 1 was\n");
   }
   // A bit of the first normval, and a byte of the description that nothing interprets.
   const ToolResult normval =
       against(image(), ByteImage(image()).flipBit(8 * 520).bytes(), "--json");
   EXPECT_EQ(normval.status, 1);
-  EXPECT_EQ(normval.out, "nothing suspicious\ndiffers from 'old':\n  normvals differs\n");
+  EXPECT_EQ(normval.out, "nothing suspicious\ndiffers from 'old':\n  normvals: changed\n");
   const ToolResult reserved =
       against(image(), ByteImage(image()).setByteAt(25, 1).bytes(), "--json");
   EXPECT_EQ(reserved.status, 1);
-  EXPECT_EQ(reserved.out, "nothing suspicious\ndiffers from 'old':\n  features differs\n");
+  EXPECT_EQ(reserved.out, "nothing suspicious\ndiffers from 'old':\n  features: changed\n");
 }
 
 TEST(CheckCommandTest, comparesInJson) {
@@ -237,7 +237,7 @@ TEST(CheckCommandTest, comparesInJson) {
   EXPECT_EQ(result.status, 1);
   const Json json = Json::parse(result.out);
   EXPECT_EQ(json["against"], Json::parse(R"({"file": "old", "same": false,
-      "differences": [{"section": "loss", "text": "loss differs"}], "not_compared": []})"));
+      "differences": [{"section": "loss", "text": "loss: changed"}], "not_compared": []})"));
   EXPECT_FALSE(json.contains("digest"));
 }
 

@@ -87,23 +87,23 @@ TEST(ModelDigest, isTheSameEverywhere) {
 TEST(ModelDigest, tellsTheSectionThatChanged) {
   const auto text = [](auto change) { return changed(textFile(), change); };
   EXPECT_EQ(text([](MultiLayerNNModel&) {}), "");
-  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.featureDesc.reserved ^= 1; }), "features differs\n");
+  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.featureDesc.reserved ^= 1; }), "features: changed\n");
   EXPECT_EQ(text([](MultiLayerNNModel& m) { m.deltasNorm.minvals[119] += 1; }),
-            "minvals differs\n");
+            "minvals: changed\n");
   EXPECT_EQ(text([](MultiLayerNNModel& m) { m.deltasNorm.normvals[0] += 1; }),
-            "normvals differs\n");
-  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.useSoftmax = true; }), "softmax differs\n");
-  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.props["alpha"] = "1"; }), "properties differs\n");
-  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.notes.lines[1] += "."; }), "notes differs\n");
-  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.loss.pop_back(); }), "loss differs\n");
-  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.accuracy[0] = 0; }), "accuracy differs\n");
+            "normvals: changed\n");
+  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.useSoftmax = true; }), "softmax: changed\n");
+  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.props["alpha"] = "1"; }), "properties: changed\n");
+  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.notes.lines[1] += "."; }), "notes: changed\n");
+  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.loss.pop_back(); }), "loss: changed\n");
+  EXPECT_EQ(text([](MultiLayerNNModel& m) { m.accuracy[0] = 0; }), "accuracy: changed\n");
 }
 
 TEST(ModelDigest, tellsChangesOfALayer) {
   const auto layer2 = [](auto change) {
     return changed(imageFile(), [&change](MultiLayerNNModel& m) { change(*m.layers[1]); });
   };
-  const std::string differs = "layers differs\nlayer 2 differs\n";
+  const std::string differs = "layers: changed\nlayer 2: changed\n";
   EXPECT_EQ(layer2([](NNLayer& layer) { layer.weights(4, 2) += 1; }), differs);
   EXPECT_EQ(layer2([](NNLayer& layer) { layer.gamma[0] += 1; }), differs);
   EXPECT_EQ(layer2([](NNLayer& layer) { layer.beta[0] += 1; }), differs);
@@ -112,9 +112,9 @@ TEST(ModelDigest, tellsChangesOfALayer) {
   EXPECT_EQ(layer2([](NNLayer& layer) { layer.actFn = ActFn::relu; }), differs);
   EXPECT_EQ(layer2([](NNLayer& layer) { layer.weights = layer.weights.reshaped(3, 5).eval(); }),
             differs);
-  EXPECT_EQ(layer2([](NNLayer& layer) { layer.bias[0] += 1; }), "unused arrays differs\n");
+  EXPECT_EQ(layer2([](NNLayer& layer) { layer.bias[0] += 1; }), "unused arrays: changed\n");
   EXPECT_EQ(layer2([](NNLayer& layer) { layer.isBatchNorm = false; }),
-            "layers differs\nlayer 2 differs\nunused arrays differs\n");
+            "layers: changed\nlayer 2: changed\nunused arrays: changed\n");
 }
 
 TEST(ModelDigest, tellsLayersThatChangedPlaces) {
@@ -126,15 +126,15 @@ TEST(ModelDigest, tellsLayersThatChangedPlaces) {
                       std::swap(m.layers[0], m.layers[1]);
                       EXPECT_EQ(m.checksum(), checksum);
                     }),
-            "layers differs\nlayer 1 is what layer 2 was\nlayer 2 is what layer 1 was\n");
+            "layers: changed\nlayer 1: is what layer 2 was\nlayer 2: is what layer 1 was\n");
 }
 
 TEST(ModelDigest, tellsLayersThatCameOrWent) {
   EXPECT_EQ(changed(textFile(), [](MultiLayerNNModel& m) { m.deleteLayers(1); }),
-            "layers differs\nlayer 3 is gone\n");
+            "layers: changed\nlayer 3: gone\n");
   EXPECT_EQ(changed(textFile(),
                     [](MultiLayerNNModel& m) { m.layers.push_back(new NNLayer(2, 2, false)); }),
-            "layers differs\nlayer 4 is new\n");
+            "layers: changed\nlayer 4: new\n");
 }
 
 // Texts that only their boundaries tell apart.
