@@ -35,13 +35,16 @@ void countFree() { --counters.live; }
 
 #ifdef MLNN_SANITIZED_HEAP
 
-#include <sanitizer/allocator_interface.h>
+// From the sanitizer's runtime; not every compiler ships the header.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(
+    void (*onMalloc)(const volatile void* block, std::size_t size),
+    void (*onFree)(const volatile void* block));
 
 const bool mlnn::test::kCanFailAllocations = false;
 
 namespace {
 
-const int hooks = __sanitizer_install_malloc_and_free_hooks(
+[[maybe_unused]] const int hooks = __sanitizer_install_malloc_and_free_hooks(
     [](const volatile void*, std::size_t size) { countAllocation(size); },
     [](const volatile void* block) {
       if (block != nullptr) countFree();

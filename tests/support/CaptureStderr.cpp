@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <system_error>
 
@@ -18,8 +19,7 @@ int check(int result, const char* what) {
 
 // A file without a name, which goes away with its descriptor.
 int openUnnamedFile() {
-  const char* folder = std::getenv("TMPDIR");
-  std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/capture-XXXXXX";
+  std::string path = std::filesystem::temp_directory_path() / "capture-XXXXXX";
   const int file = check(mkstemp(path.data()), "mkstemp");
   unlink(path.c_str());
   return file;
