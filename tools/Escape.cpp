@@ -111,4 +111,12 @@ std::string escaped(std::string_view text) {
 
 std::string inQuotes(std::string_view text) { return "'" + escaped(text) + "'"; }
 
+std::string shortened(std::string_view text) {
+  constexpr std::size_t kShown = 160;
+  if (text.size() <= kShown) return escaped(text);
+  std::size_t end = kShown;
+  while (end > 0 && (text[end] & 0xC0) == 0x80) --end;  // not inside a UTF-8 character
+  return escaped(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
 }  // namespace mlnn

@@ -15,4 +15,8 @@ std::string escaped(std::string_view text);
 // The same in single quotes, as names and values stand in messages.
 std::string inQuotes(std::string_view text);
 
+// The same as escaped, but of a long text, such as a note line with the normalisation, only the
+// beginning and the number of its bytes.
+std::string shortened(std::string_view text);
+
 }  // namespace mlnn

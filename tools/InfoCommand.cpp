@@ -204,15 +204,6 @@ void printLayers(const MultiLayerNNModel& model) {
   table.print(std::cout);
 }
 
-// A note may be very long, as the lines that carry the normalisation are.
-std::string shortened(const std::string& text) {
-  constexpr std::size_t kShown = 160;
-  if (text.size() <= kShown) return escaped(text);
-  std::size_t end = kShown;
-  while (end > 0 && (text[end] & 0xC0) == 0x80) --end;  // not inside a UTF-8 character
-  return escaped(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
-}
-
 void printText(const ModelFile& file) {
   const MultiLayerNNModel& model = file.model;
   printField("file", escaped(file.name));

@@ -42,4 +42,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(EscapeTest, quotesNames) { EXPECT_EQ(mlnn::inQuotes("a\nb"), "'a\\nb'"); }
 
+TEST(EscapeTest, shortensLongTexts) {
+  EXPECT_EQ(mlnn::shortened("a\nb"), "a\\nb");
+  const std::string whole(160, 'x');
+  EXPECT_EQ(mlnn::shortened(whole), whole);
+  EXPECT_EQ(mlnn::shortened(whole + "y"), whole + "... (161 bytes)");
+  // Not inside a character of several bytes.
+  EXPECT_EQ(mlnn::shortened(std::string(159, 'x') + "\xc3\xa4"),
+            std::string(159, 'x') + "... (161 bytes)");
+  EXPECT_EQ(mlnn::shortened(std::string(200, '\x80')), "... (200 bytes)");
+}
+
 }  // namespace
