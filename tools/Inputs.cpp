@@ -72,7 +72,7 @@ Inputs Inputs::forFrames(const MultiLayerNNModel& model, Index width, bool stack
 void Inputs::forEachBlock(const Eigen::MatrixXf& frames,
                           const std::function<void(const Block&)>& use) const {
   Blocks blocks(*this, frames);
-  while (const std::optional<Block> block = blocks.next()) use(*block);
+  while (const std::optional<Block> block = blocks.next(blocks.maxLength())) use(*block);
 }
 
 Inputs::Blocks::Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames)
@@ -80,15 +80,18 @@ Inputs::Blocks::Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames)
   if (window_) block_.resize(window_->inputLen(), std::min(kBlock, frames.cols()));
 }
 
-std::optional<Block> Inputs::Blocks::next() {
+Index Inputs::Blocks::maxLength() const { return window_ ? block_.cols() : kBlock; }
+
+std::optional<Block> Inputs::Blocks::next(Index most) {
+  const Index length = std::min(most, maxLength());
   if (!window_) {
     const Index first = done_;
-    done_ = std::min(first + kBlock, frames_.cols());
+    done_ = std::min(first + length, frames_.cols());
     if (first == done_) return std::nullopt;
     return frames_.middleCols(first, done_ - first);
   }
   Index filled = 0;
-  while (filled < block_.cols() && nextVector(block_.col(filled).data())) ++filled;
+  while (filled < length && nextVector(block_.col(filled).data())) ++filled;
   if (filled == 0) return std::nullopt;
   return block_.leftCols(filled);
 }

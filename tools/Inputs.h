@@ -36,14 +36,19 @@ class Inputs {
                     const std::function<void(const Eigen::Ref<const Eigen::MatrixXf>&)>& use) const;
 
   // The same blocks, one at a time when asked for, so that several models can be run over one
-  // recording in step: the blocks of all of them cover the same frames.
+  // recording in step.
   class Blocks {
    public:
     // REQUIRES: frames as wide as was said to forFrames. `frames` must outlive this object.
     Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames);
 
-    // Returns the next block, which lasts until the next call; nothing after the last.
-    std::optional<Eigen::Ref<const Eigen::MatrixXf>> next();
+    // How many vectors a block has at most.
+    Eigen::Index maxLength() const;
+
+    // Returns the next block, of at most `most` vectors if that is less; nothing after the last.
+    // The block lasts until the next call.
+    // REQUIRES: most > 0
+    std::optional<Eigen::Ref<const Eigen::MatrixXf>> next(Eigen::Index most);
 
    private:
     bool nextVector(float* vector);
