@@ -14,8 +14,8 @@ struct NamedArray {
 };
 
 constexpr NamedArray kVectors[] = {
-    {"bias", &NNLayer::bias, false},         {"gamma", &NNLayer::gamma, true},
-    {"beta", &NNLayer::beta, true},          {"gamma_inf", &NNLayer::gamma_inf, true},
+    {"bias", &NNLayer::bias, false},        {"gamma", &NNLayer::gamma, true},
+    {"beta", &NNLayer::beta, true},         {"gamma_inf", &NNLayer::gamma_inf, true},
     {"beta_inf", &NNLayer::beta_inf, true},
 };
 
@@ -61,8 +61,7 @@ void compareMaps(const NNLayer& a, const NNLayer& b, LayerDifference& found) {
 LayerDifference compareLayers(const NNLayer& a, const NNLayer& b, std::size_t number) {
   LayerDifference found;
   found.layer = number;
-  found.sameShape =
-      a.weights.rows() == b.weights.rows() && a.weights.cols() == b.weights.cols();
+  found.sameShape = a.weights.rows() == b.weights.rows() && a.weights.cols() == b.weights.cols();
   found.sameKind = a.isBatchNorm == b.isBatchNorm;
   if (!found.sameShape) return found;
   if (found.sameKind) {

@@ -6,6 +6,7 @@
 
 #include "tools/CheckCommand.h"
 #include "tools/ConvertCommand.h"
+#include "tools/DiffCommand.h"
 #include "tools/InfoCommand.h"
 #include "tools/RunCommand.h"
 #include "tools/Tool.h"
@@ -34,5 +35,6 @@ int main(int argc, char** argv) {
   mlnn::addInfoCommand(tool);
   mlnn::addCheckCommand(tool);
   mlnn::addConvertCommand(tool);
+  mlnn::addDiffCommand(tool);
   return tool.run(argc, argv);
 }

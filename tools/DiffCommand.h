@@ -1,0 +1,10 @@
+// mlnn diff — tells where two models differ.
+#pragma once
+
+namespace mlnn {
+
+class Tool;
+
+void addDiffCommand(Tool& tool);
+
+}  // namespace mlnn

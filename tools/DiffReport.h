@@ -1,0 +1,36 @@
+// What `mlnn diff` found out about two models, and how it is told.
+#pragma once
+
+#include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/BehaviourDiff.h"
+#include "tools/NumberDiff.h"
+#include "tools/StatementDiff.h"
+
+namespace mlnn {
+
+struct ModelDiff {
+  std::string nameA;  // of the files
+  std::string nameB;
+  std::vector<StatementDifference> statements;
+  std::vector<LayerDifference> layers;     // those that both models have
+  std::optional<BehaviourDiff> behaviour;  // when there were frames to look at it
+  double tolerance = 0;                    // for the behaviour
+
+  bool sameStatements() const { return statements.empty(); }
+  bool sameNumbers() const;
+  bool sameBehaviour() const;  // the outputs agree within the tolerance, or were not looked at
+  bool isSame() const { return sameStatements() && sameNumbers() && sameBehaviour(); }
+};
+
+// Prints one line for each level, and below it what differs.
+void printDiff(const ModelDiff& diff, std::ostream& out);
+
+// Values that are not finite are null.
+nlohmann::ordered_json diffJson(const ModelDiff& diff);
+
+}  // namespace mlnn
