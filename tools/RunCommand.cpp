@@ -14,6 +14,7 @@
 #include "tools/Numbers.h"
 #include "tools/Table.h"
 #include "tools/Tool.h"
+#include "tools/TraceWriter.h"
 
 namespace fs = std::filesystem;
 
@@ -24,14 +25,17 @@ struct Options {
   std::string model;
   std::vector<std::string> frames;
   std::string out;
+  std::string trace;
   bool stacked = false;
   LoadOptions load;
 };
 
-// One recording: where its frames come from, and where the outputs go ("" for the table).
+// One recording: where its frames come from, where the outputs go ("" for the table), and the
+// folder for what every layer computes ("" for none).
 struct Job {
   std::string frames;
   std::string out;
+  std::string trace;
 };
 
 CommandHelp help() {
@@ -50,11 +54,15 @@ CommandHelp help() {
       "are called as the model's property `labels` says.\n"
       "\n"
       "OUT is .npy when its name ends so, else text with nine digits. For several FRAMES, or when\n"
-      "it is a folder, each result goes into that folder under the name of its FRAMES.";
+      "it is a folder, each result goes into that folder under the name of its FRAMES.\n"
+      "\n"
+      "DIR gets a file for each stage: inputs, layer-K-affine and layer-K (before and after the\n"
+      "activation), outputs; see `mlnn compare`. For several FRAMES each has a folder in DIR.";
   help.examples =
       "mlnn run model.txt word.npy\n"
       "mlnn run model.mlnn word.npy -o posteriors.npy\n"
       "mlnn run model.mlnn words/*.npy -o posteriors/\n"
+      "mlnn run model.mlnn word.npy --trace traced/\n"
       "extract-features word.wav | mlnn run model.mlnn -";
   help.exitStatus =
       "0  done\n"
@@ -87,7 +95,7 @@ std::vector<Job> jobsInFolder(const Options& options) {
       throw UsageError("two results would be called " + inQuotes(name) + " in the folder " +
                        inQuotes(options.out));
     }
-    jobs.push_back({frames, (fs::path(options.out) / name).string()});
+    jobs.push_back({frames, (fs::path(options.out) / name).string(), ""});
   }
   return jobs;
 }
@@ -95,11 +103,11 @@ std::vector<Job> jobsInFolder(const Options& options) {
 std::vector<Job> jobsOf(const Options& options) {
   std::vector<Job> jobs;
   if (options.out.empty()) {
-    for (const std::string& frames : options.frames) jobs.push_back({frames, ""});
+    for (const std::string& frames : options.frames) jobs.push_back({frames, "", ""});
   } else if (options.frames.size() > 1 || isFolder(options.out)) {
     jobs = jobsInFolder(options);
   } else {
-    jobs.push_back({options.frames.front(), options.out});
+    jobs.push_back({options.frames.front(), options.out, ""});
   }
   for (const Job& job : jobs) {
     if (job.frames != kStandardStream && isSameFile(job.frames, job.out)) {
@@ -107,6 +115,12 @@ std::vector<Job> jobsOf(const Options& options) {
     }
   }
   return jobs;
+}
+
+void addTraces(const Options& options, std::vector<Job>& jobs) {
+  if (options.trace.empty()) return;
+  const std::vector<std::string> folders = traceFolders(options.trace, options.frames);
+  for (std::size_t i = 0; i < jobs.size(); ++i) jobs[i].trace = folders[i];
 }
 
 void makeFolder(const std::string& name) {
@@ -155,12 +169,14 @@ Eigen::MatrixXf evaluate(MultiLayerNNModel& model, const Options& options, const
   const Eigen::MatrixXf frames = readFrames(job.frames);
   const Inputs inputs = Inputs::forFrames(model, frames.rows(), options.stacked, what);
   warnOfUnusualValues(frames, what);
+  if (!job.trace.empty()) writeTrace(model, inputs, frames, job.trace);
   Progress progress(escaped(job.frames), static_cast<std::size_t>(frames.cols()));
   return evaluateFrames(model, frames, inputs, progress);
 }
 
 int run(const Options& options) {
-  const std::vector<Job> jobs = jobsOf(options);
+  std::vector<Job> jobs = jobsOf(options);
+  addTraces(options, jobs);
   ModelFile file = loadModel(options.model, options.load);
   if (options.frames.size() > 1 && !options.out.empty()) makeFolder(options.out);
   int status = kDone;
@@ -191,6 +207,9 @@ void addRunCommand(Tool& tool) {
       ->required();
   command.add_option("FRAMES", options->frames, "Recordings; - is standard input")->required();
   command.add_option("-o,--out", options->out, "File or folder for the outputs")->type_name("OUT");
+  command
+      .add_option("--trace", options->trace, "Folder for what every layer computes, as .npy files")
+      ->type_name("DIR");
   command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
   addLoadOptions(command, options->load);
 }

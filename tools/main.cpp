@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "tools/CheckCommand.h"
+#include "tools/CompareCommand.h"
 #include "tools/ConvertCommand.h"
 #include "tools/DiffCommand.h"
 #include "tools/InfoCommand.h"
@@ -36,5 +37,6 @@ int main(int argc, char** argv) {
   mlnn::addCheckCommand(tool);
   mlnn::addConvertCommand(tool);
   mlnn::addDiffCommand(tool);
+  mlnn::addCompareCommand(tool);
   return tool.run(argc, argv);
 }

@@ -1,0 +1,118 @@
+#include "tools/TraceWriter.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <set>
+
+#include "inference/NNFwdPassFromFile.h"
+#include "tools/Escape.h"
+#include "tools/Failure.h"
+#include "tools/Frames.h"
+#include "tools/InputFile.h"
+#include "tools/Stage.h"
+
+namespace fs = std::filesystem;
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+
+constexpr char kEnding[] = ".npy";
+
+void makeFolder(const std::string& folder) {
+  std::error_code error;
+  fs::create_directories(folder, error);
+  if (error) {
+    throw Failure("cannot make the folder " + inQuotes(folder) + ": " + error.message());
+  }
+}
+
+// A smaller model's trace would leave some of these files as they are.
+void refuseForeignStages(const std::string& folder, const std::vector<std::string>& own) {
+  for (const std::string& stage : stagesIn(folder)) {
+    if (std::find(own.begin(), own.end(), stage) != own.end()) continue;
+    throw Failure("the folder " + inQuotes(folder) + " holds the trace of another model (" + stage +
+                  kEnding + "); remove it first");
+  }
+}
+
+// Empty matrices for what all stages compute over some number of frames.
+std::vector<Eigen::MatrixXf> roomFor(const std::vector<const Eigen::MatrixXf*>& block,
+                                     Index frames) {
+  std::vector<Eigen::MatrixXf> room;
+  for (const Eigen::MatrixXf* values : block) room.emplace_back(values->rows(), frames);
+  return room;
+}
+
+std::vector<Eigen::MatrixXf> evaluateRecording(MultiLayerNNModel& model, const Inputs& inputs,
+                                               const Eigen::MatrixXf& frames) {
+  const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
+  Inputs::Blocks blocks(inputs, frames);
+  std::vector<Eigen::MatrixXf> stages;
+  Index done = 0;
+  while (const auto block = blocks.next(blocks.maxLength())) {
+    const StageValues values = evaluateStages(*pass, *block);
+    const std::vector<const Eigen::MatrixXf*> results = values.inOrder();
+    if (stages.empty()) stages = roomFor(results, frames.cols());
+    for (std::size_t i = 0; i < stages.size(); ++i) {
+      stages[i].middleCols(done, block->cols()) = *results[i];
+    }
+    done += block->cols();
+  }
+  return stages;
+}
+
+}  // namespace
+
+std::vector<std::string> traceFolders(const std::string& folder,
+                                      const std::vector<std::string>& recordings) {
+  if (recordings.size() == 1) return {folder};
+  std::vector<std::string> folders;
+  std::set<std::string> names;
+  for (const std::string& recording : recordings) {
+    const std::string name = fs::path(recording).stem().string();
+    if (recording == kStandardStream || name.empty()) {
+      throw UsageError("the trace of " + inputName(recording) + " has no name in the folder " +
+                       inQuotes(folder));
+    }
+    if (!names.insert(name).second) {
+      throw UsageError("two traces would be called " + inQuotes(name) + " in the folder " +
+                       inQuotes(folder));
+    }
+    folders.push_back((fs::path(folder) / name).string());
+  }
+  return folders;
+}
+
+void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
+                const std::string& folder) {
+  const std::vector<std::string> names = stageNames(model.layers.size());
+  const std::vector<Eigen::MatrixXf> stages = evaluateRecording(model, inputs, frames);
+  makeFolder(folder);
+  refuseForeignStages(folder, names);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    writeFrames(stagePath(folder, names[i]), stages[i]);
+  }
+}
+
+std::vector<std::string> stagesIn(const std::string& folder) {
+  std::error_code error;
+  std::vector<std::string> stages;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const fs::path path = entry->path();
+    const std::string name = path.stem().string();
+    if (path.extension() == kEnding && isStageName(name)) stages.push_back(name);
+  }
+  if (error) throw Failure("cannot read the folder " + inQuotes(folder) + ": " + error.message());
+  std::sort(stages.begin(), stages.end(), comesBefore);
+  return stages;
+}
+
+std::string stagePath(const std::string& folder, const std::string& stage) {
+  return (fs::path(folder) / (stage + kEnding)).string();
+}
+
+}  // namespace mlnn

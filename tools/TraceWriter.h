@@ -1,0 +1,36 @@
+// Traces — folders that hold what every stage of a forward pass computed (tools/Stage.h), each
+// stage a .npy file of frames x values under its name.
+#pragma once
+
+#include <Eigen/Core>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "model/MultiLayerNNModel.h"
+#include "tools/Inputs.h"
+
+namespace mlnn {
+
+// Returns the folders for the traces of some recordings, in their order: `folder` itself for a
+// single one, else folders inside it called like the recordings without their endings.
+// Throws: UsageError when a recording has no name, or two have the same one.
+std::vector<std::string> traceFolders(const std::string& folder,
+                                      const std::vector<std::string>& recordings);
+
+// Runs the model over the frames of a recording, and writes what each stage computed into the
+// folder, which is made if it is not there.
+// Throws: Failure; also when the folder holds the trace of a deeper model, with which the files
+// would be mixed up.
+void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
+                const std::string& folder);
+
+// Returns the stages that the folder holds, in the order in which they are computed. Other files
+// are passed over.
+// Throws: Failure when there is no such folder.
+std::vector<std::string> stagesIn(const std::string& folder);
+
+// The path of a stage's file.
+std::string stagePath(const std::string& folder, const std::string& stage);
+
+}  // namespace mlnn
