@@ -77,7 +77,8 @@ std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file) {
   std::vector<NNLayer*> found;
   const std::vector<NNLayer*>& layers = file.model.layers;
   for (std::size_t i = 0; i + 1 < layers.size(); ++i) {
-    if (!recordsActivation(file, *layers[i])) found.push_back(layers[i]);
+    if (layers[i] == nullptr || recordsActivation(file, *layers[i])) continue;
+    found.push_back(layers[i]);
   }
   return found;
 }

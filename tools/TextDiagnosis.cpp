@@ -449,10 +449,9 @@ bool TextWalk::layerFits(int number) {
              return i == 0 ? std::string("bias") : weight(i);
            });
   }
-  constexpr const char* kNames[] = {"gamma", "beta", "gamma_inf", "beta_inf"};
+  static constexpr const char* kNames[] = {"gamma", "beta", "gamma_inf", "beta_inf"};
   return rowsFit(number, columns_, [weight](int i) { return weight(i + 1); }) &&
-         gammaBetaFits(number) &&
-         rowsFit(number, 4, [&kNames](int i) { return std::string(kNames[i]); });
+         gammaBetaFits(number) && rowsFit(number, 4, [](int i) { return std::string(kNames[i]); });
 }
 
 // Walks over the rows of one block of values; `nameOf(i)` names value i of a row.
