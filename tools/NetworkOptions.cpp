@@ -21,14 +21,14 @@ std::string activationNames() {
 std::string whyNoActFn(const std::string& name) {
   ActFn::ActFn actFn;
   if (ActFn::stringToActFn(name, actFn) == 0) return "";
-  return "expected one of " + activationNames() + " but found " + quoted(name);
+  return "expected one of " + activationNames() + " but found " + inQuotes(name);
 }
 
 std::string whyNoScale(const std::string& text) {
   float value = 0;
   const bool isNumber = CLI::detail::lexical_cast(text, value);
-  if (isNumber && std::isfinite(value) && value >= 0) return "";
-  return "expected a number that is not negative but found " + quoted(text);
+  if (isNumber && std::isfinite(value) && value > 0) return "";
+  return "expected a number above 0 but found " + inQuotes(text);
 }
 
 }  // namespace

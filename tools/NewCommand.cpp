@@ -1,10 +1,10 @@
 #include "tools/NewCommand.h"
 
-#include <cstdint>
 #include <memory>
-#include <optional>
+#include <string>
 #include <vector>
 
+#include "tools/Escape.h"
 #include "tools/Failure.h"
 #include "tools/LayerSizes.h"
 #include "tools/ModelFile.h"
@@ -15,10 +15,14 @@
 namespace mlnn {
 namespace {
 
+constexpr char kFeaturesForm[] =
+    "mel_deltas:bands=B,left=L,right=R,deltas=0|1,line_kernels=0|1,line_kernel_width=W";
+
 struct Options {
   std::string sizes;
   std::string out;
   std::string actFn = "relu";
+  std::string features;  // "" when not given
   bool softmax = true;
   bool batchNorm = false;
   bool zero = false;
@@ -36,6 +40,11 @@ CommandHelp help() {
       "\n"
       "Weights are drawn from a normal distribution; a seed always gives the same ones, and so\n"
       "does no seed. Biases are 0. The output layer is linear; --act-fn is for the others.\n"
+      "\n"
+      "--features says what the inputs are, as in\n"
+      "mel_deltas:bands=40,left=7,right=7,deltas=1,line_kernels=0,line_kernel_width=0. Their\n"
+      "length must be that of the inputs. Without it, the inputs are vectors of which nothing\n"
+      "is known.\n"
       "\n"
       "Batch-norm layers get no values for inference, as those are filled after training:\n"
       "until then the outputs do not depend on the inputs, and the model cannot be folded.";
@@ -68,10 +77,24 @@ void addZeroLayers(MultiLayerNNModel& model, const std::vector<int>& sizes, bool
   }
 }
 
+DbnFeatureDescription featuresOf(const Options& options, int inputs) {
+  DbnFeatureDescription desc(DbnFeatureDescription::MelDeltas);
+  if (options.features.empty()) return desc;
+  if (desc.deserialize(options.features) != 0) {
+    throw UsageError("--features: expected " + std::string(kFeaturesForm) + " but found " +
+                     inQuotes(options.features));
+  }
+  if (desc.featLen() == inputs) return desc;
+  throw UsageError("--features: " + options.features + " makes input vectors of " +
+                   std::to_string(desc.featLen()) + " values, but the model has " +
+                   std::to_string(inputs) + " inputs");
+}
+
 int run(const Options& options) {
   const std::vector<int> sizes = parseLayerSizes(options.sizes);
   checkNetworkSize(sizes, options.batchNorm);
   MultiLayerNNModel model;
+  model.featureDesc = featuresOf(options, sizes.front());
   if (options.zero) {
     addZeroLayers(model, sizes, options.batchNorm);
   } else {
@@ -94,6 +117,8 @@ void addNewCommand(Tool& tool) {
   addActFnOption(command, "--act-fn", options->actFn, "Activation of the hidden layers")
       ->capture_default_str();
   addOnOffOption(command, "--softmax", options->softmax, "Softmax over the outputs (default: on)");
+  command.add_option("--features", options->features, "What the inputs are made of")
+      ->type_name("TEXT");
   command.add_flag("--batch-norm", options->batchNorm, "Make batch-norm layers");
   CLI::Option* zero = command.add_flag("--zero", options->zero, "All parameters are 0");
   addScaleOption(command, "--scale", options->init)->excludes(zero);
