@@ -19,9 +19,8 @@ namespace mlnn {
 namespace {
 
 struct Options {
-  std::vector<std::string> in;
-  std::string out;
-  std::vector<double> weights;  // one for each model, or none
+  std::vector<std::string> files;  // IN... OUT
+  std::vector<double> weights;     // one for each model, or none
   LoadOptions load;
   SaveOptions save;
 };
@@ -51,8 +50,7 @@ CommandHelp help() {
   return help;
 }
 
-std::vector<double> weightsOf(const Options& options) {
-  const std::size_t models = options.in.size();
+std::vector<double> weightsOf(const Options& options, std::size_t models) {
   if (options.weights.empty()) return std::vector<double>(models, 1.0);
   if (options.weights.size() != models) {
     throw UsageError("--weights: expected " + counted(models, "weight") +
@@ -117,24 +115,26 @@ std::vector<float> sharesOf(const std::vector<double>& weights) {
 }
 
 int run(const Options& options) {
-  const std::vector<double> weights = weightsOf(options);
+  const std::vector<std::string> in(options.files.begin(), options.files.end() - 1);
+  const std::string& out = options.files.back();
+  const std::vector<double> weights = weightsOf(options, in.size());
   const std::vector<float> shares = sharesOf(weights);
-  Progress progress("averaging", options.in.size());
+  Progress progress("averaging", in.size());
   ModelAverage average;
   ModelFormat firstFormat = ModelFormat::kText;
-  for (std::size_t i = 0; i < options.in.size(); ++i) {
-    ModelFile file = loadModel(options.in[i], options.load);
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    ModelFile file = loadModel(in[i], options.load);
     if (i == 0) firstFormat = file.format;
-    if (i > 0) check(average.first(), file, options.in[0]);
+    if (i > 0) check(average.first(), file, in[0]);
     average.add(std::move(file.model), shares[i]);
     progress.advance();
   }
   progress.hide();
   const bool allAgree = average.allAgree();
   MultiLayerNNModel mean = average.take();
-  const ModelFormat format = formatToSave(options.out, options.save, firstFormat);
+  const ModelFormat format = formatToSave(out, options.save, firstFormat);
   if (!allAgree && format == ModelFormat::kText) mean.notes.lines.push_back(noteAbout(weights));
-  saveModel(mean, options.out, format, options.save);
+  saveModel(mean, out, format, options.save);
   return kDone;
 }
 
@@ -143,14 +143,20 @@ int run(const Options& options) {
 void addAverageCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
   CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("IN", options->in, "Models of either format; - is standard input")->required();
-  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
+  // One option for all names: the parser would leave none of them for an OUT of its own.
+  constexpr int kAtLeast = 2;
+  command
+      .add_option("FILES", options->files,
+                  "IN... OUT: models of either format, then the file to write; - is standard "
+                  "input or output")
+      ->required()
+      ->expected(kAtLeast, CLI::detail::expected_max_vector_size);
   command
       .add_option("--weights", options->weights,
                   "How much each model counts: numbers above 0, separated by commas")
       ->delimiter(',')
       ->allow_extra_args(false)
-      ->type_name("W,...");
+      ->type_name("W");
   addSaveOptions(command, options->save);
   addLoadOptions(command, options->load);
 }
