@@ -90,16 +90,20 @@ void ContextWindow::stack(const Eigen::Ref<const Eigen::MatrixXf>& frames,
 // Gives out the input vector of frame `emitted_` from the frames received so far; those not
 // there repeat the first or the last.
 void ContextWindow::emit(float* input) {
-  const Index last = received_ - 1;
-  for (Index offset = -left_; offset <= right_; ++offset) {
-    const Index source = std::clamp<Index>(emitted_ + offset, 0, last);
-    input = std::copy_n(ring_.col(source % ring_.cols()).data(), frameLen_, input);
+  const int64_t last = received_ - 1;
+  for (int offset = -left_; offset <= right_; ++offset) {
+    const int64_t source = std::clamp<int64_t>(emitted_ + offset, 0, last);
+    input = std::copy_n(slot(source), frameLen_, input);
   }
   ++emitted_;
 }
 
+float* ContextWindow::slot(int64_t frame) {
+  return ring_.col(static_cast<Index>(frame % ring_.cols())).data();
+}
+
 bool ContextWindow::push(const float* frame, float* input) {
-  normalise(frame, ring_.col(received_ % ring_.cols()).data());
+  normalise(frame, slot(received_));
   ++received_;
   if (received_ - emitted_ <= right_) return false;
   emit(input);

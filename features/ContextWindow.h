@@ -3,6 +3,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -22,6 +23,8 @@ namespace mlnn {
 class ContextWindow {
  public:
   // Makes a window for frames of `frameLen` values.
+  // Takes memory for all frames of a window at once, so for a description that is not trusted
+  // compare its featLen() with the model's inputs before.
   // Returns: nothing when that cannot be done, with the reason in `whyNot`: a frame length
   // that is not positive, a negative window size, an input vector longer than an int tells,
   // or frames longer than a normalisation that changes values.
@@ -58,6 +61,7 @@ class ContextWindow {
 
   void normalise(const float* frame, float* out) const;
   void emit(float* input);
+  float* slot(int64_t frame);  // where the ring keeps a frame
 
   int left_;
   int right_;
@@ -65,9 +69,9 @@ class ContextWindow {
   int inputLen_;
   Eigen::VectorXf minvals_;  // frameLen values each, or none where nothing is normalised
   Eigen::VectorXf normvals_;
-  Eigen::MatrixXf ring_;       // the last left + 1 + right normalised frames, one a column
-  Eigen::Index received_ = 0;  // frames pushed
-  Eigen::Index emitted_ = 0;   // input vectors given out
+  Eigen::MatrixXf ring_;  // the last left + 1 + right normalised frames, one a column
+  int64_t received_ = 0;  // frames pushed
+  int64_t emitted_ = 0;   // input vectors given out
 };
 
 }  // namespace mlnn

@@ -1,7 +1,6 @@
 #include "features/TrainingNotes.h"
 
-#include <locale>
-#include <sstream>
+#include <charconv>
 #include <string_view>
 
 namespace {
@@ -24,9 +23,13 @@ void TrainingNotes::addString(const std::string& line) {
   lines.push_back(startsWith(line, prefix) ? line.substr(prefix.size()) : line);
 }
 
+// Without a stream: that would take running out of memory for a write error and go on.
 void TrainingNotes::addRndLayer(int layerCount, float initScale) {
-  std::ostringstream note;
-  note.imbue(std::locale::classic());
-  note << "added randomly initialised layer " << layerCount << ", initScale " << initScale;
-  lines.push_back(note.str());
+  constexpr int kDigits = 6;
+  char scale[32];
+  const char* const end = std::to_chars(scale, scale + sizeof scale, double{initScale},
+                                        std::chars_format::general, kDigits)
+                              .ptr;
+  lines.push_back("added randomly initialised layer " + std::to_string(layerCount) +
+                  ", initScale " + std::string(scale, end));
 }

@@ -11,7 +11,8 @@ namespace mlnn {
 void applyActivation(ActFn::ActFn fn, Eigen::Ref<Eigen::VectorXf> values);
 
 // Replaces the values by exp(x) / sum(exp(x)), computed from the differences to the largest
-// so that nothing overflows. A NaN or an infinite value among them makes all of them NaN.
+// so that nothing overflows. A NaN or plus infinity among them makes all of them NaN, and so
+// does minus infinity where nothing else stands.
 void applySoftmax(Eigen::Ref<Eigen::VectorXf> values);
 
 }  // namespace mlnn

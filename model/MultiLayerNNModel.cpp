@@ -137,8 +137,10 @@ void MultiLayerNNModel::operator+=(const MultiLayerNNModel& other) {
               << layers.size() << " != " << other.layers.size() << ")\n";
     return;
   }
+  NNLayer missing;
   for (std::size_t i = 0; i < layers.size(); ++i) {
-    if (layers[i] != nullptr) *layers[i] += mlnn::layerOrEmpty(other.layers[i]);
+    NNLayer& target = layers[i] != nullptr ? *layers[i] : missing;
+    target += mlnn::layerOrEmpty(other.layers[i]);
   }
 }
 
