@@ -1,16 +1,10 @@
-// The command-line tool `mlnn`. Each command is a file of its own that adds itself.
+// The command-line tool `mlnn`. Its commands: tools/Commands.cpp.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
 
-#include "tools/CheckCommand.h"
-#include "tools/CompareCommand.h"
-#include "tools/ConvertCommand.h"
-#include "tools/DiffCommand.h"
-#include "tools/InfoCommand.h"
-#include "tools/RunCommand.h"
-#include "tools/Tool.h"
+#include "tools/Commands.h"
 
 namespace {
 
@@ -30,13 +24,7 @@ int main(int argc, char** argv) {
   occupyClosedStandardStreams();
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write, with its message
 
-  // One line for each command, in the order in which the help lists them.
   mlnn::Tool tool;
-  mlnn::addRunCommand(tool);
-  mlnn::addInfoCommand(tool);
-  mlnn::addCheckCommand(tool);
-  mlnn::addConvertCommand(tool);
-  mlnn::addDiffCommand(tool);
-  mlnn::addCompareCommand(tool);
+  mlnn::addCommands(tool);
   return tool.run(argc, argv);
 }

@@ -1,0 +1,11 @@
+// addCommands — everything that `mlnn` can do.
+#pragma once
+
+#include "tools/Tool.h"
+
+namespace mlnn {
+
+// Adds all commands, in the order in which the help lists them.
+void addCommands(Tool& tool);
+
+}  // namespace mlnn
