@@ -27,9 +27,9 @@ void TrainingNotes::addString(const std::string& line) {
 void TrainingNotes::addRndLayer(int layerCount, float initScale) {
   constexpr int kDigits = 6;
   char scale[32];
-  const char* const end = std::to_chars(scale, scale + sizeof scale, double{initScale},
-                                        std::chars_format::general, kDigits)
-                              .ptr;
+  char* const end = std::to_chars(scale, scale + sizeof scale, double{initScale},
+                                  std::chars_format::general, kDigits)
+                        .ptr;
   lines.push_back("added randomly initialised layer " + std::to_string(layerCount) +
-                  ", initScale " + std::string(scale, end));
+                  ", initScale " + std::string(&scale[0], end));
 }
