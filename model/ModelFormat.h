@@ -54,6 +54,10 @@ inline constexpr std::size_t kHeadLength = kLayerCountOffset + 4;
 static_assert(kMinvalsLengthOffset == 32 && kNormvalsLengthOffset == 516);
 static_assert(kLayerCountOffset == 1000 && kHeadLength == 1004);
 
+// An image may announce this many layers more than it has room for; what is missing at its end
+// is left to the checksum.
+inline constexpr int64_t kMissingLayersAllowed = 1023;
+
 // What the head takes beside the values of the two normalisation arrays.
 inline constexpr std::size_t kHeadLengthWithoutNorm = kHeadLength - 2 * kDeltasNormBytes;
 static_assert(kHeadLengthWithoutNorm == 44);

@@ -14,10 +14,6 @@ namespace {
 
 constexpr int64_t kMaxImageLength = std::numeric_limits<int>::max();
 
-// The stack may announce this many layers more than the image has room for; what is
-// missing at the end is left to the checksum.
-constexpr int64_t kMissingLayersAllowed = 1023;
-
 // Returns the length that an image of the model has or would have.
 int64_t imageLength(const MultiLayerNNModel& model) {
   int64_t length = int64_t{mlnn::kHeadLengthWithoutNorm};
@@ -131,7 +127,7 @@ bool ImageReader::readLayerCount() {
   const int32_t count = int32At(mlnn::kLayerCountOffset);
   const auto room =
       static_cast<int64_t>((length_ - mlnn::kHeadLength) / mlnn::kMinLayerRecordLength);
-  if (count < 0 || count > room + kMissingLayersAllowed) {
+  if (count < 0 || count > room + mlnn::kMissingLayersAllowed) {
     std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count " << count
               << "\n";
     return false;

@@ -17,10 +17,6 @@ namespace {
 
 constexpr std::size_t kMaxImageLength = std::numeric_limits<int>::max();
 
-// How many layers more than it has room for an image may announce before the reader refuses
-// the count by itself; below that the checksum decides.
-constexpr uint64_t kMissingLayersAllowed = 1023;
-
 std::string bytesText(std::size_t count) { return counted(count, "byte"); }
 
 class ImageWalk {
@@ -104,7 +100,7 @@ bool ImageWalk::layerCountFits() {
     return refuseValue(kLayerCountOffset, "number of layers", "0 or more", numLayers_);
   }
   const uint64_t room = (image_.size() - kHeadLength) / kMinLayerRecordLength;
-  if (static_cast<uint64_t>(numLayers_) <= room + kMissingLayersAllowed) return true;
+  if (static_cast<uint64_t>(numLayers_) <= room + uint64_t{kMissingLayersAllowed}) return true;
   return refuse(kLayerCountOffset, "number of layers", "at most " + std::to_string(room),
                 std::to_string(numLayers_),
                 "the image has " + bytesText(image_.size() - kHeadLength) +
