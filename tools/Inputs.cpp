@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tools/Failure.h"
+#include "tools/Numbers.h"
 
 namespace mlnn {
 namespace {
@@ -11,7 +12,15 @@ namespace {
 using Eigen::Index;
 using Block = Eigen::Ref<const Eigen::MatrixXf>;
 
-constexpr Index kBlock = 256;
+// How many input vectors are handed out at once: no more than these, and no more than make
+// this many values, unless it is one.
+constexpr Index kMaxBlock = 256;
+constexpr Index kMaxBlockValues = Index{1} << 22;
+
+Index blockLength(Index inputLen, Index frames) {
+  const Index fitting = std::max<Index>(kMaxBlockValues / inputLen, 1);
+  return std::min({kMaxBlock, fitting, frames});
+}
 
 int64_t windowOf(const DbnFeatureDescription& desc) {
   return int64_t{desc.winSizeLeft} + 1 + desc.winSizeRight;
@@ -57,16 +66,20 @@ int frameWidth(const MultiLayerNNModel& model) {
 
 Inputs Inputs::forFrames(const MultiLayerNNModel& model, Index width, bool stacked,
                          const std::string& what) {
+  if (model.numOutputs() == 0 || model.layers.front()->weights.rows() == 0) {
+    throw Failure("the model has no outputs");
+  }
   const int single = frameWidth(model);
-  // The window is as long as the model's inputs, so a file cannot ask for more memory with it.
+  // The window is as long as a row of weights, so a file cannot ask for more memory with it
+  // than it fills itself.
   if (!stacked && width == single && makesInputs(model, single)) {
     return Inputs(makeWindow(model, single, what));
   }
   if (width == model.numInputs()) return Inputs(std::nullopt);
   const std::string expected =
       stacked ? std::to_string(model.numInputs()) + " (input vectors)" : expectedWidths(model);
-  throw Failure(what + " has " + std::to_string(width) + " values in a frame; expected " +
-                expected);
+  throw Failure(what + " has " + counted(static_cast<std::size_t>(width), "value") +
+                " in a frame; expected " + expected);
 }
 
 void Inputs::forEachBlock(const Eigen::MatrixXf& frames,
@@ -77,10 +90,12 @@ void Inputs::forEachBlock(const Eigen::MatrixXf& frames,
 
 Inputs::Blocks::Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames)
     : frames_(frames), window_(inputs.window_) {
-  if (window_) block_.resize(window_->inputLen(), std::min(kBlock, frames.cols()));
+  if (!window_) return;
+  const Index inputLen = window_->inputLen();
+  block_.resize(inputLen, blockLength(inputLen, frames.cols()));
 }
 
-Index Inputs::Blocks::maxLength() const { return window_ ? block_.cols() : kBlock; }
+Index Inputs::Blocks::maxLength() const { return window_ ? block_.cols() : kMaxBlock; }
 
 std::optional<Block> Inputs::Blocks::next(Index most) {
   const Index length = std::min(most, maxLength());

@@ -130,18 +130,21 @@ bool sameValues(const Eigen::VectorXf& a, const Eigen::VectorXf& b) {
   return true;
 }
 
-// Makes the notes say what the reader is to take from them.
-void putIntoNotes(MultiLayerNNModel& model, Lines& done) {
+// Makes the notes say the feature description that a reader is to take from them.
+void putDescriptionIntoNotes(MultiLayerNNModel& model, Lines& done) {
   const DbnFeatureDescription desc = sayableDescription(model);
-  const MultiLayerNNModel skeleton = skeletonOf(model);
   std::string messages;
-  MultiLayerNNModel read = readBack(skeleton, ModelFormat::kText, messages);
-  const bool descFits = messages.empty() && textOf(read.featureDesc) == textOf(desc);
-  if (!descFits) {
-    replaceFirst(model.notes.lines, carriesDescription,
-                 std::string(kFeatDescToolMarker) + " " + kFeatDescMarker + " " + textOf(desc));
-    done.push_back("the feature description is written as a note line");
-  }
+  const MultiLayerNNModel read = readBack(skeletonOf(model), ModelFormat::kText, messages);
+  if (messages.empty() && textOf(read.featureDesc) == textOf(desc)) return;
+  replaceFirst(model.notes.lines, carriesDescription,
+               std::string(kFeatDescToolMarker) + " " + kFeatDescMarker + " " + textOf(desc));
+  done.push_back("the feature description is written as a note line");
+}
+
+// The same for the normalisation.
+void putNormalisationIntoNotes(MultiLayerNNModel& model, Lines& done) {
+  std::string messages;
+  const MultiLayerNNModel read = readBack(skeletonOf(model), ModelFormat::kText, messages);
   const MelDeltasNorm& norm = model.deltasNorm;
   const bool minvalsFit = sameValues(read.deltasNorm.minvals, norm.minvals);
   const bool normvalsFit = sameValues(read.deltasNorm.normvals, norm.normvals);
@@ -167,7 +170,10 @@ void putActivationIntoProperty(MultiLayerNNModel& model, Lines& done) {
   const auto differs = [actFn](const NNLayer* layer) { return layer->actFn != actFn; };
   if (std::any_of(layers.begin(), layers.end(), differs)) return;
   const std::string name = ActFn::actFnToString(actFn);
-  if (model.getProp(kHiddenActFnProperty) == name) return;
+  const auto present = model.props.find(kHiddenActFnProperty);
+  // Without the property they read back as linear. It is not made to say so, since whoever
+  // reads them should go on being told that the file itself does not.
+  if (present == model.props.end() ? actFn == ActFn::linear : present->second == name) return;
   model.props[kHiddenActFnProperty] = name;
   done.push_back("the activation of the hidden batch-norm layers is written as the property " +
                  std::string(kHiddenActFnProperty) + " (" + name + ")");
@@ -372,7 +378,8 @@ Fit fitToFormat(MultiLayerNNModel& model, ModelFormat format, int precision) {
   if (format == ModelFormat::kText) {
     refuseUnreadableShapes(model);
     putActivationIntoProperty(model, fit.done);
-    putIntoNotes(model, fit.done);
+    putDescriptionIntoNotes(model, fit.done);
+    putNormalisationIntoNotes(model, fit.done);
     wanted.props = model.props;
   } else {
     completeNormalisation(model, fit.done);

@@ -72,9 +72,14 @@ CommandHelp help() {
   return help;
 }
 
+// Whether the name is that of a folder, or asks for one.
 bool isFolder(const std::string& name) {
   std::error_code error;
-  return fs::is_directory(name, error);
+  return fs::is_directory(name, error) || (!name.empty() && name.back() == '/');
+}
+
+bool isIntoFolder(const Options& options) {
+  return !options.out.empty() && (options.frames.size() > 1 || isFolder(options.out));
 }
 
 bool isSameFile(const std::string& a, const std::string& b) {
@@ -104,7 +109,7 @@ std::vector<Job> jobsOf(const Options& options) {
   std::vector<Job> jobs;
   if (options.out.empty()) {
     for (const std::string& frames : options.frames) jobs.push_back({frames, "", ""});
-  } else if (options.frames.size() > 1 || isFolder(options.out)) {
+  } else if (isIntoFolder(options)) {
     jobs = jobsInFolder(options);
   } else {
     jobs.push_back({options.frames.front(), options.out, ""});
@@ -178,7 +183,7 @@ int run(const Options& options) {
   std::vector<Job> jobs = jobsOf(options);
   addTraces(options, jobs);
   ModelFile file = loadModel(options.model, options.load);
-  if (options.frames.size() > 1 && !options.out.empty()) makeFolder(options.out);
+  if (isIntoFolder(options)) makeFolder(options.out);
   int status = kDone;
   for (const Job& job : jobs) {
     try {

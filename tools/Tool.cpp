@@ -53,7 +53,9 @@ class StandardOutput {
 Tool::Tool() : app_("Reads, runs, converts and examines neural-network models for mel features") {
   app_.name("mlnn");
   app_.set_version_flag("--version", "mlnn " MLNN_VERSION);
-  app_.require_subcommand(1);
+  app_.require_subcommand(0, 1);            // a wrong one is to be named, not missed
+  app_.get_formatter()->label("TEXT", "");  // types that say nothing
+  app_.get_formatter()->label("REQUIRED", "");
   app_.footer(
       "Each command has its own help: mlnn COMMAND --help\n\n"
       "EXIT STATUS\n" +
@@ -83,6 +85,7 @@ int Tool::run(int argc, const char* const* argv) {
 int Tool::parseAndRun(int argc, const char* const* argv) {
   try {
     app_.parse(argc, argv);
+    if (app_.get_subcommands().empty()) throw CLI::RequiredError("A command");
   } catch (const CLI::ParseError& error) {
     return app_.exit(error) == 0 ? kDone : kWrongUsage;
   }

@@ -86,10 +86,31 @@ TEST(InputsTest, aDescriptionThatDoesNotFitMakesNoWindow) {
 TEST(InputsTest, aHugeWindowIsRefusedBeforeItIsMade) {
   const int most = std::numeric_limits<int>::max();
   EXPECT_EQ(refusalOf(modelWith(1, most, most, 16), 1),
-            "F has 1 values in a frame; expected 16 (input vectors); 1 (single frames) in a "
+            "F has 1 value in a frame; expected 16 (input vectors); 1 (single frames) in a "
             "window of 4294967295 do not make as many");
-  EXPECT_EQ(refusalOf(modelWith(1, most, most - 1, 16), 1).substr(0, 31),
-            "F has 1 values in a frame; expe");
+  EXPECT_EQ(refusalOf(modelWith(1, most, most - 1, 16), 1).substr(0, 30),
+            "F has 1 value in a frame; expe");
+}
+
+// Its first layer takes half a million inputs without holding a number.
+TEST(InputsTest, aModelWithoutOutputsIsRefusedBeforeItsWindowIsMade) {
+  MultiLayerNNModel model = modelWith(1, 499999, 0, 500000);
+  model.layers[0]->weights.resize(0, 500000);
+  EXPECT_EQ(refusalOf(model, 1), "the model has no outputs");
+  EXPECT_EQ(refusalOf(MultiLayerNNModel(), 1), "the model has no outputs");
+}
+
+// A block of long vectors holds fewer of them.
+TEST(InputsTest, blocksStayInProportion) {
+  const MultiLayerNNModel model = modelWith(1, 2999999, 0, 3000000);
+  const Inputs inputs = Inputs::forFrames(model, 1, false, "F");
+  const Eigen::MatrixXf frames = someValues(1, 3, 5);
+  Eigen::Index done = 0;
+  inputs.forEachBlock(frames, [&](const Eigen::Ref<const Eigen::MatrixXf>& block) {
+    EXPECT_EQ(block.cols(), 1);
+    EXPECT_EQ(block(2999999, 0), frames(0, done++));
+  });
+  EXPECT_EQ(done, 3);
 }
 
 TEST(InputsTest, saysWhyFramesCannotBeStacked) {

@@ -157,6 +157,18 @@ TEST(ModelFitTest, aStaleDescriptionIsReplaced) {
   }
 }
 
+// A note that no reader accepts does not keep the lines after it from being found.
+TEST(ModelFitTest, theNormalisationAfterABrokenNoteIsKept) {
+  MultiLayerNNModel model = smallModel();
+  model.deltasNorm.allocIfNeeded();
+  model.deltasNorm.minvals[0] = 0.5f;
+  fitToText(model);
+  const Lines right = model.notes.lines;
+  model.notes.lines[0] = "nn_tune feat_desc rubbish";
+  EXPECT_EQ(fitToText(model).done, Lines{kDescriptionDone});
+  EXPECT_EQ(model.notes.lines, right);
+}
+
 // The reader's own values without any note: 7 frames on either side, deltas, no bands.
 TEST(ModelFitTest, theReadersOwnDescriptionNeedsNoNote) {
   MultiLayerNNModel model = modelOf({plainLayer(6, 2)});
@@ -261,6 +273,17 @@ TEST(ModelFitTest, aWrongActivationPropertyIsCorrected) {
   model.props["hidden_act_fn"] = "tanh";
   EXPECT_EQ(fitToText(model).lost, Lines{});
   EXPECT_EQ(model.getProp("hidden_act_fn"), "sigmoid");
+}
+
+// A text without the property reads back as linear as well, and its reader is warned.
+TEST(ModelFitTest, linearBatchNormLayersGetNoProperty) {
+  MultiLayerNNModel model = modelOf({batchNormLayer(6, 4), plainLayer(4, 2)});
+  model.layers[0]->actFn = ActFn::linear;
+  EXPECT_EQ(fitToText(model).lost, Lines{});
+  EXPECT_EQ(model.props.count("hidden_act_fn"), 0u);
+  model.props["hidden_act_fn"] = "tanh";
+  EXPECT_EQ(fitToText(model).lost, Lines{});
+  EXPECT_EQ(model.getProp("hidden_act_fn"), "linear");
 }
 
 TEST(ModelFitTest, namesActivationsThatATextDoesNotHold) {

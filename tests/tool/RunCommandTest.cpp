@@ -113,6 +113,8 @@ TEST_F(RunCommandTest, putsSeveralResultsIntoAFolder) {
   EXPECT_EQ(run({"pair", "frames.txt", "more.npy", "-o", "results"}).status, 0);
   EXPECT_EQ(contentOf(folder_.path("results/frames.txt")), "1 1\n1 2\n2 3\n");
   EXPECT_EQ(contentOf(folder_.path("results/more.npy")).substr(1, 5), "NUMPY");
+  EXPECT_EQ(run({"pair", "frames.txt", "-o", "made/"}).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("made/frames.txt")), "1 1\n1 2\n2 3\n");
   // A single one as well, when the folder is there.
   EXPECT_EQ(run({"pair", "results/frames.txt", "-o", folder_.path()}).status, 0);
   EXPECT_EQ(contentOf(folder_.path("frames.txt")), "1 1\n1 2\n2 3\n");
@@ -139,8 +141,7 @@ TEST_F(RunCommandTest, refusesAnotherWidth) {
 TEST_F(RunCommandTest, refusesFramesWithoutContextWhenTheyAreSaidToBeStacked) {
   const ToolResult result = run({"pair", "--stacked", "frames.txt"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err,
-            "ERROR: 'frames.txt' has 1 values in a frame; expected 2 (input vectors)\n");
+  EXPECT_EQ(result.err, "ERROR: 'frames.txt' has 1 value in a frame; expected 2 (input vectors)\n");
 }
 
 TEST_F(RunCommandTest, refusesAModelThatCannotBeRun) {
@@ -187,7 +188,7 @@ TEST_F(RunCommandTest, saysWhyAFolderCannotBeMade) {
   folder_.write("more.txt", "7\n");
   const ToolResult result = run({"pair", "frames.txt", "more.txt", "-o", "softmax"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "ERROR: cannot make the folder 'softmax': Not a directory\n");
+  EXPECT_EQ(result.err, "ERROR: cannot make the folder 'softmax': File exists\n");
 }
 
 TEST_F(RunCommandTest, aModelThatTellsNoActivationIsWarnedOf) {

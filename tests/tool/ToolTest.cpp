@@ -66,9 +66,10 @@ TEST_P(WrongUsageTest, isStatusTwo) {
 INSTANTIATE_TEST_SUITE_P(
     All, WrongUsageTest,
     ::testing::Values(
-        WrongUsage{{}, "A subcommand is required"},
+        WrongUsage{{}, "A command is required"},
         WrongUsage{{"rum"}, "The following argument was not expected: rum"},
         WrongUsage{{"--rum"}, "The following argument was not expected: --rum"},
+        WrongUsage{{"info", "a", "run"}, "The following argument was not expected: run"},
         WrongUsage{{"info"}, "MODEL is required"},
         WrongUsage{{"info", "a", "b"}, "The following argument was not expected: b"},
         WrongUsage{{"info", "a", "\x1b[m"}, "The following argument was not expected: \\x1b[m"},
@@ -77,6 +78,13 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{{"convert", "a", "b", "--to", "text"}, "--to: text not in {ascii,binary}"},
         WrongUsage{{"convert", "a", "b", "--precision", "0"},
                    "--precision: Value 0 not in range 1 to 17"}));
+
+TEST(ToolTest, aFileMayBeCalledAsACommand) {
+  const TempFolder folder;
+  folder.write("run", "MultiLayerNNModel\nnum_layers 0\n");
+  const ToolResult result = runTool({"info", "run"}, "", folder.path());
+  EXPECT_EQ(result.status, 0) << result.err;
+}
 
 // --- Output that cannot be written ---
 

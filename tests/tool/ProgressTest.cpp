@@ -1,0 +1,88 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "tests/support/CaptureStderr.h"
+#include "tools/Progress.h"
+
+namespace {
+
+using mlnn::Progress;
+
+constexpr auto kLong = std::chrono::milliseconds(800);  // longer than a bar lets wait for it
+
+// While it lives, the standard error stream is a terminal.
+class TerminalStderr {
+ public:
+  TerminalStderr() : saved_(dup(STDERR_FILENO)) {
+    int terminal = -1;
+    if (openpty(&screen_, &terminal, nullptr, nullptr, nullptr) != 0) {
+      throw std::system_error(errno, std::generic_category(), "openpty");
+    }
+    dup2(terminal, STDERR_FILENO);
+    close(terminal);
+    fcntl(screen_, F_SETFL, O_NONBLOCK);
+  }
+  ~TerminalStderr() {
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    close(screen_);
+  }
+  TerminalStderr(const TerminalStderr&) = delete;
+  TerminalStderr& operator=(const TerminalStderr&) = delete;
+
+  // What appeared on it since the last call.
+  std::string shown() {
+    char bytes[4096];
+    const ssize_t count = read(screen_, bytes, sizeof bytes);
+    return std::string(bytes, count < 0 ? 0 : static_cast<std::size_t>(count));
+  }
+
+ private:
+  int saved_;
+  int screen_ = -1;
+};
+
+TEST(ProgressTest, showsABarOnATerminalWhenWorkIsLong) {
+  TerminalStderr terminal;
+  {
+    Progress progress("work", 10);
+    progress.advance(2);
+    EXPECT_EQ(terminal.shown(), "");
+    std::this_thread::sleep_for(kLong);
+    progress.advance(3);
+    EXPECT_EQ(terminal.shown(), "\rwork [###############...............] 50 %\x1b[K");
+    progress.advance();  // too soon for another drawing
+    EXPECT_EQ(terminal.shown(), "");
+  }
+  EXPECT_EQ(terminal.shown(), "\r\x1b[K");
+}
+
+TEST(ProgressTest, givesWayToOtherLines) {
+  TerminalStderr terminal;
+  Progress progress("work", 2);
+  std::this_thread::sleep_for(kLong);
+  progress.advance(7);  // more than there was to do
+  EXPECT_EQ(terminal.shown(), "\rwork [##############################] 100 %\x1b[K");
+  progress.hide();
+  EXPECT_EQ(terminal.shown(), "\r\x1b[K");
+  progress.hide();
+  EXPECT_EQ(terminal.shown(), "");
+}
+
+TEST(ProgressTest, showsNothingElsewhere) {
+  EXPECT_EQ(mlnn::test::stderrOf([] {
+              Progress progress("work", 10);
+              std::this_thread::sleep_for(kLong);
+              progress.advance(5);
+            }),
+            "");
+}
+
+}  // namespace
