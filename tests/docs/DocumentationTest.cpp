@@ -1,0 +1,124 @@
+// Every shell session that the documentation shows is run, page by page, and must print what
+// the page says.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/docs/ConsoleBlocks.h"
+#include "tests/support/SourceTree.h"
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mlnn::test::ConsoleCommand;
+using mlnn::test::consoleCommands;
+using mlnn::test::contentOf;
+using mlnn::test::matchesShown;
+using mlnn::test::runShell;
+using mlnn::test::sourcePath;
+using mlnn::test::TempFolder;
+
+constexpr char kExamples[] = "examples";  // what pages refer to, relative to the source tree
+
+bool isPage(const fs::path& path) { return path.extension() == ".md"; }
+
+// The pages with console blocks, relative to the source tree: those at its root, in docs/ and
+// in examples/.
+std::vector<std::string> pages() {
+  std::vector<fs::path> candidates;
+  for (const auto& entry : fs::directory_iterator(sourcePath("."))) candidates.push_back(entry);
+  for (const std::string folder : {"docs", kExamples}) {
+    for (const auto& entry : fs::recursive_directory_iterator(sourcePath(folder))) {
+      candidates.push_back(entry);
+    }
+  }
+  std::vector<std::string> found;
+  for (const fs::path& path : candidates) {
+    if (!isPage(path) || consoleCommands(contentOf(path.string())).empty()) continue;
+    found.push_back(fs::relative(path, sourcePath(".")).string());
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+class DocumentationTest : public ::testing::TestWithParam<std::string> {};
+
+// All commands of a page run in one folder, so that later ones find what earlier ones made.
+TEST_P(DocumentationTest, commandsPrintWhatThePageShows) {
+  const TempFolder folder;
+  fs::create_directory_symlink(sourcePath(kExamples), folder.path(kExamples));
+  for (const ConsoleCommand& command : consoleCommands(contentOf(sourcePath(GetParam())))) {
+    const std::string output = runShell("exec 2>&1\n" + command.command, folder.path()).out;
+    EXPECT_TRUE(matchesShown(command.output, output))
+        << GetParam() << ":" << command.line << ": $ " << command.command << "\nshown:\n"
+        << command.output << "printed:\n"
+        << output;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Pages, DocumentationTest, ::testing::ValuesIn(pages()),
+                         [](const auto& page) {
+                           std::string name = page.param;
+                           for (char& c : name) {
+                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+                           }
+                           return name;
+                         });
+
+TEST(DocumentationTest, theReadmeShowsSessions) {
+  const std::vector<std::string> found = pages();
+  EXPECT_NE(std::find(found.begin(), found.end(), "README.md"), found.end());
+}
+
+// What it prints for the model is the posteriors of an input of zeros: ten that sum to 1.
+TEST(DocumentationTest, theProgramInTheReadmeWorks) {
+  const std::string program = contentOf(sourcePath("examples/library/load_and_run.cpp"));
+  EXPECT_NE(contentOf(sourcePath("README.md")).find("```cpp\n" + program + "```\n"),
+            std::string::npos);
+  const auto result =
+      runShell("'" MLNN_EXAMPLE_PATH "' '" + sourcePath("examples/digits/synth.txt") + "'");
+  EXPECT_EQ(result.status, 0);
+  std::istringstream in(result.out);
+  const std::vector<double> posteriors{std::istream_iterator<double>(in), {}};
+  ASSERT_EQ(posteriors.size(), 10u);
+  EXPECT_NEAR(std::accumulate(posteriors.begin(), posteriors.end(), 0.0), 1.0, 1e-4);
+}
+
+TEST(ConsoleBlocksTest, findsCommandsAndTheirOutput) {
+  const std::vector<ConsoleCommand> commands = consoleCommands(
+      "# Page\n```sh\n$ not run\n```\n```console\n$ one\nout 1\nout 2\n$ two \\\n> more\n```\n"
+      "text\n```console\n$ three\n```\n");
+  ASSERT_EQ(commands.size(), 3u);
+  EXPECT_EQ(commands[0].line, 6u);
+  EXPECT_EQ(commands[0].command, "one");
+  EXPECT_EQ(commands[0].output, "out 1\nout 2\n");
+  EXPECT_EQ(commands[1].command, "two \\\nmore");
+  EXPECT_EQ(commands[1].output, "");
+  EXPECT_EQ(commands[2].command, "three");
+}
+
+TEST(ConsoleBlocksTest, refusesBlocksThatWouldNotBeRun) {
+  EXPECT_THROW(consoleCommands("```console\noutput\n```\n"), std::runtime_error);
+  EXPECT_THROW(consoleCommands("```console\n$ a\n```\n```console\nb\n```\n"), std::runtime_error);
+  EXPECT_THROW(consoleCommands("```console\n$ command\n"), std::runtime_error);
+}
+
+TEST(ConsoleBlocksTest, dotsStandForAnyLines) {
+  EXPECT_TRUE(matchesShown("a\nb\n", "a\nb\n"));
+  EXPECT_FALSE(matchesShown("a\nb\n", "a\nb\nc\n"));
+  EXPECT_FALSE(matchesShown("a\nb\n", "a\n"));
+  EXPECT_TRUE(matchesShown("a\n...\nd\n", "a\nb\nc\nd\n"));
+  EXPECT_TRUE(matchesShown("...\n", ""));
+  EXPECT_TRUE(matchesShown("a\n...\n", "a\n"));
+  EXPECT_FALSE(matchesShown("a\n...\ne\n", "a\nb\n"));
+}
+
+}  // namespace
