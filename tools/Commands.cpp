@@ -1,6 +1,7 @@
 #include "tools/Commands.h"
 
 #include "tools/AverageCommand.h"
+#include "tools/BudgetCommand.h"
 #include "tools/CheckCommand.h"
 #include "tools/CompareCommand.h"
 #include "tools/ConvertCommand.h"
@@ -28,6 +29,7 @@ void addCommands(Tool& tool) {
   addNewCommand(tool);
   addDiffCommand(tool);
   addCompareCommand(tool);
+  addBudgetCommand(tool);
   addPlotCommand(tool);
 }
 

@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "tests/support/SourceTree.h"
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+using mlnn::test::contentOf;
+using mlnn::test::runTool;
+using mlnn::test::sourcePath;
+using mlnn::test::TempFolder;
+using mlnn::test::ToolResult;
+using Json = nlohmann::json;
+
+constexpr char kModel[] =
+    "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\nlayer 1 size 2 4\nact_fn linear\n"
+    "0.5 1 2 3\n-0.5 4 5 6\n";
+
+// The tool with --seconds, since the tests need no exact times.
+ToolResult budget(std::vector<std::string> arguments, const std::string& input = "") {
+  arguments.insert(arguments.begin(), {"budget", "--seconds", "0.01"});
+  return runTool(arguments, input);
+}
+
+TEST(BudgetCommandTest, printsWhatAModelNeeds) {
+  const ToolResult result = budget({"-"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  const std::string number = "[0-9.e+-]+";
+  const std::regex expected(
+      "parameters        32 bytes, of which a forward pass reads 32\n"
+      "working memory    [0-9]+ bytes for a forward pass\n"
+      "image file        [0-9]+ bytes\n"
+      "text file         [0-9]+ bytes\n"
+      "multiply-adds     6 a frame\n"
+      "activations       2 a frame\n"
+      "time              " +
+      number + " us a frame \\(median; fastest " + number + ", slowest " + number +
+      ", [0-9]+ frames\\)\n"
+      "load              " +
+      number + " % of one core at 100 frames a second\n");
+  EXPECT_TRUE(std::regex_match(result.out, expected)) << result.out;
+}
+
+TEST(BudgetCommandTest, knowsTheSizesOfTheFilesThatConvertMakes) {
+  const std::string model = sourcePath("examples/digits/synth-bn.txt");
+  const TempFolder folder;
+  ASSERT_EQ(runTool({"convert", model, folder.path("image.mlnn")}).status, 0);
+  ASSERT_EQ(runTool({"convert", model, folder.path("text.txt")}).status, 0);
+  const ToolResult result = budget({"--json", model});
+  EXPECT_EQ(result.status, 0);
+  const Json json = Json::parse(result.out);
+  EXPECT_EQ(json["image_bytes"], contentOf(folder.path("image.mlnn")).size());
+  EXPECT_EQ(json["text_bytes"], contentOf(folder.path("text.txt")).size());
+}
+
+TEST(BudgetCommandTest, givesTheShareOfOneCoreAtTheRate) {
+  const Json json = Json::parse(budget({"--json", "--rate", "62.5", "-"}, kModel).out);
+  EXPECT_EQ(json["file"], "-");
+  EXPECT_EQ(json["multiply_adds"], 6);
+  const Json time = json["time"];
+  EXPECT_EQ(time["rate"], 62.5);
+  EXPECT_GT(time["fastest_seconds"], 0.0);
+  EXPECT_LE(time["fastest_seconds"], time["median_seconds"]);
+  EXPECT_LE(time["median_seconds"], time["slowest_seconds"]);
+  EXPECT_LT(time["median_seconds"], 0.01);
+  EXPECT_GT(time["frames"], 4);
+  EXPECT_DOUBLE_EQ(time["core_share"].get<double>(), 62.5 * time["median_seconds"].get<double>());
+}
+
+// A hundred times the arithmetic takes clearly longer.
+TEST(BudgetCommandTest, measuresTheModelItself) {
+  const TempFolder folder;
+  const auto timeOf = [&folder](const std::string& sizes) {
+    const std::string model = folder.path("model.mlnn");
+    EXPECT_EQ(runTool({"new", sizes, model}).status, 0);
+    return Json::parse(budget({"--json", model}).out)["time"]["median_seconds"].get<double>();
+  };
+  EXPECT_GT(timeOf("1000,1000"), 5 * timeOf("100,100"));
+}
+
+TEST(BudgetCommandTest, refusesModelsThatCannotBeRun) {
+  ToolResult result = budget({"-"}, "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 0\n");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "ERROR: NNFwdPassFromFile::evaluate: model has no layers\n"
+            "ERROR: the model cannot be run\n");
+  result = budget({"absent"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: cannot read 'absent': No such file or directory\n");
+}
+
+TEST(BudgetCommandTest, refusesWrongUsage) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{},
+                                             {"-", "--rate", "0"},
+                                             {"-", "--rate", "nan"},
+                                             {"-", "--rate", "-1"},
+                                             {"-", "--seconds", "0"},
+                                             {"a", "b"}}) {
+    const ToolResult result = budget(arguments, kModel);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+#include "tools/BudgetCommand.h"
+
+#include <cmath>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "tools/FrameTimer.h"
+#include "tools/ModelBudget.h"
+#include "tools/ModelFile.h"
+#include "tools/NumberRange.h"
+#include "tools/Numbers.h"
+#include "tools/Tool.h"
+
+namespace mlnn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kDigits = 3;  // of what is measured
+
+struct Options {
+  std::string model;
+  double rate = 100;
+  double seconds = 1;
+  bool json = false;
+  LoadOptions load;
+};
+
+CommandHelp help() {
+  CommandHelp help;
+  help.name = "budget";
+  help.summary = "Says what a model needs: memory, file sizes, arithmetic and time for a frame";
+  help.details =
+      "Parameters are all arrays of all layers; of those that a forward pass does not read, such\n"
+      "as the learned gamma and beta of a batch-norm layer, a program may want to be rid (see\n"
+      "`mlnn fold`). Working memory is what a forward pass keeps beside the model when it is "
+      "given\n"
+      "one frame at a time. The files are those that `mlnn convert` makes, the text with nine\n"
+      "digits.\n"
+      "\n"
+      "The time is measured on this machine with this build: the processor time of one frame a\n"
+      "call, median over many runs after a warm-up, over random input vectors and with the\n"
+      "parameters in the caches as far as they fit there. Normalisation and stacking of frames\n"
+      "are not in it.";
+  help.examples =
+      "mlnn budget model.mlnn\n"
+      "mlnn budget model.txt --rate 62.5\n"
+      "mlnn budget --json model.mlnn | jq .time.core_share";
+  help.exitStatus =
+      "0  done\n"
+      "1  the model does not load or cannot be run\n"
+      "2  wrong usage";
+  return help;
+}
+
+// --- Text ---
+
+void printField(const std::string& name, const std::string& value) {
+  constexpr std::size_t kWidth = 18;
+  std::cout << name << std::string(kWidth - name.size(), ' ') << value << "\n";
+}
+
+std::string bytesText(uint64_t bytes) { return std::to_string(bytes) + " bytes"; }
+
+std::string fileText(const std::optional<uint64_t>& bytes) {
+  return bytes ? bytesText(*bytes) : "not possible";
+}
+
+std::string microseconds(double seconds) { return generalNumber(seconds * 1e6, kDigits); }
+
+void printText(const ModelBudget& budget, const FileSizes& files, const FrameTime& time,
+               double rate) {
+  printField("parameters", bytesText(budget.parameterBytes) + ", of which a forward pass reads " +
+                               std::to_string(budget.readBytes));
+  printField("working memory", bytesText(budget.workingBytes) + " for a forward pass");
+  printField("image file", fileText(files.image));
+  printField("text file", fileText(files.text));
+  printField("multiply-adds", std::to_string(budget.multiplyAdds) + " a frame");
+  printField("activations", std::to_string(budget.activations) + " a frame");
+  printField("time", microseconds(time.median) + " us a frame (median; fastest " +
+                         microseconds(time.fastest) + ", slowest " + microseconds(time.slowest) +
+                         ", " + counted(time.frames, "frame") + ")");
+  printField("load", generalNumber(100 * time.median * rate, kDigits) + " % of one core at " +
+                         generalNumber(rate, kExactDigits) + " frames a second");
+}
+
+// --- JSON ---
+
+Json fileJson(const std::optional<uint64_t>& bytes) { return bytes ? Json(*bytes) : Json(); }
+
+Json budgetJson(const std::string& name, const ModelBudget& budget, const FileSizes& files,
+                const FrameTime& time, double rate) {
+  return {{"file", name},
+          {"parameter_bytes", budget.parameterBytes},
+          {"read_bytes", budget.readBytes},
+          {"working_bytes", budget.workingBytes},
+          {"image_bytes", fileJson(files.image)},
+          {"text_bytes", fileJson(files.text)},
+          {"multiply_adds", budget.multiplyAdds},
+          {"activations", budget.activations},
+          {"time",
+           {{"median_seconds", time.median},
+            {"fastest_seconds", time.fastest},
+            {"slowest_seconds", time.slowest},
+            {"frames", time.frames},
+            {"rate", rate},
+            {"core_share", time.median * rate}}}};
+}
+
+int run(const Options& options) {
+  ModelFile file = loadModel(options.model, options.load);
+  const FrameTime time = timeFrames(file.model, options.seconds);
+  const ModelBudget budget = budgetOf(file.model);
+  const FileSizes files = fileSizesOf(file.model);
+  if (options.json) {
+    const Json json = budgetJson(file.name, budget, files, time, options.rate);
+    std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+  } else {
+    printText(budget, files, time, options.rate);
+  }
+  return kDone;
+}
+
+}  // namespace
+
+void addBudgetCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
+      ->required();
+  command.add_option("--rate", options->rate, "Frames a second that the load is given for")
+      ->check(numberRange(1e-3, 1e9))
+      ->type_name("FPS")
+      ->capture_default_str();
+  command.add_option("--seconds", options->seconds, "How long to measure")
+      ->check(numberRange(1e-3, 3600))
+      ->type_name("S")
+      ->capture_default_str();
+  command.add_flag("--json", options->json, "Print JSON");
+  addLoadOptions(command, options->load);
+}
+
+}  // namespace mlnn

@@ -1,0 +1,24 @@
+// timeFrames — measures on this machine how long a model takes for a frame.
+#pragma once
+
+#include <cstddef>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+// Processor time for one frame, in seconds, over all measurements.
+struct FrameTime {
+  double median = 0;
+  double fastest = 0;
+  double slowest = 0;
+  std::size_t frames = 0;  // how many were evaluated
+};
+
+// Runs the model over random frames, one a call as when frames arrive one by one, for about
+// `seconds` of processor time after a warm-up. What counts is the time that the processor
+// spends here, so other programs that run at the same time disturb little.
+// Throws: Failure, after the forward pass's own message, when the model cannot be run.
+FrameTime timeFrames(MultiLayerNNModel& model, double seconds);
+
+}  // namespace mlnn

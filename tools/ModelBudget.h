@@ -1,0 +1,38 @@
+// ModelBudget — what a model needs of whoever deploys it, worked out from its shape.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+struct ModelBudget {
+  // Bytes of all arrays of all layers, and of those among them that a forward pass reads.
+  uint64_t parameterBytes = 0;
+  uint64_t readBytes = 0;
+
+  // Bytes that a forward pass keeps beside the model when it is given one frame at a time.
+  uint64_t workingBytes = 0;
+
+  // For one frame: the products of weights and inputs, each added up, and in batch-norm layers
+  // of scales and sums; the values that go through an activation that is not linear, or
+  // through the softmax.
+  uint64_t multiplyAdds = 0;
+  uint64_t activations = 0;
+};
+
+ModelBudget budgetOf(const MultiLayerNNModel& model);
+
+// The sizes of the files that `mlnn convert` makes of a model: an image, and a text with nine
+// digits. Nothing where the format has no way to write the model.
+struct FileSizes {
+  std::optional<uint64_t> image;
+  std::optional<uint64_t> text;
+};
+
+FileSizes fileSizesOf(const MultiLayerNNModel& model);
+
+}  // namespace mlnn
