@@ -28,6 +28,15 @@ using mlnn::test::TempFolder;
 
 constexpr char kExamples[] = "examples";  // what pages refer to, relative to the source tree
 
+// Both streams in one. Pages that use git get neither the repository that the tests may have been
+// started for, as from a hook, nor the configuration of whoever runs them.
+constexpr char kShellSetup[] =
+    "exec 2>&1\n"
+    "unset GIT_DIR GIT_WORK_TREE GIT_INDEX_FILE GIT_PREFIX GIT_EXTERNAL_DIFF\n"
+    "export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_SYSTEM=/dev/null\n"
+    "export GIT_AUTHOR_NAME=tester GIT_AUTHOR_EMAIL=tester@example.org\n"
+    "export GIT_COMMITTER_NAME=tester GIT_COMMITTER_EMAIL=tester@example.org\n";
+
 bool isPage(const fs::path& path) { return path.extension() == ".md"; }
 
 // The pages with console blocks, relative to the source tree: those at its root, in docs/ and
@@ -56,7 +65,7 @@ TEST_P(DocumentationTest, commandsPrintWhatThePageShows) {
   const TempFolder folder;
   fs::create_directory_symlink(sourcePath(kExamples), folder.path(kExamples));
   for (const ConsoleCommand& command : consoleCommands(contentOf(sourcePath(GetParam())))) {
-    const std::string output = runShell("exec 2>&1\n" + command.command, folder.path()).out;
+    const std::string output = runShell(kShellSetup + command.command, folder.path()).out;
     EXPECT_TRUE(matchesShown(command.output, output))
         << GetParam() << ":" << command.line << ": $ " << command.command << "\nshown:\n"
         << command.output << "printed:\n"
