@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iostream>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
+#include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
 #include "tools/InputFile.h"
 #include "tools/ModelAverage.h"
@@ -108,10 +111,40 @@ std::vector<float> sharesOf(const std::vector<double>& weights) {
   double total = 0;
   for (const double weight : weights) total += weight / largest;
   std::vector<float> shares;
+  shares.reserve(weights.size());
   for (const double weight : weights) {
     shares.push_back(static_cast<float>(weight / largest / total));
   }
   return shares;
+}
+
+// Keeps what is printed from landing on the line of the progress bar.
+class AwayFromBar {
+ public:
+  explicit AwayFromBar(Progress& progress) : progress_(progress), captured_(std::in_place) {}
+  ~AwayFromBar() {
+    const std::string text = captured_->text();
+    captured_.reset();
+    if (text.empty()) return;
+    progress_.hide();
+    std::cerr << text;
+  }
+  AwayFromBar(const AwayFromBar&) = delete;
+  AwayFromBar& operator=(const AwayFromBar&) = delete;
+
+ private:
+  Progress& progress_;
+  std::optional<CapturedDiagnostics> captured_;
+};
+
+// Loads the model, and makes sure that it has a mean with the first one, if there is one yet.
+ModelFile loadNext(const std::string& name, const LoadOptions& options,
+                   const MultiLayerNNModel* first, const std::string& firstName,
+                   Progress& progress) {
+  const AwayFromBar awayFromBar(progress);
+  ModelFile file = loadModel(name, options);
+  if (first != nullptr) check(*first, file, firstName);
+  return file;
 }
 
 int run(const Options& options) {
@@ -123,9 +156,9 @@ int run(const Options& options) {
   ModelAverage average;
   ModelFormat firstFormat = ModelFormat::kText;
   for (std::size_t i = 0; i < in.size(); ++i) {
-    ModelFile file = loadModel(in[i], options.load);
+    const MultiLayerNNModel* first = i == 0 ? nullptr : &average.first();
+    ModelFile file = loadNext(in[i], options.load, first, in[0], progress);
     if (i == 0) firstFormat = file.format;
-    if (i > 0) check(average.first(), file, in[0]);
     average.add(std::move(file.model), shares[i]);
     progress.advance();
   }

@@ -1,6 +1,7 @@
 #include "tools/ModelAverage.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -33,7 +34,13 @@ std::vector<Values> averagedArrays(const MultiLayerNNModel& model) {
   return arrays;
 }
 
-bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+uint32_t bitsOf(float value) {
+  uint32_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  return bits;
+}
+
+bool sameBits(float a, float b) { return bitsOf(a) == bitsOf(b); }
 
 // Calls `use(a, b, index)` for each pair of parameters of two models that have a mean.
 template <typename Use>
@@ -59,9 +66,16 @@ std::string describe(const NNLayer& layer) {
          ", " + ActFn::actFnToString(layer.actFn);
 }
 
-// The lengths of arrays that the description does not tell: an image's batch-norm layer may
-// have a bias that it does not use, or none.
-bool sameLengths(const NNLayer& a, const NNLayer& b) { return a.bias.size() == b.bias.size(); }
+// In what a layer differs from the one in its place; "" when in nothing. An image's batch-norm
+// layer may have a bias that it does not use, or none, which its description does not tell.
+std::string whyNoMean(const NNLayer& first, const NNLayer& second) {
+  const std::string wanted = describe(first);
+  const std::string found = describe(second);
+  if (found != wanted) return "is " + found + " instead of " + wanted;
+  if (first.bias.size() == second.bias.size()) return "";
+  return "has " + counted(static_cast<std::size_t>(second.bias.size()), "bias value") +
+         " instead of " + std::to_string(first.bias.size());
+}
 
 std::string onOrOff(bool on) { return on ? "on" : "off"; }
 
@@ -74,14 +88,8 @@ std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& s
            std::to_string(first.layers.size());
   }
   for (std::size_t i = 0; i < number; ++i) {
-    const std::string name = "its layer " + std::to_string(i + 1);
-    const std::string wanted = describe(*first.layers[i]);
-    const std::string found = describe(*second.layers[i]);
-    if (found != wanted) return name + " is " + found + " instead of " + wanted;
-    if (!sameLengths(*first.layers[i], *second.layers[i])) {
-      return name + " has " + counted(std::size_t(second.layers[i]->bias.size()), "bias value") +
-             " instead of " + std::to_string(first.layers[i]->bias.size());
-    }
+    const std::string why = whyNoMean(*first.layers[i], *second.layers[i]);
+    if (!why.empty()) return "its layer " + std::to_string(i + 1) + " " + why;
   }
   if (second.useSoftmax == first.useSoftmax) return "";
   return "its softmax is " + onOrOff(second.useSoftmax) + " instead of " +

@@ -175,7 +175,7 @@ Findings sweep(const Options& options, MultiLayerNNModel& model) {
   found.recordings = sweep.recordings();
   found.frames = sweep.frames();
   if (classes.areKnown()) found.rightRecordings = sweep.rightRecordings();
-  const auto steps = static_cast<std::size_t>(widths.last - widths.first + 1);
+  const auto steps = static_cast<std::size_t>(widths.last - widths.first) + 1;
   Progress progress("trying widths", steps * sweep.frames());
   for (int bits = widths.first; bits <= widths.last; ++bits) {
     found.losses.push_back(sweep.measure(bits, progress));
