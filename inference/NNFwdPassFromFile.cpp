@@ -111,13 +111,14 @@ int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
   }
   makeRoom(current_, widestLayer(*model_));
   makeRoom(next_, widestLayer(*model_));
-  mlnn::reshape(results_, numOutputs(), inputs.cols());
+  makeRoom(results_, numOutputs() * inputs.cols());
   if (trace != nullptr) *trace = emptyTrace(*model_, inputs.cols());
   for (Index frame = 0; frame < inputs.cols(); ++frame) {
     current_.head(inputs.rows()) = inputs.col(frame);
     evaluateFrame(frame, trace);
   }
-  mlnn::assign(outputs, results_);
+  mlnn::reshape(outputs, numOutputs(), inputs.cols());
+  outputs = Eigen::Map<const Eigen::MatrixXf>(results_.data(), numOutputs(), inputs.cols());
   return 0;
 }
 
@@ -132,7 +133,7 @@ void NNFwdPassFromFile::evaluateFrame(Index frame, std::vector<mlnn::LayerResult
     if (trace != nullptr) (*trace)[i].activated.col(frame) = y;
     current_.swap(next_);
   }
-  auto outputs = results_.col(frame);
-  outputs = current_.head(results_.rows());
+  auto outputs = results_.segment(frame * numOutputs(), numOutputs());
+  outputs = current_.head(numOutputs());
   if (model_->useSoftmax) mlnn::applySoftmax(outputs);
 }

@@ -56,6 +56,6 @@ class NNFwdPassFromFile : public FwdPass {
   const MultiLayerNNModel* model_;
   Eigen::VectorXf current_;  // what goes into a layer, then what came out of it
   Eigen::VectorXf next_;     // what the layer is computing
-  Eigen::MatrixXf results_;  // the outputs of all frames; apart from the caller's matrix,
+  Eigen::VectorXf results_;  // the outputs of all frames; apart from the caller's matrix,
                              // which may be the one that holds the inputs
 };

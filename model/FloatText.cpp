@@ -75,7 +75,7 @@ char* writeDigits(char* out, uint32_t digits, int count) {
   char* position = out + count;
   for (; position - out >= 2; digits /= 100) {
     position -= 2;
-    std::memcpy(position, kDigitPairs + 2 * (digits % 100), 2);
+    std::memcpy(position, kDigitPairs + std::size_t{2} * (digits % 100), 2);
   }
   if (position != out) *out = static_cast<char>('0' + digits);
   return out + count;

@@ -93,7 +93,7 @@ Outcome outcomeOf(std::size_t (*read)(std::istream&, float*, std::size_t), const
 void nothing(std::istream&) {}
 
 void expectSame(const std::string& text, Prepare prepare = nothing) {
-  for (const std::size_t pieceLength : {1, 2, 3, 7, 1000}) {
+  for (const std::size_t pieceLength : {1u, 2u, 3u, 7u, 1000u}) {
     const Outcome expected = outcomeOf(readPlainly, text, pieceLength, prepare);
     const Outcome found = outcomeOf(readFast, text, pieceLength, prepare);
     ASSERT_EQ(expected, found) << "text '" << text << "' in pieces of " << pieceLength;

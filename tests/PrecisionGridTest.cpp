@@ -55,7 +55,7 @@ ValueRange fastRange(const std::vector<float>& values) {
 
 // Runs both paths over the values, their tails and unaligned starts, for every number of bits.
 void expectPathsAgree(const std::vector<float>& values) {
-  for (const std::size_t skip : {0, 1, 3, 8}) {
+  for (const std::size_t skip : {0u, 1u, 3u, 8u}) {
     if (skip >= values.size()) continue;
     const std::vector<float> part(values.begin() + static_cast<std::ptrdiff_t>(skip), values.end());
     const ValueRange range = plainRange(part);
