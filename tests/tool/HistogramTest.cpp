@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <vector>
 
 #include "tools/Histogram.h"
 
@@ -24,7 +25,8 @@ TEST(HistogramTest, coversTheValuesFromTheSmallestToTheLargest) {
 
 TEST(HistogramTest, leavesOutWhatIsNotFinite) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  const Histogram histogram = of({kInfinity, -kInfinity, std::nanf(""), 1, 2}, 2);
+  const Histogram histogram =
+      of({kInfinity, -kInfinity, std::numeric_limits<float>::quiet_NaN(), 1, 2}, 2);
   EXPECT_EQ(histogram.low, 1);
   EXPECT_EQ(histogram.high, 2);
   EXPECT_EQ(histogram.counts, (Counts{1, 1}));
@@ -42,7 +44,7 @@ TEST(HistogramTest, putsEqualValuesIntoTheMiddle) {
 
 TEST(HistogramTest, withoutFiniteValuesIsEmpty) {
   EXPECT_EQ(of({}, 2).counts, (Counts{0, 0}));
-  EXPECT_EQ(of({std::nanf("")}, 2).counts, (Counts{0, 0}));
+  EXPECT_EQ(of({std::numeric_limits<float>::quiet_NaN()}, 2).counts, (Counts{0, 0}));
 }
 
 TEST(HistogramTest, takesTheWholeRangeOfFloats) {

@@ -298,7 +298,7 @@ TEST(ModelFitTest, namesActivationsThatATextDoesNotHold) {
 
 TEST(ModelFitTest, namesArraysThatATextHasNoPlaceFor) {
   MultiLayerNNModel model = modelOf({foldedLayer(6, 4), batchNormLayer(4, 2)});
-  model.layers[1]->bias = Eigen::Vector2f(0, 1);
+  model.layers[1]->bias = Eigen::VectorXf::LinSpaced(2, 0, 1);
   model.layers[1]->actFn = ActFn::linear;
   EXPECT_EQ(fitToText(model).lost,
             (Lines{"the batch-norm vectors that plain layer 1 was folded from",
@@ -322,7 +322,7 @@ TEST(ModelFitTest, countsValuesThatAreNotFinite) {
 TEST(ModelFitTest, countsNumbersThatFewerDigitsRound) {
   MultiLayerNNModel model = smallModel();
   model.layers[0]->weights.setConstant(0.5f);
-  model.layers[0]->bias = Eigen::Vector2f(0.1f, 1.0f / 3.0f);
+  model.layers[0]->bias = Eigen::VectorXf::LinSpaced(2, 0.1f, 1.0f / 3.0f);
   EXPECT_EQ(fitToText(model, 9).lost, Lines{});
   EXPECT_EQ(fitToText(model, 3).lost, Lines{"1 number exactly, with 3 digits"});
 }

@@ -81,7 +81,9 @@ TEST(PlotCommandTest, keepsToTheWidth) {
   for (std::size_t begin = 0; begin < result.out.size();) {
     const std::size_t end = result.out.find('\n', begin);
     const std::string line = result.out.substr(begin, end - begin);
-    if (line.find('|') != std::string::npos) EXPECT_LE(line.size(), 40u) << line;
+    if (line.find('|') != std::string::npos) {
+      EXPECT_LE(line.size(), 40u) << line;
+    }
     begin = end + 1;
   }
 }
