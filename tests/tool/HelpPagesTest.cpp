@@ -95,7 +95,9 @@ TEST(HelpPagesTest, everyCommandHasExamplesAndExitStatus) {
   mlnn::addCommands(tool);
   for (const CLI::App* command : mlnn::commandsOf(tool.app())) {
     const std::string footer = command->get_footer();
-    EXPECT_NE(footer.find("EXAMPLES\n  mlnn " + command->get_name()), std::string::npos)
+    const std::size_t examples = footer.find("EXAMPLES\n");
+    ASSERT_NE(examples, std::string::npos) << command->get_name();
+    EXPECT_NE(footer.find("  mlnn " + command->get_name() + " ", examples), std::string::npos)
         << command->get_name();
     EXPECT_NE(footer.find("EXIT STATUS\n  0"), std::string::npos) << command->get_name();
   }

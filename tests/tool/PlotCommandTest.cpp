@@ -43,11 +43,11 @@ TEST(PlotCommandTest, sketchesWithAsciiCharacters) {
             "weights of layer 1: 8 weights of plain layer, 4 to 2\n"
             "         4 |#\n"
             "           |#\n"
-            "           |#\n"
-            "           |#\n"
-            "           |#\n"
             "           |# #\n"
             "           |# #\n"
+            "           |# #\n"
+            "           |# #\n"
+            "           |###\n"
             "         0 |###\n"
             "            1 weight 4\n");
 }
