@@ -4,6 +4,7 @@
 #include "tools/ImageDiagnosis.h"
 #include "tools/Numbers.h"
 #include "tools/TextDiagnosis.h"
+#include "tools/TextPlace.h"
 
 namespace mlnn {
 namespace {

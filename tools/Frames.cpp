@@ -13,6 +13,7 @@
 #include "tools/Npy.h"
 #include "tools/Numbers.h"
 #include "tools/OutputFile.h"
+#include "tools/TextParts.h"
 
 namespace mlnn {
 namespace {
@@ -137,11 +138,6 @@ void writeText(const Eigen::MatrixXf& frames, std::ostream& out) {
     }
     out << '\n';
   }
-}
-
-bool endsWith(const std::string& text, std::string_view ending) {
-  return text.size() >= ending.size() &&
-         text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
 }
 
 }  // namespace

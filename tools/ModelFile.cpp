@@ -11,15 +11,12 @@
 #include "tools/Failure.h"
 #include "tools/InputFile.h"
 #include "tools/Numbers.h"
+#include "tools/TextParts.h"
 
 namespace mlnn {
 namespace {
 
 constexpr char kInfoPrefix[] = "info: ";
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
 
 ModelFormat formatOf(const std::string& bytes) {
   return startsWith(bytes, kMagic) ? ModelFormat::kBinary : ModelFormat::kText;

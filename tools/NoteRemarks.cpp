@@ -11,13 +11,10 @@
 #include "model/MultiLayerNNModel.h"
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Escape.h"
+#include "tools/TextParts.h"
 
 namespace mlnn {
 namespace {
-
-bool contains(const std::string& line, const char* text) {
-  return line.find(text) != std::string::npos;
-}
 
 // Whether the C library's conversion, which the reader uses, takes the whole word.
 bool isNumber(const std::string& word) {
@@ -79,8 +76,7 @@ std::string remarkOnOption(const std::string& line) {
 }  // namespace
 
 std::string remarkOnNote(const std::string& line) {
-  const std::string property = kPropertyPrefix;
-  if (line.compare(0, property.size(), property) == 0) return remarkOnProperty(line);
+  if (startsWith(line, kPropertyPrefix)) return remarkOnProperty(line);
   for (const char* marker : {kMinvalsMarker, kNormvalsMarker}) {
     if (contains(line, marker)) return remarkOnNormalisation(line, marker);
   }

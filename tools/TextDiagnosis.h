@@ -17,7 +17,4 @@ std::optional<Misfit> diagnoseText(std::string_view text);
 // meant: text that it leaves out, and note lines that do not set what they mean to.
 std::vector<Suspicion> suspiciousLines(std::string_view text);
 
-// Sets line and column of a misfit from its offset.
-void placeInText(std::string_view text, Misfit& misfit);
-
 }  // namespace mlnn
