@@ -67,7 +67,7 @@ DbnFeatureDescription::DbnFeatureDescription(FeatType type)
     : winSizeLeft(0),
       winSizeRight(0),
       lineKernelWidth(0),
-      featType(static_cast<uint8_t>(type)),
+      featType(type),
       reserved(0),
       useDeltas(false),
       useLineKernels(false),

@@ -13,7 +13,7 @@
 
 class DbnFeatureDescription {
  public:
-  enum FeatType { MelDeltas = 0 };
+  enum FeatType : uint8_t { MelDeltas = 0 };
 
   int32_t winSizeLeft;      // frames of context before the current one
   int32_t winSizeRight;     // frames of context after it
@@ -24,8 +24,8 @@ class DbnFeatureDescription {
   bool useLineKernels;      // line kernels are applied; they do not change the length
   int32_t numBands;         // mel bands of one frame, 0 when not stated
 
-  // Every field is 0 but the type.
-  explicit DbnFeatureDescription(FeatType type);
+  // Every field is 0 but the type. Not explicit: a type stands for its plain description.
+  DbnFeatureDescription(FeatType type);
 
   // Number of values in one frame: numBands, or three times that with deltas.
   // 0 when the bands are not stated or the product is not a positive int.

@@ -63,6 +63,13 @@ TEST(DbnFeatureDescriptionValue, fieldsStandWhereAnImageHasThem) {
   EXPECT_EQ(std::memcmp(&desc, bytes, sizeof bytes), 0);
 }
 
+TEST(DbnFeatureDescriptionValue, aTypeStandsForItsPlainDescription) {
+  DbnFeatureDescription desc = DbnFeatureDescription::MelDeltas;
+  EXPECT_EQ(desc.featType, 0);
+  desc = static_cast<DbnFeatureDescription::FeatType>(3);
+  EXPECT_EQ(desc.featType, 3);
+}
+
 TEST(DbnFeatureDescriptionValue, copiesEveryField) {
   const DbnFeatureDescription source = makeOdd();
   DbnFeatureDescription copy(DbnFeatureDescription::MelDeltas);
