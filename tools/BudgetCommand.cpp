@@ -2,9 +2,9 @@
 
 #include <cmath>
 #include <iostream>
-#include <nlohmann/json.hpp>
 
 #include "tools/FrameTimer.h"
+#include "tools/Json.h"
 #include "tools/ModelBudget.h"
 #include "tools/ModelFile.h"
 #include "tools/NumberRange.h"
@@ -13,8 +13,6 @@
 
 namespace mlnn {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kDigits = 3;  // of what is measured
 
@@ -114,7 +112,7 @@ int run(const Options& options) {
   const FileSizes files = fileSizesOf(file.model);
   if (options.json) {
     const Json json = budgetJson(file.name, budget, files, time, options.rate);
-    std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+    mlnn::printJson(json);
   } else {
     printText(budget, files, time, options.rate);
   }

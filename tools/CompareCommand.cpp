@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <iostream>
-#include <nlohmann/json.hpp>
 
 #include "tools/DifferenceReport.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
+#include "tools/Json.h"
 #include "tools/Numbers.h"
 #include "tools/Tolerance.h"
 #include "tools/Tool.h"
@@ -15,7 +15,6 @@
 namespace mlnn {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Align = Table::Align;
 
 constexpr int kDifferent = 1;
@@ -145,7 +144,7 @@ void printJson(const std::vector<TraceComparison>& traces, const Options& option
   for (const TraceComparison& trace : traces) {
     json["traces"].push_back(traceJson(trace, options.tolerance));
   }
-  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+  mlnn::printJson(json);
 }
 
 int run(const Options& options) {

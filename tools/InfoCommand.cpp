@@ -1,9 +1,10 @@
 #include "tools/InfoCommand.h"
 
 #include <iostream>
-#include <nlohmann/json.hpp>
 
 #include "tools/Escape.h"
+#include "tools/FormatText.h"
+#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/Numbers.h"
 #include "tools/Table.h"
@@ -11,8 +12,6 @@
 
 namespace mlnn {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct Options {
   std::string model;
@@ -76,10 +75,6 @@ std::size_t bytesOf(const MultiLayerNNModel& model) {
   return sum;
 }
 
-const char* formatWord(const ModelFile& file) {
-  return file.format == ModelFormat::kText ? kTextFormatWord : kBinaryFormatWord;
-}
-
 const char* kindOf(const NNLayer& layer) { return layer.isBatchNorm ? "batch norm" : "plain"; }
 
 std::string textOf(const DbnFeatureDescription& desc) {
@@ -120,7 +115,7 @@ Json valuesJson(const Eigen::VectorXf& values) {
 }
 
 Json headJson(const ModelFile& file) {
-  Json json = {{"file", file.name}, {"format", formatWord(file)}};
+  Json json = {{"file", file.name}, {"format", formatWord(file.format)}};
   json["version"] = file.format == ModelFormat::kText ? Json(file.textVersion) : Json();
   json["bytes"] = file.length;
   return json;
@@ -145,7 +140,7 @@ void printJson(const ModelFile& file) {
   json["notes"] = model.notes.lines;
   json["loss"] = model.loss;
   json["accuracy"] = model.accuracy;
-  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+  mlnn::printJson(json);
 }
 
 // --- Text ---
@@ -153,11 +148,6 @@ void printJson(const ModelFile& file) {
 void printField(const std::string& name, const std::string& value) {
   constexpr std::size_t kWidth = 16;
   std::cout << name << std::string(kWidth - name.size(), ' ') << value << "\n";
-}
-
-std::string formatText(const ModelFile& file) {
-  return file.format == ModelFormat::kText ? "text, version " + std::to_string(file.textVersion)
-                                           : std::string("binary image");
 }
 
 std::string checksumText(const MultiLayerNNModel& model) {

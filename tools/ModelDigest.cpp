@@ -13,6 +13,7 @@
 #include "model/LayerStack.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
+#include "tools/FormatText.h"
 #include "tools/InputFile.h"
 
 namespace mlnn {
@@ -155,10 +156,6 @@ void addLayerSections(const std::vector<NNLayer*>& layers, std::vector<DigestSec
 
 // --- Prints ---
 
-const char* wordFor(ModelFormat format) {
-  return format == ModelFormat::kText ? kTextFormatWord : kBinaryFormatWord;
-}
-
 [[noreturn]] void failToParse(const std::string& fileName) {
   throw Failure(inputName(fileName) + " is no print of digests: it does not begin with " +
                 inQuotes(kTitle) + ", and is no JSON from this command with --digest");
@@ -277,14 +274,14 @@ void printDigest(const ModelDigest& digest, std::ostream& out) {
     out << name << std::string(width + 2 - name.size(), ' ') << word << "\n";
   };
   out << kTitle << "\n";
-  line(kFormatName, wordFor(digest.format));
+  line(kFormatName, formatWord(digest.format));
   for (const DigestSection& section : digest.sections) line(section.name, section.digest);
 }
 
 Json jsonOf(const ModelDigest& digest) {
   Json sections = Json::object();
   for (const DigestSection& section : digest.sections) sections[section.name] = section.digest;
-  return {{"version", kVersion}, {kFormatName, wordFor(digest.format)}, {"sections", sections}};
+  return {{"version", kVersion}, {kFormatName, formatWord(digest.format)}, {"sections", sections}};
 }
 
 ModelDigest parseDigest(const std::string& text, const std::string& fileName) {

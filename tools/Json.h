@@ -1,0 +1,18 @@
+// JSON as the tool's commands print it.
+#pragma once
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace mlnn {
+
+// Keys stay in the order in which they were set.
+using Json = nlohmann::ordered_json;
+
+// Prints JSON on the standard output, in ASCII. What it cannot hold is replaced: bytes that are
+// not UTF-8 become U+FFFD, numbers that are not finite null.
+inline void printJson(const Json& json) {
+  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+}
+
+}  // namespace mlnn
