@@ -82,10 +82,22 @@ int Tool::run(int argc, const char* const* argv) {
   return statusOf(work);
 }
 
+// What should be a command and is none is said to be that, not just an argument too many.
+CLI::Error Tool::namedBetter(const CLI::ExtrasError& error) const {
+  const std::vector<std::string> extras = app_.remaining();
+  const bool isOption = extras.empty() || extras.front().compare(0, 1, "-") == 0;
+  if (!app_.get_subcommands().empty() || isOption) return error;
+  return {"ExtrasError", "There is no command '" + extras.front() + "'",
+          CLI::ExitCodes::ExtrasError};
+}
+
 int Tool::parseAndRun(int argc, const char* const* argv) {
   try {
     app_.parse(argc, argv);
     if (app_.get_subcommands().empty()) throw CLI::RequiredError("A command");
+  } catch (const CLI::ExtrasError& error) {
+    app_.exit(namedBetter(error));
+    return kWrongUsage;
   } catch (const CLI::ParseError& error) {
     return app_.exit(error) == 0 ? kDone : kWrongUsage;
   }

@@ -52,6 +52,7 @@ class Tool {
     int failureStatus;
   };
 
+  CLI::Error namedBetter(const CLI::ExtrasError& error) const;
   int parseAndRun(int argc, const char* const* argv);
   int statusOf(const std::function<int()>& work) const;
 

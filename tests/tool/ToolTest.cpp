@@ -66,8 +66,9 @@ TEST_P(WrongUsageTest, isStatusTwo) {
 INSTANTIATE_TEST_SUITE_P(
     All, WrongUsageTest,
     ::testing::Values(
-        WrongUsage{{}, "A command is required"},
-        WrongUsage{{"rum"}, "The following argument was not expected: rum"},
+        WrongUsage{{}, "A command is required"}, WrongUsage{{"rum"}, "There is no command 'rum'"},
+        WrongUsage{{"rum", "a"}, "There is no command 'rum'"},
+        WrongUsage{{"\x1b[m"}, "There is no command '\\x1b[m'"},
         WrongUsage{{"--rum"}, "The following argument was not expected: --rum"},
         WrongUsage{{"info", "a", "run"}, "The following argument was not expected: run"},
         WrongUsage{{"info"}, "MODEL is required"},
