@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "tools/Failure.h"
+#include "tools/Json.h"
 #include "tools/ModelCharts.h"
 #include "tools/ModelFile.h"
 #include "tools/OutputFile.h"
@@ -21,11 +22,12 @@ constexpr std::size_t kMaxBins = 1000;
 
 struct Options {
   std::string model;
-  std::string output;
+  std::string out;
   std::size_t bins = kDefaultBins;
   std::size_t width = 0;  // 0: as wide as the terminal
   bool ascii = false;
   bool unicode = false;
+  bool json = false;
 };
 
 CommandHelp help() {
@@ -33,8 +35,9 @@ CommandHelp help() {
   help.name = "plot";
   help.summary = "Draws a model's training curves and a histogram of each layer's weights";
   help.details =
-      "With -o writes a picture (SVG); without it prints a sketch. Values that are not finite are\n"
-      "counted, not drawn.";
+      "With -o writes a picture (SVG); without it prints a sketch, or with --json the numbers "
+      "that\n"
+      "there are to draw. Values that are not finite are counted, not drawn.";
   help.examples =
       "mlnn plot model.txt\n"
       "mlnn plot -o model.svg model.mlnn";
@@ -46,7 +49,7 @@ CommandHelp help() {
 }
 
 void writePicture(const ModelFile& file, const std::vector<Chart>& charts, const Options& options) {
-  OutputFile output(options.output);
+  OutputFile output(options.out);
   const std::string heading = file.name + ": " + file.model.debug_description();
   writeSvg(output.stream(), heading, charts);
   output.finish();
@@ -68,13 +71,32 @@ void printSketches(const std::vector<Chart>& charts, const Options& options) {
   }
 }
 
+Json jsonOf(const Chart& chart) {
+  return {{"kind", chart.kind == Chart::Kind::kCurve ? "curve" : "histogram"},
+          {"title", chart.title},
+          {"remark", chart.remark},
+          {"x_label", chart.xLabel},
+          {"y_label", chart.yLabel},
+          {"x_low", chart.xLow},
+          {"x_high", chart.xHigh},
+          {"values", chart.values}};
+}
+
+Json jsonOf(const ModelFile& file, const std::vector<Chart>& charts) {
+  Json json = {{"file", file.name}, {"charts", Json::array()}};
+  for (const Chart& chart : charts) json["charts"].push_back(jsonOf(chart));
+  return json;
+}
+
 int run(const Options& options) {
   LoadOptions load;
   load.keepLinear = true;  // activations are not drawn
   const ModelFile file = loadModel(options.model, load);
   const std::vector<Chart> charts = chartsOf(file.model, options.bins);
   if (charts.empty()) printInfo("the model has neither curves nor weights to draw");
-  if (options.output.empty()) {
+  if (options.json) {
+    printJson(jsonOf(file, charts));
+  } else if (options.out.empty()) {
     printSketches(charts, options);
   } else {
     writePicture(file, charts, options);
@@ -89,8 +111,9 @@ void addPlotCommand(Tool& tool) {
   CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
   command.add_option("MODEL", options->model, "Model of either format; - is standard input")
       ->required();
-  command.add_option("-o,--output", options->output, "SVG file to write; - is standard output")
-      ->type_name("FILE");
+  CLI::Option* out =
+      command.add_option("-o,--out", options->out, "SVG file to write; - is standard output")
+          ->type_name("FILE");
   command.add_option("--bins", options->bins, "Bins of each histogram")
       ->check(CLI::Range(std::size_t{1}, kMaxBins))
       ->type_name("N")
@@ -99,7 +122,13 @@ void addPlotCommand(Tool& tool) {
       ->check(CLI::Range(kMinChartWidth, std::size_t{1000}))
       ->type_name("N");
   CLI::Option* ascii = command.add_flag("--ascii", options->ascii, "Sketch with ASCII characters");
-  command.add_flag("--unicode", options->unicode, "Sketch with block characters")->excludes(ascii);
+  CLI::Option* unicode =
+      command.add_flag("--unicode", options->unicode, "Sketch with block characters")
+          ->excludes(ascii);
+  command.add_flag("--json", options->json, "Print what there is to draw as JSON")
+      ->excludes(out)
+      ->excludes(ascii)
+      ->excludes(unicode);
 }
 
 }  // namespace mlnn

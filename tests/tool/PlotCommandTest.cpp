@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "tests/tool/ToolProcess.h"
@@ -103,6 +104,22 @@ TEST(PlotCommandTest, writesAPicture) {
   for (const char* label : {">loss<", ">epoch<", ">weights of layer 1<", ">weight<", ">count<"}) {
     EXPECT_NE(svg.find(label), std::string::npos) << label;
   }
+}
+
+TEST(PlotCommandTest, printsTheNumbersAsJson) {
+  const ToolResult result = runTool({"plot", "-", "--json", "--bins", "3"}, kModel);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  const auto json = nlohmann::json::parse(result.out);
+  EXPECT_EQ(json["file"], "-");
+  ASSERT_EQ(json["charts"].size(), 2u);
+  EXPECT_EQ(json["charts"][0]["kind"], "curve");
+  EXPECT_EQ(json["charts"][0]["title"], "loss");
+  EXPECT_EQ(json["charts"][0]["values"], nlohmann::json({8, 4, 2, 1}));
+  EXPECT_EQ(json["charts"][1]["kind"], "histogram");
+  EXPECT_EQ(json["charts"][1]["x_low"], 1);
+  EXPECT_EQ(json["charts"][1]["x_high"], 4);
+  EXPECT_EQ(json["charts"][1]["values"], nlohmann::json({4, 1, 3}));
 }
 
 TEST(PlotCommandTest, escapesTheNameOfTheFile) {
