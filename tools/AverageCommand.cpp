@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
 #include <memory>
-#include <optional>
 #include <utility>
 #include <vector>
 
-#include "tools/CapturedDiagnostics.h"
+#include "tools/Escape.h"
 #include "tools/Failure.h"
 #include "tools/InputFile.h"
 #include "tools/ModelAverage.h"
@@ -118,30 +116,9 @@ std::vector<float> sharesOf(const std::vector<double>& weights) {
   return shares;
 }
 
-// Keeps what is printed from landing on the line of the progress bar.
-class AwayFromBar {
- public:
-  explicit AwayFromBar(Progress& progress) : progress_(progress), captured_(std::in_place) {}
-  ~AwayFromBar() {
-    const std::string text = captured_->text();
-    captured_.reset();
-    if (text.empty()) return;
-    progress_.hide();
-    std::cerr << text;
-  }
-  AwayFromBar(const AwayFromBar&) = delete;
-  AwayFromBar& operator=(const AwayFromBar&) = delete;
-
- private:
-  Progress& progress_;
-  std::optional<CapturedDiagnostics> captured_;
-};
-
 // Loads the model, and makes sure that it has a mean with the first one, if there is one yet.
 ModelFile loadNext(const std::string& name, const LoadOptions& options,
-                   const MultiLayerNNModel* first, const std::string& firstName,
-                   Progress& progress) {
-  const AwayFromBar awayFromBar(progress);
+                   const MultiLayerNNModel* first, const std::string& firstName) {
   ModelFile file = loadModel(name, options);
   if (first != nullptr) check(*first, file, firstName);
   return file;
@@ -150,14 +127,16 @@ ModelFile loadNext(const std::string& name, const LoadOptions& options,
 int run(const Options& options) {
   const std::vector<std::string> in(options.files.begin(), options.files.end() - 1);
   const std::string& out = options.files.back();
+  refuseSecondStandardInput(in);
   const std::vector<double> weights = weightsOf(options, in.size());
   const std::vector<float> shares = sharesOf(weights);
-  Progress progress("averaging", in.size());
+  Progress progress(in.size());
   ModelAverage average;
   ModelFormat firstFormat = ModelFormat::kText;
   for (std::size_t i = 0; i < in.size(); ++i) {
     const MultiLayerNNModel* first = i == 0 ? nullptr : &average.first();
-    ModelFile file = loadNext(in[i], options.load, first, in[0], progress);
+    progress.beginPart("averaging " + escaped(in[i]), 1);
+    ModelFile file = loadNext(in[i], options.load, first, in[0]);
     if (i == 0) firstFormat = file.format;
     average.add(std::move(file.model), shares[i]);
     progress.advance();

@@ -4,7 +4,9 @@
 #include <memory>
 
 #include "inference/NNFwdPassFromFile.h"
+#include "tools/Escape.h"
 #include "tools/Evaluation.h"
+#include "tools/Frames.h"
 #include "tools/InputFile.h"
 
 namespace mlnn {
@@ -26,6 +28,15 @@ bool StageDifference::isBeyond(double tolerance) const {
 BehaviourDiff::BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b) : a_(a), b_(b) {
   for (const std::string& name : stageNames(std::min(a.layers.size(), b.layers.size()))) {
     stages_.push_back({name, 0, 0, {}});
+  }
+}
+
+void BehaviourDiff::addRecordings(const std::vector<std::string>& names, bool stacked) {
+  Progress progress(names.size());
+  for (const std::string& name : names) {
+    const Eigen::MatrixXf frames = readRecording(name);
+    progress.beginPart(escaped(name), static_cast<std::size_t>(frames.cols()));
+    addRecording(name, frames, stacked, progress);
   }
 }
 

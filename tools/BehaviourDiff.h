@@ -38,11 +38,10 @@ class BehaviourDiff {
   // REQUIRES: both models outlive this object and do not change.
   BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b);
 
-  // Runs both models over the frames of one recording, each on the input vectors that its own
-  // description makes of them, and adds up the differences.
-  // Throws: Failure when a model cannot be run over them.
-  void addRecording(const std::string& name, const Eigen::MatrixXf& frames, bool stacked,
-                    Progress& progress);
+  // Runs both models over the frames of recordings, each on the input vectors that its own
+  // description makes of them, and adds up the differences. Shows its progress.
+  // Throws: Failure when a recording cannot be read or a model cannot be run over it.
+  void addRecordings(const std::vector<std::string>& names, bool stacked);
 
   // The inputs, the layers that both models have, and the outputs, in this order.
   const std::vector<StageDifference>& stages() const { return stages_; }
@@ -65,6 +64,8 @@ class BehaviourDiff {
     Eigen::Index firstFrame;
   };
 
+  void addRecording(const std::string& name, const Eigen::MatrixXf& frames, bool stacked,
+                    Progress& progress);
   void addBlock(const StageValues& a, const StageValues& b);
 
   MultiLayerNNModel& a_;

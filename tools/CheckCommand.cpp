@@ -1,14 +1,14 @@
 #include "tools/CheckCommand.h"
 
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 
 #include "tools/Diagnosis.h"
 #include "tools/Escape.h"
-#include "tools/Failure.h"
+#include "tools/FormatText.h"
 #include "tools/InputFile.h"
+#include "tools/Json.h"
 #include "tools/ModelDigest.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSuspicions.h"
@@ -18,8 +18,6 @@
 
 namespace mlnn {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr char kInfoPrefix[] = "info: ";
 
@@ -113,10 +111,6 @@ std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-const char* formatWord(const ModelFile& file) {
-  return file.format == ModelFormat::kText ? kTextFormatWord : kBinaryFormatWord;
-}
-
 // --- JSON ---
 
 void setUnlessEmpty(Json& json, const char* key, const std::string& value) {
@@ -162,7 +156,7 @@ Json jsonOf(const DigestComparison& comparison, const std::string& fileName) {
 
 void printJson(const Findings& findings, const Options& options) {
   const ModelFile& file = findings.file;
-  Json json = {{"file", file.name}, {"format", formatWord(file)}};
+  Json json = {{"file", file.name}, {"format", formatWord(file.format)}};
   setUnlessZero(json, "version", static_cast<std::size_t>(file.textVersion));
   json["bytes"] = file.length;
   json["loads"] = findings.loads;
@@ -174,7 +168,7 @@ void printJson(const Findings& findings, const Options& options) {
   }
   if (options.digest && findings.digest) json["digest"] = jsonOf(*findings.digest);
   if (findings.comparison) json["against"] = jsonOf(*findings.comparison, options.against);
-  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+  mlnn::printJson(json);
 }
 
 // --- Text ---
@@ -197,10 +191,8 @@ void printRefusal(const Findings& findings, std::ostream& out) {
 
 void printSuspicions(const Findings& findings, std::ostream& out) {
   const ModelFile& file = findings.file;
-  out << inputName(file.name) << " loads: "
-      << (file.format == ModelFormat::kText ? "text, version " + std::to_string(file.textVersion)
-                                            : std::string("binary image"))
-      << ", " << file.model.debug_description() << "\n";
+  out << inputName(file.name) << " loads: " << formatText(file) << ", "
+      << file.model.debug_description() << "\n";
   if (findings.suspicions.empty()) {
     out << "nothing suspicious\n";
     return;
@@ -245,9 +237,7 @@ void printText(const Findings& findings, const Options& options) {
 }
 
 int run(const Options& options) {
-  if (options.model == kStandardStream && options.against == kStandardStream) {
-    throw UsageError("MODEL and --against cannot both be the standard input");
-  }
+  refuseSecondStandardInput({options.model, options.against});
   const Findings findings = examine(options);
   if (options.json) {
     printJson(findings, options);

@@ -1,14 +1,10 @@
 #include "tools/DiffCommand.h"
 
-#include <algorithm>
 #include <iostream>
-#include <nlohmann/json.hpp>
 
 #include "tools/DiffReport.h"
-#include "tools/Escape.h"
-#include "tools/Failure.h"
-#include "tools/Frames.h"
 #include "tools/InputFile.h"
+#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/Tolerance.h"
 #include "tools/Tool.h"
@@ -61,25 +57,14 @@ CommandHelp help() {
   return help;
 }
 
-void refuseSecondStandardInput(const Options& options) {
-  std::vector<std::string> files = options.frames;
-  files.insert(files.end(), {options.a, options.b});
-  if (std::count(files.begin(), files.end(), kStandardStream) > 1) {
-    throw UsageError("only one of the files can be the standard input");
-  }
-}
-
-void addBehaviour(const Options& options, ModelFile& a, ModelFile& b, ModelDiff& diff) {
-  diff.behaviour.emplace(a.model, b.model);
-  for (const std::string& name : options.frames) {
-    const Eigen::MatrixXf frames = readFrames(name);
-    Progress progress(escaped(name), static_cast<std::size_t>(frames.cols()));
-    diff.behaviour->addRecording(name, frames, options.stacked, progress);
-  }
+std::vector<std::string> inputsOf(const Options& options) {
+  std::vector<std::string> inputs = options.frames;
+  inputs.insert(inputs.end(), {options.a, options.b});
+  return inputs;
 }
 
 int run(const Options& options) {
-  refuseSecondStandardInput(options);
+  refuseSecondStandardInput(inputsOf(options));
   ModelFile a = loadModel(options.a, options.load);
   ModelFile b = loadModel(options.b, options.load);
   ModelDiff diff;
@@ -88,10 +73,12 @@ int run(const Options& options) {
   diff.tolerance = options.tolerance;
   diff.statements = compareStatements(a.model, b.model);
   diff.layers = compareNumbers(a.model, b.model);
-  if (!options.frames.empty()) addBehaviour(options, a, b, diff);
+  if (!options.frames.empty()) {
+    diff.behaviour.emplace(a.model, b.model);
+    diff.behaviour->addRecordings(options.frames, options.stacked);
+  }
   if (options.json) {
-    std::cout << diffJson(diff).dump(2, ' ', true, nlohmann::json::error_handler_t::replace)
-              << "\n";
+    printJson(diffJson(diff));
   } else if (!options.quiet) {
     printDiff(diff, std::cout);
   }

@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "inference/NNFwdPassFromFile.h"
-#include "tools/Escape.h"
 #include "tools/Failure.h"
 
 namespace mlnn {
@@ -74,10 +73,7 @@ Index recordingClass(const Eigen::MatrixXf& posteriors) { return largest(sumOfLo
 std::vector<std::string> classLabels(const MultiLayerNNModel& model) {
   const auto outputs = static_cast<std::size_t>(model.numOutputs());
   std::vector<std::string> labels = splitAtCommas(model.getProp(kLabelsProperty));
-  if (labels.size() == outputs) {
-    for (std::string& label : labels) label = escaped(label);
-    return labels;
-  }
+  if (labels.size() == outputs) return labels;
   labels.clear();
   for (std::size_t i = 0; i < outputs; ++i) labels.push_back(std::to_string(i));
   return labels;

@@ -26,8 +26,8 @@ Eigen::VectorXd sumOfLogs(const Eigen::MatrixXf& posteriors);
 // Returns the class of a whole recording: the largest of sumOfLogs; -1 when any is NaN.
 Eigen::Index recordingClass(const Eigen::MatrixXf& posteriors);
 
-// Returns the names of the model's outputs, escaped: the property `labels`, split at commas,
-// when it has as many entries as there are outputs, else "0", "1", ...
+// Returns the names of the model's outputs: the property `labels`, split at commas, when it has
+// as many entries as there are outputs, else "0", "1", ... They come from the file as they are.
 std::vector<std::string> classLabels(const MultiLayerNNModel& model);
 
 }  // namespace mlnn

@@ -2,27 +2,22 @@
 
 #include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "tools/BehaviourDiff.h"
-#include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Frames.h"
 #include "tools/InputFile.h"
+#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
-#include "tools/Progress.h"
 #include "tools/Table.h"
 #include "tools/Tolerance.h"
 #include "tools/Tool.h"
 
 namespace mlnn {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kDigits = 3;  // of differences in the table
 
@@ -73,16 +68,6 @@ std::vector<NNLayer*> batchNormLayers(const MultiLayerNNModel& model) {
 
 // --- The proof ---
 
-BehaviourDiff compare(MultiLayerNNModel& before, MultiLayerNNModel& after, const Options& options) {
-  BehaviourDiff diff(before, after);
-  for (const std::string& name : options.frames) {
-    const Eigen::MatrixXf frames = readFrames(name);
-    Progress progress(escaped(name), static_cast<std::size_t>(frames.cols()));
-    diff.addRecording(name, frames, options.stacked, progress);
-  }
-  return diff;
-}
-
 // The stages that folding can change: all but the inputs.
 std::vector<StageDifference> foldedStages(const BehaviourDiff& diff) {
   return {diff.stages().begin() + 1, diff.stages().end()};
@@ -126,11 +111,12 @@ void printJson(const BehaviourDiff& diff, const Options& options) {
                        {"frames", diff.frames()},
                        {"same_best_class", diff.sameDecisions()},
                        {"stages", stages}};
-  std::cout << report.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
+  mlnn::printJson(report);
 }
 
 void prove(MultiLayerNNModel& before, MultiLayerNNModel& after, const Options& options) {
-  const BehaviourDiff diff = compare(before, after, options);
+  BehaviourDiff diff(before, after);
+  diff.addRecordings(options.frames, options.stacked);
   if (options.json) {
     printJson(diff, options);
   } else {
@@ -166,6 +152,9 @@ void refuseDoubleUse(const Options& options) {
   if (options.out == kStandardStream) {
     throw UsageError("the proof goes to standard output, so OUT cannot go there too");
   }
+  std::vector<std::string> inputs = options.frames;
+  inputs.push_back(options.in);
+  refuseSecondStandardInput(inputs);
 }
 
 int run(const Options& options) {

@@ -64,12 +64,33 @@ class Timer {
   Eigen::Index evaluated_ = 0;
 };
 
+// A bar that shows how much of some processor time is spent.
+class SpentTime {
+ public:
+  explicit SpentTime(double seconds) : seconds_(seconds) {}
+
+  void add(double seconds) {
+    spent_ += seconds;
+    const double share = std::min(spent_ / seconds_, 1.0);
+    const auto steps = static_cast<std::size_t>(share * double{kProgressSteps});
+    progress_.advance(steps - shown_);
+    shown_ = steps;
+  }
+
+ private:
+  Progress progress_{"measuring", kProgressSteps};
+  double seconds_;
+  double spent_ = 0;
+  std::size_t shown_ = 0;
+};
+
 // Warms up, and finds how many frames make one measurement.
-std::size_t framesInMeasurement(Timer& timer, double seconds) {
+std::size_t framesInMeasurement(Timer& timer, double seconds, SpentTime& shown) {
   std::size_t frames = 1;
   for (double spent = 0;;) {
     const double took = timer.evaluate(frames);
     spent += took;
+    shown.add(took);
     if (took < kMinMeasurement) {
       frames *= 2;
     } else if (spent >= seconds) {
@@ -90,18 +111,16 @@ FrameTime summary(std::vector<double> times, std::size_t frames) {
 
 FrameTime timeFrames(MultiLayerNNModel& model, double seconds) {
   Timer timer(model);
-  Progress progress("measuring", kProgressSteps);
-  const std::size_t frames = framesInMeasurement(timer, kWarmUpShare * seconds);
+  const double warmUp = kWarmUpShare * seconds;
+  SpentTime shown(warmUp + seconds);
+  const std::size_t frames = framesInMeasurement(timer, warmUp, shown);
   const std::size_t before = timer.evaluated();
   std::vector<double> times;
-  std::size_t shown = 0;
   for (double spent = 0; spent < seconds || times.size() < kMinMeasurements;) {
     const double took = timer.evaluate(frames);
     spent += took;
     times.push_back(took / static_cast<double>(frames));
-    const auto steps = static_cast<std::size_t>(spent / seconds * double{kProgressSteps});
-    progress.advance(steps - shown);
-    shown = steps;
+    shown.add(took);
   }
   return summary(std::move(times), timer.evaluated() - before);
 }

@@ -146,6 +146,16 @@ Eigen::MatrixXf readFrames(const std::string& name) {
   return parseFrames(readInput(name), inputName(name));
 }
 
+Eigen::MatrixXf readRecording(const std::string& name) {
+  Eigen::MatrixXf frames = readFrames(name);
+  const Index notFinite = frames.size() - frames.array().isFinite().count();
+  if (notFinite > 0) {
+    printWarning(inputName(name) + " holds " +
+                 counted(static_cast<std::size_t>(notFinite), "value") + " not finite");
+  }
+  return frames;
+}
+
 Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what) {
   return isNpy(bytes) ? parseNpy(bytes, what) : TextParser(bytes, what).parse();
 }

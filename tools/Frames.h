@@ -15,6 +15,9 @@ namespace mlnn {
 // byte offset.
 Eigen::MatrixXf readFrames(const std::string& name);
 
+// The same, with a warning where a value is not finite.
+Eigen::MatrixXf readRecording(const std::string& name);
+
 // Parses frames in memory; `what` names them in messages.
 Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what);
 

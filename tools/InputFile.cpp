@@ -37,6 +37,12 @@ std::string inputName(const std::string& name) {
   return name == kStandardStream ? "standard input" : inQuotes(name);
 }
 
+void refuseSecondStandardInput(const std::vector<std::string>& names) {
+  if (std::count(names.begin(), names.end(), kStandardStream) > 1) {
+    throw UsageError("only one of the files can be the standard input");
+  }
+}
+
 std::string readInput(const std::string& name) {
   const FileDescriptor file = openInput(name);
   if (!file.isOpen()) failToRead(name);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace mlnn {
 
@@ -10,6 +11,10 @@ inline constexpr char kStandardStream[] = "-";
 
 // How messages call a file: its quoted name, or "standard input".
 std::string inputName(const std::string& name);
+
+// Makes sure that at most one of the files is the standard input, which is over after the first.
+// Throws: UsageError.
+void refuseSecondStandardInput(const std::vector<std::string>& names);
 
 // Returns the bytes of the file, or of the standard input for "-".
 // Throws: Failure that names the file and the reason.

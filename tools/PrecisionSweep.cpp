@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "tools/Difference.h"
-#include "tools/Escape.h"
 #include "tools/Evaluation.h"
 #include "tools/InputFile.h"
 #include "tools/SilencedStderr.h"
@@ -69,9 +68,8 @@ void addOutputs(const Eigen::MatrixXf& exact, const Eigen::MatrixXf& found, Prec
 }  // namespace
 
 void PrecisionSweep::addRecording(const std::string& name, Eigen::MatrixXf frames, bool stacked,
-                                  std::optional<Index> knownClass) {
+                                  std::optional<Index> knownClass, Progress& progress) {
   const Inputs inputs = Inputs::forFrames(model_, frames.rows(), stacked, inputName(name));
-  Progress progress(escaped(name), static_cast<std::size_t>(frames.cols()));
   Eigen::MatrixXf outputs = evaluateFrames(model_, frames, inputs, progress);
   frames_ += static_cast<std::size_t>(frames.cols());
   if (knownClass && recordingClass(outputs) == *knownClass) ++rightRecordings_;

@@ -28,10 +28,11 @@ class PrecisionSweep {
   // REQUIRES: the model outlives this object and does not change.
   explicit PrecisionSweep(MultiLayerNNModel& model) : model_(model) {}
 
-  // Takes in a recording, and runs the model as it is over it. `knownClass` counts from 0.
+  // Takes in a recording, and runs the model as it is over it. `knownClass` counts from 0,
+  // `progress` is told of frames.
   // Throws: Failure when the model cannot be run over it.
   void addRecording(const std::string& name, Eigen::MatrixXf frames, bool stacked,
-                    std::optional<Eigen::Index> knownClass);
+                    std::optional<Eigen::Index> knownClass, Progress& progress);
 
   // Reduces a copy of the model and runs it over all recordings. `progress` is told of frames.
   PrecisionLoss measure(int bits, Progress& progress) const;

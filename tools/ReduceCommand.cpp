@@ -4,7 +4,6 @@
 #include <charconv>
 #include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,6 +13,8 @@
 #include "tools/Evaluation.h"
 #include "tools/Failure.h"
 #include "tools/Frames.h"
+#include "tools/InputFile.h"
+#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
@@ -25,8 +26,6 @@
 
 namespace mlnn {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kMaxBits = 31;
 constexpr int kDigits = 3;  // of errors in the table
@@ -58,8 +57,9 @@ CommandHelp help() {
       "largest and the mean absolute error of a parameter, the largest difference of an output,\n"
       "and the share of frames whose best class is still the same. With --labels, a table in a\n"
       "file with the columns `file` and `label`, it shows too how many recordings are decided\n"
-      "rightly, by the largest sum of log posteriors. A star marks the smallest width that keeps\n"
-      "the share of best classes that --keep asks for.";
+      "rightly, by the largest sum of log posteriors, and at which width accuracy falls: the\n"
+      "largest one at which fewer are than without reduction. A star marks the smallest width\n"
+      "that keeps the share of best classes that --keep asks for.";
   help.examples =
       "mlnn reduce model.txt small.mlnn --bits 8\n"
       "mlnn reduce model.txt --sweep 2..16 --frames words/*.npy --labels labels.csv\n"
@@ -113,6 +113,12 @@ void warnOfBatchNorm(const MultiLayerNNModel& model) {
                " keep all their bits (fold the model before)");
 }
 
+std::vector<std::string> inputsOf(const Options& options) {
+  std::vector<std::string> inputs = options.frames;
+  inputs.insert(inputs.end(), {options.in, options.labels});
+  return inputs;
+}
+
 int reduce(const Options& options, ModelFile& file) {
   file.model.retainPrecisionBits(*options.bits);
   const ModelFormat format = formatToSave(options.out, options.save, file.format);
@@ -128,7 +134,8 @@ struct Findings {
   std::size_t frames = 0;
   std::optional<std::size_t> rightRecordings;  // of the model as it is, where labels are known
   std::vector<PrecisionLoss> losses;
-  std::optional<int> smallestWidth;  // that keeps enough decisions
+  std::optional<int> smallestWidth;    // that keeps enough decisions
+  std::optional<int> accuracyFallsAt;  // the largest width with fewer right recordings
 };
 
 class KnownClasses {
@@ -147,7 +154,7 @@ class KnownClasses {
   std::optional<Eigen::Index> of(const std::string& recording) const {
     if (!labels_) return std::nullopt;
     const std::string& label = labels_->of(recording);
-    const auto found = std::find(classes_.begin(), classes_.end(), escaped(label));
+    const auto found = std::find(classes_.begin(), classes_.end(), label);
     if (found == classes_.end()) {
       throw Failure("the label " + inQuotes(label) + " of " + inQuotes(recording) +
                     " is no class of the model");
@@ -164,13 +171,20 @@ double shareOf(std::size_t part, std::size_t whole) {
   return static_cast<double>(part) / static_cast<double>(whole);
 }
 
+void addRecordings(const Options& options, const KnownClasses& classes, PrecisionSweep& sweep) {
+  Progress progress(options.frames.size());
+  for (const std::string& name : options.frames) {
+    Eigen::MatrixXf frames = readRecording(name);
+    progress.beginPart(escaped(name), static_cast<std::size_t>(frames.cols()));
+    sweep.addRecording(name, std::move(frames), options.stacked, classes.of(name), progress);
+  }
+}
+
 Findings sweep(const Options& options, MultiLayerNNModel& model) {
   const Widths widths = widthsOf(options.sweep);
   const KnownClasses classes(options.labels, model);
   PrecisionSweep sweep(model);
-  for (const std::string& name : options.frames) {
-    sweep.addRecording(name, readFrames(name), options.stacked, classes.of(name));
-  }
+  addRecordings(options, classes, sweep);
   Findings found;
   found.recordings = sweep.recordings();
   found.frames = sweep.frames();
@@ -181,6 +195,9 @@ Findings sweep(const Options& options, MultiLayerNNModel& model) {
     found.losses.push_back(sweep.measure(bits, progress));
     const double kept = shareOf(found.losses.back().sameBestClass, found.frames);
     if (!found.smallestWidth && kept >= options.keep) found.smallestWidth = bits;
+    if (found.rightRecordings && found.losses.back().rightRecordings < *found.rightRecordings) {
+      found.accuracyFallsAt = bits;
+    }
   }
   return found;
 }
@@ -211,6 +228,17 @@ Table tableOf(const Findings& found, bool isPosterior) {
   return table;
 }
 
+void printFallOfAccuracy(const Findings& found) {
+  if (!found.accuracyFallsAt) {
+    std::cout << "no width decides fewer recordings rightly\n";
+    return;
+  }
+  const auto at = static_cast<std::size_t>(*found.accuracyFallsAt - found.losses.front().bits);
+  std::cout << "accuracy falls at "
+            << counted(static_cast<std::size_t>(*found.accuracyFallsAt), "bit") << ", to "
+            << outOf(found.losses[at].rightRecordings, found.recordings) << "\n";
+}
+
 void printFindings(const Findings& found, const Options& options, bool isPosterior) {
   tableOf(found, isPosterior).print(std::cout);
   std::cout << counted(found.recordings, "recording") << ", " << counted(found.frames, "frame");
@@ -221,6 +249,7 @@ void printFindings(const Findings& found, const Options& options, bool isPosteri
   const std::string decisions = generalNumber(options.keep * 100, 6) + " % of the best classes";
   std::cout << (found.smallestWidth ? "\n* the smallest width that keeps " : "\nno width keeps ")
             << decisions << "\n";
+  if (found.rightRecordings) printFallOfAccuracy(found);
 }
 
 Json lossJson(const PrecisionLoss& loss, const Findings& found, double keep) {
@@ -247,17 +276,19 @@ void printJson(const Findings& found, const Options& options) {
   if (found.rightRecordings) {
     report["right_recordings"] = *found.rightRecordings;
     report["accuracy"] = shareOf(*found.rightRecordings, found.recordings);
+    report["accuracy_falls_at"] = found.accuracyFallsAt ? Json(*found.accuracyFallsAt) : Json();
   }
   report["widths"] = Json::array();
   for (const PrecisionLoss& loss : found.losses) {
     report["widths"].push_back(lossJson(loss, found, options.keep));
   }
-  std::cout << report.dump(2) << "\n";
+  mlnn::printJson(report);
 }
 
 int run(const Options& options) {
   checkUsage(options);
   if (!options.bits) widthsOf(options.sweep);
+  refuseSecondStandardInput(inputsOf(options));
   ModelFile file = loadModel(options.in, options.load);
   warnOfBatchNorm(file.model);
   if (options.bits) return reduce(options, file);

@@ -10,9 +10,10 @@
 #include "tools/Frames.h"
 #include "tools/InputFile.h"
 #include "tools/Inputs.h"
+#include "tools/Json.h"
 #include "tools/ModelFile.h"
-#include "tools/Numbers.h"
-#include "tools/Table.h"
+#include "tools/Progress.h"
+#include "tools/RunReport.h"
 #include "tools/Tool.h"
 #include "tools/TraceWriter.h"
 
@@ -27,6 +28,7 @@ struct Options {
   std::string out;
   std::string trace;
   bool stacked = false;
+  bool json = false;
   LoadOptions load;
 };
 
@@ -51,7 +53,9 @@ CommandHelp help() {
       "Without --out, a table shows the best class of each frame, counted from 0, and, for a "
       "model\n"
       "with softmax, the class of the whole recording: the largest sum of log posteriors. Classes\n"
-      "are called as the model's property `labels` says.\n"
+      "are called as the model's property `labels` says. --json prints the same as JSON, also "
+      "with\n"
+      "--out.\n"
       "\n"
       "OUT is .npy when its name ends so, else text with nine digits. For several FRAMES, or when\n"
       "it is a folder, each result goes into that folder under the name of its FRAMES.\n"
@@ -63,6 +67,7 @@ CommandHelp help() {
       "mlnn run model.mlnn word.npy -o posteriors.npy\n"
       "mlnn run model.mlnn words/*.npy -o posteriors/\n"
       "mlnn run model.mlnn word.npy --trace traced/\n"
+      "mlnn run --json model.mlnn words/*.npy | jq -r .recordings[].recording.label\n"
       "extract-features word.wav | mlnn run model.mlnn -";
   help.exitStatus =
       "0  done\n"
@@ -135,72 +140,91 @@ void makeFolder(const std::string& name) {
   }
 }
 
-std::string labelOf(const std::vector<std::string>& labels, Eigen::Index row) {
-  return row < 0 ? "?" : labels[static_cast<std::size_t>(row)];
-}
-
-std::string valueText(double value, bool isPosterior) {
-  return isPosterior ? fixedNumber(value, 6) : generalNumber(value, 6);
-}
-
-void printTable(const MultiLayerNNModel& model, const Eigen::MatrixXf& outputs) {
-  const std::vector<std::string> labels = classLabels(model);
-  Table table({Table::Align::kRight, Table::Align::kLeft, Table::Align::kRight},
-              {"frame", "class", model.useSoftmax ? "posterior" : "output"});
-  for (Eigen::Index f = 0; f < outputs.cols(); ++f) {
-    const Eigen::Index best = bestClass(outputs.col(f));
-    table.addRow(
-        {std::to_string(f), labelOf(labels, best),
-         best < 0 ? "nan" : valueText(static_cast<double>(outputs(best, f)), model.useSoftmax)});
-  }
-  table.print(std::cout);
-  if (!model.useSoftmax) return;
-  const Eigen::Index best = recordingClass(outputs);
-  std::cout << "recording: " << labelOf(labels, best);
-  if (best >= 0)
-    std::cout << ", sum of log posteriors " << fixedNumber(sumOfLogs(outputs)[best], 3);
-  std::cout << "\n";
-}
-
-void warnOfUnusualValues(const Eigen::MatrixXf& frames, const std::string& what) {
-  const auto notFinite =
-      static_cast<std::size_t>(frames.size() - frames.array().isFinite().count());
-  if (notFinite == 0) return;
-  printWarning(what + " holds " + counted(notFinite, "value") + " not finite");
-}
-
-Eigen::MatrixXf evaluate(MultiLayerNNModel& model, const Options& options, const Job& job) {
-  const std::string what = inputName(job.frames);
-  const Eigen::MatrixXf frames = readFrames(job.frames);
-  const Inputs inputs = Inputs::forFrames(model, frames.rows(), options.stacked, what);
-  warnOfUnusualValues(frames, what);
-  if (!job.trace.empty()) writeTrace(model, inputs, frames, job.trace);
-  Progress progress(escaped(job.frames), static_cast<std::size_t>(frames.cols()));
+Eigen::MatrixXf evaluate(MultiLayerNNModel& model, const Options& options, const Job& job,
+                         Progress& progress) {
+  const Eigen::MatrixXf frames = readRecording(job.frames);
+  const Inputs inputs =
+      Inputs::forFrames(model, frames.rows(), options.stacked, inputName(job.frames));
+  const auto length = static_cast<std::size_t>(frames.cols());
+  progress.beginPart(escaped(job.frames), job.trace.empty() ? length : 2 * length);
+  if (!job.trace.empty()) writeTrace(model, inputs, frames, job.trace, progress);
   return evaluateFrames(model, frames, inputs, progress);
 }
 
+// What the jobs of a command line have found, told as they are done or, as JSON, at the end.
+class Report {
+ public:
+  Report(const Options& options, const MultiLayerNNModel& model)
+      : options_(options), model_(model) {
+    json_ = {{"model", options.model}, {"recordings", Json::array()}};
+  }
+
+  void add(const Job& job, const Eigen::MatrixXf& outputs) {
+    if (options_.json) {
+      Json recording = {{"file", job.frames}};
+      recording.update(decisionsJson(model_, outputs));
+      json_["recordings"].push_back(std::move(recording));
+    } else if (job.out.empty()) {
+      if (options_.frames.size() > 1) {
+        std::cout << (isFirst_ ? "" : "\n") << escaped(job.frames) << "\n";
+      }
+      printDecisions(model_, outputs, std::cout);
+    }
+    isFirst_ = false;
+  }
+
+  void addFailure(const Job& job, const Failure& failure) {
+    printError(failure.what());
+    json_["recordings"].push_back({{"file", job.frames}, {"error", failure.what()}});
+  }
+
+  void finish() const {
+    if (options_.json) printJson(json_);
+  }
+
+ private:
+  const Options& options_;
+  const MultiLayerNNModel& model_;
+  Json json_;
+  bool isFirst_ = true;
+};
+
+int runJobs(const std::vector<Job>& jobs, const Options& options, MultiLayerNNModel& model) {
+  int status = kDone;
+  Report report(options, model);
+  Progress progress(jobs.size());
+  for (const Job& job : jobs) {
+    try {
+      const Eigen::MatrixXf outputs = evaluate(model, options, job, progress);
+      if (!job.out.empty()) writeFrames(job.out, outputs);
+      if (job.out.empty()) progress.hide();  // both may go to the same terminal
+      report.add(job, outputs);
+    } catch (const Failure& failure) {
+      report.addFailure(job, failure);
+      status = kRefused;
+    }
+  }
+  progress.hide();
+  report.finish();
+  return status;
+}
+
+void checkUsage(const Options& options) {
+  std::vector<std::string> inputs = options.frames;
+  inputs.push_back(options.model);
+  refuseSecondStandardInput(inputs);
+  if (options.json && options.out == kStandardStream) {
+    throw UsageError("the JSON goes to standard output, so OUT cannot go there too");
+  }
+}
+
 int run(const Options& options) {
+  checkUsage(options);
   std::vector<Job> jobs = jobsOf(options);
   addTraces(options, jobs);
   ModelFile file = loadModel(options.model, options.load);
   if (isIntoFolder(options)) makeFolder(options.out);
-  int status = kDone;
-  for (const Job& job : jobs) {
-    try {
-      const Eigen::MatrixXf outputs = evaluate(file.model, options, job);
-      if (!job.out.empty()) {
-        writeFrames(job.out, outputs);
-        continue;
-      }
-      if (jobs.size() > 1)
-        std::cout << (&job == &jobs.front() ? "" : "\n") << escaped(job.frames) << "\n";
-      printTable(file.model, outputs);
-    } catch (const Failure& failure) {
-      printError(failure.what());
-      status = kRefused;
-    }
-  }
-  return status;
+  return runJobs(jobs, options, file.model);
 }
 
 }  // namespace
@@ -216,6 +240,7 @@ void addRunCommand(Tool& tool) {
       .add_option("--trace", options->trace, "Folder for what every layer computes, as .npy files")
       ->type_name("DIR");
   command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
+  command.add_flag("--json", options->json, "Print the classes as JSON");
   addLoadOptions(command, options->load);
 }
 

@@ -47,7 +47,7 @@ std::vector<Eigen::MatrixXf> roomFor(const std::vector<const Eigen::MatrixXf*>& 
 }
 
 std::vector<Eigen::MatrixXf> evaluateRecording(MultiLayerNNModel& model, const Inputs& inputs,
-                                               const Eigen::MatrixXf& frames) {
+                                               const Eigen::MatrixXf& frames, Progress& progress) {
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
   Inputs::Blocks blocks(inputs, frames);
   std::vector<Eigen::MatrixXf> stages;
@@ -60,6 +60,7 @@ std::vector<Eigen::MatrixXf> evaluateRecording(MultiLayerNNModel& model, const I
       stages[i].middleCols(done, block->cols()) = *results[i];
     }
     done += block->cols();
+    progress.advance(static_cast<std::size_t>(block->cols()));
   }
   return stages;
 }
@@ -87,9 +88,9 @@ std::vector<std::string> traceFolders(const std::string& folder,
 }
 
 void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
-                const std::string& folder) {
+                const std::string& folder, Progress& progress) {
   const std::vector<std::string> names = stageNames(model.layers.size());
-  const std::vector<Eigen::MatrixXf> stages = evaluateRecording(model, inputs, frames);
+  const std::vector<Eigen::MatrixXf> stages = evaluateRecording(model, inputs, frames, progress);
   makeFolder(folder);
   refuseForeignStages(folder, names);
   for (std::size_t i = 0; i < names.size(); ++i) {

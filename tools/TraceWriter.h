@@ -9,6 +9,7 @@
 
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
+#include "tools/Progress.h"
 
 namespace mlnn {
 
@@ -19,11 +20,11 @@ std::vector<std::string> traceFolders(const std::string& folder,
                                       const std::vector<std::string>& recordings);
 
 // Runs the model over the frames of a recording, and writes what each stage computed into the
-// folder, which is made if it is not there.
+// folder, which is made if it is not there. `progress` is told of frames.
 // Throws: Failure; also when the folder holds the trace of a deeper model, with which the files
 // would be mixed up.
 void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
-                const std::string& folder);
+                const std::string& folder, Progress& progress);
 
 // Returns the stages that the folder holds, in the order in which they are computed. Other files
 // are passed over.

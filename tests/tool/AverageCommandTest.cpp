@@ -3,17 +3,17 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tool/ToolProcess.h"
+#include "tests/tool/CommandFixture.h"
 
 namespace {
 
 using mlnn::test::contentOf;
+using mlnn::test::digitsFolder;
 using mlnn::test::runTool;
 using mlnn::test::sourcePath;
-using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
-using Names = std::vector<std::string>;
 
 // A model of one layer with two inputs and one output.
 std::string modelWith(const std::string& numbers, const std::string& head = "softmax 0\n") {
@@ -21,35 +21,16 @@ std::string modelWith(const std::string& numbers, const std::string& head = "sof
          numbers + "\n";
 }
 
-class AverageCommandTest : public ::testing::Test {
+class AverageCommandTest : public mlnn::test::CommandFixture {
  protected:
-  AverageCommandTest() {
+  AverageCommandTest() : CommandFixture("average") {
     folder_.write("a.txt", modelWith("1\t2\t0.1", "softmax 0\n# first\n"));
     folder_.write("b.txt", modelWith("3\t5\t0.1", "softmax 0\n# second\n"));
   }
-
-  ToolResult average(const std::vector<std::string>& arguments,
-                     const std::string& input = "") const {
-    std::vector<std::string> command = {"average"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return runTool(command, input, folder_.path());
-  }
-
-  void expectRefused(const std::vector<std::string>& arguments, int status,
-                     const std::string& message) const {
-    const Names before = folder_.names();
-    const ToolResult result = average(arguments);
-    EXPECT_EQ(result.status, status);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, message);
-    EXPECT_EQ(folder_.names(), before);
-  }
-
-  TempFolder folder_;
 };
 
 TEST_F(AverageCommandTest, writesTheMeanAndNotesIt) {
-  const ToolResult result = average({"a.txt", "b.txt", "-"});
+  const ToolResult result = run({"a.txt", "b.txt", "-"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out, modelWith("2\t3.5\t0.100000001",
@@ -59,9 +40,9 @@ TEST_F(AverageCommandTest, writesTheMeanAndNotesIt) {
 TEST_F(AverageCommandTest, weightsNeedNotAddUpToOne) {
   const std::string expected =
       modelWith("1.5\t2.75\t0.100000001", "softmax 0\n# first\n# mean of 2 models, weights 6,2\n");
-  EXPECT_EQ(average({"a.txt", "b.txt", "-", "--weights", "6,2"}).out, expected);
-  EXPECT_EQ(average({"--weights", "6,2", "a.txt", "b.txt", "-"}).out, expected);
-  EXPECT_EQ(average({"a.txt", "b.txt", "-", "--weights", "1e308,1e308"}).out,
+  EXPECT_EQ(run({"a.txt", "b.txt", "-", "--weights", "6,2"}).out, expected);
+  EXPECT_EQ(run({"--weights", "6,2", "a.txt", "b.txt", "-"}).out, expected);
+  EXPECT_EQ(run({"a.txt", "b.txt", "-", "--weights", "1e308,1e308"}).out,
             modelWith("2\t3.5\t0.100000001",
                       "softmax 0\n# first\n# mean of 2 models, weights 1e+308,1e+308\n"));
 }
@@ -72,10 +53,10 @@ TEST_F(AverageCommandTest, aModelAndItsCopiesHaveTheModelAsTheirMean) {
     for (const std::size_t copies : {1u, 2u, 3u, 7u}) {
       std::vector<std::string> arguments(copies, model);
       arguments.push_back("mean.txt");
-      ASSERT_EQ(average(arguments).status, 0);
+      ASSERT_EQ(run(arguments).status, 0);
       EXPECT_EQ(contentOf(folder_.path("mean.txt")), contentOf(model)) << copies;
     }
-    ASSERT_EQ(average({model, model, "mean.txt", "--weights", "0.1,0.6"}).status, 0);
+    ASSERT_EQ(run({model, model, "mean.txt", "--weights", "0.1,0.6"}).status, 0);
     EXPECT_EQ(contentOf(folder_.path("mean.txt")), contentOf(model));
   }
 }
@@ -84,12 +65,12 @@ TEST_F(AverageCommandTest, readsAndWritesEitherFormat) {
   folder_.write("c.txt", modelWith("1\t2\t0.1", "softmax 1\n"));
   folder_.write("d.txt", modelWith("3\t5\t0.1", "softmax 1\n"));
   ASSERT_EQ(runTool({"convert", "c.txt", "c.mlnn"}, "", folder_.path()).status, 0);
-  ASSERT_EQ(average({"c.mlnn", "d.txt", "mean.mlnn"}).status, 0);
+  ASSERT_EQ(run({"c.mlnn", "d.txt", "mean.mlnn"}).status, 0);
   const ToolResult text =
       runTool({"convert", "--to", "ascii", "mean.mlnn", "-"}, "", folder_.path());
   EXPECT_NE(text.out.find("\n2\t3.5\t0.100000001\n"), std::string::npos) << text.out;
   const ToolResult image =
-      average({"-", "d.txt", "-", "--to", "binary"}, contentOf(folder_.path("c.mlnn")));
+      run({"-", "d.txt", "-", "--to", "binary"}, contentOf(folder_.path("c.mlnn")));
   EXPECT_EQ(image.status, 0);
   EXPECT_EQ(image.out, contentOf(folder_.path("mean.mlnn")));
 }
@@ -100,7 +81,7 @@ TEST_F(AverageCommandTest, strictDoesNotMindTheMissingNoteOfAnImage) {
   folder_.write("d.txt", modelWith("2\t3\t4", "softmax 1\n"));
   ASSERT_EQ(runTool({"convert", "c.txt", "c.mlnn"}, "", folder_.path()).status, 0);
   ASSERT_EQ(runTool({"convert", "d.txt", "d.mlnn"}, "", folder_.path()).status, 0);
-  const ToolResult result = average({"c.mlnn", "d.mlnn", "mean.mlnn", "--strict"});
+  const ToolResult result = run({"c.mlnn", "d.mlnn", "mean.mlnn", "--strict"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
 }
@@ -134,10 +115,10 @@ TEST_F(AverageCommandTest, warnsOfOtherFeatures) {
       "softmax 0\n# TRAIN rbm_train a b -deltas_norm_minvals " + values + "\n";
   folder_.write("features.txt", modelWith("1\t2\t3", features));
   folder_.write("norm.txt", modelWith("1\t2\t3", normalisation));
-  EXPECT_EQ(average({"a.txt", "features.txt", "out.txt"}).err,
+  EXPECT_EQ(run({"a.txt", "features.txt", "out.txt"}).err,
             "Warning: 'features.txt' has another feature description than the first model, whose "
             "stays\n");
-  EXPECT_EQ(average({"a.txt", "norm.txt", "out.txt"}).err,
+  EXPECT_EQ(run({"a.txt", "norm.txt", "out.txt"}).err,
             "Warning: 'norm.txt' has another normalisation than the first model, whose stays\n");
 }
 
@@ -150,8 +131,23 @@ TEST_F(AverageCommandTest, refusesWeightsThatMakeNoMean) {
                 "ERROR: --weights: expected numbers above 0 but found nan\n");
 }
 
+TEST_F(AverageCommandTest, takesOneModelFromTheStandardInput) {
+  expectRefused({"-", "-", "out.txt"}, 2,
+                "ERROR: only one of the files can be the standard input\n");
+}
+
+TEST_F(AverageCommandTest, changesNothingInAModelThatIsAveragedWithItself) {
+  const std::string digits = digitsFolder();
+  if (digits.empty()) GTEST_SKIP() << mlnn::test::kNoDigits;
+  for (const char* name : {"/digits-small.txt", "/digits-bn.txt", "/digits-bn-folded.txt"}) {
+    const std::string model = digits + name;
+    EXPECT_EQ(run({model, model, "mean.txt", "--weights", "0.3,0.7"}).status, 0) << name;
+    EXPECT_TRUE(contentOf(folder_.path("mean.txt")) == contentOf(model)) << name;
+  }
+}
+
 TEST_F(AverageCommandTest, needsAModelAndAnOutput) {
-  const ToolResult result = average({"a.txt"});
+  const ToolResult result = run({"a.txt"});
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(contentOf(folder_.path("a.txt")), modelWith("1\t2\t0.1", "softmax 0\n# first\n"));
 }

@@ -268,7 +268,7 @@ TEST(CheckCommandTest, refusesWhatIsNoPrint) {
             "no JSON from this command with --digest\n");
   const ToolResult twice = runTool({"check", "--against", "-", "-"}, image());
   EXPECT_EQ(twice.status, 2);
-  EXPECT_EQ(twice.err, "ERROR: MODEL and --against cannot both be the standard input\n");
+  EXPECT_EQ(twice.err, "ERROR: only one of the files can be the standard input\n");
 }
 
 // --- Real models ---

@@ -63,7 +63,7 @@ TEST(EvaluationTest, labelsComeFromThePropertyWhereTheyAreAsManyAsOutputs) {
   MultiLayerNNModel model = modelOf({plainLayer(5, 3)});
   EXPECT_EQ(mlnn::classLabels(model), (Labels{"0", "1", "2"}));
   model.props["labels"] = "a,\x1b[m,";
-  EXPECT_EQ(mlnn::classLabels(model), (Labels{"a", "\\x1b[m", ""}));
+  EXPECT_EQ(mlnn::classLabels(model), (Labels{"a", "\x1b[m", ""}));
   model.props["labels"] = "a,b";
   EXPECT_EQ(mlnn::classLabels(model), (Labels{"0", "1", "2"}));
 }

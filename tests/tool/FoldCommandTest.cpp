@@ -8,7 +8,7 @@
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
-#include "tests/tool/ToolProcess.h"
+#include "tests/tool/CommandFixture.h"
 #include "tools/Frames.h"
 #include "tools/ModelFile.h"
 
@@ -44,25 +44,17 @@ std::vector<std::string> filesIn(const std::string& folder) {
   return files;
 }
 
-class FoldCommandTest : public ::testing::Test {
+class FoldCommandTest : public mlnn::test::CommandFixture {
  protected:
-  FoldCommandTest() {
+  FoldCommandTest() : CommandFixture("fold") {
     folder_.write("in.txt", kModel);
     folder_.write("rounding.txt", kRounding);
     folder_.write("frames.txt", "1\n5\n");
   }
-
-  ToolResult fold(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> command = {"fold"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return runTool(command, "", folder_.path());
-  }
-
-  TempFolder folder_;
 };
 
 TEST_F(FoldCommandTest, writesPlainLayers) {
-  const ToolResult result = fold({"in.txt", "-"});
+  const ToolResult result = run({"in.txt", "-"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out, kFolded);
@@ -70,11 +62,11 @@ TEST_F(FoldCommandTest, writesPlainLayers) {
 
 // A text has no place for the vectors, and so nothing of use is lost with them.
 TEST_F(FoldCommandTest, strictAllowsATextWithoutTheBatchNormVectors) {
-  EXPECT_EQ(fold({"in.txt", "-", "--strict"}).out, kFolded);
+  EXPECT_EQ(run({"in.txt", "-", "--strict"}).out, kFolded);
 }
 
 TEST_F(FoldCommandTest, anImageKeepsTheBatchNormVectors) {
-  ASSERT_EQ(fold({"in.txt", "out.mlnn"}).status, 0);
+  ASSERT_EQ(run({"in.txt", "out.mlnn"}).status, 0);
   const mlnn::ModelFile file = mlnn::loadModel(folder_.path("out.mlnn"));
   const NNLayer& layer = *file.model.layers.at(0);
   EXPECT_FALSE(layer.isBatchNorm);
@@ -84,7 +76,7 @@ TEST_F(FoldCommandTest, anImageKeepsTheBatchNormVectors) {
 
 TEST_F(FoldCommandTest, plainLayersStayWithAWarning) {
   folder_.write("plain.txt", kFolded);
-  const ToolResult result = fold({"plain.txt", "-"});
+  const ToolResult result = run({"plain.txt", "-"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err,
             "Warning: request to translate batch norm network but layer is not batch norm: "
@@ -96,7 +88,7 @@ TEST_F(FoldCommandTest, aLayerWithoutInferenceValuesIsRefused) {
   folder_.write("unfilled.txt",
                 "MultiLayerNNModel_v2\nsoftmax 0\nnum_layers 1\nbatch_norm_layer 1 size 1 1\n2\n"
                 "gamma_beta\n1\t0\t0\t0\n");
-  const ToolResult result = fold({"unfilled.txt", "out.txt"});
+  const ToolResult result = run({"unfilled.txt", "out.txt"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
             "ERROR: gamma_inf is zero in layer with index 0.  Can't convert because all weights "
@@ -109,7 +101,7 @@ TEST_F(FoldCommandTest, aLayerWithoutInferenceValuesIsRefused) {
 
 TEST_F(FoldCommandTest, theProofShowsHowFarApartTheModelsAre) {
   folder_.write("five.txt", "5\n");
-  const ToolResult result = fold({"rounding.txt", "out.txt", "--prove", "five.txt"});
+  const ToolResult result = run({"rounding.txt", "out.txt", "--prove", "five.txt"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out,
@@ -126,7 +118,7 @@ TEST_F(FoldCommandTest, aDifferenceOverTheToleranceIsAFailure) {
   folder_.write("out.txt", "old");
   const Names before = folder_.names();
   const ToolResult result =
-      fold({"rounding.txt", "out.txt", "--prove", "frames.txt", "--tolerance", "1e-7"});
+      run({"rounding.txt", "out.txt", "--prove", "frames.txt", "--tolerance", "1e-7"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
             "ERROR: nothing written: layer-1-affine differs by 2.38e-07 in frame 1, unit 0 of "
@@ -137,7 +129,7 @@ TEST_F(FoldCommandTest, aDifferenceOverTheToleranceIsAFailure) {
 
 TEST_F(FoldCommandTest, theProofAsJson) {
   const ToolResult result =
-      fold({"rounding.txt", "out.txt", "--json", "--prove", "frames.txt", "frames.txt"});
+      run({"rounding.txt", "out.txt", "--json", "--prove", "frames.txt", "frames.txt"});
   EXPECT_EQ(result.status, 0);
   const auto report = nlohmann::json::parse(result.out);
   EXPECT_EQ(report["proved"], true);
@@ -155,23 +147,23 @@ TEST_F(FoldCommandTest, theProofAsJson) {
 
 TEST_F(FoldCommandTest, framesThatDoNotFitAreRefused) {
   folder_.write("wide.txt", "1 2\n");
-  const ToolResult result = fold({"in.txt", "out.txt", "--prove", "wide.txt"});
+  const ToolResult result = run({"in.txt", "out.txt", "--prove", "wide.txt"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err.substr(0, 51), "ERROR: 'wide.txt' has 2 values in a frame; expected");
   EXPECT_FALSE(fs::exists(folder_.path("out.txt")));
 }
 
 TEST_F(FoldCommandTest, proofAndModelCannotShareStandardOutput) {
-  const ToolResult result = fold({"in.txt", "-", "--prove", "frames.txt"});
+  const ToolResult result = run({"in.txt", "-", "--prove", "frames.txt"});
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "ERROR: the proof goes to standard output, so OUT cannot go there too\n");
 }
 
 TEST_F(FoldCommandTest, optionsOfTheProofNeedIt) {
-  EXPECT_EQ(fold({"in.txt", "out.txt", "--tolerance", "1"}).status, 2);
-  EXPECT_EQ(fold({"in.txt", "out.txt", "--json"}).status, 2);
-  EXPECT_EQ(fold({"in.txt", "out.txt", "--prove", "frames.txt", "--tolerance", "-1"}).status, 2);
+  EXPECT_EQ(run({"in.txt", "out.txt", "--tolerance", "1"}).status, 2);
+  EXPECT_EQ(run({"in.txt", "out.txt", "--json"}).status, 2);
+  EXPECT_EQ(run({"in.txt", "out.txt", "--prove", "frames.txt", "--tolerance", "-1"}).status, 2);
   EXPECT_FALSE(fs::exists(folder_.path("out.txt")));
 }
 
@@ -179,7 +171,7 @@ TEST_F(FoldCommandTest, theSampleFoldsProvenly) {
   const std::string sample = sourcePath("examples/digits");
   std::vector<std::string> arguments = {sample + "/synth-bn.txt", "out.txt", "--prove"};
   for (const std::string& file : filesIn(sample + "/frames")) arguments.push_back(file);
-  const ToolResult result = fold(arguments);
+  const ToolResult result = run(arguments);
   EXPECT_EQ(result.status, 0);
   EXPECT_NE(result.out.find("same best class in 1460 of 1460 frames\n"
                             "no difference is over the tolerance of 0.0001\n"),
@@ -195,7 +187,7 @@ class FoldDigitsTest : public FoldCommandTest {
 };
 
 TEST_F(FoldDigitsTest, theFoldedModelIsItsTwinToTheBit) {
-  const ToolResult result = fold({digitsFolder() + "/digits-bn.txt", "out.txt", "--strict"});
+  const ToolResult result = run({digitsFolder() + "/digits-bn.txt", "out.txt", "--strict"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err,
             "info: activation of 2 hidden layers set to relu (property hidden_act_fn)\n");
@@ -204,8 +196,23 @@ TEST_F(FoldDigitsTest, theFoldedModelIsItsTwinToTheBit) {
   EXPECT_TRUE(mlnn::test::sameLayers(folded.model, twin.model));
 }
 
+TEST_F(FoldDigitsTest, theProofHolds) {
+  std::vector<std::string> command = {digitsFolder() + "/digits-bn.txt", "out.txt", "--json",
+                                      "--prove"};
+  const std::vector<std::string> files = filesIn(digitsFolder() + "/frames");
+  command.insert(command.end(), files.begin(), files.end());
+  const ToolResult result = run(command);
+  EXPECT_EQ(result.status, 0) << result.err;
+  const auto proof = nlohmann::json::parse(result.out);
+  EXPECT_EQ(proof["proved"], true);
+  EXPECT_EQ(proof["recordings"], 30);
+  EXPECT_EQ(proof["same_best_class"], proof["frames"]);
+  EXPECT_EQ(proof["stages"].size(), 7u);  // before and after three activations, and the outputs
+  EXPECT_LE(proof["stages"].back()["largest"], 1e-4);
+}
+
 TEST_F(FoldDigitsTest, theFoldedModelGivesTheExpectedPosteriors) {
-  ASSERT_EQ(fold({digitsFolder() + "/digits-bn.txt", "out.mlnn"}).status, 0);
+  ASSERT_EQ(run({digitsFolder() + "/digits-bn.txt", "out.mlnn"}).status, 0);
   const TempFolder results;
   std::vector<std::string> command = {"run", "out.mlnn", "-o", results.path()};
   const std::vector<std::string> files = filesIn(digitsFolder() + "/frames");

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <iostream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -74,6 +75,40 @@ TEST(ProgressTest, givesWayToOtherLines) {
   EXPECT_EQ(terminal.shown(), "\r\x1b[K");
   progress.hide();
   EXPECT_EQ(terminal.shown(), "");
+}
+
+TEST(ProgressTest, givesWayToMessages) {
+  TerminalStderr terminal;
+  Progress progress("work", 4);
+  std::this_thread::sleep_for(kLong);
+  progress.advance();
+  EXPECT_EQ(terminal.shown(), "\rwork [#######.......................] 25 %\x1b[K");
+  std::cerr << "Warning: " << 1 << '\n';
+  EXPECT_EQ(terminal.shown(), "\r\x1b[KWarning: 1\r\n");
+}
+
+TEST(ProgressTest, countsTheStepsOfManyParts) {
+  TerminalStderr terminal;
+  Progress progress(4);
+  for (const char* part : {"one", "two"}) {
+    progress.beginPart(part, 3);
+    progress.advance(3);
+  }
+  EXPECT_EQ(terminal.shown(), "");
+  std::this_thread::sleep_for(kLong);
+  progress.beginPart("three", 100);
+  progress.advance(50);
+  EXPECT_EQ(terminal.shown(), "\rthree [##################............] 62 %\x1b[K");
+}
+
+TEST(ProgressTest, leavesTheErrorStreamAsItWas) {
+  std::streambuf* const before = std::cerr.rdbuf();
+  TerminalStderr terminal;
+  {
+    Progress progress("work", 4);
+    EXPECT_NE(std::cerr.rdbuf(), before);
+  }
+  EXPECT_EQ(std::cerr.rdbuf(), before);
 }
 
 TEST(ProgressTest, showsNothingElsewhere) {

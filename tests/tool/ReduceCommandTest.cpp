@@ -5,16 +5,17 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tool/ToolProcess.h"
+#include "tests/tool/CommandFixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using mlnn::test::contentOf;
+using mlnn::test::digitsFolder;
 using mlnn::test::runTool;
 using mlnn::test::sourcePath;
-using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
 using Names = std::vector<std::string>;
 
@@ -28,42 +29,24 @@ constexpr char kBatchNorm[] =
     "MultiLayerNNModel_v2\nsoftmax 0\nnum_layers 1\nbatch_norm_layer 1 size 1 2\n1\t0.3\n"
     "gamma_beta\n0.3\t0.3\t0.3\t0.3\n";
 
-class ReduceCommandTest : public ::testing::Test {
+class ReduceCommandTest : public mlnn::test::CommandFixture {
  protected:
-  ReduceCommandTest() {
+  ReduceCommandTest() : CommandFixture("reduce") {
     folder_.write("in.txt", kModel);
     folder_.write("x.txt", "1 1\n");       // x: 1 against 0.9
     folder_.write("y.txt", "1 2\n1 3\n");  // y: 1 against 1.8, and against 2.7
     folder_.write("labels.csv", "who,file,label\nA,x.txt,x\n\"B, C\",y.txt,y\n");
   }
 
-  ToolResult reduce(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> command = {"reduce"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return runTool(command, "", folder_.path());
-  }
-
   ToolResult sweep(const std::vector<std::string>& more) const {
     std::vector<std::string> command = {"in.txt", "--sweep", "0..2", "--frames", "x.txt", "y.txt"};
     command.insert(command.end(), more.begin(), more.end());
-    return reduce(command);
+    return run(command);
   }
-
-  void expectRefused(const std::vector<std::string>& arguments, int status,
-                     const std::string& message) const {
-    const Names before = folder_.names();
-    const ToolResult result = reduce(arguments);
-    EXPECT_EQ(result.status, status);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, message);
-    EXPECT_EQ(folder_.names(), before);
-  }
-
-  TempFolder folder_;
 };
 
 TEST_F(ReduceCommandTest, writesTheReducedModel) {
-  const ToolResult result = reduce({"in.txt", "-", "--bits", "2"});
+  const ToolResult result = run({"in.txt", "-", "--bits", "2"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "v_range 0.000000 - 1.000000 (1.000000), p_range 4\n");
   EXPECT_EQ(result.out,
@@ -73,7 +56,7 @@ TEST_F(ReduceCommandTest, writesTheReducedModel) {
 
 TEST_F(ReduceCommandTest, warnsOfBatchNormVectors) {
   folder_.write("bn.txt", kBatchNorm);
-  const ToolResult result = reduce({"bn.txt", "-", "--bits", "1"});
+  const ToolResult result = run({"bn.txt", "-", "--bits", "1"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err,
             "Warning: the vectors of 1 batch-norm layer keep all their bits (fold the model "
@@ -107,11 +90,20 @@ TEST_F(ReduceCommandTest, sweepWithLabelsShowsTheAccuracy) {
             "   1            0.4      0.0667      0.223     66.67 %  2 of 2  *\n"
             "   2           0.15       0.025     0.0682    100.00 %  2 of 2\n"
             "2 recordings, 3 frames; without reduction 2 of 2 right\n"
-            "* the smallest width that keeps 50 % of the best classes\n");
+            "* the smallest width that keeps 50 % of the best classes\n"
+            "accuracy falls at 0 bits, to 1 of 2\n");
+}
+
+TEST_F(ReduceCommandTest, sweepSaysWhereTheAccuracyHolds) {
+  const ToolResult result =
+      run({"in.txt", "--sweep", "1..2", "--frames", "x.txt", "y.txt", "--labels", "labels.csv"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("\nno width decides fewer recordings rightly\n"), std::string::npos)
+      << result.out;
 }
 
 TEST_F(ReduceCommandTest, sweepSaysWhenNoWidthKeepsEnough) {
-  const ToolResult result = reduce({"in.txt", "--sweep", "0..1", "--frames", "x.txt", "y.txt"});
+  const ToolResult result = run({"in.txt", "--sweep", "0..1", "--frames", "x.txt", "y.txt"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out,
             "bits  largest error  mean error  posterior  same class\n"
@@ -131,6 +123,7 @@ TEST_F(ReduceCommandTest, sweepAsJson) {
   EXPECT_EQ(report["keep"], 0.99);
   EXPECT_EQ(report["smallest_width"], 2);
   EXPECT_EQ(report["accuracy"], 1.0);
+  EXPECT_EQ(report["accuracy_falls_at"], 0);
   ASSERT_EQ(report["widths"].size(), 3u);
   const auto& none = report["widths"][0];
   EXPECT_EQ(none["bits"], 0);
@@ -146,7 +139,7 @@ TEST_F(ReduceCommandTest, sweepAsJson) {
 
 TEST_F(ReduceCommandTest, jsonHasNullWhereNoWidthKeepsEnough) {
   const ToolResult result =
-      reduce({"in.txt", "--sweep", "1", "--frames", "y.txt", "--keep", "1", "--json"});
+      run({"in.txt", "--sweep", "1", "--frames", "y.txt", "--keep", "1", "--json"});
   const auto report = nlohmann::json::parse(result.out);
   EXPECT_EQ(report["smallest_width"], nullptr);
   EXPECT_EQ(report.count("accuracy"), 0u);
@@ -155,7 +148,7 @@ TEST_F(ReduceCommandTest, jsonHasNullWhereNoWidthKeepsEnough) {
 
 TEST_F(ReduceCommandTest, aBatchNormLayersUnusedBiasIsNoError) {
   folder_.write("bn.txt", kBatchNorm);
-  const ToolResult result = reduce({"bn.txt", "--sweep", "1", "--frames", "x.txt", "--json"});
+  const ToolResult result = run({"bn.txt", "--sweep", "1", "--frames", "x.txt", "--json"});
   const auto report = nlohmann::json::parse(result.out);
   // Weights 1 and 0.3, of which the latter becomes 0; the bias of 0 does not count.
   EXPECT_EQ(report["widths"][0]["mean_weight_error"], double{0.3f} / 2);
@@ -172,9 +165,40 @@ TEST_F(ReduceCommandTest, eitherBitsOrSweep) {
                 "ERROR: --sweep writes no model, but OUT is given: 'out.txt'\n");
 }
 
+TEST_F(ReduceCommandTest, takesOneFileFromTheStandardInput) {
+  const std::string once = "ERROR: only one of the files can be the standard input\n";
+  expectRefused({"-", "--sweep", "1", "--frames", "-"}, 2, once);
+  expectRefused({"in.txt", "--sweep", "1", "--frames", "-", "--labels", "-"}, 2, once);
+}
+
+TEST(ReduceCommandOnDigits, showsAtWhichWidthTheAccuracyFalls) {
+  const std::string digits = digitsFolder();
+  if (digits.empty()) GTEST_SKIP() << mlnn::test::kNoDigits;
+  Names command = {"reduce",   digits + "/digits-small.txt", "--sweep", "12..18",
+                   "--labels", digits + "/labels.csv",       "--json",  "--frames"};
+  for (const auto& entry : fs::directory_iterator(digits + "/frames")) {
+    command.push_back(entry.path().string());
+  }
+  const ToolResult result = runTool(command);
+  ASSERT_EQ(result.status, 0) << result.err;
+  const auto report = nlohmann::json::parse(result.out);
+  EXPECT_EQ(report["right_recordings"], 30);
+  ASSERT_TRUE(report["accuracy_falls_at"].is_number()) << report;
+  const int fallsAt = report["accuracy_falls_at"];
+  for (const auto& width : report["widths"]) {
+    if (width["bits"] == fallsAt) {
+      EXPECT_LT(width["right_recordings"], 30);
+    }
+    if (width["bits"] > fallsAt) {
+      EXPECT_EQ(width["right_recordings"], 30);
+    }
+  }
+  EXPECT_LT(fallsAt, 18);
+}
+
 TEST_F(ReduceCommandTest, refusesWidthsThatThereAreNot) {
-  EXPECT_EQ(reduce({"in.txt", "out.txt", "--bits", "32"}).status, 2);
-  EXPECT_EQ(reduce({"in.txt", "out.txt", "--bits", "-1"}).status, 2);
+  EXPECT_EQ(run({"in.txt", "out.txt", "--bits", "32"}).status, 2);
+  EXPECT_EQ(run({"in.txt", "out.txt", "--bits", "-1"}).status, 2);
   EXPECT_FALSE(fs::exists(folder_.path("out.txt")));
   for (const std::string range :
        {"", "a", "2.16", "2..", "..3", "5..2", "2..32", "-1..3", "1..2x", "1...2", "99999999999"}) {
@@ -204,7 +228,7 @@ TEST_F(ReduceCommandTest, refusesLabelsThatDoNotFit) {
 TEST_F(ReduceCommandTest, labelsNeedASoftmax) {
   folder_.write("bn.txt", kBatchNorm);
   const ToolResult result =
-      reduce({"bn.txt", "--sweep", "1", "--frames", "x.txt", "--labels", "labels.csv"});
+      run({"bn.txt", "--sweep", "1", "--frames", "x.txt", "--labels", "labels.csv"});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("ERROR: --labels needs a model with a softmax, whose outputs are "
                             "posteriors\n"),

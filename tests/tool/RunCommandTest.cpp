@@ -1,19 +1,18 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "tests/tool/ToolProcess.h"
+#include "tests/tool/CommandFixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using mlnn::test::contentOf;
-using mlnn::test::runTool;
-using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
-using Names = std::vector<std::string>;
+using Json = nlohmann::json;
 
 // Two inputs, passed on as they are; without softmax. A frame is one value, with one frame of
 // context to the left.
@@ -28,21 +27,13 @@ constexpr char kSoftmax[] =
     "MultiLayerNNModel_v2\nsoftmax 1\n# NVP labels yes,n\x1bo\n"
     "num_layers 1\nlayer 1 size 2 3\nact_fn linear\n0 1 0\n0 0 1\n";
 
-class RunCommandTest : public ::testing::Test {
+class RunCommandTest : public mlnn::test::CommandFixture {
  protected:
-  RunCommandTest() {
+  RunCommandTest() : CommandFixture("run") {
     folder_.write("pair", kPair);
     folder_.write("softmax", kSoftmax);
     folder_.write("frames.txt", "1\n2\n3\n");
   }
-
-  ToolResult run(const std::vector<std::string>& arguments, const std::string& input = "") const {
-    std::vector<std::string> command = {"run"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return runTool(command, input, folder_.path());
-  }
-
-  TempFolder folder_;
 };
 
 TEST_F(RunCommandTest, stacksSingleFrames) {
@@ -84,7 +75,62 @@ TEST_F(RunCommandTest, knowsNoBestAmongValuesThatAreNoNumbers) {
             "frame  class   posterior\n"
             "    0  n\\x1bo   0.731059\n"
             "    1  ?             nan\n"
-            "recording: ?\n");
+            "recording: ?, since 1 of 2 frames gave values that are not numbers\n");
+}
+
+TEST_F(RunCommandTest, showsTheSameAsJson) {
+  const ToolResult result = run({"softmax", "-", "--json"}, "0 1\n5 0\n");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  const Json json = Json::parse(result.out);
+  EXPECT_EQ(json["model"], "softmax");
+  ASSERT_EQ(json["recordings"].size(), 1u);
+  const Json& recording = json["recordings"][0];
+  EXPECT_EQ(recording["file"], "-");
+  ASSERT_EQ(recording["frames"].size(), 2u);
+  EXPECT_EQ(recording["frames"][0]["class"], 1);
+  EXPECT_EQ(recording["frames"][0]["label"], "n\x1bo");
+  EXPECT_NEAR(recording["frames"][0]["posterior"], 0.731059, 1e-6);
+  EXPECT_EQ(recording["recording"]["class"], 0);
+  EXPECT_EQ(recording["recording"]["label"], "yes");
+  EXPECT_NEAR(recording["recording"]["sum_of_log_posteriors"], -1.320, 1e-3);
+}
+
+TEST_F(RunCommandTest, jsonHasNoRecordingClassWithoutSoftmax) {
+  const Json json = Json::parse(run({"pair", "frames.txt", "--json"}).out);
+  EXPECT_EQ(json["recordings"][0].count("recording"), 0u);
+  EXPECT_EQ(json["recordings"][0]["frames"][2]["output"], 3.0);
+}
+
+TEST_F(RunCommandTest, jsonHasNullForWhatCannotBeTold) {
+  const Json json = Json::parse(run({"softmax", "-", "--json"}, "0 1\nnan 0\n").out);
+  const Json& recording = json["recordings"][0];
+  EXPECT_EQ(recording["frames"][1],
+            Json({{"class", nullptr}, {"label", nullptr}, {"posterior", nullptr}}));
+  EXPECT_EQ(recording["recording"]["class"], nullptr);
+  EXPECT_EQ(recording["recording"]["sum_of_log_posteriors"], nullptr);
+}
+
+TEST_F(RunCommandTest, jsonHoldsFailuresTooAndGoesWithOut) {
+  folder_.write("bad.txt", "x\n");
+  const ToolResult result = run({"pair", "bad.txt", "frames.txt", "--json", "-o", "results"});
+  EXPECT_EQ(result.status, 1);
+  const std::string message = "'bad.txt', line 1, column 1: expected a number, found 'x'";
+  EXPECT_EQ(result.err, "ERROR: " + message + "\n");
+  const Json json = Json::parse(result.out);
+  EXPECT_EQ(json["recordings"][0], Json({{"file", "bad.txt"}, {"error", message}}));
+  EXPECT_EQ(json["recordings"][1]["file"], "frames.txt");
+  EXPECT_EQ(contentOf(folder_.path("results/frames.txt")), "1 1\n1 2\n2 3\n");
+}
+
+TEST_F(RunCommandTest, usesEachStandardStreamOnce) {
+  const ToolResult in = run({"-", "-"}, kPair);
+  EXPECT_EQ(in.status, 2);
+  EXPECT_EQ(in.err, "ERROR: only one of the files can be the standard input\n");
+  const ToolResult out = run({"pair", "frames.txt", "--json", "-o", "-"});
+  EXPECT_EQ(out.status, 2);
+  EXPECT_EQ(out.out, "");
+  EXPECT_EQ(out.err, "ERROR: the JSON goes to standard output, so OUT cannot go there too\n");
 }
 
 TEST_F(RunCommandTest, namesSeveralRecordings) {
