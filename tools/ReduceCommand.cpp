@@ -21,14 +21,13 @@
 #include "tools/PrecisionSweep.h"
 #include "tools/Progress.h"
 #include "tools/RecordingLabels.h"
-#include "tools/Table.h"
+#include "tools/SweepReport.h"
 #include "tools/Tool.h"
 
 namespace mlnn {
 namespace {
 
 constexpr int kMaxBits = 31;
-constexpr int kDigits = 3;  // of errors in the table
 
 struct Options {
   std::string in;
@@ -128,16 +127,6 @@ int reduce(const Options& options, ModelFile& file) {
 
 // --- The sweep ---
 
-// What a sweep found out.
-struct Findings {
-  std::size_t recordings = 0;
-  std::size_t frames = 0;
-  std::optional<std::size_t> rightRecordings;  // of the model as it is, where labels are known
-  std::vector<PrecisionLoss> losses;
-  std::optional<int> smallestWidth;    // that keeps enough decisions
-  std::optional<int> accuracyFallsAt;  // the largest width with fewer right recordings
-};
-
 class KnownClasses {
  public:
   KnownClasses(const std::string& labels, const MultiLayerNNModel& model) {
@@ -167,10 +156,6 @@ class KnownClasses {
   std::vector<std::string> classes_;
 };
 
-double shareOf(std::size_t part, std::size_t whole) {
-  return static_cast<double>(part) / static_cast<double>(whole);
-}
-
 void addRecordings(const Options& options, const KnownClasses& classes, PrecisionSweep& sweep) {
   Progress progress(options.frames.size());
   for (const std::string& name : options.frames) {
@@ -180,109 +165,23 @@ void addRecordings(const Options& options, const KnownClasses& classes, Precisio
   }
 }
 
-Findings sweep(const Options& options, MultiLayerNNModel& model) {
+SweepFindings sweep(const Options& options, MultiLayerNNModel& model) {
   const Widths widths = widthsOf(options.sweep);
   const KnownClasses classes(options.labels, model);
   PrecisionSweep sweep(model);
   addRecordings(options, classes, sweep);
-  Findings found;
+  SweepFindings found;
+  found.keep = options.keep;
+  found.isPosterior = model.useSoftmax;
   found.recordings = sweep.recordings();
   found.frames = sweep.frames();
   if (classes.areKnown()) found.rightRecordings = sweep.rightRecordings();
   const auto steps = static_cast<std::size_t>(widths.last - widths.first) + 1;
   Progress progress("trying widths", steps * sweep.frames());
   for (int bits = widths.first; bits <= widths.last; ++bits) {
-    found.losses.push_back(sweep.measure(bits, progress));
-    const double kept = shareOf(found.losses.back().sameBestClass, found.frames);
-    if (!found.smallestWidth && kept >= options.keep) found.smallestWidth = bits;
-    if (found.rightRecordings && found.losses.back().rightRecordings < *found.rightRecordings) {
-      found.accuracyFallsAt = bits;
-    }
+    found.add(sweep.measure(bits, progress));
   }
   return found;
-}
-
-std::string percent(double share, int digits) { return fixedNumber(share * 100, digits) + " %"; }
-
-std::string outOf(std::size_t part, std::size_t whole) {
-  return std::to_string(part) + " of " + std::to_string(whole);
-}
-
-Table tableOf(const Findings& found, bool isPosterior) {
-  std::vector<std::string> heading = {"bits", "largest error", "mean error",
-                                      isPosterior ? "posterior" : "output", "same class"};
-  if (found.rightRecordings) heading.emplace_back("right");
-  heading.emplace_back("");  // the star
-  std::vector<Table::Align> columns(heading.size(), Table::Align::kRight);
-  Table table(std::move(columns), std::move(heading));
-  for (const PrecisionLoss& loss : found.losses) {
-    std::vector<std::string> row = {std::to_string(loss.bits),
-                                    generalNumber(loss.largestWeightError, kDigits),
-                                    generalNumber(loss.meanWeightError, kDigits),
-                                    generalNumber(loss.largestOutputDifference, kDigits),
-                                    percent(shareOf(loss.sameBestClass, found.frames), 2)};
-    if (found.rightRecordings) row.push_back(outOf(loss.rightRecordings, found.recordings));
-    row.emplace_back(found.smallestWidth == loss.bits ? "*" : "");
-    table.addRow(std::move(row));
-  }
-  return table;
-}
-
-void printFallOfAccuracy(const Findings& found) {
-  if (!found.accuracyFallsAt) {
-    std::cout << "no width decides fewer recordings rightly\n";
-    return;
-  }
-  const auto at = static_cast<std::size_t>(*found.accuracyFallsAt - found.losses.front().bits);
-  std::cout << "accuracy falls at "
-            << counted(static_cast<std::size_t>(*found.accuracyFallsAt), "bit") << ", to "
-            << outOf(found.losses[at].rightRecordings, found.recordings) << "\n";
-}
-
-void printFindings(const Findings& found, const Options& options, bool isPosterior) {
-  tableOf(found, isPosterior).print(std::cout);
-  std::cout << counted(found.recordings, "recording") << ", " << counted(found.frames, "frame");
-  if (found.rightRecordings) {
-    std::cout << "; without reduction " << outOf(*found.rightRecordings, found.recordings)
-              << " right";
-  }
-  const std::string decisions = generalNumber(options.keep * 100, 6) + " % of the best classes";
-  std::cout << (found.smallestWidth ? "\n* the smallest width that keeps " : "\nno width keeps ")
-            << decisions << "\n";
-  if (found.rightRecordings) printFallOfAccuracy(found);
-}
-
-Json lossJson(const PrecisionLoss& loss, const Findings& found, double keep) {
-  const double kept = shareOf(loss.sameBestClass, found.frames);
-  Json json = {{"bits", loss.bits},
-               {"largest_weight_error", loss.largestWeightError},
-               {"mean_weight_error", loss.meanWeightError},
-               {"largest_output_difference", loss.largestOutputDifference},
-               {"same_best_class", loss.sameBestClass},
-               {"same_best_class_share", kept},
-               {"keeps", kept >= keep}};
-  if (!found.rightRecordings) return json;
-  json["right_recordings"] = loss.rightRecordings;
-  json["accuracy"] = shareOf(loss.rightRecordings, found.recordings);
-  return json;
-}
-
-void printJson(const Findings& found, const Options& options) {
-  Json report = {{"recordings", found.recordings},
-                 {"frames", found.frames},
-                 {"keep", options.keep},
-                 {"smallest_width", nullptr}};
-  if (found.smallestWidth) report["smallest_width"] = *found.smallestWidth;
-  if (found.rightRecordings) {
-    report["right_recordings"] = *found.rightRecordings;
-    report["accuracy"] = shareOf(*found.rightRecordings, found.recordings);
-    report["accuracy_falls_at"] = found.accuracyFallsAt ? Json(*found.accuracyFallsAt) : Json();
-  }
-  report["widths"] = Json::array();
-  for (const PrecisionLoss& loss : found.losses) {
-    report["widths"].push_back(lossJson(loss, found, options.keep));
-  }
-  mlnn::printJson(report);
 }
 
 int run(const Options& options) {
@@ -292,11 +191,11 @@ int run(const Options& options) {
   ModelFile file = loadModel(options.in, options.load);
   warnOfBatchNorm(file.model);
   if (options.bits) return reduce(options, file);
-  const Findings found = sweep(options, file.model);
+  const SweepFindings found = sweep(options, file.model);
   if (options.json) {
-    printJson(found, options);
+    printJson(sweepJson(found));
   } else {
-    printFindings(found, options, file.model.useSoftmax);
+    printSweep(found, std::cout);
   }
   return kDone;
 }
