@@ -1,10 +1,14 @@
 #include "inference/NNFwdPassFromFile.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <functional>
 #include <iostream>
+#include <utility>
 
 #include "features/EigenAssign.h"
 #include "inference/Activation.h"
+#include "inference/Kernels.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace {
@@ -49,25 +53,65 @@ bool stackFits(const MultiLayerNNModel& model) {
   return true;
 }
 
+// The frames that go through all layers before the next ones. More make the weights pay off
+// no better, but need more memory.
+constexpr Index kFramesAtOnce = 256;
+
+constexpr Index kFloatsInCacheLine = 16;
+
 Index widestLayer(const MultiLayerNNModel& model) {
-  Index widest = model.numInputs();
+  Index widest = 0;
   for (const NNLayer* layer : model.layers) widest = std::max(widest, layer->weights.rows());
   return widest;
 }
 
-void makeRoom(Eigen::VectorXf& scratch, Index length) {
-  if (scratch.size() < length) mlnn::assignZeros(scratch, length);
+// From one frame to the next in the memory between layers: whole cache lines, and an odd number
+// of them, so that frames do not compete for the same places of a cache.
+Index strideFor(Index width) {
+  const Index lines = (width + kFloatsInCacheLine - 1) / kFloatsInCacheLine;
+  return (lines | 1) * kFloatsInCacheLine;
 }
 
-// weights * x, and bias or batch-norm scale and shift.
-void affine(const NNLayer& layer, const Eigen::Ref<const Eigen::VectorXf>& x,
-            Eigen::Ref<Eigen::VectorXf> y) {
-  y.noalias() = layer.weights * x;
-  if (layer.isBatchNorm) {
-    y.array() = layer.gamma_inf.array() * y.array() + layer.beta_inf.array();
-  } else {
-    y += layer.bias;
-  }
+float* atCacheLine(float* values) {
+  constexpr auto kBytes = std::uintptr_t{kFloatsInCacheLine * sizeof(float)};
+  const auto past = reinterpret_cast<std::uintptr_t>(values) % kBytes;
+  return past == 0 ? values : values + (kBytes - past) / sizeof(float);
+}
+
+// Whether the matrix shares memory with the inputs.
+bool overlap(const Eigen::Ref<const Eigen::MatrixXf>& inputs, const Eigen::MatrixXf& outputs) {
+  if (inputs.size() == 0 || outputs.size() == 0) return false;
+  const float* inputsEnd =
+      inputs.data() + (inputs.cols() - 1) * inputs.outerStride() + inputs.rows();
+  const std::less<const float*> before;
+  return before(inputs.data(), outputs.data() + outputs.size()) &&
+         before(outputs.data(), inputsEnd);
+}
+
+mlnn::LayerView viewOf(const NNLayer& layer) {
+  return {layer.weights.data(),
+          static_cast<std::size_t>(layer.weights.rows()),
+          static_cast<std::size_t>(layer.weights.cols()),
+          layer.isBatchNorm ? layer.gamma_inf.data() : nullptr,
+          layer.isBatchNorm ? layer.beta_inf.data() : layer.bias.data(),
+          layer.actFn};
+}
+
+// Some frames in memory, one behind the other.
+struct Frames {
+  float* first;
+  Index stride;
+  Index count;
+};
+
+// The results of a layer for as many frames as `y` has room for.
+void evaluateLayer(const mlnn::LayerView& layer, const float* x, Index xStride, const Frames& y,
+                   float* scratch) {
+  const mlnn::Kernels& kernels = mlnn::bestKernels();
+  if (y.count == 1) return kernels.matrixVector(layer, x, y.first, scratch);
+  kernels.matrixFrames(layer, x, static_cast<std::size_t>(xStride), y.first,
+                       static_cast<std::size_t>(y.stride), static_cast<std::size_t>(y.count),
+                       scratch);
 }
 
 std::vector<mlnn::LayerResult> emptyTrace(const MultiLayerNNModel& model, Index frames) {
@@ -77,6 +121,21 @@ std::vector<mlnn::LayerResult> emptyTrace(const MultiLayerNNModel& model, Index 
     trace[i].activated.resize(model.layers[i]->weights.rows(), frames);
   }
   return trace;
+}
+
+// The same in two steps, keeping what is between them; frame `first` of `result` is the first.
+void traceLayer(mlnn::LayerView layer, const float* x, Index xStride, const Frames& y,
+                float* scratch, Index first, mlnn::LayerResult& result) {
+  const ActFn::ActFn fn = layer.actFn;
+  layer.actFn = ActFn::linear;
+  evaluateLayer(layer, x, xStride, y, scratch);
+  const auto rows = static_cast<Index>(layer.rows);
+  for (Index frame = 0; frame < y.count; ++frame) {
+    Eigen::Map<Eigen::VectorXf> values(y.first + frame * y.stride, rows);
+    result.affine.col(first + frame) = values;
+    mlnn::applyActivation(fn, values);
+    result.activated.col(first + frame) = values;
+  }
 }
 
 }  // namespace
@@ -109,31 +168,53 @@ int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
               << " inputs but got " << inputs.rows() << "\n";
     return 1;
   }
-  makeRoom(current_, widestLayer(*model_));
-  makeRoom(next_, widestLayer(*model_));
-  makeRoom(results_, numOutputs() * inputs.cols());
+  makeRoom(std::min(inputs.cols(), kFramesAtOnce));
   if (trace != nullptr) *trace = emptyTrace(*model_, inputs.cols());
-  for (Index frame = 0; frame < inputs.cols(); ++frame) {
-    current_.head(inputs.rows()) = inputs.col(frame);
-    evaluateFrame(frame, trace);
+  const bool apart = !overlap(inputs, outputs);
+  Eigen::MatrixXf& results = apart ? outputs : results_;
+  mlnn::reshape(results, numOutputs(), inputs.cols());
+  for (Index first = 0; first < inputs.cols(); first += kFramesAtOnce) {
+    const Index count = std::min(inputs.cols() - first, kFramesAtOnce);
+    evaluateFrames(inputs.middleCols(first, count), results.middleCols(first, count), first, trace);
   }
-  mlnn::reshape(outputs, numOutputs(), inputs.cols());
-  outputs = Eigen::Map<const Eigen::MatrixXf>(results_.data(), numOutputs(), inputs.cols());
+  if (!apart) mlnn::assign(outputs, results_);
   return 0;
 }
 
-// Takes the frame's input from current_ and puts its outputs into results_.
-void NNFwdPassFromFile::evaluateFrame(Index frame, std::vector<mlnn::LayerResult>* trace) {
+// The kernels' scratch comes first, then two areas of which layers read one and write the other.
+void NNFwdPassFromFile::makeRoom(Index frames) {
+  const Index widest = widestLayer(*model_);
+  const auto forKernels = static_cast<Index>(mlnn::scratchFloats(static_cast<std::size_t>(widest)));
+  const Index length = kFloatsInCacheLine + strideFor(forKernels) + 2 * strideFor(widest) * frames;
+  if (scratch_.size() < length) mlnn::reshape(scratch_, length, 1);
+}
+
+void NNFwdPassFromFile::evaluateFrames(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
+                                       Eigen::Ref<Eigen::MatrixXf> outputs, Index first,
+                                       std::vector<mlnn::LayerResult>* trace) {
+  const Index widest = widestLayer(*model_);
+  float* const kernelScratch = atCacheLine(scratch_.data());
+  float* next =
+      kernelScratch +
+      strideFor(static_cast<Index>(mlnn::scratchFloats(static_cast<std::size_t>(widest))));
+  float* spare = next + strideFor(widest) * inputs.cols();
+  const float* x = inputs.data();
+  Index xStride = inputs.outerStride();
   for (std::size_t i = 0; i < model_->layers.size(); ++i) {
-    const NNLayer& layer = *model_->layers[i];
-    auto y = next_.head(layer.weights.rows());
-    affine(layer, current_.head(layer.weights.cols()), y);
-    if (trace != nullptr) (*trace)[i].affine.col(frame) = y;
-    mlnn::applyActivation(layer.actFn, y);
-    if (trace != nullptr) (*trace)[i].activated.col(frame) = y;
-    current_.swap(next_);
+    const bool isLast = i + 1 == model_->layers.size();
+    mlnn::LayerView layer = viewOf(*model_->layers[i]);
+    const Frames y{isLast ? outputs.data() : next,
+                   isLast ? outputs.outerStride() : strideFor(static_cast<Index>(layer.rows)),
+                   inputs.cols()};
+    if (trace == nullptr) {
+      evaluateLayer(layer, x, xStride, y, kernelScratch);
+    } else {
+      traceLayer(layer, x, xStride, y, kernelScratch, first, (*trace)[i]);
+    }
+    x = y.first;
+    xStride = y.stride;
+    std::swap(next, spare);
   }
-  auto outputs = results_.segment(frame * numOutputs(), numOutputs());
-  outputs = current_.head(numOutputs());
-  if (model_->useSoftmax) mlnn::applySoftmax(outputs);
+  if (!model_->useSoftmax) return;
+  for (Index frame = 0; frame < outputs.cols(); ++frame) mlnn::applySoftmax(outputs.col(frame));
 }

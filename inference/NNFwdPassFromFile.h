@@ -20,8 +20,9 @@ struct LayerResult {
 }  // namespace mlnn
 
 // Reads the model's own arrays at every call, so an edit of the model shows in the next
-// one. Keeps only scratch memory of its own: two columns as wide as the widest layer, and
-// the results.
+// one. Keeps only scratch memory of its own: 64 KiB or the widest layer, whatever is more; for
+// up to 256 frames at a time what two layers as wide as the widest hold; and, where the
+// outputs are to replace the inputs, the results.
 //
 // Lifetime: the model must outlive the forward pass.
 // Thread-safety: one object serves one thread at a time; several objects over one model
@@ -51,11 +52,12 @@ class NNFwdPassFromFile : public FwdPass {
  private:
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<mlnn::LayerResult>* trace);
-  void evaluateFrame(Eigen::Index frame, std::vector<mlnn::LayerResult>* trace);
+  void makeRoom(Eigen::Index frames);
+  void evaluateFrames(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
+                      Eigen::Ref<Eigen::MatrixXf> outputs, Eigen::Index first,
+                      std::vector<mlnn::LayerResult>* trace);
 
   const MultiLayerNNModel* model_;
-  Eigen::VectorXf current_;  // what goes into a layer, then what came out of it
-  Eigen::VectorXf next_;     // what the layer is computing
-  Eigen::VectorXf results_;  // the outputs of all frames; apart from the caller's matrix,
-                             // which may be the one that holds the inputs
+  Eigen::VectorXf scratch_;  // for the kernels, and for what goes from layer to layer
+  Eigen::MatrixXf results_;  // where the outputs overlap the inputs
 };

@@ -1,0 +1,129 @@
+// Compiles the kernels for every instruction set, and chooses among them at run time.
+//
+// Highway provides the vectors, and includes this file once for each instruction set. Only
+// its headers are used: its own choice at run time would need its library.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "inference/Kernels.cpp"
+// SSE4, AVX2 and AVX-512 cover the x86 processors of the last fifteen years. The kernels know
+// the number of lanes when compiled, so scalable vectors are left out.
+#ifndef HWY_DISABLED_TARGETS
+#define HWY_DISABLED_TARGETS \
+  (HWY_SSSE3 | HWY_AVX3_DL | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
+#define HWY_DISABLE_PCLMUL_AES
+#define HWY_DISABLE_F16C
+#endif
+#include "hwy/foreach_target.h"
+//
+#include "inference/Activations-inl.h"
+#include "inference/Kernels.h"
+#include "inference/MatrixFrames-inl.h"
+#include "inference/MatrixVector-inl.h"
+#include "inference/ScalarOps.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace mlnn {
+namespace HWY_NAMESPACE {
+
+#if HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3 || \
+    (HWY_TARGET == HWY_NEON && (HWY_ARCH_ARM_A64 || defined(__ARM_FEATURE_FMA)))
+constexpr bool kFuses = true;
+#else
+constexpr bool kFuses = false;
+#endif
+
+const Kernels& kernels() {
+  static const Kernels kKernels = {
+      hwy::TargetName(HWY_TARGET), kFuses, kLanes, matrixVector, matrixFrames, activate, softmax};
+  return kKernels;
+}
+
+#if HWY_TARGET == HWY_STATIC_TARGET
+
+// One value at a time; for what the compiler may use everywhere only.
+float scalarActivated(ActFn::ActFn fn, float x) {
+  using Formulas = ActivationFormulas<ScalarOps>;
+  switch (fn) {
+    case ActFn::linear:
+      return Formulas::linear(x);
+    case ActFn::sigmoid:
+      return Formulas::sigmoid(x);
+    case ActFn::tanh:
+      return Formulas::tanh(x);
+    case ActFn::relu:
+      return Formulas::relu(x);
+    case ActFn::leaky_relu:
+      return Formulas::leakyRelu(x);
+    case ActFn::elu:
+      return Formulas::elu(x);
+    case ActFn::softplus:
+      return Formulas::softplus(x);
+    case ActFn::silu:
+      return Formulas::silu(x);
+  }
+  return x;
+}
+
+float scalarExpOfNegative(float x) { return ActivationFormulas<ScalarOps>::expOfNegative(x); }
+
+#endif
+
+}  // namespace HWY_NAMESPACE
+}  // namespace mlnn
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace mlnn {
+
+namespace {
+
+#if HWY_ARCH_X86
+
+[[maybe_unused]] bool hasSse4() {
+  return __builtin_cpu_supports("sse4.1") && __builtin_cpu_supports("sse4.2") &&
+         __builtin_cpu_supports("ssse3");
+}
+
+[[maybe_unused]] bool hasAvx2() {
+  return hasSse4() && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+         __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
+}
+
+[[maybe_unused]] bool hasAvx512() {
+  return hasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+         __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512cd") &&
+         __builtin_cpu_supports("avx512vl");
+}
+
+#endif
+
+}  // namespace
+
+float activated(ActFn::ActFn fn, float x) { return HWY_STATIC_DISPATCH(scalarActivated)(fn, x); }
+
+float singleExpOfNegative(float x) { return HWY_STATIC_DISPATCH(scalarExpOfNegative)(x); }
+
+// What the compiler may use everywhere comes last, and needs no test.
+std::vector<const Kernels*> runnableKernels() {
+  std::vector<const Kernels*> found;
+#if HWY_TARGETS & HWY_AVX3
+  if (hasAvx512()) found.push_back(&N_AVX3::kernels());
+#endif
+#if HWY_TARGETS & HWY_AVX2
+  if (hasAvx2()) found.push_back(&N_AVX2::kernels());
+#endif
+#if HWY_TARGETS & HWY_SSE4
+  if (hasSse4()) found.push_back(&N_SSE4::kernels());
+#endif
+#if !(HWY_STATIC_TARGET & (HWY_AVX3 | HWY_AVX2 | HWY_SSE4))
+  found.push_back(&HWY_STATIC_DISPATCH(kernels)());
+#endif
+  return found;
+}
+
+const Kernels& bestKernels() {
+  static const Kernels& best = *runnableKernels().front();
+  return best;
+}
+
+}  // namespace mlnn
+#endif

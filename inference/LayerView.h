@@ -1,0 +1,30 @@
+// LayerView — what the kernels need to know of a layer; it owns nothing.
+#pragma once
+
+#include <cstddef>
+
+#include "layers/ActFn.h"
+
+namespace mlnn {
+
+struct LayerView {
+  const float* weights;  // rows x cols, column-major, without gaps
+  std::size_t rows;      // outputs
+  std::size_t cols;      // inputs
+  const float* scale;    // a factor for each output, or null for none
+  const float* shift;    // an addend for each output
+  ActFn::ActFn actFn;
+};
+
+// The order of additions (docs/forward-pass.md): the products of a row are summed in chains
+// over this many consecutive inputs. A layer of few outputs has short chains, of which
+// several can be in flight where there are too few rows to keep a processor busy.
+constexpr std::size_t kChainLength = 64;
+constexpr std::size_t kShortChainLength = 16;
+constexpr std::size_t kFewRows = 32;
+
+constexpr std::size_t chainLength(std::size_t rows) {
+  return rows <= kFewRows ? kShortChainLength : kChainLength;
+}
+
+}  // namespace mlnn

@@ -1,0 +1,77 @@
+// Vectors of floats of one instruction set: the few operations that all kernels share.
+// Compiled once for every instruction set.
+#if defined(MLNN_VECTOR_OPS_INL_H) == defined(HWY_TARGET_TOGGLE)
+#ifdef MLNN_VECTOR_OPS_INL_H
+#undef MLNN_VECTOR_OPS_INL_H
+#else
+#define MLNN_VECTOR_OPS_INL_H
+#endif
+
+#include <cstddef>
+#include <cstring>
+
+#include "hwy/highway.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace mlnn {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+// At most 16 lanes, so that the number of lanes is known when compiling.
+using Tag = hn::CappedTag<float, 16>;
+using IntTag = hn::RebindToSigned<Tag>;
+using Vec = hn::Vec<Tag>;
+
+constexpr std::size_t kLanes = hn::MaxLanes(Tag());
+
+// The first `count` lanes, 0 in the others; reads nothing behind them.
+// REQUIRES: 0 < count < kLanes.
+HWY_INLINE Vec loadPart(const float* from, std::size_t count) {
+#if HWY_MEM_OPS_MIGHT_FAULT
+  float lanes[kLanes] = {};
+  std::memcpy(lanes, from, count * sizeof(float));
+  return hn::LoadU(Tag(), lanes);
+#else
+  return hn::MaskedLoad(hn::FirstN(Tag(), count), Tag(), from);
+#endif
+}
+
+// Writes the first `count` lanes and nothing behind them.
+// REQUIRES: 0 < count < kLanes.
+HWY_INLINE void storePart(Vec v, float* to, std::size_t count) {
+#if HWY_MEM_OPS_MIGHT_FAULT
+  float lanes[kLanes];
+  hn::StoreU(v, Tag(), lanes);
+  std::memcpy(to, lanes, count * sizeof(float));
+#else
+  hn::BlendedStore(v, hn::FirstN(Tag(), count), Tag(), to);
+#endif
+}
+
+// The operations of ActivationFormulas on vectors.
+struct VectorOps {
+  using Value = Vec;
+
+  static HWY_INLINE Vec constant(float value) { return hn::Set(Tag(), value); }
+  static HWY_INLINE Vec fma(Vec a, Vec b, Vec c) { return hn::MulAdd(a, b, c); }
+  static HWY_INLINE Vec add(Vec a, Vec b) { return hn::Add(a, b); }
+  static HWY_INLINE Vec sub(Vec a, Vec b) { return hn::Sub(a, b); }
+  static HWY_INLINE Vec mul(Vec a, Vec b) { return hn::Mul(a, b); }
+  static HWY_INLINE Vec div(Vec a, Vec b) { return hn::Div(a, b); }
+  static HWY_INLINE Vec abs(Vec a) { return hn::Abs(a); }
+  static HWY_INLINE Vec copySign(Vec magnitude, Vec sign) { return hn::CopySign(magnitude, sign); }
+  static HWY_INLINE Vec lessThan(Vec a, Vec b, Vec ifTrue, Vec ifFalse) {
+    return hn::IfThenElse(hn::Lt(a, b), ifTrue, ifFalse);
+  }
+  static HWY_INLINE Vec powerOfTwo(Vec n) {
+    const auto exponent = hn::Add(hn::ConvertTo(IntTag(), n), hn::Set(IntTag(), 127));
+    return hn::BitCast(Tag(), hn::ShiftLeft<23>(exponent));
+  }
+};
+
+}  // namespace HWY_NAMESPACE
+}  // namespace mlnn
+HWY_AFTER_NAMESPACE();
+
+#endif  // per-target include guard

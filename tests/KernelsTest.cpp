@@ -1,0 +1,225 @@
+#include "inference/Kernels.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "tests/support/OrderedPass.h"
+#include "tests/support/TestModels.h"
+
+namespace {
+
+using mlnn::Kernels;
+using mlnn::LayerView;
+using mlnn::test::someValues;
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kMarker = 12345.0f;
+
+// A layer with the arrays that its view points into.
+struct Layer {
+  Layer(int rows, int cols, ActFn::ActFn fn = ActFn::linear)
+      : weights(someValues(rows, cols, 1)),
+        scale(someValues(rows, 1, 2)),
+        shift(someValues(rows, 1, 3)),
+        view{weights.data(),
+             static_cast<std::size_t>(rows),
+             static_cast<std::size_t>(cols),
+             nullptr,
+             shift.data(),
+             fn} {}
+
+  void useBatchNorm() { view.scale = scale.data(); }
+
+  Eigen::MatrixXf weights;
+  Eigen::MatrixXf scale;
+  Eigen::MatrixXf shift;
+  LayerView view;
+};
+
+// Scratch memory as the kernels ask for it.
+class Scratch {
+ public:
+  explicit Scratch(std::size_t rows) : values_(mlnn::scratchFloats(rows) + 16) {}
+
+  float* data() {
+    const auto past = reinterpret_cast<std::uintptr_t>(values_.data()) % 64;
+    return values_.data() + (past == 0 ? 0 : (64 - past) / sizeof(float));
+  }
+
+ private:
+  std::vector<float> values_;
+};
+
+uint32_t bitsOf(float value) {
+  uint32_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  return bits;
+}
+
+// The largest sum of the sizes of what a row adds up, as a measure for rounding errors.
+double sizeOfSums(const Layer& layer, const Eigen::MatrixXf& x) {
+  const Eigen::MatrixXd sums =
+      layer.weights.cwiseAbs().cast<double>() * x.cwiseAbs().cast<double>();
+  return sums.size() == 0 ? 1.0 : sums.maxCoeff() + 1;
+}
+
+// The bits where the kernels fuse; else within the bound of docs/forward-pass.md.
+void expectAgree(const Kernels& kernels, float expected, float found, double size) {
+  if (kernels.fuses) {
+    ASSERT_EQ(bitsOf(expected), bitsOf(found)) << expected << " and " << found;
+  } else {
+    ASSERT_NEAR(expected, found, 80 * std::ldexp(1.0, -24) * size);
+  }
+}
+
+void expectFrame(const Kernels& kernels, const Layer& layer, const Eigen::MatrixXf& x,
+                 Eigen::Index frame, const float* found) {
+  const std::vector<float> expected = mlnn::test::orderedLayer(layer.view, x.col(frame).data());
+  const double size = kernels.fuses ? 0 : sizeOfSums(layer, x.col(frame));
+  for (std::size_t row = 0; row < expected.size(); ++row) {
+    SCOPED_TRACE(testing::Message() << "frame " << frame << " row " << row);
+    ASSERT_NO_FATAL_FAILURE(expectAgree(kernels, expected[row], found[row], size));
+  }
+}
+
+// Evaluates in a buffer whose gaps and ends must stay as they are.
+void expectFrames(const Kernels& kernels, const Layer& layer, int frames) {
+  SCOPED_TRACE(testing::Message() << kernels.name << " " << layer.view.rows << "x"
+                                  << layer.view.cols << ", " << frames << " frames");
+  const Eigen::MatrixXf x = someValues(layer.weights.cols(), frames, 4);
+  const std::size_t stride = layer.view.rows + 3;
+  std::vector<float> y(stride * static_cast<std::size_t>(frames) + 1, kMarker);
+  Scratch scratch(layer.view.rows);
+  kernels.matrixFrames(layer.view, x.data(), layer.view.cols, y.data(), stride,
+                       static_cast<std::size_t>(frames), scratch.data());
+  for (int frame = 0; frame < frames; ++frame) {
+    const float* column = y.data() + stride * static_cast<std::size_t>(frame);
+    ASSERT_NO_FATAL_FAILURE(expectFrame(kernels, layer, x, frame, column));
+    for (std::size_t gap = layer.view.rows; gap < stride; ++gap) ASSERT_EQ(column[gap], kMarker);
+  }
+  ASSERT_EQ(y.back(), kMarker);
+}
+
+void expectVector(const Kernels& kernels, const Layer& layer) {
+  SCOPED_TRACE(testing::Message()
+               << kernels.name << " " << layer.view.rows << "x" << layer.view.cols);
+  const Eigen::MatrixXf x = someValues(layer.weights.cols(), 1, 4);
+  std::vector<float> y(layer.view.rows + 1, kMarker);
+  Scratch scratch(layer.view.rows);
+  kernels.matrixVector(layer.view, x.data(), y.data(), scratch.data());
+  ASSERT_NO_FATAL_FAILURE(expectFrame(kernels, layer, x, 0, y.data()));
+  ASSERT_EQ(y.back(), kMarker);
+}
+
+TEST(Kernels, bestIsTheFirstRunnableOne) {
+  ASSERT_FALSE(mlnn::runnableKernels().empty());
+  EXPECT_EQ(mlnn::runnableKernels().front(), &mlnn::bestKernels());
+}
+
+TEST(KernelsMatrixVector, keepsTheOrderOfAdditions) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const int rows : {0, 1, 3, 4, 5, 8, 10, 12, 16, 17, 31, 32, 33, 40, 64, 65, 100, 255, 256,
+                           257, 300, 513}) {
+      for (const int cols : {0, 1, 7, 15, 16, 17, 63, 64, 65, 120, 129, 200, 257}) {
+        ASSERT_NO_FATAL_FAILURE(expectVector(*kernels, Layer(rows, cols)));
+      }
+    }
+  }
+}
+
+TEST(KernelsMatrixVector, keepsTheOrderWhereWeightsStreamThrough) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const auto& [rows, cols] : {std::pair{1999, 511}, {2000, 300}, {6000, 129}, {30, 30003}}) {
+      ASSERT_NO_FATAL_FAILURE(expectVector(*kernels, Layer(rows, cols)));
+    }
+  }
+}
+
+TEST(KernelsMatrixFrames, keepTheOrderOfAdditions) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const int rows : {0, 1, 3, 10, 12, 16, 17, 32, 33, 47, 63, 64, 65, 80, 130, 193}) {
+      for (const int cols : {0, 1, 16, 63, 64, 100, 257}) {
+        for (const int frames : {1, 2, 3, 5, 6, 7, 8, 13, 16, 33}) {
+          ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(rows, cols), frames));
+        }
+      }
+    }
+  }
+}
+
+TEST(KernelsMatrixFrames, keepTheOrderInManyFramesAndLargeLayers) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(64, 600), 256));
+    ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(1999, 511), 8));
+    ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(2000, 520), 40));
+  }
+}
+
+TEST(Kernels, scaleAndShiftWithOneRoundingThenActivate) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (int32_t fn = 0; fn < ActFn::kCount; ++fn) {
+      Layer layer(37, 70, static_cast<ActFn::ActFn>(fn));
+      ASSERT_NO_FATAL_FAILURE(expectVector(*kernels, layer));
+      ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, layer, 9));
+      layer.useBatchNorm();
+      ASSERT_NO_FATAL_FAILURE(expectVector(*kernels, layer));
+      ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, layer, 9));
+    }
+  }
+}
+
+TEST(KernelsSoftmax, keepsTheOrderOfAdditions) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const int count : {0, 1, 2, 10, 15, 16, 17, 31, 33, 64, 100, 2000}) {
+      const Eigen::MatrixXf values = 20 * someValues(count, 1, 5);
+      std::vector<float> found(values.data(), values.data() + count);
+      if (count > 0) {
+        const std::vector<float> expected = mlnn::test::orderedSoftmax(found);
+        kernels->softmax(found.data(), found.size());
+        for (std::size_t i = 0; i < found.size(); ++i) {
+          if (kernels->fuses) {
+            ASSERT_EQ(bitsOf(expected[i]), bitsOf(found[i])) << kernels->name << " at " << i;
+          } else {
+            ASSERT_NEAR(expected[i], found[i], 1e-6f * expected[i]) << kernels->name << " at " << i;
+          }
+        }
+      } else {
+        kernels->softmax(found.data(), 0);
+      }
+    }
+  }
+}
+
+TEST(KernelsSoftmax, ofNaNOrInfinityIsNaN) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const float special : {kNaN, kInfinity}) {
+      for (std::size_t at = 0; at < 37; ++at) {
+        std::vector<float> values(37, 1.0f);
+        values[at] = special;
+        kernels->softmax(values.data(), values.size());
+        for (const float value : values) ASSERT_TRUE(std::isnan(value)) << kernels->name;
+      }
+    }
+  }
+}
+
+TEST(KernelsSoftmax, ofMinusInfinityIsZero) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    std::vector<float> values(18, 2.0f);
+    values[0] = values[17] = -kInfinity;
+    kernels->softmax(values.data(), values.size());
+    EXPECT_EQ(values[0], 0.0f);
+    EXPECT_EQ(values[17], 0.0f);
+    for (std::size_t i = 1; i < 17; ++i) EXPECT_EQ(values[i], 0.0625f);
+  }
+}
+
+}  // namespace
