@@ -37,6 +37,7 @@ struct ActivationFormulas {
   static constexpr float kLn2Low = 1.428606765330187045e-06f;  // ln 2 - kLn2High
   static constexpr float kRoundingShift = 12582912.0f;         // 1.5 * 2^23
   static constexpr float kExpUnderflow = -104.0f;              // exp is below half of 2^-149
+  static constexpr float kSiluUnderflow = -125.0f;             // x * exp(x) is below it too
   static constexpr float kExpm1IsMinusOne = -20.0f;
 
   static HWY_INLINE Value c(float value) { return Ops::constant(value); }
@@ -76,7 +77,7 @@ struct ActivationFormulas {
   // exp(r) - 1 for |r| <= ln(2) / 2, with a small relative error.
   static HWY_INLINE Value expm1Core(Value r) { return Ops::fma(Ops::mul(r, r), expTail(r), r); }
 
-  // REQUIRES: kExpUnderflow <= x <= 0, or NaN.
+  // REQUIRES: kSiluUnderflow <= x <= 0, or NaN.
   static HWY_INLINE Parts expParts(Value x) {
     const Reduced reduced = reduce(x);
     const Value r = reduced.rest;
@@ -150,9 +151,9 @@ struct ActivationFormulas {
   // Far below zero sigmoid(x) is denormal where x * sigmoid(x) is not yet, so the last power
   // of two is applied after the product. At minus infinity the result is the limit -0.
   static HWY_INLINE Value silu(Value x) {
-    const Parts e = expParts(atLeast(kExpUnderflow, negated(Ops::abs(x))));
+    const Parts e = expParts(atLeast(kSiluUnderflow, negated(Ops::abs(x))));
     const Value denominator = Ops::add(joined(e), c(1.0f));
-    const Value scaled = Ops::mul(atLeast(-150.0f, x), Ops::mul(e.mantissa, e.low));
+    const Value scaled = Ops::mul(atLeast(kSiluUnderflow, x), Ops::mul(e.mantissa, e.low));
     const Value negative = Ops::mul(Ops::div(scaled, denominator), e.high);
     return Ops::lessThan(x, c(0.0f), negative, Ops::div(x, denominator));
   }

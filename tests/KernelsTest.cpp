@@ -1,5 +1,3 @@
-#include "inference/Kernels.h"
-
 #include <gtest/gtest.h>
 
 #include <Eigen/Core>
@@ -10,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "inference/Kernels.h"
 #include "tests/support/OrderedPass.h"
 #include "tests/support/TestModels.h"
 
@@ -109,8 +108,8 @@ void expectFrames(const Kernels& kernels, const Layer& layer, int frames) {
 }
 
 void expectVector(const Kernels& kernels, const Layer& layer) {
-  SCOPED_TRACE(testing::Message()
-               << kernels.name << " " << layer.view.rows << "x" << layer.view.cols);
+  SCOPED_TRACE(testing::Message() << kernels.name << " " << layer.view.rows << "x"
+                                  << layer.view.cols);
   const Eigen::MatrixXf x = someValues(layer.weights.cols(), 1, 4);
   std::vector<float> y(layer.view.rows + 1, kMarker);
   Scratch scratch(layer.view.rows);
@@ -126,8 +125,8 @@ TEST(Kernels, bestIsTheFirstRunnableOne) {
 
 TEST(KernelsMatrixVector, keepsTheOrderOfAdditions) {
   for (const Kernels* kernels : mlnn::runnableKernels()) {
-    for (const int rows : {0, 1, 3, 4, 5, 8, 10, 12, 16, 17, 31, 32, 33, 40, 64, 65, 100, 255, 256,
-                           257, 300, 513}) {
+    for (const int rows :
+         {0, 1, 3, 4, 5, 8, 10, 12, 16, 17, 31, 32, 33, 40, 64, 65, 100, 255, 256, 257, 300, 513}) {
       for (const int cols : {0, 1, 7, 15, 16, 17, 63, 64, 65, 120, 129, 200, 257}) {
         ASSERT_NO_FATAL_FAILURE(expectVector(*kernels, Layer(rows, cols)));
       }

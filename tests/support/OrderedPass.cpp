@@ -33,9 +33,8 @@ std::vector<float> orderedLayer(const LayerView& layer, const float* x) {
   std::vector<float> y(layer.rows);
   for (std::size_t row = 0; row < layer.rows; ++row) {
     const float sum = sumOf(layer, x, row);
-    const float affine = layer.scale == nullptr
-                             ? sum + layer.shift[row]
-                             : std::fma(layer.scale[row], sum, layer.shift[row]);
+    const float affine = layer.scale == nullptr ? sum + layer.shift[row]
+                                                : std::fma(layer.scale[row], sum, layer.shift[row]);
     y[row] = activated(layer.actFn, affine);
   }
   return y;
