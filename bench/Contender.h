@@ -1,0 +1,64 @@
+// Contender — one way to compute a network's outputs, for ForwardPassBench.
+//
+// This header stays free of Eigen: the peer that is Eigen is compiled twice, with different
+// instruction sets and its namespace renamed.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace mlnn::bench {
+
+struct DenseLayer {
+  std::size_t rows;
+  std::size_t cols;
+  std::vector<float> weights;  // rows x cols, column-major
+  std::vector<float> bias;
+};
+
+enum class Hidden { kSigmoid, kRelu };
+
+struct Network {
+  std::string name;
+  Hidden hidden;  // activation of all layers but the last, which has a softmax
+  std::vector<DenseLayer> layers;
+
+  std::size_t inputs() const { return layers.front().cols; }
+  std::size_t outputs() const { return layers.back().rows; }
+};
+
+class Contender {
+ public:
+  virtual ~Contender() = default;
+
+  // One frame a column, one column behind the other.
+  virtual void run(const float* x, float* y) = 0;
+};
+
+using ContenderPtr = std::unique_ptr<Contender>;
+
+// Each keeps a reference to the network, and is made for one number of frames.
+ContenderPtr makeMlnn(const Network& network, std::size_t frames);
+ContenderPtr makeOpenBlas(const Network& network, std::size_t frames);
+ContenderPtr makeOneDnn(const Network& network, std::size_t frames);
+ContenderPtr makeXsmm(const Network& network, std::size_t frames);
+ContenderPtr makeXsmmBlocked(const Network& network, std::size_t frames);
+namespace distribution {
+ContenderPtr makeEigen(const Network& network, std::size_t frames);
+}
+namespace native {
+ContenderPtr makeEigen(const Network& network, std::size_t frames);
+}
+
+// What the peers that have no activations of their own do after the multiplication: the
+// library's own vectorised functions, so that they are not held back by it.
+void finishLayer(const Network& network, std::size_t layer, std::size_t frames, float* y);
+void applySoftmaxes(std::size_t outputs, std::size_t frames, float* y);
+
+// What this processor can do, measured on one thread.
+double readBytesPerSecond(std::size_t bytes);
+double multiplyAddFlopsPerSecond();
+
+}  // namespace mlnn::bench

@@ -1,0 +1,274 @@
+// The forward pass beside general-purpose libraries, all in one process and on one thread.
+//
+// Prints a line for each network, activation and number of frames: microseconds a frame of
+// this library and of its peers (medians over interleaved rounds), the ratio to the best of
+// the peers, and to what the processor could do at best, measured in the same run.
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <random>
+
+#include "bench/Contender.h"
+#include "inference/Kernels.h"
+
+namespace mlnn::bench {
+namespace {
+
+struct Shape {
+  const char* name;
+  std::vector<std::size_t> widths;
+};
+
+const std::vector<Shape> kShapes = {
+    {"S", {120, 64, 64, 12}},
+    {"M", {600, 256, 256, 256, 40}},
+    {"M-odd", {599, 255, 255, 255, 39}},
+    {"L", {1800, 512, 512, 512, 512, 512, 2000}},
+    {"L-odd", {1799, 511, 511, 511, 511, 511, 1999}},
+    {"XL", {1800, 2048, 2048, 2048, 2048, 2048, 6000}},
+};
+
+struct Peer {
+  const char* name;
+  ContenderPtr (*make)(const Network&, std::size_t frames);
+};
+
+// This library comes first.
+const std::vector<Peer> kContenders = {
+    {"mlnn", makeMlnn},
+    {"Eigen-dist", distribution::makeEigen},
+    {"Eigen", native::makeEigen},
+    {"OpenBLAS", makeOpenBlas},
+    {"oneDNN", makeOneDnn},
+    {"xsmm", makeXsmm},
+    {"xsmm-blk", makeXsmmBlocked},
+};
+
+// Weights as in a trained network: values stay in the range where activations are not flat.
+Network makeNetwork(const Shape& shape, Hidden hidden) {
+  std::mt19937 random(1);
+  Network network{shape.name, hidden, {}};
+  for (std::size_t i = 1; i < shape.widths.size(); ++i) {
+    DenseLayer layer{shape.widths[i], shape.widths[i - 1], {}, {}};
+    const float size = 1.5f / std::sqrt(static_cast<float>(layer.cols));
+    std::uniform_real_distribution<float> value(-size, size);
+    layer.weights.resize(layer.rows * layer.cols);
+    for (float& weight : layer.weights) weight = value(random);
+    layer.bias.assign(layer.rows, 0.01f);
+    network.layers.push_back(std::move(layer));
+  }
+  return network;
+}
+
+std::vector<float> makeInputs(const Network& network, std::size_t frames) {
+  std::mt19937 random(2);
+  std::uniform_real_distribution<float> value(-1, 1);
+  std::vector<float> inputs(network.inputs() * frames);
+  for (float& input : inputs) input = value(random);
+  return inputs;
+}
+
+// One frame in double precision.
+std::vector<double> exactOutputs(const Network& network, const float* x) {
+  std::vector<double> values(x, x + network.inputs());
+  for (const DenseLayer& layer : network.layers) {
+    std::vector<double> sums(layer.bias.begin(), layer.bias.end());
+    for (std::size_t c = 0; c < layer.cols; ++c) {
+      const float* column = layer.weights.data() + c * layer.rows;
+      for (std::size_t r = 0; r < layer.rows; ++r) sums[r] += double{column[r]} * values[c];
+    }
+    values = std::move(sums);
+    if (&layer == &network.layers.back()) break;
+    for (double& v : values) {
+      v = network.hidden == Hidden::kRelu ? std::max(v, 0.0) : 1 / (1 + std::exp(-v));
+    }
+  }
+  const double largest = *std::max_element(values.begin(), values.end());
+  double sum = 0;
+  for (double& v : values) sum += v = std::exp(v - largest);
+  for (double& v : values) v /= sum;
+  return values;
+}
+
+// The largest error of a frame relative to its largest output.
+double errorOf(const std::vector<double>& exact, const float* found) {
+  double error = 0;
+  for (std::size_t i = 0; i < exact.size(); ++i) {
+    error = std::max(error, std::abs(exact[i] - double{found[i]}));
+  }
+  return error / *std::max_element(exact.begin(), exact.end());
+}
+
+// Time on the processor, so that others who take turns on it do not count.
+double secondsOfThisThread() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+double secondsOf(Contender& contender, const float* x, float* y, std::size_t repeats) {
+  const double start = secondsOfThisThread();
+  for (std::size_t i = 0; i < repeats; ++i) contender.run(x, y);
+  return secondsOfThisThread() - start;
+}
+
+double medianOf(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+double weightBytes(const Network& network) {
+  double bytes = 0;
+  for (const DenseLayer& layer : network.layers) {
+    bytes += static_cast<double>(layer.weights.size() * sizeof(float));
+  }
+  return bytes;
+}
+
+class Row {
+ public:
+  Row(const Network& network, std::size_t frames) : network_(network), frames_(frames) {
+    inputs_ = makeInputs(network, frames);
+    outputs_.resize(network.outputs() * frames);
+    for (const Peer& peer : kContenders) contenders_.push_back(peer.make(network, frames));
+    times_.resize(contenders_.size());
+  }
+
+  // Whether all contenders compute the first and the last frame right.
+  bool areRight() {
+    constexpr double kAllowed = 1e-4;
+    bool right = true;
+    const std::size_t last = frames_ - 1;
+    const std::vector<double> first = exactOutputs(network_, inputs_.data());
+    const std::vector<double> final =
+        exactOutputs(network_, inputs_.data() + last * network_.inputs());
+    for (std::size_t i = 0; i < contenders_.size(); ++i) {
+      contenders_[i]->run(inputs_.data(), outputs_.data());
+      const double error = std::max(errorOf(first, outputs_.data()),
+                                    errorOf(final, outputs_.data() + last * network_.outputs()));
+      if (error <= kAllowed) continue;
+      std::printf("%s is wrong by %.2g\n", kContenders[i].name, error);
+      right = false;
+    }
+    return right;
+  }
+
+  void measure(int rounds, double secondsEach) {
+    std::vector<std::size_t> repeats;
+    for (const ContenderPtr& contender : contenders_) {
+      const double once = secondsOf(*contender, inputs_.data(), outputs_.data(), 1);
+      repeats.push_back(static_cast<std::size_t>(std::max(1.0, secondsEach / once)));
+    }
+    for (int round = 0; round < rounds; ++round) {
+      for (std::size_t i = 0; i < contenders_.size(); ++i) {
+        const double seconds =
+            secondsOf(*contenders_[i], inputs_.data(), outputs_.data(), repeats[i]);
+        times_[i].push_back(seconds / static_cast<double>(repeats[i] * frames_));
+      }
+    }
+  }
+
+  void print(double limit) const {
+    std::vector<double> medians;
+    for (const std::vector<double>& times : times_) medians.push_back(1e6 * medianOf(times));
+    const auto best = std::min_element(medians.begin() + 1, medians.end());
+    std::printf("%-6s%-8s%4zu", network_.name.c_str(),
+                network_.hidden == Hidden::kRelu ? "relu" : "sigmoid", frames_);
+    for (const double median : medians) std::printf("%11.3f", median);
+    std::printf("%8.2f %-10s%8.2f\n", medians[0] / *best,
+                kContenders[static_cast<std::size_t>(best - medians.begin())].name,
+                medians[0] / (1e6 * limit));
+    std::fflush(stdout);
+  }
+
+ private:
+  const Network& network_;
+  std::size_t frames_;
+  std::vector<float> inputs_;
+  std::vector<float> outputs_;
+  std::vector<ContenderPtr> contenders_;
+  std::vector<std::vector<double>> times_;
+};
+
+void printHead() {
+  std::printf("Microseconds a frame; ours / best peer; ours / limit. Kernels: %s\n",
+              bestKernels().name);
+  std::printf("%-6s%-8s%4s", "net", "hidden", "N");
+  for (const Peer& peer : kContenders) std::printf("%11s", peer.name);
+  std::printf("%8s %-10s%8s\n", "ratio", "to", "xlimit");
+}
+
+// Another busy process takes its part of the memory bandwidth, and often of the core.
+void warnUnlessIdle() {
+  double load = 0;
+  std::ifstream("/proc/loadavg") >> load;
+  if (load > 0.5) {
+    std::printf("WARNING: the machine is not idle (load %.1f); only ratios mean something\n", load);
+  }
+}
+
+struct Options {
+  std::vector<std::string> networks;
+  std::vector<std::size_t> frames = {1, 4, 8, 32, 256};
+  std::vector<std::string> hidden = {"sigmoid", "relu"};
+  int rounds = 7;
+  double milliseconds = 20;
+};
+
+template <typename T>
+bool contains(const std::vector<T>& values, const T& value) {
+  return std::find(values.begin(), values.end(), value) != values.end();
+}
+
+bool benchNetwork(const Shape& shape, const Options& options, double flops) {
+  for (const auto& [name, hidden] :
+       {std::pair{"sigmoid", Hidden::kSigmoid}, std::pair{"relu", Hidden::kRelu}}) {
+    if (!contains<std::string>(options.hidden, name)) continue;
+    const Network network = makeNetwork(shape, hidden);
+    const double bytes = weightBytes(network);
+    const double readSeconds = bytes / readBytesPerSecond(static_cast<std::size_t>(bytes));
+    for (const std::size_t frames : options.frames) {
+      Row row(network, frames);
+      if (!row.areRight()) return false;
+      row.measure(options.rounds, options.milliseconds / 1e3);
+      row.print(std::max(readSeconds / static_cast<double>(frames),
+                         bytes / 2 / flops /* two a weight */));
+    }
+  }
+  return true;
+}
+
+int run(const Options& options) {
+  warnUnlessIdle();
+  printHead();
+  multiplyAddFlopsPerSecond();  // the processor takes a while to reach its speed
+  const double flops = multiplyAddFlopsPerSecond();
+  for (const Shape& shape : kShapes) {
+    const std::string name = shape.name;
+    if (!options.networks.empty() && !contains(options.networks, name)) continue;
+    if (!benchNetwork(shape, options, flops)) return 1;
+  }
+  warnUnlessIdle();
+  return 0;
+}
+
+}  // namespace
+}  // namespace mlnn::bench
+
+int main(int argc, char** argv) {
+  mlnn::bench::Options options;
+  CLI::App app("Measures the forward pass beside its peers");
+  app.add_option("networks", options.networks, "S, M, M-odd, L, L-odd, XL; all without any");
+  app.add_option("--frames", options.frames, "Numbers of frames")->delimiter(',');
+  app.add_option("--hidden", options.hidden, "sigmoid, relu or both")->delimiter(',');
+  app.add_option("--rounds", options.rounds, "Interleaved rounds")->check(CLI::PositiveNumber);
+  app.add_option("--ms", options.milliseconds, "Milliseconds for each contender and round");
+  CLI11_PARSE(app, argc, argv);
+  return mlnn::bench::run(options);
+}
