@@ -19,9 +19,12 @@ struct LayerView {
 // The order of additions (docs/forward-pass.md): the products of a row are summed in chains
 // over this many consecutive inputs. A layer of few outputs has short chains, of which
 // several can be in flight where there are too few rows to keep a processor busy.
-constexpr std::size_t kChainLength = 64;
+constexpr std::size_t kChainLength = 128;
 constexpr std::size_t kShortChainLength = 16;
 constexpr std::size_t kFewRows = 32;
+
+// Weights of more bytes stream through the second-level cache of common processors.
+constexpr std::size_t kSecondLevelBytes = std::size_t{1} << 20;
 
 constexpr std::size_t chainLength(std::size_t rows) {
   return rows <= kFewRows ? kShortChainLength : kChainLength;

@@ -7,6 +7,8 @@
 #define MLNN_MATRIX_FRAMES_INL_H
 #endif
 
+#include <algorithm>
+
 #include "inference/Activations-inl.h"
 #include "inference/Kernels.h"
 #include "inference/LayerView.h"
@@ -20,7 +22,9 @@ namespace HWY_NAMESPACE {
 // With 16 registers two vectors of rows leave room for six frames.
 constexpr bool kManyRegisters = kLanes == 16 || HWY_ARCH_ARM_A64;
 constexpr int kTileVectors = kManyRegisters ? 4 : 2;
-constexpr int kTileFrames = 6;
+constexpr int kTileFrames = 5;
+constexpr int kWideTileVectors = kManyRegisters ? 3 : 1;  // for frames that just fit one tile
+constexpr int kWideTileFrames = 8;
 constexpr std::size_t kTileRows = kTileVectors * kLanes;
 
 // What a tile reads and writes.
@@ -31,13 +35,23 @@ struct Tile {
   std::size_t xStride;  // from one frame to the next
   float* y;             // its first row and frame
   std::size_t yStride;  // from one frame to the next
+  const float* next;    // weights that come after these, in the same layout
+  int nextLines;        // cache lines of each input of them to fetch, or 0
 };
 
+// Asks for some cache lines to be in the second-level cache.
+HWY_INLINE void fetchAhead(const float* next, int lines) {
+  for (int line = 0; line < lines; ++line) __builtin_prefetch(next + 16 * line, 0, 2);
+}
+
 // One chain of `length` inputs for R vectors of rows and F frames. Adds it to y, or puts it
-// there.
-template <int R, int F>
+// there. Fetches the weights behind tile.next where kFetches is set.
+template <int R, int F, bool kFetches>
 void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
   const Tag d;
+  const std::size_t wStride = tile.wStride;
+  const std::size_t xStride = tile.xStride;
+  const std::size_t yStride = tile.yStride;
   Vec acc[F][R];
   HWY_UNROLL(8)
   for (int f = 0; f < F; ++f) {
@@ -45,54 +59,63 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
     for (int r = 0; r < R; ++r) acc[f][r] = hn::Zero(d);
   }
   const float* w = tile.w;
-  for (std::size_t k = 0; k < length; ++k, w += tile.wStride) {
+  const float* x = tile.x;
+  const float* next = tile.next;
+  [[maybe_unused]] const int lines = tile.nextLines;
+  for (std::size_t k = 0; k < length; ++k, w += wStride) {
+    if constexpr (kFetches) {
+      fetchAhead(next, lines);
+      next += wStride;
+    }
     Vec wk[R];
     HWY_UNROLL(8)
     for (int r = 0; r < R; ++r) wk[r] = hn::LoadU(d, w + static_cast<std::size_t>(r) * kLanes);
     HWY_UNROLL(8)
     for (int f = 0; f < F; ++f) {
-      const Vec xk = hn::Set(d, tile.x[static_cast<std::size_t>(f) * tile.xStride + k]);
+      const Vec xk = hn::Set(d, x[static_cast<std::size_t>(f) * xStride + k]);
       HWY_UNROLL(8)
       for (int r = 0; r < R; ++r) acc[f][r] = hn::MulAdd(wk[r], xk, acc[f][r]);
     }
   }
+  float* y = tile.y;
   HWY_UNROLL(8)
-  for (int f = 0; f < F; ++f) {
+  for (int f = 0; f < F; ++f, y += yStride) {
     HWY_UNROLL(8)
     for (int r = 0; r < R; ++r) {
-      float* y = tile.y + static_cast<std::size_t>(f) * tile.yStride +
-                 static_cast<std::size_t>(r) * kLanes;
-      hn::StoreU(isFirst ? acc[f][r] : hn::Add(hn::LoadU(d, y), acc[f][r]), d, y);
+      float* to = y + static_cast<std::size_t>(r) * kLanes;
+      hn::StoreU(isFirst ? acc[f][r] : hn::Add(hn::LoadU(d, to), acc[f][r]), d, to);
     }
   }
 }
 
 using TileChain = void (*)(const Tile&, std::size_t length, bool isFirst);
 
-template <int R>
+template <int R, bool kFetches>
 HWY_INLINE TileChain tileChainOf(std::size_t frames) {
-  static constexpr TileChain kChains[kTileFrames] = {tileChain<R, 1>, tileChain<R, 2>,
-                                                     tileChain<R, 3>, tileChain<R, 4>,
-                                                     tileChain<R, 5>, tileChain<R, 6>};
-  return kChains[frames - 1];
+  static constexpr TileChain kChains[kTileFrames] = {
+      tileChain<R, 1, kFetches>, tileChain<R, 2, kFetches>, tileChain<R, 3, kFetches>,
+      tileChain<R, 4, kFetches>, tileChain<R, 5, kFetches>};
+  static constexpr TileChain kWideChains[kWideTileFrames - kTileFrames] = {
+      tileChain < R <= kWideTileVectors ? R : 1, 6, kFetches >,
+      tileChain < R <= kWideTileVectors ? R : 1, 7, kFetches >,
+      tileChain < R <= kWideTileVectors ? R : 1, 8, kFetches > };
+  return frames <= kTileFrames ? kChains[frames - 1] : kWideChains[frames - 1 - kTileFrames];
 }
 
 // The instance for so many rows, those of a last vector that is not full included.
+template <bool kFetches>
 HWY_INLINE TileChain tileChainFor(std::size_t rows, std::size_t frames) {
   const std::size_t vectors = (rows + kLanes - 1) / kLanes;
   if constexpr (kTileVectors == 4) {
-    if (vectors == 4) return tileChainOf<4>(frames);
-    if (vectors == 3) return tileChainOf<3>(frames);
+    if (vectors == 4) return tileChainOf<4, kFetches>(frames);
+    if (vectors == 3) return tileChainOf<3, kFetches>(frames);
   }
-  return vectors == 2 ? tileChainOf<2>(frames) : tileChainOf<1>(frames);
+  return vectors == 2 ? tileChainOf<2, kFetches>(frames) : tileChainOf<1, kFetches>(frames);
 }
 
 // Inputs that are worked off for all rows before the next ones: a multiple of both chain lengths.
-constexpr std::size_t kPackedInputs = 256;
-static_assert(kTileRows * kPackedInputs <= kScratchFloats, "a packed panel fits the scratch");
-
-// From so many frames on a panel is copied to the scratch, one column behind the other.
-constexpr std::size_t kPackFromFrames = 16;
+constexpr std::size_t kInputsAtOnce = 256;
+static_assert(kTileRows * kInputsAtOnce <= kScratchFloats, "a packed panel fits the scratch");
 
 // A row panel of at most kTileRows rows, and some inputs.
 struct RowPanel {
@@ -124,12 +147,14 @@ void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
 
 // All chains of a panel for the `frames` frames of a tile.
 HWY_INLINE void runTile(const RowPanel& panel, Tile tile, std::size_t frames) {
-  const TileChain chain = tileChainFor(panel.count, frames);
+  const TileChain chain = tile.nextLines == 0 ? tileChainFor<false>(panel.count, frames)
+                                              : tileChainFor<true>(panel.count, frames);
   for (std::size_t k = 0; k < panel.inputs; k += panel.chain) {
     const std::size_t left = panel.inputs - k;
     chain(tile, left < panel.chain ? left : panel.chain, panel.input + k == 0);
     tile.w += panel.chain * tile.wStride;
     tile.x += panel.chain;
+    if (tile.nextLines != 0) tile.next += panel.chain * tile.wStride;
   }
 }
 
@@ -142,7 +167,7 @@ HWY_INLINE void copyRows(const float* from, std::size_t fromStride, float* to, s
 
 // The same where the last vector of rows is not full: on a copy of the sums with room for it.
 void runPartialTile(const RowPanel& panel, const Tile& tile, std::size_t frames) {
-  float sums[kTileRows * kTileFrames];
+  float sums[kTileRows * kWideTileFrames];
   Tile padded = tile;
   padded.y = sums;
   padded.yStride = panel.fullRows();
@@ -154,14 +179,22 @@ void runPartialTile(const RowPanel& panel, const Tile& tile, std::size_t frames)
   copyRows(sums, padded.yStride, tile.y, tile.yStride, panel.count, frames);
 }
 
-// A panel for all frames, in tiles of nearly the same number of frames.
-void runPanel(const RowPanel& panel, Tile tile, std::size_t frames) {
-  for (std::size_t tiles = (frames + kTileFrames - 1) / kTileFrames; tiles > 0; --tiles) {
+// A panel for all frames, in tiles of nearly the same number of frames. What comes next is
+// fetched in equal parts by the tiles, so that the memory is never waited for nor idle.
+void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
+  const std::size_t lines = (panel.fullRows() + 15) / 16;
+  std::size_t fetched = 0;
+  for (std::size_t tiles = (frames + tileFrames - 1) / tileFrames; tiles > 0; --tiles) {
     const std::size_t count = (frames + tiles - 1) / tiles;
+    Tile part = tile;
+    const std::size_t share = tile.next == nullptr ? 0 : (lines - fetched + tiles - 1) / tiles;
+    part.nextLines = static_cast<int>(share);
+    if (share > 0) part.next += fetched * 16;
+    fetched += share;
     if (panel.isPartial()) {
-      runPartialTile(panel, tile, count);
+      runPartialTile(panel, part, count);
     } else {
-      runTile(panel, tile, count);
+      runTile(panel, part, count);
     }
     tile.x += count * tile.xStride;
     tile.y += count * tile.yStride;
@@ -176,30 +209,44 @@ void shiftsOnly(const LayerView& layer, float* y, std::size_t yStride, std::size
   finishLayer(layer, 0, layer.rows, y, yStride, frames);
 }
 
+// Where the weights of the panel after this one begin: that below it, or the first of the next
+// inputs. Null behind the last one.
+HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& panel) {
+  const std::size_t row = panel.row + panel.count;
+  if (row < layer.rows) return layer.weights + panel.input * layer.rows + row;
+  const std::size_t input = panel.input + panel.inputs;
+  return input + panel.inputs > layer.cols ? nullptr : layer.weights + input * layer.rows;
+}
+
 // The results of a layer for some frames. `scratch` has room for kScratchFloats values.
 void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
-  const bool packs = frames >= kPackFromFrames;
-  const std::size_t step = packs ? kPackedInputs : kChainLength;
-  for (std::size_t input = 0; input < layer.cols; input += step) {
-    const std::size_t inputs = layer.cols - input < step ? layer.cols - input : step;
-    for (std::size_t row = 0; row < layer.rows; row += kTileRows) {
-      const std::size_t count = layer.rows - row < kTileRows ? layer.rows - row : kTileRows;
+  const bool streams = layer.rows * layer.cols * sizeof(float) > kSecondLevelBytes;
+  const bool isWide = streams && frames > kTileFrames && frames <= kWideTileFrames;
+  const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
+  const std::size_t tileFrames = isWide ? kWideTileFrames : kTileFrames;
+  for (std::size_t input = 0; input < layer.cols; input += kInputsAtOnce) {
+    const std::size_t inputs = std::min(kInputsAtOnce, layer.cols - input);
+    for (std::size_t row = 0; row < layer.rows; row += tileRows) {
+      const std::size_t count = std::min(tileRows, layer.rows - row);
       const RowPanel panel{row, count, input, inputs, chain};
       Tile tile{layer.weights + input * layer.rows + row,
                 layer.rows,
                 x + input,
                 xStride,
                 y + row,
-                yStride};
-      if (packs || panel.isPartial()) {
+                yStride,
+                streams ? weightsAfter(layer, panel) : nullptr,
+                0};
+      if (panel.isPartial()) {
         packPanel(layer, panel, scratch);
         tile.w = scratch;
         tile.wStride = panel.fullRows();
+        tile.next = nullptr;
       }
-      runPanel(panel, tile, frames);
+      runPanel(panel, tile, frames, tileFrames);
       if (input + inputs == layer.cols) finishLayer(layer, row, count, y + row, yStride, frames);
     }
   }

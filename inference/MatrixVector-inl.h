@@ -18,6 +18,14 @@ namespace HWY_NAMESPACE {
 // A row panel is as many vectors of rows, with all inputs walked before the next one.
 constexpr int kPanelVectors = kLanes >= 16 ? 16 : 8;
 
+// Weights of more bytes are swept.
+constexpr std::size_t kPanelBytes = kSecondLevelBytes / 2;
+
+// A sweep takes so many columns at a time, and so many vectors of rows in each of them.
+constexpr std::size_t kSweepColumns = 16;
+constexpr int kStripVectors = 8;
+constexpr std::size_t kStripRows = kStripVectors * kLanes;
+
 // Loads vector `r` of R; the last one has only `lastLanes` lanes where kPartial is set.
 template <bool kPartial, int R>
 HWY_INLINE Vec loadRow(const float* column, int r, std::size_t lastLanes) {
@@ -40,13 +48,17 @@ HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, 
                             std::size_t last, bool isFirst, float* y, std::size_t lastLanes) {
   const Tag d;
   Vec acc[B][R];
+  HWY_UNROLL(16)
   for (int b = 0; b < B; ++b) {
+    HWY_UNROLL(16)
     for (int r = 0; r < R; ++r) acc[b][r] = hn::Zero(d);
   }
   for (std::size_t k = 0; k < last; ++k) {
+    HWY_UNROLL(16)
     for (int b = 0; b < B; ++b) {
       const std::size_t input = static_cast<std::size_t>(b) * length + k;
       const Vec xk = hn::Set(d, x[input]);
+      HWY_UNROLL(16)
       for (int r = 0; r < R; ++r) {
         const Vec wk = loadRow<kPartial, R>(w + input * stride, r, lastLanes);
         acc[b][r] = hn::MulAdd(wk, xk, acc[b][r]);
@@ -54,17 +66,21 @@ HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, 
     }
   }
   for (std::size_t k = last; B > 1 && k < length; ++k) {
+    HWY_UNROLL(16)
     for (int b = 0; b + 1 < B; ++b) {
       const std::size_t input = static_cast<std::size_t>(b) * length + k;
       const Vec xk = hn::Set(d, x[input]);
+      HWY_UNROLL(16)
       for (int r = 0; r < R; ++r) {
         const Vec wk = loadRow<kPartial, R>(w + input * stride, r, lastLanes);
         acc[b][r] = hn::MulAdd(wk, xk, acc[b][r]);
       }
     }
   }
+  HWY_UNROLL(16)
   for (int r = 0; r < R; ++r) {
     Vec sum = isFirst ? acc[0][r] : hn::Add(loadRow<kPartial, R>(y, r, lastLanes), acc[0][r]);
+    HWY_UNROLL(16)
     for (int b = 1; b < B; ++b) sum = hn::Add(sum, acc[b][r]);
     storeRow<kPartial, R>(sum, y, r, lastLanes);
   }
@@ -119,27 +135,39 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   }
 }
 
-// G columns for all rows: goes on with the chains in `chain`, or starts them.
-template <int G>
-void sweepColumns(const float* w, std::size_t rows, const float* x, bool starts, float* chain) {
+// Some columns for R vectors of rows: goes on with the chains in `chain`, or starts them.
+template <bool kPartial, int R>
+HWY_INLINE void sweepStrip(const float* w, std::size_t stride, const float* x, std::size_t columns,
+                           bool starts, float* chain, std::size_t lastLanes) {
   const Tag d;
-  Vec xs[G];
-  for (int g = 0; g < G; ++g) xs[g] = hn::Set(d, x[g]);
-  std::size_t row = 0;
-  for (; row + kLanes <= rows; row += kLanes) {
-    Vec acc = starts ? hn::Zero(d) : hn::LoadU(d, chain + row);
-    for (int g = 0; g < G; ++g) {
-      acc = hn::MulAdd(hn::LoadU(d, w + static_cast<std::size_t>(g) * rows + row), xs[g], acc);
+  Vec acc[R];
+  HWY_UNROLL(16)
+  for (int r = 0; r < R; ++r) {
+    acc[r] = starts ? hn::Zero(d) : loadRow<kPartial, R>(chain, r, lastLanes);
+  }
+  for (std::size_t k = 0; k < columns; ++k, w += stride) {
+    const Vec xk = hn::Set(d, x[k]);
+    HWY_UNROLL(16)
+    for (int r = 0; r < R; ++r) {
+      acc[r] = hn::MulAdd(loadRow<kPartial, R>(w, r, lastLanes), xk, acc[r]);
     }
-    hn::StoreU(acc, d, chain + row);
+  }
+  HWY_UNROLL(16)
+  for (int r = 0; r < R; ++r) storeRow<kPartial, R>(acc[r], chain, r, lastLanes);
+}
+
+// Some columns for all rows.
+void sweepColumns(const float* w, std::size_t rows, const float* x, std::size_t columns,
+                  bool starts, float* chain) {
+  std::size_t row = 0;
+  for (; row + kStripRows <= rows; row += kStripRows) {
+    sweepStrip<false, kStripVectors>(w + row, rows, x, columns, starts, chain + row, kLanes);
+  }
+  for (; row + kLanes <= rows; row += kLanes) {
+    sweepStrip<false, 1>(w + row, rows, x, columns, starts, chain + row, kLanes);
   }
   if (row == rows) return;
-  const std::size_t rest = rows - row;
-  Vec acc = starts ? hn::Zero(d) : loadPart(chain + row, rest);
-  for (int g = 0; g < G; ++g) {
-    acc = hn::MulAdd(loadPart(w + static_cast<std::size_t>(g) * rows + row, rest), xs[g], acc);
-  }
-  storePart(acc, chain + row, rest);
+  sweepStrip<true, 1>(w + row, rows, x, columns, starts, chain + row, rows - row);
 }
 
 HWY_INLINE void addTo(float* y, const float* chain, std::size_t rows) {
@@ -149,20 +177,13 @@ HWY_INLINE void addTo(float* y, const float* chain, std::size_t rows) {
 // Weights that stream through: a few columns at a time, each read from its start to its end,
 // while the sums stay in the nearest cache.
 void multiplySweeping(const LayerView& layer, const float* x, float* y, float* scratch) {
-  constexpr std::size_t kGroup = 8;
   const std::size_t length = chainLength(layer.rows);
   for (std::size_t at = 0; at < layer.cols; at += length) {
     const std::size_t end = at + length < layer.cols ? at + length : layer.cols;
     float* chain = at == 0 ? y : scratch;
-    for (std::size_t k = at; k < end;) {
-      const float* w = layer.weights + k * layer.rows;
-      if (end - k >= kGroup) {
-        sweepColumns<kGroup>(w, layer.rows, x + k, k == at, chain);
-        k += kGroup;
-      } else {
-        sweepColumns<1>(w, layer.rows, x + k, k == at, chain);
-        k += 1;
-      }
+    for (std::size_t k = at; k < end; k += kSweepColumns) {
+      const std::size_t columns = end - k < kSweepColumns ? end - k : kSweepColumns;
+      sweepColumns(layer.weights + k * layer.rows, layer.rows, x + k, columns, k == at, chain);
     }
     if (at != 0) addTo(y, scratch, layer.rows);
   }
@@ -170,10 +191,9 @@ void multiplySweeping(const LayerView& layer, const float* x, float* y, float* s
 
 // The results of a layer for one frame. `scratch` has room for a value for each row.
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
-  constexpr std::size_t kSecondLevelBytes = std::size_t{1} << 20;
   if (layer.cols == 0) {
     std::memset(y, 0, layer.rows * sizeof(float));
-  } else if (layer.rows * layer.cols * sizeof(float) <= kSecondLevelBytes) {
+  } else if (layer.rows * layer.cols * sizeof(float) <= kPanelBytes) {
     multiplyPanels(layer, x, y);
   } else {
     multiplySweeping(layer, x, y, scratch);
