@@ -22,7 +22,7 @@ constexpr int kPanelVectors = kLanes >= 16 ? 16 : 8;
 constexpr std::size_t kPanelBytes = kSecondLevelBytes / 2;
 
 // A sweep takes so many columns at a time, and so many vectors of rows in each of them.
-constexpr std::size_t kSweepColumns = 16;
+constexpr std::size_t kSweepColumns = 8;
 constexpr int kStripVectors = 8;
 constexpr std::size_t kStripRows = kStripVectors * kLanes;
 
@@ -136,6 +136,7 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
 }
 
 // Some columns for R vectors of rows: goes on with the chains in `chain`, or starts them.
+// Fetches the same rows of the next sweep's columns; behind the last one that does nothing.
 template <bool kPartial, int R>
 HWY_INLINE void sweepStrip(const float* w, std::size_t stride, const float* x, std::size_t columns,
                            bool starts, float* chain, std::size_t lastLanes) {
@@ -149,6 +150,7 @@ HWY_INLINE void sweepStrip(const float* w, std::size_t stride, const float* x, s
     const Vec xk = hn::Set(d, x[k]);
     HWY_UNROLL(16)
     for (int r = 0; r < R; ++r) {
+      __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
       acc[r] = hn::MulAdd(loadRow<kPartial, R>(w, r, lastLanes), xk, acc[r]);
     }
   }
