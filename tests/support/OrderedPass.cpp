@@ -18,7 +18,7 @@ float chainOf(const LayerView& layer, const float* x, std::size_t row, std::size
 }
 
 float sumOf(const LayerView& layer, const float* x, std::size_t row) {
-  const std::size_t length = layer.rows <= 32 ? 16 : 64;
+  const std::size_t length = layer.rows <= 32 ? 16 : 128;
   float sum = 0;
   for (std::size_t from = 0; from < layer.cols; from += length) {
     const float chain = chainOf(layer, x, row, from, std::min(from + length, layer.cols));
