@@ -12,10 +12,10 @@
 
 namespace mlnn {
 
-// Floats of scratch memory that a layer of `rows` outputs takes, aligned to 64 bytes.
-constexpr std::size_t kScratchFloats = std::size_t{64} * 256;
-constexpr std::size_t scratchFloats(std::size_t rows) {
-  return rows < kScratchFloats ? kScratchFloats : rows;
+// Floats of scratch memory, aligned to 64 bytes, that a layer of `rows` outputs takes.
+constexpr std::size_t kPanelFloats = std::size_t{64} * 256;
+constexpr std::size_t scratchFloats(std::size_t rows, std::size_t frames) {
+  return frames == 1 || rows > kPanelFloats ? rows : kPanelFloats;
 }
 
 struct Kernels {
@@ -23,7 +23,7 @@ struct Kernels {
   bool fuses;         // multiplies and adds with one rounding
   std::size_t lanes;  // floats in a vector
 
-  // y = actFn(scale .* (weights * x) + shift) for one frame.
+  // y = actFn(scale .* (weights * x) + shift) for one frame. `scratch` is that of one frame.
   void (*matrixVector)(const LayerView& layer, const float* x, float* y, float* scratch);
 
   // The same for several frames; the strides lead from one frame to the next. Gives the same

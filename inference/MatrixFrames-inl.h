@@ -115,7 +115,7 @@ HWY_INLINE TileChain tileChainFor(std::size_t rows, std::size_t frames) {
 
 // Inputs that are worked off for all rows before the next ones: a multiple of both chain lengths.
 constexpr std::size_t kInputsAtOnce = 256;
-static_assert(kTileRows * kInputsAtOnce <= kScratchFloats, "a packed panel fits the scratch");
+static_assert(kTileRows * kInputsAtOnce <= kPanelFloats, "a packed panel fits the scratch");
 
 // A row panel of at most kTileRows rows, and some inputs.
 struct RowPanel {
@@ -218,7 +218,7 @@ HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& pan
   return input + panel.inputs > layer.cols ? nullptr : layer.weights + input * layer.rows;
 }
 
-// The results of a layer for some frames. `scratch` has room for kScratchFloats values.
+// The results of a layer for some frames. `scratch` has room for kPanelFloats values.
 void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);

@@ -53,10 +53,6 @@ bool stackFits(const MultiLayerNNModel& model) {
   return true;
 }
 
-// The frames that go through all layers before the next ones. More make the weights pay off
-// no better, but need more memory.
-constexpr Index kFramesAtOnce = 256;
-
 constexpr Index kFloatsInCacheLine = 16;
 
 Index widestLayer(const MultiLayerNNModel& model) {
@@ -72,10 +68,22 @@ Index strideFor(Index width) {
   return (lines | 1) * kFloatsInCacheLine;
 }
 
+// The frames that go through all layers before the next ones. More make the weights pay off no
+// better, but need more memory; very wide layers get less than 128 MiB.
+Index framesAtOnce(const MultiLayerNNModel& model) {
+  constexpr Index kFrames = 256;
+  constexpr Index kFloats = Index{1} << 24;
+  return std::clamp<Index>(kFloats / (strideFor(widestLayer(model)) + 1), 1, kFrames);
+}
+
 float* atCacheLine(float* values) {
   constexpr auto kBytes = std::uintptr_t{kFloatsInCacheLine * sizeof(float)};
   const auto past = reinterpret_cast<std::uintptr_t>(values) % kBytes;
   return past == 0 ? values : values + (kBytes - past) / sizeof(float);
+}
+
+void growTo(Eigen::VectorXf& values, Index length) {
+  if (values.size() < length) mlnn::reshape(values, length, 1);
 }
 
 // Whether the matrix shares memory with the inputs.
@@ -168,36 +176,34 @@ int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
               << " inputs but got " << inputs.rows() << "\n";
     return 1;
   }
-  makeRoom(std::min(inputs.cols(), kFramesAtOnce));
+  const Index atOnce = framesAtOnce(*model_);
+  makeRoom(std::min(inputs.cols(), atOnce));
   if (trace != nullptr) *trace = emptyTrace(*model_, inputs.cols());
   const bool apart = !overlap(inputs, outputs);
   Eigen::MatrixXf& results = apart ? outputs : results_;
   mlnn::reshape(results, numOutputs(), inputs.cols());
-  for (Index first = 0; first < inputs.cols(); first += kFramesAtOnce) {
-    const Index count = std::min(inputs.cols() - first, kFramesAtOnce);
+  for (Index first = 0; first < inputs.cols(); first += atOnce) {
+    const Index count = std::min(inputs.cols() - first, atOnce);
     evaluateFrames(inputs.middleCols(first, count), results.middleCols(first, count), first, trace);
   }
   if (!apart) mlnn::assign(outputs, results_);
   return 0;
 }
 
-// The kernels' scratch comes first, then two areas of which layers read one and write the other.
 void NNFwdPassFromFile::makeRoom(Index frames) {
   const Index widest = widestLayer(*model_);
-  const auto forKernels = static_cast<Index>(mlnn::scratchFloats(static_cast<std::size_t>(widest)));
-  const Index length = kFloatsInCacheLine + strideFor(forKernels) + 2 * strideFor(widest) * frames;
-  if (scratch_.size() < length) mlnn::reshape(scratch_, length, 1);
+  const std::size_t scratch =
+      mlnn::scratchFloats(static_cast<std::size_t>(widest), static_cast<std::size_t>(frames));
+  growTo(scratch_, static_cast<Index>(scratch) + kFloatsInCacheLine);
+  growTo(between_, 2 * strideFor(widest) * frames + kFloatsInCacheLine);
 }
 
 void NNFwdPassFromFile::evaluateFrames(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                                        Eigen::Ref<Eigen::MatrixXf> outputs, Index first,
                                        std::vector<mlnn::LayerResult>* trace) {
-  const Index widest = widestLayer(*model_);
-  float* const kernelScratch = atCacheLine(scratch_.data());
-  float* next =
-      kernelScratch +
-      strideFor(static_cast<Index>(mlnn::scratchFloats(static_cast<std::size_t>(widest))));
-  float* spare = next + strideFor(widest) * inputs.cols();
+  float* const scratch = atCacheLine(scratch_.data());
+  float* next = atCacheLine(between_.data());
+  float* spare = next + strideFor(widestLayer(*model_)) * inputs.cols();
   const float* x = inputs.data();
   Index xStride = inputs.outerStride();
   for (std::size_t i = 0; i < model_->layers.size(); ++i) {
@@ -207,9 +213,9 @@ void NNFwdPassFromFile::evaluateFrames(const Eigen::Ref<const Eigen::MatrixXf>& 
                    isLast ? outputs.outerStride() : strideFor(static_cast<Index>(layer.rows)),
                    inputs.cols()};
     if (trace == nullptr) {
-      evaluateLayer(layer, x, xStride, y, kernelScratch);
+      evaluateLayer(layer, x, xStride, y, scratch);
     } else {
-      traceLayer(layer, x, xStride, y, kernelScratch, first, (*trace)[i]);
+      traceLayer(layer, x, xStride, y, scratch, first, (*trace)[i]);
     }
     x = y.first;
     xStride = y.stride;

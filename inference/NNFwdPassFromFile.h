@@ -20,9 +20,10 @@ struct LayerResult {
 }  // namespace mlnn
 
 // Reads the model's own arrays at every call, so an edit of the model shows in the next
-// one. Keeps only scratch memory of its own: 64 KiB or the widest layer, whatever is more; for
-// up to 256 frames at a time what two layers as wide as the widest hold; and, where the
-// outputs are to replace the inputs, the results.
+// one. Keeps only scratch memory of its own: what two layers as wide as the widest hold for up
+// to 256 frames at a time; for one frame as much as the widest layer again, for more 64 KiB or
+// the widest layer, whatever is more; and, where the outputs are to replace the inputs, the
+// results.
 //
 // Lifetime: the model must outlive the forward pass.
 // Thread-safety: one object serves one thread at a time; several objects over one model
@@ -58,6 +59,7 @@ class NNFwdPassFromFile : public FwdPass {
                       std::vector<mlnn::LayerResult>* trace);
 
   const MultiLayerNNModel* model_;
-  Eigen::VectorXf scratch_;  // for the kernels, and for what goes from layer to layer
+  Eigen::VectorXf scratch_;  // for the kernels
+  Eigen::VectorXf between_;  // what goes from layer to layer, read from one half into the other
   Eigen::MatrixXf results_;  // where the outputs overlap the inputs
 };

@@ -46,7 +46,7 @@ struct Layer {
 // Scratch memory as the kernels ask for it.
 class Scratch {
  public:
-  explicit Scratch(std::size_t rows) : values_(mlnn::scratchFloats(rows) + 16) {}
+  Scratch(std::size_t rows, std::size_t frames) : values_(mlnn::scratchFloats(rows, frames) + 16) {}
 
   float* data() {
     const auto past = reinterpret_cast<std::uintptr_t>(values_.data()) % 64;
@@ -97,7 +97,7 @@ void expectFrames(const Kernels& kernels, const Layer& layer, int frames) {
   const Eigen::MatrixXf x = someValues(layer.weights.cols(), frames, 4);
   const std::size_t stride = layer.view.rows + 3;
   std::vector<float> y(stride * static_cast<std::size_t>(frames) + 1, kMarker);
-  Scratch scratch(layer.view.rows);
+  Scratch scratch(layer.view.rows, 2);
   kernels.matrixFrames(layer.view, x.data(), layer.view.cols, y.data(), stride,
                        static_cast<std::size_t>(frames), scratch.data());
   for (int frame = 0; frame < frames; ++frame) {
@@ -113,7 +113,7 @@ void expectVector(const Kernels& kernels, const Layer& layer) {
                                   << layer.view.cols);
   const Eigen::MatrixXf x = someValues(layer.weights.cols(), 1, 4);
   std::vector<float> y(layer.view.rows + 1, kMarker);
-  Scratch scratch(layer.view.rows);
+  Scratch scratch(layer.view.rows, 1);
   kernels.matrixVector(layer.view, x.data(), y.data(), scratch.data());
   ASSERT_NO_FATAL_FAILURE(expectFrame(kernels, layer, x, 0, y.data()));
   ASSERT_EQ(y.back(), kMarker);
