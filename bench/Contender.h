@@ -57,6 +57,9 @@ ContenderPtr makeEigen(const Network& network, std::size_t frames);
 void finishLayer(const Network& network, std::size_t layer, std::size_t frames, float* y);
 void applySoftmaxes(std::size_t outputs, std::size_t frames, float* y);
 
+// Processor time of this thread, so that others who take turns on the processor do not count.
+double secondsOfThisThread();
+
 // What this processor can do, measured on one thread.
 double readBytesPerSecond(std::size_t bytes);
 double multiplyAddFlopsPerSecond();

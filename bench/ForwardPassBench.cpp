@@ -3,8 +3,6 @@
 // Prints a line for each network, activation and number of frames: microseconds a frame of
 // this library and of its peers (medians over interleaved rounds), the ratio to the best of
 // the peers, and to what the processor could do at best, measured in the same run.
-#include <time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
@@ -102,13 +100,6 @@ double errorOf(const std::vector<double>& exact, const float* found) {
     error = std::max(error, std::abs(exact[i] - double{found[i]}));
   }
   return error / *std::max_element(exact.begin(), exact.end());
-}
-
-// Time on the processor, so that others who take turns on it do not count.
-double secondsOfThisThread() {
-  timespec now;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
 // The first run is not timed: it brings the contender's weights back into the caches.

@@ -23,7 +23,7 @@ constexpr std::size_t kChainLength = 128;
 constexpr std::size_t kShortChainLength = 16;
 constexpr std::size_t kFewRows = 32;
 
-// Weights of more bytes stream through the second-level cache of common processors.
+// Weights of so many bytes stream through the second-level cache of common processors.
 constexpr std::size_t kSecondLevelBytes = std::size_t{1} << 20;
 
 constexpr std::size_t chainLength(std::size_t rows) {

@@ -223,7 +223,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
-  const bool streams = layer.rows * layer.cols * sizeof(float) > kSecondLevelBytes;
+  const bool streams = layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes;
   const bool isWide = streams && frames > kTileFrames && frames <= kWideTileFrames;
   const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
   const std::size_t tileFrames = isWide ? kWideTileFrames : kTileFrames;

@@ -18,9 +18,6 @@ namespace HWY_NAMESPACE {
 // A row panel is as many vectors of rows, with all inputs walked before the next one.
 constexpr int kPanelVectors = kLanes >= 16 ? 16 : 8;
 
-// Weights of more bytes are swept.
-constexpr std::size_t kPanelBytes = kSecondLevelBytes / 2;
-
 // A sweep takes so many columns at a time, and so many vectors of rows in each of them.
 constexpr std::size_t kSweepColumns = 8;
 constexpr int kStripVectors = 8;
@@ -195,7 +192,7 @@ void multiplySweeping(const LayerView& layer, const float* x, float* y, float* s
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   if (layer.cols == 0) {
     std::memset(y, 0, layer.rows * sizeof(float));
-  } else if (layer.rows * layer.cols * sizeof(float) <= kPanelBytes) {
+  } else if (layer.rows * layer.cols * sizeof(float) < kSecondLevelBytes) {
     multiplyPanels(layer, x, y);
   } else {
     multiplySweeping(layer, x, y, scratch);
