@@ -13,8 +13,6 @@ void applyActivation(ActFn::ActFn fn, Eigen::Ref<Eigen::VectorXf> values);
 // Replaces the values by exp(x) / sum(exp(x)), computed from the differences to the largest
 // so that nothing overflows. A NaN or plus infinity among them makes all of them NaN, and so
 // does minus infinity where nothing else stands.
-// so that nothing overflows. A NaN or an infinity among them makes all of them NaN; minus
-// infinity gives 0, unless there is nothing else.
 void applySoftmax(Eigen::Ref<Eigen::VectorXf> values);
 
 }  // namespace mlnn
