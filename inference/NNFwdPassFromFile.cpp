@@ -180,13 +180,17 @@ int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
   makeRoom(std::min(inputs.cols(), atOnce));
   if (trace != nullptr) *trace = emptyTrace(*model_, inputs.cols());
   const bool apart = !overlap(inputs, outputs);
-  Eigen::MatrixXf& results = apart ? outputs : results_;
-  mlnn::reshape(results, numOutputs(), inputs.cols());
+  if (apart) mlnn::reshape(outputs, numOutputs(), inputs.cols());
+  if (!apart) growTo(results_, numOutputs() * inputs.cols());
+  Eigen::Map<Eigen::MatrixXf> results(apart ? outputs.data() : results_.data(), numOutputs(),
+                                      inputs.cols());
   for (Index first = 0; first < inputs.cols(); first += atOnce) {
     const Index count = std::min(inputs.cols() - first, atOnce);
     evaluateFrames(inputs.middleCols(first, count), results.middleCols(first, count), first, trace);
   }
-  if (!apart) mlnn::assign(outputs, results_);
+  if (apart) return 0;
+  mlnn::reshape(outputs, numOutputs(), inputs.cols());
+  outputs = results;
   return 0;
 }
 

@@ -61,5 +61,5 @@ class NNFwdPassFromFile : public FwdPass {
   const MultiLayerNNModel* model_;
   Eigen::VectorXf scratch_;  // for the kernels
   Eigen::VectorXf between_;  // what goes from layer to layer, read from one half into the other
-  Eigen::MatrixXf results_;  // where the outputs overlap the inputs
+  Eigen::VectorXf results_;  // the outputs of all frames, where they overlap the inputs
 };
