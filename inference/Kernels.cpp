@@ -14,6 +14,8 @@
 #endif
 #include "hwy/foreach_target.h"
 //
+#include <array>
+
 #include "inference/Activations-inl.h"
 #include "inference/Kernels.h"
 #include "inference/MatrixFrames-inl.h"
@@ -96,32 +98,47 @@ namespace {
 
 #endif
 
+// The kernels that this processor runs, the best first. Found without the heap, since that
+// happens within the first forward pass.
+struct Runnable {
+  std::array<const Kernels*, 4> kernels{};
+  std::size_t count = 0;
+
+  void add(const Kernels& found) { kernels[count++] = &found; }
+};
+
+// What the compiler may use everywhere comes last, and needs no test.
+Runnable findRunnable() {
+  Runnable found;
+#if HWY_TARGETS & HWY_AVX3
+  if (hasAvx512()) found.add(N_AVX3::kernels());
+#endif
+#if HWY_TARGETS & HWY_AVX2
+  if (hasAvx2()) found.add(N_AVX2::kernels());
+#endif
+#if HWY_TARGETS & HWY_SSE4
+  if (hasSse4()) found.add(N_SSE4::kernels());
+#endif
+#if !(HWY_STATIC_TARGET & (HWY_AVX3 | HWY_AVX2 | HWY_SSE4))
+  found.add(HWY_STATIC_DISPATCH(kernels)());
+#endif
+  return found;
+}
+
 }  // namespace
 
 float activated(ActFn::ActFn fn, float x) { return HWY_STATIC_DISPATCH(scalarActivated)(fn, x); }
 
 float singleExpOfNegative(float x) { return HWY_STATIC_DISPATCH(scalarExpOfNegative)(x); }
 
-// What the compiler may use everywhere comes last, and needs no test.
 std::vector<const Kernels*> runnableKernels() {
-  std::vector<const Kernels*> found;
-#if HWY_TARGETS & HWY_AVX3
-  if (hasAvx512()) found.push_back(&N_AVX3::kernels());
-#endif
-#if HWY_TARGETS & HWY_AVX2
-  if (hasAvx2()) found.push_back(&N_AVX2::kernels());
-#endif
-#if HWY_TARGETS & HWY_SSE4
-  if (hasSse4()) found.push_back(&N_SSE4::kernels());
-#endif
-#if !(HWY_STATIC_TARGET & (HWY_AVX3 | HWY_AVX2 | HWY_SSE4))
-  found.push_back(&HWY_STATIC_DISPATCH(kernels)());
-#endif
-  return found;
+  const Runnable runnable = findRunnable();
+  return {runnable.kernels.begin(),
+          runnable.kernels.begin() + static_cast<std::ptrdiff_t>(runnable.count)};
 }
 
 const Kernels& bestKernels() {
-  static const Kernels& best = *runnableKernels().front();
+  static const Kernels& best = *findRunnable().kernels.front();
   return best;
 }
 

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <cstddef>
 #include <vector>
 
 #include "inference/FwdPass.h"
+#include "inference/PassMemory.h"
 #include "layers/NNLayer.h"
 
 class MultiLayerNNModel;
@@ -50,16 +52,15 @@ class NNFwdPassFromFile : public FwdPass {
   int evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
                      std::vector<mlnn::LayerResult>& layers);
 
+  // Returns the bytes that a forward pass over such a model keeps once it has evaluated up to
+  // `frames` frames a call, itself included, into outputs that are apart from the inputs.
+  // REQUIRES: no layer is missing.
+  static std::size_t workingBytes(const MultiLayerNNModel& model, Eigen::Index frames);
+
  private:
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<mlnn::LayerResult>* trace);
-  void makeRoom(Eigen::Index frames);
-  void evaluateFrames(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
-                      Eigen::Ref<Eigen::MatrixXf> outputs, Eigen::Index first,
-                      std::vector<mlnn::LayerResult>* trace);
 
   const MultiLayerNNModel* model_;
-  Eigen::VectorXf scratch_;  // for the kernels
-  Eigen::VectorXf between_;  // what goes from layer to layer, read from one half into the other
-  Eigen::VectorXf results_;  // the outputs of all frames, where they overlap the inputs
+  mlnn::PassMemory memory_;
 };

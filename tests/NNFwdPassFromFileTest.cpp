@@ -521,6 +521,20 @@ TEST(NNFwdPassMemory, nothingIsAllocatedWhenKnownNumbersOfFramesAlternate) {
   EXPECT_EQ(watch.allocations(), 0u);
 }
 
+TEST(NNFwdPassMemory, norWhereInputsLieInTheOutputs) {
+  MultiLayerNNModel model = network({40, 40}, ActFn::tanh, true);
+  NNFwdPassFromFile pass(model);
+  MatrixXf one = someValues(40, 1, 1);
+  MatrixXf many = someValues(40, 30, 2);
+  ASSERT_EQ(pass.evaluate(many, many), 0);
+  const mlnn::test::AllocationWatch watch;
+  for (int round = 0; round < 5; ++round) {
+    pass.evaluate(one, one);
+    pass.evaluate(many, many);
+  }
+  EXPECT_EQ(watch.allocations(), 0u);
+}
+
 TEST(NNFwdPassMemory, thereIsNoSecondCopyOfTheWeights) {
   MultiLayerNNModel model = network({400, 300, 400}, ActFn::tanh, true);
   const std::size_t weights = 300 * 400 * sizeof(float);

@@ -1,9 +1,9 @@
 #include "tools/ModelBudget.h"
 
-#include <algorithm>
 #include <ostream>
 #include <streambuf>
 
+#include "inference/NNFwdPassFromFile.h"
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
@@ -47,14 +47,6 @@ void add(const NNLayer& layer, ModelBudget& budget) {
   if (layer.actFn != ActFn::linear) budget.activations += outputs;
 }
 
-// What an NNFwdPassFromFile keeps: two columns as wide as the widest layer, and the outputs.
-uint64_t workingBytesOf(const MultiLayerNNModel& model) {
-  Eigen::Index widest = model.numInputs();
-  for (const NNLayer* layer : model.layers) widest = std::max(widest, layer->weights.rows());
-  const auto values = 2 * static_cast<uint64_t>(widest) + static_cast<uint64_t>(model.numOutputs());
-  return sizeof(NNFwdPassFromFile) + values * sizeof(float);
-}
-
 // A copy with everything, the properties included.
 MultiLayerNNModel wholeCopy(const MultiLayerNNModel& model) {
   MultiLayerNNModel copy(model);
@@ -92,7 +84,7 @@ std::optional<uint64_t> ifPossible(Size size, const MultiLayerNNModel& model) {
 ModelBudget budgetOf(const MultiLayerNNModel& model) {
   ModelBudget budget;
   for (const NNLayer* layer : model.layers) add(*layer, budget);
-  budget.workingBytes = workingBytesOf(model);
+  budget.workingBytes = NNFwdPassFromFile::workingBytes(model, 1);
   if (model.useSoftmax) budget.activations += static_cast<uint64_t>(model.numOutputs());
   return budget;
 }

@@ -1,0 +1,42 @@
+// LayerStackPass — takes frames through a stack of layers, whatever holds their weights.
+// Internal: not installed.
+#pragma once
+
+#include <Eigen/Core>
+#include <cstddef>
+#include <vector>
+
+#include "inference/LayerView.h"
+#include "inference/NNFwdPassFromFile.h"
+#include "inference/PassMemory.h"
+
+namespace mlnn {
+
+// Layers of which each takes the outputs of the one before it; at least one.
+class LayerSource {
+ public:
+  virtual ~LayerSource() = default;
+
+  virtual std::size_t count() const = 0;
+  virtual LayerView layer(std::size_t index) const = 0;
+  virtual bool endsInSoftmax() const = 0;
+
+ protected:
+  LayerSource() = default;
+  LayerSource(const LayerSource&) = default;
+  LayerSource& operator=(const LayerSource&) = default;
+};
+
+// Computes the outputs for each column of `inputs`, which may share memory with `outputs`.
+// Puts what every layer computed into `trace`, unless that is null.
+// After the first call with a given number of frames it allocates nothing.
+// REQUIRES: inputs.rows() is what the first layer takes.
+// On std::bad_alloc: `outputs` is unchanged.
+void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::MatrixXf>& inputs,
+                   Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace);
+
+// Returns the bytes of `memory` after evaluateStack with `frames` frames, for a stack whose widest
+// layer has `widest` outputs, and inputs apart from the outputs.
+std::size_t passMemoryBytes(Eigen::Index widest, Eigen::Index frames);
+
+}  // namespace mlnn

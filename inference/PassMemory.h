@@ -1,0 +1,14 @@
+// PassMemory — what a forward pass keeps from call to call, so that it allocates nothing anew.
+#pragma once
+
+#include <Eigen/Core>
+
+namespace mlnn {
+
+struct PassMemory {
+  Eigen::VectorXf scratch;  // for the kernels
+  Eigen::VectorXf between;  // what goes from layer to layer, read from one half into the other
+  Eigen::VectorXf results;  // the outputs of all frames, where they overlap the inputs
+};
+
+}  // namespace mlnn
