@@ -64,7 +64,13 @@ struct VectorOps {
   static HWY_INLINE Vec lessThan(Vec a, Vec b, Vec ifTrue, Vec ifFalse) {
     return hn::IfThenElse(hn::Lt(a, b), ifTrue, ifFalse);
   }
+
+  // A value that is not a number has no power; what it gives is multiplied by it anyway. Without
+  // vector instructions it must not be converted.
   static HWY_INLINE Vec powerOfTwo(Vec n) {
+#if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128
+    n = hn::IfThenElse(hn::Eq(n, n), n, hn::Zero(Tag()));
+#endif
     const auto exponent = hn::Add(hn::ConvertTo(IntTag(), n), hn::Set(IntTag(), 127));
     return hn::BitCast(Tag(), hn::ShiftLeft<23>(exponent));
   }
