@@ -26,13 +26,6 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
-#if HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3 || \
-    (HWY_TARGET == HWY_NEON && (HWY_ARCH_ARM_A64 || defined(__ARM_FEATURE_FMA)))
-constexpr bool kFuses = true;
-#else
-constexpr bool kFuses = false;
-#endif
-
 const Kernels& kernels() {
   static const Kernels kKernels = {
       hwy::TargetName(HWY_TARGET), kFuses, kLanes, matrixVector, matrixFrames, activate, softmax};

@@ -143,7 +143,8 @@ void evaluateFrames(const LayerSource& stack, Index widest,
 
 }  // namespace
 
-std::size_t passMemoryBytes(Index widest, Index frames) {
+std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
+  const Index widest = widestOf(stack);
   const Index together = std::min(frames, framesAtOnce(widest));
   const Index length = scratchLength(widest, together) + betweenLength(widest, together);
   return static_cast<std::size_t>(length) * sizeof(float);

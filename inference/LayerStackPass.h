@@ -35,8 +35,8 @@ class LayerSource {
 void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                    Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace);
 
-// Returns the bytes of `memory` after evaluateStack with `frames` frames, for a stack whose widest
-// layer has `widest` outputs, and inputs apart from the outputs.
-std::size_t passMemoryBytes(Eigen::Index widest, Eigen::Index frames);
+// Returns the bytes of `memory` after evaluateStack with `frames` frames, where the inputs were
+// apart from the outputs.
+std::size_t passMemoryBytes(const LayerSource& stack, Eigen::Index frames);
 
 }  // namespace mlnn

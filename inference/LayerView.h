@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "inference/GridCodes.h"
 #include "layers/ActFn.h"
 
 namespace mlnn {
@@ -14,6 +15,7 @@ struct LayerView {
   const float* scale;    // a factor for each output, or null for none
   const float* shift;    // an addend for each output
   ActFn::ActFn actFn;
+  const GridCodes* coded = nullptr;  // in place of `weights`, unless null
 };
 
 // The order of additions (docs/forward-pass.md): the products of a row are summed in chains

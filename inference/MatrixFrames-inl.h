@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "inference/Activations-inl.h"
+#include "inference/GridCodes-inl.h"
 #include "inference/Kernels.h"
 #include "inference/LayerView.h"
 #include "inference/VectorOps-inl.h"
@@ -116,6 +117,7 @@ HWY_INLINE TileChain tileChainFor(std::size_t rows, std::size_t frames) {
 // Inputs that are worked off for all rows before the next ones: a multiple of both chain lengths.
 constexpr std::size_t kInputsAtOnce = 256;
 static_assert(kTileRows * kInputsAtOnce <= kPanelFloats, "a packed panel fits the scratch");
+static_assert(kCodedPanelRows % kTileRows == 0, "a tile lies in one panel of codes");
 
 // A row panel of at most kTileRows rows, and some inputs.
 struct RowPanel {
@@ -131,7 +133,7 @@ struct RowPanel {
 };
 
 // Copies the weights of a panel, with zeros for the rows that it lacks.
-void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
+void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
   const Tag d;
   const float* from = layer.weights + panel.input * layer.rows + panel.row;
   for (std::size_t k = 0; k < panel.inputs; ++k, from += layer.rows) {
@@ -143,6 +145,14 @@ void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
     hn::Store(loadPart(from + i, panel.count - i), d, to);
     to += kLanes;
   }
+}
+
+// Puts the weights of a panel into the scratch, one input behind the other and with whole vectors
+// of rows.
+void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
+  if (layer.coded == nullptr) return packFloats(layer, panel, to);
+  const auto decode = layer.coded->areHalfBytes ? decodeRows<true> : decodeRows<false>;
+  decode(layer, panel.row, panel.fullRows(), panel.input, panel.inputs, to);
 }
 
 // All chains of a panel for the `frames` frames of a tile.
@@ -223,7 +233,8 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
-  const bool streams = layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes;
+  const bool isCoded = layer.coded != nullptr;
+  const bool streams = !isCoded && layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes;
   const bool isWide = streams && frames > kTileFrames && frames <= kWideTileFrames;
   const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
   const std::size_t tileFrames = isWide ? kWideTileFrames : kTileFrames;
@@ -232,7 +243,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
     for (std::size_t row = 0; row < layer.rows; row += tileRows) {
       const std::size_t count = std::min(tileRows, layer.rows - row);
       const RowPanel panel{row, count, input, inputs, chain};
-      Tile tile{layer.weights + input * layer.rows + row,
+      Tile tile{isCoded ? nullptr : layer.weights + input * layer.rows + row,
                 layer.rows,
                 x + input,
                 xStride,
@@ -240,7 +251,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 yStride,
                 streams ? weightsAfter(layer, panel) : nullptr,
                 0};
-      if (panel.isPartial()) {
+      if (isCoded || panel.isPartial()) {
         packPanel(layer, panel, scratch);
         tile.w = scratch;
         tile.wStride = panel.fullRows();

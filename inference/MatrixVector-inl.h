@@ -8,6 +8,7 @@
 #endif
 
 #include "inference/Activations-inl.h"
+#include "inference/GridCodes-inl.h"
 #include "inference/LayerView.h"
 #include "inference/VectorOps-inl.h"
 
@@ -192,6 +193,8 @@ void multiplySweeping(const LayerView& layer, const float* x, float* y, float* s
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   if (layer.cols == 0) {
     std::memset(y, 0, layer.rows * sizeof(float));
+  } else if (layer.coded != nullptr) {
+    return codesVector(layer, x, y);
   } else if (layer.rows * layer.cols * sizeof(float) < kSecondLevelBytes) {
     multiplyPanels(layer, x, y);
   } else {

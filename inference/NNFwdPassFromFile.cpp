@@ -1,7 +1,5 @@
 #include "inference/NNFwdPassFromFile.h"
 
-#include <algorithm>
-
 #include "inference/LayerStackPass.h"
 #include "inference/ModelLayers.h"
 #include "model/MultiLayerNNModel.h"
@@ -33,9 +31,7 @@ int NNFwdPassFromFile::evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& i
 }
 
 std::size_t NNFwdPassFromFile::workingBytes(const MultiLayerNNModel& model, Eigen::Index frames) {
-  Eigen::Index widest = 0;
-  for (const NNLayer* layer : model.layers) widest = std::max(widest, layer->weights.rows());
-  return sizeof(NNFwdPassFromFile) + mlnn::passMemoryBytes(widest, frames);
+  return sizeof(NNFwdPassFromFile) + mlnn::passMemoryBytes(mlnn::ModelLayers(model), frames);
 }
 
 int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,

@@ -12,6 +12,15 @@
 
 #include "hwy/highway.h"
 
+// Whether the instruction set multiplies and adds with one rounding.
+#undef MLNN_TARGET_FUSES
+#if HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3 || \
+    (HWY_TARGET == HWY_NEON && (HWY_ARCH_ARM_A64 || defined(__ARM_FEATURE_FMA)))
+#define MLNN_TARGET_FUSES 1
+#else
+#define MLNN_TARGET_FUSES 0
+#endif
+
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
@@ -24,6 +33,8 @@ using IntTag = hn::RebindToSigned<Tag>;
 using Vec = hn::Vec<Tag>;
 
 constexpr std::size_t kLanes = hn::MaxLanes(Tag());
+
+constexpr bool kFuses = MLNN_TARGET_FUSES;
 
 // The first `count` lanes, 0 in the others; reads nothing behind them.
 // REQUIRES: 0 < count < kLanes.

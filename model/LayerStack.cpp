@@ -18,4 +18,19 @@ const NNLayer& layerOrEmpty(const NNLayer* layer) {
   return layer != nullptr ? *layer : empty;
 }
 
+std::optional<ValueRange> parameterRange(const std::vector<NNLayer*>& layers) {
+  std::optional<ValueRange> range;
+  const auto include = [&range](const float* values, Eigen::Index count) {
+    if (count == 0) return;
+    if (!range) range = ValueRange{values[0], values[0]};
+    range->include(values, static_cast<std::size_t>(count));
+  };
+  for (const NNLayer* layer : layers) {
+    if (layer == nullptr) continue;
+    include(layer->bias.data(), layer->bias.size());
+    include(layer->weights.data(), layer->weights.size());
+  }
+  return range;
+}
+
 }  // namespace mlnn

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 #include "layers/NNLayer.h"
+#include "model/PrecisionGrid.h"
 
 namespace mlnn {
 
@@ -17,5 +19,9 @@ void fillMissingLayers(std::vector<NNLayer*>& layers);
 
 // Returns the layer, or an empty one where it is missing.
 const NNLayer& layerOrEmpty(const NNLayer* layer);
+
+// Returns the range of all weights and biases, taken layer by layer, the bias before the weights;
+// nothing when there are none.
+std::optional<ValueRange> parameterRange(const std::vector<NNLayer*>& layers);
 
 }  // namespace mlnn

@@ -31,27 +31,6 @@ void fold(NNLayer& layer) {
   layer.isBatchNorm = false;
 }
 
-// Hands the model's weights and biases to `take(values, count)`, array by array.
-template <typename Take>
-void forEachParameterArray(const std::vector<NNLayer*>& layers, Take take) {
-  for (NNLayer* layer : layers) {
-    if (layer == nullptr) continue;
-    take(layer->bias.data(), static_cast<std::size_t>(layer->bias.size()));
-    take(layer->weights.data(), static_cast<std::size_t>(layer->weights.size()));
-  }
-}
-
-// Returns the range of all weights and biases, or nothing when there are none.
-std::optional<mlnn::ValueRange> parameterRange(const std::vector<NNLayer*>& layers) {
-  std::optional<mlnn::ValueRange> range;
-  forEachParameterArray(layers, [&range](const float* values, std::size_t count) {
-    if (count == 0) return;
-    if (!range) range = mlnn::ValueRange{values[0], values[0]};
-    range->include(values, count);
-  });
-  return range;
-}
-
 }  // namespace
 
 int MultiLayerNNModel::convBatchNorm() {
@@ -80,12 +59,15 @@ void MultiLayerNNModel::retainPrecisionBits(int bits) {
               << "\n";
     return;
   }
-  const std::optional<mlnn::ValueRange> found = parameterRange(layers);
+  const std::optional<mlnn::ValueRange> found = mlnn::parameterRange(layers);
   const mlnn::ValueRange range = found.value_or(mlnn::ValueRange{0.0f, 0.0f});
   std::fprintf(stderr, "v_range %f - %f (%f), p_range %ld\n", double{range.smallest},
                double{range.largest}, double{range.width()}, long{mlnn::gridSteps(bits)});
   if (!found) return;
   const mlnn::PrecisionGrid grid(range, bits);
-  forEachParameterArray(layers,
-                        [&grid](float* values, std::size_t count) { grid.snap(values, count); });
+  for (NNLayer* layer : layers) {
+    if (layer == nullptr) continue;
+    grid.snap(layer->bias.data(), static_cast<std::size_t>(layer->bias.size()));
+    grid.snap(layer->weights.data(), static_cast<std::size_t>(layer->weights.size()));
+  }
 }

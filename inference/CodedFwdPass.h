@@ -1,0 +1,64 @@
+// CodedFwdPass — the forward pass of a MultiLayerNNModel over weights of few bits: a quarter of
+// the memory (an eighth for up to 4 bits), and faster where memory is what limits.
+#pragma once
+
+#include <Eigen/Core>
+#include <cstddef>
+#include <memory>
+
+#include "inference/FwdPass.h"
+#include "inference/PassMemory.h"
+
+class MultiLayerNNModel;
+
+namespace mlnn {
+
+class CodedLayers;
+
+// Gives to the bit what NNFwdPassFromFile gives for the model after retainPrecisionBits: the
+// weights have the same grid and lie on the same points, and the sums have the same order.
+//
+// Holds its own copy of what it needs; it does not follow later changes of the model, which may
+// even be gone. A layer's weights take one byte each, or half a byte for up to 4 bits, in panels
+// of 64 outputs of which the last is filled up. Layers of few weights (below 65536), and those
+// where codes would not halve the memory or cannot say what the grid made of the weights, stay
+// float; weightBytes() counts what there is.
+//
+// Thread-safety: one object serves one thread at a time.
+class CodedFwdPass : public FwdPass {
+ public:
+  static constexpr int kMinBits = 1;
+  static constexpr int kMaxBits = 8;
+
+  // Makes a forward pass over codes of `bits` bits. The model stays as it is.
+  // Returns: null, after an error line, when `bits` is not kMinBits to kMaxBits, or the model
+  // has no layers or has one that does not fit.
+  static std::unique_ptr<CodedFwdPass> create(const MultiLayerNNModel& model, int bits);
+
+  ~CodedFwdPass() override;
+
+  int numInputs() const override;
+  int numOutputs() const override;
+
+  // Refuses inputs of another width.
+  // After the first call with a given number of frames it allocates nothing.
+  int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
+
+  // Returns the layers that are held as codes.
+  std::size_t numCodedLayers() const;
+
+  // Returns the bytes of what takes the place of the model's arrays.
+  std::size_t weightBytes() const;
+
+  // Returns the bytes that it keeps besides them once it has evaluated up to `frames` frames a
+  // call, itself included, into outputs that are apart from the inputs.
+  std::size_t workingBytes(Eigen::Index frames) const;
+
+ private:
+  explicit CodedFwdPass(std::unique_ptr<const CodedLayers> layers);
+
+  std::unique_ptr<const CodedLayers> layers_;
+  PassMemory memory_;
+};
+
+}  // namespace mlnn
