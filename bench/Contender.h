@@ -41,6 +41,8 @@ using ContenderPtr = std::unique_ptr<Contender>;
 
 // Each keeps a reference to the network, and is made for one number of frames.
 ContenderPtr makeMlnn(const Network& network, std::size_t frames);
+ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames);
+ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames);
 ContenderPtr makeOpenBlas(const Network& network, std::size_t frames);
 ContenderPtr makeOneDnn(const Network& network, std::size_t frames);
 ContenderPtr makeXsmm(const Network& network, std::size_t frames);
@@ -51,6 +53,9 @@ ContenderPtr makeEigen(const Network& network, std::size_t frames);
 namespace native {
 ContenderPtr makeEigen(const Network& network, std::size_t frames);
 }
+
+// The network with the weights and biases that are left of it with so many bits.
+Network reduced(const Network& network, int bits);
 
 // What the peers that have no activations of their own do after the multiplication: the
 // library's own vectorised functions, so that they are not held back by it.

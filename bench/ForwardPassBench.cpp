@@ -31,14 +31,18 @@ const std::vector<Shape> kShapes = {
     {"XL", {1800, 2048, 2048, 2048, 2048, 2048, 6000}},
 };
 
-struct Peer {
+struct Entry {
   const char* name;
   ContenderPtr (*make)(const Network&, std::size_t frames);
+  int bits = 0;  // of the weights; 0 for floats
 };
 
-// This library comes first.
-const std::vector<Peer> kContenders = {
+// This library comes first: with floats, then with codes, then its peers.
+constexpr std::size_t kFirstPeer = 3;
+const std::vector<Entry> kContenders = {
     {"mlnn", makeMlnn},
+    {"8 bits", makeMlnnOf8Bits, 8},
+    {"4 bits", makeMlnnOf4Bits, 4},
     {"Eigen-dist", distribution::makeEigen},
     {"Eigen", native::makeEigen},
     {"OpenBLAS", makeOpenBlas},
@@ -129,7 +133,7 @@ class Row {
   Row(const Network& network, std::size_t frames) : network_(network), frames_(frames) {
     inputs_ = makeInputs(network, frames);
     outputs_.resize(network.outputs() * frames);
-    for (const Peer& peer : kContenders) contenders_.push_back(peer.make(network, frames));
+    for (const Entry& entry : kContenders) contenders_.push_back(entry.make(network, frames));
     times_.resize(contenders_.size());
   }
 
@@ -138,10 +142,16 @@ class Row {
     constexpr double kAllowed = 1e-4;
     bool right = true;
     const std::size_t last = frames_ - 1;
-    const std::vector<double> first = exactOutputs(network_, inputs_.data());
-    const std::vector<double> final =
-        exactOutputs(network_, inputs_.data() + last * network_.inputs());
+    const float* const lastInput = inputs_.data() + last * network_.inputs();
+    std::vector<double> first;
+    std::vector<double> final;
     for (std::size_t i = 0; i < contenders_.size(); ++i) {
+      const int bits = kContenders[i].bits;
+      if (i == 0 || bits != kContenders[i - 1].bits) {
+        const Network network = bits == 0 ? network_ : reduced(network_, bits);
+        first = exactOutputs(network, inputs_.data());
+        final = exactOutputs(network, lastInput);
+      }
       contenders_[i]->run(inputs_.data(), outputs_.data());
       const double error = std::max(errorOf(first, outputs_.data()),
                                     errorOf(final, outputs_.data() + last * network_.outputs()));
@@ -170,13 +180,13 @@ class Row {
   void print(double limit) const {
     std::vector<double> medians;
     for (const std::vector<double>& times : times_) medians.push_back(1e6 * medianOf(times));
-    const auto best = std::min_element(medians.begin() + 1, medians.end());
+    const auto best = std::min_element(medians.begin() + kFirstPeer, medians.end());
     std::printf("%-6s%-8s%4zu", network_.name.c_str(),
                 network_.hidden == Hidden::kRelu ? "relu" : "sigmoid", frames_);
     for (const double median : medians) std::printf("%11.3f", median);
-    std::printf("%8.2f %-10s%8.2f\n", medians[0] / *best,
+    std::printf("%8.2f %-10s%8.2f%8.2f\n", medians[0] / *best,
                 kContenders[static_cast<std::size_t>(best - medians.begin())].name,
-                medians[0] / (1e6 * limit));
+                medians[0] / (1e6 * limit), medians[0] / medians[1]);
     std::fflush(stdout);
   }
 
@@ -190,11 +200,12 @@ class Row {
 };
 
 void printHead() {
-  std::printf("Microseconds a frame; ours / best peer; ours / limit. Kernels: %s\n",
-              bestKernels().name);
+  std::printf(
+      "Microseconds a frame; ours / best peer; ours / limit; speed of 8 bits. Kernels: %s\n",
+      bestKernels().name);
   std::printf("%-6s%-8s%4s", "net", "hidden", "N");
-  for (const Peer& peer : kContenders) std::printf("%11s", peer.name);
-  std::printf("%8s %-10s%8s\n", "ratio", "to", "xlimit");
+  for (const Entry& entry : kContenders) std::printf("%11s", entry.name);
+  std::printf("%8s %-10s%8s%8s\n", "ratio", "to", "xlimit", "8 bits");
 }
 
 // Another busy process takes its part of the memory bandwidth, and often of the core.

@@ -3,6 +3,7 @@
 
 #include "bench/Contender.h"
 #include "inference/Activation.h"
+#include "inference/CodedFwdPass.h"
 #include "inference/Kernels.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "model/MultiLayerNNModel.h"
@@ -15,33 +16,45 @@ ActFn::ActFn activationOf(const Network& network, std::size_t layer) {
   return network.hidden == Hidden::kRelu ? ActFn::relu : ActFn::sigmoid;
 }
 
+std::unique_ptr<MultiLayerNNModel> modelOf(const Network& network) {
+  auto model = std::make_unique<MultiLayerNNModel>();
+  for (std::size_t i = 0; i < network.layers.size(); ++i) {
+    const DenseLayer& layer = network.layers[i];
+    auto added = std::make_unique<NNLayer>(static_cast<int>(layer.cols),
+                                           static_cast<int>(layer.rows), false);
+    std::copy(layer.weights.begin(), layer.weights.end(), added->weights.data());
+    std::copy(layer.bias.begin(), layer.bias.end(), added->bias.data());
+    added->actFn = activationOf(network, i);
+    model->layers.push_back(added.get());
+    added.release();
+  }
+  return model;
+}
+
 class Mlnn final : public Contender {
  public:
-  Mlnn(const Network& network, std::size_t frames)
-      : pass_(model_),
+  // Bits: 0 for the model itself, of which the pass reads the weights.
+  Mlnn(const Network& network, std::size_t frames, int bits)
+      : model_(modelOf(network)),
         inputs_(static_cast<Eigen::Index>(network.inputs())),
         frames_(static_cast<Eigen::Index>(frames)) {
-    for (std::size_t i = 0; i < network.layers.size(); ++i) {
-      const DenseLayer& layer = network.layers[i];
-      auto added = std::make_unique<NNLayer>(static_cast<int>(layer.cols),
-                                             static_cast<int>(layer.rows), false);
-      std::copy(layer.weights.begin(), layer.weights.end(), added->weights.data());
-      std::copy(layer.bias.begin(), layer.bias.end(), added->bias.data());
-      added->actFn = activationOf(network, i);
-      model_.layers.push_back(added.get());
-      added.release();
+    if (bits == 0) {
+      pass_.reset(model_->createFwdPass());
+    } else {
+      pass_ = CodedFwdPass::create(*model_, bits);
+      model_.reset();
     }
   }
 
   // Peers write to the caller's memory straight away, so this copy is a handicap of ours.
   void run(const float* x, float* y) override {
-    pass_.evaluate(Eigen::Map<const Eigen::MatrixXf>(x, inputs_, frames_), outputs_);
+    pass_->evaluate(Eigen::Map<const Eigen::MatrixXf>(x, inputs_, frames_), outputs_);
     std::copy(outputs_.data(), outputs_.data() + outputs_.size(), y);
   }
 
  private:
-  MultiLayerNNModel model_;
-  NNFwdPassFromFile pass_;
+  std::unique_ptr<MultiLayerNNModel> model_;
+  std::unique_ptr<FwdPass> pass_;
   Eigen::MatrixXf outputs_;
   Eigen::Index inputs_;
   Eigen::Index frames_;
@@ -50,7 +63,29 @@ class Mlnn final : public Contender {
 }  // namespace
 
 ContenderPtr makeMlnn(const Network& network, std::size_t frames) {
-  return std::make_unique<Mlnn>(network, frames);
+  return std::make_unique<Mlnn>(network, frames, 0);
+}
+
+ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames) {
+  return std::make_unique<Mlnn>(network, frames, 8);
+}
+
+ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames) {
+  return std::make_unique<Mlnn>(network, frames, 4);
+}
+
+Network reduced(const Network& network, int bits) {
+  const auto model = modelOf(network);
+  model->retainPrecisionBits(bits);
+  Network result = network;
+  for (std::size_t i = 0; i < result.layers.size(); ++i) {
+    const NNLayer& layer = *model->layers[i];
+    std::copy(layer.weights.data(), layer.weights.data() + layer.weights.size(),
+              result.layers[i].weights.begin());
+    std::copy(layer.bias.data(), layer.bias.data() + layer.bias.size(),
+              result.layers[i].bias.begin());
+  }
+  return result;
 }
 
 void finishLayer(const Network& network, std::size_t layer, std::size_t frames, float* y) {
