@@ -34,7 +34,7 @@ CommandHelp help() {
       "`mlnn fold`). Working memory is what a forward pass keeps beside the model when it is "
       "given\n"
       "one frame at a time. The files are those that `mlnn convert` makes, the text with nine\n"
-      "digits.\n"
+      "digits. Codes are what `mlnn run --bits` holds; layers of few weights stay as they are.\n"
       "\n"
       "The time is measured on this machine with this build: the processor time of one frame a\n"
       "call, median over many runs after a warm-up, over random input vectors and with the\n"
@@ -51,6 +51,13 @@ CommandHelp help() {
   return help;
 }
 
+// What forward passes over codes need.
+struct CodedSizes {
+  std::size_t layers;  // of the model
+  CodedSize ofEightBits;
+  CodedSize ofFourBits;
+};
+
 // --- Text ---
 
 void printField(const std::string& name, const std::string& value) {
@@ -66,8 +73,13 @@ std::string fileText(const std::optional<uint64_t>& bytes) {
 
 std::string microseconds(double seconds) { return generalNumber(seconds * 1e6, kDigits); }
 
-void printText(const ModelBudget& budget, const FileSizes& files, const FrameTime& time,
-               double rate) {
+std::string codesText(const CodedSize& size, std::size_t layers) {
+  return bytesText(size.bytes) + " in place of what a forward pass reads, " +
+         std::to_string(size.codedLayers) + " of " + counted(layers, "layer") + " coded";
+}
+
+void printText(const ModelBudget& budget, const CodedSizes& codes, const FileSizes& files,
+               const FrameTime& time, double rate) {
   printField("parameters", bytesText(budget.parameterBytes) + ", of which a forward pass reads " +
                                std::to_string(budget.readBytes));
   printField("working memory", bytesText(budget.workingBytes) + " for a forward pass");
@@ -75,6 +87,8 @@ void printText(const ModelBudget& budget, const FileSizes& files, const FrameTim
   printField("text file", fileText(files.text));
   printField("multiply-adds", std::to_string(budget.multiplyAdds) + " a frame");
   printField("activations", std::to_string(budget.activations) + " a frame");
+  printField("codes of 8 bits", codesText(codes.ofEightBits, codes.layers));
+  printField("codes of 4 bits", codesText(codes.ofFourBits, codes.layers));
   printField("time", microseconds(time.median) + " us a frame (median; fastest " +
                          microseconds(time.fastest) + ", slowest " + microseconds(time.slowest) +
                          ", " + counted(time.frames, "frame") + ")");
@@ -86,8 +100,12 @@ void printText(const ModelBudget& budget, const FileSizes& files, const FrameTim
 
 Json fileJson(const std::optional<uint64_t>& bytes) { return bytes ? Json(*bytes) : Json(); }
 
-Json budgetJson(const std::string& name, const ModelBudget& budget, const FileSizes& files,
-                const FrameTime& time, double rate) {
+Json codesJson(const CodedSize& size) {
+  return {{"bytes", size.bytes}, {"coded_layers", size.codedLayers}};
+}
+
+Json budgetJson(const std::string& name, const ModelBudget& budget, const CodedSizes& codes,
+                const FileSizes& files, const FrameTime& time, double rate) {
   return {{"file", name},
           {"parameter_bytes", budget.parameterBytes},
           {"read_bytes", budget.readBytes},
@@ -96,6 +114,8 @@ Json budgetJson(const std::string& name, const ModelBudget& budget, const FileSi
           {"text_bytes", fileJson(files.text)},
           {"multiply_adds", budget.multiplyAdds},
           {"activations", budget.activations},
+          {"codes_of_8_bits", codesJson(codes.ofEightBits)},
+          {"codes_of_4_bits", codesJson(codes.ofFourBits)},
           {"time",
            {{"median_seconds", time.median},
             {"fastest_seconds", time.fastest},
@@ -109,12 +129,14 @@ int run(const Options& options) {
   ModelFile file = loadModel(options.model, options.load);
   const FrameTime time = timeFrames(file.model, options.seconds);
   const ModelBudget budget = budgetOf(file.model);
+  const CodedSizes codes{file.model.layers.size(), codedSizeOf(file.model, 8),
+                         codedSizeOf(file.model, 4)};
   const FileSizes files = fileSizesOf(file.model);
   if (options.json) {
-    const Json json = budgetJson(file.name, budget, files, time, options.rate);
+    const Json json = budgetJson(file.name, budget, codes, files, time, options.rate);
     mlnn::printJson(json);
   } else {
-    printText(budget, files, time, options.rate);
+    printText(budget, codes, files, time, options.rate);
   }
   return kDone;
 }

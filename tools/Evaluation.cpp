@@ -43,11 +43,16 @@ std::vector<std::string> splitAtCommas(const std::string& text) {
 Eigen::MatrixXf evaluateFrames(MultiLayerNNModel& model, const Eigen::MatrixXf& frames,
                                const Inputs& inputs, Progress& progress) {
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
-  Eigen::MatrixXf outputs(model.numOutputs(), frames.cols());
+  return evaluateFrames(*pass, frames, inputs, progress);
+}
+
+Eigen::MatrixXf evaluateFrames(FwdPass& pass, const Eigen::MatrixXf& frames, const Inputs& inputs,
+                               Progress& progress) {
+  Eigen::MatrixXf outputs(pass.numOutputs(), frames.cols());
   Eigen::MatrixXf blockOutputs;
   Index done = 0;
   inputs.forEachBlock(frames, [&](const Eigen::Ref<const Eigen::MatrixXf>& block) {
-    if (pass->evaluate(block, blockOutputs) != 0) throw Failure("the model cannot be run");
+    if (pass.evaluate(block, blockOutputs) != 0) throw Failure("the model cannot be run");
     outputs.middleCols(done, block.cols()) = blockOutputs;
     done += block.cols();
     progress.advance(static_cast<std::size_t>(block.cols()));

@@ -17,6 +17,10 @@ namespace mlnn {
 Eigen::MatrixXf evaluateFrames(MultiLayerNNModel& model, const Eigen::MatrixXf& frames,
                                const Inputs& inputs, Progress& progress);
 
+// The same by a forward pass over the model that the inputs are for.
+Eigen::MatrixXf evaluateFrames(FwdPass& pass, const Eigen::MatrixXf& frames, const Inputs& inputs,
+                               Progress& progress);
+
 // Returns the row of the largest value, the first where several are; -1 when any is NaN.
 Eigen::Index bestClass(const Eigen::Ref<const Eigen::VectorXf>& outputs);
 

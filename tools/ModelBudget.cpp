@@ -1,8 +1,10 @@
 #include "tools/ModelBudget.h"
 
+#include <memory>
 #include <ostream>
 #include <streambuf>
 
+#include "inference/CodedFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
@@ -87,6 +89,12 @@ ModelBudget budgetOf(const MultiLayerNNModel& model) {
   budget.workingBytes = NNFwdPassFromFile::workingBytes(model, 1);
   if (model.useSoftmax) budget.activations += static_cast<uint64_t>(model.numOutputs());
   return budget;
+}
+
+CodedSize codedSizeOf(const MultiLayerNNModel& model, int bits) {
+  const std::unique_ptr<CodedFwdPass> pass = CodedFwdPass::create(model, bits);
+  if (pass == nullptr) throw Failure("the model cannot be run");
+  return {pass->weightBytes(), pass->numCodedLayers()};
 }
 
 FileSizes fileSizesOf(const MultiLayerNNModel& model) {

@@ -26,6 +26,16 @@ struct ModelBudget {
 
 ModelBudget budgetOf(const MultiLayerNNModel& model);
 
+// What a forward pass over codes holds in place of the model's arrays.
+struct CodedSize {
+  uint64_t bytes = 0;
+  std::size_t codedLayers = 0;  // the others hold floats
+};
+
+// REQUIRES: bits is 1 to 8.
+// Throws: Failure, after the forward pass's own message, when the model cannot be run.
+CodedSize codedSizeOf(const MultiLayerNNModel& model, int bits);
+
 // The sizes of the files that `mlnn convert` makes of a model: an image, and a text with nine
 // digits. Nothing where the format has no way to write the model.
 struct FileSizes {

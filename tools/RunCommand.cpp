@@ -2,8 +2,10 @@
 
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <set>
 
+#include "inference/CodedFwdPass.h"
 #include "tools/Escape.h"
 #include "tools/Evaluation.h"
 #include "tools/Failure.h"
@@ -29,6 +31,7 @@ struct Options {
   std::string trace;
   bool stacked = false;
   bool json = false;
+  int bits = 0;  // of the weights; 0 for the model itself
   LoadOptions load;
 };
 
@@ -61,7 +64,10 @@ CommandHelp help() {
       "it is a folder, each result goes into that folder under the name of its FRAMES.\n"
       "\n"
       "DIR gets a file for each stage: inputs, layer-K-affine and layer-K (before and after the\n"
-      "activation), outputs; see `mlnn compare`. For several FRAMES each has a folder in DIR.";
+      "activation), outputs; see `mlnn compare`. For several FRAMES each has a folder in DIR.\n"
+      "\n"
+      "With --bits the weights are held as codes of so many bits, and the results are those of\n"
+      "`mlnn reduce` with as many.";
   help.examples =
       "mlnn run model.txt word.npy\n"
       "mlnn run model.mlnn word.npy -o posteriors.npy\n"
@@ -140,15 +146,27 @@ void makeFolder(const std::string& name) {
   }
 }
 
-Eigen::MatrixXf evaluate(MultiLayerNNModel& model, const Options& options, const Job& job,
-                         Progress& progress) {
+// The forward pass that the options ask for.
+std::unique_ptr<FwdPass> passOver(MultiLayerNNModel& model, const Options& options) {
+  std::unique_ptr<FwdPass> pass;
+  if (options.bits == 0) {
+    pass.reset(model.createFwdPass());
+  } else {
+    pass = CodedFwdPass::create(model, options.bits);
+  }
+  if (pass == nullptr) throw Failure("the model cannot be run");
+  return pass;
+}
+
+Eigen::MatrixXf evaluate(MultiLayerNNModel& model, FwdPass& pass, const Options& options,
+                         const Job& job, Progress& progress) {
   const Eigen::MatrixXf frames = readRecording(job.frames);
   const Inputs inputs =
       Inputs::forFrames(model, frames.rows(), options.stacked, inputName(job.frames));
   const auto length = static_cast<std::size_t>(frames.cols());
   progress.beginPart(escaped(job.frames), job.trace.empty() ? length : 2 * length);
   if (!job.trace.empty()) writeTrace(model, inputs, frames, job.trace, progress);
-  return evaluateFrames(model, frames, inputs, progress);
+  return evaluateFrames(pass, frames, inputs, progress);
 }
 
 // What the jobs of a command line have found, told as they are done or, as JSON, at the end.
@@ -191,11 +209,12 @@ class Report {
 
 int runJobs(const std::vector<Job>& jobs, const Options& options, MultiLayerNNModel& model) {
   int status = kDone;
+  const std::unique_ptr<FwdPass> pass = passOver(model, options);
   Report report(options, model);
   Progress progress(jobs.size());
   for (const Job& job : jobs) {
     try {
-      const Eigen::MatrixXf outputs = evaluate(model, options, job, progress);
+      const Eigen::MatrixXf outputs = evaluate(model, *pass, options, job, progress);
       if (!job.out.empty()) writeFrames(job.out, outputs);
       if (job.out.empty()) progress.hide();  // both may go to the same terminal
       report.add(job, outputs);
@@ -215,6 +234,9 @@ void checkUsage(const Options& options) {
   refuseSecondStandardInput(inputs);
   if (options.json && options.out == kStandardStream) {
     throw UsageError("the JSON goes to standard output, so OUT cannot go there too");
+  }
+  if (options.bits != 0 && !options.trace.empty()) {
+    throw UsageError("a trace shows the model itself, so --trace does not go with --bits");
   }
 }
 
@@ -241,6 +263,9 @@ void addRunCommand(Tool& tool) {
       ->type_name("DIR");
   command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
   command.add_flag("--json", options->json, "Print the classes as JSON");
+  command.add_option("--bits", options->bits, "Hold the weights as codes of so many bits")
+      ->check(CLI::Range(CodedFwdPass::kMinBits, CodedFwdPass::kMaxBits))
+      ->type_name("BITS");
   addLoadOptions(command, options->load);
 }
 

@@ -39,6 +39,8 @@ TEST(BudgetCommandTest, printsWhatAModelNeeds) {
       "text file         [0-9]+ bytes\n"
       "multiply-adds     6 a frame\n"
       "activations       2 a frame\n"
+      "codes of 8 bits   32 bytes in place of what a forward pass reads, 0 of 1 layer coded\n"
+      "codes of 4 bits   32 bytes in place of what a forward pass reads, 0 of 1 layer coded\n"
       "time              " +
       number + " us a frame \\(median; fastest " + number + ", slowest " + number +
       ", [0-9]+ frames\\)\n"

@@ -11,6 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using mlnn::test::contentOf;
+using mlnn::test::runTool;
 using mlnn::test::ToolResult;
 using Json = nlohmann::json;
 
@@ -228,6 +229,26 @@ TEST_F(RunCommandTest, refusesResultsThatWouldBeLost) {
   }
   EXPECT_EQ(contentOf(folder_.path("frames.txt")), "1\n2\n3\n");
   EXPECT_FALSE(fs::exists(folder_.path("results")));
+}
+
+TEST_F(RunCommandTest, takesAsFewBitsAsAskedFor) {
+  ASSERT_EQ(runTool({"new", "300,400,3", "large"}, "", folder_.path()).status, 0);
+  ASSERT_EQ(runTool({"reduce", "large", "reduced", "--bits", "5"}, "", folder_.path()).status, 0);
+  std::string frame = "0.5";
+  for (int i = 1; i < 300; ++i) frame += i % 3 == 0 ? " 1" : " -0.25";
+  const ToolResult coded = run({"large", "-", "--bits", "5", "-o", "-"}, frame + "\n");
+  EXPECT_EQ(coded.status, 0);
+  EXPECT_EQ(coded.err, "");
+  EXPECT_EQ(coded.out, run({"reduced", "-", "-o", "-"}, frame + "\n").out);
+  EXPECT_NE(coded.out, run({"large", "-", "-o", "-"}, frame + "\n").out);
+}
+
+TEST_F(RunCommandTest, refusesBitsThatNoCodeHas) {
+  for (const std::string bits : {"0", "9", "-1", "x"}) {
+    EXPECT_EQ(run({"pair", "frames.txt", "--bits", bits}).status, 2) << bits;
+  }
+  expectRefused({"pair", "frames.txt", "--bits", "8", "--trace", "traced"}, 2,
+                "ERROR: a trace shows the model itself, so --trace does not go with --bits\n");
 }
 
 TEST_F(RunCommandTest, saysWhyAFolderCannotBeMade) {
