@@ -15,10 +15,11 @@ namespace mlnn {
 
 class CodedLayers final : public LayerSource {
  public:
-  CodedLayers(const MultiLayerNNModel& model, const PrecisionGrid& grid, int bits)
+  CodedLayers(const MultiLayerNNModel& model, const PrecisionGrid& grid, int bits,
+              std::size_t fewest)
       : endsInSoftmax_(model.useSoftmax) {
     layers_.reserve(model.layers.size());
-    for (const NNLayer* layer : model.layers) layers_.emplace_back(*layer, grid, bits);
+    for (const NNLayer* layer : model.layers) layers_.emplace_back(*layer, grid, bits, fewest);
   }
 
   std::size_t count() const override { return layers_.size(); }
@@ -32,7 +33,9 @@ class CodedLayers final : public LayerSource {
   bool endsInSoftmax_;
 };
 
-std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& model, int bits) {
+std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& model, int bits,
+                                                   CodesFor codesFor) {
+  constexpr std::size_t kStreaming = kSecondLevelBytes / sizeof(float);
   constexpr char kCreate[] = "CodedFwdPass::create";
   if (bits < kMinBits || bits > kMaxBits) {
     std::cerr << "ERROR: " << kCreate << ": bits must be " << kMinBits << " to " << kMaxBits
@@ -41,7 +44,8 @@ std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& mode
   }
   if (!canBeEvaluated(model, kCreate)) return nullptr;
   const ValueRange range = parameterRange(model.layers).value_or(ValueRange{0.0f, 0.0f});
-  auto layers = std::make_unique<CodedLayers>(model, PrecisionGrid(range, bits), bits);
+  auto layers = std::make_unique<CodedLayers>(model, PrecisionGrid(range, bits), bits,
+                                              codesFor == CodesFor::kSpeed ? kStreaming : 1);
   return std::unique_ptr<CodedFwdPass>(new CodedFwdPass(std::move(layers)));
 }
 

@@ -15,14 +15,18 @@ namespace mlnn {
 
 class CodedLayers;
 
+// Which layers are held as codes: those that run faster so, which are large ones; or all for which
+// it saves half of the memory or more.
+enum class CodesFor { kSpeed, kMemory };
+
 // Gives to the bit what NNFwdPassFromFile gives for the model after retainPrecisionBits: the
 // weights have the same grid and lie on the same points, and the sums have the same order.
 //
 // Holds its own copy of what it needs; it does not follow later changes of the model, which may
 // even be gone. A layer's weights take one byte each, or half a byte for up to 4 bits, in panels
-// of 64 outputs of which the last is filled up. Layers of few weights (below 65536), and those
-// where codes would not halve the memory or cannot say what the grid made of the weights, stay
-// float; weightBytes() counts what there is.
+// of 64 outputs of which the last is filled up. Layers where codes would not halve the memory or
+// cannot say what the grid made of the weights stay float, and for the sake of speed so do those
+// of less than 2^18 weights, which floats are quick to read of; weightBytes() counts what there is.
 //
 // Thread-safety: one object serves one thread at a time.
 class CodedFwdPass : public FwdPass {
@@ -33,7 +37,8 @@ class CodedFwdPass : public FwdPass {
   // Makes a forward pass over codes of `bits` bits. The model stays as it is.
   // Returns: null, after an error line, when `bits` is not kMinBits to kMaxBits, or the model
   // has no layers or has one that does not fit.
-  static std::unique_ptr<CodedFwdPass> create(const MultiLayerNNModel& model, int bits);
+  static std::unique_ptr<CodedFwdPass> create(const MultiLayerNNModel& model, int bits,
+                                              CodesFor codesFor = CodesFor::kSpeed);
 
   ~CodedFwdPass() override;
 

@@ -9,9 +9,6 @@ namespace {
 
 constexpr int kHalfByteBits = 4;
 
-// Fewer weights are quicker to read than to decode: they stay in the nearer caches.
-constexpr std::size_t kFewWeights = std::size_t{1} << 16;
-
 bool areSame(float a, float b) {
   return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
 }
@@ -39,31 +36,36 @@ std::size_t bytesOf(const std::vector<T>& values) {
 
 }  // namespace
 
-CodedLayer::CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits)
+CodedLayer::CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits,
+                       std::size_t fewest)
     : rows_(static_cast<std::size_t>(layer.weights.rows())),
       cols_(static_cast<std::size_t>(layer.weights.cols())),
       actFn_(layer.actFn),
       scale_(layer.isBatchNorm ? valuesOf(layer.gamma_inf) : std::vector<float>()),
       shift_(valuesOf(layer.isBatchNorm ? layer.beta_inf : layer.bias)) {
   if (!layer.isBatchNorm) grid.snap(shift_.data(), shift_.size());
-  if (!encode(layer, grid, bits)) keepFloats(layer, grid);
-}
-
-// Returns whether all weights have codes, and it pays to use them.
-bool CodedLayer::encode(const NNLayer& layer, const PrecisionGrid& grid, int bits) {
   coded_.areHalfBytes = bits <= kHalfByteBits;
   coded_.origin = grid.origin;
   coded_.step = grid.step;
-  const std::size_t panels = (rows_ + kCodedPanelRows - 1) / kCodedPanelRows;
-  const std::size_t panelBytes = cols_ * coded_.columnBytes();
-  const std::size_t weights = rows_ * cols_;
-  if (weights < kFewWeights || panels * panelBytes > weights * sizeof(float) / 2) return false;
+  if (!pays(fewest) || !encode(layer, grid)) keepFloats(layer, grid);
+}
 
+std::size_t CodedLayer::panels() const { return (rows_ + kCodedPanelRows - 1) / kCodedPanelRows; }
+
+bool CodedLayer::pays(std::size_t fewest) const {
+  const std::size_t weights = rows_ * cols_;
+  const std::size_t bytes = panels() * cols_ * coded_.columnBytes();
+  return weights >= fewest && bytes <= weights * sizeof(float) / 2;
+}
+
+// Returns whether all weights have codes.
+bool CodedLayer::encode(const NNLayer& layer, const PrecisionGrid& grid) {
+  const std::size_t panelBytes = cols_ * coded_.columnBytes();
   const std::size_t codeCount = coded_.areHalfBytes ? 16 : 256;
   for (std::size_t point = 0; point < codeCount; ++point) values_.push_back(valueOf(grid, point));
   coded_.lastValue = valueOf(grid, codeCount);
-  codes_.resize(panels * panelBytes);
-  for (std::size_t panel = 0; panel < panels; ++panel) {
+  codes_.resize(panels() * panelBytes);
+  for (std::size_t panel = 0; panel < panels(); ++panel) {
     lastOf_.push_back(last_.size());
     const std::size_t row = panel * kCodedPanelRows;
     const std::size_t rows = std::min(kCodedPanelRows, rows_ - row);

@@ -17,11 +17,11 @@ namespace mlnn {
 // and weights were snapped to the grid.
 class CodedLayer {
  public:
-  // Codes the weights of a layer, unless they are few, or codes would take more than half of
-  // the memory, or a snapped weight is not one of the grid's 2^bits + 1 points (where the range
-  // is not finite, say). Then it holds the snapped weights themselves.
+  // Codes the weights of a layer, unless they are fewer than `fewest`, or codes would take more
+  // than half of the memory, or a snapped weight is not one of the grid's 2^bits + 1 points (where
+  // the range is not finite, say). Then it holds the snapped weights themselves.
   // REQUIRES: bits is 1 to 8; `grid` has as many; the layer fits its arrays.
-  CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits);
+  CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits, std::size_t fewest);
 
   CodedLayer(CodedLayer&&) = default;
   CodedLayer& operator=(CodedLayer&&) = default;
@@ -35,7 +35,9 @@ class CodedLayer {
   std::size_t bytes() const;
 
  private:
-  bool encode(const NNLayer& layer, const PrecisionGrid& grid, int bits);
+  std::size_t panels() const;
+  bool pays(std::size_t fewest) const;
+  bool encode(const NNLayer& layer, const PrecisionGrid& grid);
   bool encodeColumn(const float* weights, std::size_t rows, std::size_t input, uint8_t* codes,
                     const PrecisionGrid& grid);
   void keepFloats(const NNLayer& layer, const PrecisionGrid& grid);

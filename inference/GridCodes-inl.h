@@ -32,8 +32,8 @@ class Decoder {
   // Two vectors of codes out of the halves of bytes.
   HWY_INLINE void halves(const uint8_t* codes, Vec& low, Vec& high) const {
     const auto both = load(codes);
-    low = weights(hn::And(both, hn::Set(IntTag(), 15)));
-    high = weights(hn::ShiftRight<4>(both));
+    low = halfByteWeights(hn::And(both, hn::Set(IntTag(), 15)));
+    high = halfByteWeights(hn::ShiftRight<4>(both));
   }
 
  private:
@@ -51,6 +51,16 @@ class Decoder {
     return hn::MulAdd(step_, hn::ConvertTo(Tag(), codes), origin_);
 #else
     return hn::GatherIndex(Tag(), values_, codes);
+#endif
+  }
+
+  // A vector of 16 lanes holds all values of half a byte.
+  HWY_INLINE Vec halfByteWeights(Ints codes) const {
+#if HWY_TARGET == HWY_AVX3
+    const Vec table = hn::LoadU(Tag(), values_);
+    return hn::TableLookupLanes(table, hn::Indices512<float>{codes.raw});
+#else
+    return weights(codes);
 #endif
   }
 

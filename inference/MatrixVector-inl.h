@@ -7,6 +7,9 @@
 #define MLNN_MATRIX_VECTOR_INL_H
 #endif
 
+#include <algorithm>
+#include <cstdint>
+
 #include "inference/Activations-inl.h"
 #include "inference/GridCodes-inl.h"
 #include "inference/LayerView.h"
@@ -16,8 +19,10 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
-// A row panel is as many vectors of rows, with all inputs walked before the next one.
+// A row panel is as many vectors of rows, with all inputs walked before the next one. One more
+// where that keeps the others from crossing cache lines.
 constexpr int kPanelVectors = kLanes >= 16 ? 16 : 8;
+constexpr int kMaxPanelVectors = kPanelVectors + 1;
 
 // A sweep takes so many columns at a time, and so many vectors of rows in each of them.
 constexpr std::size_t kSweepColumns = 8;
@@ -39,97 +44,144 @@ HWY_INLINE void storeRow(Vec v, float* column, int r, std::size_t lastLanes) {
   hn::StoreU(v, Tag(), to);
 }
 
-// B consecutive chains of R vectors of rows at once; the last chain has `last` inputs, the
-// others `length`. Adds the chains to y in their order; the very first is put there.
-template <bool kPartial, int R, int B>
-HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, std::size_t length,
-                            std::size_t last, bool isFirst, float* y, std::size_t lastLanes) {
-  const Tag d;
-  Vec acc[B][R];
-  HWY_UNROLL(16)
+// Where the R vectors of a panel begin: the first and the last one at its ends, the others one
+// behind the other. Rows where two of them overlap are computed by both, to the same bits.
+struct PanelRows {
+  std::size_t second;
+  std::size_t last;
+
+  template <int R>
+  HWY_INLINE std::size_t of(int r) const {
+    if (r == 0) return 0;
+    return r == R - 1 ? last : second + static_cast<std::size_t>(r - 1) * kLanes;
+  }
+  template <int R>
+  HWY_INLINE Vec load(const float* column, int r) const {
+    return hn::LoadU(Tag(), column + of<R>(r));
+  }
+  template <int R>
+  HWY_INLINE void store(Vec v, float* column, int r) const {
+    hn::StoreU(v, Tag(), column + of<R>(r));
+  }
+};
+
+// A panel of fewer rows than a vector has lanes.
+struct FewRows {
+  std::size_t count;
+
+  template <int R>
+  HWY_INLINE Vec load(const float* column, int) const {
+    return loadPart(column, count);
+  }
+  template <int R>
+  HWY_INLINE void store(Vec v, float* column, int) const {
+    storePart(v, column, count);
+  }
+};
+
+// One input of B consecutive chains, which are `chainStride` apart in the weights.
+template <int R, int B, int kChains, typename Rows>
+HWY_INLINE void panelStep(const float* w, std::size_t chainStride, const float* x,
+                          std::size_t length, const Rows& rows, Vec (&acc)[kChains][R]) {
+  HWY_UNROLL(17)
   for (int b = 0; b < B; ++b) {
-    HWY_UNROLL(16)
-    for (int r = 0; r < R; ++r) acc[b][r] = hn::Zero(d);
-  }
-  for (std::size_t k = 0; k < last; ++k) {
-    HWY_UNROLL(16)
-    for (int b = 0; b < B; ++b) {
-      const std::size_t input = static_cast<std::size_t>(b) * length + k;
-      const Vec xk = hn::Set(d, x[input]);
-      HWY_UNROLL(16)
-      for (int r = 0; r < R; ++r) {
-        const Vec wk = loadRow<kPartial, R>(w + input * stride, r, lastLanes);
-        acc[b][r] = hn::MulAdd(wk, xk, acc[b][r]);
-      }
+    const Vec xk = hn::Set(Tag(), x[static_cast<std::size_t>(b) * length]);
+    const float* column = w + static_cast<std::size_t>(b) * chainStride;
+    HWY_UNROLL(17)
+    for (int r = 0; r < R; ++r) {
+      acc[b][r] = hn::MulAdd(rows.template load<R>(column, r), xk, acc[b][r]);
     }
-  }
-  for (std::size_t k = last; B > 1 && k < length; ++k) {
-    HWY_UNROLL(16)
-    for (int b = 0; b + 1 < B; ++b) {
-      const std::size_t input = static_cast<std::size_t>(b) * length + k;
-      const Vec xk = hn::Set(d, x[input]);
-      HWY_UNROLL(16)
-      for (int r = 0; r < R; ++r) {
-        const Vec wk = loadRow<kPartial, R>(w + input * stride, r, lastLanes);
-        acc[b][r] = hn::MulAdd(wk, xk, acc[b][r]);
-      }
-    }
-  }
-  HWY_UNROLL(16)
-  for (int r = 0; r < R; ++r) {
-    Vec sum = isFirst ? acc[0][r] : hn::Add(loadRow<kPartial, R>(y, r, lastLanes), acc[0][r]);
-    HWY_UNROLL(16)
-    for (int b = 1; b < B; ++b) sum = hn::Add(sum, acc[b][r]);
-    storeRow<kPartial, R>(sum, y, r, lastLanes);
   }
 }
 
-// All inputs for R vectors of rows.
-template <bool kPartial, int R>
-void rowPanel(const LayerView& layer, const float* w, const float* x, float* y,
-              std::size_t lastLanes) {
-  constexpr int kAtOnce = R >= 8 ? 1 : R >= 4 ? 2 : R >= 2 ? 4 : 8;
-  const std::size_t length = chainLength(layer.rows);
-  std::size_t at = 0;
-  while (at < layer.cols) {
-    const std::size_t left = layer.cols - at;
-    const float* from = w + at * layer.rows;
-    if (kAtOnce > 1 && left > length * (kAtOnce - 1)) {
-      const std::size_t rest = left - length * (kAtOnce - 1);
-      panelChains<kPartial, R, kAtOnce>(from, layer.rows, x + at, length,
-                                        rest < length ? rest : length, at == 0, y, lastLanes);
-      at += length * kAtOnce;
-    } else {
-      panelChains<kPartial, R, 1>(from, layer.rows, x + at, length, left < length ? left : length,
-                                  at == 0, y, lastLanes);
-      at += length;
+// B consecutive chains of R vectors of rows at once; the last chain has `last` inputs, the
+// others `length`. Adds the chains to y in their order; the very first is put there.
+template <int R, int B, typename Rows>
+HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, std::size_t length,
+                            std::size_t last, bool isFirst, float* y, const Rows& rows) {
+  const std::size_t chainStride = length * stride;
+  Vec acc[B][R];
+  HWY_UNROLL(17)
+  for (int b = 0; b < B; ++b) {
+    HWY_UNROLL(17)
+    for (int r = 0; r < R; ++r) acc[b][r] = hn::Zero(Tag());
+  }
+  std::size_t k = 0;
+  for (; k < last; ++k, w += stride) panelStep<R, B>(w, chainStride, x + k, length, rows, acc);
+  if constexpr (B > 1) {
+    for (; k < length; ++k, w += stride) {
+      panelStep<R, B - 1>(w, chainStride, x + k, length, rows, acc);
     }
+  }
+  HWY_UNROLL(17)
+  for (int r = 0; r < R; ++r) {
+    if (!isFirst) acc[0][r] = hn::Add(rows.template load<R>(y, r), acc[0][r]);
+    HWY_UNROLL(17)
+    for (int b = 1; b < B; ++b) acc[0][r] = hn::Add(acc[0][r], acc[b][r]);
+  }
+  HWY_UNROLL(17)
+  for (int r = 0; r < R; ++r) rows.template store<R>(acc[0][r], y, r);
+}
+
+// The next chains, B at once if there are so many. Returns the inputs that they take.
+template <int R, int B, typename Rows>
+HWY_INLINE std::size_t nextChains(const LayerView& layer, std::size_t at, const float* w,
+                                  const float* x, float* y, const Rows& rows) {
+  const std::size_t length = chainLength(layer.rows);
+  const std::size_t left = layer.cols - at;
+  if constexpr (B > 1) {
+    if (left <= length * (B - 1)) return nextChains<R, B / 2>(layer, at, w, x, y, rows);
+  }
+  const std::size_t last = std::min(left - length * (B - 1), length);
+  panelChains<R, B>(w + at * layer.rows, layer.rows, x + at, length, last, at == 0, y, rows);
+  return length * (B - 1) + last;
+}
+
+// All inputs for R vectors of rows.
+template <int R, typename Rows>
+void rowPanel(const LayerView& layer, const float* w, const float* x, float* y, const Rows& rows) {
+  constexpr int kAtOnce = R >= 8 ? 1 : R >= 4 ? 2 : R >= 2 ? 4 : 8;
+  for (std::size_t at = 0; at < layer.cols;) {
+    at += nextChains<R, kAtOnce>(layer, at, w, x, y, rows);
   }
 }
 
 // Chooses the instance for `vectors` vectors of rows.
 template <int R>
 HWY_INLINE void rowPanelOf(int vectors, const LayerView& layer, const float* w, const float* x,
-                           float* y, std::size_t lastLanes) {
+                           float* y, const PanelRows& rows) {
   if constexpr (R > 1) {
-    if (vectors < R) return rowPanelOf<R - 1>(vectors, layer, w, x, y, lastLanes);
+    if (vectors < R) return rowPanelOf<R - 1>(vectors, layer, w, x, y, rows);
   }
-  if (lastLanes == kLanes) {
-    rowPanel<false, R>(layer, w, x, y, lastLanes);
-  } else {
-    rowPanel<true, R>(layer, w, x, y, lastLanes);
-  }
+  rowPanel<R>(layer, w, x, y, rows);
 }
 
-// Weights that stay in the processor's second-level cache: panel by panel.
+// Rows from the panel's first one to the first cache line that begins in it, where that is the
+// same in all columns and pays; else a whole vector.
+HWY_INLINE std::size_t rowsToCacheLine(const float* w, const LayerView& layer, std::size_t count) {
+  constexpr std::size_t kLine = 16;
+  constexpr std::size_t kFewVectors = 8;
+  const auto past = static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(w) / sizeof(float));
+  const std::size_t misplaced = past % kLine % kLanes;
+  const bool pays = kLanes == kLine && layer.rows % kLine == 0 && count >= kFewVectors * kLanes;
+  return pays && misplaced != 0 ? kLanes - misplaced : kLanes;
+}
+
+// Weights that stay in the processor's second-level cache: panel by panel. A last panel that has
+// less than a vector of rows begins in the one before it.
 void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   constexpr std::size_t kPanelRows = kPanelVectors * kLanes;
-  for (std::size_t row = 0; row < layer.rows; row += kPanelRows) {
-    const std::size_t left = layer.rows - row;
-    const std::size_t count = left < kPanelRows ? left : kPanelRows;
-    const std::size_t vectors = (count + kLanes - 1) / kLanes;
-    rowPanelOf<kPanelVectors>(static_cast<int>(vectors), layer, layer.weights + row, x, y + row,
-                              count - (vectors - 1) * kLanes);
+  if (layer.rows == 0) return;
+  if (layer.rows < kLanes) {
+    return rowPanel<1>(layer, layer.weights, x, y, FewRows{layer.rows});
+  }
+  for (std::size_t from = 0; from < layer.rows; from += kPanelRows) {
+    const std::size_t row = std::min(from, layer.rows - kLanes);
+    const std::size_t count = std::min(layer.rows - row, kPanelRows);
+    const float* w = layer.weights + row;
+    const PanelRows rows{rowsToCacheLine(w, layer, count), count - kLanes};
+    const std::size_t vectors = count == kLanes ? 1 : 2 + (count - rows.second - 1) / kLanes;
+    rowPanelOf<kMaxPanelVectors>(static_cast<int>(vectors), layer, w, x, y + row, rows);
   }
 }
 

@@ -23,6 +23,7 @@ using Eigen::Index;
 using Eigen::MatrixXf;
 using mlnn::CodedFwdPass;
 using mlnn::CodedLayer;
+using mlnn::CodesFor;
 using mlnn::test::batchNormLayer;
 using mlnn::test::foldedLayer;
 using mlnn::test::modelOf;
@@ -49,7 +50,7 @@ bool sameValues(const MatrixXf& a, const MatrixXf& b) {
 
 std::unique_ptr<CodedFwdPass> codedPass(const MultiLayerNNModel& model, int bits) {
   std::unique_ptr<CodedFwdPass> pass;
-  EXPECT_EQ(stderrOf([&] { pass = CodedFwdPass::create(model, bits); }), "");
+  EXPECT_EQ(stderrOf([&] { pass = CodedFwdPass::create(model, bits, CodesFor::kMemory); }), "");
   return pass;
 }
 
@@ -198,7 +199,7 @@ struct BothForms {
   BothForms(int inputs, int outputs, int bits)
       : model(modelOf({plainLayer(inputs, outputs, 1)})),
         coded(*model.layers[0], mlnn::PrecisionGrid(*mlnn::parameterRange(model.layers), bits),
-              bits) {
+              bits, 1) {
     stderrOf([&] { model.retainPrecisionBits(bits); });
     NNLayer& layer = *model.layers[0];
     floats = {layer.weights.data(),
@@ -268,12 +269,21 @@ TEST(CodedFwdPassMemory, isOneByteAWeightOrHalf) {
   }
 }
 
-TEST(CodedFwdPassMemory, smallLayersStayFloat) {
-  MultiLayerNNModel model = modelOf({plainLayer(120, 64, 1), plainLayer(64, 12, 2)});
-  const auto pass = codedPass(model, 8);
+TEST(CodedFwdPassMemory, smallLayersStayFloatForSpeed) {
+  MultiLayerNNModel model = modelOf({plainLayer(600, 256, 1), plainLayer(256, 40, 2)});
+  const auto pass = CodedFwdPass::create(model, 8);
   EXPECT_EQ(pass->numCodedLayers(), 0u);
-  EXPECT_EQ(pass->weightBytes(), sizeof(float) * (120 * 64 + 64 + 64 * 12 + 12));
-  expectSameAsReduced(model, 8, 0);
+  EXPECT_EQ(pass->weightBytes(), sizeof(float) * (600 * 256 + 256 + 256 * 40 + 40));
+  const MatrixXf inputs = someValues(600, 3, 5);
+  MatrixXf outputs;
+  ASSERT_EQ(pass->evaluate(inputs, outputs), 0);
+  EXPECT_TRUE(sameBits(outputs, reducedOutputs(model, 8, inputs)));
+  EXPECT_LT(codedPass(model, 8)->weightBytes(), pass->weightBytes() / 3);
+}
+
+TEST(CodedFwdPassMemory, largeLayersAreCodedForSpeed) {
+  const MultiLayerNNModel model = modelOf({plainLayer(512, 512, 1), plainLayer(512, 64, 2)});
+  EXPECT_EQ(CodedFwdPass::create(model, 8)->numCodedLayers(), 1u);
 }
 
 TEST(CodedFwdPassMemory, layersOfFewOutputsStayFloatWhereCodesDoNotPay) {

@@ -34,7 +34,7 @@ CommandHelp help() {
       "`mlnn fold`). Working memory is what a forward pass keeps beside the model when it is "
       "given\n"
       "one frame at a time. The files are those that `mlnn convert` makes, the text with nine\n"
-      "digits. Codes are what `mlnn run --bits` holds; layers of few weights stay as they are.\n"
+      "digits. Codes are what `mlnn run --bits` holds; layers where they save little stay.\n"
       "\n"
       "The time is measured on this machine with this build: the processor time of one frame a\n"
       "call, median over many runs after a warm-up, over random input vectors and with the\n"

@@ -92,7 +92,7 @@ ModelBudget budgetOf(const MultiLayerNNModel& model) {
 }
 
 CodedSize codedSizeOf(const MultiLayerNNModel& model, int bits) {
-  const std::unique_ptr<CodedFwdPass> pass = CodedFwdPass::create(model, bits);
+  const std::unique_ptr<CodedFwdPass> pass = CodedFwdPass::create(model, bits, CodesFor::kMemory);
   if (pass == nullptr) throw Failure("the model cannot be run");
   return {pass->weightBytes(), pass->numCodedLayers()};
 }

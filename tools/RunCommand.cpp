@@ -152,7 +152,7 @@ std::unique_ptr<FwdPass> passOver(MultiLayerNNModel& model, const Options& optio
   if (options.bits == 0) {
     pass.reset(model.createFwdPass());
   } else {
-    pass = CodedFwdPass::create(model, options.bits);
+    pass = CodedFwdPass::create(model, options.bits, CodesFor::kMemory);
   }
   if (pass == nullptr) throw Failure("the model cannot be run");
   return pass;
