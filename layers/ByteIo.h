@@ -1,5 +1,5 @@
 // ByteWriter and ByteReader — move 4-byte values between memory and a byte image by
-// memcpy, in the byte order of the host.
+// memcpy, in the byte order of the host. ByteSink — where bytes go piece by piece.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +32,15 @@ class ByteWriter {
  private:
   char* begin_;
   char* position_;
+};
+
+// Takes bytes piece by piece.
+class ByteSink {
+ public:
+  virtual void take(const void* bytes, std::size_t count) = 0;
+
+ protected:
+  ~ByteSink() = default;
 };
 
 // Reads one value after the other and knows how many bytes are left.

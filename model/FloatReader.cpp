@@ -80,6 +80,82 @@ const char* scan(const char* p, const char* end, Decimal& number) {
   return p == nullptr || p == end ? nullptr : p;
 }
 
+// --- Numbers of the usual lengths, eight characters at a time ---
+
+// Behind a number's start so many characters must be readable.
+constexpr std::ptrdiff_t kWindow = 32;
+
+// Eight characters as they stand in memory, the first one lowest, each digit as its value.
+struct Chunk {
+  explicit Chunk(const char* p) {
+    std::memcpy(&bytes, p, sizeof bytes);
+    bytes ^= 0x3030303030303030;
+  }
+
+  // Returns how many characters at the front are digits. What a character that is none carries
+  // over only falsifies those behind it.
+  unsigned digits() const {
+    const uint64_t others = ((bytes + 0x7676767676767676) | bytes) & uint64_t{0x8080808080808080};
+    return others == 0 ? 8 : static_cast<unsigned>(__builtin_ctzll(others)) / 8;
+  }
+
+  // Returns the number that the first `count` characters make.
+  // REQUIRES: they are digits; 0 < count <= 8.
+  uint64_t number(unsigned count) const {
+    uint64_t d = bytes << (64 - 8 * count);  // as many zeros come before as are missing
+    d = d * 10 + (d >> 8);
+    constexpr uint64_t kPairs = 0x000000FF000000FF;
+    return ((d & kPairs) * 0x000F424000000064 + ((d >> 16) & kPairs) * 0x0000271000000001) >> 32;
+  }
+
+  uint64_t bytes;
+};
+
+constexpr uint64_t kWholePowersOfTen[] = {1,      10,      100,      1000,     10000,
+                                          100000, 1000000, 10000000, 100000000};
+
+// Takes the digits behind a point. Returns the position behind them, or nullptr for more than
+// are usual.
+const char* takeFraction(const char* p, Decimal& number) {
+  const Chunk first(p);
+  const unsigned count = first.digits();
+  if (count == 0) return p;
+  number.mantissa = number.mantissa * kWholePowersOfTen[count] + first.number(count);
+  number.exponent = -static_cast<int>(count);
+  if (count < 8) return p + count;
+  const Chunk second(p + count);
+  const unsigned more = second.digits();
+  if (more == 0) return p + count;
+  if (number.digits + 8 + static_cast<int>(more) > kMaxDigits) return nullptr;
+  number.mantissa = number.mantissa * kWholePowersOfTen[more] + second.number(more);
+  number.exponent -= static_cast<int>(more);
+  return p + count + more;
+}
+
+// The same as scan() for [-]digits[.digits][exponent] with up to seven digits before the point
+// and not too many behind; nullptr for other forms, which are left to scan().
+// REQUIRES: kWindow characters from p on are readable.
+const char* scanUsual(const char* p, const char* end, Decimal& number) {
+  number.isNegative = *p == '-';
+  p += static_cast<std::ptrdiff_t>(number.isNegative);
+  if (isDigit(p[0]) && p[1] == '.') {  // the usual case; what follows need not wait for a count
+    number.mantissa = static_cast<uint64_t>(p[0] - '0');
+    number.digits = 1;
+    p += 1;
+  } else {
+    const Chunk whole(p);
+    const unsigned count = whole.digits();
+    if (count == 0 || count == 8) return nullptr;
+    number.mantissa = whole.number(count);
+    number.digits = static_cast<int>(count);
+    p += count;
+  }
+  if (*p == '.') p = takeFraction(p + 1, number);
+  return p == nullptr ? nullptr : scanExponent(p, end, number);
+}
+
+// --- Conversion ---
+
 // Powers of ten that a double holds exactly.
 constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                    1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
@@ -96,14 +172,16 @@ bool convertExactly(const Decimal& number, float& value) {
   if (number.mantissa > kMaxExactMantissa) return false;
   if (number.exponent < -kMaxPower || number.exponent > kMaxPower) return false;
   const auto mantissa = static_cast<double>(number.mantissa);
-  const double magnitude = number.exponent < 0 ? mantissa / kPowersOfTen[-number.exponent]
-                                               : mantissa * kPowersOfTen[number.exponent];
+  double magnitude = number.exponent < 0 ? mantissa / kPowersOfTen[-number.exponent]
+                                         : mantissa * kPowersOfTen[number.exponent];
   constexpr uint64_t kBelowFloat = (uint64_t{1} << 29) - 1;  // bits that a float lacks
   constexpr uint64_t kHalf = uint64_t{1} << 28;
   uint64_t bits;
   std::memcpy(&bits, &magnitude, sizeof bits);
   if ((bits & kBelowFloat) == kHalf) return false;
-  value = static_cast<float>(number.isNegative ? -magnitude : magnitude);
+  bits |= static_cast<uint64_t>(number.isNegative) << 63;  // no branch: signs are hard to predict
+  std::memcpy(&magnitude, &bits, sizeof bits);
+  value = static_cast<float>(magnitude);
   return true;
 }
 
@@ -111,7 +189,11 @@ bool convertExactly(const Decimal& number, float& value) {
 
 const char* parsePlainFloat(const char* text, const char* end, float& value) {
   Decimal number;
-  const char* const behind = scan(text, end, number);
+  const char* behind = end - text >= kWindow ? scanUsual(text, end, number) : nullptr;
+  if (behind == nullptr || behind == end) {
+    number = Decimal();
+    behind = scan(text, end, number);
+  }
   if (behind == nullptr) return nullptr;
   if (convertExactly(number, value)) return behind;
   float converted = 0;
@@ -144,7 +226,8 @@ std::size_t FloatReader::readBuffered(float* values, std::size_t count) {
   const char* taken = begin;
   std::size_t done = 0;
   while (done < count) {
-    const char* const text = std::find_if_not(taken, end, isSpace);
+    const char* text = taken;
+    while (text != end && isSpace(*text)) ++text;
     float value = 0;
     const char* const behind = parsePlainFloat(text, end, value);
     if (behind == nullptr || !isSpace(*behind)) break;

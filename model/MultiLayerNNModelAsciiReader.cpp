@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "features/string_split.h"
+#include "layers/HugePages.h"
 #include "model/FloatReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
@@ -81,16 +82,30 @@ void applyOption(DbnFeatureDescription& desc, const std::string& line) {
 
 template <typename Dense>
 void growRows(Dense& values, Index rows) {
-  Dense fresh = Dense::Zero(rows, values.cols());
-  fresh.topRows(values.rows()) = values;
+  Dense fresh(rows, values.cols());
+  mlnn::adviseHugePages(fresh.data(), static_cast<std::size_t>(fresh.size()) * sizeof(float));
+  const Index present = values.rows();
+  for (Index c = 0; c < values.cols(); ++c) {
+    fresh.col(c).head(present) = values.col(c);
+    fresh.col(c).tail(rows - present).setZero();
+  }
   values.swap(fresh);
 }
 
-// Makes room for row `r` of a layer that is to have `rows` rows, at least doubling it.
-void makeRoomForRow(NNLayer& layer, Index r, Index rows) {
+// Whether the stream says that it still has enough characters for so many numbers: of each a
+// digit and what divides it from the next.
+bool mayHold(std::istream& in, Index rows, Index valuesPerRow) {
+  constexpr std::streamsize kShortestNumber = 2;
+  return in.rdbuf()->in_avail() / kShortestNumber / std::max<Index>(valuesPerRow, 1) >= rows;
+}
+
+// Makes room for row `r`, which was just read, of a layer that is to have `rows` rows: for all
+// of them where the stream may hold them, else for twice as many as before.
+void makeRoomForRow(std::istream& in, NNLayer& layer, Index r, Index rows) {
   const Index present = layer.weights.rows();
   if (r < present) return;
-  const Index grown = present > rows / 2 ? rows : std::max(r + 1, 2 * present);
+  const bool isWhole = present > rows / 2 || mayHold(in, rows - r - 1, layer.weights.cols());
+  const Index grown = isWhole ? rows : std::max(r + 1, 2 * present);
   growRows(layer.bias, grown);
   growRows(layer.weights, grown);
   if (!layer.isBatchNorm) return;
@@ -377,7 +392,7 @@ void AsciiReader::readRows(NNLayer& layer, int rows, Index valuesPerRow, Store s
   for (Index r = 0; r < rows && in_; ++r) {
     row_.clear();
     row_.resize(readValues(row_, static_cast<std::size_t>(valuesPerRow)));
-    if (in_) makeRoomForRow(layer, r, rows);
+    if (in_) makeRoomForRow(in_, layer, r, rows);
     if (r < layer.weights.rows()) store(r);
   }
 }

@@ -1,29 +1,46 @@
 // The writer and reader of the binary image (docs/binary-format.md).
 #include <algorithm>
-#include <cstring>
 #include <iostream>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include "layers/ByteIo.h"
+#include "layers/HugePages.h"
 #include "layers/NNLayerRecord.h"
+#include "model/ImageReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
+#include "model/ModelImage.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace {
 
 constexpr int64_t kMaxImageLength = std::numeric_limits<int>::max();
 
-// Returns the length that an image of the model has or would have.
-int64_t imageLength(const MultiLayerNNModel& model) {
-  int64_t length = int64_t{mlnn::kHeadLengthWithoutNorm};
-  length += 4 * (int64_t{model.deltasNorm.minvals.size()} + model.deltasNorm.normvals.size());
+// How the layers' records store their weights, in stack order.
+using Plans = std::vector<mlnn::WeightsPlan>;
+
+Plans plansOf(const MultiLayerNNModel& model) {
+  Plans plans;
+  plans.reserve(model.layers.size());
   for (const NNLayer* layer : model.layers) {
-    const int record = mlnn::layerOrEmpty(layer).binarySerializedLength();
-    if (record < 0) return kMaxImageLength + 1;
-    length += record;
+    plans.push_back(mlnn::planRecord(mlnn::layerOrEmpty(layer)));
   }
-  return length;
+  return plans;
+}
+
+// Returns the length of the model's image; -1, after an error line, when an int cannot hold it.
+int imageLength(const MultiLayerNNModel& model, const Plans& plans) {
+  auto length = uint64_t{mlnn::kHeadLengthWithoutNorm};
+  length +=
+      sizeof(float) * uint64_t(model.deltasNorm.minvals.size() + model.deltasNorm.normvals.size());
+  for (std::size_t i = 0; i < plans.size(); ++i) {
+    length += mlnn::recordLength(mlnn::layerOrEmpty(model.layers[i]), plans[i]);
+  }
+  if (length <= uint64_t{kMaxImageLength}) return static_cast<int>(length);
+  std::cerr << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+  return -1;
 }
 
 void writeArray(mlnn::ByteWriter& writer, const Eigen::VectorXf& values) {
@@ -31,148 +48,118 @@ void writeArray(mlnn::ByteWriter& writer, const Eigen::VectorXf& values) {
   writer.floats(values.data(), static_cast<std::size_t>(values.size()));
 }
 
-// Reads an image from its fixed offsets; every step first makes sure that its field is there.
-class ImageReader {
+// What both ways of reading an image do with the model.
+class ModelReader : public mlnn::ImageReader {
  public:
-  ImageReader(const char* image, std::size_t length, MultiLayerNNModel& model)
-      : image_(image), length_(length), model_(model) {}
+  ModelReader(const char* head, std::size_t length, MultiLayerNNModel& model)
+      : ImageReader(head, length, model.featureDesc, model.deltasNorm), model_(model) {}
 
-  // Returns the number of bytes consumed, or -1.
-  int read() {
-    if (length_ < mlnn::kMinImageLength) return -1;
-    if (std::memcmp(image_, mlnn::kMagic, mlnn::kMagicLength) != 0) {
-      std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'\n";
-      return -1;
-    }
-    if (!readFeatureDescription() || !readNormalisation() || !readLayerCount()) return -1;
-    if (!readLayers() || !checksumMatches()) return -1;
-    return static_cast<int>(position_);
-  }
+ protected:
+  ~ModelReader() = default;
+
+  NNLayer& layer(std::size_t index) { return *model_.layers[index]; }
 
  private:
-  bool readFeatureDescription();
-  bool readNormalisation();
-  bool readLayerCount();
-  bool readLayers();
-  bool checksumMatches() const;
+  void prepareLayers(std::size_t count) override {
+    mlnn::resizeStack(model_.layers, count);
+    mlnn::fillMissingLayers(model_.layers);
+  }
+  uint32_t checksumOfUnread(std::size_t index) override { return layer(index).checksum(); }
 
-  bool has(std::size_t offset, std::size_t count) const;
-  int32_t int32At(std::size_t offset) const;
-  void floatsAt(std::size_t offset, Eigen::VectorXf& values) const;
-
-  const char* image_;
-  std::size_t length_;
   MultiLayerNNModel& model_;
-  std::size_t position_ = mlnn::kHeadLength;
 };
 
-bool ImageReader::has(std::size_t offset, std::size_t count) const {
-  if (offset + count <= length_) return true;
-  std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: image of " << length_
-            << " bytes is shorter than its head (" << mlnn::kHeadLength << ")\n";
-  return false;
-}
+// Reads the records from memory.
+class MemoryReader final : public ModelReader {
+ public:
+  MemoryReader(const char* image, std::size_t length, MultiLayerNNModel& model)
+      : ModelReader(image, length, model), image_(image) {}
 
-int32_t ImageReader::int32At(std::size_t offset) const {
-  return mlnn::ByteReader(image_ + offset, sizeof(int32_t)).int32();
-}
-
-void ImageReader::floatsAt(std::size_t offset, Eigen::VectorXf& values) const {
-  std::memcpy(values.data(), image_ + offset, mlnn::kDeltasNormBytes);
-}
-
-bool ImageReader::readFeatureDescription() {
-  if (!has(mlnn::kFeatureDescLengthOffset, sizeof(int32_t))) return false;
-  const int32_t length = int32At(mlnn::kFeatureDescLengthOffset);
-  if (length != mlnn::kFeatureDescLength) {
-    std::cerr << "ERROR: deserializeBinary: sizeof feature description in model (" << length
-              << ") does not match current size (" << mlnn::kFeatureDescLength << ")\n";
-    return false;
+ private:
+  mlnn::RecordResult readLayer(std::size_t index, std::size_t position,
+                               std::size_t available) override {
+    return mlnn::readRecord(layer(index), image_ + position, available);
   }
-  if (!has(mlnn::kFeatureDescOffset, mlnn::kFeatureDescLength)) return false;
-  model_.featureDesc = mlnn::featureDescriptionFromBytes(image_ + mlnn::kFeatureDescOffset);
-  std::string text;
-  model_.featureDesc.serialize(text);
-  std::cerr << "info: deserializeBinary: feature desc: " << text << "\n";
-  return true;
-}
 
-// "ERRROR" is fixed by the format's users.
-bool ImageReader::readNormalisation() {
-  if (!has(mlnn::kMinvalsLengthOffset, sizeof(int32_t))) return false;
-  const int32_t minvalsLength = int32At(mlnn::kMinvalsLengthOffset);
-  if (minvalsLength != mlnn::kDeltasNormLength) {
-    std::cerr << "ERRROR: deserializeBinary: deltas min length (" << minvalsLength
-              << ") does not match expected length (" << mlnn::kDeltasNormLength << ")\n";
-    return false;
+  const char* image_;
+};
+
+// An image as it came from a stream.
+struct LoadedImage {
+  struct Record {
+    NNLayer layer;
+    mlnn::RecordResult result;
+  };
+
+  char head[mlnn::kHeadLength];
+  std::vector<Record> records;  // up to the first that was refused
+};
+
+// Loads an image whose layers are not the model's yet: only when the stream has had them all may
+// the model change.
+class ImageLoader {
+ public:
+  ImageLoader(std::istream& in, std::size_t length) : in_(in), length_(length) {}
+
+  // Returns whether the stream had as many bytes as the image takes.
+  bool load(LoadedImage& image) {
+    const std::size_t head = std::min(length_, mlnn::kHeadLength);
+    in_.read(image.head, static_cast<std::streamsize>(head));
+    position_ = static_cast<std::size_t>(in_.gcount());
+    if (position_ == mlnn::kHeadLength) loadRecords(image);
+    skipRest();
+    return position_ == length_;
   }
-  if (!has(mlnn::kMinvalsOffset, mlnn::kDeltasNormBytes)) return false;
-  model_.deltasNorm.allocIfNeeded();
-  floatsAt(mlnn::kMinvalsOffset, model_.deltasNorm.minvals);
 
-  if (!has(mlnn::kNormvalsLengthOffset, sizeof(int32_t))) return false;
-  const int32_t normvalsLength = int32At(mlnn::kNormvalsLengthOffset);
-  if (normvalsLength != mlnn::kDeltasNormLength) {
-    std::cerr << "ERRROR: deserializeBinary: deltas norm length (" << normvalsLength
-              << ") does not match expected length (" << mlnn::kDeltasNormLength << ")\n";
-    return false;
-  }
-  if (!has(mlnn::kNormvalsOffset, mlnn::kDeltasNormBytes)) return false;
-  floatsAt(mlnn::kNormvalsOffset, model_.deltasNorm.normvals);
-  return true;
-}
+  // Returns how many bytes the stream had.
+  std::size_t position() const { return position_; }
 
-bool ImageReader::readLayerCount() {
-  if (!has(mlnn::kLayerCountOffset, sizeof(int32_t))) return false;
-  const int32_t count = int32At(mlnn::kLayerCountOffset);
-  const auto room =
-      static_cast<int64_t>((length_ - mlnn::kHeadLength) / mlnn::kMinLayerRecordLength);
-  if (count < 0 || count > room + mlnn::kMissingLayersAllowed) {
-    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count " << count
-              << "\n";
-    return false;
-  }
-  mlnn::resizeStack(model_.layers, static_cast<std::size_t>(count));
-  mlnn::fillMissingLayers(model_.layers);
-  return true;
-}
-
-bool ImageReader::readLayers() {
-  // Positions are ints to callers, so records beyond the largest int are out of reach.
-  const std::size_t end = std::min(length_, static_cast<std::size_t>(kMaxImageLength));
-  for (std::size_t i = 0; i < model_.layers.size() && position_ < length_; ++i) {
-    const auto available = static_cast<int>(end - position_);
-    const int consumed = model_.layers[i]->deserializeBinary(image_ + position_, available);
-    if (consumed <= 0) {
-      std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: " << i
-                << "\n";
-      return false;
+ private:
+  void loadRecords(LoadedImage& image) {
+    const char* const count = image.head + mlnn::kLayerCountOffset;
+    const int32_t numLayers = mlnn::ByteReader(count, sizeof(int32_t)).int32();
+    while (position_ < length_ && static_cast<int64_t>(image.records.size()) < numLayers) {
+      LoadedImage::Record record;
+      record.result = mlnn::readRecord(record.layer, in_, length_ - position_);
+      position_ += record.result.taken;
+      if (record.result.length < 0) return;
+      image.records.push_back(std::move(record));
     }
-    position_ += static_cast<std::size_t>(consumed);
   }
-  if (position_ != length_) {  // a warning only
-    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: problem deserializing model\n";
-  }
-  return true;
-}
 
-bool ImageReader::checksumMatches() const {
-  const auto stored = static_cast<uint32_t>(int32At(mlnn::kChecksumOffset));
-  const uint32_t computed = model_.checksum();
-  if (computed == stored) return true;
-  std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: checksums did not match (" << stored
-            << " != " << computed << ")\n";
-  return false;
-}
+  void skipRest() {
+    char piece[4096];
+    while (in_ && position_ < length_) {
+      const std::size_t count = std::min(length_ - position_, sizeof piece);
+      in_.read(piece, static_cast<std::streamsize>(count));
+      position_ += static_cast<std::size_t>(in_.gcount());
+    }
+  }
+
+  std::istream& in_;
+  std::size_t length_;
+  std::size_t position_ = 0;
+};
+
+// Reads the records from a loaded image.
+class LoadedImageReader final : public ModelReader {
+ public:
+  LoadedImageReader(LoadedImage& image, std::size_t length, MultiLayerNNModel& model)
+      : ModelReader(image.head, length, model), records_(image.records) {}
+
+ private:
+  mlnn::RecordResult readLayer(std::size_t index, std::size_t, std::size_t) override {
+    if (index >= records_.size()) return {};
+    layer(index) = std::move(records_[index].layer);
+    return records_[index].result;
+  }
+
+  std::vector<LoadedImage::Record>& records_;
+};
 
 }  // namespace
 
-int MultiLayerNNModel::binarySerializedLength() const {
-  const int64_t length = imageLength(*this);
-  if (length <= kMaxImageLength) return static_cast<int>(length);
-  std::cerr << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
-  return -1;
-}
+int MultiLayerNNModel::binarySerializedLength() const { return imageLength(*this, plansOf(*this)); }
 
 uint32_t MultiLayerNNModel::checksum() const {
   auto sum = static_cast<uint32_t>(layers.size());
@@ -181,22 +168,41 @@ uint32_t MultiLayerNNModel::checksum() const {
 }
 
 int MultiLayerNNModel::serializeBinary(char* buf) const {
-  if (binarySerializedLength() < 0) return -1;
+  const Plans plans = plansOf(*this);
+  const int expected = imageLength(*this, plans);
+  if (expected < 0) return -1;
+  mlnn::adviseHugePages(buf, static_cast<std::size_t>(expected));
   mlnn::ByteWriter writer(buf);
   writer.bytes(mlnn::kMagic, mlnn::kMagicLength);
-  writer.uint32(checksum());
+  writer.uint32(0);  // the checksum: known when the records are written
   writer.int32(mlnn::kFeatureDescLength);
   writer.bytes(&featureDesc, sizeof featureDesc);
   writeArray(writer, deltasNorm.minvals);
   writeArray(writer, deltasNorm.normvals);
   writer.int32(static_cast<int32_t>(layers.size()));
   auto length = static_cast<int>(writer.length());
-  for (const NNLayer* layer : layers) {
-    length += mlnn::layerOrEmpty(layer).serializeBinary(buf + length);
+  auto sum = static_cast<uint32_t>(layers.size());
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    const mlnn::RecordResult record =
+        mlnn::writeRecord(mlnn::layerOrEmpty(layers[i]), plans[i], buf + length);
+    length += record.length;
+    sum += record.checksum;
   }
+  mlnn::ByteWriter(buf + mlnn::kChecksumOffset).uint32(sum);
   return length;
 }
 
 int MultiLayerNNModel::deserializeBinary(const char* buf, unsigned int len) {
-  return ImageReader(buf, len, *this).read();
+  return MemoryReader(buf, len, *this).read();
+}
+
+int mlnn::readImage(MultiLayerNNModel& model, std::istream& in, std::size_t length) {
+  LoadedImage image;
+  ImageLoader loader(in, length);
+  if (!loader.load(image)) {
+    std::cerr << "ERROR: MultiLayerNNModel: stream ended after " << loader.position() << " of "
+              << length << " bytes\n";
+    return -1;
+  }
+  return LoadedImageReader(image, length, model).read();
 }

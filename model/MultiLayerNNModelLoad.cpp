@@ -1,28 +1,18 @@
 // Loading a model of either format from a file or a stream.
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
-#include <new>
 
 #include "model/ModelFormat.h"
+#include "model/ModelImage.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace {
 
-struct Free {
-  void operator()(char* buffer) const { std::free(buffer); }
-};
-using Buffer = std::unique_ptr<char, Free>;
-
-// REQUIRES: length is not 0.
-Buffer allocate(std::size_t length) {
-  Buffer buffer(static_cast<char*>(std::malloc(length)));
-  if (!buffer) throw std::bad_alloc();
-  return buffer;
-}
+// Large enough for the calls of the system not to count, small enough to stay in a cache.
+constexpr std::streamsize kFileBuffer = 64 << 10;
 
 // Returns the length of the stream from its first byte, or -1 when it cannot tell.
 std::streamoff lengthOf(std::istream& in) {
@@ -41,14 +31,7 @@ int loadImage(MultiLayerNNModel& model, std::istream& in) {
     return 1;
   }
   in.seekg(0);
-  const Buffer image = allocate(static_cast<std::size_t>(length));
-  in.read(image.get(), static_cast<std::streamsize>(length));
-  if (in.gcount() != length) {
-    std::cerr << "ERROR: MultiLayerNNModel: stream ended after " << in.gcount() << " of " << length
-              << " bytes\n";
-    return 1;
-  }
-  return model.deserializeBinary(image.get(), static_cast<unsigned int>(length)) == length ? 0 : 1;
+  return mlnn::readImage(model, in, static_cast<std::size_t>(length)) == length ? 0 : 1;
 }
 
 }  // namespace
@@ -66,7 +49,10 @@ int MultiLayerNNModel::deserialize(std::istream& in) {
 }
 
 int MultiLayerNNModel::deserialize(const char* fileName) {
-  std::ifstream in(fileName, std::ios::in);
+  const std::unique_ptr<char[]> buffer(new char[kFileBuffer]);
+  std::ifstream in;
+  in.rdbuf()->pubsetbuf(buffer.get(), kFileBuffer);
+  in.open(fileName, std::ios::in);
   if (!in) {
     std::cerr << "ERROR: MultiLayerNNModel: could not read file: " << fileName << "\n";
     return 1;

@@ -243,18 +243,21 @@ TEST(MultiLayerNNModelImage, modelThatIsTooLargeIsRefused) {
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(model.serializeBinary(&untouched), -1); }), message);
     EXPECT_EQ(untouched, '\x5A');
   };
-  // None of the values is touched, so no memory is behind them.
+  // Few of the values are touched, so hardly any memory is behind them.
+  const auto resize = [](NNLayer* layer, int rows, int cols) {
+    *layer = mlnn::test::untouchedLayer(rows, cols);
+  };
   MultiLayerNNModel one = modelOf({NNLayer()});
-  one.layers[0]->weights.resize(1 << 15, 1 << 14);
+  resize(one.layers[0], 1 << 15, 1 << 14);
   expectRefused(one);
   MultiLayerNNModel two = modelOf({NNLayer(), NNLayer()});
-  for (NNLayer* layer : two.layers) layer->weights.resize(1 << 14, 1 << 14);
+  for (NNLayer* layer : two.layers) resize(layer, 1 << 14, 1 << 14);
   expectRefused(two);
   // 44 + 40 + 4 n bytes: the largest n that fits, and one more.
   MultiLayerNNModel border = modelOf({NNLayer()});
-  border.layers[0]->weights.resize((kMaxInt - 84) / 4, 1);
+  resize(border.layers[0], (kMaxInt - 84) / 4, 1);
   EXPECT_EQ(border.binarySerializedLength(), kMaxInt - 3);
-  border.layers[0]->weights.resize((kMaxInt - 84) / 4 + 1, 1);
+  resize(border.layers[0], (kMaxInt - 84) / 4 + 1, 1);
   expectRefused(border);
 }
 

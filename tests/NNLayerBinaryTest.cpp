@@ -17,10 +17,12 @@ namespace {
 using mlnn::test::batchNormLayer;
 using mlnn::test::ByteImage;
 using mlnn::test::crc32c;
+using mlnn::test::fewValuesLayer;
 using mlnn::test::foldedLayer;
 using mlnn::test::plainLayer;
 using mlnn::test::sameLayer;
 using mlnn::test::stderrOf;
+using mlnn::test::untouchedLayer;
 
 constexpr int32_t kMaxInt = std::numeric_limits<int32_t>::max();
 constexpr int32_t kMinInt = std::numeric_limits<int32_t>::min();
@@ -59,7 +61,10 @@ std::vector<NNLayer> layersOfAllKinds() {
           NNLayer(4, 0, false),
           NNLayer(0, 4, true),
           NNLayer(4, 0, true),
-          NNLayer(kMaxInt, 0, false)};
+          NNLayer(kMaxInt, 0, false),
+          fewValuesLayer(12, 2, 3),    // half-byte codes
+          fewValuesLayer(13, 5, 17),   // the same with a rare value
+          fewValuesLayer(13, 7, 30)};  // byte codes
 }
 
 // A layer that differs from whatever a record holds, to see it replaced or left alone.
@@ -133,14 +138,11 @@ TEST(NNLayerRecord, writerTouchesNothingBehindItsLength) {
 
 TEST(NNLayerRecord, tooLongForAnIntHasNoLength) {
   if (sizeof(void*) == 4) GTEST_SKIP() << "no room for such a layer";
-  NNLayer layer;
-  layer.weights.resize(1 << 15, 1 << 14);  // 2^31 bytes; none of them is touched
-  EXPECT_EQ(layer.binarySerializedLength(), -1);
+  // 2^31 bytes, of which those of a few hundred different values are touched.
+  EXPECT_EQ(untouchedLayer(1 << 15, 1 << 14).binarySerializedLength(), -1);
   // The longest record: 2^31 - 4 bytes, as records are multiples of 4.
-  layer.weights.resize((kMaxInt - 40) / 4, 1);
-  EXPECT_EQ(layer.binarySerializedLength(), kMaxInt - 3);
-  layer.weights.resize((kMaxInt - 40) / 4 + 1, 1);
-  EXPECT_EQ(layer.binarySerializedLength(), -1);
+  EXPECT_EQ(untouchedLayer((kMaxInt - 40) / 4, 1).binarySerializedLength(), kMaxInt - 3);
+  EXPECT_EQ(untouchedLayer((kMaxInt - 40) / 4 + 1, 1).binarySerializedLength(), -1);
 }
 
 // --- Round trip ---
@@ -234,7 +236,7 @@ TEST(NNLayerRefusal, aHeadThatNoLayerCouldHaveIsRefused) {
   const NNLayer batchNorm = batchNormLayer(3, 2);
   const NNLayer folded = foldedLayer(3, 2);
   const std::vector<BadWord> cases = {
-      {"form", plain, kForm, 1},
+      {"form", plain, kForm, 3},
       {"form", plain, kForm, -1},
       {"negative rows", plain, kRows, -2},
       {"negative cols", plain, kCols, -3},

@@ -82,6 +82,22 @@ NNLayer foldedLayer(int inputs, int outputs, uint32_t seed) {
   return layer;
 }
 
+NNLayer fewValuesLayer(int inputs, int outputs, int numValues) {
+  NNLayer layer = plainLayer(inputs, outputs);
+  const Eigen::MatrixXf values = someValues(numValues, 1, 7);
+  for (Eigen::Index i = 0; i < layer.weights.size(); ++i) {
+    layer.weights.data()[i] = values(i % numValues, 0);
+  }
+  return layer;
+}
+
+NNLayer untouchedLayer(int outputs, int inputs) {
+  NNLayer layer;
+  layer.weights.resize(outputs, inputs);
+  for (int i = 0; i < 300; ++i) layer.weights.data()[i] = static_cast<float>(i);
+  return layer;
+}
+
 MultiLayerNNModel modelOf(const std::vector<NNLayer>& layers) {
   MultiLayerNNModel model;
   for (const NNLayer& layer : layers) {

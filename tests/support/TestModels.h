@@ -25,6 +25,14 @@ NNLayer plainLayer(int inputs, int outputs, uint32_t seed = 1);
 NNLayer batchNormLayer(int inputs, int outputs, uint32_t seed = 1);
 NNLayer foldedLayer(int inputs, int outputs, uint32_t seed = 1);
 
+// A plain layer whose weights take `numValues` different values, in turn: as small images hold
+// them, when there are enough weights.
+NNLayer fewValuesLayer(int inputs, int outputs, int numValues);
+
+// A plain layer without a bias, with too many different weights for anything but floats; only
+// the first few hundred are set, so that a layer of any size takes little memory.
+NNLayer untouchedLayer(int outputs, int inputs);
+
 // Makes a model of copies of the given layers.
 MultiLayerNNModel modelOf(const std::vector<NNLayer>& layers);
 

@@ -1,0 +1,97 @@
+// CodedWeights — weights that take few different values, stored as a table of the values and a
+// short code for each weight. docs/binary-format.md describes the bytes.
+//
+// The values are bit patterns: -0 and 0 are two values, and so are NaN with different payloads.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "layers/ByteIo.h"
+
+namespace mlnn {
+
+// The forms of the weights in a record.
+inline constexpr uint32_t kPlainFloats = 0;    // every value is stored as it is
+inline constexpr uint32_t kByteCodes = 1;      // a byte a weight
+inline constexpr uint32_t kHalfByteCodes = 2;  // half a byte a weight
+inline constexpr uint32_t kNumWeightForms = 3;
+
+// REQUIRES: form is kByteCodes or kHalfByteCodes.
+constexpr unsigned codeBits(uint32_t form) { return form == kByteCodes ? 8 : 4; }
+constexpr std::size_t maxTableLength(uint32_t form) { return std::size_t{1} << codeBits(form); }
+
+// Coded weights start with two words: the length of the table, and how often the rare value
+// occurs.
+inline constexpr std::size_t kCodedPrefixLength = 8;
+
+// How weights are stored: what the form, and for codes the table, are.
+struct WeightsPlan {
+  uint32_t form = kPlainFloats;
+  std::vector<uint32_t> table;  // the values that have a code, ascending; empty for plain floats
+  uint32_t rareCount = 0;       // weights with the one value that has none
+  uint32_t rareValue = 0;       // that value, when there is one
+};
+
+// Returns the form that takes the fewest bytes; of two that take as many, the first one.
+// Looks at few weights when they have many different values.
+// Weights: `count` floats, at any address.
+WeightsPlan planWeights(const void* weights, uint64_t count);
+
+// Returns the bytes that `count` weights take.
+uint64_t weightsLength(const WeightsPlan& plan, uint64_t count);
+
+// Hands the bytes of coded weights to the sink, piece by piece.
+// REQUIRES: the plan was made for these weights, and is not one for plain floats.
+void writeCoded(const WeightsPlan& plan, const void* weights, uint64_t count, ByteSink& sink);
+
+// Returns the length of the coded weights that start with these kCodedPrefixLength bytes; 0
+// where no plan has such a start, or they take more than `available` bytes.
+std::size_t codedLength(uint32_t form, uint64_t count, const char* prefix, std::size_t available);
+
+// Coded weights as they lie in memory.
+class CodedWeights {
+ public:
+  // Looks at the coded weights at `src`, of which at most `available` bytes are there.
+  // Returns: whether they are whole, and to the byte what the writer makes of the weights that
+  // they stand for; else nothing may be asked of them.
+  bool view(uint32_t form, uint64_t count, const char* src, std::size_t available);
+
+  // Bytes that they take.
+  std::size_t length() const { return length_; }
+
+  // Writes `count` weights, from the weight `first` on, to an array of floats.
+  void expand(std::size_t first, std::size_t count, void* floats) const {
+    expandBlock(first, count, 0, 1, floats);
+  }
+
+  // Writes a block of `rows` weights in each of `columns` columns, which are `stride` weights
+  // apart and start with the weight `first`; the block has no gaps.
+  void expandBlock(std::size_t first, std::size_t rows, std::size_t stride, std::size_t columns,
+                   void* floats) const;
+
+ private:
+  using Counts = std::array<uint64_t, 256>;  // of each code
+
+  bool tableAscends() const;
+  bool rarePositionsFit() const;
+  bool countCodes(Counts& counts) const;
+  bool paddingIsZero() const;
+  bool isWhatTheWriterChooses(Counts& counts) const;
+  unsigned codeAt(std::size_t position) const;
+  void putRareValues(std::size_t first, std::size_t count, char* floats) const;
+
+  uint32_t form_ = kPlainFloats;
+  std::size_t count_ = 0;
+  std::size_t tableLength_ = 0;
+  std::size_t rareCount_ = 0;
+  uint32_t rareValue_ = 0;
+  const char* table_ = nullptr;
+  const char* rarePositions_ = nullptr;
+  const unsigned char* codes_ = nullptr;
+  std::size_t length_ = 0;
+};
+
+}  // namespace mlnn

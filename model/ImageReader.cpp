@@ -1,0 +1,123 @@
+#include "model/ImageReader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+#include <limits>
+#include <string>
+
+#include "layers/ByteIo.h"
+#include "model/ModelFormat.h"
+
+namespace mlnn {
+
+int ImageReader::read() {
+  if (length_ < kMinImageLength) return -1;
+  if (std::memcmp(head_, kMagic, kMagicLength) != 0) {
+    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'\n";
+    return -1;
+  }
+  if (!readFeatureDescription() || !readNormalisation() || !readLayerCount()) return -1;
+  if (!readLayers() || !checksumMatches()) return -1;
+  return static_cast<int>(position_);
+}
+
+bool ImageReader::has(std::size_t offset, std::size_t count) const {
+  if (offset + count <= length_) return true;
+  std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: image of " << length_
+            << " bytes is shorter than its head (" << kHeadLength << ")\n";
+  return false;
+}
+
+int32_t ImageReader::int32At(std::size_t offset) const {
+  return ByteReader(head_ + offset, sizeof(int32_t)).int32();
+}
+
+bool ImageReader::readFeatureDescription() {
+  if (!has(kFeatureDescLengthOffset, sizeof(int32_t))) return false;
+  const int32_t length = int32At(kFeatureDescLengthOffset);
+  if (length != kFeatureDescLength) {
+    std::cerr << "ERROR: deserializeBinary: sizeof feature description in model (" << length
+              << ") does not match current size (" << kFeatureDescLength << ")\n";
+    return false;
+  }
+  if (!has(kFeatureDescOffset, kFeatureDescLength)) return false;
+  featureDesc_ = featureDescriptionFromBytes(head_ + kFeatureDescOffset);
+  std::string text;
+  featureDesc_.serialize(text);
+  std::cerr << "info: deserializeBinary: feature desc: " << text << "\n";
+  return true;
+}
+
+// "ERRROR" is fixed by the format's users.
+bool ImageReader::readNormalisation() {
+  if (!has(kMinvalsLengthOffset, sizeof(int32_t))) return false;
+  const int32_t minvalsLength = int32At(kMinvalsLengthOffset);
+  if (minvalsLength != kDeltasNormLength) {
+    std::cerr << "ERRROR: deserializeBinary: deltas min length (" << minvalsLength
+              << ") does not match expected length (" << kDeltasNormLength << ")\n";
+    return false;
+  }
+  if (!has(kMinvalsOffset, kDeltasNormBytes)) return false;
+  deltasNorm_.allocIfNeeded();
+  std::memcpy(deltasNorm_.minvals.data(), head_ + kMinvalsOffset, kDeltasNormBytes);
+
+  if (!has(kNormvalsLengthOffset, sizeof(int32_t))) return false;
+  const int32_t normvalsLength = int32At(kNormvalsLengthOffset);
+  if (normvalsLength != kDeltasNormLength) {
+    std::cerr << "ERRROR: deserializeBinary: deltas norm length (" << normvalsLength
+              << ") does not match expected length (" << kDeltasNormLength << ")\n";
+    return false;
+  }
+  if (!has(kNormvalsOffset, kDeltasNormBytes)) return false;
+  std::memcpy(deltasNorm_.normvals.data(), head_ + kNormvalsOffset, kDeltasNormBytes);
+  return true;
+}
+
+bool ImageReader::readLayerCount() {
+  if (!has(kLayerCountOffset, sizeof(int32_t))) return false;
+  const int32_t count = int32At(kLayerCountOffset);
+  const auto room = static_cast<int64_t>((length_ - kHeadLength) / kMinLayerRecordLength);
+  if (count < 0 || count > room + kMissingLayersAllowed) {
+    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count " << count
+              << "\n";
+    return false;
+  }
+  layerCount_ = static_cast<std::size_t>(count);
+  prepareLayers(layerCount_);
+  return true;
+}
+
+bool ImageReader::readLayers() {
+  // Positions are ints to callers, so records beyond the largest int are out of reach.
+  const std::size_t end = std::min<std::size_t>(length_, std::numeric_limits<int>::max());
+  position_ = kHeadLength;
+  while (layersRead_ < layerCount_ && position_ < length_) {
+    const RecordResult record = readLayer(layersRead_, position_, end - position_);
+    if (record.length <= 0) {
+      std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: "
+                << layersRead_ << "\n";
+      return false;
+    }
+    position_ += static_cast<std::size_t>(record.length);
+    checksum_ += record.checksum;
+    ++layersRead_;
+  }
+  if (position_ != length_) {  // a warning only
+    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: problem deserializing model\n";
+  }
+  return true;
+}
+
+bool ImageReader::checksumMatches() {
+  if (!checksSum_) return true;
+  uint32_t computed = static_cast<uint32_t>(layerCount_) + checksum_;
+  for (std::size_t i = layersRead_; i < layerCount_; ++i) computed += checksumOfUnread(i);
+  const auto stored = static_cast<uint32_t>(int32At(kChecksumOffset));
+  if (computed == stored) return true;
+  std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: checksums did not match (" << stored
+            << " != " << computed << ")\n";
+  return false;
+}
+
+}  // namespace mlnn

@@ -1,0 +1,21 @@
+// Reading the image of a model from a stream.
+#pragma once
+
+#include <cstddef>
+#include <istream>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+// Reads an image of `length` bytes, at whose first byte the stream stands, into the model, as
+// MultiLayerNNModel::deserializeBinary does with an image in memory; but large arrays are read
+// straight to where they stay.
+// Returns: the number of bytes consumed; -1 refused, after an error line unless `length` is below
+// kMinImageLength. In both cases the stream has been read to the image's end.
+// On failure: the model is left as far as reading got; unchanged where the stream ends before the
+// image, and on std::bad_alloc while the stream is read.
+// REQUIRES: length is at most what an int can hold.
+int readImage(MultiLayerNNModel& model, std::istream& in, std::size_t length);
+
+}  // namespace mlnn
