@@ -76,6 +76,33 @@ struct Frames {
   Index count;
 };
 
+// The rows of weights that are unpacked at once: few enough to stay in the second-level cache,
+// where that is possible. They are more than kFewRows, or all, so that blocks of rows have the
+// layer's own order of additions.
+std::size_t rowsAtOnce(const LayerView& layer) {
+  constexpr std::size_t kFloats = std::size_t{1} << 16;
+  constexpr std::size_t kAtLeast = 64;
+  if (layer.cols == 0) return layer.rows;
+  return std::min(std::max(kFloats / layer.cols, kAtLeast), layer.rows);
+}
+
+// The rows of the block that begins with row `first`.
+std::size_t rowsFrom(const LayerView& layer, std::size_t first) {
+  const std::size_t left = layer.rows - first;
+  const std::size_t rows = std::min(rowsAtOnce(layer), left);
+  return left - rows <= kFewRows ? left : rows;
+}
+
+Index unpackedLength(const LayerSource& stack) {
+  std::size_t length = 0;
+  for (std::size_t i = 0; i < stack.count(); ++i) {
+    const LayerView layer = stack.layer(i);
+    if (layer.weights != nullptr || layer.coded != nullptr) continue;
+    length = std::max(length, std::min(rowsAtOnce(layer) + kFewRows, layer.rows) * layer.cols);
+  }
+  return length == 0 ? 0 : static_cast<Index>(length) + kFloatsInCacheLine;
+}
+
 // The results of a layer for as many frames as `y` has room for.
 void evaluateLayer(const LayerView& layer, const float* x, Index xStride, const Frames& y,
                    float* scratch) {
@@ -86,12 +113,34 @@ void evaluateLayer(const LayerView& layer, const float* x, Index xStride, const 
                        scratch);
 }
 
+// The same for layer `index` of the stack, whose weights may have to be unpacked.
+void evaluateLayer(const LayerSource& stack, std::size_t index, const LayerView& layer,
+                   const float* x, Index xStride, const Frames& y, PassMemory& memory) {
+  float* const scratch = atCacheLine(memory.scratch.data());
+  const bool isInMemory = layer.weights != nullptr || layer.coded != nullptr;
+  if (isInMemory) return evaluateLayer(layer, x, xStride, y, scratch);
+  float* const unpacked = atCacheLine(memory.unpacked.data());
+  for (std::size_t first = 0; first < layer.rows;) {
+    const std::size_t rows = rowsFrom(layer, first);
+    stack.unpack(index, first, rows, unpacked);
+    const LayerView block{unpacked,
+                          rows,
+                          layer.cols,
+                          layer.scale == nullptr ? nullptr : layer.scale + first,
+                          layer.shift + first,
+                          layer.actFn};
+    evaluateLayer(block, x, xStride, {y.first + first, y.stride, y.count}, scratch);
+    first += rows;
+  }
+}
+
 // The same in two steps, keeping what is between them; frame `first` of `result` is the first.
-void traceLayer(LayerView layer, const float* x, Index xStride, const Frames& y, float* scratch,
-                Index first, LayerResult& result) {
+void traceLayer(const LayerSource& stack, std::size_t index, const float* x, Index xStride,
+                const Frames& y, PassMemory& memory, Index first, LayerResult& result) {
+  LayerView layer = stack.layer(index);
   const ActFn::ActFn fn = layer.actFn;
   layer.actFn = ActFn::linear;
-  evaluateLayer(layer, x, xStride, y, scratch);
+  evaluateLayer(stack, index, layer, x, xStride, y, memory);
   const auto rows = static_cast<Index>(layer.rows);
   for (Index frame = 0; frame < y.count; ++frame) {
     Eigen::Map<Eigen::VectorXf> values(y.first + frame * y.stride, rows);
@@ -117,7 +166,6 @@ void evaluateFrames(const LayerSource& stack, Index widest,
                     const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                     Eigen::Ref<Eigen::MatrixXf> outputs, PassMemory& memory, Index first,
                     std::vector<LayerResult>* trace) {
-  float* const scratch = atCacheLine(memory.scratch.data());
   float* next = atCacheLine(memory.between.data());
   float* spare = next + strideFor(widest) * inputs.cols();
   const float* x = inputs.data();
@@ -129,9 +177,9 @@ void evaluateFrames(const LayerSource& stack, Index widest,
                    isLast ? outputs.outerStride() : strideFor(static_cast<Index>(layer.rows)),
                    inputs.cols()};
     if (trace == nullptr) {
-      evaluateLayer(layer, x, xStride, y, scratch);
+      evaluateLayer(stack, i, layer, x, xStride, y, memory);
     } else {
-      traceLayer(layer, x, xStride, y, scratch, first, (*trace)[i]);
+      traceLayer(stack, i, x, xStride, y, memory, first, (*trace)[i]);
     }
     x = y.first;
     xStride = y.stride;
@@ -143,10 +191,13 @@ void evaluateFrames(const LayerSource& stack, Index widest,
 
 }  // namespace
 
+void LayerSource::unpack(std::size_t, std::size_t, std::size_t, float*) const {}
+
 std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
   const Index widest = widestOf(stack);
   const Index together = std::min(frames, framesAtOnce(widest));
-  const Index length = scratchLength(widest, together) + betweenLength(widest, together);
+  const Index length =
+      scratchLength(widest, together) + betweenLength(widest, together) + unpackedLength(stack);
   return static_cast<std::size_t>(length) * sizeof(float);
 }
 
@@ -158,6 +209,7 @@ void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::Matri
   const Index atOnce = framesAtOnce(widest);
   growTo(memory.scratch, scratchLength(widest, std::min(frames, atOnce)));
   growTo(memory.between, betweenLength(widest, std::min(frames, atOnce)));
+  growTo(memory.unpacked, unpackedLength(stack));
   if (trace != nullptr) *trace = emptyTrace(stack, frames);
   const bool apart = !overlap(inputs, outputs);
   if (apart) reshape(outputs, numOutputs, frames);

@@ -21,6 +21,10 @@ class LayerSource {
   virtual LayerView layer(std::size_t index) const = 0;
   virtual bool endsInSoftmax() const = 0;
 
+  // Writes the weights of `rows` outputs, from the output `first` on, of a layer whose view has
+  // no weights because they do not lie in memory as floats: rows x columns, without gaps.
+  virtual void unpack(std::size_t index, std::size_t first, std::size_t rows, float* weights) const;
+
  protected:
   LayerSource() = default;
   LayerSource(const LayerSource&) = default;

@@ -6,9 +6,10 @@
 namespace mlnn {
 
 struct PassMemory {
-  Eigen::VectorXf scratch;  // for the kernels
-  Eigen::VectorXf between;  // what goes from layer to layer, read from one half into the other
-  Eigen::VectorXf results;  // the outputs of all frames, where they overlap the inputs
+  Eigen::VectorXf scratch;   // for the kernels
+  Eigen::VectorXf between;   // what goes from layer to layer, read from one half into the other
+  Eigen::VectorXf unpacked;  // some rows of weights that do not lie in memory as floats
+  Eigen::VectorXf results;   // the outputs of all frames, where they overlap the inputs
 };
 
 }  // namespace mlnn

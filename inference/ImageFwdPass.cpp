@@ -1,0 +1,227 @@
+#include "inference/ImageFwdPass.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <iostream>
+#include <limits>
+#include <utility>
+
+#include "inference/LayerStackPass.h"
+#include "inference/ModelLayers.h"
+#include "layers/Crc32c.h"
+#include "layers/NNLayerRecord.h"
+#include "model/ImageReader.h"
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+
+constexpr char kEvaluate[] = "ImageFwdPass::evaluate";
+
+bool isAligned(const char* address) {
+  return reinterpret_cast<std::uintptr_t>(address) % alignof(float) == 0;
+}
+
+// The record of a layer that has none: it has no inputs and no outputs.
+LayerRecordView emptyRecord() {
+  static constexpr char kNothing[sizeof(float)] = {};
+  LayerRecordView record{};
+  record.plainWeights = kNothing;
+  return record;
+}
+
+}  // namespace
+
+// The layers of an image, for the walk through them.
+class ImageFwdPass::Layers final : public LayerSource {
+ public:
+  void resize(std::size_t count) { records_.assign(count, emptyRecord()); }
+  LayerRecordView& record(std::size_t index) { return records_[index]; }
+
+  // Takes copies of the vectors that do not lie where a float may lie.
+  void prepare();
+
+  // Returns whether each layer takes what the one before it gives; else prints an error line.
+  bool fit() const;
+
+  void setSoftmax(bool on) { endsInSoftmax_ = on; }
+  int numInputs() const { return records_.empty() ? 0 : records_.front().head.cols; }
+  int numOutputs() const { return records_.empty() ? 0 : records_.back().head.rows; }
+
+  std::size_t count() const override { return records_.size(); }
+  LayerView layer(std::size_t index) const override { return views_[index]; }
+  bool endsInSoftmax() const override { return endsInSoftmax_; }
+  void unpack(std::size_t index, std::size_t first, std::size_t rows,
+              float* weights) const override;
+
+ private:
+  const float* floatsAt(const char* values, int32_t count);
+
+  std::vector<LayerRecordView> records_;
+  std::vector<LayerView> views_;
+  std::vector<std::unique_ptr<float[]>> copies_;
+  bool endsInSoftmax_ = true;
+};
+
+const float* ImageFwdPass::Layers::floatsAt(const char* values, int32_t count) {
+  if (isAligned(values)) return reinterpret_cast<const float*>(values);
+  const auto length = static_cast<std::size_t>(count);
+  copies_.emplace_back(new float[length]);
+  std::memcpy(copies_.back().get(), values, length * sizeof(float));
+  return copies_.back().get();
+}
+
+void ImageFwdPass::Layers::prepare() {
+  views_.reserve(records_.size());
+  for (const LayerRecordView& record : records_) {
+    const LayerRecordHead& head = record.head;
+    const bool isBatchNorm = head.isBatchNorm == 1;
+    LayerView view;
+    view.rows = static_cast<std::size_t>(head.rows);
+    view.cols = static_cast<std::size_t>(head.cols);
+    view.actFn = static_cast<ActFn::ActFn>(head.actFn);
+    const bool inPlace = record.plainWeights != nullptr && isAligned(record.plainWeights);
+    view.weights = inPlace ? reinterpret_cast<const float*>(record.plainWeights) : nullptr;
+    view.scale = isBatchNorm ? floatsAt(record.gammaInf, head.rows) : nullptr;
+    view.shift = floatsAt(isBatchNorm ? record.betaInf : record.bias, head.rows);
+    views_.push_back(view);
+  }
+}
+
+bool ImageFwdPass::Layers::fit() const {
+  for (std::size_t i = 1; i < records_.size(); ++i) {
+    if (records_[i].head.cols == records_[i - 1].head.rows) continue;
+    std::cerr << "ERROR: " << kEvaluate << ": layer " << i + 1 << " does not fit the model\n";
+    return false;
+  }
+  return true;
+}
+
+void ImageFwdPass::Layers::unpack(std::size_t index, std::size_t first, std::size_t rows,
+                                  float* weights) const {
+  const LayerRecordView& record = records_[index];
+  const LayerView& view = views_[index];
+  if (record.plainWeights == nullptr) {
+    record.codedWeights.expandBlock(first, rows, view.rows, view.cols, weights);
+    return;
+  }
+  for (std::size_t column = 0; column < view.cols; ++column) {
+    const char* const from = record.plainWeights + (column * view.rows + first) * sizeof(float);
+    std::memcpy(weights + column * rows, from, rows * sizeof(float));
+  }
+}
+
+namespace {
+
+// Reads the records where they lie.
+template <typename Layers>
+class InPlaceReader final : public ImageReader {
+ public:
+  InPlaceReader(const char* image, std::size_t length, DbnFeatureDescription& featureDesc,
+                MelDeltasNorm& deltasNorm, Layers& layers, ImageChecksum checksum)
+      : ImageReader(image, length, featureDesc, deltasNorm),
+        image_(image),
+        layers_(layers),
+        isVerified_(checksum == ImageChecksum::kVerified) {
+    checkSum(isVerified_);
+  }
+
+ private:
+  void prepareLayers(std::size_t count) override { layers_.resize(count); }
+
+  RecordResult readLayer(std::size_t index, std::size_t position, std::size_t available) override {
+    LayerRecordView& record = layers_.record(index);
+    if (!viewRecord(image_ + position, available, record)) return {};
+    RecordResult result;
+    result.length = static_cast<int>(record.length);
+    if (!isVerified_) return result;
+    Crc32c crc;
+    crc.add(image_ + position, record.length);
+    result.checksum = crc.value();
+    return result;
+  }
+
+  uint32_t checksumOfUnread(std::size_t) override { return NNLayer().checksum(); }
+
+  const char* image_;
+  Layers& layers_;
+  bool isVerified_;
+};
+
+}  // namespace
+
+ImageFwdPass::ImageFwdPass() : featureDesc_(DbnFeatureDescription::FeatType::MelDeltas) {}
+ImageFwdPass::~ImageFwdPass() = default;
+ImageFwdPass::ImageFwdPass(ImageFwdPass&& other) noexcept = default;
+ImageFwdPass& ImageFwdPass::operator=(ImageFwdPass&& other) noexcept = default;
+
+int ImageFwdPass::open(const void* image, std::size_t length, ImageChecksum checksum) {
+  layers_.reset();
+  featureDesc_ = DbnFeatureDescription(DbnFeatureDescription::FeatType::MelDeltas);
+  deltasNorm_ = MelDeltasNorm();
+  if (length > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    std::cerr << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+    return 1;
+  }
+  DbnFeatureDescription featureDesc = featureDesc_;
+  MelDeltasNorm deltasNorm;
+  auto layers = std::make_unique<Layers>();
+  InPlaceReader<Layers> reader(static_cast<const char*>(image), length, featureDesc, deltasNorm,
+                               *layers, checksum);
+  if (reader.read() != static_cast<int>(length)) return 1;
+  layers->prepare();
+  layers->setSoftmax(endsInSoftmax_);
+  featureDesc_ = featureDesc;
+  deltasNorm_ = std::move(deltasNorm);
+  layers_ = std::move(layers);
+  return 0;
+}
+
+void ImageFwdPass::setSoftmax(bool on) {
+  endsInSoftmax_ = on;
+  if (layers_) layers_->setSoftmax(on);
+}
+
+const DbnFeatureDescription& ImageFwdPass::featureDesc() const { return featureDesc_; }
+
+const MelDeltasNorm& ImageFwdPass::deltasNorm() const { return deltasNorm_; }
+
+std::vector<int> ImageFwdPass::widths() const {
+  std::vector<int> widths;
+  if (!layers_ || layers_->count() == 0) return widths;
+  widths.push_back(numInputs());
+  for (std::size_t i = 0; i < layers_->count(); ++i) widths.push_back(layers_->record(i).head.rows);
+  return widths;
+}
+
+int ImageFwdPass::numInputs() const { return layers_ ? layers_->numInputs() : 0; }
+
+int ImageFwdPass::numOutputs() const { return layers_ ? layers_->numOutputs() : 0; }
+
+int ImageFwdPass::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
+                           Eigen::MatrixXf& outputs) {
+  return run(inputs, outputs, nullptr);
+}
+
+int ImageFwdPass::evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
+                                 Eigen::MatrixXf& outputs, std::vector<LayerResult>& layers) {
+  std::vector<LayerResult> trace;
+  if (run(inputs, outputs, &trace) != 0) return 1;
+  layers.swap(trace);
+  return 0;
+}
+
+int ImageFwdPass::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
+                      std::vector<LayerResult>* trace) {
+  if (layers_ == nullptr || layers_->count() == 0) {
+    std::cerr << "ERROR: " << kEvaluate << ": model has no layers\n";
+    return 1;
+  }
+  if (!layers_->fit() || !inputsFit(inputs, numInputs(), kEvaluate)) return 1;
+  evaluateStack(*layers_, inputs, outputs, memory_, trace);
+  return 0;
+}
+
+}  // namespace mlnn

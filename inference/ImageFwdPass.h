@@ -1,0 +1,84 @@
+// ImageFwdPass — the forward pass of a model's binary image, run from where the image lies: in
+// memory, in a mapped file, or in an array in ROM. No model is built and no weights are copied.
+#pragma once
+
+#include <Eigen/Core>
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "features/DbnFeatureDescription.h"
+#include "features/MelDeltasNorm.h"
+#include "inference/FwdPass.h"
+#include "inference/NNFwdPassFromFile.h"
+
+namespace mlnn {
+
+// Whether an image's checksum is computed when it is opened. To decline it saves a walk over the
+// whole image, which may have been verified elsewhere. All else is checked all the same, so that
+// whatever the bytes are, nothing outside the image is read.
+enum class ImageChecksum { kVerified, kDeclined };
+
+// Gives the same bits as the NNFwdPassFromFile of the model that the image holds.
+//
+// An image is best at an address that is a multiple of 4, as memory from the system, a mapped
+// file or the array that `mlnn convert --to c-array` writes is. Elsewhere, and where weights are
+// stored as codes, each evaluation unpacks some rows of a layer at a time, at most 256 KiB or
+// 96 rows; the weights of a coded layer are never all in memory as floats.
+//
+// Lifetime: the image must stay where it is, and unchanged, while the pass is in use.
+// Thread-safety: one object serves one thread at a time; several objects over one image may run
+// in several threads.
+class ImageFwdPass : public FwdPass {
+ public:
+  // A pass without an image: it has no inputs and refuses to evaluate.
+  ImageFwdPass();
+  ~ImageFwdPass() override;
+  ImageFwdPass(ImageFwdPass&& other) noexcept;
+  ImageFwdPass& operator=(ImageFwdPass&& other) noexcept;
+
+  // Checks the image and takes it for further evaluations. It must be the whole memory: bytes
+  // behind the last layer are refused.
+  // Returns: 0 done; 1 refused.
+  // Prints: the lines that MultiLayerNNModel::deserialize prints for an image with these bytes.
+  // On failure, and on std::bad_alloc: as if newly made, but for the softmax.
+  int open(const void* image, std::size_t length,
+           ImageChecksum checksum = ImageChecksum::kVerified);
+
+  // Says whether a softmax goes over the last layer's results, which an image does not hold. It
+  // does unless this says otherwise; another image does not change it.
+  void setSoftmax(bool on);
+
+  // The image's feature description and normalisation, for a ContextWindow.
+  const DbnFeatureDescription& featureDesc() const;
+  const MelDeltasNorm& deltasNorm() const;
+
+  // The model's inputs, and the outputs of each of its layers in turn; empty without layers.
+  std::vector<int> widths() const;
+
+  int numInputs() const override;
+  int numOutputs() const override;
+
+  // Computes as NNFwdPassFromFile::evaluate does, and refuses the same; no layer that open took
+  // breaks its own invariants.
+  int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
+
+  // The same, and hands out what every layer computed.
+  // On failure: `outputs` and `layers` are unchanged.
+  int evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
+                     std::vector<LayerResult>& layers);
+
+ private:
+  class Layers;
+
+  int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
+          std::vector<LayerResult>* trace);
+
+  DbnFeatureDescription featureDesc_;
+  MelDeltasNorm deltasNorm_;
+  bool endsInSoftmax_ = true;
+  std::unique_ptr<Layers> layers_;  // null without an image
+  PassMemory memory_;
+};
+
+}  // namespace mlnn
