@@ -84,6 +84,7 @@ void printText(const ModelBudget& budget, const CodedSizes& codes, const FileSiz
                                std::to_string(budget.readBytes));
   printField("working memory", bytesText(budget.workingBytes) + " for a forward pass");
   printField("image file", fileText(files.image));
+  printField("image weights", budget.weightForms);
   printField("text file", fileText(files.text));
   printField("multiply-adds", std::to_string(budget.multiplyAdds) + " a frame");
   printField("activations", std::to_string(budget.activations) + " a frame");
@@ -111,6 +112,7 @@ Json budgetJson(const std::string& name, const ModelBudget& budget, const CodedS
           {"read_bytes", budget.readBytes},
           {"working_bytes", budget.workingBytes},
           {"image_bytes", fileJson(files.image)},
+          {"image_weights", budget.weightForms},
           {"text_bytes", fileJson(files.text)},
           {"multiply_adds", budget.multiplyAdds},
           {"activations", budget.activations},

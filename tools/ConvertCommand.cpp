@@ -17,18 +17,23 @@ struct Options {
 CommandHelp help() {
   CommandHelp help;
   help.name = "convert";
-  help.summary = "Writes a model as text or as a binary image";
+  help.summary = "Writes a model as text, as a binary image, or as an image in a C source";
   help.details =
       "Where neither --to nor the name of OUT tells the format, it is the other one than IN has.\n"
       "\n"
       "The two formats do not hold the same things. What OUT cannot hold is named on standard\n"
       "error before anything is written. What can be kept in another form is: in a text, the\n"
       "feature description and the normalisation as note lines, and the activation that the\n"
-      "hidden batch-norm layers share as the property hidden_act_fn.";
+      "hidden batch-norm layers share as the property hidden_act_fn.\n"
+      "\n"
+      "A C source holds the image as an array, for devices without a file system: see\n"
+      "examples/rom. The array of words.c is called words_image, its length in bytes\n"
+      "words_image_length. No command reads it back.";
   help.examples =
       "mlnn convert model.txt model.mlnn\n"
       "mlnn convert --strict model.mlnn model.txt\n"
-      "mlnn convert --to ascii --precision 6 model.mlnn - | less";
+      "mlnn convert --to ascii --precision 6 model.mlnn - | less\n"
+      "mlnn convert --to c-array model.mlnn model.c";
   help.exitStatus =
       "0  done\n"
       "1  IN does not load, OUT cannot be written, or --strict and something would be lost;\n"

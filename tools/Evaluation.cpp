@@ -79,8 +79,12 @@ std::vector<std::string> classLabels(const MultiLayerNNModel& model) {
   const auto outputs = static_cast<std::size_t>(model.numOutputs());
   std::vector<std::string> labels = splitAtCommas(model.getProp(kLabelsProperty));
   if (labels.size() == outputs) return labels;
-  labels.clear();
-  for (std::size_t i = 0; i < outputs; ++i) labels.push_back(std::to_string(i));
+  return classLabels(model.numOutputs());
+}
+
+std::vector<std::string> classLabels(int numOutputs) {
+  std::vector<std::string> labels;
+  for (int i = 0; i < numOutputs; ++i) labels.push_back(std::to_string(i));
   return labels;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "inference/FwdPass.h"
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
 #include "tools/Progress.h"
@@ -33,5 +34,8 @@ Eigen::Index recordingClass(const Eigen::MatrixXf& posteriors);
 // Returns the names of the model's outputs: the property `labels`, split at commas, when it has
 // as many entries as there are outputs, else "0", "1", ... They come from the file as they are.
 std::vector<std::string> classLabels(const MultiLayerNNModel& model);
+
+// The same for a network of so many outputs that has no properties.
+std::vector<std::string> classLabels(int numOutputs);
 
 }  // namespace mlnn

@@ -50,6 +50,8 @@ class ImageWalk {
   bool recordHeadFits(const std::string& layer, const LayerRecordHead& head);
   bool vectorLengthsFit(const std::string& layer, const LayerRecordHead& head);
   bool arraysFit(const std::string& layer, const LayerRecordHead& head);
+  bool codesFit(const std::string& layer, const LayerRecordHead& head);
+  bool refuseWeights(const std::string& layer, const LayerRecordHead& head);
   bool endFits();
   bool checksumFits();
 
@@ -142,17 +144,58 @@ bool ImageWalk::refuseRecord(std::size_t number) {
   }
   LayerRecordHead head;
   std::memcpy(&head, image_.data() + position_, sizeof head);
-  if (!recordHeadFits(layer, head) || !vectorLengthsFit(layer, head) || !arraysFit(layer, head)) {
-    return false;
+  if (!recordHeadFits(layer, head) || !vectorLengthsFit(layer, head)) return false;
+  if (head.form == kPlainFloats ? !arraysFit(layer, head) : !codesFit(layer, head)) return false;
+  return refuseWeights(layer, head);
+}
+
+// The record is whole, but its weights are not what a writer makes of them.
+bool ImageWalk::refuseWeights(const std::string& layer, const LayerRecordHead& head) {
+  if (head.form == kPlainFloats) {
+    return refuse(position_ + offsetof(LayerRecordHead, form), layer + ", form of the weights",
+                  "codes, which take fewer bytes for weights of so few different values", "floats");
   }
-  return refuse(position_, layer, "a well-formed layer record", "another one");
+  return refuse(position_ + sizeof head, layer + ", coded weights",
+                "a table of ascending values, codes that use each of them, and no shorter form",
+                "another one");
+}
+
+// Finds out what is wrong with the lengths of coded weights.
+bool ImageWalk::codesFit(const std::string& layer, const LayerRecordHead& head) {
+  const std::size_t start = sizeof head;
+  const std::size_t left = available() - start;
+  if (left < kCodedPrefixLength) {
+    return refuse(position_ + start, layer + ", coded weights", bytesText(kCodedPrefixLength),
+                  std::string(kEndOfFile) + " after " + bytesText(left));
+  }
+  const char* const prefix = image_.data() + position_ + start;
+  const auto tableLength = static_cast<uint32_t>(int32At(position_ + start));
+  if (tableLength == 0 || tableLength > maxTableLength(head.form)) {
+    return refuseValue(position_ + start, layer + ", number of values in the table",
+                       "1 to " + std::to_string(maxTableLength(head.form)), tableLength);
+  }
+  const uint64_t count = uint64_t(head.rows) * uint64_t(head.cols);
+  const uint64_t vectors =
+      sizeof(float) *
+      (uint64_t(head.biasLength) + uint64_t(head.gammaLength) + uint64_t(head.betaLength) +
+       uint64_t(head.gammaInfLength) + uint64_t(head.betaInfLength));
+  if (vectors <= left &&
+      codedLength(head.form, count, prefix, left - static_cast<std::size_t>(vectors)) > 0) {
+    return true;
+  }
+  return refuse(position_ + start, layer + ", coded weights and vectors",
+                "codes for " + std::to_string(head.rows) + " x " + std::to_string(head.cols) +
+                    " weights, and " + std::to_string(vectors) + " bytes of vectors",
+                std::string(kEndOfFile) + " after " + bytesText(left),
+                "the image is cut short, or the sizes at byte " +
+                    std::to_string(position_ + offsetof(LayerRecordHead, rows)) + " are wrong");
 }
 
 bool ImageWalk::recordHeadFits(const std::string& layer, const LayerRecordHead& head) {
   const auto at = [this](std::size_t member) { return position_ + member; };
-  if (head.form != kPlainFloats) {
-    return refuseValue(at(offsetof(LayerRecordHead, form)), layer + ", form of the record",
-                       std::to_string(kPlainFloats), head.form);
+  if (head.form >= kNumWeightForms) {
+    return refuseValue(at(offsetof(LayerRecordHead, form)), layer + ", form of the weights",
+                       "0 to " + std::to_string(kNumWeightForms - 1), head.form);
   }
   if (head.rows < 0) {
     return refuseValue(at(offsetof(LayerRecordHead, rows)), layer + ", number of outputs",

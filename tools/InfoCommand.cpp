@@ -9,6 +9,7 @@
 #include "tools/Numbers.h"
 #include "tools/Table.h"
 #include "tools/Tool.h"
+#include "tools/WeightForms.h"
 
 namespace mlnn {
 namespace {
@@ -25,7 +26,11 @@ CommandHelp help() {
   help.summary = "Says what is in a model file";
   help.details =
       "Text from the file is shown with control characters escaped. Activations are those that\n"
-      "the other commands work with: see --act-fn.";
+      "the other commands work with: see --act-fn.\n"
+      "\n"
+      "In an image, weights that take few different values, as after `mlnn reduce`, are stored as\n"
+      "a table and a byte or half a byte for each; the last column says how those of a layer are,\n"
+      "or would be.";
   help.examples =
       "mlnn info model.txt\n"
       "mlnn info --json model.mlnn | jq .layers";
@@ -92,7 +97,8 @@ Json layersJson(const MultiLayerNNModel& model) {
                       {"inputs", layer->weights.cols()},
                       {"outputs", layer->weights.rows()},
                       {"activation", ActFn::actFnToString(layer->actFn)},
-                      {"parameters", parametersOf(*layer)}});
+                      {"parameters", parametersOf(*layer)},
+                      {"image_weights", weightForm(*layer)}});
   }
   return layers;
 }
@@ -182,14 +188,15 @@ std::string featuresText(const DbnFeatureDescription& desc) {
 
 void printLayers(const MultiLayerNNModel& model) {
   using Align = Table::Align;
-  Table table(
-      {Align::kRight, Align::kRight, Align::kRight, Align::kLeft, Align::kLeft, Align::kRight},
-      {"layer", "inputs", "outputs", "kind", "activation", "parameters"});
+  Table table({Align::kRight, Align::kRight, Align::kRight, Align::kLeft, Align::kLeft,
+               Align::kRight, Align::kLeft},
+              {"layer", "inputs", "outputs", "kind", "activation", "parameters", "image weights"});
   for (std::size_t i = 0; i < model.layers.size(); ++i) {
     const NNLayer& layer = *model.layers[i];
     table.addRow({std::to_string(i + 1), std::to_string(layer.weights.cols()),
                   std::to_string(layer.weights.rows()), kindOf(layer),
-                  ActFn::actFnToString(layer.actFn), std::to_string(parametersOf(layer))});
+                  ActFn::actFnToString(layer.actFn), std::to_string(parametersOf(layer)),
+                  weightForm(layer)});
   }
   table.print(std::cout);
 }

@@ -27,30 +27,36 @@ int64_t windowOf(const DbnFeatureDescription& desc) {
 }
 
 // Whether single frames of that width make input vectors of the model's width.
-bool makesInputs(const MultiLayerNNModel& model, int width) {
-  const DbnFeatureDescription& desc = model.featureDesc;
+bool makesInputs(const InputSide& network, int width) {
+  const DbnFeatureDescription& desc = network.featureDesc;
   const bool possible = width > 0 && desc.winSizeLeft >= 0 && desc.winSizeRight >= 0;
-  return possible && width * windowOf(desc) == model.numInputs();
+  return possible && width * windowOf(desc) == network.numInputs;
 }
 
-std::string expectedWidths(const MultiLayerNNModel& model) {
-  const std::string inputs = std::to_string(model.numInputs()) + " (input vectors)";
-  const int width = frameWidth(model);
+int widthOfFrames(const InputSide& network) {
+  if (network.featureDesc.numBands != 0) return network.featureDesc.frameLen();
+  constexpr int kUnstated = static_cast<int>(MelDeltasNorm::kLength);
+  return makesInputs(network, kUnstated) ? kUnstated : 0;
+}
+
+std::string expectedWidths(const InputSide& network) {
+  const std::string inputs = std::to_string(network.numInputs) + " (input vectors)";
+  const int width = widthOfFrames(network);
   if (width == 0) {
     return inputs + "; the model does not tell the width of single frames";
   }
   const std::string single = std::to_string(width) + " (single frames)";
-  if (makesInputs(model, width)) return single + " or " + inputs;
-  return inputs + "; " + single + " in a window of " + std::to_string(windowOf(model.featureDesc)) +
-         " do not make as many";
+  if (makesInputs(network, width)) return single + " or " + inputs;
+  return inputs + "; " + single + " in a window of " +
+         std::to_string(windowOf(network.featureDesc)) + " do not make as many";
 }
 
-ContextWindow makeWindow(const MultiLayerNNModel& model, int width, const std::string& what) {
+ContextWindow makeWindow(const InputSide& network, int width, const std::string& what) {
   std::string whyNot;
   std::optional<ContextWindow> window =
-      ContextWindow::create(model.featureDesc, model.deltasNorm, width, whyNot);
+      ContextWindow::create(network.featureDesc, network.deltasNorm, width, whyNot);
   if (!window) throw Failure(what + " cannot be stacked: " + whyNot);
-  if (model.featureDesc.useLineKernels) {
+  if (network.featureDesc.useLineKernels) {
     printWarning("the feature description asks for line kernels, which are not applied to " + what);
   }
   return *std::move(window);
@@ -58,26 +64,27 @@ ContextWindow makeWindow(const MultiLayerNNModel& model, int width, const std::s
 
 }  // namespace
 
-int frameWidth(const MultiLayerNNModel& model) {
-  if (model.featureDesc.numBands != 0) return model.featureDesc.frameLen();
-  constexpr int kUnstated = static_cast<int>(MelDeltasNorm::kLength);
-  return makesInputs(model, kUnstated) ? kUnstated : 0;
+int frameWidth(const MultiLayerNNModel& model) { return widthOfFrames(InputSide::of(model)); }
+
+InputSide InputSide::of(const MultiLayerNNModel& model) {
+  const bool hasOutputs = model.numOutputs() != 0 && model.layers.front()->weights.rows() != 0;
+  return {model.featureDesc, model.deltasNorm, model.numInputs(), hasOutputs};
 }
 
-Inputs Inputs::forFrames(const MultiLayerNNModel& model, Index width, bool stacked,
+Inputs Inputs::forFrames(const InputSide& network, Index width, bool stacked,
                          const std::string& what) {
-  if (model.numOutputs() == 0 || model.layers.front()->weights.rows() == 0) {
+  if (!network.hasOutputs) {
     throw Failure("the model has no outputs");
   }
-  const int single = frameWidth(model);
+  const int single = widthOfFrames(network);
   // The window is as long as a row of weights, so a file cannot ask for more memory with it
   // than it fills itself.
-  if (!stacked && width == single && makesInputs(model, single)) {
-    return Inputs(makeWindow(model, single, what));
+  if (!stacked && width == single && makesInputs(network, single)) {
+    return Inputs(makeWindow(network, single, what));
   }
-  if (width == model.numInputs()) return Inputs(std::nullopt);
+  if (width == network.numInputs) return Inputs(std::nullopt);
   const std::string expected =
-      stacked ? std::to_string(model.numInputs()) + " (input vectors)" : expectedWidths(model);
+      stacked ? std::to_string(network.numInputs) + " (input vectors)" : expectedWidths(network);
   throw Failure(what + " has " + counted(static_cast<std::size_t>(width), "value") +
                 " in a frame; expected " + expected);
 }

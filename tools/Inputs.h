@@ -11,6 +11,16 @@
 
 namespace mlnn {
 
+// What a network asks of its inputs, loaded or not.
+struct InputSide {
+  const DbnFeatureDescription& featureDesc;
+  const MelDeltasNorm& deltasNorm;
+  int numInputs;
+  bool hasOutputs;  // in its first layer, and in its last
+
+  static InputSide of(const MultiLayerNNModel& model);
+};
+
 // Returns the width of a single frame that the model's feature description states. Where that
 // states no bands: the 120 values of the normalisation, if they times the window give the
 // model's inputs. 0 where neither tells.
@@ -23,8 +33,12 @@ class Inputs {
   // frames unless `stacked` says otherwise.
   // `what` names the frames in messages.
   // Throws: Failure that names both widths when neither fits.
-  static Inputs forFrames(const MultiLayerNNModel& model, Eigen::Index width, bool stacked,
+  static Inputs forFrames(const InputSide& network, Eigen::Index width, bool stacked,
                           const std::string& what);
+  static Inputs forFrames(const MultiLayerNNModel& model, Eigen::Index width, bool stacked,
+                          const std::string& what) {
+    return forFrames(InputSide::of(model), width, stacked, what);
+  }
 
   // Whether the frames are input vectors already.
   bool areStacked() const { return !window_; }

@@ -10,6 +10,7 @@
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
 #include "tools/ModelSaving.h"
+#include "tools/WeightForms.h"
 
 namespace mlnn {
 namespace {
@@ -87,6 +88,7 @@ ModelBudget budgetOf(const MultiLayerNNModel& model) {
   ModelBudget budget;
   for (const NNLayer* layer : model.layers) add(*layer, budget);
   budget.workingBytes = NNFwdPassFromFile::workingBytes(model, 1);
+  budget.weightForms = weightForms(model);
   if (model.useSoftmax) budget.activations += static_cast<uint64_t>(model.numOutputs());
   return budget;
 }

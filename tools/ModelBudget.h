@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "model/MultiLayerNNModel.h"
 
@@ -22,6 +23,9 @@ struct ModelBudget {
   // through the softmax.
   uint64_t multiplyAdds = 0;
   uint64_t activations = 0;
+
+  // How an image stores the weights of each layer, in words.
+  std::string weightForms;
 };
 
 ModelBudget budgetOf(const MultiLayerNNModel& model);

@@ -43,14 +43,6 @@ void warnOfLinearLayers(const ModelFile& file, std::size_t number) {
                "; they are taken as linear (see --act-fn)");
 }
 
-// The reader's lines quote the file, so they are shown escaped.
-void showMessages(const std::string& messages, bool verbose) {
-  std::istringstream in(messages);
-  for (std::string line; std::getline(in, line);) {
-    if (verbose || !startsWith(line, kInfoPrefix)) std::cerr << escaped(line) + "\n";
-  }
-}
-
 std::vector<std::string> activationNames() {
   std::vector<std::string> names;
   for (int32_t code = 0; code < ActFn::kCount; ++code) {
@@ -68,6 +60,13 @@ void addLoadOptions(CLI::App& command, LoadOptions& options) {
       ->check(CLI::IsMember(activationNames()))
       ->type_name("NAME");
   command.add_flag("-v,--verbose", options.verbose, "Show what the reader says while it reads");
+}
+
+void showMessages(const std::string& messages, bool verbose) {
+  std::istringstream in(messages);
+  for (std::string line; std::getline(in, line);) {
+    if (verbose || !startsWith(line, kInfoPrefix)) std::cerr << escaped(line) + "\n";
+  }
 }
 
 std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file) {

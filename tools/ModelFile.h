@@ -44,6 +44,10 @@ void addLoadOptions(CLI::App& command, LoadOptions& options);
 // Throws: Failure, after the reader's own messages.
 ModelFile loadModel(const std::string& name, const LoadOptions& options = {});
 
+// Shows what a reader printed, with control characters escaped; information lines only where
+// `verbose` asks for them.
+void showMessages(const std::string& messages, bool verbose);
+
 // Reads a model from memory. What the reader prints goes into `messages` instead of being
 // shown.
 // Returns: whether it could be read. `file.name` is left alone.

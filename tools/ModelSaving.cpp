@@ -4,6 +4,7 @@
 #include <locale>
 #include <ostream>
 
+#include "tools/CArray.h"
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
 #include "tools/OutputFile.h"
@@ -11,12 +12,23 @@
 namespace mlnn {
 namespace {
 
-void writeImage(const MultiLayerNNModel& model, std::ostream& out) {
+std::vector<char> imageOf(const MultiLayerNNModel& model) {
   const int length = model.binarySerializedLength();
   if (length < 0) throw Failure("the model cannot be written as a binary image");
   std::vector<char> image(static_cast<std::size_t>(length));
   model.serializeBinary(image.data());
-  out.write(image.data(), length);
+  return image;
+}
+
+void writeImage(const MultiLayerNNModel& model, std::ostream& out) {
+  const std::vector<char> image = imageOf(model);
+  out.write(image.data(), static_cast<std::streamsize>(image.size()));
+}
+
+// Whether the file is to be a C source that holds the image.
+bool isCArray(const std::string& name, const SaveOptions& options) {
+  if (!options.format.empty()) return options.format == kCArrayFormatWord;
+  return std::filesystem::path(name).extension() == ".c";
 }
 
 }  // namespace
@@ -24,9 +36,9 @@ void writeImage(const MultiLayerNNModel& model, std::ostream& out) {
 void addSaveOptions(CLI::App& command, SaveOptions& options) {
   command
       .add_option("--to", options.format,
-                  "Format to write; without it the name tells (.txt, .mlnn, .bin)")
-      ->check(CLI::IsMember({kTextFormatWord, kBinaryFormatWord}))
-      ->type_name("ascii|binary");
+                  "Format to write; without it the name tells (.txt, .mlnn, .bin, .c)")
+      ->check(CLI::IsMember({kTextFormatWord, kBinaryFormatWord, kCArrayFormatWord}))
+      ->type_name("ascii|binary|c-array");
   command.add_option("--precision", options.precision, "Digits of the numbers in a text")
       ->check(CLI::Range(1, 17))
       ->type_name("N")
@@ -37,7 +49,7 @@ void addSaveOptions(CLI::App& command, SaveOptions& options) {
 ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
                          ModelFormat otherwise) {
   if (options.format == kTextFormatWord) return ModelFormat::kText;
-  if (options.format == kBinaryFormatWord) return ModelFormat::kBinary;
+  if (options.format == kBinaryFormatWord || isCArray(name, options)) return ModelFormat::kBinary;
   const std::string extension = std::filesystem::path(name).extension().string();
   if (extension == ".txt") return ModelFormat::kText;
   if (extension == ".mlnn" || extension == ".bin") return ModelFormat::kBinary;
@@ -63,7 +75,11 @@ void saveModel(MultiLayerNNModel& model, const std::string& name, ModelFormat fo
   }
   for (const std::string& line : fit.done) printInfo(line);
   OutputFile file(name);
-  writeModel(model, format, options.precision, file.stream());
+  if (isCArray(name, options)) {
+    writeCArray(imageOf(model), arrayName(name), file.stream());
+  } else {
+    writeModel(model, format, options.precision, file.stream());
+  }
   file.finish();
 }
 

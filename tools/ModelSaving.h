@@ -10,9 +10,12 @@
 
 namespace mlnn {
 
+// The word for an image as a C source.
+inline constexpr char kCArrayFormatWord[] = "c-array";
+
 // How a command wants its model written.
 struct SaveOptions {
-  std::string format;            // kTextFormatWord, kBinaryFormatWord, or "" for by name
+  std::string format;  // kTextFormatWord, kBinaryFormatWord, kCArrayFormatWord, or "" for by name
   int precision = kExactDigits;  // digits of the numbers in a text
   bool strict = false;           // refuse rather than lose anything
 };
@@ -21,7 +24,8 @@ struct SaveOptions {
 void addSaveOptions(CLI::App& command, SaveOptions& options);
 
 // Returns the format in which a file of that name is written: what the options say, else
-// what the name says (.txt is text, .mlnn and .bin are images), else `otherwise`.
+// what the name says (.txt is text, .mlnn and .bin are images, .c is a C source that holds an
+// image), else `otherwise`. A C source counts as an image.
 ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
                          ModelFormat otherwise);
 

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "inference/CodedFwdPass.h"
 #include "tools/Escape.h"
@@ -16,6 +17,7 @@
 #include "tools/ModelFile.h"
 #include "tools/Progress.h"
 #include "tools/RunReport.h"
+#include "tools/RunnableModel.h"
 #include "tools/Tool.h"
 #include "tools/TraceWriter.h"
 
@@ -146,47 +148,44 @@ void makeFolder(const std::string& name) {
   }
 }
 
-// The forward pass that the options ask for.
-std::unique_ptr<FwdPass> passOver(MultiLayerNNModel& model, const Options& options) {
-  std::unique_ptr<FwdPass> pass;
-  if (options.bits == 0) {
-    pass.reset(model.createFwdPass());
-  } else {
-    pass = CodedFwdPass::create(model, options.bits, CodesFor::kMemory);
-  }
+// The forward pass over few bits, where the options ask for one.
+std::unique_ptr<FwdPass> codedPass(RunnableModel& model, const Options& options) {
+  if (options.bits == 0) return nullptr;
+  std::unique_ptr<FwdPass> pass =
+      CodedFwdPass::create(model.model(), options.bits, CodesFor::kMemory);
   if (pass == nullptr) throw Failure("the model cannot be run");
   return pass;
 }
 
-Eigen::MatrixXf evaluate(MultiLayerNNModel& model, FwdPass& pass, const Options& options,
+Eigen::MatrixXf evaluate(RunnableModel& model, FwdPass& pass, const Options& options,
                          const Job& job, Progress& progress) {
   const Eigen::MatrixXf frames = readRecording(job.frames);
   const Inputs inputs =
-      Inputs::forFrames(model, frames.rows(), options.stacked, inputName(job.frames));
+      Inputs::forFrames(model.inputSide(), frames.rows(), options.stacked, inputName(job.frames));
   const auto length = static_cast<std::size_t>(frames.cols());
   progress.beginPart(escaped(job.frames), job.trace.empty() ? length : 2 * length);
-  if (!job.trace.empty()) writeTrace(model, inputs, frames, job.trace, progress);
+  if (!job.trace.empty()) writeTrace(model.model(), inputs, frames, job.trace, progress);
   return evaluateFrames(pass, frames, inputs, progress);
 }
 
 // What the jobs of a command line have found, told as they are done or, as JSON, at the end.
 class Report {
  public:
-  Report(const Options& options, const MultiLayerNNModel& model)
-      : options_(options), model_(model) {
+  Report(const Options& options, OutputSide network)
+      : options_(options), network_(std::move(network)) {
     json_ = {{"model", options.model}, {"recordings", Json::array()}};
   }
 
   void add(const Job& job, const Eigen::MatrixXf& outputs) {
     if (options_.json) {
       Json recording = {{"file", job.frames}};
-      recording.update(decisionsJson(model_, outputs));
+      recording.update(decisionsJson(network_, outputs));
       json_["recordings"].push_back(std::move(recording));
     } else if (job.out.empty()) {
       if (options_.frames.size() > 1) {
         std::cout << (isFirst_ ? "" : "\n") << escaped(job.frames) << "\n";
       }
-      printDecisions(model_, outputs, std::cout);
+      printDecisions(network_, outputs, std::cout);
     }
     isFirst_ = false;
   }
@@ -202,19 +201,20 @@ class Report {
 
  private:
   const Options& options_;
-  const MultiLayerNNModel& model_;
+  OutputSide network_;
   Json json_;
   bool isFirst_ = true;
 };
 
-int runJobs(const std::vector<Job>& jobs, const Options& options, MultiLayerNNModel& model) {
+int runJobs(const std::vector<Job>& jobs, const Options& options, RunnableModel& model) {
   int status = kDone;
-  const std::unique_ptr<FwdPass> pass = passOver(model, options);
-  Report report(options, model);
+  const std::unique_ptr<FwdPass> coded = codedPass(model, options);
+  FwdPass& pass = coded ? *coded : model.pass();
+  Report report(options, model.outputSide());
   Progress progress(jobs.size());
   for (const Job& job : jobs) {
     try {
-      const Eigen::MatrixXf outputs = evaluate(model, *pass, options, job, progress);
+      const Eigen::MatrixXf outputs = evaluate(model, pass, options, job, progress);
       if (!job.out.empty()) writeFrames(job.out, outputs);
       if (job.out.empty()) progress.hide();  // both may go to the same terminal
       report.add(job, outputs);
@@ -244,9 +244,10 @@ int run(const Options& options) {
   checkUsage(options);
   std::vector<Job> jobs = jobsOf(options);
   addTraces(options, jobs);
-  ModelFile file = loadModel(options.model, options.load);
+  const bool needsModel = !options.trace.empty() || options.bits != 0;
+  RunnableModel model(options.model, options.load, needsModel);
   if (isIntoFolder(options)) makeFolder(options.out);
-  return runJobs(jobs, options, file.model);
+  return runJobs(jobs, options, model);
 }
 
 }  // namespace

@@ -52,25 +52,24 @@ Json classJson(const Labels& labels, Index best) {
 
 }  // namespace
 
-void printDecisions(const MultiLayerNNModel& model, const Eigen::MatrixXf& outputs,
-                    std::ostream& out) {
-  const Labels labels = classLabels(model);
+void printDecisions(const OutputSide& network, const Eigen::MatrixXf& outputs, std::ostream& out) {
+  const Labels& labels = network.labels;
   Table table({Table::Align::kRight, Table::Align::kLeft, Table::Align::kRight},
-              {"frame", "class", model.useSoftmax ? "posterior" : "output"});
+              {"frame", "class", network.arePosteriors ? "posterior" : "output"});
   for (Index f = 0; f < outputs.cols(); ++f) {
     const Index best = bestClass(outputs.col(f));
-    table.addRow(
-        {std::to_string(f), labelText(labels, best),
-         best < 0 ? "nan" : valueText(static_cast<double>(outputs(best, f)), model.useSoftmax)});
+    table.addRow({std::to_string(f), labelText(labels, best),
+                  best < 0
+                      ? "nan"
+                      : valueText(static_cast<double>(outputs(best, f)), network.arePosteriors)});
   }
   table.print(out);
-  if (model.useSoftmax) printRecordingClass(labels, outputs, out);
+  if (network.arePosteriors) printRecordingClass(labels, outputs, out);
 }
 
-nlohmann::ordered_json decisionsJson(const MultiLayerNNModel& model,
-                                     const Eigen::MatrixXf& outputs) {
-  const Labels labels = classLabels(model);
-  const char* const valueKey = model.useSoftmax ? "posterior" : "output";
+nlohmann::ordered_json decisionsJson(const OutputSide& network, const Eigen::MatrixXf& outputs) {
+  const Labels& labels = network.labels;
+  const char* const valueKey = network.arePosteriors ? "posterior" : "output";
   Json json = {{"frames", Json::array()}};
   for (Index f = 0; f < outputs.cols(); ++f) {
     const Index best = bestClass(outputs.col(f));
@@ -78,7 +77,7 @@ nlohmann::ordered_json decisionsJson(const MultiLayerNNModel& model,
     frame[valueKey] = best < 0 ? Json() : Json(outputs(best, f));
     json["frames"].push_back(std::move(frame));
   }
-  if (!model.useSoftmax) return json;
+  if (!network.arePosteriors) return json;
   const Index best = recordingClass(outputs);
   json["recording"] = classJson(labels, best);
   json["recording"]["sum_of_log_posteriors"] = best < 0 ? Json() : Json(sumOfLogs(outputs)[best]);

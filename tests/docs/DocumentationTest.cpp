@@ -101,6 +101,16 @@ TEST(DocumentationTest, theProgramInTheReadmeWorks) {
   EXPECT_NEAR(std::accumulate(posteriors.begin(), posteriors.end(), 0.0), 1.0, 1e-4);
 }
 
+// It prints the same as the program that loads the network from its file.
+TEST(DocumentationTest, theProgramThatRunsFromRomWorks) {
+  const auto loaded =
+      runShell("'" MLNN_EXAMPLE_PATH "' '" + sourcePath("examples/digits/synth.txt") + "'");
+  const auto fromRom = runShell("'" MLNN_ROM_EXAMPLE_PATH "'");
+  EXPECT_EQ(fromRom.status, 0);
+  EXPECT_EQ(fromRom.out, loaded.out);
+  EXPECT_EQ(fromRom.err.rfind("info: deserializeBinary: feature desc: ", 0), 0u);
+}
+
 TEST(ConsoleBlocksTest, findsCommandsAndTheirOutput) {
   const std::vector<ConsoleCommand> commands = consoleCommands(
       "# Page\n```sh\n$ not run\n```\n```console\n$ one\nout 1\nout 2\n$ two \\\n> more\n```\n"

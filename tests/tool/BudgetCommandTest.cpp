@@ -36,6 +36,7 @@ TEST(BudgetCommandTest, printsWhatAModelNeeds) {
       "parameters        32 bytes, of which a forward pass reads 32\n"
       "working memory    [0-9]+ bytes for a forward pass\n"
       "image file        [0-9]+ bytes\n"
+      "image weights     floats in layer 1\n"
       "text file         [0-9]+ bytes\n"
       "multiply-adds     6 a frame\n"
       "activations       2 a frame\n"
@@ -59,6 +60,19 @@ TEST(BudgetCommandTest, knowsTheSizesOfTheFilesThatConvertMakes) {
   const Json json = Json::parse(result.out);
   EXPECT_EQ(json["image_bytes"], contentOf(folder.path("image.mlnn")).size());
   EXPECT_EQ(json["text_bytes"], contentOf(folder.path("text.txt")).size());
+  EXPECT_EQ(json["image_weights"], "floats in layers 1-3");
+}
+
+TEST(BudgetCommandTest, saysHowAnImageStoresTheWeightsOfEachLayer) {
+  const TempFolder folder;
+  const std::string reduced = folder.path("reduced.mlnn");
+  const std::string digits = sourcePath("examples/digits/synth.txt");
+  const auto formsAfter = [&](const std::string& bits) {
+    EXPECT_EQ(runTool({"reduce", "--bits", bits, digits, reduced}).status, 0);
+    return Json::parse(budget({"--json", reduced}).out)["image_weights"];
+  };
+  EXPECT_EQ(formsAfter("8"), "bytes in layer 1, half bytes in layers 2-3");
+  EXPECT_EQ(formsAfter("3"), "half bytes in layers 1-3");
 }
 
 TEST(BudgetCommandTest, givesTheShareOfOneCoreAtTheRate) {

@@ -7,9 +7,11 @@
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 #include "tests/tool/ToolProcess.h"
+#include "tools/CArray.h"
 
 namespace {
 
+using mlnn::test::ByteImage;
 using mlnn::test::contentOf;
 using mlnn::test::runTool;
 using mlnn::test::sourcePath;
@@ -94,6 +96,9 @@ TEST(ConvertCommandTest, theFormatIsGivenOrTakenFromTheNameOrTheOther) {
   EXPECT_EQ(startOf({text, "b.mlnn"}), "MLNN");
   EXPECT_EQ(startOf({text, "b.bin"}), "MLNN");
   EXPECT_EQ(startOf({text, "b.txt"}), "Mult");
+  EXPECT_EQ(startOf({text, "b.c"}), "/* T");
+  EXPECT_EQ(startOf({"--to", "c-array", text, "b.txt"}), "/* T");
+  EXPECT_EQ(startOf({"--to", "binary", text, "b.c"}), "MLNN");
   EXPECT_EQ(startOf({text, "image"}), "MLNN");
   EXPECT_EQ(startOf({folder.path("image"), "text"}), "Mult");
 }
@@ -156,6 +161,62 @@ TEST(ConvertCommandTest, aModelThatDoesNotLoadLeavesNoFile) {
             "ERROR: could not load the model '" +
                 in + "'\n");
   EXPECT_EQ(folder.names(), Names{"in.mlnn"});
+}
+
+// --- C sources ---
+
+TEST(ConvertCommandTest, cArrayIsASourceThatHoldsTheImage) {
+  const TempFolder folder;
+  folder.write("tiny.txt",
+               "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\nlayer 1 size 1 3\nact_fn relu\n"
+               "0.5 2 -3\n");
+  const ToolResult result =
+      runTool({"convert", "--to", "c-array", "tiny.txt", "-"}, "", folder.path());
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(runTool({"convert", "tiny.txt", "tiny.mlnn"}, "", folder.path()).status, 0);
+  const ByteImage image(contentOf(folder.path("tiny.mlnn")));
+  ASSERT_EQ(image.size(), 1056u);
+  const std::string start =
+      "/* The image of a model, written by mlnn: 1056 bytes, for little-endian machines.\n"
+      "   In C++ the declarations below need extern \"C\". */\n"
+      "#include <stddef.h>\n#include <stdint.h>\n\n"
+      "#ifdef __cplusplus\nextern \"C\" {\n#endif\n\n"
+      "extern const uint32_t model_image[];\nextern const size_t model_image_length;\n\n"
+      "const size_t model_image_length = 1056;\nconst uint32_t model_image[264] = {\n"
+      "    0x4e4e4c4d, 0x";
+  EXPECT_EQ(result.out.substr(0, start.size()), start);
+  const std::string end =
+      " 0x40000000, 0xc0400000, 0x3f000000,\n};\n\n#ifdef __cplusplus\n}\n#endif\n";
+  ASSERT_GT(result.out.size(), end.size());
+  EXPECT_EQ(result.out.substr(result.out.size() - end.size()), end);
+}
+
+// A C compiler takes the source, and what it makes of it is the image.
+TEST(ConvertCommandTest, cArrayHoldsTheImageToTheByte) {
+  const TempFolder folder;
+  const std::string words = folder.path("2 words-x.c");
+  const std::string image = folder.path("words.mlnn");
+  EXPECT_EQ(runTool({"convert", sample("synth.txt"), words}).status, 0);
+  EXPECT_EQ(runTool({"convert", sample("synth.txt"), image}).status, 0);
+  folder.write("main.c",
+               "#include <stdint.h>\n#include <stdio.h>\n"
+               "extern const uint32_t _2_words_x_image[];\n"
+               "extern const size_t _2_words_x_image_length;\n"
+               "int main(void) {\n"
+               "  return fwrite(_2_words_x_image, 1, _2_words_x_image_length, stdout) == 0;\n}\n");
+  const ToolResult built = mlnn::test::runShell(
+      "cc -std=c99 -pedantic -Wall -Wextra -Werror main.c '2 words-x.c' -o main && ./main",
+      folder.path());
+  EXPECT_EQ(built.status, 0) << built.err;
+  EXPECT_EQ(built.out, contentOf(image));
+}
+
+TEST(CArray, nameIsTheFilesWithoutItsEnding) {
+  EXPECT_EQ(mlnn::arrayName("digits.c"), "digits_image");
+  EXPECT_EQ(mlnn::arrayName("/a.b/int.c"), "int_image");
+  EXPECT_EQ(mlnn::arrayName("a/7 of-9.x.c"), "_7_of_9_x_image");
+  EXPECT_EQ(mlnn::arrayName("\xc3\xa4.c"), "___image");
+  EXPECT_EQ(mlnn::arrayName("-"), "model_image");
 }
 
 }  // namespace

@@ -312,7 +312,7 @@ TEST(ImageDiagnosis, placesTheHead) {
 
 TEST(ImageDiagnosis, placesEveryWordOfARecordHead) {
   EXPECT_EQ(saidOf(image().setInt32At(kLayer2, 7).bytes()),
-            "byte 1104: layer 2, form of the record: expected 0, found 7");
+            "byte 1104: layer 2, form of the weights: expected 0 to 2, found 7");
   EXPECT_EQ(saidOf(image().setInt32At(kLayer2 + 4, -5).bytes()),
             "byte 1108: layer 2, number of outputs: expected 0 or more, found -5");
   EXPECT_EQ(saidOf(image().setInt32At(kLayer2 + 8, -5).bytes()),
@@ -345,6 +345,43 @@ TEST(ImageDiagnosis, placesWhereAnImageIsCutShort) {
   EXPECT_EQ(saidOf(image().truncateTo(kLayer3).bytes()),
             "byte 1304: layer 3: expected a layer record, found the end of the file\n"
             "the head announces 3 layers (byte 1000), the image holds 2");
+}
+
+TEST(ImageDiagnosis, placesWhatIsWrongWithCodedWeights) {
+  MultiLayerNNModel model = mlnn::test::modelOf({mlnn::test::fewValuesLayer(12, 2, 3)});
+  model.deltasNorm.allocIfNeeded();
+  const ByteImage coded = ByteImage::of(model);  // head, 8 + 12 + 12 bytes of weights, bias
+  const auto changed = [&coded](std::size_t offset, int32_t value) {
+    return saidOf(ByteImage(coded).setInt32At(offset, value).bytes());
+  };
+  EXPECT_EQ(changed(kLayer1 + 40, 17),
+            "byte 1044: layer 1, number of values in the table: expected 1 to 16, found 17");
+  EXPECT_EQ(changed(kLayer1, 1),
+            "byte 1044: layer 1, coded weights and vectors: expected codes for 2 x 12 weights, "
+            "and 8 bytes of vectors, found the end of the file after 40 bytes\n"
+            "the image is cut short, or the sizes at byte 1008 are wrong");
+  EXPECT_EQ(changed(kLayer1, 0),
+            "byte 1044: layer 1, weights (2 x 12): expected 96 bytes, found the end of the file "
+            "after 40 bytes\n"
+            "the image is cut short, or the sizes at byte 1008 are wrong");
+  EXPECT_EQ(changed(kLayer1 + 48, -1),
+            "byte 1044: layer 1, coded weights: expected a table of ascending values, codes that "
+            "use each of them, and no shorter form, found another one");
+  EXPECT_EQ(saidOf(ByteImage(coded).truncateTo(kLayer1 + 44).bytes()),
+            "byte 1044: layer 1, coded weights: expected 8 bytes, found the end of the file after "
+            "4 bytes");
+  EXPECT_EQ(saidOf(ByteImage(coded).truncateTo(kLayer1 + 70).bytes()),
+            "byte 1044: layer 1, coded weights and vectors: expected codes for 2 x 12 weights, "
+            "and 8 bytes of vectors, found the end of the file after 30 bytes\n"
+            "the image is cut short, or the sizes at byte 1008 are wrong");
+}
+
+TEST(ImageDiagnosis, placesFloatsWhereCodesWouldDo) {
+  ByteImage floats = image();  // the first layer, 12 weights
+  for (std::size_t i = 0; i < 12; ++i) floats.setInt32At(kLayer1 + 40 + 4 * i, 0);
+  EXPECT_EQ(saidOf(floats.bytes()),
+            "byte 1004: layer 1, form of the weights: expected codes, which take fewer bytes for "
+            "weights of so few different values, found floats");
 }
 
 TEST(ImageDiagnosis, placesWhatIsLeftOver) {

@@ -46,7 +46,7 @@ TEST(BashCompletionTest, completesTheOptionsOfACommand) {
 }
 
 TEST(BashCompletionTest, completesTheWordsThatAnOptionTakes) {
-  EXPECT_EQ(completed({"mlnn", "convert", "--to", ""}), "ascii\nbinary\n");
+  EXPECT_EQ(completed({"mlnn", "convert", "--to", ""}), "ascii\nbinary\nc-array\n");
   EXPECT_EQ(completed({"mlnn", "run", "--act-fn", "s"}), "sigmoid\nsoftplus\nsilu\n");
 }
 

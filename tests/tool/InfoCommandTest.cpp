@@ -49,9 +49,9 @@ TEST(InfoCommandTest, saysWhatIsInAText) {
                 "loss            2 values, first 0.5, last 0.25\n"
                 "accuracy        1 value, first 0.75, last 0.75\n"
                 "\n"
-                "layer  inputs  outputs  kind        activation  parameters\n"
-                "    1       4        3  plain       relu                15\n"
-                "    2       3        1  batch norm  linear               7\n"
+                "layer  inputs  outputs  kind        activation  parameters  image weights\n"
+                "    1       4        3  plain       relu                15  half bytes\n"
+                "    2       3        1  batch norm  linear               7  floats\n"
                 "\n"
                 "properties\n"
                 "  na\\x1bme = v\xc3\xa4lue\\x7f\n"
@@ -87,8 +87,10 @@ TEST(InfoCommandTest, printsTheSameAsJson) {
     "file": "-", "format": "ascii", "version": 2, "bytes": 326,
     "inputs": 4, "outputs": 1, "softmax": false,
     "layers": [
-      {"kind": "plain", "inputs": 4, "outputs": 3, "activation": "relu", "parameters": 15},
-      {"kind": "batch_norm", "inputs": 3, "outputs": 1, "activation": "linear", "parameters": 7}],
+      {"kind": "plain", "inputs": 4, "outputs": 3, "activation": "relu", "parameters": 15,
+        "image_weights": "half bytes"},
+      {"kind": "batch_norm", "inputs": 3, "outputs": 1, "activation": "linear", "parameters": 7,
+        "image_weights": "floats"}],
     "parameters": 22,
     "features": {"text": "mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,line_kernel_width=0",
       "type": 0, "bands": 2, "left": 1, "right": 0, "deltas": false, "line_kernels": false,

@@ -5,6 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ByteImage.h"
+#include "tests/support/CaptureStderr.h"
+#include "tests/support/SourceTree.h"
+#include "tests/support/TestModels.h"
 #include "tests/tool/CommandFixture.h"
 
 namespace {
@@ -12,6 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using mlnn::test::contentOf;
 using mlnn::test::runTool;
+using mlnn::test::sourcePath;
 using mlnn::test::ToolResult;
 using Json = nlohmann::json;
 
@@ -269,6 +274,57 @@ TEST_F(RunCommandTest, aModelThatTellsNoActivationIsWarnedOf) {
   const ToolResult relu = run({"-", "frames.txt", "-o", "out", "--act-fn", "relu"}, old);
   EXPECT_EQ(relu.status, 0);
   EXPECT_EQ(relu.err, "info: activation of 1 hidden layer set to relu (--act-fn)\n");
+}
+
+// --- Images ---
+
+// A file is run from where it lies; the standard input, and where a trace is asked for, the model
+// that was loaded.
+TEST_F(RunCommandTest, imagesGiveTheSameBitsHoweverTheyAreRun) {
+  const std::string digits = sourcePath("examples/digits/synth.txt");
+  const std::string frames = sourcePath("examples/digits/frames/3_en-us_f4.npy");
+  ASSERT_EQ(runTool({"convert", digits, folder_.path("whole.mlnn")}).status, 0);
+  ASSERT_EQ(runTool({"reduce", digits, folder_.path("small.mlnn"), "--bits", "8"}).status, 0);
+  for (const std::string name : {"whole.mlnn", "small.mlnn"}) {
+    const std::string image = contentOf(folder_.path(name));
+    const ToolResult inPlace = run({name, frames, "-o", "in-place.npy"});
+    EXPECT_EQ(inPlace.status, 0);
+    EXPECT_EQ(inPlace.err, "");
+    EXPECT_EQ(run({"-", frames, "-o", "loaded.npy"}, image).status, 0);
+    EXPECT_EQ(run({name, frames, "-o", "traced.npy", "--trace", name + "-trace"}).status, 0);
+    EXPECT_EQ(contentOf(folder_.path("in-place.npy")), contentOf(folder_.path("loaded.npy")));
+    EXPECT_EQ(contentOf(folder_.path("in-place.npy")), contentOf(folder_.path("traced.npy")));
+    EXPECT_EQ(run({name, frames}).out, run({"-", frames}, image).out);
+    EXPECT_EQ(run({"-v", name, frames}).err, run({"-v", "-", frames}, image).err);
+  }
+}
+
+TEST_F(RunCommandTest, imagesAreRefusedAsTheReaderRefusesThem) {
+  ASSERT_EQ(runTool({"convert", "pair", "pair.mlnn"}, "", folder_.path()).status, 0);
+  const std::string image = contentOf(folder_.path("pair.mlnn"));
+  const std::string damaged[] = {image.substr(0, 600), image.substr(0, image.size() - 1),
+                                 image + "x", "MLNN", std::string(image).replace(1060, 1, "\x7f")};
+  for (const std::string& bytes : damaged) {
+    folder_.write("damaged.mlnn", bytes);
+    const ToolResult inPlace = run({"damaged.mlnn", "frames.txt"});
+    ToolResult loaded = run({"-", "frames.txt"}, bytes);
+    const std::size_t name = loaded.err.find("standard input");
+    ASSERT_NE(name, std::string::npos);
+    loaded.err.replace(name, std::string("standard input").size(), "'damaged.mlnn'");
+    EXPECT_EQ(inPlace.status, 1);
+    EXPECT_EQ(inPlace.err, loaded.err);
+    EXPECT_EQ(inPlace.out, "");
+  }
+}
+
+TEST_F(RunCommandTest, imagesWithoutOutputsAreRefused) {
+  mlnn::test::CaptureStderr quiet;
+  MultiLayerNNModel model = mlnn::test::modelOf({NNLayer(2, 0, false), NNLayer(0, 1, false)});
+  model.deltasNorm.allocIfNeeded();
+  folder_.write("narrow.mlnn", mlnn::test::ByteImage::of(model).bytes());
+  const ToolResult result = run({"narrow.mlnn", "frames.txt"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: the model has no outputs\n");
 }
 
 }  // namespace

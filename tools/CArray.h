@@ -1,0 +1,19 @@
+// The bytes of an image as a C source file, for devices without a file system.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace mlnn {
+
+// Returns the name of the array in a file of that name: what stands before the ending, with '_'
+// for whatever C names cannot hold, and "_image"; "model_image" for the standard output.
+std::string arrayName(const std::string& fileName);
+
+// Writes a C and C++ source that defines `name`, an array of 32-bit words, so that an image lies
+// where its floats may, and `name`_length, its length in bytes.
+// REQUIRES: the length is a multiple of 4, as that of every image is.
+void writeCArray(const std::vector<char>& image, const std::string& name, std::ostream& out);
+
+}  // namespace mlnn

@@ -1,0 +1,73 @@
+#include "tools/ImageFile.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "model/ModelFormat.h"
+#include "tools/CapturedDiagnostics.h"
+#include "tools/Failure.h"
+#include "tools/FileDescriptor.h"
+#include "tools/InputFile.h"
+#include "tools/ModelFile.h"
+
+namespace mlnn {
+namespace {
+
+// The length of a regular file; nothing for anything else, or what memory could not hold.
+std::optional<std::size_t> lengthOf(int descriptor) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  if (static_cast<uint64_t>(status.st_size) > std::numeric_limits<std::size_t>::max()) {
+    return std::nullopt;
+  }
+  return static_cast<std::size_t>(status.st_size);
+}
+
+}  // namespace
+
+ImageFile::Mapping::Mapping(int descriptor, std::size_t length) : length_(length) {
+  void* const data = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, descriptor, 0);
+  if (data != MAP_FAILED) data_ = data;
+}
+
+ImageFile::Mapping::Mapping(Mapping&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), length_(other.length_) {}
+
+ImageFile::Mapping& ImageFile::Mapping::operator=(Mapping&& other) noexcept {
+  std::swap(data_, other.data_);
+  std::swap(length_, other.length_);
+  return *this;
+}
+
+ImageFile::Mapping::~Mapping() {
+  if (data_ != nullptr) munmap(data_, length_);
+}
+
+std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) {
+  if (name == kStandardStream) return std::nullopt;
+  const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  const std::optional<std::size_t> length = lengthOf(file.get());
+  if (!length || *length < kMagicLength) return std::nullopt;
+  ImageFile image;
+  image.mapping_ = Mapping(file.get(), *length);
+  const void* const data = image.mapping_.data();
+  if (data == nullptr || std::memcmp(data, kMagic, kMagicLength) != 0) return std::nullopt;
+  int result;
+  std::string messages;
+  {
+    const CapturedDiagnostics captured;
+    result = image.pass_.open(data, *length);
+    messages = captured.text();
+  }
+  showMessages(messages, verbose);
+  if (result != 0) throw Failure("could not load the model " + inputName(name));
+  return image;
+}
+
+}  // namespace mlnn

@@ -1,0 +1,38 @@
+// RunnableModel — what runs recordings: an image from where it lies, or a model that was loaded.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "inference/FwdPass.h"
+#include "tools/ImageFile.h"
+#include "tools/Inputs.h"
+#include "tools/ModelFile.h"
+#include "tools/RunReport.h"
+
+namespace mlnn {
+
+class RunnableModel {
+ public:
+  // Takes an image file as it is, unless `needsModel` is set or the options give an activation;
+  // loads anything else.
+  // Throws: Failure when the model cannot be read.
+  RunnableModel(const std::string& name, const LoadOptions& options, bool needsModel);
+
+  // What it takes, valid as long as this object; and what it gives.
+  InputSide inputSide() const;
+  OutputSide outputSide() const;
+
+  FwdPass& pass() { return image_ ? static_cast<FwdPass&>(image_->pass()) : *loadedPass_; }
+
+  // REQUIRES: it was made for one who needs the model.
+  MultiLayerNNModel& model() { return file_.model; }
+
+ private:
+  std::optional<ImageFile> image_;
+  ModelFile file_;  // where there is no image
+  std::unique_ptr<FwdPass> loadedPass_;
+};
+
+}  // namespace mlnn

@@ -1,0 +1,16 @@
+// How the weights of a model's layers stand in its image.
+#pragma once
+
+#include <string>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+// Returns how the layer's weights are stored in an image: "floats", "bytes" or "half bytes".
+const char* weightForm(const NNLayer& layer);
+
+// Returns it for all layers, as in "floats in layer 1, bytes in layers 2-4"; "none" without layers.
+std::string weightForms(const MultiLayerNNModel& model);
+
+}  // namespace mlnn
