@@ -63,8 +63,7 @@ TEST(Crc32cMethods, agreeOnEveryShortLengthAndAlignment) {
 // Around the lengths at which strands begin, of one, two and several of them.
 TEST(Crc32cMethods, agreeOnLongLengths) {
   const std::string bytes = randomBytes(40000);
-  for (const std::size_t strands :
-       {768u, 1536u, 2304u, 6144u, 12288u, 13056u}) {
+  for (const std::size_t strands : {768u, 1536u, 2304u, 6144u, 12288u, 13056u}) {
     for (std::size_t length = strands - 9; length <= strands + 9; ++length) {
       const std::size_t start = length % 8;
       const uint32_t expected = crc32c(bytes.substr(start, length));

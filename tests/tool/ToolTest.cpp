@@ -76,7 +76,8 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{{"info", "a", "\x1b[m"}, "The following argument was not expected: \\x1b[m"},
         WrongUsage{{"run", "a"}, "FRAMES is required"},
         WrongUsage{{"convert", "a"}, "OUT is required"},
-        WrongUsage{{"convert", "a", "b", "--to", "text"}, "--to: text not in {ascii,binary,c-array}"},
+        WrongUsage{{"convert", "a", "b", "--to", "text"},
+                   "--to: text not in {ascii,binary,c-array}"},
         WrongUsage{{"convert", "a", "b", "--precision", "0"},
                    "--precision: Value 0 not in range 1 to 17"}));
 
