@@ -245,7 +245,7 @@ TEST(CodedKernels, giveTheBitsOfTheSameKernelsOverFloats) {
                {1031, 64}, {1040, 129}, {129, 520}, {515, 191}, {2100, 33}, {2300, 32}}) {
         if (bits > 4 && outputs <= 33) continue;  // a padded panel that does not pay
         const BothForms layer(inputs, outputs, bits);
-        for (const std::size_t frames : {1, 2, 5, 8, 17}) {
+        for (const std::size_t frames : {1u, 2u, 5u, 8u, 17u}) {
           expectSameKernels(*kernels, layer, frames);
         }
       }
