@@ -51,7 +51,7 @@ class CodedLayer {
   std::vector<uint8_t> codes_;
   std::vector<float> values_;
   std::vector<LastPoints> last_;
-  std::vector<std::size_t> lastOf_;
+  std::vector<uint64_t> lastOf_;
   GridCodes coded_{};
 };
 

@@ -143,7 +143,7 @@ void multiplyStrip(const LayerView& layer, std::size_t panel, const Strip<kHalve
     for (int v = 0; v < kCodedVectors; ++v) acc[v] = hn::Zero(d);
     for (std::size_t k = at; k < end; ++k, codes += kColumnBytes) {
       const bool isPatched = last != lastEnd && last->input < end;
-      const std::size_t stop = isPatched ? last->input : end;
+      const std::size_t stop = isPatched ? static_cast<std::size_t>(last->input) : end;
       for (; k < stop; ++k, codes += kColumnBytes) {
         __builtin_prefetch(codes + kAhead, 0, 2);
         const Vec xk = hn::Set(d, x[k]);
@@ -220,7 +220,8 @@ void decodeRows(const LayerView& layer, std::size_t row, std::size_t rows, std::
     return points.input < value;
   });
   for (; last != lastEnd && last->input < input + inputs; ++last) {
-    setLastPoints(last->rows >> first, rows, coded.lastValue, to + (last->input - input) * rows);
+    setLastPoints(last->rows >> first, rows, coded.lastValue,
+                  to + (static_cast<std::size_t>(last->input) - input) * rows);
   }
 }
 

@@ -16,9 +16,9 @@ namespace mlnn {
 constexpr std::size_t kCodedPanelRows = 64;
 
 // The weights of one input in one panel that are on the point behind the last code: bit r for
-// row r of the panel.
+// row r of the panel. Of one size on every platform, so that a model's codes are too.
 struct LastPoints {
-  std::size_t input;
+  uint64_t input;
   uint64_t rows;
 };
 
@@ -27,10 +27,10 @@ struct GridCodes {
   bool areHalfBytes;     // low half: rows 0 to 31 of the panel; high half: rows 32 to 63
   float origin;          // point p stands for fma(step, p, origin)
   float step;
-  const float* values;        // those of all codes
-  float lastValue;            // that of the point behind the last code
-  const LastPoints* last;     // in the order of panels, then of inputs
-  const std::size_t* lastOf;  // `last` begins there for each panel, and ends at the entry behind
+  const float* values;     // those of all codes
+  float lastValue;         // that of the point behind the last code
+  const LastPoints* last;  // in the order of panels, then of inputs
+  const uint64_t* lastOf;  // `last` begins there for each panel, and ends at the entry behind
 
   std::size_t columnBytes() const { return areHalfBytes ? kCodedPanelRows / 2 : kCodedPanelRows; }
 };

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <unistd.h>
@@ -28,7 +27,6 @@ class TerminalStderr {
     }
     dup2(terminal, STDERR_FILENO);
     close(terminal);
-    fcntl(screen_, F_SETFL, O_NONBLOCK);
   }
   ~TerminalStderr() {
     dup2(saved_, STDERR_FILENO);
@@ -38,11 +36,21 @@ class TerminalStderr {
   TerminalStderr(const TerminalStderr&) = delete;
   TerminalStderr& operator=(const TerminalStderr&) = delete;
 
-  // What appeared on it since the last call.
+  // What appeared on it since the last call. The system hands on what is written after a while
+  // and in pieces; so a character is written behind it all, and it has arrived when that one has.
   std::string shown() {
-    char bytes[4096];
-    const ssize_t count = read(screen_, bytes, sizeof bytes);
-    return std::string(bytes, count < 0 ? 0 : static_cast<std::size_t>(count));
+    constexpr char kEnd = '\x04';
+    if (write(STDERR_FILENO, &kEnd, 1) != 1)
+      throw std::system_error(errno, std::generic_category());
+    std::string text;
+    while (text.empty() || text.back() != kEnd) {
+      char bytes[4096];
+      const ssize_t count = read(screen_, bytes, sizeof bytes);
+      if (count <= 0) throw std::system_error(errno, std::generic_category(), "read");
+      text.append(bytes, static_cast<std::size_t>(count));
+    }
+    text.pop_back();
+    return text;
   }
 
  private:
