@@ -22,24 +22,36 @@ class AllocationWatch {
   std::size_t allocations() const;
   std::size_t largest() const;
 
+  // Since construction, in bytes: all that was allocated, freed again or not, and the most that
+  // was held at one time. Blocks count with the size that the heap gave them.
+  std::size_t total() const;
+  std::size_t peak() const;
+
   // Blocks allocated minus blocks freed since construction: 0 where nothing leaked.
   std::ptrdiff_t live() const;
 
  private:
   std::size_t allocationsBefore_;
+  std::size_t totalBefore_;
   std::ptrdiff_t liveBefore_;
+  std::ptrdiff_t heldBefore_;
 };
 
-// Makes one allocation fail: the first `successes` of the calling thread succeed, the next
-// one does not.
+enum class Failing {
+  kOnce,        // memory is short for a moment
+  kFromThenOn,  // there is no more
+};
+
+// Makes allocations fail: the first `successes` of the calling thread succeed, the next one
+// does not, and none after it until destruction where that is asked for.
 class FailingAllocation {
  public:
-  explicit FailingAllocation(std::size_t successes);
+  explicit FailingAllocation(std::size_t successes, Failing mode = Failing::kOnce);
   ~FailingAllocation();
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 
-  // Whether it has failed; false when the code did not allocate that often.
+  // Whether one has failed; false when the code did not allocate that often.
   bool happened() const;
 };
 

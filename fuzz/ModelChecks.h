@@ -1,0 +1,40 @@
+// What holds for every model that a reader accepted, checked by fuzz targets.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn::fuzz {
+
+// The text of a model with nine digits, and its image.
+std::string textOf(const MultiLayerNNModel& model);
+std::string imageOf(const MultiLayerNNModel& model);
+
+// What the text reader did with a text.
+struct TextReading {
+  int result = -1;
+  std::string messages;
+  std::ios::iostate state = std::ios::goodbit;
+  std::string rest;  // what was left in the stream
+  MultiLayerNNModel model;
+};
+
+// Reads a text by the library, within limits of memory and time, and by the literal reader.
+// Both must do the same.
+void readText(const std::string& text, TextReading& reading);
+
+// Requires that a model which was read from `text` writes and reads back the same.
+void requireTextRoundTrip(const MultiLayerNNModel& model, std::string_view text);
+
+// Reads an image within limits of memory and time; returns what deserializeBinary does.
+int readImage(std::string_view image, MultiLayerNNModel& model);
+
+// Requires that a model which was read from all of `image` writes the image again.
+void requireImageRoundTrip(const MultiLayerNNModel& model, std::string_view image);
+
+// Requires that a refusal came with a reason.
+void requireReason(std::string_view messages);
+
+}  // namespace mlnn::fuzz

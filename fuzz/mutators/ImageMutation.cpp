@@ -1,0 +1,199 @@
+// Mutations of binary images and layer records, which are laid out by hand here: the library's
+// own writer has no part in it.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "fuzz/Support.h"
+#include "fuzz/mutators/Mutation.h"
+
+namespace mlnn::fuzz {
+namespace {
+
+constexpr std::size_t kHeadLength = 1004;
+constexpr std::size_t kCountOffset = 1000;
+constexpr std::size_t kRecordHeadLength = 40;
+
+void put(std::string& bytes, std::size_t offset, uint32_t value) {
+  for (std::size_t i = 0; i < 4; ++i) bytes[offset + i] = static_cast<char>(value >> 8 * i & 0xFF);
+}
+
+void append(std::string& bytes, uint32_t value) {
+  bytes.append(4, '\0');
+  put(bytes, bytes.size() - 4, value);
+}
+
+uint32_t wordAt(const char* bytes, std::size_t offset) {
+  uint32_t value = 0;
+  for (std::size_t i = 4; i-- > 0;) value = value << 8 | static_cast<uint8_t>(bytes[offset + i]);
+  return value;
+}
+
+constexpr uint32_t kInteresting[] = {0,          1,          2,          3,          7,
+                                     120,        0xFFFFFFFF, 0x7FFFFFFF, 0x80000000, 0x40000000,
+                                     0x10000,    0x10001,    1023,       1024,       0x3F800000,
+                                     0x7F800000, 0x7FC00001, 0x00000001, 20,         0x01000000};
+
+uint32_t anyWord(Random& random) {
+  return random.oneIn(2) ? random.of(kInteresting) : static_cast<uint32_t>(random.below(9));
+}
+
+// Where the records of an image begin; the last entry is where they end.
+std::vector<std::size_t> recordOffsets(const std::string& image) {
+  std::vector<std::size_t> offsets;
+  std::size_t position = std::min(kHeadLength, image.size());
+  while (position < image.size()) {
+    const std::size_t length = recordLength(image.data() + position, image.size() - position);
+    if (length == 0) break;
+    offsets.push_back(position);
+    position += length;
+  }
+  offsets.push_back(position);
+  return offsets;
+}
+
+void changeCount(std::string& image, uint32_t change) {
+  put(image, kCountOffset, wordAt(image.data(), kCountOffset) + change);
+}
+
+// Drops, doubles or replaces a record, and counts it.
+void changeRecords(std::string& image, Random& random) {
+  const std::vector<std::size_t> offsets = recordOffsets(image);
+  const std::size_t records = offsets.size() - 1;
+  const std::size_t chosen = random.below(records + 1);
+  const bool isThere = chosen < records;
+  const std::size_t length = isThere ? offsets[chosen + 1] - offsets[chosen] : 0;
+  switch (random.below(4)) {
+    case 0:
+      if (!isThere) return;
+      image.erase(offsets[chosen], length);
+      return changeCount(image, 0xFFFFFFFF);
+    case 1:
+      if (!isThere) return;
+      image.insert(offsets[chosen], image.substr(offsets[chosen], length));
+      return changeCount(image, 1);
+    case 2:
+      image.insert(offsets[chosen], makeRecord(random));
+      return changeCount(image, 1);
+    default:
+      image.replace(offsets[chosen], length, makeRecord(random));
+      if (!isThere) changeCount(image, 1);
+      return;
+  }
+}
+
+}  // namespace
+
+std::size_t recordLength(const char* bytes, std::size_t available) {
+  if (available < kRecordHeadLength) return 0;
+  const uint64_t rows = wordAt(bytes, 4);
+  const uint64_t cols = wordAt(bytes, 8);
+  if (rows > available || cols > available) return 0;
+  uint64_t floats = rows * cols;
+  for (std::size_t word = 5; word < 10; ++word) floats += wordAt(bytes, 4 * word);
+  const uint64_t length = kRecordHeadLength + 4 * floats;
+  return length <= available ? static_cast<std::size_t>(length) : 0;
+}
+
+std::string makeRecord(Random& random) {
+  const auto rows = static_cast<uint32_t>(random.below(5));
+  const auto cols = static_cast<uint32_t>(random.below(5));
+  const bool isBatchNorm = random.oneIn(2);
+  std::string record;
+  uint32_t floats = rows * cols;
+  append(record, 0);
+  append(record, rows);
+  append(record, cols);
+  append(record, static_cast<uint32_t>(random.below(8)));
+  append(record, isBatchNorm ? 1 : 0);
+  for (int vector = 0; vector < 5; ++vector) {
+    const bool isUsed = isBatchNorm == (vector > 0);
+    const uint32_t length = isUsed || random.oneIn(2) ? rows : 0;
+    append(record, length);
+    floats += length;
+  }
+  for (; floats > 0; --floats) append(record, random.oneIn(4) ? random.word() : 0x3F000000);
+  return record;
+}
+
+std::string makeImage(Random& random) {
+  std::string image(kHeadLength, '\0');
+  const auto layers = static_cast<uint32_t>(random.below(4));
+  put(image, kCountOffset, layers);
+  for (uint32_t i = 0; i < layers; ++i) image += makeRecord(random);
+  repairImage(image);
+  return image;
+}
+
+void repairImage(std::string& image) {
+  if (image.size() < kHeadLength) return;
+  std::memcpy(image.data(), "MLNN", 4);
+  put(image, 8, 20);
+  put(image, 32, 120);
+  put(image, 516, 120);
+  const uint32_t layers = wordAt(image.data(), kCountOffset);
+  const std::vector<std::size_t> offsets = recordOffsets(image);
+  uint32_t sum = layers;
+  uint32_t read = 0;
+  for (; read < layers && read + 1 < offsets.size(); ++read) {
+    const auto* record = reinterpret_cast<const uint8_t*>(image.data() + offsets[read]);
+    sum += crc32c(record, offsets[read + 1] - offsets[read]);
+  }
+  const uint8_t emptyRecord[kRecordHeadLength] = {};
+  if (layers - read <= 1024) sum += (layers - read) * crc32c(emptyRecord, sizeof emptyRecord);
+  put(image, 4, sum);
+}
+
+void mutateRecord(std::string& record, Random& random) {
+  if (record.size() < kRecordHeadLength || random.oneIn(64)) {
+    record = makeRecord(random);
+    return;
+  }
+  switch (random.below(4)) {
+    case 0:
+      put(record, 4 * random.below(kRecordHeadLength / 4), anyWord(random));
+      break;
+    case 1:
+      put(record, 4 * random.below(record.size() / 4), anyWord(random));
+      break;
+    case 2:
+      record.resize(record.size() + 4 * random.below(5));
+      break;
+    default:
+      mutateBytes(record, 16);
+      break;
+  }
+}
+
+void mutateImage(std::string& image, Random& random) {
+  if (image.size() < kHeadLength || random.oneIn(64)) {
+    image = makeImage(random);
+    return;
+  }
+  constexpr std::size_t kHeadWords[] = {0, 4, 8, 12, 16, 20, 24, 28, 32, 36, 516, 520, 1000};
+  switch (random.below(6)) {
+    case 0:
+      put(image, random.of(kHeadWords), anyWord(random));
+      break;
+    case 1:
+      changeRecords(image, random);
+      break;
+    case 2:
+      mutateBytes(image, 16);
+      break;
+    case 3:
+      image[12 + random.below(20)] = static_cast<char>(random.word());
+      break;
+    default: {
+      const std::vector<std::size_t> offsets = recordOffsets(image);
+      const std::size_t begin = offsets[random.below(offsets.size())];
+      std::string rest = image.substr(begin);
+      mutateRecord(rest, random);
+      image.replace(begin, std::string::npos, rest);
+      break;
+    }
+  }
+  if (!random.oneIn(16)) repairImage(image);
+}
+
+}  // namespace mlnn::fuzz

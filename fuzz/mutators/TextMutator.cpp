@@ -1,0 +1,9 @@
+#include "fuzz/mutators/Mutation.h"
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(uint8_t* data, std::size_t size, std::size_t maxSize,
+                                               unsigned int seed) {
+  mlnn::fuzz::Random random(seed);
+  std::string text(reinterpret_cast<const char*>(data), size);
+  mlnn::fuzz::mutateText(text, random);
+  return mlnn::fuzz::give(text, data, maxSize);
+}

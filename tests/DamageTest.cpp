@@ -1,0 +1,316 @@
+// Exhaustive damage: every change of a kind to the golden files, texts of both versions and an
+// image. Nothing may crash, every refusal says why, and nothing that changes a layer record goes
+// unnoticed. Every byte of the texts takes 25 values, and all 256 where the environment sets
+// MLNN_EXHAUSTIVE: scripts/check-damage does.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "model/ModelFormat.h"
+#include "model/MultiLayerNNModel.h"
+#include "tests/support/AllocationWatch.h"
+#include "tests/support/ByteImage.h"
+#include "tests/support/ModelDifference.h"
+#include "tests/support/SourceTree.h"
+
+namespace {
+
+using mlnn::test::AllocationWatch;
+using mlnn::test::firstDifference;
+using mlnn::test::sourcePath;
+
+// What a damaged file may take beside a multiple of its length.
+constexpr std::size_t kMemory = std::size_t{4} << 20;
+
+// Counts that no file of this size means.
+const std::vector<std::string> kCounts = {"-1",
+                                          "0",
+                                          "1",
+                                          "2147483647",
+                                          "2147483648",
+                                          "9223372036854775808",
+                                          "99999999999999999999999999999999999999999"};
+
+std::string golden(const std::string& name) {
+  std::ifstream in(sourcePath("tests/golden/" + name), std::ios::binary);
+  EXPECT_TRUE(in) << name;
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// What loading some bytes came to. std::cerr is gathered without the descriptor, since there are
+// a hundred thousand of these.
+struct Loading {
+  int result = -1;
+  std::string messages;
+  std::unique_ptr<MultiLayerNNModel> model = std::make_unique<MultiLayerNNModel>();
+
+  bool hasReason() const { return messages.find("ERR") != std::string::npos; }
+};
+
+Loading load(const std::string& bytes) {
+  Loading loading;
+  std::ostringstream messages;
+  std::streambuf* const shown = std::cerr.rdbuf(messages.rdbuf());
+  std::istringstream in(bytes);
+  const AllocationWatch watch;
+  loading.result = loading.model->deserialize(in);
+  EXPECT_LE(watch.peak(), 64 * bytes.size() + kMemory);
+  std::cerr.rdbuf(shown);
+  loading.messages = messages.str();
+  return loading;
+}
+
+// Whether what was read can be written, and is read from that again: the same model, which also
+// is destroyed on the way.
+bool writesAndReads(const MultiLayerNNModel& model) {
+  std::ostringstream out;
+  out.precision(9);
+  model.serializeAscii(out);
+  const Loading again = load(out.str());
+  std::ostringstream twice;
+  twice.precision(9);
+  again.model->serializeAscii(twice);
+  return again.result == 0 && twice.str() == out.str();
+}
+
+// Loads damaged bytes, which must either be refused with a reason or give a model that holds
+// together. Returns the result.
+int loadDamaged(const std::string& bytes, const std::string& what) {
+  const Loading loading = load(bytes);
+  if (loading.result != 0) {
+    EXPECT_EQ(loading.result, 1) << what;
+    EXPECT_TRUE(loading.hasReason()) << what << ": refused without a reason";
+    loading.model->checksum();
+    return loading.result;
+  }
+  // A note that moved behind the properties may mean something else there.
+  if (bytes.find("# NVP # ") == std::string::npos) {
+    EXPECT_TRUE(bytes.compare(0, 4, "MLNN") == 0 || writesAndReads(*loading.model)) << what;
+  }
+  return loading.result;
+}
+
+// --- Texts ---
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line + "\n");
+  return lines;
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line;
+  return text;
+}
+
+// Where the integers that follow a keyword stand in a text: begin and length.
+std::vector<std::pair<std::size_t, std::size_t>> countsIn(const std::string& text) {
+  std::vector<std::pair<std::size_t, std::size_t>> counts;
+  std::size_t lineBegin = 0;
+  for (const std::string& line : linesOf(text)) {
+    std::istringstream words(line);
+    std::string keyword;
+    words >> keyword;
+    const bool hasCounts = keyword == mlnn::kLossKeyword || keyword == mlnn::kAccuracyKeyword ||
+                           keyword == mlnn::kNumLayersKeyword || keyword == mlnn::kLayerKeyword ||
+                           keyword == mlnn::kBatchNormLayerKeyword;
+    for (std::size_t at = 0; hasCounts && at < line.size();) {
+      const std::size_t begin = std::min(line.find_first_of("0123456789", at), line.size());
+      const std::size_t end = std::min(line.find_first_not_of("0123456789", begin), line.size());
+      if (begin < end) counts.emplace_back(lineBegin + begin, end - begin);
+      at = end;
+    }
+    lineBegin += line.size();
+  }
+  return counts;
+}
+
+class DamagedText : public testing::TestWithParam<const char*> {
+ protected:
+  std::string text_ = golden(GetParam());
+};
+
+TEST_P(DamagedText, isWholeWithoutDamage) { EXPECT_EQ(loadDamaged(text_, "whole"), 0); }
+
+TEST_P(DamagedText, everyPrefixIsRefused) {
+  // Without its last line feed too: the end of the file might cut a number.
+  for (std::size_t length = 0; length < text_.size(); ++length) {
+    EXPECT_EQ(loadDamaged(text_.substr(0, length), "prefix of " + std::to_string(length)), 1);
+  }
+}
+
+// All values of a byte; or its neighbours by one bit, and those that mean something to a reader.
+std::vector<int> valuesFor(char byte) {
+  std::vector<int> values;
+  if (std::getenv("MLNN_EXHAUSTIVE") != nullptr) {
+    for (int value = 0; value < 256; ++value) values.push_back(value);
+    return values;
+  }
+  for (int bit = 0; bit < 8; ++bit) values.push_back(static_cast<unsigned char>(byte) ^ 1 << bit);
+  for (const char value : std::string("\0\t\n\v\r #+-.019eExN", 17)) values.push_back(value);
+  return values;
+}
+
+TEST_P(DamagedText, everyByteTakesEveryValue) {
+  int accepted = 0;
+  for (std::size_t i = 0; i < text_.size(); ++i) {
+    std::string damaged = text_;
+    for (const int value : valuesFor(text_[i])) {
+      damaged[i] = static_cast<char>(value);
+      const std::string what = "byte " + std::to_string(i) + " = " + std::to_string(value);
+      accepted += loadDamaged(damaged, what) == 0 ? 1 : 0;
+    }
+  }
+  EXPECT_GT(accepted, static_cast<int>(text_.size()));  // digits of values, letters of notes
+}
+
+TEST_P(DamagedText, adjacentLinesChangePlaces) {
+  std::vector<std::string> lines = linesOf(text_);
+  for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
+    std::swap(lines[i], lines[i + 1]);
+    loadDamaged(joined(lines), "lines " + std::to_string(i + 1) + " and the next swapped");
+    std::swap(lines[i], lines[i + 1]);
+  }
+}
+
+TEST_P(DamagedText, aLineIsMissingOrTwice) {
+  const std::vector<std::string> lines = linesOf(text_);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const auto at = static_cast<std::ptrdiff_t>(i);
+    const std::string number = std::to_string(i + 1);
+    const bool isComment = lines[i][0] == '#';
+    std::vector<std::string> fewer = lines;
+    fewer.erase(fewer.begin() + at);
+    const int withoutIt = loadDamaged(joined(fewer), "line " + number + " missing");
+    std::vector<std::string> more = lines;
+    more.insert(more.begin() + at, lines[i]);
+    const int withItTwice = loadDamaged(joined(more), "line " + number + " twice");
+    if (isComment) continue;
+    EXPECT_EQ(withoutIt, 1) << "line " << number << ": " << lines[i];
+    EXPECT_EQ(withItTwice, 1) << "line " << number << ": " << lines[i];
+  }
+}
+
+TEST_P(DamagedText, everyCountBecomesAnother) {
+  const auto counts = countsIn(text_);
+  EXPECT_EQ(counts.size(), 12u);  // two curves, the layers, and three for each of three layers
+  for (const auto& [begin, length] : counts) {
+    const std::string count = text_.substr(begin, length);
+    for (const std::string& other : kCounts) {
+      if (other == count) continue;
+      std::string damaged = text_;
+      damaged.replace(begin, length, other);
+      EXPECT_EQ(loadDamaged(damaged, "count at " + std::to_string(begin) + " = " + other), 1)
+          << begin << " " << other;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Golden, DamagedText, testing::Values("version1.txt", "version2.txt"),
+                         [](const auto& instance) {
+                           return std::string(instance.param).substr(0, 8);
+                         });
+
+// --- Images ---
+
+class DamagedImage : public testing::TestWithParam<const char*> {
+ protected:
+  std::string image_ = golden(GetParam());
+};
+
+TEST_P(DamagedImage, everyPrefixIsRefused) {
+  for (std::size_t length = 0; length < image_.size(); ++length) {
+    const Loading loading = load(image_.substr(0, length));
+    EXPECT_EQ(loading.result, 1) << length;
+    // An image too short for a checksum is refused without a word.
+    const bool saysWhy = length < mlnn::kMagicLength || length >= mlnn::kMinImageLength;
+    EXPECT_EQ(loading.hasReason(), saysWhy) << length << ": " << loading.messages;
+  }
+}
+
+TEST_P(DamagedImage, everyByteOfARecordTakesEveryValue) {
+  for (std::size_t i = mlnn::kLayerCountOffset; i < image_.size(); ++i) {
+    std::string damaged = image_;
+    for (int value = 0; value < 256; ++value) {
+      damaged[i] = static_cast<char>(value);
+      const Loading loading = load(damaged);
+      EXPECT_EQ(loading.result, damaged == image_ ? 0 : 1) << i << " = " << value;
+      EXPECT_EQ(loading.hasReason(), loading.result != 0) << i << " = " << value;
+    }
+  }
+}
+
+// What the head holds beside lengths is not covered by the checksum: it is read as it stands.
+TEST_P(DamagedImage, everyByteOfTheHeadTakesEveryValue) {
+  for (std::size_t i = 0; i < mlnn::kLayerCountOffset; ++i) {
+    const bool isFree = (i >= mlnn::kFeatureDescOffset && i < mlnn::kMinvalsLengthOffset) ||
+                        (i >= mlnn::kMinvalsOffset && i < mlnn::kNormvalsLengthOffset) ||
+                        i >= mlnn::kNormvalsOffset;
+    std::string damaged = image_;
+    for (int value = 0; value < 256; ++value) {
+      damaged[i] = static_cast<char>(value);
+      const bool isAccepted = isFree || damaged == image_;
+      EXPECT_EQ(loadDamaged(damaged, std::to_string(i) + " = " + std::to_string(value)),
+                isAccepted ? 0 : 1)
+          << i << " = " << value;
+    }
+  }
+}
+
+TEST_P(DamagedImage, everyCountBecomesAnother) {
+  const std::vector<int64_t> counts = {-1, 0, 1, INT32_MAX, INT32_MIN, 1023, 1024, 65536};
+  std::vector<std::size_t> words = {mlnn::kFeatureDescLengthOffset, mlnn::kMinvalsLengthOffset,
+                                    mlnn::kNormvalsLengthOffset, mlnn::kLayerCountOffset};
+  for (std::size_t at = mlnn::kHeadLength; at + 4 <= image_.size(); at += 4) words.push_back(at);
+  for (const std::size_t at : words) {
+    for (const int64_t count : counts) {
+      mlnn::test::ByteImage damaged(image_);
+      damaged.setInt32At(at, static_cast<int32_t>(count));
+      if (damaged.bytes() == image_) continue;
+      EXPECT_EQ(loadDamaged(damaged.bytes(), "word at " + std::to_string(at)), 1) << count;
+    }
+  }
+}
+
+TEST_P(DamagedImage, recordsChangePlacesOrAreMissingOrTwice) {
+  std::vector<std::string> records;
+  for (std::size_t at = mlnn::kHeadLength; at < image_.size();) {
+    NNLayer layer;
+    const int length =
+        layer.deserializeBinary(image_.data() + at, static_cast<int>(image_.size() - at));
+    ASSERT_GT(length, 0);
+    records.push_back(image_.substr(at, static_cast<std::size_t>(length)));
+    at += static_cast<std::size_t>(length);
+  }
+  ASSERT_EQ(records.size(), 3u);
+  const std::string head = image_.substr(0, mlnn::kHeadLength);
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const auto at = static_cast<std::ptrdiff_t>(i);
+    std::vector<std::string> fewer = records;
+    fewer.erase(fewer.begin() + at);
+    EXPECT_EQ(loadDamaged(head + joined(fewer), "record missing"), 1) << i;
+    std::vector<std::string> more = records;
+    more.insert(more.begin() + at, records[i]);
+    EXPECT_EQ(loadDamaged(head + joined(more), "record twice"), 1) << i;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Golden, DamagedImage, testing::Values("image.mlnn"),
+                         [](const auto& instance) {
+                           return std::string(instance.param).substr(0, 5);
+                         });
+
+}  // namespace
