@@ -180,7 +180,7 @@ class MultiLayerNNModel : public InferenceModel {
   // Returns: 0 done; 1 refused, after an error line.
   int deserialize(std::istream& in);
 
-  // Opens the file and reads it the same way.
+  // Opens the file and reads it the same way, whatever the program's global locale is.
   int deserialize(const char* fileName);
 
  private:

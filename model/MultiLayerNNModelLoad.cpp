@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <locale>
 #include <memory>
 
 #include "model/ModelFormat.h"
@@ -57,5 +58,6 @@ int MultiLayerNNModel::deserialize(const char* fileName) {
     std::cerr << "ERROR: MultiLayerNNModel: could not read file: " << fileName << "\n";
     return 1;
   }
+  in.imbue(std::locale::classic());  // the program's global locale says nothing about files
   return deserialize(in);
 }
