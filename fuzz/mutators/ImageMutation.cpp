@@ -2,6 +2,7 @@
 // own writer has no part in it.
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include "fuzz/Support.h"
@@ -36,6 +37,94 @@ constexpr uint32_t kInteresting[] = {0,          1,          2,          3,     
 
 uint32_t anyWord(Random& random) {
   return random.oneIn(2) ? random.of(kInteresting) : static_cast<uint32_t>(random.below(9));
+}
+
+// --- Weights, plain or as codes of a table (docs/binary-format.md) ---
+
+constexpr uint32_t kPlain = 0;
+constexpr uint32_t kByteCodes = 1;
+constexpr uint32_t kHalfByteCodes = 2;
+
+uint64_t codedWords(uint32_t form, uint64_t count, uint64_t table, uint64_t rare) {
+  const uint64_t bits = form == kByteCodes ? 8 : 4;
+  return 2 + table + (rare == 0 ? 0 : 1 + rare) + (bits * count + 31) / 32;
+}
+
+using Occurrences = std::map<uint32_t, std::size_t>;
+
+Occurrences occurrencesOf(const std::vector<uint32_t>& weights) {
+  Occurrences occurrences;
+  for (const uint32_t weight : weights) ++occurrences[weight];
+  return occurrences;
+}
+
+// The value that fewest weights have, of several the largest.
+Occurrences::value_type rarestOf(const Occurrences& occurrences) {
+  return *std::min_element(occurrences.rbegin(), occurrences.rend(),
+                           [](const auto& a, const auto& b) { return a.second < b.second; });
+}
+
+uint32_t formFor(const std::vector<uint32_t>& weights) {
+  const Occurrences occurrences = occurrencesOf(weights);
+  uint32_t best = kPlain;
+  uint64_t bestWords = weights.size();
+  for (const uint32_t form : {kByteCodes, kHalfByteCodes}) {
+    const std::size_t room = form == kByteCodes ? 256 : 16;
+    if (weights.empty() || occurrences.size() > room + 1) continue;
+    const bool leavesOut = occurrences.size() > room;
+    const uint64_t words = codedWords(form, weights.size(), std::min(room, occurrences.size()),
+                                      leavesOut ? rarestOf(occurrences).second : 0);
+    if (words >= bestWords) continue;
+    best = form;
+    bestWords = words;
+  }
+  return best;
+}
+
+void appendCoded(std::string& record, uint32_t form, const std::vector<uint32_t>& weights) {
+  Occurrences occurrences = occurrencesOf(weights);
+  const std::size_t room = form == kByteCodes ? 256 : 16;
+  const bool leavesOut = occurrences.size() > room;
+  const uint32_t rare = leavesOut ? rarestOf(occurrences).first : 0;
+  if (leavesOut) occurrences.erase(rare);
+  append(record, static_cast<uint32_t>(occurrences.size()));
+  const auto isRare = [&](uint32_t weight) { return leavesOut && weight == rare; };
+  append(record, static_cast<uint32_t>(std::count_if(weights.begin(), weights.end(), isRare)));
+  std::map<uint32_t, unsigned> codes;
+  for (const auto& [value, count] : occurrences) {
+    codes.emplace(value, static_cast<unsigned>(codes.size()));
+    append(record, value);
+  }
+  if (leavesOut) append(record, rare);
+  for (uint32_t i = 0; leavesOut && i < weights.size(); ++i) {
+    if (isRare(weights[i])) append(record, i);
+  }
+  const std::size_t inByte = form == kByteCodes ? 1 : 2;
+  std::string bytes((weights.size() + inByte - 1) / inByte, '\0');
+  for (std::size_t i = 0; i < weights.size(); ++i) {
+    const unsigned code = isRare(weights[i]) ? 0 : codes[weights[i]];
+    char& byte = bytes[i / inByte];
+    byte = static_cast<char>(byte | static_cast<char>(code << 4 * (i % inByte)));
+  }
+  bytes.resize((bytes.size() + 3) / 4 * 4);
+  record += bytes;
+}
+
+void appendWeights(std::string& record, uint32_t form, const std::vector<uint32_t>& weights) {
+  if (form == kByteCodes || form == kHalfByteCodes) return appendCoded(record, form, weights);
+  for (const uint32_t weight : weights) append(record, weight);
+}
+
+// Weights of any bits, or of a few different values.
+std::vector<uint32_t> makeWeights(std::size_t count, Random& random) {
+  constexpr std::size_t kDistinct[] = {1, 2, 3, 15, 16, 17, 18, 256, 257, 258};
+  const std::size_t distinct = random.of(kDistinct);
+  const bool isAny = random.oneIn(2);
+  std::vector<uint32_t> weights(count);
+  for (uint32_t& weight : weights) {
+    weight = isAny ? random.word() : 0x3F000000 + static_cast<uint32_t>(random.below(distinct));
+  }
+  return weights;
 }
 
 // Where the records of an image begin; the last entry is where they end.
@@ -86,32 +175,43 @@ void changeRecords(std::string& image, Random& random) {
 
 std::size_t recordLength(const char* bytes, std::size_t available) {
   if (available < kRecordHeadLength) return 0;
+  const uint32_t form = wordAt(bytes, 0);
   const uint64_t rows = wordAt(bytes, 4);
   const uint64_t cols = wordAt(bytes, 8);
-  if (rows > available || cols > available) return 0;
-  uint64_t floats = rows * cols;
-  for (std::size_t word = 5; word < 10; ++word) floats += wordAt(bytes, 4 * word);
-  const uint64_t length = kRecordHeadLength + 4 * floats;
-  return length <= available ? static_cast<std::size_t>(length) : 0;
+  if (rows > available || cols > available || rows * cols > 2 * available) return 0;
+  uint64_t words = kRecordHeadLength / 4;
+  for (std::size_t word = 5; word < 10; ++word) words += wordAt(bytes, 4 * word);
+  if (form == kByteCodes || form == kHalfByteCodes) {
+    if (available < kRecordHeadLength + 8) return 0;
+    const uint64_t rare = wordAt(bytes, kRecordHeadLength + 4);
+    words += codedWords(form, rows * cols, wordAt(bytes, kRecordHeadLength), rare);
+  } else {
+    words += rows * cols;
+  }
+  return words <= available / 4 ? static_cast<std::size_t>(4 * words) : 0;
 }
 
 std::string makeRecord(Random& random) {
-  const auto rows = static_cast<uint32_t>(random.below(5));
-  const auto cols = static_cast<uint32_t>(random.below(5));
+  const auto rows = static_cast<uint32_t>(random.below(6));
+  const auto cols = static_cast<uint32_t>(random.below(random.oneIn(8) ? 60 : 6));
   const bool isBatchNorm = random.oneIn(2);
+  const std::vector<uint32_t> weights = makeWeights(std::size_t{rows} * cols, random);
+  const uint32_t form =
+      random.oneIn(16) ? static_cast<uint32_t>(random.below(4)) : formFor(weights);
   std::string record;
-  uint32_t floats = rows * cols;
-  append(record, 0);
+  append(record, form);
   append(record, rows);
   append(record, cols);
   append(record, static_cast<uint32_t>(random.below(8)));
   append(record, isBatchNorm ? 1 : 0);
+  uint32_t floats = 0;
   for (int vector = 0; vector < 5; ++vector) {
     const bool isUsed = isBatchNorm == (vector > 0);
     const uint32_t length = isUsed || random.oneIn(2) ? rows : 0;
     append(record, length);
     floats += length;
   }
+  appendWeights(record, form, weights);
   for (; floats > 0; --floats) append(record, random.oneIn(4) ? random.word() : 0x3F000000);
   return record;
 }
