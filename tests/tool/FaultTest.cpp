@@ -1,0 +1,176 @@
+// Every read and write of the tool fails once: the status is 1, the message names the file and
+// why, and a file that was there before stays whole.
+//
+// The faults come from a library that is loaded before the C library's functions
+// (tests/tool/FailingIo.cpp): the n-th call of a kind fails, for n = 1, 2, ...
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tests/support/SourceTree.h"
+#include "tests/tool/ToolProcess.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mlnn::test::contentOf;
+using mlnn::test::runShell;
+using mlnn::test::sourcePath;
+using mlnn::test::TempFolder;
+using mlnn::test::ToolResult;
+using testing::AnyOf;
+using testing::HasSubstr;
+
+constexpr int kTries = 8;  // more calls of a kind than the small files here need
+const std::string kOld = "what was there before\n";
+
+struct Work {
+  const char* name;
+  const char* line;   // what is run; its output goes to `out`
+  const char* input;  // what it reads
+};
+
+const std::vector<Work> kWork = {
+    {"convert_to_image", "mlnn convert model.txt out --to binary", "model.txt"},
+    {"convert_to_text", "mlnn convert image.mlnn out --to ascii", "image.mlnn"},
+    {"fold", "mlnn fold model.txt out", "model.txt"},
+    {"reduce", "mlnn reduce model.txt out --bits 4", "model.txt"},
+    {"run", "mlnn run model.txt frames.txt --out out", "frames.txt"},
+};
+
+struct Kind {
+  const char* name;
+  const char* error;
+};
+
+const std::vector<Kind> kKinds = {{"read", "Input/output error"},
+                                  {"write", "No space left on device"},
+                                  {"open", "Too many open files"},
+                                  {"close", "Input/output error"},
+                                  {"rename", "Operation not permitted"}};
+
+class Faults : public testing::TestWithParam<std::tuple<Work, Kind>> {
+ protected:
+  Faults() {
+    fs::copy_file(sourcePath("tests/golden/version2.txt"), folder_.path("model.txt"));
+    fs::copy_file(sourcePath("tests/golden/image.mlnn"), folder_.path("image.mlnn"));
+    folder_.write("frames.txt", "1\n2\n3\n");
+    folder_.write("out", kOld);
+    names_ = folder_.names();
+  }
+
+  ToolResult runFailing(int number) {
+    const auto& [work, kind] = GetParam();
+    return runShell("export LD_PRELOAD='" MLNN_FAILING_IO_PATH "' MLNN_FAIL='" +
+                        std::string(kind.name) + " " + std::to_string(number) + "'; " + work.line,
+                    folder_.path());
+  }
+
+  TempFolder folder_;
+  std::vector<std::string> names_;
+};
+
+TEST_P(Faults, leaveTheEarlierFileWhole) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's library must be the first one";
+#endif
+  const auto& [work, kind] = GetParam();
+  ASSERT_EQ(runFailing(0).status, 0);
+  const std::string whole = contentOf(folder_.path("out"));
+  int failures = 0;
+  for (int number = 1; number <= kTries; ++number) {
+    folder_.write("out", kOld);
+    const ToolResult result = runFailing(number);
+    SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(number) + ": " + result.err);
+    EXPECT_EQ(folder_.names(), names_);
+    if (result.status == 0) {  // there was no such call, or it was the closing of an input
+      EXPECT_EQ(contentOf(folder_.path("out")), whole);
+      continue;
+    }
+    ++failures;
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(contentOf(folder_.path("out")), kOld);
+    EXPECT_THAT(result.err, HasSubstr("ERROR: cannot "));
+    EXPECT_THAT(result.err, HasSubstr(std::string(": ") + kind.error + "\n"));
+    EXPECT_THAT(result.err, AnyOf(HasSubstr("'out'"), HasSubstr("'model.txt'"),
+                                  HasSubstr(std::string("'") + work.input + "'")));
+  }
+  EXPECT_GT(failures, 0);
+}
+
+std::string testName(const testing::TestParamInfo<std::tuple<Work, Kind>>& instance) {
+  return std::string(std::get<0>(instance.param).name) + "_" + std::get<1>(instance.param).name;
+}
+
+void PrintTo(const Work& work, std::ostream* out) { *out << work.name; }
+void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
+
+INSTANTIATE_TEST_SUITE_P(Tool, Faults,
+                         testing::Combine(testing::ValuesIn(kWork), testing::ValuesIn(kKinds)),
+                         testName);
+
+// What the system itself can do to files.
+class SystemFaults : public testing::Test {
+ protected:
+  SystemFaults() {
+    fs::copy_file(sourcePath("tests/golden/version2.txt"), folder_.path("model.txt"));
+    folder_.write("frames.txt", "1\n2\n3\n");
+  }
+  ToolResult run(const std::string& line) { return runShell(line, folder_.path()); }
+
+  TempFolder folder_;
+};
+
+TEST_F(SystemFaults, aFullDeviceIsNamed) {
+  const ToolResult result = run("mlnn convert model.txt /dev/full --to binary");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write '/dev/full': No space left on device\n"));
+}
+
+TEST_F(SystemFaults, aFullStandardOutputIsNamed) {
+  const ToolResult result = run("mlnn info model.txt > /dev/full");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err,
+              HasSubstr("ERROR: cannot write to standard output: No space left on device\n"));
+}
+
+TEST_F(SystemFaults, aFolderInPlaceOfAFileIsNamed) {
+  fs::create_directory(folder_.path("folder"));
+  ToolResult result = run("mlnn info folder");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: cannot read 'folder': Is a directory\n");
+  result = run("mlnn convert model.txt folder --to binary");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write 'folder': Is a directory\n"));
+  EXPECT_EQ(fs::is_empty(folder_.path("folder")), true);
+}
+
+TEST_F(SystemFaults, aClosedPipeIsNamed) {
+  const ToolResult result =
+      run("mkfifo pipe; : < pipe & exec 3> pipe; wait; mlnn convert model.txt - --to ascii >&3");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write to standard output: Broken pipe\n"));
+}
+
+TEST_F(SystemFaults, aClosedStandardOutputIsNamed) {
+  const ToolResult result = run("mlnn info model.txt >&-");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err,
+              HasSubstr("ERROR: cannot write to standard output: Bad file descriptor\n"));
+}
+
+// The length that a file had when it was opened is a hint and nothing more.
+TEST_F(SystemFaults, aFileThatShrinksWhileItIsReadIsRefused) {
+  folder_.write("out", kOld);
+  const ToolResult result = run("export LD_PRELOAD='" MLNN_FAILING_IO_PATH
+                                "' MLNN_FAIL='shrink 1'; mlnn convert model.txt out --to binary");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("ERROR: could not load the model 'model.txt'"));
+  EXPECT_EQ(contentOf(folder_.path("out")), kOld);
+}
+
+}  // namespace
