@@ -1,13 +1,11 @@
 #include "tools/ImageFile.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <utility>
 
 #include "model/ModelFormat.h"
 #include "tools/CapturedDiagnostics.h"
@@ -31,32 +29,14 @@ std::optional<std::size_t> lengthOf(int descriptor) {
 
 }  // namespace
 
-ImageFile::Mapping::Mapping(int descriptor, std::size_t length) : length_(length) {
-  void* const data = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, descriptor, 0);
-  if (data != MAP_FAILED) data_ = data;
-}
-
-ImageFile::Mapping::Mapping(Mapping&& other) noexcept
-    : data_(std::exchange(other.data_, nullptr)), length_(other.length_) {}
-
-ImageFile::Mapping& ImageFile::Mapping::operator=(Mapping&& other) noexcept {
-  std::swap(data_, other.data_);
-  std::swap(length_, other.length_);
-  return *this;
-}
-
-ImageFile::Mapping::~Mapping() {
-  if (data_ != nullptr) munmap(data_, length_);
-}
-
 std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) {
   if (name == kStandardStream) return std::nullopt;
   const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   const std::optional<std::size_t> length = lengthOf(file.get());
   if (!length || *length < kMagicLength) return std::nullopt;
   ImageFile image;
-  image.mapping_ = Mapping(file.get(), *length);
-  const void* const data = image.mapping_.data();
+  image.file_ = MappedFile(file.get(), *length, name);
+  const void* const data = image.file_.data();
   if (data == nullptr || std::memcmp(data, kMagic, kMagicLength) != 0) return std::nullopt;
   int result;
   std::string messages;

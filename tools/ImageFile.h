@@ -1,11 +1,11 @@
 // ImageFile — an image that is run from where it lies in the file system, without being loaded.
 #pragma once
 
-#include <cstddef>
 #include <optional>
 #include <string>
 
 #include "inference/ImageFwdPass.h"
+#include "tools/MappedFile.h"
 
 namespace mlnn {
 
@@ -21,25 +21,7 @@ class ImageFile {
   const ImageFwdPass& pass() const { return pass_; }
 
  private:
-  // A file in memory, read only.
-  class Mapping {
-   public:
-    Mapping() = default;
-    Mapping(int descriptor, std::size_t length);
-    Mapping(Mapping&& other) noexcept;
-    Mapping& operator=(Mapping&& other) noexcept;
-    ~Mapping();
-
-    // Null when the file could not be mapped.
-    const void* data() const { return data_; }
-    std::size_t length() const { return length_; }
-
-   private:
-    void* data_ = nullptr;
-    std::size_t length_ = 0;
-  };
-
-  Mapping mapping_;
+  MappedFile file_;
   ImageFwdPass pass_;
 };
 

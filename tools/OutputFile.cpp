@@ -4,9 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -21,32 +19,6 @@ namespace fs = std::filesystem;
 
 namespace mlnn {
 namespace {
-
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
-
-// The unfinished file that a signal handler removes; handlers reach nothing but globals.
-std::atomic<const char*> fileToRemove{nullptr};
-
-extern "C" void removeAndDie(int signal) {
-  if (const char* path = fileToRemove.load()) unlink(path);
-  std::signal(signal, SIG_DFL);
-  std::raise(signal);
-}
-
-// A signal that the caller had ignored (as nohup does) stays ignored.
-void removeOnSignal(const char* path) {
-  fileToRemove = path;
-  for (const int signal : kSignals) {
-    if (std::signal(signal, removeAndDie) == SIG_IGN) std::signal(signal, SIG_IGN);
-  }
-}
-
-void removeNoMore() {
-  fileToRemove = nullptr;
-  for (const int signal : kSignals) {
-    if (std::signal(signal, SIG_DFL) == SIG_IGN) std::signal(signal, SIG_IGN);
-  }
-}
 
 // Follows symbolic links to what they name, which need not exist.
 fs::path withoutLinks(fs::path path) {
@@ -69,22 +41,6 @@ mode_t modeOfNewFile() {
 
 OutputFile::OutputFile(const std::string& name)
     : name_(name), descriptor_(open()), buffer_(descriptor_.get()), stream_(&buffer_) {}
-
-OutputFile::Unfinished::~Unfinished() {
-  if (path_.empty()) return;
-  unlink(path_.c_str());
-  release();
-}
-
-void OutputFile::Unfinished::hold(const std::string& path) {
-  path_ = path;
-  removeOnSignal(path_.c_str());
-}
-
-void OutputFile::Unfinished::release() {
-  removeNoMore();
-  path_.clear();
-}
 
 FileDescriptor OutputFile::open() {
   if (name_ == kStandardStream) {

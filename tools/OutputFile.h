@@ -6,6 +6,7 @@
 
 #include "tools/DescriptorBuffer.h"
 #include "tools/FileDescriptor.h"
+#include "tools/UnfinishedFile.h"
 
 namespace mlnn {
 
@@ -27,29 +28,13 @@ class OutputFile {
   void finish();
 
  private:
-  // Removes the file beside when it goes, unless that was released.
-  class Unfinished {
-   public:
-    Unfinished() = default;
-    ~Unfinished();
-    Unfinished(const Unfinished&) = delete;
-    Unfinished& operator=(const Unfinished&) = delete;
-
-    void hold(const std::string& path);
-    void release();
-    const std::string& path() const { return path_; }
-
-   private:
-    std::string path_;
-  };
-
   FileDescriptor open();
   FileDescriptor openBeside(unsigned mode);
   [[noreturn]] void fail(int error) const;
 
   std::string name_;  // as the caller gave it, for messages
   std::string path_;  // the file itself, at the end of all links
-  Unfinished unfinished_;
+  UnfinishedFile unfinished_;
   FileDescriptor descriptor_;
   DescriptorBuffer buffer_;
   std::ostream stream_;

@@ -7,12 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace mlnn {
+#include "tools/ExitStatus.h"
 
-// Exit statuses of the tool.
-inline constexpr int kDone = 0;
-inline constexpr int kRefused = 1;
-inline constexpr int kWrongUsage = 2;
+namespace mlnn {
 
 // What the help says of a command.
 struct CommandHelp {

@@ -173,4 +173,17 @@ TEST_F(SystemFaults, aFileThatShrinksWhileItIsReadIsRefused) {
   EXPECT_EQ(contentOf(folder_.path("out")), kOld);
 }
 
+// The image is open and checked when the tool opens the frames.
+TEST_F(SystemFaults, anImageThatShrinksWhileItRunsIsRefused) {
+  folder_.write("out", kOld);
+  const ToolResult result =
+      run("mlnn new 1024,64 big.mlnn --to binary 2> log && mkfifo frames || exit 9\n"
+          "mlnn run big.mlnn frames --stacked --out out &\n"
+          "exec 3> frames; : > big.mlnn; seq 1024 | paste -sd ' ' >&3; exec 3>&-\n"
+          "wait $!");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "ERROR: cannot read 'big.mlnn': it became shorter\n");
+  EXPECT_EQ(contentOf(folder_.path("out")), kOld);
+}
+
 }  // namespace

@@ -1,0 +1,78 @@
+#include "tools/MappedFile.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <utility>
+
+#include "tools/ExitStatus.h"
+#include "tools/InputFile.h"
+#include "tools/UnfinishedFile.h"
+
+namespace mlnn {
+namespace {
+
+// What the handler has to know; handlers reach nothing but globals.
+struct MappedBytes {
+  std::uintptr_t begin = 0;
+  std::uintptr_t end = 0;
+  std::string message;
+};
+
+MappedBytes& mapped() {
+  static MappedBytes bytes;
+  return bytes;
+}
+
+extern "C" void endForLackOfBytes(int signal, siginfo_t* info, void*) {
+  const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
+  if (address < mapped().begin || address >= mapped().end) {
+    std::signal(signal, SIG_DFL);  // as if there were no handler
+    std::raise(signal);
+    return;
+  }
+  UnfinishedFile::removeAny();
+  const std::string& message = mapped().message;
+  const ssize_t written = write(STDERR_FILENO, message.data(), message.size());
+  static_cast<void>(written);  // there is nobody left to tell
+  _exit(kRefused);
+}
+
+void handleLackOf(const void* data, std::size_t length, const std::string& name) {
+  mapped().begin = reinterpret_cast<std::uintptr_t>(data);
+  mapped().end = mapped().begin + length;
+  mapped().message = "ERROR: cannot read " + inputName(name) + ": it became shorter\n";
+  struct sigaction action = {};
+  action.sa_sigaction = endForLackOfBytes;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGBUS, &action, nullptr);
+}
+
+}  // namespace
+
+MappedFile::MappedFile(int descriptor, std::size_t length, const std::string& name)
+    : length_(length) {
+  void* const data = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, descriptor, 0);
+  if (data == MAP_FAILED) return;
+  handleLackOf(data, length, name);
+  data_ = data;
+}
+
+MappedFile::MappedFile(MappedFile&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), length_(other.length_) {}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+  std::swap(data_, other.data_);
+  std::swap(length_, other.length_);
+  return *this;
+}
+
+MappedFile::~MappedFile() {
+  if (data_ == nullptr) return;
+  std::signal(SIGBUS, SIG_DFL);
+  munmap(data_, length_);
+}
+
+}  // namespace mlnn
