@@ -67,7 +67,9 @@ class NNLayer {
   // Sets all six arrays to 0 and keeps their shapes.
   void zeros();
 
-  // The binary record (docs/binary-format.md) holds all eight fields.
+  // The binary record (docs/binary-format.md) holds all eight fields. Where the weights may have
+  // few values, the three functions that follow gather them in memory: std::bad_alloc may come
+  // out of them, which changes nothing but some bytes at `dst`.
 
   // Returns the length of the record in bytes, a multiple of 4; -1 when it is more than
   // an int can hold.

@@ -20,6 +20,8 @@
 
 #include "features/ContextWindow.h"
 #include "features/string_split.h"
+#include "inference/CodedFwdPass.h"
+#include "inference/ImageFwdPass.h"
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
@@ -70,6 +72,12 @@ class Nowhere : public std::streambuf {
   std::streamsize xsputn(const char*, std::streamsize count) override { return count; }
 };
 
+// An image that can be read again, which takes a normalisation.
+std::string imageOf(MultiLayerNNModel model) {
+  model.deltasNorm.allocIfNeeded();
+  return mlnn::test::ByteImage::of(model).bytes();
+}
+
 // What operations work on, made anew for each try.
 struct Subject {
   MultiLayerNNModel model = richModel();
@@ -78,6 +86,7 @@ struct Subject {
   NNLayer layer = mlnn::test::batchNormLayer(4, 3);
   NNLayer sameShape = mlnn::test::batchNormLayer(4, 3, 2);
   NNLayer otherShape = mlnn::test::foldedLayer(2, 5);
+  NNLayer fewValues{20, 30, false};
   MelDeltasNorm norm;
   TrainingNotes notes;
   DbnFeatureDescription description{DbnFeatureDescription::MelDeltas};
@@ -86,6 +95,7 @@ struct Subject {
   std::string image = mlnn::test::ByteImage::of(model).bytes();
   std::istringstream imageStream{image};
   std::string record = mlnn::test::ByteImage::of(layer).bytes();
+  std::string recordOfFewValues = mlnn::test::ByteImage::of(fewValues).bytes();
   std::string room = std::string(image.size(), '\0');
   std::string file = mlnn::test::sourcePath("tests/golden/version2.txt");
   Nowhere nowhere;
@@ -93,6 +103,8 @@ struct Subject {
   MultiLayerNNModel runnable =
       mlnn::test::modelOf({mlnn::test::plainLayer(4, 3), mlnn::test::batchNormLayer(3, 5)});
   NNFwdPassFromFile pass{runnable};
+  std::string runnableImage = imageOf(runnable);
+  mlnn::ImageFwdPass imagePass;
   Eigen::MatrixXf inputs = mlnn::test::someValues(4, 3, 1);
   Eigen::MatrixXf outputs;
   std::vector<mlnn::LayerResult> results;
@@ -173,9 +185,9 @@ std::vector<Operation> modelOperations() {
       {"serializeAscii", [](Subject& s) { return s.model.serializeAscii(s.out) == 0; }, false},
       {"deserializeAscii", [](Subject& s) { return s.model.deserializeAscii(s.textStream) == 0; },
        true, true},
-      quiet("binarySerializedLength", [](Subject& s) { s.model.binarySerializedLength(); }),
+      {"binarySerializedLength", does([](Subject& s) { s.model.binarySerializedLength(); })},
       quiet("checksum", [](Subject& s) { s.model.checksum(); }),
-      quiet("serializeBinary", [](Subject& s) { s.model.serializeBinary(s.room.data()); }),
+      {"serializeBinary", does([](Subject& s) { s.model.serializeBinary(s.room.data()); })},
       {"deserializeBinary",
        [](Subject& s) {
          return s.empty.deserializeBinary(s.image.data(),
@@ -204,6 +216,16 @@ std::vector<Operation> layerOperations() {
       quiet("layer, zeros", [](Subject& s) { s.layer.zeros(); }),
       quiet("layer, checksum", [](Subject& s) { s.layer.checksum(); }),
       quiet("layer, serializeBinary", [](Subject& s) { s.layer.serializeBinary(s.room.data()); }),
+      {"layer of few values, binarySerializedLength",
+       does([](Subject& s) { s.fewValues.binarySerializedLength(); })},
+      {"layer of few values, checksum", does([](Subject& s) { s.fewValues.checksum(); })},
+      {"layer of few values, serializeBinary",
+       does([](Subject& s) { s.fewValues.serializeBinary(s.room.data()); })},
+      {"layer of few values, deserializeBinary",
+       [](Subject& s) {
+         const int size = static_cast<int>(s.recordOfFewValues.size());
+         return s.otherShape.deserializeBinary(s.recordOfFewValues.data(), size) > 0;
+       }},
       {"layer, deserializeBinary",
        [](Subject& s) {
          return s.otherShape.deserializeBinary(s.record.data(), static_cast<int>(s.record.size())) >
@@ -229,9 +251,6 @@ std::vector<Operation> featureOperations() {
       {"string_split", does([](Subject& s) { string_split(s.pieces, s.text, " \t\n"); })},
       {"actFnToString", does([](Subject& s) { s.string = ActFn::actFnToString(ActFn::relu); }),
        false},
-      {"evaluate", [](Subject& s) { return s.pass.evaluate(s.inputs, s.outputs) == 0; }},
-      {"evaluateLayers",
-       [](Subject& s) { return s.pass.evaluateLayers(s.inputs, s.outputs, s.results) == 0; }},
       {"window, create", does([](Subject& s) { windowFor(s); })},
       {"window, stack", does([](Subject& s) {
          const mlnn::ContextWindow window = windowFor(s);
@@ -243,6 +262,39 @@ std::vector<Operation> featureOperations() {
          for (int i = 0; i < 4; ++i) window.push(s.frames.col(i).data(), s.outputs.data());
          while (window.finish(s.outputs.data())) continue;
        })},
+  };
+}
+
+std::vector<Operation> passOperations() {
+  return {
+      {"evaluate", [](Subject& s) { return s.pass.evaluate(s.inputs, s.outputs) == 0; }},
+      {"evaluateLayers",
+       [](Subject& s) { return s.pass.evaluateLayers(s.inputs, s.outputs, s.results) == 0; }},
+      {"coded, create",
+       [](Subject& s) {
+         return mlnn::CodedFwdPass::create(s.runnable, 8, mlnn::CodesFor::kMemory) != nullptr;
+       }},
+      {"coded, evaluate",
+       [](Subject& s) {
+         const std::unique_ptr<FwdPass> pass =
+             mlnn::CodedFwdPass::create(s.runnable, 4, mlnn::CodesFor::kMemory);
+         return pass->evaluate(s.inputs, s.outputs) == 0;
+       }},
+      {"image, open",
+       [](Subject& s) {
+         mlnn::ImageFwdPass pass;
+         return pass.open(s.runnableImage.data(), s.runnableImage.size()) == 0;
+       }},
+      {"image, evaluate",
+       [](Subject& s) {
+         mlnn::ImageFwdPass pass;
+         pass.open(s.runnableImage.data(), s.runnableImage.size());
+         return pass.evaluate(s.inputs, s.outputs) == 0;
+       }},
+      {"image, open again",
+       [](Subject& s) {
+         return s.imagePass.open(s.runnableImage.data(), s.runnableImage.size()) == 0;
+       }},
   };
 }
 
@@ -266,6 +318,8 @@ void expectServes(Subject& s) {
   s.norm.allocIfNeeded();
   EXPECT_EQ(s.norm.normvals.size(), MelDeltasNorm::kLength);
   EXPECT_EQ(s.pass.evaluate(s.inputs, s.outputs), 0);
+  EXPECT_EQ(s.imagePass.open(s.runnableImage.data(), s.runnableImage.size()), 0);
+  EXPECT_EQ(s.imagePass.evaluate(s.inputs, s.outputs), 0);
 }
 
 enum class Outcome { kPassed, kThrew, kRefused };
@@ -357,6 +411,7 @@ void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.
 
 INSTANTIATE_TEST_SUITE_P(Model, Operations, testing::ValuesIn(modelOperations()), testName);
 INSTANTIATE_TEST_SUITE_P(Layer, Operations, testing::ValuesIn(layerOperations()), testName);
+INSTANTIATE_TEST_SUITE_P(Pass, Operations, testing::ValuesIn(passOperations()), testName);
 INSTANTIATE_TEST_SUITE_P(Features, Operations, testing::ValuesIn(featureOperations()), testName);
 
 }  // namespace
