@@ -325,15 +325,22 @@ Section imageReading(const fs::path& folder, std::size_t bytes) {
             }}}};
 }
 
-Section imageWriting(std::size_t bytes) {
+Section imageWriting(const fs::path& folder, std::size_t bytes) {
   const auto model = std::make_shared<MultiLayerNNModel>(networkOf(bytes / 4));
   const auto image = std::make_shared<std::vector<char>>(imageOf(*model));
   const std::size_t length = image->size();
+  const std::string name = fileOf(folder / "written.mlnn", *image);
   const Memory touched = freshMemory(length);
   std::memset(touched.get(), 1, length);
   return {"Image: write",
           length,
-          {{"memcpy into fresh memory",
+          {{"read() of such a file into fresh memory",
+            [=] {
+              const Memory memory = freshMemory(length);
+              readInto(name, memory.get(), length);
+              return Result(memory);
+            }},
+           {"memcpy into fresh memory",
             [=] {
               const Memory memory = freshMemory(length);
               std::memcpy(memory.get(), image->data(), length);
@@ -465,7 +472,7 @@ int main(int argc, char** argv) {
     print(textWriting(bytes, 6), rounds);
     print(textWriting(bytes, 9), rounds);
     print(imageReading(place, bytes), rounds);
-    print(imageWriting(bytes), rounds);
+    print(imageWriting(folder, bytes), rounds);
     print(codedImages(place, bytes, 8), rounds);
     print(codedImages(place, bytes, 3), rounds);
     print(firstPosterior(place, bytes), rounds);

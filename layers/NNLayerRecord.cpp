@@ -6,7 +6,7 @@
 
 #include "layers/ByteIo.h"
 #include "layers/Crc32c.h"
-#include "layers/HugePages.h"
+#include "layers/FreshMemory.h"
 
 namespace mlnn {
 namespace {
@@ -81,6 +81,7 @@ class StreamBytes {
     auto* to = static_cast<char*>(target);
     while (count > 0) {
       const std::size_t piece = std::min(count, kPiece);
+      supplyPages(to, piece);
       const bool isWhole = static_cast<bool>(in_.read(to, static_cast<std::streamsize>(piece)));
       taken_ += static_cast<std::size_t>(in_.gcount());
       if (!isWhole) return false;
@@ -210,6 +211,7 @@ RecordResult readRecord(NNLayer& layer, const char* src, std::size_t available) 
   if (!viewRecord(src, available, view)) return {};
   NNLayer fresh;
   shape(fresh, view.head);
+  supplyPages(fresh.weights.data(), bytesOf(fresh.weights));
   Crc32c crc;
   crc.add(src, sizeof view.head);
   if (view.plainWeights != nullptr) {

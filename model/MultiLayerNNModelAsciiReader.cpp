@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "features/string_split.h"
-#include "layers/HugePages.h"
+#include "layers/FreshMemory.h"
 #include "model/FloatReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "layers/ByteIo.h"
-#include "layers/HugePages.h"
+#include "layers/FreshMemory.h"
 #include "layers/NNLayerRecord.h"
 #include "model/ImageReader.h"
 #include "model/LayerStack.h"
@@ -172,6 +172,7 @@ int MultiLayerNNModel::serializeBinary(char* buf) const {
   const int expected = imageLength(*this, plans);
   if (expected < 0) return -1;
   mlnn::adviseHugePages(buf, static_cast<std::size_t>(expected));
+  mlnn::supplyPages(buf, static_cast<std::size_t>(expected));
   mlnn::ByteWriter writer(buf);
   writer.bytes(mlnn::kMagic, mlnn::kMagicLength);
   writer.uint32(0);  // the checksum: known when the records are written
