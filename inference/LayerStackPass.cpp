@@ -106,6 +106,7 @@ Index unpackedLength(const LayerSource& stack) {
 // The results of a layer for as many frames as `y` has room for.
 void evaluateLayer(const LayerView& layer, const float* x, Index xStride, const Frames& y,
                    float* scratch) {
+  if (layer.rows == 0) return;  // there is no memory for results either
   const Kernels& kernels = bestKernels();
   if (y.count == 1) return kernels.matrixVector(layer, x, y.first, scratch);
   kernels.matrixFrames(layer, x, static_cast<std::size_t>(xStride), y.first,
