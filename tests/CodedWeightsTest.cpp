@@ -401,6 +401,16 @@ TEST(CodedRecordRefusal, aRareValueThatIsNotTheRarest) {
   expectRefused(recordWithRareValue(patterns, 100), "common");
 }
 
+TEST(CodedRecordRefusal, aSingleWeightThatIsNotTheRarest) {
+  std::vector<std::size_t> counts(17, 20);
+  counts[5] = counts[9] = 1;
+  const std::vector<uint32_t> patterns = occurring(counts);
+  NNLayer read;
+  EXPECT_GT(recordWithRareValue(patterns, 109).readInto(read), 0);
+  EXPECT_TRUE(sameLayer(read, layerOf(patterns)));
+  expectRefused(recordWithRareValue(patterns, 105), "as rare, but smaller");
+}
+
 TEST(CodedRecordRefusal, aFormThatTheWriterDoesNotChoose) {
   const std::vector<uint32_t> few = inTurn(100, 3);
   expectRefused(ByteImage(headOf(kPlainFloats, 100) + words(few) + words({0})), "plain");
