@@ -221,6 +221,22 @@ TEST(FloatReader, readsAllPrecisionsOfAnyFloat) {
   }
 }
 
+// Up to more digits than 64 bits hold, on either side of the point.
+TEST(FloatReader, readsAnyNumberOfDigitsAsTheStreamDoes) {
+  std::mt19937 random(4);
+  const auto digits = [&random](std::size_t count) {
+    std::string text;
+    while (text.size() < count) text += static_cast<char>('1' + random() % 9);
+    return text;
+  };
+  for (std::size_t whole = 0; whole < 24; ++whole) {
+    for (std::size_t fraction = 0; fraction < 24; ++fraction) {
+      const std::string number = digits(whole) + "." + digits(fraction);
+      expectSame(number + " -" + number + "\t" + number + "e-7 " + number + "e3\n");
+    }
+  }
+}
+
 // Numbers next to the middle between two floats, where one wrong rounding would show.
 TEST(FloatReader, roundsOnceNearTheMiddleOfTwoFloats) {
   std::mt19937 random(3);
