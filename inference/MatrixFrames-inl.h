@@ -30,14 +30,16 @@ constexpr std::size_t kTileRows = kTileVectors * kLanes;
 
 // What a tile reads and writes.
 struct Tile {
-  const float* w;       // its first row and input
-  std::size_t wStride;  // from one input to the next
-  const float* x;       // its first input and frame
-  std::size_t xStride;  // from one frame to the next
-  float* y;             // its first row and frame
-  std::size_t yStride;  // from one frame to the next
-  const float* next;    // weights that come after these, in the same layout
-  int nextLines;        // cache lines of each input of them to fetch, or 0
+  const float* w;          // its first row and input
+  std::size_t wStride;     // from one input to the next
+  const float* x;          // its first input and frame
+  std::size_t xStride;     // from one frame to the next
+  float* y;                // its first row and frame
+  std::size_t yStride;     // from one frame to the next
+  std::size_t lastLanes;   // rows in the last vector
+  const float* next;       // weights that come after these
+  std::size_t nextStride;  // from one input of them to the next
+  int nextLines;           // cache lines of each input of them to fetch, or 0
 };
 
 // Asks for some cache lines to be in the second-level cache.
@@ -45,14 +47,16 @@ HWY_INLINE void fetchAhead(const float* next, int lines) {
   for (int line = 0; line < lines; ++line) __builtin_prefetch(next + 16 * line, 0, 2);
 }
 
-// One chain of `length` inputs for R vectors of rows and F frames. Adds it to y, or puts it
-// there. Fetches the weights behind tile.next where kFetches is set.
-template <int R, int F, bool kFetches>
+// One chain of `length` inputs for R vectors of rows and F frames; the last vector is not full
+// where kPartial is set. Adds the chain to y, or puts it there. Fetches the weights behind
+// tile.next where kFetches is set.
+template <int R, int F, bool kFetches, bool kPartial>
 void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
   const Tag d;
   const std::size_t wStride = tile.wStride;
   const std::size_t xStride = tile.xStride;
   const std::size_t yStride = tile.yStride;
+  const std::size_t lastLanes = tile.lastLanes;
   Vec acc[F][R];
   HWY_UNROLL(8)
   for (int f = 0; f < F; ++f) {
@@ -66,11 +70,11 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
   for (std::size_t k = 0; k < length; ++k, w += wStride) {
     if constexpr (kFetches) {
       fetchAhead(next, lines);
-      next += wStride;
+      next += tile.nextStride;
     }
     Vec wk[R];
     HWY_UNROLL(8)
-    for (int r = 0; r < R; ++r) wk[r] = hn::LoadU(d, w + static_cast<std::size_t>(r) * kLanes);
+    for (int r = 0; r < R; ++r) wk[r] = loadRow < kPartial && kLoadsParts, R > (w, r, lastLanes);
     HWY_UNROLL(8)
     for (int f = 0; f < F; ++f) {
       const Vec xk = hn::Set(d, x[static_cast<std::size_t>(f) * xStride + k]);
@@ -83,35 +87,34 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
   for (int f = 0; f < F; ++f, y += yStride) {
     HWY_UNROLL(8)
     for (int r = 0; r < R; ++r) {
-      float* to = y + static_cast<std::size_t>(r) * kLanes;
-      hn::StoreU(isFirst ? acc[f][r] : hn::Add(hn::LoadU(d, to), acc[f][r]), d, to);
+      if (!isFirst) acc[f][r] = hn::Add(loadRow<kPartial, R>(y, r, lastLanes), acc[f][r]);
+      storeRow<kPartial, R>(acc[f][r], y, r, lastLanes);
     }
   }
 }
 
 using TileChain = void (*)(const Tile&, std::size_t length, bool isFirst);
 
-template <int R, bool kFetches>
+template <int R, bool kFetches, bool kPartial>
 HWY_INLINE TileChain tileChainOf(std::size_t frames) {
-  static constexpr TileChain kChains[kTileFrames] = {
-      tileChain<R, 1, kFetches>, tileChain<R, 2, kFetches>, tileChain<R, 3, kFetches>,
-      tileChain<R, 4, kFetches>, tileChain<R, 5, kFetches>};
-  static constexpr TileChain kWideChains[kWideTileFrames - kTileFrames] = {
-      tileChain < R <= kWideTileVectors ? R : 1, 6, kFetches >,
-      tileChain < R <= kWideTileVectors ? R : 1, 7, kFetches >,
-      tileChain < R <= kWideTileVectors ? R : 1, 8, kFetches > };
-  return frames <= kTileFrames ? kChains[frames - 1] : kWideChains[frames - 1 - kTileFrames];
+  constexpr int kWide = R <= kWideTileVectors ? R : 1;
+  static constexpr TileChain kChains[kWideTileFrames] = {
+      tileChain<R, 1, kFetches, kPartial>,     tileChain<R, 2, kFetches, kPartial>,
+      tileChain<R, 3, kFetches, kPartial>,     tileChain<R, 4, kFetches, kPartial>,
+      tileChain<R, 5, kFetches, kPartial>,     tileChain<kWide, 6, kFetches, kPartial>,
+      tileChain<kWide, 7, kFetches, kPartial>, tileChain<kWide, 8, kFetches, kPartial>};
+  return kChains[frames - 1];
 }
 
-// The instance for so many rows, those of a last vector that is not full included.
-template <bool kFetches>
-HWY_INLINE TileChain tileChainFor(std::size_t rows, std::size_t frames) {
-  const std::size_t vectors = (rows + kLanes - 1) / kLanes;
+// The instance for so many vectors of rows.
+template <bool kFetches, bool kPartial>
+HWY_INLINE TileChain tileChainFor(std::size_t vectors, std::size_t frames) {
   if constexpr (kTileVectors == 4) {
-    if (vectors == 4) return tileChainOf<4, kFetches>(frames);
-    if (vectors == 3) return tileChainOf<3, kFetches>(frames);
+    if (vectors == 4) return tileChainOf<4, kFetches, kPartial>(frames);
+    if (vectors == 3) return tileChainOf<3, kFetches, kPartial>(frames);
   }
-  return vectors == 2 ? tileChainOf<2, kFetches>(frames) : tileChainOf<1, kFetches>(frames);
+  return vectors == 2 ? tileChainOf<2, kFetches, kPartial>(frames)
+                      : tileChainOf<1, kFetches, kPartial>(frames);
 }
 
 // Inputs that are worked off for all rows before the next ones: a multiple of both chain lengths.
@@ -157,42 +160,25 @@ void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
 
 // All chains of a panel for the `frames` frames of a tile.
 HWY_INLINE void runTile(const RowPanel& panel, Tile tile, std::size_t frames) {
-  const TileChain chain = tile.nextLines == 0 ? tileChainFor<false>(panel.count, frames)
-                                              : tileChainFor<true>(panel.count, frames);
+  const std::size_t vectors = panel.fullRows() / kLanes;
+  const bool fetches = tile.nextLines != 0;
+  const TileChain chain = panel.isPartial() ? fetches ? tileChainFor<true, true>(vectors, frames)
+                                                      : tileChainFor<false, true>(vectors, frames)
+                          : fetches ? tileChainFor<true, false>(vectors, frames)
+                                            : tileChainFor<false, false>(vectors, frames);
   for (std::size_t k = 0; k < panel.inputs; k += panel.chain) {
     const std::size_t left = panel.inputs - k;
     chain(tile, left < panel.chain ? left : panel.chain, panel.input + k == 0);
     tile.w += panel.chain * tile.wStride;
     tile.x += panel.chain;
-    if (tile.nextLines != 0) tile.next += panel.chain * tile.wStride;
+    if (fetches) tile.next += panel.chain * tile.nextStride;
   }
-}
-
-HWY_INLINE void copyRows(const float* from, std::size_t fromStride, float* to, std::size_t toStride,
-                         std::size_t rows, std::size_t frames) {
-  for (std::size_t f = 0; f < frames; ++f) {
-    std::memcpy(to + f * toStride, from + f * fromStride, rows * sizeof(float));
-  }
-}
-
-// The same where the last vector of rows is not full: on a copy of the sums with room for it.
-void runPartialTile(const RowPanel& panel, const Tile& tile, std::size_t frames) {
-  float sums[kTileRows * kWideTileFrames];
-  Tile padded = tile;
-  padded.y = sums;
-  padded.yStride = panel.fullRows();
-  if (panel.input != 0) {
-    std::memset(sums, 0, sizeof sums);
-    copyRows(tile.y, tile.yStride, sums, padded.yStride, panel.count, frames);
-  }
-  runTile(panel, padded, frames);
-  copyRows(sums, padded.yStride, tile.y, tile.yStride, panel.count, frames);
 }
 
 // A panel for all frames, in tiles of nearly the same number of frames. What comes next is
 // fetched in equal parts by the tiles, so that the memory is never waited for nor idle.
 void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
-  const std::size_t lines = (panel.fullRows() + 15) / 16;
+  const std::size_t lines = panel.fullRows() / 16 + 1;  // they seldom begin with the panel
   std::size_t fetched = 0;
   for (std::size_t tiles = (frames + tileFrames - 1) / tileFrames; tiles > 0; --tiles) {
     const std::size_t count = (frames + tiles - 1) / tiles;
@@ -201,11 +187,7 @@ void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t 
     part.nextLines = static_cast<int>(share);
     if (share > 0) part.next += fetched * 16;
     fetched += share;
-    if (panel.isPartial()) {
-      runPartialTile(panel, part, count);
-    } else {
-      runTile(panel, part, count);
-    }
+    runTile(panel, part, count);
     tile.x += count * tile.xStride;
     tile.y += count * tile.yStride;
     frames -= count;
@@ -249,13 +231,14 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 xStride,
                 y + row,
                 yStride,
+                kLanes - (panel.fullRows() - count),
                 streams ? weightsAfter(layer, panel) : nullptr,
+                layer.rows,
                 0};
-      if (isCoded || panel.isPartial()) {
+      if (isCoded || (panel.isPartial() && !kLoadsParts)) {
         packPanel(layer, panel, scratch);
         tile.w = scratch;
         tile.wStride = panel.fullRows();
-        tile.next = nullptr;
       }
       runPanel(panel, tile, frames, tileFrames);
       if (input + inputs == layer.cols) finishLayer(layer, row, count, y + row, yStride, frames);

@@ -29,21 +29,6 @@ constexpr std::size_t kSweepColumns = 8;
 constexpr int kStripVectors = 8;
 constexpr std::size_t kStripRows = kStripVectors * kLanes;
 
-// Loads vector `r` of R; the last one has only `lastLanes` lanes where kPartial is set.
-template <bool kPartial, int R>
-HWY_INLINE Vec loadRow(const float* column, int r, std::size_t lastLanes) {
-  const float* from = column + static_cast<std::size_t>(r) * kLanes;
-  if (kPartial && r == R - 1) return loadPart(from, lastLanes);
-  return hn::LoadU(Tag(), from);
-}
-
-template <bool kPartial, int R>
-HWY_INLINE void storeRow(Vec v, float* column, int r, std::size_t lastLanes) {
-  float* to = column + static_cast<std::size_t>(r) * kLanes;
-  if (kPartial && r == R - 1) return storePart(v, to, lastLanes);
-  hn::StoreU(v, Tag(), to);
-}
-
 // Where the R vectors of a panel begin: the first and the last one at its ends, the others one
 // behind the other. Rows where two of them overlap are computed by both, to the same bits.
 struct PanelRows {

@@ -36,6 +36,9 @@ constexpr std::size_t kLanes = hn::MaxLanes(Tag());
 
 constexpr bool kFuses = MLNN_TARGET_FUSES;
 
+// Whether a part of a vector is loaded about as fast as the whole.
+constexpr bool kLoadsParts = !HWY_MEM_OPS_MIGHT_FAULT;
+
 // The first `count` lanes, 0 in the others; reads nothing behind them.
 // REQUIRES: 0 < count < kLanes.
 HWY_INLINE Vec loadPart(const float* from, std::size_t count) {
@@ -58,6 +61,21 @@ HWY_INLINE void storePart(Vec v, float* to, std::size_t count) {
 #else
   hn::BlendedStore(v, hn::FirstN(Tag(), count), Tag(), to);
 #endif
+}
+
+// Loads vector `r` of R; the last one has only `lastLanes` lanes where kPartial is set.
+template <bool kPartial, int R>
+HWY_INLINE Vec loadRow(const float* column, int r, std::size_t lastLanes) {
+  const float* from = column + static_cast<std::size_t>(r) * kLanes;
+  if (kPartial && r == R - 1) return loadPart(from, lastLanes);
+  return hn::LoadU(Tag(), from);
+}
+
+template <bool kPartial, int R>
+HWY_INLINE void storeRow(Vec v, float* column, int r, std::size_t lastLanes) {
+  float* to = column + static_cast<std::size_t>(r) * kLanes;
+  if (kPartial && r == R - 1) return storePart(v, to, lastLanes);
+  hn::StoreU(v, Tag(), to);
 }
 
 // The operations of ActivationFormulas on vectors.
