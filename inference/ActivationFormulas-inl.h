@@ -7,8 +7,10 @@
 //   fma(a, b, c)                a * b + c
 //   add, sub, mul, div, abs     arithmetic
 //   lessThan(a, b, t, f)        t where a < b, else f; f where either is NaN
+//   atLeast(limit, a)           limit where a < limit, else a, NaN too
 //   copySign(magnitude, sign)
 //   powerOfTwo(n)               2^n for an integer n with -126 <= n <= 127
+//   scaled(a, n)                a * 2^n; only where kScales is set
 // Both sets of operations give the same bits wherever fma has one rounding.
 //
 // Compiled once for every instruction set.
@@ -42,11 +44,15 @@ struct ActivationFormulas {
 
   static HWY_INLINE Value c(float value) { return Ops::constant(value); }
 
-  // exp(x) as mantissa * low * high, where the factors are powers of two: two of them,
-  // because a denormal result has none that a float holds. Multiplying by `high` last
-  // rounds once.
+  // exp(x) as mantissa * 2^n.
   struct Parts {
     Value mantissa;
+    Value n;
+  };
+
+  // 2^n as a product: a denormal result has no single factor that a float holds. Multiplying by
+  // `high` last rounds once.
+  struct Factors {
     Value low;
     Value high;
   };
@@ -80,28 +86,31 @@ struct ActivationFormulas {
   // REQUIRES: kSiluUnderflow <= x <= 0, or NaN.
   static HWY_INLINE Parts expParts(Value x) {
     const Reduced reduced = reduce(x);
-    const Value r = reduced.rest;
-    const Value half = Ops::sub(Ops::fma(reduced.n, c(0.5f), c(kRoundingShift)), c(kRoundingShift));
-    return {Ops::add(expm1Core(r), c(1.0f)), Ops::powerOfTwo(half),
-            Ops::powerOfTwo(Ops::sub(reduced.n, half))};
+    return {Ops::add(expm1Core(reduced.rest), c(1.0f)), reduced.n};
   }
 
-  static HWY_INLINE Value atLeast(float limit, Value x) {
-    return Ops::lessThan(x, c(limit), c(limit), x);
+  static HWY_INLINE Factors factorsOf(Value n) {
+    const Value half = Ops::sub(Ops::fma(n, c(0.5f), c(kRoundingShift)), c(kRoundingShift));
+    return {Ops::powerOfTwo(half), Ops::powerOfTwo(Ops::sub(n, half))};
   }
 
   static HWY_INLINE Value joined(const Parts& e) {
-    return Ops::mul(Ops::mul(e.mantissa, e.low), e.high);
+    if constexpr (Ops::kScales) {
+      return Ops::scaled(e.mantissa, e.n);
+    } else {
+      const Factors factors = factorsOf(e.n);
+      return Ops::mul(Ops::mul(e.mantissa, factors.low), factors.high);
+    }
   }
 
   // exp of a value that is not positive; nothing can overflow.
   static HWY_INLINE Value expOfNegative(Value x) {
-    return joined(expParts(atLeast(kExpUnderflow, x)));
+    return joined(expParts(Ops::atLeast(c(kExpUnderflow), x)));
   }
 
   // exp(x) - 1 for x <= 0.
   static HWY_INLINE Value expm1OfNegative(Value x) {
-    const Reduced reduced = reduce(atLeast(kExpm1IsMinusOne, x));
+    const Reduced reduced = reduce(Ops::atLeast(c(kExpm1IsMinusOne), x));
     const Value scale = Ops::powerOfTwo(reduced.n);
     return Ops::fma(scale, expm1Core(reduced.rest), Ops::sub(scale, c(1.0f)));
   }
@@ -133,7 +142,7 @@ struct ActivationFormulas {
     return Ops::copySign(magnitude, x);
   }
 
-  static HWY_INLINE Value relu(Value x) { return Ops::lessThan(x, c(0.0f), c(0.0f), x); }
+  static HWY_INLINE Value relu(Value x) { return Ops::atLeast(c(0.0f), x); }
 
   static HWY_INLINE Value leakyRelu(Value x) {
     return Ops::lessThan(x, c(0.0f), Ops::mul(x, c(kLeakyReluSlope)), x);
@@ -151,10 +160,12 @@ struct ActivationFormulas {
   // Far below zero sigmoid(x) is denormal where x * sigmoid(x) is not yet, so the last power
   // of two is applied after the product. At minus infinity the result is the limit -0.
   static HWY_INLINE Value silu(Value x) {
-    const Parts e = expParts(atLeast(kSiluUnderflow, negated(Ops::abs(x))));
+    const Parts e = expParts(Ops::atLeast(c(kSiluUnderflow), negated(Ops::abs(x))));
+    const Factors factors = factorsOf(e.n);
     const Value denominator = Ops::add(joined(e), c(1.0f));
-    const Value scaled = Ops::mul(atLeast(kSiluUnderflow, x), Ops::mul(e.mantissa, e.low));
-    const Value negative = Ops::mul(Ops::div(scaled, denominator), e.high);
+    const Value scaled =
+        Ops::mul(Ops::atLeast(c(kSiluUnderflow), x), Ops::mul(e.mantissa, factors.low));
+    const Value negative = Ops::mul(Ops::div(scaled, denominator), factors.high);
     return Ops::lessThan(x, c(0.0f), negative, Ops::div(x, denominator));
   }
 };

@@ -92,54 +92,93 @@ void activate(ActFn::ActFn fn, float* values, std::size_t count) {
 }
 
 // The largest value. Where there are NaN, any of the values.
-HWY_INLINE float largestOf(const float* values, std::size_t count) {
+HWY_INLINE Vec largestOf(const float* values, std::size_t count) {
   const Tag d;
   Vec largest = hn::Set(d, values[0]);
   std::size_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
-    const Vec v = hn::LoadU(d, values + i);
-    largest = VectorOps::lessThan(largest, v, v, largest);
+  for (; i + kLanes <= count; i += kLanes) largest = hn::Max(largest, hn::LoadU(d, values + i));
+  if (i < count) {
+    const Vec rest = loadPart(values + i, count - i);
+    largest = hn::Max(largest, hn::IfThenElse(hn::FirstN(d, count - i), rest, largest));
   }
-  float lanes[kLanes];
-  hn::StoreU(largest, d, lanes);
-  float result = lanes[0];
-  for (const float lane : lanes) result = lane > result ? lane : result;
-  for (; i < count; ++i) result = values[i] > result ? values[i] : result;
-  return result;
+  return hn::MaxOfLanes(d, largest);
 }
 
-// Every 16th value is added up in one chain, and the chains by halves, whatever the number
+// The upper lanes are added to the lower ones, until one is left.
+template <typename D>
+HWY_INLINE float sumByHalves([[maybe_unused]] D d, hn::Vec<D> v) {
+#if HWY_TARGET != HWY_SCALAR  // one lane
+  if constexpr (hn::MaxLanes(d) > 1) {
+    const hn::Half<D> half;
+    return sumByHalves(half, hn::Add(hn::LowerHalf(half, v), hn::UpperHalf(half, v)));
+  }
+#endif
+  return hn::GetLane(v);
+}
+
+// Every 16th value goes into one chain, and the chains are added by halves, whatever the number
 // of lanes.
-HWY_INLINE float sumOf(const float* values, std::size_t count) {
-  constexpr std::size_t kChains = 16;
+class SoftmaxSum {
+ public:
+  HWY_INLINE SoftmaxSum() {
+    for (Vec& chain : chains_) chain = hn::Zero(Tag());
+  }
+
+  // REQUIRES: as many calls for each vector of the 16 chains, or one less for the last ones.
+  HWY_INLINE void add(std::size_t vector, Vec values) {
+    chains_[vector] = hn::Add(chains_[vector], values);
+  }
+
+  HWY_INLINE float total() {
+    for (std::size_t half = kVectors / 2; half > 0; half /= 2) {
+      for (std::size_t j = 0; j < half; ++j) chains_[j] = hn::Add(chains_[j], chains_[j + half]);
+    }
+    return sumByHalves(Tag(), chains_[0]);
+  }
+
+  static constexpr std::size_t kVectors = 16 / kLanes;
+
+ private:
+  Vec chains_[kVectors];
+};
+
+// Replaces the values by exp(x - largest). Returns their sum.
+HWY_INLINE float expOfDifferences(float* values, std::size_t count, Vec largest) {
   const Tag d;
-  float chains[kChains] = {};
+  const auto exp = [&](Vec x) { return ExpOfNegative::apply(hn::Sub(x, largest)); };
+  SoftmaxSum sum;
   std::size_t i = 0;
-  for (; i + kChains <= count; i += kChains) {
-    for (std::size_t j = 0; j < kChains; j += kLanes) {
-      hn::StoreU(hn::Add(hn::LoadU(d, chains + j), hn::LoadU(d, values + i + j)), d, chains + j);
+  for (; i + 16 <= count; i += 16) {
+    for (std::size_t v = 0; v < SoftmaxSum::kVectors; ++v) {
+      const Vec e = exp(hn::LoadU(d, values + i + v * kLanes));
+      hn::StoreU(e, d, values + i + v * kLanes);
+      sum.add(v, e);
     }
   }
-  for (std::size_t j = 0; i + j < count; ++j) chains[j] += values[i + j];
-  for (std::size_t half = kChains / 2; half > 0; half /= 2) {
-    for (std::size_t j = 0; j < half; ++j) chains[j] += chains[j + half];
+  for (std::size_t v = 0; i < count; ++v, i += kLanes) {
+    const std::size_t rest = count - i < kLanes ? count - i : kLanes;
+    const Vec e = exp(loadPart(values + i, rest));
+    storePart(e, values + i, rest);
+    sum.add(v, hn::IfThenElseZero(hn::FirstN(d, rest), e));
   }
-  return chains[0];
-}
-
-HWY_INLINE void expOfDifferences(float* values, std::size_t count, float largest) {
-  for (std::size_t i = 0; i < count; ++i) values[i] -= largest;
-  activateColumn<ExpOfNegative>(values, count);
+  return sum.total();
 }
 
 HWY_INLINE void divideBy(float* values, std::size_t count, float divisor) {
-  for (std::size_t i = 0; i < count; ++i) values[i] /= divisor;
+  const Tag d;
+  const Vec by = hn::Set(d, divisor);
+  std::size_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    hn::StoreU(hn::Div(hn::LoadU(d, values + i), by), d, values + i);
+  }
+  if (i == count) return;
+  storePart(hn::Div(loadPart(values + i, count - i), by), values + i, count - i);
 }
 
 void softmax(float* values, std::size_t count) {
   if (count == 0) return;
-  expOfDifferences(values, count, largestOf(values, count));
-  divideBy(values, count, sumOf(values, count));
+  const float sum = expOfDifferences(values, count, largestOf(values, count));
+  divideBy(values, count, sum);
 }
 
 }  // namespace HWY_NAMESPACE

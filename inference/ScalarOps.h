@@ -9,6 +9,7 @@ namespace mlnn {
 
 struct ScalarOps {
   using Value = float;
+  static constexpr bool kScales = false;
 
   static float constant(float value) { return value; }
   static float fma(float a, float b, float c) { return std::fma(a, b, c); }
@@ -21,6 +22,7 @@ struct ScalarOps {
   static float lessThan(float a, float b, float ifTrue, float ifFalse) {
     return a < b ? ifTrue : ifFalse;
   }
+  static float atLeast(float limit, float a) { return a < limit ? limit : a; }
 
   // A value that is not a number has no power; what it gives is multiplied by it anyway.
   static float powerOfTwo(float n) {

@@ -40,7 +40,7 @@ constexpr bool kFuses = MLNN_TARGET_FUSES;
 constexpr bool kLoadsParts = !HWY_MEM_OPS_MIGHT_FAULT;
 
 // The first `count` lanes, 0 in the others; reads nothing behind them.
-// REQUIRES: 0 < count < kLanes.
+// REQUIRES: 0 < count <= kLanes.
 HWY_INLINE Vec loadPart(const float* from, std::size_t count) {
 #if HWY_MEM_OPS_MIGHT_FAULT
   float lanes[kLanes] = {};
@@ -52,7 +52,7 @@ HWY_INLINE Vec loadPart(const float* from, std::size_t count) {
 }
 
 // Writes the first `count` lanes and nothing behind them.
-// REQUIRES: 0 < count < kLanes.
+// REQUIRES: 0 < count <= kLanes.
 HWY_INLINE void storePart(Vec v, float* to, std::size_t count) {
 #if HWY_MEM_OPS_MIGHT_FAULT
   float lanes[kLanes];
@@ -81,6 +81,7 @@ HWY_INLINE void storeRow(Vec v, float* column, int r, std::size_t lastLanes) {
 // The operations of ActivationFormulas on vectors.
 struct VectorOps {
   using Value = Vec;
+  static constexpr bool kScales = HWY_TARGET == HWY_AVX3;
 
   static HWY_INLINE Vec constant(float value) { return hn::Set(Tag(), value); }
   static HWY_INLINE Vec fma(Vec a, Vec b, Vec c) { return hn::MulAdd(a, b, c); }
@@ -93,6 +94,19 @@ struct VectorOps {
   static HWY_INLINE Vec lessThan(Vec a, Vec b, Vec ifTrue, Vec ifFalse) {
     return hn::IfThenElse(hn::Lt(a, b), ifTrue, ifFalse);
   }
+
+  // The x86 instruction gives its second operand where either is NaN.
+  static HWY_INLINE Vec atLeast(Vec limit, Vec a) {
+#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR && HWY_TARGET != HWY_EMU128
+    return hn::Max(limit, a);
+#else
+    return lessThan(a, limit, limit, a);
+#endif
+  }
+
+#if HWY_TARGET == HWY_AVX3
+  static HWY_INLINE Vec scaled(Vec a, Vec n) { return Vec{_mm512_scalef_ps(a.raw, n.raw)}; }
+#endif
 
   // A value that is not a number has no power; what it gives is multiplied by it anyway. Without
   // vector instructions it must not be converted.
