@@ -19,26 +19,23 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
-// A row panel is as many vectors of rows, with all inputs walked before the next one. One more
-// where that keeps the others from crossing cache lines.
+// A row panel is as many vectors of rows, with all inputs walked before the next one.
 constexpr int kPanelVectors = kLanes >= 16 ? 16 : 8;
-constexpr int kMaxPanelVectors = kPanelVectors + 1;
 
 // A sweep takes so many columns at a time, and so many vectors of rows in each of them.
 constexpr std::size_t kSweepColumns = 8;
 constexpr int kStripVectors = 8;
 constexpr std::size_t kStripRows = kStripVectors * kLanes;
 
-// Where the R vectors of a panel begin: the first and the last one at its ends, the others one
-// behind the other. Rows where two of them overlap are computed by both, to the same bits.
+// The R vectors of a panel one behind the other; the last one begins as far before its place as
+// rows are missing. Rows where two of them overlap are computed by both, to the same bits.
 struct PanelRows {
-  std::size_t second;
+  static constexpr bool kHasSeam = false;
   std::size_t last;
 
   template <int R>
   HWY_INLINE std::size_t of(int r) const {
-    if (r == 0) return 0;
-    return r == R - 1 ? last : second + static_cast<std::size_t>(r - 1) * kLanes;
+    return r == R - 1 ? last : static_cast<std::size_t>(r) * kLanes;
   }
   template <int R>
   HWY_INLINE Vec load(const float* column, int r) const {
@@ -52,6 +49,7 @@ struct PanelRows {
 
 // A panel of fewer rows than a vector has lanes.
 struct FewRows {
+  static constexpr bool kHasSeam = false;
   std::size_t count;
 
   template <int R>
@@ -64,17 +62,61 @@ struct FewRows {
   }
 };
 
-// One input of B consecutive chains, which are `chainStride` apart in the weights.
-template <int R, int B, int kChains, typename Rows>
+// The first panel of a layer of whole vectors of rows that do not begin at a cache line, but do so
+// at the same place in every column. Its vectors are whole lines; the first one is a seam: its
+// upper lanes are the first rows of a column, its lower lanes the last rows of the column before.
+struct SeamRows {
+  static constexpr bool kHasSeam = true;
+  std::size_t rows;   // of the layer
+  std::size_t lower;  // lanes
+
+  HWY_INLINE auto isLower() const { return hn::FirstN(Tag(), lower); }
+  HWY_INLINE auto isUpper() const { return hn::Not(isLower()); }
+
+  template <int R>
+  HWY_INLINE Vec load(const float* y, int r) const {
+    if (r > 0) return hn::LoadU(Tag(), y + static_cast<std::size_t>(r) * kLanes);
+    return hn::Or(hn::MaskedLoad(isUpper(), Tag(), y), hn::MaskedLoad(isLower(), Tag(), y + rows));
+  }
+  template <int R>
+  HWY_INLINE void store(Vec v, float* y, int r) const {
+    if (r > 0) return hn::StoreU(v, Tag(), y + static_cast<std::size_t>(r) * kLanes);
+    hn::BlendedStore(v, isUpper(), Tag(), y);
+    hn::BlendedStore(v, isLower(), Tag(), y + rows);
+  }
+
+  // The seam's chains before, between and behind the columns of a block.
+  HWY_INLINE Vec begin(const float* seam, Vec x) const {
+    const Vec first = hn::MaskedLoad(isUpper(), Tag(), seam);
+    return hn::IfThenElseZero(isUpper(), hn::MulAdd(first, x, hn::Zero(Tag())));
+  }
+  HWY_INLINE Vec next(const float* seam, Vec xBefore, Vec x, Vec chain) const {
+    return hn::MulAdd(hn::LoadU(Tag(), seam), hn::IfThenElse(isUpper(), x, xBefore), chain);
+  }
+  HWY_INLINE Vec end(const float* seam, Vec xBefore, Vec chain) const {
+    const Vec last = hn::MaskedLoad(isLower(), Tag(), seam);
+    return hn::IfThenElse(isLower(), hn::MulAdd(last, xBefore, chain), chain);
+  }
+};
+
+// One input of B consecutive chains, which are `chainStride` apart in the weights. `before` is
+// the input before it, for a seam.
+template <int R, int B, bool kBegins, int kChains, typename Rows>
 HWY_INLINE void panelStep(const float* w, std::size_t chainStride, const float* x,
-                          std::size_t length, const Rows& rows, Vec (&acc)[kChains][R]) {
-  HWY_UNROLL(17)
+                          std::size_t length, const Rows& rows, Vec (&before)[kChains],
+                          Vec (&acc)[kChains][R]) {
+  HWY_UNROLL(16)
   for (int b = 0; b < B; ++b) {
     const Vec xk = hn::Set(Tag(), x[static_cast<std::size_t>(b) * length]);
     const float* column = w + static_cast<std::size_t>(b) * chainStride;
-    HWY_UNROLL(17)
-    for (int r = 0; r < R; ++r) {
-      acc[b][r] = hn::MulAdd(rows.template load<R>(column, r), xk, acc[b][r]);
+    if constexpr (Rows::kHasSeam) {
+      acc[b][0] = kBegins ? rows.begin(column, xk) : rows.next(column, before[b], xk, acc[b][0]);
+      before[b] = xk;
+    }
+    HWY_UNROLL(16)
+    for (int r = Rows::kHasSeam; r < R; ++r) {
+      const Vec chain = kBegins ? hn::Zero(Tag()) : acc[b][r];
+      acc[b][r] = hn::MulAdd(rows.template load<R>(column, r), xk, chain);
     }
   }
 }
@@ -86,25 +128,35 @@ HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, 
                             std::size_t last, bool isFirst, float* y, const Rows& rows) {
   const std::size_t chainStride = length * stride;
   Vec acc[B][R];
-  HWY_UNROLL(17)
-  for (int b = 0; b < B; ++b) {
-    HWY_UNROLL(17)
-    for (int r = 0; r < R; ++r) acc[b][r] = hn::Zero(Tag());
+  Vec before[B];
+  panelStep<R, B, true>(w, chainStride, x, length, rows, before, acc);
+  std::size_t k = 1;
+  for (; k < last; ++k) {
+    panelStep<R, B, false>(w + k * stride, chainStride, x + k, length, rows, before, acc);
   }
-  std::size_t k = 0;
-  for (; k < last; ++k, w += stride) panelStep<R, B>(w, chainStride, x + k, length, rows, acc);
+  if constexpr (Rows::kHasSeam) {
+    acc[B - 1][0] =
+        rows.end(w + (B - 1) * chainStride + last * stride, before[B - 1], acc[B - 1][0]);
+  }
   if constexpr (B > 1) {
-    for (; k < length; ++k, w += stride) {
-      panelStep<R, B - 1>(w, chainStride, x + k, length, rows, acc);
+    for (; k < length; ++k) {
+      panelStep<R, B - 1, false>(w + k * stride, chainStride, x + k, length, rows, before, acc);
+    }
+    if constexpr (Rows::kHasSeam) {
+      HWY_UNROLL(16)
+      for (int b = 0; b < B - 1; ++b) {
+        const std::size_t end = static_cast<std::size_t>(b + 1) * chainStride;
+        acc[b][0] = rows.end(w + end, before[b], acc[b][0]);
+      }
     }
   }
-  HWY_UNROLL(17)
+  HWY_UNROLL(16)
   for (int r = 0; r < R; ++r) {
     if (!isFirst) acc[0][r] = hn::Add(rows.template load<R>(y, r), acc[0][r]);
-    HWY_UNROLL(17)
+    HWY_UNROLL(16)
     for (int b = 1; b < B; ++b) acc[0][r] = hn::Add(acc[0][r], acc[b][r]);
   }
-  HWY_UNROLL(17)
+  HWY_UNROLL(16)
   for (int r = 0; r < R; ++r) rows.template store<R>(acc[0][r], y, r);
 }
 
@@ -132,24 +184,21 @@ void rowPanel(const LayerView& layer, const float* w, const float* x, float* y, 
 }
 
 // Chooses the instance for `vectors` vectors of rows.
-template <int R>
-HWY_INLINE void rowPanelOf(int vectors, const LayerView& layer, const float* w, const float* x,
-                           float* y, const PanelRows& rows) {
+template <int R, typename Rows>
+HWY_INLINE void rowPanelOf(std::size_t vectors, const LayerView& layer, const float* w,
+                           const float* x, float* y, const Rows& rows) {
   if constexpr (R > 1) {
     if (vectors < R) return rowPanelOf<R - 1>(vectors, layer, w, x, y, rows);
   }
   rowPanel<R>(layer, w, x, y, rows);
 }
 
-// Rows from the panel's first one to the first cache line that begins in it, where that is the
-// same in all columns and pays; else a whole vector.
-HWY_INLINE std::size_t rowsToCacheLine(const float* w, const LayerView& layer, std::size_t count) {
-  constexpr std::size_t kLine = 16;
-  constexpr std::size_t kFewVectors = 8;
-  const auto past = static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(w) / sizeof(float));
-  const std::size_t misplaced = past % kLine % kLanes;
-  const bool pays = kLanes == kLine && layer.rows % kLine == 0 && count >= kFewVectors * kLanes;
-  return pays && misplaced != 0 ? kLanes - misplaced : kLanes;
+// The lanes by which the weights miss the vectors' natural places, where that is the same in all
+// columns and vectors that begin before the weights may be read in part; else 0.
+HWY_INLINE std::size_t misplacedLanes(const LayerView& layer) {
+  if (!kLoadsParts || layer.rows % kLanes != 0) return 0;
+  return static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(layer.weights)) / sizeof(float) %
+         kLanes;
 }
 
 // Weights that stay in the processor's second-level cache: panel by panel. A last panel that has
@@ -160,13 +209,19 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   if (layer.rows < kLanes) {
     return rowPanel<1>(layer, layer.weights, x, y, FewRows{layer.rows});
   }
+  const std::size_t misplaced = misplacedLanes(layer);
   for (std::size_t from = 0; from < layer.rows; from += kPanelRows) {
     const std::size_t row = std::min(from, layer.rows - kLanes);
     const std::size_t count = std::min(layer.rows - row, kPanelRows);
-    const float* w = layer.weights + row;
-    const PanelRows rows{rowsToCacheLine(w, layer, count), count - kLanes};
-    const std::size_t vectors = count == kLanes ? 1 : 2 + (count - rows.second - 1) / kLanes;
-    rowPanelOf<kMaxPanelVectors>(static_cast<int>(vectors), layer, w, x, y + row, rows);
+    const std::size_t vectors = (count + kLanes - 1) / kLanes;
+    const float* w = layer.weights + row - misplaced;
+    if (misplaced != 0 && row == 0) {
+      const SeamRows rows{layer.rows, misplaced};
+      rowPanelOf<kPanelVectors>(vectors, layer, w, x, y - misplaced, rows);
+    } else {
+      const PanelRows rows{count - kLanes};
+      rowPanelOf<kPanelVectors>(vectors, layer, w, x, y + row - misplaced, rows);
+    }
   }
 }
 
