@@ -63,12 +63,6 @@ bool overlap(const Eigen::Ref<const Eigen::MatrixXf>& inputs, const Eigen::Matri
          before(outputs.data(), inputsEnd);
 }
 
-Index widestOf(const LayerSource& stack) {
-  std::size_t widest = 0;
-  for (std::size_t i = 0; i < stack.count(); ++i) widest = std::max(widest, stack.layer(i).rows);
-  return static_cast<Index>(widest);
-}
-
 // Some frames in memory, one behind the other.
 struct Frames {
   float* first;
@@ -93,14 +87,30 @@ std::size_t rowsFrom(const LayerView& layer, std::size_t first) {
   return left - rows <= kFewRows ? left : rows;
 }
 
-Index unpackedLength(const LayerSource& stack) {
-  std::size_t length = 0;
-  for (std::size_t i = 0; i < stack.count(); ++i) {
+bool isInMemory(const LayerView& layer) {
+  return layer.weights != nullptr || layer.coded != nullptr;
+}
+
+// What the layers of a stack ask for together.
+struct StackWidths {
+  std::size_t layers;
+  Index widest;
+  Index outputs;   // of the last layer
+  Index unpacked;  // floats of the largest block of rows that is unpacked
+};
+
+StackWidths widthsOf(const LayerSource& stack) {
+  StackWidths widths{stack.count(), 0, 0, 0};
+  std::size_t unpacked = 0;
+  for (std::size_t i = 0; i < widths.layers; ++i) {
     const LayerView layer = stack.layer(i);
-    if (layer.weights != nullptr || layer.coded != nullptr) continue;
-    length = std::max(length, std::min(rowsAtOnce(layer) + kFewRows, layer.rows) * layer.cols);
+    widths.outputs = static_cast<Index>(layer.rows);
+    widths.widest = std::max(widths.widest, widths.outputs);
+    if (isInMemory(layer)) continue;
+    unpacked = std::max(unpacked, std::min(rowsAtOnce(layer) + kFewRows, layer.rows) * layer.cols);
   }
-  return length == 0 ? 0 : static_cast<Index>(length) + kFloatsInCacheLine;
+  if (unpacked > 0) widths.unpacked = static_cast<Index>(unpacked) + kFloatsInCacheLine;
+  return widths;
 }
 
 // The results of a layer for as many frames as `y` has room for.
@@ -118,8 +128,7 @@ void evaluateLayer(const LayerView& layer, const float* x, Index xStride, const 
 void evaluateLayer(const LayerSource& stack, std::size_t index, const LayerView& layer,
                    const float* x, Index xStride, const Frames& y, PassMemory& memory) {
   float* const scratch = atCacheLine(memory.scratch.data());
-  const bool isInMemory = layer.weights != nullptr || layer.coded != nullptr;
-  if (isInMemory) return evaluateLayer(layer, x, xStride, y, scratch);
+  if (isInMemory(layer)) return evaluateLayer(layer, x, xStride, y, scratch);
   float* const unpacked = atCacheLine(memory.unpacked.data());
   for (std::size_t first = 0; first < layer.rows;) {
     const std::size_t rows = rowsFrom(layer, first);
@@ -163,16 +172,16 @@ std::vector<LayerResult> emptyTrace(const LayerSource& stack, Index frames) {
 
 // Takes all of `inputs` through the stack together; the first of them is frame `first` of the
 // trace.
-void evaluateFrames(const LayerSource& stack, Index widest,
+void evaluateFrames(const LayerSource& stack, const StackWidths& widths,
                     const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                     Eigen::Ref<Eigen::MatrixXf> outputs, PassMemory& memory, Index first,
                     std::vector<LayerResult>* trace) {
   float* next = atCacheLine(memory.between.data());
-  float* spare = next + strideFor(widest) * inputs.cols();
+  float* spare = next + strideFor(widths.widest) * inputs.cols();
   const float* x = inputs.data();
   Index xStride = inputs.outerStride();
-  for (std::size_t i = 0; i < stack.count(); ++i) {
-    const bool isLast = i + 1 == stack.count();
+  for (std::size_t i = 0; i < widths.layers; ++i) {
+    const bool isLast = i + 1 == widths.layers;
     const LayerView layer = stack.layer(i);
     const Frames y{isLast ? outputs.data() : next,
                    isLast ? outputs.outerStride() : strideFor(static_cast<Index>(layer.rows)),
@@ -195,35 +204,34 @@ void evaluateFrames(const LayerSource& stack, Index widest,
 void LayerSource::unpack(std::size_t, std::size_t, std::size_t, float*) const {}
 
 std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
-  const Index widest = widestOf(stack);
-  const Index together = std::min(frames, framesAtOnce(widest));
-  const Index length =
-      scratchLength(widest, together) + betweenLength(widest, together) + unpackedLength(stack);
+  const StackWidths widths = widthsOf(stack);
+  const Index together = std::min(frames, framesAtOnce(widths.widest));
+  const Index length = scratchLength(widths.widest, together) +
+                       betweenLength(widths.widest, together) + widths.unpacked;
   return static_cast<std::size_t>(length) * sizeof(float);
 }
 
 void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                    Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace) {
   const Index frames = inputs.cols();
-  const Index widest = widestOf(stack);
-  const auto numOutputs = static_cast<Index>(stack.layer(stack.count() - 1).rows);
-  const Index atOnce = framesAtOnce(widest);
-  growTo(memory.scratch, scratchLength(widest, std::min(frames, atOnce)));
-  growTo(memory.between, betweenLength(widest, std::min(frames, atOnce)));
-  growTo(memory.unpacked, unpackedLength(stack));
+  const StackWidths widths = widthsOf(stack);
+  const Index atOnce = framesAtOnce(widths.widest);
+  growTo(memory.scratch, scratchLength(widths.widest, std::min(frames, atOnce)));
+  growTo(memory.between, betweenLength(widths.widest, std::min(frames, atOnce)));
+  growTo(memory.unpacked, widths.unpacked);
   if (trace != nullptr) *trace = emptyTrace(stack, frames);
   const bool apart = !overlap(inputs, outputs);
-  if (apart) reshape(outputs, numOutputs, frames);
-  if (!apart) growTo(memory.results, numOutputs * frames);
-  Eigen::Map<Eigen::MatrixXf> results(apart ? outputs.data() : memory.results.data(), numOutputs,
-                                      frames);
+  if (apart) reshape(outputs, widths.outputs, frames);
+  if (!apart) growTo(memory.results, widths.outputs * frames);
+  Eigen::Map<Eigen::MatrixXf> results(apart ? outputs.data() : memory.results.data(),
+                                      widths.outputs, frames);
   for (Index first = 0; first < frames; first += atOnce) {
     const Index count = std::min(frames - first, atOnce);
-    evaluateFrames(stack, widest, inputs.middleCols(first, count), results.middleCols(first, count),
+    evaluateFrames(stack, widths, inputs.middleCols(first, count), results.middleCols(first, count),
                    memory, first, trace);
   }
   if (apart) return;
-  reshape(outputs, numOutputs, frames);
+  reshape(outputs, widths.outputs, frames);
   outputs = results;
 }
 

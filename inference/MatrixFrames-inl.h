@@ -194,13 +194,6 @@ void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t 
   }
 }
 
-// A layer without inputs: all sums are 0.
-void shiftsOnly(const LayerView& layer, float* y, std::size_t yStride, std::size_t frames) {
-  for (std::size_t f = 0; f < frames; ++f)
-    std::memset(y + f * yStride, 0, layer.rows * sizeof(float));
-  finishLayer(layer, 0, layer.rows, y, yStride, frames);
-}
-
 // Where the weights of the panel after this one begin: that below it, or the first of the next
 // inputs. Null behind the last one.
 HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& panel) {

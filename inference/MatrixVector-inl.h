@@ -121,11 +121,20 @@ HWY_INLINE void panelStep(const float* w, std::size_t chainStride, const float* 
   }
 }
 
+// Where the sums of a panel go: its first row in each of these.
+struct PanelResults {
+  const float* scale;  // null for none
+  const float* shift;
+  float* y;
+};
+
 // B consecutive chains of R vectors of rows at once; the last chain has `last` inputs, the
-// others `length`. Adds the chains to y in their order; the very first is put there.
+// others `length`. Adds the chains to y in their order; the very first is put there, and the very
+// last is followed by scale and shift.
 template <int R, int B, typename Rows>
 HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, std::size_t length,
-                            std::size_t last, bool isFirst, float* y, const Rows& rows) {
+                            std::size_t last, bool isFirst, bool isLast,
+                            const PanelResults& results, const Rows& rows) {
   const std::size_t chainStride = length * stride;
   Vec acc[B][R];
   Vec before[B];
@@ -152,45 +161,56 @@ HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, 
   }
   HWY_UNROLL(16)
   for (int r = 0; r < R; ++r) {
-    if (!isFirst) acc[0][r] = hn::Add(rows.template load<R>(y, r), acc[0][r]);
+    if (!isFirst) acc[0][r] = hn::Add(rows.template load<R>(results.y, r), acc[0][r]);
     HWY_UNROLL(16)
     for (int b = 1; b < B; ++b) acc[0][r] = hn::Add(acc[0][r], acc[b][r]);
   }
+  if (isLast) {
+    const float* const scale = results.scale;
+    HWY_UNROLL(16)
+    for (int r = 0; r < R; ++r) {
+      const Vec factor = scale == nullptr ? hn::Set(Tag(), 1.0f) : rows.template load<R>(scale, r);
+      acc[0][r] = hn::MulAdd(factor, acc[0][r], rows.template load<R>(results.shift, r));
+    }
+  }
   HWY_UNROLL(16)
-  for (int r = 0; r < R; ++r) rows.template store<R>(acc[0][r], y, r);
+  for (int r = 0; r < R; ++r) rows.template store<R>(acc[0][r], results.y, r);
 }
 
 // The next chains, B at once if there are so many. Returns the inputs that they take.
 template <int R, int B, typename Rows>
 HWY_INLINE std::size_t nextChains(const LayerView& layer, std::size_t at, const float* w,
-                                  const float* x, float* y, const Rows& rows) {
+                                  const float* x, const PanelResults& results, const Rows& rows) {
   const std::size_t length = chainLength(layer.rows);
   const std::size_t left = layer.cols - at;
   if constexpr (B > 1) {
-    if (left <= length * (B - 1)) return nextChains<R, B / 2>(layer, at, w, x, y, rows);
+    if (left <= length * (B - 1)) return nextChains<R, B / 2>(layer, at, w, x, results, rows);
   }
   const std::size_t last = std::min(left - length * (B - 1), length);
-  panelChains<R, B>(w + at * layer.rows, layer.rows, x + at, length, last, at == 0, y, rows);
-  return length * (B - 1) + last;
+  const std::size_t inputs = length * (B - 1) + last;
+  panelChains<R, B>(w + at * layer.rows, layer.rows, x + at, length, last, at == 0, inputs == left,
+                    results, rows);
+  return inputs;
 }
 
 // All inputs for R vectors of rows.
 template <int R, typename Rows>
-void rowPanel(const LayerView& layer, const float* w, const float* x, float* y, const Rows& rows) {
+void rowPanel(const LayerView& layer, const float* w, const float* x, const PanelResults& results,
+              const Rows& rows) {
   constexpr int kAtOnce = R >= 8 ? 1 : R >= 4 ? 2 : R >= 2 ? 4 : 8;
   for (std::size_t at = 0; at < layer.cols;) {
-    at += nextChains<R, kAtOnce>(layer, at, w, x, y, rows);
+    at += nextChains<R, kAtOnce>(layer, at, w, x, results, rows);
   }
 }
 
 // Chooses the instance for `vectors` vectors of rows.
 template <int R, typename Rows>
 HWY_INLINE void rowPanelOf(std::size_t vectors, const LayerView& layer, const float* w,
-                           const float* x, float* y, const Rows& rows) {
+                           const float* x, const PanelResults& results, const Rows& rows) {
   if constexpr (R > 1) {
-    if (vectors < R) return rowPanelOf<R - 1>(vectors, layer, w, x, y, rows);
+    if (vectors < R) return rowPanelOf<R - 1>(vectors, layer, w, x, results, rows);
   }
-  rowPanel<R>(layer, w, x, y, rows);
+  rowPanel<R>(layer, w, x, results, rows);
 }
 
 // The lanes by which the weights miss the vectors' natural places, where that is the same in all
@@ -201,26 +221,32 @@ HWY_INLINE std::size_t misplacedLanes(const LayerView& layer) {
          kLanes;
 }
 
-// Weights that stay in the processor's second-level cache: panel by panel. A last panel that has
-// less than a vector of rows begins in the one before it.
+// The results from a row on, which may be some lanes before the first one.
+HWY_INLINE PanelResults resultsFrom(const LayerView& layer, float* y, std::ptrdiff_t row) {
+  return {layer.scale == nullptr ? nullptr : layer.scale + row, layer.shift + row, y + row};
+}
+
+// Weights that stay in the processor's second-level cache: panel by panel, up to scale and shift. A
+// last panel that has less than a vector of rows begins in the one before it.
 void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   constexpr std::size_t kPanelRows = kPanelVectors * kLanes;
   if (layer.rows == 0) return;
   if (layer.rows < kLanes) {
-    return rowPanel<1>(layer, layer.weights, x, y, FewRows{layer.rows});
+    return rowPanel<1>(layer, layer.weights, x, resultsFrom(layer, y, 0), FewRows{layer.rows});
   }
   const std::size_t misplaced = misplacedLanes(layer);
   for (std::size_t from = 0; from < layer.rows; from += kPanelRows) {
     const std::size_t row = std::min(from, layer.rows - kLanes);
     const std::size_t count = std::min(layer.rows - row, kPanelRows);
     const std::size_t vectors = (count + kLanes - 1) / kLanes;
-    const float* w = layer.weights + row - misplaced;
-    if (misplaced != 0 && row == 0) {
+    const auto place = static_cast<std::ptrdiff_t>(row) - static_cast<std::ptrdiff_t>(misplaced);
+    const PanelResults results = resultsFrom(layer, y, place);
+    const float* const w = layer.weights + place;
+    if (place < 0) {
       const SeamRows rows{layer.rows, misplaced};
-      rowPanelOf<kPanelVectors>(vectors, layer, w, x, y - misplaced, rows);
+      rowPanelOf<kPanelVectors>(vectors, layer, w, x, results, rows);
     } else {
-      const PanelRows rows{count - kLanes};
-      rowPanelOf<kPanelVectors>(vectors, layer, w, x, y + row - misplaced, rows);
+      rowPanelOf<kPanelVectors>(vectors, layer, w, x, results, PanelRows{count - kLanes});
     }
   }
 }
@@ -283,16 +309,15 @@ void multiplySweeping(const LayerView& layer, const float* x, float* y, float* s
 
 // The results of a layer for one frame. `scratch` has room for a value for each row.
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
-  if (layer.cols == 0) {
-    std::memset(y, 0, layer.rows * sizeof(float));
-  } else if (layer.coded != nullptr) {
-    return codesVector(layer, x, y);
-  } else if (layer.rows * layer.cols * sizeof(float) < kSecondLevelBytes) {
-    multiplyPanels(layer, x, y);
-  } else {
+  if (layer.cols == 0) return shiftsOnly(layer, y, 0, 1);
+  if (layer.coded != nullptr) return codesVector(layer, x, y);
+  if (layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes) {
     multiplySweeping(layer, x, y, scratch);
+    finishLayer(layer, 0, layer.rows, y, 0, 1);
+  } else {
+    multiplyPanels(layer, x, y);
+    if (layer.actFn != ActFn::linear) activate(layer.actFn, y, layer.rows);
   }
-  finishLayer(layer, 0, layer.rows, y, 0, 1);
 }
 
 }  // namespace HWY_NAMESPACE
