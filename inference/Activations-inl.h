@@ -26,10 +26,10 @@ void finishColumn(const float* scale, const float* shift, std::size_t count, flo
     hn::StoreU(Function::apply(v), d, y + i);
   }
   if (i == count) return;
-  const std::size_t rest = count - i;
-  const Vec factor = scale == nullptr ? one : loadPart(scale + i, rest);
-  const Vec v = hn::MulAdd(factor, loadPart(y + i, rest), loadPart(shift + i, rest));
-  storePart(Function::apply(v), y + i, rest);
+  const FirstLanes rest(count - i);
+  const Vec factor = scale == nullptr ? one : rest.load(scale + i);
+  const Vec v = hn::MulAdd(factor, rest.load(y + i), rest.load(shift + i));
+  rest.store(Function::apply(v), y + i);
 }
 
 template <typename Function>
@@ -40,7 +40,8 @@ void activateColumn(float* values, std::size_t count) {
     hn::StoreU(Function::apply(hn::LoadU(d, values + i)), d, values + i);
   }
   if (i == count) return;
-  storePart(Function::apply(loadPart(values + i, count - i)), values + i, count - i);
+  const FirstLanes rest(count - i);
+  rest.store(Function::apply(rest.load(values + i)), values + i);
 }
 
 // One function of ActivationFormulas as a type, so that it is inlined into the loops.
@@ -105,8 +106,8 @@ HWY_INLINE Vec largestOf(const float* values, std::size_t count) {
   std::size_t i = 0;
   for (; i + kLanes <= count; i += kLanes) largest = hn::Max(largest, hn::LoadU(d, values + i));
   if (i < count) {
-    const Vec rest = loadPart(values + i, count - i);
-    largest = hn::Max(largest, hn::IfThenElse(hn::FirstN(d, count - i), rest, largest));
+    const FirstLanes rest(count - i);
+    largest = hn::Max(largest, hn::IfThenElse(rest.mask(), rest.load(values + i), largest));
   }
   return hn::MaxOfLanes(d, largest);
 }
@@ -163,10 +164,10 @@ HWY_INLINE float expOfDifferences(float* values, std::size_t count, Vec largest)
     }
   }
   for (std::size_t v = 0; i < count; ++v, i += kLanes) {
-    const std::size_t rest = count - i < kLanes ? count - i : kLanes;
-    const Vec e = exp(loadPart(values + i, rest));
-    storePart(e, values + i, rest);
-    sum.add(v, hn::IfThenElseZero(hn::FirstN(d, rest), e));
+    const FirstLanes rest(count - i < kLanes ? count - i : kLanes);
+    const Vec e = exp(rest.load(values + i));
+    rest.store(e, values + i);
+    sum.add(v, hn::IfThenElseZero(rest.mask(), e));
   }
   return sum.total();
 }
@@ -179,7 +180,8 @@ HWY_INLINE void divideBy(float* values, std::size_t count, float divisor) {
     hn::StoreU(hn::Div(hn::LoadU(d, values + i), by), d, values + i);
   }
   if (i == count) return;
-  storePart(hn::Div(loadPart(values + i, count - i), by), values + i, count - i);
+  const FirstLanes rest(count - i);
+  rest.store(hn::Div(rest.load(values + i), by), values + i);
 }
 
 void softmax(float* values, std::size_t count) {

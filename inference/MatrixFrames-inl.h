@@ -36,7 +36,7 @@ struct Tile {
   std::size_t xStride;     // from one frame to the next
   float* y;                // its first row and frame
   std::size_t yStride;     // from one frame to the next
-  std::size_t lastLanes;   // rows in the last vector
+  FirstLanes last;         // rows of the last vector
   const float* next;       // weights that come after these
   std::size_t nextStride;  // from one input of them to the next
   int nextLines;           // cache lines of each input of them to fetch, or 0
@@ -56,7 +56,7 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
   const std::size_t wStride = tile.wStride;
   const std::size_t xStride = tile.xStride;
   const std::size_t yStride = tile.yStride;
-  const std::size_t lastLanes = tile.lastLanes;
+  const FirstLanes last = tile.last;
   Vec acc[F][R];
   HWY_UNROLL(8)
   for (int f = 0; f < F; ++f) {
@@ -74,7 +74,7 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
     }
     Vec wk[R];
     HWY_UNROLL(8)
-    for (int r = 0; r < R; ++r) wk[r] = loadRow < kPartial && kLoadsParts, R > (w, r, lastLanes);
+    for (int r = 0; r < R; ++r) wk[r] = loadRow < kPartial && kLoadsParts, R > (w, r, last);
     HWY_UNROLL(8)
     for (int f = 0; f < F; ++f) {
       const Vec xk = hn::Set(d, x[static_cast<std::size_t>(f) * xStride + k]);
@@ -87,8 +87,8 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
   for (int f = 0; f < F; ++f, y += yStride) {
     HWY_UNROLL(8)
     for (int r = 0; r < R; ++r) {
-      if (!isFirst) acc[f][r] = hn::Add(loadRow<kPartial, R>(y, r, lastLanes), acc[f][r]);
-      storeRow<kPartial, R>(acc[f][r], y, r, lastLanes);
+      if (!isFirst) acc[f][r] = hn::Add(loadRow<kPartial, R>(y, r, last), acc[f][r]);
+      storeRow<kPartial, R>(acc[f][r], y, r, last);
     }
   }
 }
@@ -145,7 +145,7 @@ void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
       hn::Store(hn::LoadU(d, from + i), d, to);
     }
     if (i == panel.count) continue;
-    hn::Store(loadPart(from + i, panel.count - i), d, to);
+    hn::Store(FirstLanes(panel.count - i).load(from + i), d, to);
     to += kLanes;
   }
 }
@@ -224,7 +224,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 xStride,
                 y + row,
                 yStride,
-                kLanes - (panel.fullRows() - count),
+                FirstLanes(kLanes - (panel.fullRows() - count)),
                 streams ? weightsAfter(layer, panel) : nullptr,
                 layer.rows,
                 0};

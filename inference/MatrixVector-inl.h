@@ -50,15 +50,15 @@ struct PanelRows {
 // A panel of fewer rows than a vector has lanes.
 struct FewRows {
   static constexpr bool kHasSeam = false;
-  std::size_t count;
+  FirstLanes rows;
 
   template <int R>
   HWY_INLINE Vec load(const float* column, int) const {
-    return loadPart(column, count);
+    return rows.load(column);
   }
   template <int R>
   HWY_INLINE void store(Vec v, float* column, int) const {
-    storePart(v, column, count);
+    rows.store(v, column);
   }
 };
 
@@ -67,11 +67,11 @@ struct FewRows {
 // upper lanes are the first rows of a column, its lower lanes the last rows of the column before.
 struct SeamRows {
   static constexpr bool kHasSeam = true;
-  std::size_t rows;   // of the layer
-  std::size_t lower;  // lanes
+  std::size_t rows;  // of the layer
+  FirstLanes lower;
 
-  HWY_INLINE auto isLower() const { return hn::FirstN(Tag(), lower); }
-  HWY_INLINE auto isUpper() const { return hn::Not(isLower()); }
+  HWY_INLINE FirstLanes::Mask isLower() const { return lower.mask(); }
+  HWY_INLINE FirstLanes::Mask isUpper() const { return hn::Not(isLower()); }
 
   template <int R>
   HWY_INLINE Vec load(const float* y, int r) const {
@@ -232,7 +232,8 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   constexpr std::size_t kPanelRows = kPanelVectors * kLanes;
   if (layer.rows == 0) return;
   if (layer.rows < kLanes) {
-    return rowPanel<1>(layer, layer.weights, x, resultsFrom(layer, y, 0), FewRows{layer.rows});
+    return rowPanel<1>(layer, layer.weights, x, resultsFrom(layer, y, 0),
+                       FewRows{FirstLanes(layer.rows)});
   }
   const std::size_t misplaced = misplacedLanes(layer);
   for (std::size_t from = 0; from < layer.rows; from += kPanelRows) {
@@ -243,7 +244,7 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
     const PanelResults results = resultsFrom(layer, y, place);
     const float* const w = layer.weights + place;
     if (place < 0) {
-      const SeamRows rows{layer.rows, misplaced};
+      const SeamRows rows{layer.rows, FirstLanes(misplaced)};
       rowPanelOf<kPanelVectors>(vectors, layer, w, x, results, rows);
     } else {
       rowPanelOf<kPanelVectors>(vectors, layer, w, x, results, PanelRows{count - kLanes});
@@ -255,37 +256,38 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
 // Fetches the same rows of the next sweep's columns; behind the last one that does nothing.
 template <bool kPartial, int R>
 HWY_INLINE void sweepStrip(const float* w, std::size_t stride, const float* x, std::size_t columns,
-                           bool starts, float* chain, std::size_t lastLanes) {
+                           bool starts, float* chain, const FirstLanes& last) {
   const Tag d;
   Vec acc[R];
   HWY_UNROLL(16)
   for (int r = 0; r < R; ++r) {
-    acc[r] = starts ? hn::Zero(d) : loadRow<kPartial, R>(chain, r, lastLanes);
+    acc[r] = starts ? hn::Zero(d) : loadRow<kPartial, R>(chain, r, last);
   }
   for (std::size_t k = 0; k < columns; ++k, w += stride) {
     const Vec xk = hn::Set(d, x[k]);
     HWY_UNROLL(16)
     for (int r = 0; r < R; ++r) {
       __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
-      acc[r] = hn::MulAdd(loadRow<kPartial, R>(w, r, lastLanes), xk, acc[r]);
+      acc[r] = hn::MulAdd(loadRow<kPartial, R>(w, r, last), xk, acc[r]);
     }
   }
   HWY_UNROLL(16)
-  for (int r = 0; r < R; ++r) storeRow<kPartial, R>(acc[r], chain, r, lastLanes);
+  for (int r = 0; r < R; ++r) storeRow<kPartial, R>(acc[r], chain, r, last);
 }
 
 // Some columns for all rows.
 void sweepColumns(const float* w, std::size_t rows, const float* x, std::size_t columns,
                   bool starts, float* chain) {
+  const FirstLanes all(kLanes);
   std::size_t row = 0;
   for (; row + kStripRows <= rows; row += kStripRows) {
-    sweepStrip<false, kStripVectors>(w + row, rows, x, columns, starts, chain + row, kLanes);
+    sweepStrip<false, kStripVectors>(w + row, rows, x, columns, starts, chain + row, all);
   }
   for (; row + kLanes <= rows; row += kLanes) {
-    sweepStrip<false, 1>(w + row, rows, x, columns, starts, chain + row, kLanes);
+    sweepStrip<false, 1>(w + row, rows, x, columns, starts, chain + row, all);
   }
   if (row == rows) return;
-  sweepStrip<true, 1>(w + row, rows, x, columns, starts, chain + row, rows - row);
+  sweepStrip<true, 1>(w + row, rows, x, columns, starts, chain + row, FirstLanes(rows - row));
 }
 
 HWY_INLINE void addTo(float* y, const float* chain, std::size_t rows) {

@@ -39,42 +39,50 @@ constexpr bool kFuses = MLNN_TARGET_FUSES;
 // Whether a part of a vector is loaded about as fast as the whole.
 constexpr bool kLoadsParts = !HWY_MEM_OPS_MIGHT_FAULT;
 
-// The first `count` lanes, 0 in the others; reads nothing behind them.
-// REQUIRES: 0 < count <= kLanes.
-HWY_INLINE Vec loadPart(const float* from, std::size_t count) {
-#if HWY_MEM_OPS_MIGHT_FAULT
-  float lanes[kLanes] = {};
-  std::memcpy(lanes, from, count * sizeof(float));
-  return hn::LoadU(Tag(), lanes);
-#else
-  return hn::MaskedLoad(hn::FirstN(Tag(), count), Tag(), from);
-#endif
-}
+// The first lanes of vectors that are not full in memory.
+class FirstLanes {
+ public:
+  using Mask = hn::Mask<Tag>;
 
-// Writes the first `count` lanes and nothing behind them.
-// REQUIRES: 0 < count <= kLanes.
-HWY_INLINE void storePart(Vec v, float* to, std::size_t count) {
-#if HWY_MEM_OPS_MIGHT_FAULT
-  float lanes[kLanes];
-  hn::StoreU(v, Tag(), lanes);
-  std::memcpy(to, lanes, count * sizeof(float));
-#else
-  hn::BlendedStore(v, hn::FirstN(Tag(), count), Tag(), to);
-#endif
-}
+  // REQUIRES: 0 < count <= kLanes.
+  explicit HWY_INLINE FirstLanes(std::size_t count)
+      : mask_(hn::FirstN(Tag(), count)), count_(count) {}
 
-// Loads vector `r` of R; the last one has only `lastLanes` lanes where kPartial is set.
+  HWY_INLINE Mask mask() const { return mask_; }
+
+  // Gives 0 in the other lanes, and reads nothing behind these.
+  HWY_INLINE Vec load(const float* from) const {
+    if constexpr (kLoadsParts) return hn::MaskedLoad(mask_, Tag(), from);
+    float lanes[kLanes] = {};
+    std::memcpy(lanes, from, count_ * sizeof(float));
+    return hn::LoadU(Tag(), lanes);
+  }
+
+  // Writes nothing behind these lanes.
+  HWY_INLINE void store(Vec v, float* to) const {
+    if constexpr (kLoadsParts) return hn::BlendedStore(v, mask_, Tag(), to);
+    float lanes[kLanes];
+    hn::StoreU(v, Tag(), lanes);
+    std::memcpy(to, lanes, count_ * sizeof(float));
+  }
+
+ private:
+  Mask mask_;
+  std::size_t count_;
+};
+
+// Loads vector `r` of R; the last one has only some lanes where kPartial is set.
 template <bool kPartial, int R>
-HWY_INLINE Vec loadRow(const float* column, int r, std::size_t lastLanes) {
+HWY_INLINE Vec loadRow(const float* column, int r, const FirstLanes& last) {
   const float* from = column + static_cast<std::size_t>(r) * kLanes;
-  if (kPartial && r == R - 1) return loadPart(from, lastLanes);
+  if (kPartial && r == R - 1) return last.load(from);
   return hn::LoadU(Tag(), from);
 }
 
 template <bool kPartial, int R>
-HWY_INLINE void storeRow(Vec v, float* column, int r, std::size_t lastLanes) {
+HWY_INLINE void storeRow(Vec v, float* column, int r, const FirstLanes& last) {
   float* to = column + static_cast<std::size_t>(r) * kLanes;
-  if (kPartial && r == R - 1) return storePart(v, to, lastLanes);
+  if (kPartial && r == R - 1) return last.store(v, to);
   hn::StoreU(v, Tag(), to);
 }
 
