@@ -195,12 +195,12 @@ void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t 
 }
 
 // Where the weights of the panel after this one begin: that below it, or the first of the next
-// inputs. Null behind the last one.
+// inputs, which may be fewer. Null behind the last one.
 HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& panel) {
   const std::size_t row = panel.row + panel.count;
   if (row < layer.rows) return layer.weights + panel.input * layer.rows + row;
   const std::size_t input = panel.input + panel.inputs;
-  return input + panel.inputs > layer.cols ? nullptr : layer.weights + input * layer.rows;
+  return input < layer.cols ? layer.weights + input * layer.rows : nullptr;
 }
 
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
