@@ -144,6 +144,60 @@ TEST(KernelsMatrixVector, keepsTheOrderWhereWeightsStreamThrough) {
   }
 }
 
+// The layer's weights, `offset` floats behind a cache line and among values that must not matter.
+class MisplacedWeights {
+ public:
+  MisplacedWeights(Layer& layer, std::size_t offset)
+      : values_(static_cast<std::size_t>(layer.weights.size()) + 64, kNaN) {
+    const auto past = reinterpret_cast<std::uintptr_t>(values_.data()) / sizeof(float) % 16;
+    float* const to = values_.data() + 16 + (16 - past) + offset;
+    std::copy(layer.weights.data(), layer.weights.data() + layer.weights.size(), to);
+    layer.view.weights = to;
+  }
+
+ private:
+  std::vector<float> values_;
+};
+
+// Writes no result before the first or behind the last one.
+void expectVectorBetweenMarkers(const Kernels& kernels, const Layer& layer) {
+  constexpr std::size_t kAround = 16;
+  const Eigen::MatrixXf x = someValues(layer.weights.cols(), 1, 4);
+  std::vector<float> y(layer.view.rows + 2 * kAround, kMarker);
+  Scratch scratch(layer.view.rows, 1);
+  kernels.matrixVector(layer.view, x.data(), y.data() + kAround, scratch.data());
+  ASSERT_NO_FATAL_FAILURE(expectFrame(kernels, layer, x, 0, y.data() + kAround));
+  for (std::size_t i = 0; i < kAround; ++i) {
+    ASSERT_EQ(y[i], kMarker);
+    ASSERT_EQ(y[kAround + layer.view.rows + i], kMarker);
+  }
+}
+
+TEST(KernelsMatrixVector, keepsTheOrderWhereverWeightsLie) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const auto& [rows, cols] : {std::pair{16, 1},
+                                     {16, 130},
+                                     {32, 33},
+                                     {48, 300},
+                                     {64, 120},
+                                     {64, 257},
+                                     {40, 50},
+                                     {255, 9},
+                                     {256, 260},
+                                     {400, 131}}) {
+      for (std::size_t offset = 0; offset < 16; ++offset) {
+        SCOPED_TRACE(testing::Message() << kernels->name << " " << rows << "x" << cols
+                                        << ", weights off by " << offset);
+        Layer layer(rows, cols, ActFn::tanh);
+        if (offset % 2 == 1) layer.useBatchNorm();
+        const MisplacedWeights weights(layer, offset);
+        ASSERT_NO_FATAL_FAILURE(expectVectorBetweenMarkers(*kernels, layer));
+        ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, layer, 3));
+      }
+    }
+  }
+}
+
 TEST(KernelsMatrixFrames, keepTheOrderOfAdditions) {
   for (const Kernels* kernels : mlnn::runnableKernels()) {
     for (const int rows : {0, 1, 3, 10, 12, 16, 17, 32, 33, 47, 63, 64, 65, 80, 130, 193}) {
