@@ -144,7 +144,8 @@ class SoftmaxSum {
     return sumByHalves(Tag(), chains_[0]);
   }
 
-  static constexpr std::size_t kVectors = 16 / kLanes;
+  static constexpr std::size_t kChains = 16;
+  static constexpr std::size_t kVectors = kChains / kLanes;
 
  private:
   Vec chains_[kVectors];
@@ -156,7 +157,7 @@ HWY_INLINE float expOfDifferences(float* values, std::size_t count, Vec largest)
   const auto exp = [&](Vec x) { return ExpOfNegative::apply(hn::Sub(x, largest)); };
   SoftmaxSum sum;
   std::size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
+  for (; i + SoftmaxSum::kChains <= count; i += SoftmaxSum::kChains) {
     for (std::size_t v = 0; v < SoftmaxSum::kVectors; ++v) {
       const Vec e = exp(hn::LoadU(d, values + i + v * kLanes));
       hn::StoreU(e, d, values + i + v * kLanes);
@@ -184,8 +185,19 @@ HWY_INLINE void divideBy(float* values, std::size_t count, float divisor) {
   rest.store(hn::Div(rest.load(values + i), by), values + i);
 }
 
+// The same for values that fit one vector, without a way through the memory.
+HWY_INLINE void softmaxOfOneVector(float* values, std::size_t count) {
+  const FirstLanes lanes(count);
+  const Vec x = lanes.load(values);
+  const Vec first = hn::Set(Tag(), values[0]);
+  const Vec largest = hn::MaxOfLanes(Tag(), hn::IfThenElse(lanes.mask(), x, first));
+  const Vec e = hn::IfThenElseZero(lanes.mask(), ExpOfNegative::apply(hn::Sub(x, largest)));
+  lanes.store(hn::Div(e, hn::Set(Tag(), sumByHalves(Tag(), e))), values);
+}
+
 void softmax(float* values, std::size_t count) {
   if (count == 0) return;
+  if (kLanes == SoftmaxSum::kChains && count <= kLanes) return softmaxOfOneVector(values, count);
   const float sum = expOfDifferences(values, count, largestOf(values, count));
   divideBy(values, count, sum);
 }

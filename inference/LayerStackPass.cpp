@@ -196,7 +196,11 @@ void evaluateFrames(const LayerSource& stack, const StackWidths& widths,
     std::swap(next, spare);
   }
   if (!stack.endsInSoftmax()) return;
-  for (Index frame = 0; frame < outputs.cols(); ++frame) applySoftmax(outputs.col(frame));
+  const Kernels& kernels = bestKernels();
+  for (Index frame = 0; frame < outputs.cols(); ++frame) {
+    kernels.softmax(outputs.data() + frame * outputs.outerStride(),
+                    static_cast<std::size_t>(outputs.rows()));
+  }
 }
 
 }  // namespace
