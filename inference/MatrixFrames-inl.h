@@ -13,6 +13,7 @@
 #include "inference/GridCodes-inl.h"
 #include "inference/Kernels.h"
 #include "inference/LayerView.h"
+#include "inference/MatrixSweep-inl.h"
 #include "inference/VectorOps-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -21,7 +22,6 @@ namespace HWY_NAMESPACE {
 
 // The sums of a tile stay in registers: kTileVectors vectors of rows times kTileFrames frames.
 // With 16 registers two vectors of rows leave room for six frames.
-constexpr bool kManyRegisters = kLanes == 16 || HWY_ARCH_ARM_A64;
 constexpr int kTileVectors = kManyRegisters ? 4 : 2;
 constexpr int kTileFrames = 5;
 constexpr int kWideTileVectors = kManyRegisters ? 3 : 1;  // for frames that just fit one tile
@@ -209,8 +209,10 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
   const bool isCoded = layer.coded != nullptr;
-  const bool streams = !isCoded && layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes;
-  const bool isWide = streams && frames > kTileFrames && frames <= kWideTileFrames;
+  if (isSwept(layer, frames)) {
+    return sweepLayer(layer, {x, xStride, y, yStride, frames}, scratch);
+  }
+  const bool isWide = streams(layer) && frames > kTileFrames && frames <= kWideTileFrames;
   const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
   const std::size_t tileFrames = isWide ? kWideTileFrames : kTileFrames;
   for (std::size_t input = 0; input < layer.cols; input += kInputsAtOnce) {
@@ -225,7 +227,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 y + row,
                 yStride,
                 FirstLanes(kLanes - (panel.fullRows() - count)),
-                streams ? weightsAfter(layer, panel) : nullptr,
+                streams(layer) ? weightsAfter(layer, panel) : nullptr,
                 layer.rows,
                 0};
       if (isCoded || (panel.isPartial() && !kLoadsParts)) {

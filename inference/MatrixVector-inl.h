@@ -13,6 +13,7 @@
 #include "inference/Activations-inl.h"
 #include "inference/GridCodes-inl.h"
 #include "inference/LayerView.h"
+#include "inference/MatrixSweep-inl.h"
 #include "inference/VectorOps-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -21,11 +22,6 @@ namespace HWY_NAMESPACE {
 
 // A row panel is as many vectors of rows, with all inputs walked before the next one.
 constexpr int kPanelVectors = kLanes >= 16 ? 16 : 8;
-
-// A sweep takes so many columns at a time, and so many vectors of rows in each of them.
-constexpr std::size_t kSweepColumns = 8;
-constexpr int kStripVectors = 8;
-constexpr std::size_t kStripRows = kStripVectors * kLanes;
 
 // The R vectors of a panel one behind the other; the last one begins as far before its place as
 // rows are missing. Rows where two of them overlap are computed by both, to the same bits.
@@ -252,74 +248,13 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   }
 }
 
-// Some columns for R vectors of rows: goes on with the chains in `chain`, or starts them.
-// Fetches the same rows of the next sweep's columns; behind the last one that does nothing.
-template <bool kPartial, int R>
-HWY_INLINE void sweepStrip(const float* w, std::size_t stride, const float* x, std::size_t columns,
-                           bool starts, float* chain, const FirstLanes& last) {
-  const Tag d;
-  Vec acc[R];
-  HWY_UNROLL(16)
-  for (int r = 0; r < R; ++r) {
-    acc[r] = starts ? hn::Zero(d) : loadRow<kPartial, R>(chain, r, last);
-  }
-  for (std::size_t k = 0; k < columns; ++k, w += stride) {
-    const Vec xk = hn::Set(d, x[k]);
-    HWY_UNROLL(16)
-    for (int r = 0; r < R; ++r) {
-      __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
-      acc[r] = hn::MulAdd(loadRow<kPartial, R>(w, r, last), xk, acc[r]);
-    }
-  }
-  HWY_UNROLL(16)
-  for (int r = 0; r < R; ++r) storeRow<kPartial, R>(acc[r], chain, r, last);
-}
-
-// Some columns for all rows.
-void sweepColumns(const float* w, std::size_t rows, const float* x, std::size_t columns,
-                  bool starts, float* chain) {
-  const FirstLanes all(kLanes);
-  std::size_t row = 0;
-  for (; row + kStripRows <= rows; row += kStripRows) {
-    sweepStrip<false, kStripVectors>(w + row, rows, x, columns, starts, chain + row, all);
-  }
-  for (; row + kLanes <= rows; row += kLanes) {
-    sweepStrip<false, 1>(w + row, rows, x, columns, starts, chain + row, all);
-  }
-  if (row == rows) return;
-  sweepStrip<true, 1>(w + row, rows, x, columns, starts, chain + row, FirstLanes(rows - row));
-}
-
-HWY_INLINE void addTo(float* y, const float* chain, std::size_t rows) {
-  for (std::size_t row = 0; row < rows; ++row) y[row] += chain[row];
-}
-
-// Weights that stream through: a few columns at a time, each read from its start to its end,
-// while the sums stay in the nearest cache.
-void multiplySweeping(const LayerView& layer, const float* x, float* y, float* scratch) {
-  const std::size_t length = chainLength(layer.rows);
-  for (std::size_t at = 0; at < layer.cols; at += length) {
-    const std::size_t end = at + length < layer.cols ? at + length : layer.cols;
-    float* chain = at == 0 ? y : scratch;
-    for (std::size_t k = at; k < end; k += kSweepColumns) {
-      const std::size_t columns = end - k < kSweepColumns ? end - k : kSweepColumns;
-      sweepColumns(layer.weights + k * layer.rows, layer.rows, x + k, columns, k == at, chain);
-    }
-    if (at != 0) addTo(y, scratch, layer.rows);
-  }
-}
-
 // The results of a layer for one frame. `scratch` has room for a value for each row.
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, 0, 1);
   if (layer.coded != nullptr) return codesVector(layer, x, y);
-  if (layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes) {
-    multiplySweeping(layer, x, y, scratch);
-    finishLayer(layer, 0, layer.rows, y, 0, 1);
-  } else {
-    multiplyPanels(layer, x, y);
-    if (layer.actFn != ActFn::linear) activate(layer.actFn, y, layer.rows);
-  }
+  if (isSwept(layer, 1)) return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
+  multiplyPanels(layer, x, y);
+  if (layer.actFn != ActFn::linear) activate(layer.actFn, y, layer.rows);
 }
 
 }  // namespace HWY_NAMESPACE

@@ -36,6 +36,8 @@ constexpr std::size_t kLanes = hn::MaxLanes(Tag());
 
 constexpr bool kFuses = MLNN_TARGET_FUSES;
 
+constexpr bool kManyRegisters = kLanes == 16 || HWY_ARCH_ARM_A64;
+
 // Whether a part of a vector is loaded about as fast as the whole.
 constexpr bool kLoadsParts = !HWY_MEM_OPS_MIGHT_FAULT;
 

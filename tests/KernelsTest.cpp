@@ -219,6 +219,14 @@ TEST(KernelsMatrixFrames, keepTheOrderInManyFramesAndLargeLayers) {
   }
 }
 
+TEST(KernelsMatrixFrames, keepTheOrderWhereWeightsComeFromTheMemory) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (int frames = 2; frames <= 9; ++frames) {
+      ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(6007, 357), frames));
+    }
+  }
+}
+
 TEST(Kernels, scaleAndShiftWithOneRoundingThenActivate) {
   for (const Kernels* kernels : mlnn::runnableKernels()) {
     for (int32_t fn = 0; fn < ActFn::kCount; ++fn) {

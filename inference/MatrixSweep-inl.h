@@ -1,0 +1,163 @@
+// Weights that stream through the caches, times one vector or a few, in the order of additions that
+// docs/forward-pass.md fixes: some columns at a time, each read from its start to its end, while
+// the sums stay in the nearest caches. Compiled once for every instruction set.
+#if defined(MLNN_MATRIX_SWEEP_INL_H) == defined(HWY_TARGET_TOGGLE)
+#ifdef MLNN_MATRIX_SWEEP_INL_H
+#undef MLNN_MATRIX_SWEEP_INL_H
+#else
+#define MLNN_MATRIX_SWEEP_INL_H
+#endif
+
+#include <algorithm>
+
+#include "inference/Activations-inl.h"
+#include "inference/Kernels.h"
+#include "inference/LayerView.h"
+#include "inference/VectorOps-inl.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace mlnn {
+namespace HWY_NAMESPACE {
+
+constexpr std::size_t kSweepFrames = 8;   // at most
+constexpr std::size_t kSweepColumns = 8;  // at a time
+
+// The vectors of rows of a strip: as many as have room in the registers for F frames.
+template <int F>
+constexpr int stripVectors() {
+  constexpr int kSums = kManyRegisters ? 24 : 12;
+  return F == 1 ? 8 : std::min(kSums / F, 6);
+}
+
+// What a sweep reads and writes.
+struct Sweep {
+  const float* x;
+  std::size_t xStride;  // from one frame to the next
+  float* y;
+  std::size_t yStride;  // from one frame to the next
+  std::size_t frames;
+};
+
+// Some columns of a chain.
+struct SweptColumns {
+  std::size_t first;
+  std::size_t count;
+  bool starts;   // the chain
+  bool ends;     // the chain
+  bool isFirst;  // it is the first chain of the sums
+};
+
+HWY_INLINE bool streams(const LayerView& layer) {
+  return layer.coded == nullptr && layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes;
+}
+
+// Whether a sweep is the best way. With several frames it is where weights come from the memory and
+// each column fills a page: in a panel of rows, every input would be read from another page. From
+// the third-level cache that costs less than keeping the chains.
+HWY_INLINE bool isSwept(const LayerView& layer, std::size_t frames) {
+  constexpr std::size_t kThirdLevelBytes = std::size_t{8} << 20;
+  constexpr std::size_t kFloatsInPage = 1024;
+  if (frames == 1) return streams(layer);
+  return frames <= kSweepFrames && layer.coded == nullptr && layer.rows >= kFloatsInPage &&
+         layer.rows * layer.cols * sizeof(float) >= kThirdLevelBytes;
+}
+
+// Some columns for R vectors of rows from `row` on, and F frames. The chains that these columns do
+// not end are kept in `chains`. Fetches the same rows of the columns of the next sweep; behind the
+// last one that does nothing.
+template <bool kPartial, int R, int F>
+HWY_INLINE void sweepStrip(LayerView layer, Sweep sweep, SweptColumns columns, std::size_t row,
+                           float* chains, FirstLanes last) {
+  const Tag d;
+  constexpr std::size_t kChainStride = R * kLanes;
+  Vec acc[F][R];
+  HWY_UNROLL(8)
+  for (int f = 0; f < F; ++f) {
+    HWY_UNROLL(8)
+    for (int r = 0; r < R; ++r) {
+      const float* const chain = chains + static_cast<std::size_t>(f) * kChainStride;
+      acc[f][r] = columns.starts ? hn::Zero(d) : loadRow<kPartial, R>(chain, r, last);
+    }
+  }
+  const std::size_t stride = layer.rows;
+  const float* w = layer.weights + columns.first * stride + row;
+  const float* x = sweep.x + columns.first;
+  for (std::size_t k = 0; k < columns.count; ++k, w += stride, ++x) {
+    Vec wk[R];
+    HWY_UNROLL(8)
+    for (int r = 0; r < R; ++r) {
+      __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
+      wk[r] = loadRow<kPartial, R>(w, r, last);
+    }
+    HWY_UNROLL(8)
+    for (int f = 0; f < F; ++f) {
+      const Vec xk = hn::Set(d, x[static_cast<std::size_t>(f) * sweep.xStride]);
+      HWY_UNROLL(8)
+      for (int r = 0; r < R; ++r) acc[f][r] = hn::MulAdd(wk[r], xk, acc[f][r]);
+    }
+  }
+  HWY_UNROLL(8)
+  for (int f = 0; f < F; ++f) {
+    float* const y = sweep.y + static_cast<std::size_t>(f) * sweep.yStride + row;
+    float* const to = columns.ends ? y : chains + static_cast<std::size_t>(f) * kChainStride;
+    HWY_UNROLL(8)
+    for (int r = 0; r < R; ++r) {
+      if (columns.ends && !columns.isFirst) {
+        acc[f][r] = hn::Add(loadRow<kPartial, R>(y, r, last), acc[f][r]);
+      }
+      storeRow<kPartial, R>(acc[f][r], to, r, last);
+    }
+  }
+}
+
+// Some columns for `count` rows. What comes by value stays in registers: no store changes it.
+template <int F>
+void sweepColumns(LayerView layer, Sweep sweep, SweptColumns columns, std::size_t row,
+                  std::size_t count, float* chains) {
+  constexpr int kVectors = stripVectors<F>();
+  constexpr std::size_t kRows = kVectors * kLanes;
+  const FirstLanes all(kLanes);
+  const std::size_t end = row + count;
+  for (; row + kRows <= end; row += kRows, chains += kRows * F) {
+    sweepStrip<false, kVectors, F>(layer, sweep, columns, row, chains, all);
+  }
+  for (; row + kLanes <= end; row += kLanes, chains += kLanes * F) {
+    sweepStrip<false, 1, F>(layer, sweep, columns, row, chains, all);
+  }
+  if (row == end) return;
+  sweepStrip<true, 1, F>(layer, sweep, columns, row, chains, FirstLanes(end - row));
+}
+
+// So many rows at once that their chains have room in the scratch.
+template <int F>
+void sweepRows(const LayerView& layer, const Sweep& sweep, float* scratch) {
+  const std::size_t atOnce = F == 1 ? layer.rows : kPanelFloats / F / kLanes * kLanes;
+  const std::size_t length = chainLength(layer.rows);
+  for (std::size_t row = 0; row < layer.rows; row += atOnce) {
+    const std::size_t rows = std::min(atOnce, layer.rows - row);
+    for (std::size_t at = 0; at < layer.cols; at += length) {
+      const std::size_t end = std::min(at + length, layer.cols);
+      for (std::size_t k = at; k < end; k += kSweepColumns) {
+        const std::size_t count = std::min(kSweepColumns, end - k);
+        const SweptColumns columns{k, count, k == at, k + count == end, at == 0};
+        sweepColumns<F>(layer, sweep, columns, row, rows, scratch);
+      }
+    }
+  }
+}
+
+// The results of a layer whose weights stream through. `scratch` has room for a value for each
+// row, or for kPanelFloats values where there are several frames.
+void sweepLayer(const LayerView& layer, const Sweep& sweep, float* scratch) {
+  static constexpr void (*kSweeps[kSweepFrames])(const LayerView&, const Sweep&, float*) = {
+      sweepRows<1>, sweepRows<2>, sweepRows<3>, sweepRows<4>,
+      sweepRows<5>, sweepRows<6>, sweepRows<7>, sweepRows<8>};
+  kSweeps[sweep.frames - 1](layer, sweep, scratch);
+  finishLayer(layer, 0, layer.rows, sweep.y, sweep.yStride, sweep.frames);
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace mlnn
+HWY_AFTER_NAMESPACE();
+
+#endif  // per-target include guard
