@@ -203,6 +203,14 @@ HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& pan
   return input < layer.cols ? layer.weights + input * layer.rows : nullptr;
 }
 
+// Whether the tiles of a panel read a copy of it: what is no float, or no whole vector where parts
+// load badly; and for many frames, inputs that lie pages apart and so share few places of a cache.
+HWY_INLINE bool isPacked(const LayerView& layer, const RowPanel& panel, std::size_t frames) {
+  constexpr std::size_t kManyFrames = 192;
+  if (layer.coded != nullptr || (panel.isPartial() && !kLoadsParts)) return true;
+  return frames >= kManyFrames && layer.rows >= kFloatsInPage;
+}
+
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
 void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
                   std::size_t yStride, std::size_t frames, float* scratch) {
@@ -230,7 +238,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 streams(layer) ? weightsAfter(layer, panel) : nullptr,
                 layer.rows,
                 0};
-      if (isCoded || (panel.isPartial() && !kLoadsParts)) {
+      if (isPacked(layer, panel, frames)) {
         packPanel(layer, panel, scratch);
         tile.w = scratch;
         tile.wStride = panel.fullRows();

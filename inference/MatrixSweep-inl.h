@@ -19,6 +19,7 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
+constexpr std::size_t kFloatsInPage = 1024;
 constexpr std::size_t kSweepFrames = 8;   // at most
 constexpr std::size_t kSweepColumns = 8;  // at a time
 
@@ -56,7 +57,6 @@ HWY_INLINE bool streams(const LayerView& layer) {
 // the third-level cache that costs less than keeping the chains.
 HWY_INLINE bool isSwept(const LayerView& layer, std::size_t frames) {
   constexpr std::size_t kThirdLevelBytes = std::size_t{8} << 20;
-  constexpr std::size_t kFloatsInPage = 1024;
   if (frames == 1) return streams(layer);
   return frames <= kSweepFrames && layer.coded == nullptr && layer.rows >= kFloatsInPage &&
          layer.rows * layer.cols * sizeof(float) >= kThirdLevelBytes;

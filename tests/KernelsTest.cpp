@@ -213,6 +213,7 @@ TEST(KernelsMatrixFrames, keepTheOrderOfAdditions) {
 TEST(KernelsMatrixFrames, keepTheOrderInManyFramesAndLargeLayers) {
   for (const Kernels* kernels : mlnn::runnableKernels()) {
     ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(64, 600), 256));
+    ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(1030, 33), 192));
     ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(1999, 511), 8));
     ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(2000, 520), 40));
     ASSERT_NO_FATAL_FAILURE(expectFrames(*kernels, Layer(1984, 390), 7));
