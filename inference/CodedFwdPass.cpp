@@ -1,13 +1,14 @@
 #include "inference/CodedFwdPass.h"
 
 #include <algorithm>
-#include <iostream>
+#include <ostream>
 #include <utility>
 #include <vector>
 
 #include "inference/CodedLayer.h"
 #include "inference/LayerStackPass.h"
 #include "inference/ModelLayers.h"
+#include "layers/Messages.h"
 #include "model/LayerStack.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -38,8 +39,8 @@ std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& mode
   constexpr std::size_t kStreaming = kSecondLevelBytes / sizeof(float);
   constexpr char kCreate[] = "CodedFwdPass::create";
   if (bits < kMinBits || bits > kMaxBits) {
-    std::cerr << "ERROR: " << kCreate << ": bits must be " << kMinBits << " to " << kMaxBits
-              << ", got " << bits << "\n";
+    messages() << "ERROR: " << kCreate << ": bits must be " << kMinBits << " to " << kMaxBits
+               << ", got " << bits << "\n";
     return nullptr;
   }
   if (!canBeEvaluated(model, kCreate)) return nullptr;

@@ -1,7 +1,8 @@
 #include "inference/ModelLayers.h"
 
-#include <iostream>
+#include <ostream>
 
+#include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -30,7 +31,7 @@ bool keepsInvariants(const NNLayer& layer) {
 
 bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
   if (model.layers.empty()) {
-    std::cerr << "ERROR: " << operation << ": model has no layers\n";
+    messages() << "ERROR: " << operation << ": model has no layers\n";
     return false;
   }
   const NNLayer* previous = nullptr;
@@ -39,7 +40,7 @@ bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
     const bool fits = layer != nullptr && keepsInvariants(*layer) &&
                       (previous == nullptr || layer->weights.cols() == previous->weights.rows());
     if (!fits) {
-      std::cerr << "ERROR: " << operation << ": layer " << i + 1 << " does not fit the model\n";
+      messages() << "ERROR: " << operation << ": layer " << i + 1 << " does not fit the model\n";
       return false;
     }
     previous = layer;
@@ -50,8 +51,8 @@ bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
 bool inputsFit(const Eigen::Ref<const Eigen::MatrixXf>& inputs, int expected,
                const char* operation) {
   if (inputs.rows() == expected) return true;
-  std::cerr << "ERROR: " << operation << ": expected " << expected << " inputs but got "
-            << inputs.rows() << "\n";
+  messages() << "ERROR: " << operation << ": expected " << expected << " inputs but got "
+             << inputs.rows() << "\n";
   return false;
 }
 

@@ -1,9 +1,10 @@
 #include "layers/NNLayer.h"
 
-#include <iostream>
+#include <ostream>
 #include <random>
 
 #include "features/EigenAssign.h"
+#include "layers/Messages.h"
 
 namespace {
 
@@ -35,15 +36,16 @@ bool sameVectorLengths(const NNLayer& a, const NNLayer& b) {
 }
 
 void printShapesDiffer(const NNLayer& a, const NNLayer& b) {
-  std::cerr << "ERROR: NNLayer::operator+=: layer shapes differ (" << a.weights.rows() << "x"
-            << a.weights.cols() << " != " << b.weights.rows() << "x" << b.weights.cols() << ")\n";
+  mlnn::messages() << "ERROR: NNLayer::operator+=: layer shapes differ (" << a.weights.rows() << "x"
+                   << a.weights.cols() << " != " << b.weights.rows() << "x" << b.weights.cols()
+                   << ")\n";
 }
 
 void printKindsDiffer(const NNLayer& target) {
-  std::cerr << "ERROR: NNLayer::operator+=: cannot add "
-            << (target.isBatchNorm ? "a plain layer to a batch-norm layer"
-                                   : "a batch-norm layer to a plain layer")
-            << "\n";
+  mlnn::messages() << "ERROR: NNLayer::operator+=: cannot add "
+                   << (target.isBatchNorm ? "a plain layer to a batch-norm layer"
+                                          : "a batch-norm layer to a plain layer")
+                   << "\n";
 }
 
 }  // namespace

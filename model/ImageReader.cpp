@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iostream>
 #include <limits>
+#include <ostream>
 #include <string>
 
 #include "layers/ByteIo.h"
+#include "layers/Messages.h"
 #include "model/ModelFormat.h"
 
 namespace mlnn {
@@ -14,7 +15,7 @@ namespace mlnn {
 int ImageReader::read() {
   if (length_ < kMinImageLength) return -1;
   if (std::memcmp(head_, kMagic, kMagicLength) != 0) {
-    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'\n";
+    messages() << "ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'\n";
     return -1;
   }
   if (!readFeatureDescription() || !readNormalisation() || !readLayerCount()) return -1;
@@ -24,8 +25,8 @@ int ImageReader::read() {
 
 bool ImageReader::has(std::size_t offset, std::size_t count) const {
   if (offset + count <= length_) return true;
-  std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: image of " << length_
-            << " bytes is shorter than its head (" << kHeadLength << ")\n";
+  messages() << "ERROR: MultiLayerNNModel::deserializeBinary: image of " << length_
+             << " bytes is shorter than its head (" << kHeadLength << ")\n";
   return false;
 }
 
@@ -37,15 +38,15 @@ bool ImageReader::readFeatureDescription() {
   if (!has(kFeatureDescLengthOffset, sizeof(int32_t))) return false;
   const int32_t length = int32At(kFeatureDescLengthOffset);
   if (length != kFeatureDescLength) {
-    std::cerr << "ERROR: deserializeBinary: sizeof feature description in model (" << length
-              << ") does not match current size (" << kFeatureDescLength << ")\n";
+    messages() << "ERROR: deserializeBinary: sizeof feature description in model (" << length
+               << ") does not match current size (" << kFeatureDescLength << ")\n";
     return false;
   }
   if (!has(kFeatureDescOffset, kFeatureDescLength)) return false;
   featureDesc_ = featureDescriptionFromBytes(head_ + kFeatureDescOffset);
   std::string text;
   featureDesc_.serialize(text);
-  std::cerr << "info: deserializeBinary: feature desc: " << text << "\n";
+  messages() << "info: deserializeBinary: feature desc: " << text << "\n";
   return true;
 }
 
@@ -54,8 +55,8 @@ bool ImageReader::readNormalisation() {
   if (!has(kMinvalsLengthOffset, sizeof(int32_t))) return false;
   const int32_t minvalsLength = int32At(kMinvalsLengthOffset);
   if (minvalsLength != kDeltasNormLength) {
-    std::cerr << "ERRROR: deserializeBinary: deltas min length (" << minvalsLength
-              << ") does not match expected length (" << kDeltasNormLength << ")\n";
+    messages() << "ERRROR: deserializeBinary: deltas min length (" << minvalsLength
+               << ") does not match expected length (" << kDeltasNormLength << ")\n";
     return false;
   }
   if (!has(kMinvalsOffset, kDeltasNormBytes)) return false;
@@ -65,8 +66,8 @@ bool ImageReader::readNormalisation() {
   if (!has(kNormvalsLengthOffset, sizeof(int32_t))) return false;
   const int32_t normvalsLength = int32At(kNormvalsLengthOffset);
   if (normvalsLength != kDeltasNormLength) {
-    std::cerr << "ERRROR: deserializeBinary: deltas norm length (" << normvalsLength
-              << ") does not match expected length (" << kDeltasNormLength << ")\n";
+    messages() << "ERRROR: deserializeBinary: deltas norm length (" << normvalsLength
+               << ") does not match expected length (" << kDeltasNormLength << ")\n";
     return false;
   }
   if (!has(kNormvalsOffset, kDeltasNormBytes)) return false;
@@ -79,8 +80,8 @@ bool ImageReader::readLayerCount() {
   const int32_t count = int32At(kLayerCountOffset);
   const auto room = static_cast<int64_t>((length_ - kHeadLength) / kMinLayerRecordLength);
   if (count < 0 || count > room + kMissingLayersAllowed) {
-    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count " << count
-              << "\n";
+    messages() << "ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count " << count
+               << "\n";
     return false;
   }
   layerCount_ = static_cast<std::size_t>(count);
@@ -95,8 +96,8 @@ bool ImageReader::readLayers() {
   while (layersRead_ < layerCount_ && position_ < length_) {
     const RecordResult record = readLayer(layersRead_, position_, end - position_);
     if (record.length <= 0) {
-      std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: "
-                << layersRead_ << "\n";
+      messages() << "ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: "
+                 << layersRead_ << "\n";
       return false;
     }
     position_ += static_cast<std::size_t>(record.length);
@@ -104,7 +105,7 @@ bool ImageReader::readLayers() {
     ++layersRead_;
   }
   if (position_ != length_) {  // a warning only
-    std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: problem deserializing model\n";
+    messages() << "ERROR: MultiLayerNNModel::deserializeBinary: problem deserializing model\n";
   }
   return true;
 }
@@ -115,8 +116,8 @@ bool ImageReader::checksumMatches() {
   for (std::size_t i = layersRead_; i < layerCount_; ++i) computed += checksumOfUnread(i);
   const auto stored = static_cast<uint32_t>(int32At(kChecksumOffset));
   if (computed == stored) return true;
-  std::cerr << "ERROR: MultiLayerNNModel::deserializeBinary: checksums did not match (" << stored
-            << " != " << computed << ")\n";
+  messages() << "ERROR: MultiLayerNNModel::deserializeBinary: checksums did not match (" << stored
+             << " != " << computed << ")\n";
   return false;
 }
 

@@ -2,11 +2,12 @@
 // descriptions.
 #include "model/MultiLayerNNModel.h"
 
-#include <iostream>
 #include <memory>
+#include <ostream>
 #include <utility>
 
 #include "inference/NNFwdPassFromFile.h"
+#include "layers/Messages.h"
 #include "model/LayerStack.h"
 
 namespace {
@@ -94,7 +95,7 @@ void MultiLayerNNModel::swap(MultiLayerNNModel& other) noexcept {
 int MultiLayerNNModel::createFirstLayer(int numInputs, int numOutputs, float initScale,
                                         bool isBatchNorm) {
   if (!layers.empty()) {
-    std::cerr << "ERROR: NN Model: cannot createFirstLayer if already have layers\n";
+    mlnn::messages() << "ERROR: NN Model: cannot createFirstLayer if already have layers\n";
     return 1;
   }
   append(layers, std::make_unique<NNLayer>(numInputs, numOutputs, initScale, isBatchNorm));
@@ -103,7 +104,7 @@ int MultiLayerNNModel::createFirstLayer(int numInputs, int numOutputs, float ini
 
 int MultiLayerNNModel::addLayerRndInit(int numOutputs, float initScale, bool isBatchNorm) {
   if (layers.empty()) {
-    std::cerr << "ERROR: NN Model: cannot addLayerRndInit without previous hidden layers\n";
+    mlnn::messages() << "ERROR: NN Model: cannot addLayerRndInit without previous hidden layers\n";
     return 1;
   }
   const int previous = outputsOf(layers.back());
@@ -133,8 +134,9 @@ NNFwdPassFromFile* MultiLayerNNModel::createFwdPass() { return new NNFwdPassFrom
 
 void MultiLayerNNModel::operator+=(const MultiLayerNNModel& other) {
   if (layers.size() != other.layers.size()) {
-    std::cerr << "ERROR: MultiLayerNNModel::operator+=: model adding has wrong number of layers ("
-              << layers.size() << " != " << other.layers.size() << ")\n";
+    mlnn::messages()
+        << "ERROR: MultiLayerNNModel::operator+=: model adding has wrong number of layers ("
+        << layers.size() << " != " << other.layers.size() << ")\n";
     return;
   }
   NNLayer missing;
@@ -175,7 +177,7 @@ std::string MultiLayerNNModel::getProp(const std::string& key) const {
 }
 
 void MultiLayerNNModel::setProp(const std::string& key, const std::string& value) {
-  std::cerr << "info: setting '" << key << "' = '" << value << "'\n";
+  mlnn::messages() << "info: setting '" << key << "' = '" << value << "'\n";
   props[key] = value;
 }
 

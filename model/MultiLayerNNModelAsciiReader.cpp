@@ -6,14 +6,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <iostream>
+#include <istream>
 #include <limits>
 #include <locale>
 #include <memory>
+#include <ostream>
 #include <sstream>
 
 #include "features/string_split.h"
 #include "layers/FreshMemory.h"
+#include "layers/Messages.h"
 #include "model/FloatReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
@@ -50,13 +52,13 @@ void extract_norm_params(float* out, const std::string& line) {
   string_split(fields, line, " \t");
   if (fields.size() <= kValuesField || fields[0] != "#" || fields[1] != "TRAIN" ||
       fields[2] != "rbm_train") {
-    std::cerr << "ERROR: extract_norm_params: could not parse line\n";
+    mlnn::messages() << "ERROR: extract_norm_params: could not parse line\n";
     return;
   }
   string_split(fields, fields[kValuesField], ",");
   if (fields.size() != std::size_t{mlnn::kDeltasNormLength}) {
-    std::cerr << "ERROR: extract_norm_params: did not find " << mlnn::kDeltasNormLength
-              << " values, found " << fields.size() << " instead\n";
+    mlnn::messages() << "ERROR: extract_norm_params: did not find " << mlnn::kDeltasNormLength
+                     << " values, found " << fields.size() << " instead\n";
     return;
   }
   for (const std::string& field : fields) *out++ = std::strtof(field.c_str(), nullptr);
@@ -151,7 +153,7 @@ class AsciiReader {
   // Prints an error line made of the pieces and returns false.
   template <typename... Pieces>
   static bool refuse(const Pieces&... pieces) {
-    ((std::cerr << "ERROR: MultiLayerNNModel::deserializeAscii: ") << ... << pieces) << "\n";
+    ((mlnn::messages() << "ERROR: MultiLayerNNModel::deserializeAscii: ") << ... << pieces) << "\n";
     return false;
   }
 
@@ -289,7 +291,7 @@ bool AsciiReader::readFeatureDescription(const std::string& line) {
   if (model_.featureDesc.deserialize(text) != 0) {
     return refuse(" could not deserialize feature description string: ", text);
   }
-  std::cerr << "info: NNModel::deserialize: feat_desc " << text << "\n";
+  mlnn::messages() << "info: NNModel::deserialize: feat_desc " << text << "\n";
   featureDescFound_ = true;
   return true;
 }

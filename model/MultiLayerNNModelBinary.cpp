@@ -1,12 +1,14 @@
 // The writer and reader of the binary image (docs/binary-format.md).
 #include <algorithm>
-#include <iostream>
+#include <istream>
 #include <limits>
+#include <ostream>
 #include <utility>
 #include <vector>
 
 #include "layers/ByteIo.h"
 #include "layers/FreshMemory.h"
+#include "layers/Messages.h"
 #include "layers/NNLayerRecord.h"
 #include "model/ImageReader.h"
 #include "model/LayerStack.h"
@@ -39,7 +41,7 @@ int imageLength(const MultiLayerNNModel& model, const Plans& plans) {
     length += mlnn::recordLength(mlnn::layerOrEmpty(model.layers[i]), plans[i]);
   }
   if (length <= uint64_t{kMaxImageLength}) return static_cast<int>(length);
-  std::cerr << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+  mlnn::messages() << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
   return -1;
 }
 
@@ -201,8 +203,8 @@ int mlnn::readImage(MultiLayerNNModel& model, std::istream& in, std::size_t leng
   LoadedImage image;
   ImageLoader loader(in, length);
   if (!loader.load(image)) {
-    std::cerr << "ERROR: MultiLayerNNModel: stream ended after " << loader.position() << " of "
-              << length << " bytes\n";
+    mlnn::messages() << "ERROR: MultiLayerNNModel: stream ended after " << loader.position()
+                     << " of " << length << " bytes\n";
     return -1;
   }
   return LoadedImageReader(image, length, model).read();

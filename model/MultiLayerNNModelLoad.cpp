@@ -1,11 +1,12 @@
 // Loading a model of either format from a file or a stream.
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <limits>
 #include <locale>
 #include <memory>
+#include <ostream>
 
+#include "layers/Messages.h"
 #include "model/ModelFormat.h"
 #include "model/ModelImage.h"
 #include "model/MultiLayerNNModel.h"
@@ -24,11 +25,11 @@ std::streamoff lengthOf(std::istream& in) {
 int loadImage(MultiLayerNNModel& model, std::istream& in) {
   const std::streamoff length = lengthOf(in);
   if (length <= 0) {
-    std::cerr << "ERROR: MultiLayerNNModel: could not tell the length of the stream\n";
+    mlnn::messages() << "ERROR: MultiLayerNNModel: could not tell the length of the stream\n";
     return 1;
   }
   if (length > std::numeric_limits<int>::max()) {
-    std::cerr << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+    mlnn::messages() << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
     return 1;
   }
   in.seekg(0);
@@ -41,7 +42,7 @@ int MultiLayerNNModel::deserialize(std::istream& in) {
   char start[mlnn::kMagicLength] = {};
   in.read(start, sizeof start);
   if (in.eof()) {
-    std::cerr << "ERROR: MultiLayerNNModel: Could not read header\n";
+    mlnn::messages() << "ERROR: MultiLayerNNModel: Could not read header\n";
     return 1;
   }
   if (std::memcmp(start, mlnn::kMagic, sizeof start) == 0) return loadImage(*this, in);
@@ -55,7 +56,7 @@ int MultiLayerNNModel::deserialize(const char* fileName) {
   in.rdbuf()->pubsetbuf(buffer.get(), kFileBuffer);
   in.open(fileName, std::ios::in);
   if (!in) {
-    std::cerr << "ERROR: MultiLayerNNModel: could not read file: " << fileName << "\n";
+    mlnn::messages() << "ERROR: MultiLayerNNModel: could not read file: " << fileName << "\n";
     return 1;
   }
   in.imbue(std::locale::classic());  // the program's global locale says nothing about files

@@ -1,10 +1,11 @@
 // Operations that turn a model into one that computes nearly the same: folding of batch
 // norm, reduction of precision.
 #include <cstdio>
-#include <iostream>
 #include <optional>
+#include <ostream>
 
 #include "features/EigenAssign.h"
+#include "layers/Messages.h"
 #include "model/LayerStack.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/PrecisionGrid.h"
@@ -31,21 +32,31 @@ void fold(NNLayer& layer) {
   layer.isBatchNorm = false;
 }
 
+// printf's "%f" whatever format the stream of messages has: fixed by the format of the line.
+void printRange(const mlnn::ValueRange& range, int bits) {
+  char line[256];  // three numbers of at most 47 characters, one of 10, and the words
+  std::snprintf(line, sizeof line, "v_range %f - %f (%f), p_range %ld\n", double{range.smallest},
+                double{range.largest}, double{range.width()}, long{mlnn::gridSteps(bits)});
+  mlnn::printMessage(line);
+}
+
 }  // namespace
 
 int MultiLayerNNModel::convBatchNorm() {
   for (std::size_t i = 0; i < layers.size(); ++i) {
     if (!mlnn::layerOrEmpty(layers[i]).isBatchNorm) {
-      std::cerr << "Warning: request to translate batch norm network but layer is not batch norm: "
-                   "index="
-                << i << "\n";
+      mlnn::messages()
+          << "Warning: request to translate batch norm network but layer is not batch norm: "
+             "index="
+          << i << "\n";
       continue;
     }
     if (layers[i]->gamma_inf.sum() == 0.0f) {
-      std::cerr << "ERROR: gamma_inf is zero in layer with index " << i
-                << ".  Can't convert because all weights will become zero.\n"
-                   "       Call batch_norm_post_process before attempting to convert a batch norm "
-                   "network\n";
+      mlnn::messages()
+          << "ERROR: gamma_inf is zero in layer with index " << i
+          << ".  Can't convert because all weights will become zero.\n"
+             "       Call batch_norm_post_process before attempting to convert a batch norm "
+             "network\n";
       return 1;
     }
     fold(*layers[i]);
@@ -55,14 +66,13 @@ int MultiLayerNNModel::convBatchNorm() {
 
 void MultiLayerNNModel::retainPrecisionBits(int bits) {
   if (bits < 0 || bits > 31) {
-    std::cerr << "ERROR: MultiLayerNNModel::retainPrecisionBits: bits must be 0 to 31, got " << bits
-              << "\n";
+    mlnn::messages() << "ERROR: MultiLayerNNModel::retainPrecisionBits: bits must be 0 to 31, got "
+                     << bits << "\n";
     return;
   }
   const std::optional<mlnn::ValueRange> found = mlnn::parameterRange(layers);
   const mlnn::ValueRange range = found.value_or(mlnn::ValueRange{0.0f, 0.0f});
-  std::fprintf(stderr, "v_range %f - %f (%f), p_range %ld\n", double{range.smallest},
-               double{range.largest}, double{range.width()}, long{mlnn::gridSteps(bits)});
+  printRange(range, bits);
   if (!found) return;
   const mlnn::PrecisionGrid grid(range, bits);
   for (NNLayer* layer : layers) {
