@@ -1,0 +1,621 @@
+// _mlnn — the thin binding under the Python package `mlnn`, which gives it its face.
+//
+// Every call on a model takes the model's lock, so threads of Python may share one. No thread
+// asks for one of the two locks, the model's and the interpreter's, while it holds the other:
+// so they cannot wait for each other, and Python's other threads run on while one waits.
+//
+// A call that can fail returns (result, messages): what the library returned, and the lines
+// that it would have printed.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <boost/interprocess/streams/bufferstream.hpp>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "features/ContextWindow.h"
+#include "layers/Messages.h"
+#include "model/MultiLayerNNModel.h"
+
+namespace py = pybind11;
+
+namespace {
+
+using Eigen::Index;
+using Frames = py::array_t<float>;  // frames x values
+using Columns = Eigen::Map<const Eigen::MatrixXf, 0, Eigen::OuterStride<>>;
+using Said = std::pair<int, py::bytes>;
+
+constexpr int kTextDigits = 9;  // with as many, every float reads back exactly
+
+class LayerHandle;
+
+// A model, its lock, and the layers that Python holds.
+struct Core {
+  MultiLayerNNModel model;
+  std::shared_mutex mutex;
+  std::mutex handlesMutex;  // taken after the other one where both are
+  std::map<NNLayer*, std::weak_ptr<LayerHandle>> handles;
+};
+
+using Reading = std::shared_lock<std::shared_mutex>;
+using Writing = std::unique_lock<std::shared_mutex>;
+
+// What Python holds of a layer. It keeps the model alive, and the arrays that Python sees keep
+// it alive. A layer that is removed from its model goes on living in its handle. As no
+// operation moves an array that has values, no array that Python sees can dangle.
+class LayerHandle {
+ public:
+  LayerHandle(std::shared_ptr<Core> model, NNLayer* held) : core(std::move(model)), layer(held) {}
+  ~LayerHandle() {
+    const std::lock_guard<std::mutex> lock(core->handlesMutex);
+    const auto entry = core->handles.find(layer);
+    if (entry != core->handles.end() && entry->second.expired()) core->handles.erase(entry);
+  }
+  LayerHandle(const LayerHandle&) = delete;
+  LayerHandle& operator=(const LayerHandle&) = delete;
+
+  const std::shared_ptr<Core> core;
+  NNLayer* const layer;
+  std::unique_ptr<NNLayer> removed;  // `layer`, once the model has given it up
+};
+
+// Runs `action(model)` under a lock of the model, without the interpreter's.
+// REQUIRES: neither the action nor what it returns touches an object of Python.
+template <typename Lock, typename Action>
+auto locked(Core& core, Action action) {
+  const py::gil_scoped_release othersRun;
+  const Lock lock(core.mutex);
+  return action(core.model);
+}
+
+// The same for an action that reads, and for one that writes.
+template <typename Action>
+auto read(Core& core, Action action) {
+  return locked<Reading>(core, action);
+}
+template <typename Action>
+auto write(Core& core, Action action) {
+  return locked<Writing>(core, action);
+}
+
+// The same, and collects what the library says.
+template <typename Lock, typename Action>
+Said heard(Core& core, Action action) {
+  const auto [result, text] = locked<Lock>(core, [&action](MultiLayerNNModel& model) {
+    const mlnn::CollectedMessages said;
+    const int done = action(model);
+    return std::make_pair(done, said.text());
+  });
+  return {result, py::bytes(text)};
+}
+
+// The same for an action without a result.
+template <typename Action>
+Said heardDone(Core& core, Action action) {
+  return heard<Writing>(core, [&action](MultiLayerNNModel& model) {
+    action(model);
+    return 0;
+  });
+}
+
+// --- Layers ---
+
+std::shared_ptr<LayerHandle> layerAt(const std::shared_ptr<Core>& core, std::size_t index) {
+  return read(*core, [&](MultiLayerNNModel& model) {
+    if (index >= model.layers.size()) throw py::index_error("no such layer");
+    NNLayer* const layer = model.layers[index];
+    const std::lock_guard<std::mutex> handlesLock(core->handlesMutex);
+    std::weak_ptr<LayerHandle>& known = core->handles[layer];
+    std::shared_ptr<LayerHandle> handle = known.lock();
+    if (!handle) {
+      handle = std::make_shared<LayerHandle>(core, layer);
+      known = handle;
+    }
+    return handle;
+  });
+}
+
+// Takes a layer out of the model that is about to lose it, and gives it to its handle.
+// Returns: the handle; null when Python does not hold the layer, which then stays.
+std::shared_ptr<LayerHandle> handToPython(Core& core, NNLayer*& layer) {
+  const auto entry = core.handles.find(layer);
+  if (entry == core.handles.end()) return nullptr;
+  const std::shared_ptr<LayerHandle> handle = entry->second.lock();
+  core.handles.erase(entry);
+  if (!handle) return nullptr;
+  handle->removed.reset(layer);
+  layer = nullptr;
+  return handle;
+}
+
+Said deleteLayers(Core& core, unsigned int count) {
+  std::vector<std::shared_ptr<LayerHandle>> kept;  // die after the locks, which they take
+  return heard<Writing>(core, [&](MultiLayerNNModel& model) {
+    std::vector<NNLayer*>& layers = model.layers;
+    if (count <= layers.size()) {
+      kept.reserve(count);
+      const std::lock_guard<std::mutex> handlesLock(core.handlesMutex);
+      for (std::size_t i = layers.size() - count; i < layers.size(); ++i) {
+        kept.push_back(handToPython(core, layers[i]));
+      }
+    }
+    return model.deleteLayers(count);
+  });
+}
+
+void take(MultiLayerNNModel& model, std::unique_ptr<NNLayer> layer) {
+  model.layers.push_back(layer.get());
+  layer.release();
+}
+
+// Appends a layer of zeros.
+void appendLayer(Core& core, int numInputs, int numOutputs, bool batchNorm) {
+  if (numInputs < 0 || numOutputs < 0) throw py::value_error("a layer's size is negative");
+  write(core, [=](MultiLayerNNModel& model) {
+    take(model, std::make_unique<NNLayer>(numInputs, numOutputs, batchNorm));
+  });
+}
+
+// Appends a layer from its binary record.
+void appendRecord(Core& core, const std::string& record) {
+  if (record.size() > INT32_MAX) throw py::value_error("the record of a layer is too large");
+  write(core, [&record](MultiLayerNNModel& model) {
+    auto layer = std::make_unique<NNLayer>();
+    const int length = static_cast<int>(record.size());
+    if (layer->deserializeBinary(record.data(), length) != length) {
+      throw py::value_error("not the record of a layer");
+    }
+    take(model, std::move(layer));
+  });
+}
+
+py::bytes recordOf(const LayerHandle& handle) {
+  return py::bytes(read(*handle.core, [&handle](MultiLayerNNModel&) {
+    const int length = handle.layer->binarySerializedLength();
+    if (length < 0) throw py::value_error("the layer is too large for a record");
+    std::string record(static_cast<std::size_t>(length), '\0');
+    handle.layer->serializeBinary(record.data());
+    return record;
+  }));
+}
+
+Eigen::VectorXf& vectorOf(NNLayer& layer, const std::string& name) {
+  if (name == "bias") return layer.bias;
+  if (name == "gamma") return layer.gamma;
+  if (name == "beta") return layer.beta;
+  if (name == "gamma_inf") return layer.gamma_inf;
+  if (name == "beta_inf") return layer.beta_inf;
+  throw py::key_error(name);
+}
+
+// A NumPy array over the layer's own values, outputs x inputs.
+py::array weightsView(const std::shared_ptr<LayerHandle>& handle) {
+  const Columns seen = read(*handle->core, [&handle](const MultiLayerNNModel&) {
+    const Eigen::MatrixXf& weights = handle->layer->weights;
+    return Columns(weights.data(), weights.rows(), weights.cols(),
+                   Eigen::OuterStride<>(weights.rows()));
+  });
+  const py::ssize_t size = sizeof(float);
+  return py::array_t<float>({py::ssize_t{seen.rows()}, py::ssize_t{seen.cols()}},
+                            {size, seen.rows() * size}, seen.data(), py::cast(handle));
+}
+
+py::array vectorView(const std::shared_ptr<LayerHandle>& handle, const std::string& name) {
+  const auto [data, size] = read(*handle->core, [&](const MultiLayerNNModel&) {
+    Eigen::VectorXf& vector = vectorOf(*handle->layer, name);
+    return std::make_pair(vector.data(), py::ssize_t{vector.size()});
+  });
+  return py::array_t<float>({size}, {py::ssize_t{sizeof(float)}}, data, py::cast(handle));
+}
+
+// Gives a vector that is empty one zero for each output. Others stay where they are.
+void growVector(const LayerHandle& handle, const std::string& name) {
+  write(*handle.core, [&](MultiLayerNNModel&) {
+    Eigen::VectorXf& vector = vectorOf(*handle.layer, name);
+    if (vector.size() == 0) vector = Eigen::VectorXf::Zero(handle.layer->weights.rows());
+  });
+}
+
+// --- Reading and writing ---
+
+std::shared_ptr<Core> copyOf(Core& core) {
+  return read(core, [](const MultiLayerNNModel& model) {
+    auto copy = std::make_shared<Core>();
+    copy->model = model;
+    copy->model.props = model.props;  // which assignment leaves out
+    return copy;
+  });
+}
+
+// Return a new model, the result of reading it, and what was said. Never read into a model that
+// Python holds: that would take arrays away under its views.
+template <typename Deserialize>
+py::tuple readNew(Deserialize deserialize) {
+  auto core = std::make_shared<Core>();
+  const Said said = heard<Writing>(*core, deserialize);
+  return py::make_tuple(std::move(core), said.first, said.second);
+}
+
+py::tuple parse(const py::bytes& bytes) {
+  const std::string_view view = bytes;
+  return readNew([view](MultiLayerNNModel& model) {
+    boost::interprocess::ibufferstream in(view.data(), view.size());
+    return model.deserialize(in);
+  });
+}
+
+py::tuple load(const std::string& path) {
+  return readNew([&path](MultiLayerNNModel& model) { return model.deserialize(path.c_str()); });
+}
+
+py::tuple image(Core& core) {
+  std::string bytes;
+  const Said said = heard<Reading>(core, [&bytes](const MultiLayerNNModel& model) {
+    const int length = model.binarySerializedLength();
+    if (length < 0) return 1;
+    bytes.resize(static_cast<std::size_t>(length));
+    return model.serializeBinary(bytes.data()) == length ? 0 : 1;
+  });
+  return py::make_tuple(said.first, said.second, py::bytes(bytes));
+}
+
+py::bytes text(Core& core) {
+  return py::bytes(read(core, [](const MultiLayerNNModel& model) {
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out.precision(kTextDigits);
+    model.serializeAscii(out);
+    return out.str();
+  }));
+}
+
+// --- Operations on two models ---
+
+Said add(Core& core, Core& other) {
+  if (&core == &other) return heardDone(core, [](MultiLayerNNModel& model) { model += model; });
+  std::string lines;
+  {
+    const py::gil_scoped_release othersRun;
+    Writing mine(core.mutex, std::defer_lock);
+    Reading theirs(other.mutex, std::defer_lock);
+    std::lock(mine, theirs);
+    const mlnn::CollectedMessages said;
+    core.model += other.model;
+    lines = said.text();
+  }
+  return {0, py::bytes(lines)};
+}
+
+// --- The forward pass ---
+
+// Sees an array of frames x values as the matrix of values x frames that it is.
+Columns columnsOf(const Frames& frames) {
+  if (frames.ndim() != 2) throw py::value_error("frames must have two dimensions");
+  const py::ssize_t values = frames.shape(1);
+  const py::ssize_t step = frames.strides(0) / static_cast<py::ssize_t>(sizeof(float));
+  const bool fits = values <= 1 || frames.strides(1) == static_cast<py::ssize_t>(sizeof(float));
+  const bool apart = frames.shape(0) <= 1 || (step >= values && frames.strides(0) % 4 == 0);
+  if (!fits || !apart) throw py::value_error("the values of a frame must lie side by side");
+  return Columns(frames.data(), values, frames.shape(0),
+                 Eigen::OuterStride<>(std::max(step, values)));
+}
+
+// Hands a matrix of values x frames to Python as an array of frames x values, uncopied.
+py::array handOver(std::unique_ptr<Eigen::MatrixXf> matrix) {
+  Eigen::MatrixXf* const held = matrix.get();
+  const py::capsule owner(matrix.release(),
+                          [](void* p) { delete static_cast<Eigen::MatrixXf*>(p); });
+  const py::ssize_t size = sizeof(float);
+  return py::array_t<float>({py::ssize_t{held->cols()}, py::ssize_t{held->rows()}},
+                            {held->rows() * size, size}, held->data(), owner);
+}
+
+py::tuple evaluate(Core& core, const Frames& inputs) {
+  auto outputs = std::make_unique<Eigen::MatrixXf>();
+  const Columns columns = columnsOf(inputs);
+  const Said said = heard<Reading>(core, [&](MultiLayerNNModel& model) {
+    return NNFwdPassFromFile(model).evaluate(columns, *outputs);
+  });
+  return py::make_tuple(said.first, said.second, handOver(std::move(outputs)));
+}
+
+// Makes the window in which frames of that many values become the model's inputs.
+mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
+  const DbnFeatureDescription& desc = model.featureDesc;
+  const int64_t frames = int64_t{desc.winSizeLeft} + 1 + desc.winSizeRight;
+  const int64_t inputs = frames * std::min<int64_t>(frameLen, INT32_MAX);
+  std::string whyNot = "frames of " + std::to_string(frameLen) + " values in a window of " +
+                       std::to_string(frames) + " make " + std::to_string(inputs) +
+                       " inputs, but the model has " + std::to_string(model.numInputs());
+  if (inputs != model.numInputs()) throw py::value_error(whyNot);
+  std::optional<mlnn::ContextWindow> window =
+      mlnn::ContextWindow::create(desc, model.deltasNorm, static_cast<int>(frameLen), whyNot);
+  if (!window) throw py::value_error(whyNot);
+  return *std::move(window);
+}
+
+// One recording: normalised, stacked and evaluated, block by block.
+int evaluateRecording(MultiLayerNNModel& model, const Columns& frames, Eigen::MatrixXf& outputs) {
+  constexpr Index kBlock = 256;  // the frames that a forward pass takes at once
+  mlnn::ContextWindow window = windowFor(model, frames.rows());
+  NNFwdPassFromFile pass(model);
+  Eigen::MatrixXf block(window.inputLen(), std::min(kBlock, std::max<Index>(frames.cols(), 1)));
+  Eigen::MatrixXf results;
+  outputs.resize(model.numOutputs(), frames.cols());
+  Index taken = 0;
+  const auto next = [&](float* input) {
+    while (taken < frames.cols()) {
+      if (window.push(frames.col(taken++).data(), input)) return true;
+    }
+    return window.finish(input);
+  };
+  for (Index done = 0; done < frames.cols();) {
+    const Index count = std::min(block.cols(), frames.cols() - done);
+    for (Index i = 0; i < count; ++i) next(block.col(i).data());
+    if (pass.evaluate(block.leftCols(count), results) != 0) return 1;
+    outputs.middleCols(done, count) = results;
+    done += count;
+  }
+  return 0;
+}
+
+py::tuple evaluateFrames(Core& core, const Frames& frames) {
+  auto outputs = std::make_unique<Eigen::MatrixXf>();
+  const Columns columns = columnsOf(frames);
+  const Said said = heard<Reading>(
+      core, [&](MultiLayerNNModel& model) { return evaluateRecording(model, columns, *outputs); });
+  return py::make_tuple(said.first, said.second, handOver(std::move(outputs)));
+}
+
+py::array stack(Core& core, const Frames& frames) {
+  const Columns columns = columnsOf(frames);
+  auto inputs = std::make_unique<Eigen::MatrixXf>();
+  read(core, [&](const MultiLayerNNModel& model) {
+    windowFor(model, columns.rows()).stack(columns, *inputs);
+  });
+  return handOver(std::move(inputs));
+}
+
+// --- Plain values ---
+
+py::dict propsOf(Core& core) {
+  const auto props = read(core, [](const MultiLayerNNModel& model) { return model.props; });
+  py::dict result;
+  for (const auto& [key, value] : props) result[py::bytes(key)] = py::bytes(value);
+  return result;
+}
+
+void setProps(Core& core, const std::map<std::string, std::string>& props) {
+  write(core, [&props](MultiLayerNNModel& model) { model.props = props; });
+}
+
+py::list notesOf(Core& core) {
+  const auto notes = read(core, [](const MultiLayerNNModel& model) { return model.notes.lines; });
+  py::list result;
+  for (const std::string& line : notes) result.append(py::bytes(line));
+  return result;
+}
+
+void setNotes(Core& core, const std::vector<std::string>& notes) {
+  write(core, [&notes](MultiLayerNNModel& model) { model.notes.lines = notes; });
+}
+
+Frames arrayOf(const float* values, std::size_t count) {
+  Frames array(static_cast<py::ssize_t>(count));
+  if (count > 0) std::memcpy(array.mutable_data(), values, count * sizeof(float));
+  return array;
+}
+
+std::vector<float>& curveOf(MultiLayerNNModel& model, const std::string& name) {
+  if (name == "loss") return model.loss;
+  if (name == "accuracy") return model.accuracy;
+  throw py::key_error(name);
+}
+
+Frames curve(Core& core, const std::string& name) {
+  const std::vector<float> values =
+      read(core, [&name](MultiLayerNNModel& model) { return curveOf(model, name); });
+  return arrayOf(values.data(), values.size());
+}
+
+void setCurve(Core& core, const std::string& name,
+              const py::array_t<float, py::array::c_style>& values) {
+  const float* const first = values.data();
+  const float* const last = first + values.size();
+  write(core, [&](MultiLayerNNModel& model) { curveOf(model, name).assign(first, last); });
+}
+
+Eigen::VectorXf& normOf(MultiLayerNNModel& model, const std::string& name) {
+  if (name == "minvals") return model.deltasNorm.minvals;
+  if (name == "normvals") return model.deltasNorm.normvals;
+  throw py::key_error(name);
+}
+
+Frames norm(Core& core, const std::string& name) {
+  const Eigen::VectorXf values =
+      read(core, [&name](MultiLayerNNModel& model) { return normOf(model, name); });
+  return arrayOf(values.data(), static_cast<std::size_t>(values.size()));
+}
+
+void setNorm(Core& core, const std::string& name,
+             const py::array_t<float, py::array::c_style>& values) {
+  if (values.size() != 0 && values.size() != MelDeltasNorm::kLength) {
+    throw py::value_error("a normalisation has " + std::to_string(MelDeltasNorm::kLength) +
+                          " values or none, got " + std::to_string(values.size()));
+  }
+  const Eigen::Map<const Eigen::VectorXf> given(values.data(), Index{values.size()});
+  write(core, [&](MultiLayerNNModel& model) { normOf(model, name) = given; });
+}
+
+py::bytes features(Core& core) {
+  const auto desc = read(core, [](const MultiLayerNNModel& model) { return model.featureDesc; });
+  return py::bytes(reinterpret_cast<const char*>(&desc), sizeof desc);
+}
+
+void setFeatures(Core& core, const std::string& bytes) {
+  if (bytes.size() != sizeof(DbnFeatureDescription)) throw py::value_error("20 bytes expected");
+  const DbnFeatureDescription desc = mlnn::featureDescriptionFromBytes(bytes.data());
+  write(core, [&desc](MultiLayerNNModel& model) { model.featureDesc = desc; });
+}
+
+ActFn::ActFn actFnOf(const std::string& name) {
+  ActFn::ActFn fn;
+  if (ActFn::stringToActFn(name, fn) != 0) throw py::value_error("no activation '" + name + "'");
+  return fn;
+}
+
+py::list actFnNames() {
+  py::list names;
+  for (int32_t code = 0; code < ActFn::kCount; ++code) {
+    names.append(ActFn::actFnToString(static_cast<ActFn::ActFn>(code)));
+  }
+  return names;
+}
+
+template <typename Value, typename Get>
+auto reader(Get get) {
+  return [get](Core& core) -> Value { return read(core, get); };
+}
+
+void bindLayer(py::module_& module) {
+  py::class_<LayerHandle, std::shared_ptr<LayerHandle>>(module, "Layer")
+      .def("weights", &weightsView)
+      .def("vector", &vectorView)
+      .def("grow", &growVector)
+      .def("record", &recordOf)
+      .def_property(
+          "act_fn",
+          [](const LayerHandle& handle) {
+            return read(*handle.core, [&handle](const MultiLayerNNModel&) {
+              return ActFn::actFnToString(handle.layer->actFn);
+            });
+          },
+          [](const LayerHandle& handle, const std::string& name) {
+            const ActFn::ActFn fn = actFnOf(name);
+            write(*handle.core, [&](MultiLayerNNModel&) { handle.layer->actFn = fn; });
+          })
+      .def_property_readonly("batch_norm", [](const LayerHandle& handle) {
+        return read(*handle.core,
+                    [&handle](const MultiLayerNNModel&) { return handle.layer->isBatchNorm; });
+      });
+}
+
+// Guards the random source that all new layers share.
+std::mutex& randomSource() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+void seedRandom(uint32_t seed) {
+  const py::gil_scoped_release othersRun;
+  const std::lock_guard<std::mutex> alone(randomSource());
+  NNLayer::seedRandom(seed);
+}
+
+void bindOperations(py::class_<Core, std::shared_ptr<Core>>& core) {
+  core.def("fold",
+           [](Core& c) {
+             return heard<Writing>(c, [](MultiLayerNNModel& m) { return m.convBatchNorm(); });
+           })
+      .def("retain_bits",
+           [](Core& c, int bits) {
+             return heardDone(c, [bits](MultiLayerNNModel& m) { m.retainPrecisionBits(bits); });
+           })
+      .def("add", &add)
+      .def("scale",
+           [](Core& c, float f) { return heardDone(c, [f](MultiLayerNNModel& m) { m *= f; }); })
+      .def("zeros", [](Core& c) { return heardDone(c, [](MultiLayerNNModel& m) { m.zeros(); }); })
+      .def("set_act_fn",
+           [](Core& c, const std::string& name) {
+             const ActFn::ActFn fn = actFnOf(name);
+             return heardDone(c, [fn](MultiLayerNNModel& m) { m.setActFn(fn); });
+           })
+      .def("set_softmax",
+           [](Core& c, bool on) {
+             return heardDone(c, [on](MultiLayerNNModel& m) { m.setSoftmax(on); });
+           })
+      .def("restore_softmax",
+           [](Core& c, bool on) {
+             return heardDone(c, [on](MultiLayerNNModel& m) { m.useSoftmax = on; });
+           })
+      .def("create_first",
+           [](Core& c, int inputs, int outputs, float scale, bool batchNorm) {
+             return heard<Writing>(c, [=](MultiLayerNNModel& m) {
+               const std::lock_guard<std::mutex> alone(randomSource());
+               return m.createFirstLayer(inputs, outputs, scale, batchNorm);
+             });
+           })
+      .def("add_random",
+           [](Core& c, int outputs, float scale, bool batchNorm) {
+             return heard<Writing>(c, [=](MultiLayerNNModel& m) {
+               const std::lock_guard<std::mutex> alone(randomSource());
+               return m.addLayerRndInit(outputs, scale, batchNorm);
+             });
+           })
+      .def("complete_norm",
+           [](Core& c) {
+             return heardDone(c, [](MultiLayerNNModel& m) { m.deltasNorm.allocIfNeeded(); });
+           })
+      .def("delete_layers", &deleteLayers)
+      .def("append", &appendLayer)
+      .def("append_record", &appendRecord);
+}
+
+void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
+  using Model = const MultiLayerNNModel&;
+  core.def("num_layers", reader<std::size_t>([](Model m) { return m.layers.size(); }))
+      .def("layer", &layerAt)
+      .def("num_inputs", reader<int>([](Model m) { return m.numInputs(); }))
+      .def("num_outputs", reader<int>([](Model m) { return m.numOutputs(); }))
+      .def("softmax", reader<bool>([](Model m) { return m.useSoftmax; }))
+      .def("type", reader<int>([](Model m) { return m.type(); }))
+      .def("checksum", reader<uint32_t>([](Model m) { return m.checksum(); }))
+      .def("description", reader<std::string>([](Model m) { return m.description(); }))
+      .def("debug_description", reader<std::string>([](Model m) { return m.debug_description(); }))
+      .def("frame_len", reader<int>([](Model m) { return m.featureDesc.frameLen(); }))
+      .def("features", &features)
+      .def("set_features", &setFeatures)
+      .def("props", &propsOf)
+      .def("set_props", &setProps)
+      .def("notes", &notesOf)
+      .def("set_notes", &setNotes)
+      .def("curve", &curve)
+      .def("set_curve", &setCurve)
+      .def("norm", &norm)
+      .def("set_norm", &setNorm);
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_mlnn, module) {
+  module.doc() = "The binding under the package mlnn; use that.";
+  module.attr("version") = MLNN_VERSION;
+  module.attr("NORM_LENGTH") = static_cast<int>(MelDeltasNorm::kLength);
+  module.def("act_fns", &actFnNames);
+  module.def("seed_random", &seedRandom);
+  module.def("load", &load);
+  module.def("parse", &parse);
+  bindLayer(module);
+  py::class_<Core, std::shared_ptr<Core>> core(module, "Core");
+  core.def(py::init<>())
+      .def("copy", &copyOf)
+      .def("image", &image)
+      .def("text", &text)
+      .def("evaluate", &evaluate)
+      .def("evaluate_frames", &evaluateFrames)
+      .def("stack", &stack);
+  bindOperations(core);
+  bindValues(core);
+}

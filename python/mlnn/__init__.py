@@ -1,0 +1,772 @@
+"""Feed-forward networks on mel audio features: load, run, edit and save them.
+
+    import mlnn
+    model = mlnn.load("examples/digits/synth.txt")
+    posteriors = model(frames)      # float32, frames x values in, frames x outputs out
+
+What the library says becomes Python's: an error is raised as `mlnn.Error`, a warning goes
+through `warnings` (category `mlnn.Warning`), information through the logger "mlnn".
+Nothing is printed.
+
+Threads may share a model: its calls take turns where one of them changes it, and run side by
+side where they only read it. `docs/python.md` has the details.
+"""
+from __future__ import annotations
+
+import dataclasses
+import logging
+import os
+import struct
+import tempfile
+import warnings
+from collections.abc import Iterable, Mapping, MutableMapping, MutableSequence, Sequence
+
+import numpy as np
+
+from . import _mlnn
+
+__version__ = _mlnn.version
+__all__ = ["ACT_FNS", "Error", "FeatureDescription", "Layer", "Model", "Warning", "from_onnx",
+           "from_sklearn", "from_torch", "load", "seed_random", "to_onnx"]
+
+ACT_FNS = tuple(_mlnn.act_fns())  # the names of the activations, in the order of their codes
+NORM_LENGTH = _mlnn.NORM_LENGTH   # values in each of the two arrays of a normalisation
+
+_IMAGE_MAGIC = b"MLNN"
+_VERSION_1_HEADER = b"MultiLayerNNModel\n"
+_HIDDEN_ACT_FN = "hidden_act_fn"
+_TEXT_SUFFIXES = {".txt"}
+_IMAGE_SUFFIXES = {".mlnn", ".bin"}
+_VECTORS = ("bias", "gamma", "beta", "gamma_inf", "beta_inf")
+
+_log = logging.getLogger(__name__)
+
+
+class Error(ValueError):
+    """The library refused something; the text is what it said."""
+
+
+class Warning(UserWarning):  # noqa: A001  (read as mlnn.Warning)
+    """The library did what was asked, but with a reservation."""
+
+
+def _str(text: bytes) -> str:
+    return text.decode("utf-8", "surrogateescape")
+
+
+def _bytes(text: str) -> bytes:
+    return text.encode("utf-8", "surrogateescape")
+
+
+def _hear(result: int, messages: bytes, failed=lambda result, text: result != 0) -> None:
+    """Makes Python's what a call said: an exception, warnings, lines of a log."""
+    text = _str(messages).rstrip("\n")
+    if failed(result, text):
+        raise Error(text or "refused, without a reason")
+    for line in text.splitlines():
+        if line.startswith("Warning: "):
+            warnings.warn(line.removeprefix("Warning: "), Warning, stacklevel=4)
+        else:
+            _log.info("%s", line.removeprefix("info: "))
+
+
+def _says_error(_result: int, text: str) -> bool:
+    return any(line.startswith("ERROR") for line in text.splitlines())
+
+
+def _float32(values, dimensions: int, what: str) -> np.ndarray:
+    """The values as float32; the array itself where it is one already."""
+    array = np.asarray(values)
+    if array.ndim != dimensions:
+        raise ValueError(f"{what}: expected {dimensions} dimensions, got shape {array.shape}")
+    if array.dtype.kind not in "fiub":
+        raise TypeError(f"{what}: expected numbers, got {array.dtype}")
+    return np.require(array, np.float32, "A")
+
+
+def _frames(values) -> np.ndarray:
+    """The same for frames, whose values must also lie side by side."""
+    array = _float32(values, 2, "frames")
+    side_by_side = array.shape[1] <= 1 or array.strides[1] == array.itemsize
+    apart = array.shape[0] <= 1 or array.strides[0] >= array.shape[1] * array.itemsize
+    whole = array.strides[0] % array.itemsize == 0
+    return array if side_by_side and apart and whole else np.ascontiguousarray(array)
+
+
+def _act_fn(name: str) -> str:
+    if name not in ACT_FNS:
+        raise ValueError(f"no activation {name!r}; there are {', '.join(ACT_FNS)}")
+    return name
+
+
+@dataclasses.dataclass(frozen=True)
+class FeatureDescription:
+    """What a model expects on its input. `dataclasses.replace` makes a changed one."""
+
+    num_bands: int = 0        # mel bands of a frame; 0: not stated
+    win_size_left: int = 0    # frames of context before the current one
+    win_size_right: int = 0   # frames of context after it
+    use_deltas: bool = False  # deltas and delta-deltas follow the bands
+    use_line_kernels: bool = False
+    line_kernel_width: int = 0
+    feat_type: int = 0
+    reserved: int = 0
+
+    _LAYOUT = struct.Struct("=iiiBB??i")
+
+    @classmethod
+    def _unpack(cls, data: bytes) -> FeatureDescription:
+        left, right, width, kind, reserved, deltas, kernels, bands = cls._LAYOUT.unpack(data)
+        return cls(bands, left, right, deltas, kernels, width, kind, reserved)
+
+    def _pack(self) -> bytes:
+        try:
+            return self._LAYOUT.pack(self.win_size_left, self.win_size_right,
+                                     self.line_kernel_width, self.feat_type, self.reserved,
+                                     self.use_deltas, self.use_line_kernels, self.num_bands)
+        except struct.error as error:
+            raise ValueError(f"feature description: {error}") from None
+
+
+class _Lines(MutableSequence):
+    """A list that lives in a model: every change goes there."""
+
+    def __init__(self, get, set_):
+        self._get, self._set = get, set_
+
+    def __len__(self):
+        return len(self._get())
+
+    def __getitem__(self, index):
+        return self._get()[index]
+
+    def _change(self, edit):
+        items = list(self._get())
+        edit(items)
+        self._set(items)
+
+    def __setitem__(self, index, value):
+        self._change(lambda items: items.__setitem__(index, value))
+
+    def __delitem__(self, index):
+        self._change(lambda items: items.__delitem__(index))
+
+    def insert(self, index, value):
+        self._change(lambda items: items.insert(index, value))
+
+    def extend(self, values):
+        values = list(values)
+        self._change(lambda items: items.extend(values))
+
+    def __eq__(self, other):
+        if isinstance(other, (_Lines, list, tuple)):
+            return list(self) == list(other)
+        return NotImplemented
+
+    __hash__ = None
+
+    def __iter__(self):
+        return iter(self._get())
+
+    def __repr__(self):
+        return repr(list(self))
+
+
+class _Props(MutableMapping):
+    """The properties of a model, as a dictionary that lives there."""
+
+    def __init__(self, core):
+        self._core = core
+
+    def _get(self) -> dict[str, str]:
+        return {_str(key): _str(value) for key, value in self._core.props().items()}
+
+    def _set(self, props: Mapping[str, str]) -> None:
+        self._core.set_props({_bytes(key): _bytes(value) for key, value in props.items()})
+
+    def __getitem__(self, key):
+        return self._get()[key]
+
+    def __setitem__(self, key, value):
+        if not isinstance(key, str) or not isinstance(value, str):
+            raise TypeError("properties are strings")
+        self._set({**self._get(), key: value})
+
+    def __delitem__(self, key):
+        props = self._get()
+        del props[key]
+        self._set(props)
+
+    def __iter__(self):
+        return iter(self._get())
+
+    def __len__(self):
+        return len(self._core.props())
+
+    def __repr__(self):
+        return repr(self._get())
+
+
+class _Array:
+    """One array of a layer. Reading gives a view; writing copies values into it."""
+
+    def __set_name__(self, owner, name):
+        self._name = name
+
+    def __get__(self, layer, owner=None):
+        if layer is None:
+            return self
+        held = layer._layer
+        return held.weights() if self._name == "weights" else held.vector(self._name)
+
+    def __set__(self, layer, values):
+        view = self.__get__(layer)
+        new = _float32(values, view.ndim, self._name)
+        if view.shape != new.shape and view.size == 0 and new.shape == layer.weights.shape[:1]:
+            layer._layer.grow(self._name)
+            view = self.__get__(layer)
+        if view.shape != new.shape:
+            raise ValueError(f"{self._name}: the shape {view.shape} of a layer's array is fixed, "
+                             f"got {new.shape}")
+        view[...] = new
+
+
+class Layer:
+    """One layer of a model: `act_fn(weights @ x + bias)`, or in a batch-norm layer
+    `act_fn(gamma_inf * (weights @ x) + beta_inf)`.
+
+    The arrays are views, float32 and writable, of the model's own values: `weights` is
+    outputs x inputs, the vectors have a value for each output or none. A view keeps the layer
+    alive, and a layer its model. A layer that was removed from its model goes on living alone.
+    Shapes are fixed, so a view never goes stale; only an empty vector can be given its values.
+    """
+
+    weights = _Array()
+    bias = _Array()
+    gamma = _Array()
+    beta = _Array()
+    gamma_inf = _Array()
+    beta_inf = _Array()
+
+    def __init__(self):
+        raise TypeError("layers are made by Model.from_arrays and Model.add_layer")
+
+    @classmethod
+    def _of(cls, held: _mlnn.Layer) -> Layer:
+        layer = cls.__new__(cls)
+        layer._layer = held
+        return layer
+
+    @property
+    def act_fn(self) -> str:
+        """The name of the activation, one of `ACT_FNS`."""
+        return self._layer.act_fn
+
+    @act_fn.setter
+    def act_fn(self, name: str) -> None:
+        self._layer.act_fn = _act_fn(name)
+
+    @property
+    def batch_norm(self) -> bool:
+        """Whether the layer is a batch-norm layer."""
+        return self._layer.batch_norm
+
+    @property
+    def num_inputs(self) -> int:
+        return self.weights.shape[1]
+
+    @property
+    def num_outputs(self) -> int:
+        return self.weights.shape[0]
+
+    def __eq__(self, other):
+        return isinstance(other, Layer) and self._layer is other._layer
+
+    def __hash__(self):
+        return hash(self._layer)
+
+    def __repr__(self):
+        kind = "batch norm" if self.batch_norm else "plain"
+        return f"<mlnn.Layer {self.num_inputs} -> {self.num_outputs}, {kind}, {self.act_fn}>"
+
+
+class _Layers(Sequence):
+    """The layers of a model, from its inputs to its outputs."""
+
+    def __init__(self, core):
+        self._core = core
+
+    def __len__(self):
+        return self._core.num_layers()
+
+    def __getitem__(self, index):
+        count = len(self)
+        if isinstance(index, slice):
+            return [self[i] for i in range(*index.indices(count))]
+        if not -count <= index < count:
+            raise IndexError(f"layer {index} of {count}")
+        return Layer._of(self._core.layer(index % count))
+
+    def __repr__(self):
+        return repr(list(self))
+
+
+class Model:
+    """A feed-forward network with its features, notes, properties and training curves."""
+
+    def __init__(self):
+        """A model without layers; its softmax is on."""
+        self._core = _mlnn.Core()
+
+    @classmethod
+    def _of(cls, core: _mlnn.Core) -> Model:
+        model = cls.__new__(cls)
+        model._core = core
+        return model
+
+    # --- Reading and writing ---
+
+    @classmethod
+    def load(cls, path: str | os.PathLike, act_fn: str | None = None) -> Model:
+        """Reads a text model or a binary image.
+
+        Activations that a file does not record (version 1, batch-norm layers of texts) are set
+        on all layers but the last to `act_fn`, else to what the property hidden_act_fn says;
+        without either there is a warning, and they stay linear.
+        Raises OSError where the file cannot be read, Error where it is no model.
+        """
+        try:
+            with open(path, "rb") as file:
+                head = file.read(len(_VERSION_1_HEADER))
+            unreadable = None
+        except OSError as error:
+            head, unreadable = b"", error
+        core, result, messages = _mlnn.load(os.fsencode(path))
+        if unreadable is not None:
+            text = _str(messages).rstrip("\n") or str(unreadable)
+            raise type(unreadable)(unreadable.errno, text, os.fspath(path))
+        _hear(result, messages)
+        model = cls._of(core)
+        model._complete_activations(head, act_fn)
+        return model
+
+    @classmethod
+    def from_bytes(cls, data: bytes, act_fn: str | None = None) -> Model:
+        """Reads a model of either format from memory, as load does from a file."""
+        data = bytes(data)
+        core, result, messages = _mlnn.parse(data)
+        _hear(result, messages)
+        model = cls._of(core)
+        model._complete_activations(data[:len(_VERSION_1_HEADER)], act_fn)
+        return model
+
+    def _complete_activations(self, head: bytes, given: str | None) -> None:
+        if given is not None:
+            _act_fn(given)
+        if head.startswith(_IMAGE_MAGIC):
+            return
+        version_1 = head.startswith(_VERSION_1_HEADER)
+        unrecorded = [layer for layer in self.layers[:-1] if version_1 or layer.batch_norm]
+        if not unrecorded:
+            return
+        name = self.props.get(_HIDDEN_ACT_FN) if given is None else given
+        if name not in ACT_FNS:
+            warnings.warn(f"the file does not record the activation of {len(unrecorded)} hidden "
+                          f"layer(s), and no property {_HIDDEN_ACT_FN} names one; they are taken "
+                          "as linear", Warning, stacklevel=3)
+            return
+        for layer in unrecorded:
+            layer.act_fn = name
+        _log.info("activation of %d hidden layer(s) set to %s", len(unrecorded), name)
+
+    def to_bytes(self) -> bytes:
+        """The binary image: features, normalisation and layers, and nothing else.
+
+        A normalisation that is not set becomes one that changes nothing, without which the
+        image could not be read. Raises Error for a model above 2^31 - 1 bytes.
+        """
+        whole = self.copy()
+        _hear(*whole._core.complete_norm())
+        result, messages, image = whole._core.image()
+        _hear(result, messages)
+        return image
+
+    def to_text(self) -> bytes:
+        """The text, whose numbers read back exactly. See docs/text-format.md for what it holds."""
+        return self._core.text()
+
+    def save(self, path: str | os.PathLike, format: str | None = None) -> None:
+        """Writes a file: "text" or "image", or as the name's suffix says (.txt; .mlnn, .bin).
+
+        The file appears when it is complete; where that fails, an older one stays.
+        """
+        suffix = os.path.splitext(os.fsdecode(path))[1]
+        if format is None:
+            format = ("text" if suffix in _TEXT_SUFFIXES else
+                      "image" if suffix in _IMAGE_SUFFIXES else None)
+        if format not in ("text", "image"):
+            raise ValueError('format must be "text" or "image", or the suffix .txt, .mlnn or .bin')
+        _write_whole(path, self.to_text() if format == "text" else self.to_bytes())
+
+    @classmethod
+    def from_arrays(cls, layers: Iterable, softmax: bool = True) -> Model:
+        """Makes a model of arrays, which are copied.
+
+        Each layer is `(weights, bias)`, `(weights, bias, act_fn)`, or a mapping with `weights`
+        (outputs x inputs) and any of `bias`, `gamma`, `beta`, `gamma_inf`, `beta_inf`, `act_fn`
+        and `batch_norm`, which is true by default where `gamma_inf` is given.
+        Raises ValueError where shapes do not fit each other.
+        """
+        model = cls()
+        for number, layer in enumerate(layers, 1):
+            try:
+                model._append(_as_mapping(layer))
+            except (KeyError, TypeError, ValueError) as error:
+                raise type(error)(f"layer {number}: {error}") from None
+        model._core.restore_softmax(bool(softmax))
+        return model
+
+    def _append(self, layer: Mapping) -> None:
+        unknown = set(layer) - {"weights", "act_fn", "batch_norm", *_VECTORS}
+        if unknown:
+            raise ValueError(f"unknown {', '.join(sorted(unknown))}")
+        if "weights" not in layer:
+            raise ValueError("weights are missing")
+        act_fn = _act_fn(layer.get("act_fn", "linear"))
+        vectors = {name: _float32(layer[name], 1, name) for name in _VECTORS
+                   if layer.get(name) is not None}
+        weights = _float32(layer["weights"], 2, "weights")
+        outputs, inputs = weights.shape
+        if len(self.layers) and inputs != self.num_outputs:
+            raise ValueError(f"{inputs} inputs after {self.num_outputs} outputs")
+        for name, values in vectors.items():
+            if values.shape != (outputs,):
+                raise ValueError(f"{name} has {values.size} values for {outputs} outputs")
+        batch_norm = bool(layer.get("batch_norm", "gamma_inf" in vectors))
+        if batch_norm and not {"gamma_inf", "beta_inf"} <= set(vectors):
+            raise ValueError("a batch-norm layer needs gamma_inf and beta_inf")
+        self._core.append(inputs, outputs, batch_norm)
+        added = self.layers[-1]
+        added.weights = weights
+        for name, values in vectors.items():
+            setattr(added, name, values)
+        added.act_fn = act_fn
+
+    def copy(self) -> Model:
+        """A model of its own with the same values, properties included."""
+        return self._of(self._core.copy())
+
+    __copy__ = copy
+
+    def __deepcopy__(self, memo):
+        return self.copy()
+
+    def __getstate__(self) -> dict:
+        core = self._core
+        return {
+            "version": 1,
+            "layers": [layer._layer.record() for layer in self.layers],
+            "softmax": self.softmax,
+            "features": core.features(),
+            "norm": (core.norm("minvals").tobytes(), core.norm("normvals").tobytes()),
+            "props": core.props(),
+            "notes": core.notes(),
+            "curves": (core.curve("loss").tobytes(), core.curve("accuracy").tobytes()),
+        }
+
+    def __setstate__(self, state: dict) -> None:
+        if state["version"] != 1:
+            raise Error(f"a pickle of version {state['version']}, expected 1")
+        self._core = core = _mlnn.Core()
+        for record in state["layers"]:
+            core.append_record(record)
+        core.restore_softmax(state["softmax"])
+        core.set_features(state["features"])
+        for name, data in zip(("minvals", "normvals"), state["norm"]):
+            core.set_norm(name, np.frombuffer(data, np.float32))
+        core.set_props(state["props"])
+        core.set_notes(state["notes"])
+        for name, data in zip(("loss", "accuracy"), state["curves"]):
+            core.set_curve(name, np.frombuffer(data, np.float32))
+
+    # --- What a model holds ---
+
+    @property
+    def layers(self) -> Sequence[Layer]:
+        """The layers, from the inputs to the outputs."""
+        return _Layers(self._core)
+
+    @property
+    def props(self) -> MutableMapping[str, str]:
+        """The properties. Changes go to the model."""
+        return _Props(self._core)
+
+    @props.setter
+    def props(self, props: Mapping[str, str]) -> None:
+        _Props(self._core)._set(props)
+
+    @property
+    def notes(self) -> MutableSequence[str]:
+        """The lines of the model's history. Changes go to the model."""
+        return _Lines(lambda: [_str(line) for line in self._core.notes()],
+                      lambda lines: self._core.set_notes([_bytes(line) for line in lines]))
+
+    @notes.setter
+    def notes(self, lines: Iterable[str]) -> None:
+        self._core.set_notes([_bytes(line) for line in lines])
+
+    def _curve(self, name: str) -> _Lines:
+        return _Lines(lambda: self._core.curve(name).tolist(),
+                      lambda values: self._core.set_curve(name, _float32(values, 1, name)))
+
+    @property
+    def loss(self) -> MutableSequence[float]:
+        """The loss values of training, kept in single precision. Changes go to the model."""
+        return self._curve("loss")
+
+    @loss.setter
+    def loss(self, values: Iterable[float]) -> None:
+        self._core.set_curve("loss", _float32(list(values), 1, "loss"))
+
+    @property
+    def accuracy(self) -> MutableSequence[float]:
+        """The accuracy values of training, likewise."""
+        return self._curve("accuracy")
+
+    @accuracy.setter
+    def accuracy(self, values: Iterable[float]) -> None:
+        self._core.set_curve("accuracy", _float32(list(values), 1, "accuracy"))
+
+    @property
+    def normalisation(self) -> tuple[np.ndarray, np.ndarray] | None:
+        """Copies of (minvals, normvals): a frame becomes (x - minvals) * normvals. None: unset.
+
+        Setting copies two arrays of `NORM_LENGTH` values, or removes both by None.
+        """
+        minvals, normvals = self._core.norm("minvals"), self._core.norm("normvals")
+        return None if minvals.size == 0 and normvals.size == 0 else (minvals, normvals)
+
+    @normalisation.setter
+    def normalisation(self, values) -> None:
+        minvals, normvals = ((), ()) if values is None else values
+        arrays = [_float32(np.asarray(v, np.float32), 1, "normalisation")
+                  for v in (minvals, normvals)]
+        for array in arrays:
+            if array.size not in (0, NORM_LENGTH):
+                raise ValueError(f"normalisation: expected {NORM_LENGTH} values, got {array.size}")
+        for name, array in zip(("minvals", "normvals"), arrays):
+            self._core.set_norm(name, array)
+
+    @property
+    def features(self) -> FeatureDescription:
+        """What the model expects on its input."""
+        return FeatureDescription._unpack(self._core.features())
+
+    @features.setter
+    def features(self, description: FeatureDescription) -> None:
+        self._core.set_features(description._pack())
+
+    @property
+    def softmax(self) -> bool:
+        """Whether a softmax is applied to the outputs. Switching it on makes the last layer linear."""
+        return self._core.softmax()
+
+    @softmax.setter
+    def softmax(self, on: bool) -> None:
+        _hear(*self._core.set_softmax(bool(on)))
+
+    @property
+    def num_inputs(self) -> int:
+        return self._core.num_inputs()
+
+    @property
+    def num_outputs(self) -> int:
+        return self._core.num_outputs()
+
+    @property
+    def checksum(self) -> int:
+        """The number of layers plus the sum of their checksums, modulo 2^32."""
+        return self._core.checksum()
+
+    @property
+    def description(self) -> str:
+        """The widths, as in "360,512,40"."""
+        return self._core.description()
+
+    # --- Operations ---
+
+    def fold(self) -> Model:
+        """Turns batch-norm layers into plain ones that compute the same. Returns the model.
+
+        Raises Error at a layer whose gamma_inf sums to zero; the layers before it are folded then.
+        """
+        _hear(*self._core.fold())
+        return self
+
+    def retain_precision_bits(self, bits: int) -> Model:
+        """Snaps weights and biases to one grid of 2^bits steps, downwards. Returns the model."""
+        _hear(*self._core.retain_bits(bits), failed=_says_error)
+        return self
+
+    def zeros(self) -> Model:
+        """Sets all parameters to 0. Returns the model."""
+        _hear(*self._core.zeros())
+        return self
+
+    def set_act_fn(self, name: str) -> Model:
+        """Sets the activation of all layers; under softmax the last one's becomes linear."""
+        _hear(*self._core.set_act_fn(_act_fn(name)))
+        return self
+
+    def create_first_layer(self, num_inputs: int, num_outputs: int, init_scale: float = 0.1,
+                           batch_norm: bool = False) -> Layer:
+        """Makes the first layer, of random weights (see seed_random)."""
+        if num_inputs < 0 or num_outputs < 0:
+            raise ValueError("the size of a layer is negative")
+        _hear(*self._core.create_first(num_inputs, num_outputs, init_scale, batch_norm))
+        return self.layers[-1]
+
+    def add_layer(self, num_outputs: int, init_scale: float = 0.1,
+                  batch_norm: bool = False) -> Layer:
+        """Adds a layer of random weights at the output end, and notes it."""
+        if num_outputs < 0:
+            raise ValueError("the size of a layer is negative")
+        _hear(*self._core.add_random(num_outputs, init_scale, batch_norm))
+        return self.layers[-1]
+
+    def delete_layers(self, count: int) -> Model:
+        """Removes layers from the output end. Those that are held elsewhere go on living alone."""
+        if not 0 <= count <= len(self.layers):
+            raise Error(f"cannot delete {count} of {len(self.layers)} layers")
+        _hear(*self._core.delete_layers(count))
+        return self
+
+    def __iadd__(self, other: Model) -> Model:
+        """Adds the other model's parameters. Raises Error for layers of another shape or kind,
+        which stay as they are; the others are added."""
+        if not isinstance(other, Model):
+            return NotImplemented
+        _hear(*self._core.add(other._core), failed=_says_error)
+        return self
+
+    def __imul__(self, factor: float) -> Model:
+        _hear(*self._core.scale(float(factor)))
+        return self
+
+    # --- Running ---
+
+    @property
+    def frame_width(self) -> int:
+        """The values of a single frame; 0 where the model does not tell.
+
+        Where the description states no bands, the length of the normalisation counts if it
+        makes the model's inputs.
+        """
+        if self.features.num_bands != 0:
+            return self._core.frame_len()
+        return NORM_LENGTH if self._makes_inputs(NORM_LENGTH) else 0
+
+    def _makes_inputs(self, width: int) -> bool:
+        d = self.features
+        possible = width > 0 and d.win_size_left >= 0 and d.win_size_right >= 0
+        return possible and width * (d.win_size_left + 1 + d.win_size_right) == self.num_inputs
+
+    def __call__(self, frames, stacked: bool | None = None) -> np.ndarray:
+        """Runs the model over one recording: frames x values in, frames x outputs out, float32.
+
+        Frames as wide as `frame_width` are single ones: they are normalised, and stacked with
+        their neighbours. Frames as wide as `num_inputs` are input vectors already; where both
+        fit they are single, unless `stacked` is true. `stacked=False` refuses input vectors.
+        A float32 array whose frames' values lie side by side is not copied, nor is the result.
+        """
+        frames = _frames(frames)
+        width, single = frames.shape[1], self.frame_width
+        if not stacked and width == single and self._makes_inputs(single):
+            result, messages, outputs = self._core.evaluate_frames(frames)
+        elif stacked is not False and (width == self.num_inputs or not len(self.layers)):
+            result, messages, outputs = self._core.evaluate(frames)
+        else:
+            raise ValueError(f"frames of {width} values; expected {self._expected(stacked)}")
+        _hear(result, messages)
+        return outputs
+
+    def _expected(self, stacked: bool | None) -> str:
+        single = f"{self.frame_width} (single frames)" if self.frame_width else None
+        vector = f"{self.num_inputs} (input vectors)"
+        wanted = {True: [vector], False: [single], None: [single, vector]}[stacked]
+        return " or ".join(filter(None, wanted)) or "nothing: the model tells no width of frames"
+
+    def stack(self, frames) -> np.ndarray:
+        """The input vectors of one recording's single frames: normalised, with their context."""
+        return self._core.stack(_frames(frames))
+
+    def __repr__(self):
+        return f"<mlnn.Model {self._core.debug_description()}>"
+
+
+def _as_mapping(layer) -> Mapping:
+    if isinstance(layer, Mapping):
+        return layer
+    parts = tuple(layer)
+    if not 2 <= len(parts) <= 3:
+        raise ValueError("expected (weights, bias) or (weights, bias, act_fn)")
+    return dict(zip(("weights", "bias", "act_fn"), parts))
+
+
+def _write_whole(path, data: bytes) -> None:
+    """Writes a file that appears when it is complete."""
+    path = os.path.realpath(os.fsdecode(path))
+    with tempfile.NamedTemporaryFile(dir=os.path.dirname(path), delete=False) as file:
+        try:
+            file.write(data)
+            file.flush()
+            os.fsync(file.fileno())
+            os.chmod(file.name, _mode_for(path))
+            os.replace(file.name, path)
+        except BaseException:
+            os.unlink(file.name)
+            raise
+
+
+def _mode_for(path: str) -> int:
+    """The permissions of the file that is there, or those of a new one."""
+    try:
+        return os.stat(path).st_mode & 0o777
+    except FileNotFoundError:
+        mask = os.umask(0)
+        os.umask(mask)
+        return 0o666 & ~mask
+
+
+def load(path: str | os.PathLike, act_fn: str | None = None) -> Model:
+    """Reads a text model or a binary image; see Model.load."""
+    return Model.load(path, act_fn)
+
+
+def seed_random(seed: int) -> None:
+    """Restarts the random source of new layers."""
+    _mlnn.seed_random(seed)
+
+
+def from_torch(module) -> Model:
+    """Makes a model of a torch.nn.Sequential; see mlnn.convert."""
+    from . import convert
+    return convert.from_torch(module)
+
+
+def from_sklearn(estimator) -> Model:
+    """Makes a model of a fitted MLPClassifier or MLPRegressor; see mlnn.convert."""
+    from . import convert
+    return convert.from_sklearn(estimator)
+
+
+def to_onnx(model: Model, path=None):
+    """Exports a model as ONNX; see mlnn.onnx."""
+    from . import onnx
+    return onnx.to_onnx(model, path)
+
+
+def from_onnx(source) -> Model:
+    """Imports an ONNX file or ModelProto; see mlnn.onnx."""
+    from . import onnx
+    return onnx.from_onnx(source)

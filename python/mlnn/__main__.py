@@ -1,0 +1,40 @@
+"""The commands of the package: python3 -m mlnn export-onnx, import-onnx."""
+from __future__ import annotations
+
+import argparse
+import sys
+import warnings
+
+import mlnn
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="mlnn", description="Models as ONNX, and back.")
+    commands = parser.add_subparsers(dest="command", required=True)
+    export = commands.add_parser("export-onnx", help="write a model as ONNX")
+    export.add_argument("model", help="text model or binary image")
+    export.add_argument("out", help="ONNX file to write")
+    export.add_argument("--act-fn", choices=mlnn.ACT_FNS,
+                        help="activation of hidden layers whose file records none")
+    fetch = commands.add_parser("import-onnx", help="write an ONNX file as a model")
+    fetch.add_argument("onnx", help="ONNX file to read")
+    fetch.add_argument("out", help="model to write: .txt, or .mlnn or .bin")
+    return parser
+
+
+def main(arguments: list[str] | None = None) -> int:
+    options = _parser().parse_args(arguments)
+    warnings.showwarning = lambda message, *rest: print(f"Warning: {message}", file=sys.stderr)
+    try:
+        if options.command == "export-onnx":
+            mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out)
+        else:
+            mlnn.from_onnx(options.onnx).save(options.out)
+    except (OSError, ValueError) as error:
+        print(f"mlnn: {error}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

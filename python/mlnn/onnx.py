@@ -1,0 +1,275 @@
+"""Models as ONNX graphs, and graphs as models.
+
+The graph maps input vectors (frames x inputs) to outputs. What stands around the network -
+features, normalisation, notes, properties, curves - travels as metadata, and so do those arrays
+of a layer that take no part in inference; so a model that is exported and imported is the same.
+"""
+from __future__ import annotations
+
+import base64
+import json
+import os
+
+import numpy as np
+import onnx
+from onnx import TensorProto, helper, numpy_helper
+
+from . import Error, FeatureDescription, Model, _VECTORS, _write_whole
+from .convert import ELU_ALPHA, LEAKY_SLOPE, Network, parameter
+
+OPSET = 13
+_METADATA = "mlnn"  # the one key of the metadata, whose value is JSON
+_OPERATORS = {"sigmoid": "Sigmoid", "tanh": "Tanh", "relu": "Relu", "leaky_relu": "LeakyRelu",
+              "elu": "Elu", "softplus": "Softplus"}
+_ACT_FNS = {operator: name for name, operator in _OPERATORS.items()}
+
+
+# --- Export ---
+
+def to_onnx(model: Model, path: str | os.PathLike | None = None) -> onnx.ModelProto:
+    """Exports a model, and writes it to a file where a path is given.
+
+    Plain layers become Gemm, batch-norm layers Gemm and BatchNormalization of mean 0 and
+    variance 1. The input "inputs" takes input vectors: normalised frames with their context,
+    which Model.stack makes.
+    Raises Error for a model without layers, or with layers that do not fit each other.
+    """
+    if not len(model.layers):
+        raise Error("a model without layers cannot be exported")
+    nodes, constants = [], []
+    value = "inputs"
+    for number, layer in enumerate(model.layers, 1):
+        value = _export_layer(layer, f"layer{number}", value, nodes, constants)
+    if model.softmax:
+        nodes.append(helper.make_node("Softmax", [value], ["softmax"], "softmax", axis=1))
+    nodes[-1].output[0] = "outputs"
+    graph = helper.make_graph(
+        nodes, "mlnn",
+        [helper.make_tensor_value_info("inputs", TensorProto.FLOAT, ["frames", model.num_inputs])],
+        [helper.make_tensor_value_info("outputs", TensorProto.FLOAT, ["frames", model.num_outputs])],
+        constants)
+    exported = helper.make_model(graph, producer_name="mlnn",
+                                 opset_imports=[helper.make_opsetid("", OPSET)])
+    exported.ir_version = 7  # the first of this operator set
+    helper.set_model_props(exported, {_METADATA: json.dumps(_metadata(model))})
+    onnx.checker.check_model(exported)
+    if path is not None:
+        _write_whole(path, exported.SerializeToString())
+    return exported
+
+
+def _export_layer(layer, name: str, value: str, nodes: list, constants: list) -> str:
+    def constant(what, array):
+        constants.append(numpy_helper.from_array(np.ascontiguousarray(array), f"{name}.{what}"))
+        return f"{name}.{what}"
+
+    def node(operator, inputs, what, **attributes):
+        nodes.append(helper.make_node(operator, inputs, [f"{name}.{what}"], f"{name}.{what}",
+                                      **attributes))
+        return f"{name}.{what}"
+
+    needed = ("gamma_inf", "beta_inf") if layer.batch_norm else ("bias",)
+    for what in needed:
+        if getattr(layer, what).size != layer.num_outputs:
+            raise Error(f"{name}: {what} does not fit the weights")
+    inputs = [value, constant("weights", layer.weights)]
+    if not layer.batch_norm:
+        inputs.append(constant("bias", layer.bias))
+    value = node("Gemm", inputs, "affine", transB=1)
+    if layer.batch_norm:
+        ones = np.ones(layer.num_outputs, np.float32)
+        value = node("BatchNormalization",
+                     [value, constant("gamma_inf", layer.gamma_inf),
+                      constant("beta_inf", layer.beta_inf), constant("mean", 0 * ones),
+                      constant("var", ones)], "norm", epsilon=0.0)
+    if layer.act_fn == "silu":
+        return node("Mul", [value, node("Sigmoid", [value], "gate")], "activated")
+    if layer.act_fn == "linear":
+        return value
+    attributes = {"leaky_relu": {"alpha": LEAKY_SLOPE}, "elu": {"alpha": ELU_ALPHA}}
+    return node(_OPERATORS[layer.act_fn], [value], "activated", **attributes.get(layer.act_fn, {}))
+
+
+def _packed(array) -> str:
+    return base64.b64encode(np.asarray(array, "<f4").tobytes()).decode()
+
+
+def _unpacked(text: str) -> np.ndarray:
+    return np.frombuffer(base64.b64decode(text, validate=True), "<f4")
+
+
+def _idle_vectors(layer) -> dict[str, str]:
+    """The vectors that a layer holds without using them."""
+    used = {"gamma_inf", "beta_inf"} if layer.batch_norm else {"bias"}
+    return {name: _packed(getattr(layer, name)) for name in _VECTORS
+            if name not in used and getattr(layer, name).size}
+
+
+def _metadata(model: Model) -> dict:
+    norm = model.normalisation
+    return {
+        "features": vars(model.features),
+        "normalisation": None if norm is None else [_packed(array) for array in norm],
+        "props": dict(model.props),
+        "notes": list(model.notes),
+        "loss": _packed(model.loss),
+        "accuracy": _packed(model.accuracy),
+        "idle_vectors": [_idle_vectors(layer) for layer in model.layers],
+    }
+
+
+# --- Import ---
+
+def from_onnx(source: str | os.PathLike | bytes | onnx.ModelProto) -> Model:
+    """Imports a chain of Gemm, MatMul, Add, BatchNormalization, activations and Softmax, from a
+    file, its bytes or a ModelProto. What else there is, is refused by its name."""
+    if isinstance(source, onnx.ModelProto):
+        proto = source
+    else:
+        data = source
+        if not isinstance(source, bytes):
+            with open(source, "rb") as file:
+                data = file.read()
+        try:
+            proto = onnx.load_model_from_string(data)
+        except Exception as error:  # protobuf's own kinds, which onnx does not hide
+            raise Error(f"not an ONNX model: {error}") from None
+    return _Importer(proto).run()
+
+
+class _Importer:
+    """Walks the one chain of nodes that leads from the input to the output."""
+
+    def __init__(self, proto: onnx.ModelProto):
+        self._graph = proto.graph
+        self._metadata = {entry.key: entry.value for entry in proto.metadata_props}.get(_METADATA)
+        self._network = Network()
+        self._constants = {}
+        for tensor in self._graph.initializer:
+            if tensor.data_location == TensorProto.EXTERNAL:
+                raise Error(f"{tensor.name}: values in another file are not read")
+            self._constants[tensor.name] = self._values(tensor.name, tensor)
+
+    @staticmethod
+    def _values(name: str, tensor) -> np.ndarray:
+        try:
+            return numpy_helper.to_array(tensor)
+        except Exception as error:
+            raise Error(f"{name}: broken values: {error}") from None
+
+    def run(self) -> Model:
+        inputs = [i.name for i in self._graph.input if i.name not in self._constants]
+        if len(inputs) != 1 or len(self._graph.output) != 1:
+            raise Error(f"expected one input and one output, found {len(inputs)} and "
+                        f"{len(self._graph.output)}")
+        value, gate = inputs[0], None
+        for node in self._graph.node:
+            if node.op_type == "Constant":
+                self._take_constant(node)
+                continue
+            name = f"{node.name or node.output[0]} ({node.op_type})"
+            if gate is not None:
+                if node.op_type != "Mul" or set(node.input) != {value, gate[1]}:
+                    if value in node.input:
+                        raise Error(f"{name}: branches cannot be represented")
+                    self._network.activation(gate[0], "sigmoid")
+                    value, gate = gate[1], None
+                else:
+                    self._network.activation(name, "silu")
+                    value, gate = node.output[0], None
+                    continue
+            if node.domain not in ("", "ai.onnx") or value not in node.input[:2]:
+                raise Error(f"{name} cannot be represented")
+            if node.op_type == "Sigmoid":  # perhaps the gate of a SiLU
+                gate = (name, node.output[0])
+                continue
+            self._take(node, name, value)
+            value = node.output[0]
+        if gate is not None:
+            self._network.activation(gate[0], "sigmoid")
+            value = gate[1]
+        if value != self._graph.output[0].name:
+            raise Error(f"the output {self._graph.output[0].name} is not where the chain ends")
+        return self._restore(self._network.model())
+
+    def _take_constant(self, node) -> None:
+        for attribute in node.attribute:
+            if attribute.name == "value":
+                self._constants[node.output[0]] = self._values(node.name, attribute.t)
+                return
+        raise Error(f"{node.name or node.output[0]} (Constant): only a tensor is read")
+
+    def _take(self, node, name: str, value: str) -> None:
+        attributes = {a.name: helper.get_attribute_value(a) for a in node.attribute}
+        constants = [self._constants.get(other) for other in node.input if other != value]
+        kind = node.op_type
+        if any(constant is None for constant in constants):
+            raise Error(f"{name}: takes more than the chain's value and constants")
+        if kind == "Gemm":
+            self._gemm(node, name, value, constants, attributes)
+        elif kind == "MatMul":
+            if node.input[0] != value or constants[0].ndim != 2:
+                raise Error(f"{name}: only a product with a matrix on the right is represented")
+            self._network.linear(name, constants[0].T, None)
+        elif kind == "Add":
+            if constants[0].size not in (1, constants[0].shape[-1] if constants[0].ndim else 1):
+                raise Error(f"{name}: only a vector can be added")
+            self._network.shift(name, constants[0].reshape(-1))
+        elif kind == "BatchNormalization":
+            if attributes.get("training_mode", 0):
+                raise Error(f"{name}: training_mode cannot be represented")
+            self._network.batch_norm(name, *constants, attributes.get("epsilon", 1e-5))
+        elif kind == "Softmax":
+            if attributes.get("axis", -1) not in (1, -1):
+                raise Error(f"{name}: axis is {attributes['axis']}; only 1 and -1 are represented")
+            self._network.softmax(name)
+        elif kind in _ACT_FNS:
+            if kind == "LeakyRelu":
+                parameter(name, "alpha", attributes.get("alpha", 0.01), LEAKY_SLOPE)
+            elif kind == "Elu":
+                parameter(name, "alpha", attributes.get("alpha", 1.0), ELU_ALPHA)
+            self._network.activation(name, _ACT_FNS[kind])
+        elif kind not in ("Identity", "Dropout"):
+            raise Error(f"{name} cannot be represented")
+
+    def _gemm(self, node, name, value, constants, attributes) -> None:
+        if node.input[0] != value or attributes.get("transA", 0) or constants[0].ndim != 2:
+            raise Error(f"{name}: only a product with a matrix on the right is represented")
+        for factor in ("alpha", "beta"):
+            parameter(name, factor, attributes.get(factor, 1.0), 1.0)
+        weights = constants[0] if attributes.get("transB", 0) else constants[0].T
+        bias = None
+        if len(constants) > 1:
+            bias = np.broadcast_to(constants[1].reshape(-1), len(weights))
+        self._network.linear(name, weights, bias)
+
+    def _restore(self, model: Model) -> Model:
+        """Gives the model what stood around the network, if it was exported from one."""
+        if self._metadata is None:
+            return model
+        try:
+            around = json.loads(self._metadata)
+            model.features = FeatureDescription(**around["features"])
+            if around["normalisation"] is not None:
+                model.normalisation = [_unpacked(text) for text in around["normalisation"]]
+            model.props, model.notes = around["props"], around["notes"]
+            model.loss, model.accuracy = _unpacked(around["loss"]), _unpacked(around["accuracy"])
+            return _with_vectors(model, around["idle_vectors"])
+        except (KeyError, TypeError, ValueError, AttributeError) as error:
+            raise Error(f"broken metadata {_METADATA!r}: {error}") from None
+
+
+def _with_vectors(model: Model, idle: list[dict[str, str]]) -> Model:
+    """The model with exactly these vectors beside those that compute."""
+    layers = []
+    for layer, vectors in zip(model.layers, idle, strict=True):
+        used = ("gamma_inf", "beta_inf") if layer.batch_norm else ("bias",)
+        layers.append({"weights": layer.weights, "act_fn": layer.act_fn,
+                       "batch_norm": layer.batch_norm,
+                       **{name: getattr(layer, name) for name in used},
+                       **{name: _unpacked(text) for name, text in vectors.items()}})
+    whole = Model.from_arrays(layers, softmax=model.softmax)
+    whole.features, whole.normalisation = model.features, model.normalisation
+    whole.props, whole.notes = dict(model.props), list(model.notes)
+    whole.loss, whole.accuracy = list(model.loss), list(model.accuracy)
+    return whole

@@ -1,0 +1,139 @@
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+import mlnn
+
+TOLERANCE = 1e-5
+ONNX = pytest.importorskip("onnx")
+
+
+def inputs_for(model, frames=20):
+    rng = np.random.default_rng(5)
+    return rng.normal(size=(frames, model.num_inputs)).astype(np.float32)
+
+
+# --- PyTorch ---
+
+@pytest.fixture
+def torch():
+    return pytest.importorskip("torch")
+
+
+def torch_network(torch, *activations):
+    nn = torch.nn
+    torch.manual_seed(1)
+    steps = [nn.Linear(7, 5), nn.BatchNorm1d(5), activations[0], nn.Dropout(0.5),
+             nn.Sequential(nn.Linear(5, 6, bias=False), activations[-1]),
+             nn.Linear(6, 4), nn.BatchNorm1d(4, affine=False), nn.Softmax(dim=1)]
+    module = nn.Sequential(*steps)
+    for _ in range(5):  # gives the running statistics values of their own
+        module(3 * torch.randn(50, 7) + 1)
+    return module.eval()
+
+
+@pytest.mark.parametrize("name", ["Sigmoid", "Tanh", "ReLU", "SiLU", "LeakyReLU", "ELU", "Softplus",
+                                  "Identity"])
+def test_torch_networks_compute_the_same(torch, name):
+    module = torch_network(torch, getattr(torch.nn, name)())
+    model = mlnn.from_torch(module)
+    assert [layer.batch_norm for layer in model.layers] == [True, False, True]
+    assert np.allclose(model.layers[0].gamma, module[1].weight.detach().numpy())
+    inputs = inputs_for(model)
+    with torch.no_grad():
+        expected = module.double()(torch.from_numpy(inputs).double()).numpy()
+    difference = np.abs(model(inputs) - expected).max()
+    print(f"{name}: {difference:.1e}")
+    assert difference < TOLERANCE
+
+
+def test_torch_steps_without_a_place_are_refused_by_name(torch):
+    nn = torch.nn
+    for steps, message in [
+        ([nn.Conv1d(1, 1, 1)], r"0 \(Conv1d\) cannot be represented"),
+        ([nn.Linear(2, 2), nn.LeakyReLU(0.2)], r"1 \(LeakyReLU\): negative_slope is 0.2"),
+        ([nn.Linear(2, 2), nn.ReLU(), nn.BatchNorm1d(2)], r"2 \(BatchNorm1d\): must follow"),
+        ([nn.Linear(2, 2), nn.Softmax(1), nn.ReLU()], r"2 \(ReLU\): nothing can follow"),
+        ([nn.Linear(2, 2), nn.Softmax(0)], r"1 \(Softmax\): dim is 0"),
+        ([nn.Sequential(nn.GELU())], r"0\.0 \(GELU\) cannot be represented"),
+        ([nn.Linear(2, 2), nn.BatchNorm1d(2, track_running_stats=False)], "no running statistics"),
+        ([nn.Linear(2, 2), nn.ReLU(), nn.Tanh()], r"2 \(Tanh\): an activation must follow"),
+    ]:
+        with pytest.raises(mlnn.Error, match=message):
+            mlnn.from_torch(nn.Sequential(*steps))
+    with pytest.raises(mlnn.Error, match="Linear cannot be represented; expected a Sequential"):
+        mlnn.from_torch(nn.Linear(2, 2))
+
+
+# --- scikit-learn ---
+
+@pytest.mark.filterwarnings("ignore::UserWarning")  # the training is cut short
+@pytest.mark.parametrize("classes", [2, 3])
+@pytest.mark.parametrize("activation", ["identity", "logistic", "tanh", "relu"])
+def test_classifiers_give_the_same_probabilities(classes, activation):
+    network = pytest.importorskip("sklearn.neural_network")
+    rng = np.random.default_rng(6)
+    inputs = rng.normal(size=(60, 5))
+    labels = np.arange(60) % classes
+    fitted = network.MLPClassifier((8, 6), activation=activation, max_iter=5).fit(inputs, labels)
+    model = mlnn.from_sklearn(fitted)
+    expected = fitted.predict_proba(inputs)[:, -model.num_outputs:]
+    assert np.abs(model(inputs) - expected).max() < TOLERANCE
+    assert model.props["labels"] == ",".join(map(str, range(classes)))
+    assert len(model.loss) == 5
+
+
+@pytest.mark.filterwarnings("ignore::UserWarning")
+def test_regressors_give_the_same_values_and_others_are_refused():
+    network = pytest.importorskip("sklearn.neural_network")
+    inputs = np.random.default_rng(7).normal(size=(40, 3))
+    fitted = network.MLPRegressor((4,), max_iter=5).fit(inputs, inputs[:, :2])
+    assert np.abs(mlnn.from_sklearn(fitted)(inputs) - fitted.predict(inputs)).max() < TOLERANCE
+    with pytest.raises(mlnn.Error, match="MLPRegressor: is not fitted"):
+        mlnn.from_sklearn(network.MLPRegressor())
+    with pytest.raises(mlnn.Error, match="dict cannot be represented"):
+        mlnn.from_sklearn({})
+
+
+# --- ONNX ---
+
+def test_export_and_import_give_the_model_back(model, tmp_path):
+    model.layers[1].gamma = [3, 4]
+    mlnn.to_onnx(model, tmp_path / "m.onnx")
+    assert mlnn.from_onnx(tmp_path / "m.onnx").__getstate__() == model.__getstate__()
+
+
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_the_digits_survive_the_commands(digits, tmp_path, name):
+    out, back = tmp_path / "m.onnx", tmp_path / "back.txt"
+    for arguments in (["export-onnx", digits / f"{name}.txt", out], ["import-onnx", out, back]):
+        subprocess.run([sys.executable, "-m", "mlnn", *map(str, arguments)], check=True)
+    assert back.read_bytes() == (digits / f"{name}.txt").read_bytes()
+
+
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_another_engine_computes_the_same_from_the_export(digits, tmp_path, name):
+    cv2 = pytest.importorskip("cv2")
+    model = mlnn.load(digits / f"{name}.txt")
+    mlnn.to_onnx(model, tmp_path / "m.onnx")
+    network = cv2.dnn.readNetFromONNX(str(tmp_path / "m.onnx"))
+    worst = 0
+    for path in sorted((digits / "frames").glob("*.npy")):
+        inputs = model.stack(np.load(path))
+        network.setInput(inputs)
+        worst = max(worst, np.abs(network.forward() - model(inputs)).max())
+    print(f"{name}: {worst:.1e}")
+    assert worst < TOLERANCE
+
+
+def test_operators_without_a_place_are_refused_by_name(model):
+    for operator, message in [("Gelu", r"\(Gelu\) cannot be represented"),
+                              ("LogSoftmax", r"\(LogSoftmax\) cannot be represented")]:
+        exported = mlnn.to_onnx(model)
+        exported.graph.node[-1].op_type = operator
+        with pytest.raises(mlnn.Error, match=message):
+            mlnn.from_onnx(exported)
+    with pytest.raises(mlnn.Error, match="not an ONNX model"):
+        mlnn.from_onnx(b"nonsense")

@@ -1,0 +1,353 @@
+import copy
+import csv
+import gc
+import pickle
+import subprocess
+import sys
+import threading
+import warnings
+
+import numpy as np
+import pytest
+from conftest import naive
+
+import mlnn
+
+
+def state(model):
+    return model.__getstate__()
+
+
+# --- Reading and writing ---
+
+def test_a_text_file_comes_back_byte_for_byte(digits, tmp_path):
+    model = mlnn.load(digits / "synth.txt")
+    model.save(tmp_path / "again.txt")
+    assert (tmp_path / "again.txt").read_bytes() == (digits / "synth.txt").read_bytes()
+
+
+def test_an_image_holds_the_layers_bit_for_bit(model):
+    again = mlnn.Model.from_bytes(model.to_bytes())
+    assert [layer._layer.record() for layer in again.layers] == state(model)["layers"]
+    assert again.features == model.features
+    assert again.checksum == model.checksum
+
+
+def test_a_missing_file_is_an_os_error_with_the_librarys_words(tmp_path):
+    with pytest.raises(FileNotFoundError) as caught:
+        mlnn.load(tmp_path / "none")
+    assert caught.value.strerror == ("ERROR: MultiLayerNNModel: could not read file: "
+                                     f"{tmp_path / 'none'}")
+
+
+@pytest.mark.parametrize("data, message", [
+    (b"", "ERROR: MultiLayerNNModel: Could not read header"),
+    (b"MLNN" + bytes(2000), None),
+    (b"MultiLayerNNModel_v2\nnonsense 3\n", None),
+])
+def test_what_is_no_model_is_refused_in_the_librarys_words(data, message):
+    with pytest.raises(mlnn.Error) as caught:
+        mlnn.Model.from_bytes(data)
+    assert str(caught.value).startswith("ERR")
+    if message is not None:
+        assert str(caught.value) == message
+
+
+def test_cut_images_are_refused_at_every_length(model):
+    image = model.to_bytes()
+    for length in range(len(image)):
+        with pytest.raises(mlnn.Error):
+            mlnn.Model.from_bytes(image[:length])
+
+
+def test_a_failed_save_leaves_the_old_file(model, tmp_path):
+    path = tmp_path / "model.txt"
+    path.write_text("old")
+    with pytest.raises(ValueError, match="format must be"):
+        model.save(path, format="other")
+    assert path.read_text() == "old"
+    assert [p.name for p in tmp_path.iterdir()] == ["model.txt"]
+
+
+def test_activations_follow_the_property(digits):
+    model = mlnn.load(digits / "synth-bn.txt")
+    assert [layer.act_fn for layer in model.layers] == ["relu", "relu", "linear"]
+    given = mlnn.load(digits / "synth-bn.txt", act_fn="tanh")
+    assert [layer.act_fn for layer in given.layers] == ["tanh", "tanh", "linear"]
+
+
+def test_missing_activations_are_warned_of(digits):
+    model = mlnn.load(digits / "synth-bn.txt")
+    del model.props["hidden_act_fn"]
+    with pytest.warns(mlnn.Warning, match="does not record the activation of 2 hidden"):
+        again = mlnn.Model.from_bytes(model.to_text())
+    assert [layer.act_fn for layer in again.layers] == ["linear"] * 3
+
+
+# --- Values ---
+
+def test_members_read_and_write_like_lists_and_dictionaries(model):
+    model.notes.append("more")
+    model.notes[0] = "first"
+    assert model.notes == ["first", "", "more"]
+    model.props["new"] = "value"
+    del model.props["name"]
+    assert dict(model.props) == {"new": "value", "odd": "caf\udce9"}
+    model.loss.extend([1, 2])
+    del model.loss[0]
+    assert model.loss == [0.25, 1, 2]
+    assert model.normalisation is None
+    model.normalisation = np.zeros(120), np.ones(120)
+    assert [array.sum() for array in model.normalisation] == [0, 120]
+    with pytest.raises(ValueError, match="expected 120 values, got 3"):
+        model.normalisation = [1, 2, 3], []
+
+
+@pytest.mark.parametrize("layers, message", [
+    ([([[1, 2]], [0]), ([[1, 2]], [0])], "layer 2: 2 inputs after 1 outputs"),
+    ([([[1, 2]], [0, 0])], "layer 1: bias has 2 values for 1 outputs"),
+    ([{"bias": [0]}], "layer 1: weights are missing"),
+    ([{"weights": [[1]], "gamma_inf": [1]}], "layer 1: a batch-norm layer needs gamma_inf and"),
+    ([([[1]], [0], "cube")], "layer 1: no activation 'cube'"),
+    ([([1, 2], [0])], "layer 1: weights: expected 2 dimensions, got shape"),
+])
+def test_arrays_that_make_no_model_are_refused(layers, message):
+    with pytest.raises(ValueError) as caught:
+        mlnn.Model.from_arrays(layers)
+    assert str(caught.value).startswith(message)
+
+
+# --- Pickles and copies ---
+
+def test_pickles_and_copies_are_exact(model):
+    model.layers[0].weights[0, 0] = np.array([0x7FC12345], np.uint32).view(np.float32)[0]
+    for again in pickle.loads(pickle.dumps(model)), copy.deepcopy(model), model.copy():
+        assert state(again) == state(model)
+        again.layers[0].weights[:] = 0
+        assert model.layers[0].weights[1, 1] != 0
+
+
+def test_broken_pickles_are_refused(model):
+    broken = state(model)
+    broken["layers"] = [broken["layers"][0][:-1]]
+    with pytest.raises(ValueError, match="not the record of a layer"):
+        mlnn.Model.__new__(mlnn.Model).__setstate__(broken)
+
+
+# --- Views ---
+
+def test_views_are_the_models_own_values(model):
+    weights = model.layers[0].weights
+    assert weights.shape == (3, 4) and weights.dtype == np.float32 and weights.flags.f_contiguous
+    weights[1, 2] = 42
+    assert model.layers[0].weights[1, 2] == 42
+    before = weights.copy()
+    model *= 2
+    assert (weights == 2 * before).all()
+
+
+def test_a_view_keeps_its_model_alive(model):
+    weights = model.copy().layers[0].weights
+    expected = model.layers[0].weights.copy()
+    gc.collect()
+    junk = [np.full((3, 4), 7, np.float32) for _ in range(1000)]  # would reuse freed memory
+    assert (weights == expected).all() and junk
+
+
+def test_a_view_outlives_its_layers_removal_and_its_model(model):
+    model = model.copy()
+    layer, weights = model.layers[-1], model.layers[-1].weights
+    expected = weights.copy()
+    model.delete_layers(2)
+    del model
+    gc.collect()
+    junk = [np.full((2, 3), 7, np.float32) for _ in range(1000)]
+    assert (weights == expected).all() and junk
+    layer.weights[0, 0] = 5
+    assert weights[0, 0] == 5
+
+
+def test_an_array_never_changes_its_place(model):
+    bias = model.layers[1].bias
+    address = bias.ctypes.data
+    model.layers[1].bias = [7, 8]
+    assert bias.tolist() == [7, 8]
+    with pytest.raises(ValueError, match="shape .* is fixed"):
+        model.layers[1].bias = [1, 2, 3]
+    weights = model.layers[0].weights
+    before = weights.ctypes.data
+    model.fold()
+    assert model.layers[0].weights.ctypes.data == before
+    assert model.layers[1].bias.ctypes.data == address
+
+
+# --- Operations ---
+
+def test_folding_keeps_what_is_computed(model):
+    inputs = np.random.default_rng(2).normal(size=(5, 4)).astype(np.float32)
+    expected = naive(model, inputs)
+    weights = model.layers[0].weights * np.float32([0.5, 1.5, -1])[:, None]
+    with pytest.warns(mlnn.Warning, match="layer is not batch norm: index=1"):
+        model.fold()
+    assert (model.layers[0].weights == weights).all() and not model.layers[0].batch_norm
+    assert np.abs(model(inputs, stacked=True) - expected).max() < 1e-6
+
+
+def test_folding_without_inference_values_is_refused(model):
+    model.layers[0].gamma_inf = [0, 0, 0]
+    with pytest.raises(mlnn.Error, match="gamma_inf is zero in layer with index 0"):
+        model.fold()
+
+
+def test_the_range_of_a_reduction_is_not_printed(model, caplog):
+    with caplog.at_level("INFO", "mlnn"):
+        model.retain_precision_bits(4)
+    assert caplog.messages[0].startswith("v_range ") and caplog.messages[0].endswith("p_range 16")
+    values = np.concatenate([a.ravel() for l in model.layers for a in (l.weights, l.bias)])
+    assert len(np.unique(values)) <= 17
+    with pytest.raises(mlnn.Error, match="bits must be 0 to 31, got 32"):
+        model.retain_precision_bits(32)
+
+
+def test_sums_scales_and_zeros(model):
+    other, twice = model.copy(), model.copy()
+    twice += other
+    assert (twice.layers[0].weights == 2 * model.layers[0].weights).all()
+    twice += twice
+    assert (twice.layers[1].bias == [2, -2]).all()
+    with pytest.raises(mlnn.Error, match=r"wrong number of layers \(2 != 0\)"):
+        twice += mlnn.Model()
+    assert not twice.zeros().layers[0].weights.any()
+
+
+def test_layers_are_made_and_removed(model):
+    made = mlnn.Model()
+    with pytest.raises(mlnn.Error, match="cannot addLayerRndInit without previous hidden layers"):
+        made.add_layer(3)
+    made.create_first_layer(4, 5, 0.1)
+    made.add_layer(2, batch_norm=True)
+    assert made.description == "4,5,2" and made.layers[1].batch_norm
+    with pytest.raises(mlnn.Error, match="cannot createFirstLayer if already have layers"):
+        made.create_first_layer(1, 1)
+    made.delete_layers(1)
+    assert (made.num_inputs, made.num_outputs, len(made.layers)) == (4, 5, 1)
+    with pytest.raises(mlnn.Error, match="cannot delete 2 of 1 layers"):
+        made.delete_layers(2)
+
+
+def test_activations_are_set_by_name(model):
+    model.set_act_fn("relu")
+    assert [layer.act_fn for layer in model.layers] == ["relu", "linear"]
+    model.softmax = False
+    assert not model.softmax
+    with pytest.raises(ValueError, match="no activation 'cube'"):
+        model.layers[0].act_fn = "cube"
+
+
+# --- Running ---
+
+@pytest.mark.parametrize("act_fn", mlnn.ACT_FNS)
+def test_the_forward_pass_agrees_with_numpy(model, act_fn):
+    model.layers[0].act_fn = act_fn
+    inputs = np.random.default_rng(3).normal(size=(17, 4)).astype(np.float32)
+    outputs = model(inputs, stacked=True)
+    assert outputs.dtype == np.float32 and outputs.shape == (17, 2) and outputs.flags.c_contiguous
+    assert np.abs(outputs - naive(model, inputs)).max() < 1e-6
+
+
+def test_every_layout_and_type_gives_the_same(model):
+    inputs = np.random.default_rng(4).normal(size=(6, 4)).astype(np.float32)
+    expected = model(inputs, stacked=True)
+    wide = np.zeros((6, 9), np.float32)
+    wide[:, 3:7] = inputs
+    shifted = np.frombuffer(b"x" + inputs.tobytes(), np.uint8)[1:].view(np.float32).reshape(6, 4)
+    for same in (inputs.astype(np.float64), np.asfortranarray(inputs), wide[:, 3:7],
+                 inputs[::-1][::-1], inputs.tolist(), shifted, inputs.astype(">f4")):
+        assert (model(same, stacked=True) == expected).all()
+    assert (model(inputs[::-1], stacked=True) == expected[::-1]).all()
+    assert (model(np.broadcast_to(inputs[:1], (3, 4)), stacked=True) == expected[0]).all()
+    assert model(inputs[:0], stacked=True).shape == (0, 2)
+
+
+def test_single_frames_are_stacked_as_numpy_does(model):
+    frames = np.arange(10, dtype=np.float32).reshape(5, 2)
+    stacked = np.hstack([frames[[0, 0, 1, 2, 3]], frames])
+    assert (model.stack(frames) == stacked).all()
+    assert (model(frames) == model(stacked)).all()
+    with pytest.raises(ValueError, match=r"frames of 3 values; expected 2 \(single frames\) or 4"):
+        model(np.zeros((1, 3)))
+    with pytest.raises(ValueError, match=r"expected 2 \(single frames\)$"):
+        model(stacked, stacked=False)
+
+
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_the_digits_are_decided_rightly(digits, name):
+    model = mlnn.load(digits / f"{name}.txt")
+    with open(digits / "labels.csv", newline="") as file:
+        rows = list(csv.DictReader(file))
+    assert len(rows) == 30
+    worst = 0
+    for row in rows:
+        stem = row["file"].removesuffix(".wav").removesuffix(".npy")
+        outputs = model(np.load(digits / "frames" / f"{stem}.npy"))
+        expected = np.load(digits / f"posteriors-{name}" / f"{stem}.npy")
+        worst = max(worst, np.abs(outputs - expected).max())
+        scores = np.log(np.maximum(outputs.astype(np.float64), 1e-30)).sum(axis=0)
+        assert scores.argmax() == int(row[f"predicted_{name}"])
+    print(f"{name}: largest difference {worst:.2e}")
+    assert worst < 1e-4
+
+
+def test_a_model_without_layers_says_so():
+    with pytest.raises(mlnn.Error, match="model has no layers"):
+        mlnn.Model()(np.zeros((1, 3)))
+
+
+def test_threads_share_a_model_while_one_changes_it(model):
+    inputs = np.zeros((50, 4), np.float32)
+    failures = []
+
+    def run():
+        for _ in range(100):
+            try:
+                model(inputs, stacked=True)
+            except mlnn.Error as error:
+                if "layer" not in str(error):
+                    failures.append(error)
+            except ValueError:
+                pass  # no layers at that moment
+
+    threads = [threading.Thread(target=run) for _ in range(3)]
+    for thread in threads:
+        thread.start()
+    for _ in range(100):
+        kept = model.layers[-1]
+        model.delete_layers(1)
+        model.add_layer(2)
+        kept.weights[:] = 1
+    for thread in threads:
+        thread.join()
+    assert failures == []
+
+
+def test_the_interpreter_is_free_while_a_model_runs():
+    model = mlnn.Model.from_arrays([(np.ones((600, 600)), np.zeros(600))] * 4)
+    running, counted = threading.Event(), 0
+    thread = threading.Thread(target=lambda: (model(np.ones((800, 600)), True), running.set()))
+    thread.start()
+    while not running.is_set():
+        counted += 1
+    thread.join()
+    assert counted > 100
+
+
+def test_nothing_reaches_descriptor_2(digits):
+    """In a process of its own, whose descriptor 2 is read whole."""
+    code = ("import mlnn, warnings; warnings.simplefilter('ignore')\n"
+            f"m = mlnn.load({str(digits / 'synth-bn.txt')!r})\n"
+            "m.fold(); m.fold(); m.retain_precision_bits(8); mlnn.Model.from_bytes(m.to_bytes())\n"
+            "try: mlnn.load('/nowhere')\n"
+            "except OSError as error: print(error.strerror)\n")
+    done = subprocess.run([sys.executable, "-c", code], capture_output=True, check=True)
+    assert done.stderr == b""
+    assert done.stdout == b"ERROR: MultiLayerNNModel: could not read file: /nowhere\n"
