@@ -26,6 +26,7 @@
 
 #include "features/ContextWindow.h"
 #include "layers/Messages.h"
+#include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace py = pybind11;
@@ -464,9 +465,21 @@ py::bytes features(Core& core) {
   return py::bytes(reinterpret_cast<const char*>(&desc), sizeof desc);
 }
 
-void setFeatures(Core& core, const std::string& bytes) {
+DbnFeatureDescription descriptionOf(const std::string& bytes) {
   if (bytes.size() != sizeof(DbnFeatureDescription)) throw py::value_error("20 bytes expected");
-  const DbnFeatureDescription desc = mlnn::featureDescriptionFromBytes(bytes.data());
+  return mlnn::featureDescriptionFromBytes(bytes.data());
+}
+
+// Returns the text form and the lengths of a frame and of an input vector.
+py::tuple describe(const std::string& bytes) {
+  const DbnFeatureDescription desc = descriptionOf(bytes);
+  std::string text;
+  desc.serialize(text);
+  return py::make_tuple(text, desc.frameLen(), desc.featLen());
+}
+
+void setFeatures(Core& core, const std::string& bytes) {
+  const DbnFeatureDescription desc = descriptionOf(bytes);
   write(core, [&desc](MultiLayerNNModel& model) { model.featureDesc = desc; });
 }
 
@@ -584,7 +597,6 @@ void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
       .def("checksum", reader<uint32_t>([](Model m) { return m.checksum(); }))
       .def("description", reader<std::string>([](Model m) { return m.description(); }))
       .def("debug_description", reader<std::string>([](Model m) { return m.debug_description(); }))
-      .def("frame_len", reader<int>([](Model m) { return m.featureDesc.frameLen(); }))
       .def("features", &features)
       .def("set_features", &setFeatures)
       .def("props", &propsOf)
@@ -603,7 +615,12 @@ PYBIND11_MODULE(_mlnn, module) {
   module.doc() = "The binding under the package mlnn; use that.";
   module.attr("version") = MLNN_VERSION;
   module.attr("NORM_LENGTH") = static_cast<int>(MelDeltasNorm::kLength);
+  module.attr("MINVALS_MARKER") = mlnn::kMinvalsMarker;
+  module.attr("NORMVALS_MARKER") = mlnn::kNormvalsMarker;
+  module.attr("FEAT_DESC_MARKER") = mlnn::kFeatDescMarker;
+  module.attr("FEAT_DESC_TOOL_MARKER") = mlnn::kFeatDescToolMarker;
   module.def("act_fns", &actFnNames);
+  module.def("describe", &describe);
   module.def("seed_random", &seedRandom);
   module.def("load", &load);
   module.def("parse", &parse);

@@ -17,6 +17,7 @@ import dataclasses
 import logging
 import os
 import struct
+import sys
 import tempfile
 import warnings
 from collections.abc import Iterable, Mapping, MutableMapping, MutableSequence, Sequence
@@ -58,6 +59,14 @@ def _bytes(text: str) -> bytes:
     return text.encode("utf-8", "surrogateescape")
 
 
+def _warn(text: str) -> None:
+    """Warns, at the line of the caller that is not of this package."""
+    level, frame = 1, sys._getframe()
+    while frame.f_back is not None and frame.f_globals.get("__package__") == __package__:
+        level, frame = level + 1, frame.f_back
+    warnings.warn(text, Warning, stacklevel=level)
+
+
 def _hear(result: int, messages: bytes, failed=lambda result, text: result != 0) -> None:
     """Makes Python's what a call said: an exception, warnings, lines of a log."""
     text = _str(messages).rstrip("\n")
@@ -65,7 +74,7 @@ def _hear(result: int, messages: bytes, failed=lambda result, text: result != 0)
         raise Error(text or "refused, without a reason")
     for line in text.splitlines():
         if line.startswith("Warning: "):
-            warnings.warn(line.removeprefix("Warning: "), Warning, stacklevel=4)
+            _warn(line.removeprefix("Warning: "))
         else:
             _log.info("%s", line.removeprefix("info: "))
 
@@ -118,6 +127,20 @@ class FeatureDescription:
     def _unpack(cls, data: bytes) -> FeatureDescription:
         left, right, width, kind, reserved, deltas, kernels, bands = cls._LAYOUT.unpack(data)
         return cls(bands, left, right, deltas, kernels, width, kind, reserved)
+
+    @property
+    def frame_len(self) -> int:
+        """The values of one frame; 0: not stated."""
+        return _mlnn.describe(self._pack())[1]
+
+    @property
+    def feat_len(self) -> int:
+        """The values of an input vector: a frame with its context. 0: not stated."""
+        return _mlnn.describe(self._pack())[2]
+
+    def __str__(self) -> str:
+        """The text form, as model files have it."""
+        return _mlnn.describe(self._pack())[0]
 
     def _pack(self) -> bytes:
         try:
@@ -271,6 +294,13 @@ class Layer:
         """Whether the layer is a batch-norm layer."""
         return self._layer.batch_norm
 
+    def _used(self) -> tuple[str, ...]:
+        """The arrays that a layer of this kind computes or is trained with."""
+        return ("weights", "bias") if not self.batch_norm else ("weights", *_VECTORS[1:])
+
+    def _unused(self) -> tuple[str, ...]:
+        return tuple(name for name in _VECTORS if name not in self._used())
+
     @property
     def num_inputs(self) -> int:
         return self.weights.shape[1]
@@ -360,20 +390,23 @@ class Model:
         model._complete_activations(data[:len(_VERSION_1_HEADER)], act_fn)
         return model
 
-    def _complete_activations(self, head: bytes, given: str | None) -> None:
-        if given is not None:
-            _act_fn(given)
+    def _unrecorded_activations(self, head: bytes, given: str | None):
+        """The hidden layers whose activation the file that begins so does not record, and the
+        name that they take: the given one, or the property's; None without either."""
         if head.startswith(_IMAGE_MAGIC):
-            return
+            return [], None
         version_1 = head.startswith(_VERSION_1_HEADER)
         unrecorded = [layer for layer in self.layers[:-1] if version_1 or layer.batch_norm]
+        name = self.props.get(_HIDDEN_ACT_FN) if given is None else _act_fn(given)
+        return unrecorded, name if name in ACT_FNS else None
+
+    def _complete_activations(self, head: bytes, given: str | None) -> None:
+        unrecorded, name = self._unrecorded_activations(head, given)
         if not unrecorded:
             return
-        name = self.props.get(_HIDDEN_ACT_FN) if given is None else given
-        if name not in ACT_FNS:
-            warnings.warn(f"the file does not record the activation of {len(unrecorded)} hidden "
-                          f"layer(s), and no property {_HIDDEN_ACT_FN} names one; they are taken "
-                          "as linear", Warning, stacklevel=3)
+        if name is None:
+            _warn(f"the file does not record the activation of {len(unrecorded)} hidden layer(s), "
+                  f"and no property {_HIDDEN_ACT_FN} names one; they are taken as linear")
             return
         for layer in unrecorded:
             layer.act_fn = name
@@ -386,19 +419,27 @@ class Model:
         image could not be read. Raises Error for a model above 2^31 - 1 bytes.
         """
         whole = self.copy()
-        _hear(*whole._core.complete_norm())
+        whole._core.complete_norm()
         result, messages, image = whole._core.image()
         _hear(result, messages)
         return image
 
     def to_text(self) -> bytes:
-        """The text, whose numbers read back exactly. See docs/text-format.md for what it holds."""
-        return self._core.text()
+        """The text, as save writes it; numbers read back exactly.
 
-    def save(self, path: str | os.PathLike, format: str | None = None) -> None:
+        What a text has only in lines of notes and properties is put there: the feature
+        description, the normalisation, the activation of hidden batch-norm layers. What it
+        cannot hold at all is left out; save tells what that is.
+        Raises Error where the text could not be read again, as with values that are not finite.
+        """
+        return self._written("text")[0]
+
+    def save(self, path: str | os.PathLike, format: str | None = None,
+             strict: bool = False) -> None:
         """Writes a file: "text" or "image", or as the name's suffix says (.txt; .mlnn, .bin).
 
-        The file appears when it is complete; where that fails, an older one stays.
+        Warns of what the format cannot hold; with `strict` that raises Error, and nothing is
+        written. The file appears when it is complete; where that fails, an older one stays.
         """
         suffix = os.path.splitext(os.fsdecode(path))[1]
         if format is None:
@@ -406,7 +447,17 @@ class Model:
                       "image" if suffix in _IMAGE_SUFFIXES else None)
         if format not in ("text", "image"):
             raise ValueError('format must be "text" or "image", or the suffix .txt, .mlnn or .bin')
-        _write_whole(path, self.to_text() if format == "text" else self.to_bytes())
+        data, lost = self._written(format)
+        if lost and strict:
+            raise Error("nothing written: " + "; ".join(lost))
+        _write_whole(path, data)
+        for line in lost:
+            _warn(line)
+
+    def _written(self, format: str) -> tuple[bytes, list[str]]:
+        from . import _fit
+        ready, lost = _fit.fit(self, format)
+        return ready._core.text() if format == "text" else ready.to_bytes(), lost
 
     @classmethod
     def from_arrays(cls, layers: Iterable, softmax: bool = True) -> Model:
@@ -460,6 +511,13 @@ class Model:
 
     def __deepcopy__(self, memo):
         return self.copy()
+
+    def _take_surroundings(self, other: Model) -> None:
+        """Takes over everything of another model but its layers."""
+        self._core.restore_softmax(other.softmax)
+        self.features, self.normalisation = other.features, other.normalisation
+        self.props, self.notes = other.props, other.notes
+        self.loss, self.accuracy = other.loss, other.accuracy
 
     def __getstate__(self) -> dict:
         core = self._core
@@ -663,7 +721,7 @@ class Model:
         makes the model's inputs.
         """
         if self.features.num_bands != 0:
-            return self._core.frame_len()
+            return self.features.frame_len
         return NORM_LENGTH if self._makes_inputs(NORM_LENGTH) else 0
 
     def _makes_inputs(self, width: int) -> bool:

@@ -269,7 +269,5 @@ def _with_vectors(model: Model, idle: list[dict[str, str]]) -> Model:
                        **{name: getattr(layer, name) for name in used},
                        **{name: _unpacked(text) for name, text in vectors.items()}})
     whole = Model.from_arrays(layers, softmax=model.softmax)
-    whole.features, whole.normalisation = model.features, model.normalisation
-    whole.props, whole.notes = dict(model.props), list(model.notes)
-    whole.loss, whole.accuracy = list(model.loss), list(model.accuracy)
+    whole._take_surroundings(model)
     return whole

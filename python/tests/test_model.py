@@ -1,5 +1,6 @@
 import copy
 import csv
+import dataclasses
 import gc
 import pickle
 import subprocess
@@ -77,11 +78,72 @@ def test_activations_follow_the_property(digits):
 
 
 def test_missing_activations_are_warned_of(digits):
-    model = mlnn.load(digits / "synth-bn.txt")
-    del model.props["hidden_act_fn"]
+    text = (digits / "synth-bn.txt").read_bytes().replace(b"# NVP hidden_act_fn relu\n", b"")
     with pytest.warns(mlnn.Warning, match="does not record the activation of 2 hidden"):
-        again = mlnn.Model.from_bytes(model.to_text())
+        again = mlnn.Model.from_bytes(text)
     assert [layer.act_fn for layer in again.layers] == ["linear"] * 3
+
+
+# --- What the formats hold ---
+
+def test_a_text_takes_what_it_has_place_for_only_in_its_head(model, tmp_path):
+    model.normalisation = np.full(120, -1.5), np.full(120, 0.1)
+    model.features = mlnn.FeatureDescription(num_bands=2, win_size_left=1)
+    model.notes = ["first", "TRAIN rbm_train -deltas_norm_minvals 1,2", "last"]
+    with pytest.warns(mlnn.Warning, match="^the text format does not hold 1 note line$"):
+        model.save(tmp_path / "m.txt")
+    again = mlnn.load(tmp_path / "m.txt")
+    assert again.features == model.features and str(again.features).startswith("mel_deltas:bands=2")
+    assert [a.tolist() for a in again.normalisation] == [a.tolist() for a in model.normalisation]
+    assert [layer.act_fn for layer in again.layers] == ["tanh", "linear"]
+    assert again.props == {**model.props, "hidden_act_fn": "tanh"}
+    assert [note[:12] for note in again.notes] == ["first", "last", "nn_tune feat", "TRAIN rbm_tr",
+                                                   "TRAIN rbm_tr"]
+    assert model.notes[1].startswith("TRAIN") and "hidden_act_fn" not in model.props
+
+
+def test_what_an_image_leaves_out_is_warned_of_and_refused_when_strict(model, tmp_path):
+    model.normalisation = np.zeros(120), np.ones(120)
+    lost = ["a binary image does not hold 2 note lines",
+            "a binary image does not hold 2 properties (name, odd)",
+            "a binary image does not hold the loss curve (2 values)",
+            "a binary image does not hold the accuracy curve (1 value)"]
+    with pytest.raises(mlnn.Error, match="nothing written: a binary image does not hold 2 note"):
+        model.save(tmp_path / "m.mlnn", strict=True)
+    assert list(tmp_path.iterdir()) == []
+    model.props["odd"] = "even"
+    with pytest.warns(mlnn.Warning) as warned:
+        model.save(tmp_path / "m.mlnn")
+    assert [str(w.message) for w in warned] == lost
+    assert {w.filename for w in warned} == {__file__}
+    assert (tmp_path / "m.mlnn").read_bytes() == model.to_bytes()
+
+
+def test_what_a_text_leaves_out_is_warned_of(model, tmp_path):
+    model.notes.append("NVP is no note")
+    model.props["two words"] = "x"
+    model.features = dataclasses.replace(model.features, reserved=7)
+    model.layers[0].bias = [1, 2, 3]
+    with pytest.warns(mlnn.Warning) as warned:
+        model.save(tmp_path / "m.txt")
+    assert [str(w.message).removeprefix("the text format does not hold ") for w in warned] == [
+        "1 note line", "1 property (two words)",
+        f"the feature description {model.features}, which becomes {model.features}",
+        "the unused bias of batch-norm layer 1"]
+
+
+def test_texts_that_could_not_be_read_are_refused(model):
+    model.loss[0] = float("nan")
+    with pytest.raises(mlnn.Error, match="^the loss curve: the text format has no way to write"):
+        model.to_text()
+    model.loss = []
+    model.layers[1].weights[0, 0] = np.inf
+    with pytest.raises(mlnn.Error, match="^weights of layer 2: the text format has no way"):
+        model.to_text()
+    model.layers[1].weights[0, 0] = 0
+    model.notes = ["a\nlayer"]
+    with pytest.raises(mlnn.Error, match="so that it can be read: ERROR: "):
+        model.to_text()
 
 
 # --- Values ---
@@ -176,7 +238,8 @@ def test_an_array_never_changes_its_place(model):
         model.layers[1].bias = [1, 2, 3]
     weights = model.layers[0].weights
     before = weights.ctypes.data
-    model.fold()
+    with pytest.warns(mlnn.Warning):
+        model.fold()
     assert model.layers[0].weights.ctypes.data == before
     assert model.layers[1].bias.ctypes.data == address
 
