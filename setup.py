@@ -2,6 +2,7 @@
 
     pip install --no-build-isolation --no-index .
 """
+import os
 import pathlib
 import re
 import subprocess
@@ -22,7 +23,8 @@ class CMakeBuild(build_ext):
                         "-DBUILD_SHARED_LIBS=OFF", "-DMLNN_BUILD_PYTHON=ON", "-DMLNN_BUILD_TOOL=OFF",
                         "-DMLNN_BUILD_TESTS=OFF", "-DMLNN_INSTALL=OFF",
                         f"-DPython3_EXECUTABLE={sys.executable}"], check=True)
-        subprocess.run(["cmake", "--build", build, "--target", "_mlnn"], check=True)
+        subprocess.run(["cmake", "--build", build, "--target", "_mlnn",
+                        "--parallel", str(os.cpu_count() or 1)], check=True)
         built, = (build / "python" / "mlnn").glob("_mlnn*.so")
         target.parent.mkdir(parents=True, exist_ok=True)
         self.copy_file(str(built), str(target))
