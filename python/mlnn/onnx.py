@@ -132,9 +132,18 @@ def from_onnx(source: str | os.PathLike | bytes | onnx.ModelProto) -> Model:
                 data = file.read()
         try:
             proto = onnx.load_model_from_string(data)
+            onnx.checker.check_model(proto)
         except Exception as error:  # protobuf's own kinds, which onnx does not hide
             raise Error(f"not an ONNX model: {error}") from None
     return _Importer(proto).run()
+
+
+def _name_of(node) -> str:
+    return f"{node.name or ''.join(node.output[:1])} ({node.op_type})"
+
+
+def _attributes(node) -> dict:
+    return {a.name: helper.get_attribute_value(a) for a in node.attribute}
 
 
 class _Importer:
@@ -144,6 +153,7 @@ class _Importer:
         self._graph = proto.graph
         self._metadata = {entry.key: entry.value for entry in proto.metadata_props}.get(_METADATA)
         self._network = Network()
+        self._gate = None  # a sigmoid that may be part of a SiLU: its name, and its input
         self._constants = {}
         for tensor in self._graph.initializer:
             if tensor.data_location == TensorProto.EXTERNAL:
@@ -162,45 +172,62 @@ class _Importer:
         if len(inputs) != 1 or len(self._graph.output) != 1:
             raise Error(f"expected one input and one output, found {len(inputs)} and "
                         f"{len(self._graph.output)}")
-        value, gate = inputs[0], None
+        value = inputs[0]
         for node in self._graph.node:
-            if node.op_type == "Constant":
-                self._take_constant(node)
-                continue
-            name = f"{node.name or node.output[0]} ({node.op_type})"
-            if gate is not None:
-                if node.op_type != "Mul" or set(node.input) != {value, gate[1]}:
-                    if value in node.input:
-                        raise Error(f"{name}: branches cannot be represented")
-                    self._network.activation(gate[0], "sigmoid")
-                    value, gate = gate[1], None
-                else:
-                    self._network.activation(name, "silu")
-                    value, gate = node.output[0], None
-                    continue
-            if node.domain not in ("", "ai.onnx") or value not in node.input[:2]:
-                raise Error(f"{name} cannot be represented")
-            if node.op_type == "Sigmoid":  # perhaps the gate of a SiLU
-                gate = (name, node.output[0])
-                continue
-            self._take(node, name, value)
-            value = node.output[0]
-        if gate is not None:
-            self._network.activation(gate[0], "sigmoid")
-            value = gate[1]
+            if not self._is_constant(node):
+                value = self._follow(node, value)
+        self._close_gate()
         if value != self._graph.output[0].name:
             raise Error(f"the output {self._graph.output[0].name} is not where the chain ends")
         return self._restore(self._network.model())
 
-    def _take_constant(self, node) -> None:
-        for attribute in node.attribute:
-            if attribute.name == "value":
-                self._constants[node.output[0]] = self._values(node.name, attribute.t)
-                return
-        raise Error(f"{node.name or node.output[0]} (Constant): only a tensor is read")
+    def _is_constant(self, node) -> bool:
+        """Whether the node takes nothing but constants. Its output is one more of them then."""
+        name = _name_of(node)
+        if node.op_type == "Constant":
+            value, = [a.t for a in node.attribute if a.name == "value"] or [None]
+            if value is None:
+                raise Error(f"{name}: only a tensor is read")
+            self._constants[node.output[0]] = self._values(name, value)
+            return True
+        if not all(other in self._constants for other in node.input):
+            return False
+        values = [self._constants[other] for other in node.input]
+        if node.op_type == "Identity" and len(values) == 1:
+            self._constants[node.output[0]] = values[0]
+        elif node.op_type == "Transpose" and len(values) == 1 and values[0].ndim == 2:
+            order = _attributes(node).get("perm", [1, 0])
+            self._constants[node.output[0]] = values[0].T if list(order) == [1, 0] else values[0]
+        else:
+            raise Error(f"{name}: of constants alone cannot be represented")
+        return True
+
+    def _follow(self, node, value: str) -> str:
+        """Takes the next node of the chain that has come to `value`, and returns its output."""
+        name = _name_of(node)
+        if self._gate is not None and node.op_type == "Mul":
+            gate, before = self._gate
+            if set(node.input) == {before, value}:
+                self._gate = None
+                self._network.activation(name, "silu")
+                return node.output[0]
+        self._close_gate()
+        if node.domain not in ("", "ai.onnx") or list(node.input).count(value) != 1:
+            raise Error(f"{name} cannot be represented")
+        if node.op_type == "Sigmoid":
+            self._gate = name, value
+        else:
+            self._take(node, name, value)
+        return node.output[0]
+
+    def _close_gate(self) -> None:
+        """A sigmoid whose output did not turn out to gate its input is an activation."""
+        if self._gate is not None:
+            self._network.activation(self._gate[0], "sigmoid")
+        self._gate = None
 
     def _take(self, node, name: str, value: str) -> None:
-        attributes = {a.name: helper.get_attribute_value(a) for a in node.attribute}
+        attributes = _attributes(node)
         constants = [self._constants.get(other) for other in node.input if other != value]
         kind = node.op_type
         if any(constant is None for constant in constants):
@@ -229,7 +256,10 @@ class _Importer:
             elif kind == "Elu":
                 parameter(name, "alpha", attributes.get("alpha", 1.0), ELU_ALPHA)
             self._network.activation(name, _ACT_FNS[kind])
-        elif kind not in ("Identity", "Dropout"):
+        elif kind == "Dropout":
+            if len(constants) > 1 and constants[1].any():
+                raise Error(f"{name}: training_mode cannot be represented")
+        elif kind != "Identity":
             raise Error(f"{name} cannot be represented")
 
     def _gemm(self, node, name, value, constants, attributes) -> None:

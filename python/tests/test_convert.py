@@ -1,13 +1,20 @@
+import os
 import subprocess
 import sys
 
 import numpy as np
 import pytest
 
+from conftest import naive
+
 import mlnn
 
 TOLERANCE = 1e-5
 ONNX = pytest.importorskip("onnx")
+
+
+def state(model):
+    return model.__getstate__()
 
 
 def inputs_for(model, frames=20):
@@ -113,19 +120,92 @@ def test_the_digits_survive_the_commands(digits, tmp_path, name):
     assert back.read_bytes() == (digits / f"{name}.txt").read_bytes()
 
 
+def recordings(digits, model):
+    paths = sorted((digits / "frames").glob("*.npy"))
+    assert len(paths) == 30
+    return [model.stack(np.load(path)) for path in paths]
+
+
 @pytest.mark.parametrize("name", ["synth", "synth-bn"])
-def test_another_engine_computes_the_same_from_the_export(digits, tmp_path, name):
+def test_another_engine_computes_the_models_outputs_from_the_export(digits, tmp_path, name):
+    """Both engines compute in single precision, each with its own order of additions, so each is
+    compared with double precision; against each other both errors add up."""
     cv2 = pytest.importorskip("cv2")
     model = mlnn.load(digits / f"{name}.txt")
     mlnn.to_onnx(model, tmp_path / "m.onnx")
     network = cv2.dnn.readNetFromONNX(str(tmp_path / "m.onnx"))
-    worst = 0
-    for path in sorted((digits / "frames").glob("*.npy")):
-        inputs = model.stack(np.load(path))
+    worst = apart = 0
+    for inputs in recordings(digits, model):
         network.setInput(inputs)
-        worst = max(worst, np.abs(network.forward() - model(inputs)).max())
-    print(f"{name}: {worst:.1e}")
+        outputs = network.forward()
+        worst = max(worst, np.abs(outputs - naive(model, inputs)).max())
+        apart = max(apart, np.abs(outputs - model(inputs)).max())
+    print(f"{name}: OpenCV differs from double precision by {worst:.1e}, from mlnn by {apart:.1e}")
     assert worst < TOLERANCE
+    assert apart < 2 * TOLERANCE
+
+
+def recompute(torch, graph, inputs):
+    """What an ONNX graph of the operators that the export uses gives, by PyTorch."""
+    functional = torch.nn.functional
+    values = {tensor.name: torch.from_numpy(ONNX.numpy_helper.to_array(tensor).copy()).double()
+              for tensor in graph.initializer}
+    values["inputs"] = torch.from_numpy(inputs).double()
+    operators = {
+        "Gemm": lambda a, x, w, b=None: functional.linear(x, w, b),
+        "BatchNormalization": lambda a, x, scale, shift, mean, var:
+            functional.batch_norm(x, mean, var, scale, shift, eps=a["epsilon"]),
+        "Sigmoid": lambda a, x: torch.sigmoid(x), "Tanh": lambda a, x: torch.tanh(x),
+        "Relu": lambda a, x: torch.relu(x), "Softplus": lambda a, x: functional.softplus(x),
+        "LeakyRelu": lambda a, x: functional.leaky_relu(x, a["alpha"]),
+        "Elu": lambda a, x: functional.elu(x, a["alpha"]), "Mul": lambda a, x, y: x * y,
+        "Softmax": lambda a, x: torch.softmax(x, a["axis"])}
+    for node in graph.node:
+        attributes = {a.name: ONNX.helper.get_attribute_value(a) for a in node.attribute}
+        values[node.output[0]] = operators[node.op_type](attributes, *(values[i] for i in node.input))
+    return values["outputs"].numpy()
+
+
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_pytorch_recomputes_the_digits_from_the_export(torch, digits, name):
+    model = mlnn.load(digits / f"{name}.txt")
+    graph = mlnn.to_onnx(model).graph
+    worst = exact = 0
+    for inputs in recordings(digits, model):
+        outputs = recompute(torch, graph, inputs)
+        exact = max(exact, np.abs(outputs - naive(model, inputs)).max())
+        worst = max(worst, np.abs(outputs - model(inputs)).max())
+    print(f"{name}: PyTorch differs from double precision by {exact:.1e}, from mlnn by {worst:.1e}")
+    assert exact < 1e-6  # leaves what 0.01 as a single-precision slope does
+    assert worst < 2 * TOLERANCE
+
+
+@pytest.mark.parametrize("act_fn", mlnn.ACT_FNS)
+def test_other_engines_know_every_activation_of_the_export(torch, model, tmp_path, act_fn):
+    cv2 = pytest.importorskip("cv2")
+    for layer in model.layers:
+        layer.act_fn = act_fn
+    exported = mlnn.to_onnx(model, tmp_path / "m.onnx")
+    network = cv2.dnn.readNetFromONNX(str(tmp_path / "m.onnx"))
+    inputs = inputs_for(model)
+    network.setInput(inputs)
+    outputs = model(inputs, stacked=True)
+    assert np.abs(network.forward() - outputs).max() < TOLERANCE
+    assert np.abs(recompute(torch, exported.graph, inputs) - outputs).max() < TOLERANCE
+    assert state(mlnn.from_onnx(exported)) == state(model)
+
+
+@pytest.mark.parametrize("opset", [9, 13, 16])
+@pytest.mark.parametrize("name", ["Sigmoid", "Tanh", "ReLU", "SiLU", "LeakyReLU", "ELU", "Softplus"])
+def test_what_pytorch_exports_can_be_imported(torch, tmp_path, name, opset):
+    module = torch_network(torch, getattr(torch.nn, name)())
+    torch.onnx.export(module, torch.zeros(3, 7), tmp_path / "t.onnx", opset_version=opset,
+                      do_constant_folding=False, input_names=["x"], dynamic_axes={"x": {0: "n"}})
+    model = mlnn.from_onnx(tmp_path / "t.onnx")
+    inputs = inputs_for(model)
+    with torch.no_grad():
+        expected = module(torch.from_numpy(inputs)).numpy()
+    assert np.abs(model(inputs) - expected).max() < TOLERANCE
 
 
 def test_operators_without_a_place_are_refused_by_name(model):
@@ -137,3 +217,31 @@ def test_operators_without_a_place_are_refused_by_name(model):
             mlnn.from_onnx(exported)
     with pytest.raises(mlnn.Error, match="not an ONNX model"):
         mlnn.from_onnx(b"nonsense")
+
+
+def test_broken_files_are_refused_without_another_error(model):
+    """Every byte of an export changed, one at a time: an error of the module, or a model."""
+    exported = bytearray(mlnn.to_onnx(model).SerializeToString())
+    refused = 0
+    for place in range(len(exported)):
+        broken = exported.copy()
+        broken[place] ^= 0x5A
+        try:
+            mlnn.from_onnx(bytes(broken))
+        except mlnn.Error:
+            refused += 1
+    print(f"{refused} of {len(exported)} refused")
+    assert refused > len(exported) / 4
+
+
+def test_graphs_that_are_no_chain_are_refused(model):
+    exported = mlnn.to_onnx(model)
+    add = ONNX.helper.make_node("Add", ["softmax", "softmax"], ["outputs"], "twice")
+    exported.graph.node[-1].output[0] = "softmax"
+    exported.graph.node.append(add)
+    with pytest.raises(mlnn.Error, match=r"twice \(Add\) cannot be represented"):
+        mlnn.from_onnx(exported)
+    exported = mlnn.to_onnx(model)
+    exported.graph.output[0].name = "layer1.affine"
+    with pytest.raises(mlnn.Error, match="layer1.affine is not where the chain ends"):
+        mlnn.from_onnx(exported)
