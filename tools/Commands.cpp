@@ -10,6 +10,7 @@
 #include "tools/FoldCommand.h"
 #include "tools/InfoCommand.h"
 #include "tools/NewCommand.h"
+#include "tools/OnnxCommands.h"
 #include "tools/PlotCommand.h"
 #include "tools/ReduceCommand.h"
 #include "tools/RunCommand.h"
@@ -31,6 +32,8 @@ void addCommands(Tool& tool) {
   addCompareCommand(tool);
   addBudgetCommand(tool);
   addPlotCommand(tool);
+  addExportOnnxCommand(tool);
+  addImportOnnxCommand(tool);
 }
 
 }  // namespace mlnn

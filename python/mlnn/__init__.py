@@ -774,7 +774,11 @@ def _as_mapping(layer) -> Mapping:
 def _write_whole(path, data: bytes) -> None:
     """Writes a file that appears when it is complete."""
     path = os.path.realpath(os.fsdecode(path))
-    with tempfile.NamedTemporaryFile(dir=os.path.dirname(path), delete=False) as file:
+    try:
+        unnamed = tempfile.NamedTemporaryFile(dir=os.path.dirname(path), delete=False)
+    except OSError as error:
+        raise type(error)(error.errno, error.strerror, path) from None
+    with unnamed as file:
         try:
             file.write(data)
             file.flush()

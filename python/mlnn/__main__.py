@@ -22,16 +22,27 @@ def _parser() -> argparse.ArgumentParser:
     return parser
 
 
+def _line_of(error: Exception) -> str:
+    """The line that the tool prints of a failure."""
+    text = str(error)
+    if isinstance(error, OSError) and error.strerror:
+        text = error.strerror
+        if not text.startswith("ERR"):
+            text = f"{error.filename}: {text}"
+    return text if text.startswith("ERR") else f"ERROR: {text}"
+
+
 def main(arguments: list[str] | None = None) -> int:
     options = _parser().parse_args(arguments)
     warnings.showwarning = lambda message, *rest: print(f"Warning: {message}", file=sys.stderr)
+    warnings.simplefilter("always", mlnn.Warning)
     try:
         if options.command == "export-onnx":
             mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out)
         else:
             mlnn.from_onnx(options.onnx).save(options.out)
-    except (OSError, ValueError) as error:
-        print(f"mlnn: {error}", file=sys.stderr)
+    except (ImportError, OSError, ValueError) as error:
+        print(_line_of(error), file=sys.stderr)
         return 1
     return 0
 

@@ -9,6 +9,7 @@ from __future__ import annotations
 import base64
 import json
 import os
+import warnings
 
 import numpy as np
 import onnx
@@ -131,10 +132,13 @@ def from_onnx(source: str | os.PathLike | bytes | onnx.ModelProto) -> Model:
             with open(source, "rb") as file:
                 data = file.read()
         try:
-            proto = onnx.load_model_from_string(data)
+            with warnings.catch_warnings():
+                warnings.simplefilter("ignore", RuntimeWarning)  # of the decoder, which then fails
+                proto = onnx.load_model_from_string(data)
             onnx.checker.check_model(proto)
         except Exception as error:  # protobuf's own kinds, which onnx does not hide
-            raise Error(f"not an ONNX model: {error}") from None
+            reason = str(error).strip().partition("\n")[0]
+            raise Error(f"not an ONNX model: {reason}") from None
     return _Importer(proto).run()
 
 

@@ -112,12 +112,36 @@ def test_export_and_import_give_the_model_back(model, tmp_path):
     assert mlnn.from_onnx(tmp_path / "m.onnx").__getstate__() == model.__getstate__()
 
 
+@pytest.fixture(params=["package", "tool"])
+def command(request):
+    """Runs a command by the package, and by the tool, which hands it over."""
+    start = [sys.executable, "-m", "mlnn"]
+    if request.param == "tool":
+        if "MLNN_TOOL" not in os.environ:
+            pytest.skip("MLNN_TOOL does not name the tool")
+        start = [os.environ["MLNN_TOOL"]]
+
+    def run(*arguments):
+        done = subprocess.run([*start, *map(str, arguments)], capture_output=True, text=True,
+                              env={**os.environ, "MLNN_PYTHON": sys.executable})
+        return done.returncode, done.stdout, done.stderr
+    return run
+
+
 @pytest.mark.parametrize("name", ["synth", "synth-bn"])
-def test_the_digits_survive_the_commands(digits, tmp_path, name):
+def test_the_digits_survive_the_commands(digits, tmp_path, name, command):
     out, back = tmp_path / "m.onnx", tmp_path / "back.txt"
-    for arguments in (["export-onnx", digits / f"{name}.txt", out], ["import-onnx", out, back]):
-        subprocess.run([sys.executable, "-m", "mlnn", *map(str, arguments)], check=True)
+    assert command("export-onnx", digits / f"{name}.txt", out) == (0, "", "")
+    assert command("import-onnx", out, back) == (0, "", "")
     assert back.read_bytes() == (digits / f"{name}.txt").read_bytes()
+
+
+def test_the_commands_refuse_in_one_line(digits, tmp_path, command):
+    assert command("export-onnx", "none.txt", tmp_path / "m.onnx") == (
+        1, "", "ERROR: MultiLayerNNModel: could not read file: none.txt\n")
+    status, out, err = command("import-onnx", digits / "synth.txt", tmp_path / "m.txt")
+    assert (status, out, err.count("\n")) == (1, "", 1) and err.startswith("ERROR: not an ONNX")
+    assert list(tmp_path.iterdir()) == []
 
 
 def recordings(digits, model):

@@ -66,6 +66,9 @@ def test_a_failed_save_leaves_the_old_file(model, tmp_path):
     path.write_text("old")
     with pytest.raises(ValueError, match="format must be"):
         model.save(path, format="other")
+    with pytest.raises(FileNotFoundError) as caught:
+        model.save(tmp_path / "none" / "model.txt")
+    assert caught.value.filename == str(tmp_path / "none" / "model.txt")
     assert path.read_text() == "old"
     assert [p.name for p in tmp_path.iterdir()] == ["model.txt"]
 

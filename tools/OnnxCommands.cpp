@@ -1,0 +1,112 @@
+#include "tools/OnnxCommands.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/Escape.h"
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+constexpr char kNeedsPython[] =
+    "The work is done by the Python package mlnn, which needs Debian's python3-onnx. The\n"
+    "interpreter is python3, or what --python or MLNN_PYTHON names.";
+
+struct Options {
+  std::string in;
+  std::string out;
+  std::string python = "python3";
+  std::string actFn;  // "" when not given
+};
+
+// Becomes the interpreter that runs the command of the Python package. Returns never.
+// Throws: Failure when the interpreter cannot be started.
+int runPython(const std::string& python, const std::vector<std::string>& command) {
+  std::vector<std::string> line = {python, "-m", "mlnn"};
+  line.insert(line.end(), command.begin(), command.end());
+  std::vector<char*> arguments;
+  for (std::string& word : line) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  setenv("PYTHONSAFEPATH", "1", 0);  // a folder `mlnn` where the user stands is not the package
+  execvp(python.c_str(), arguments.data());
+  throw Failure("cannot run " + escaped(python) + ": " + std::strerror(errno) +
+                "; ONNX is read and written by the Python package mlnn");
+}
+
+void addPythonOption(CLI::App& command, Options& options) {
+  command.add_option("--python", options.python, "Python interpreter that has the package mlnn")
+      ->envname("MLNN_PYTHON")
+      ->type_name("PROGRAM")
+      ->capture_default_str();
+}
+
+CommandHelp exportHelp() {
+  CommandHelp help;
+  help.name = "export-onnx";
+  help.summary = "Writes a model as ONNX";
+  help.details =
+      "The graph maps input vectors (normalised frames with their context) to outputs. Notes,\n"
+      "properties, curves, the normalisation and the feature description travel as metadata, so\n"
+      "that import-onnx gives the model back.\n"
+      "\n" +
+      std::string(kNeedsPython);
+  help.examples = "mlnn export-onnx model.txt model.onnx";
+  return help;
+}
+
+CommandHelp importHelp() {
+  CommandHelp help;
+  help.name = "import-onnx";
+  help.summary = "Writes an ONNX file as a model";
+  help.details =
+      "Takes a chain of Gemm, MatMul, Add, BatchNormalization, Sigmoid, Tanh, Relu, LeakyRelu,\n"
+      "Elu, Softplus, Mul with a Sigmoid, and a Softmax at the end. Whatever else there is, is\n"
+      "refused by its name.\n"
+      "\n" +
+      std::string(kNeedsPython);
+  help.examples = "mlnn import-onnx model.onnx model.mlnn";
+  return help;
+}
+
+int runExport(const Options& options) {
+  std::vector<std::string> command = {"export-onnx"};
+  if (!options.actFn.empty()) command.push_back("--act-fn=" + options.actFn);
+  command.insert(command.end(), {"--", options.in, options.out});
+  return runPython(options.python, command);
+}
+
+int runImport(const Options& options) {
+  return runPython(options.python, {"import-onnx", "--", options.in, options.out});
+}
+
+}  // namespace
+
+void addExportOnnxCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(exportHelp(), [options] { return runExport(*options); });
+  command.add_option("MODEL", options->in, "Model of either format")->required();
+  command.add_option("OUT", options->out, "ONNX file to write")->required();
+  command
+      .add_option("--act-fn", options->actFn,
+                  "Activation of the hidden layers whose file records none")
+      ->type_name("NAME");
+  addPythonOption(command, *options);
+}
+
+void addImportOnnxCommand(Tool& tool) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = tool.addCommand(importHelp(), [options] { return runImport(*options); });
+  command.add_option("ONNX", options->in, "ONNX file to read")->required();
+  command.add_option("OUT", options->out, "Model to write: NAME.txt, NAME.mlnn or NAME.bin")
+      ->required();
+  addPythonOption(command, *options);
+}
+
+}  // namespace mlnn
