@@ -38,6 +38,15 @@ def test_the_features_of_the_training_are_those_of_the_digits(digits):
     assert worst < 1e-4
 
 
+def test_a_cluster_of_two_workers_scores_as_one_process_does(digits):
+    pytest.importorskip("distributed")
+    script = EXAMPLES / "cluster" / "score_folder.py"
+    single = run(script, digits / "synth.txt", digits / "frames")
+    assert single.count("\n") == 31
+    assert "3_en-us_f4,42,3,-0.09" in single
+    assert run(script, digits / "synth.txt", digits / "frames", "--workers", 2, "--batch", 3) == single
+
+
 def test_a_short_training_ends_in_a_model_that_computes_the_same(tmp_path):
     for module in "torch", "scipy":
         pytest.importorskip(module)
