@@ -161,11 +161,13 @@ void take(MultiLayerNNModel& model, std::unique_ptr<NNLayer> layer) {
   layer.release();
 }
 
-// Appends a layer of zeros.
+// Appends a layer of zeros, with those vectors that its kind uses. The others are empty.
 void appendLayer(Core& core, int numInputs, int numOutputs, bool batchNorm) {
   if (numInputs < 0 || numOutputs < 0) throw py::value_error("a layer's size is negative");
   write(core, [=](MultiLayerNNModel& model) {
-    take(model, std::make_unique<NNLayer>(numInputs, numOutputs, batchNorm));
+    auto layer = std::make_unique<NNLayer>(numInputs, numOutputs, batchNorm);
+    if (batchNorm) layer->bias.resize(0);
+    take(model, std::move(layer));
   });
 }
 

@@ -303,10 +303,12 @@ class Layer:
 
     @property
     def num_inputs(self) -> int:
+        """The columns of `weights`."""
         return self.weights.shape[1]
 
     @property
     def num_outputs(self) -> int:
+        """The rows of `weights`."""
         return self.weights.shape[0]
 
     def __eq__(self, other):
@@ -635,10 +637,12 @@ class Model:
 
     @property
     def num_inputs(self) -> int:
+        """The values of an input vector: the first layer's inputs; 0 without layers."""
         return self._core.num_inputs()
 
     @property
     def num_outputs(self) -> int:
+        """The last layer's outputs; 0 without layers."""
         return self._core.num_outputs()
 
     @property
@@ -693,7 +697,10 @@ class Model:
         return self.layers[-1]
 
     def delete_layers(self, count: int) -> Model:
-        """Removes layers from the output end. Those that are held elsewhere go on living alone."""
+        """Removes layers from the output end. Those that are held elsewhere go on living alone.
+
+        Returns the model. Raises Error where there are fewer layers; nothing changes then.
+        """
         if not 0 <= count <= len(self.layers):
             raise Error(f"cannot delete {count} of {len(self.layers)} layers")
         _hear(*self._core.delete_layers(count))
@@ -736,6 +743,8 @@ class Model:
         their neighbours. Frames as wide as `num_inputs` are input vectors already; where both
         fit they are single, unless `stacked` is true. `stacked=False` refuses input vectors.
         A float32 array whose frames' values lie side by side is not copied, nor is the result.
+        Other threads of Python run meanwhile.
+        Raises ValueError for frames of another width, Error where the layers do not fit each other.
         """
         frames = _frames(frames)
         width, single = frames.shape[1], self.frame_width
@@ -755,7 +764,11 @@ class Model:
         return " or ".join(filter(None, wanted)) or "nothing: the model tells no width of frames"
 
     def stack(self, frames) -> np.ndarray:
-        """The input vectors of one recording's single frames: normalised, with their context."""
+        """The input vectors of one recording's single frames: normalised, with their context.
+
+        Frames x values in, frames x inputs out, float32; frames before the first or after the
+        last repeat it. Raises ValueError where such frames do not make the model's inputs.
+        """
         return self._core.stack(_frames(frames))
 
     def __repr__(self):
@@ -806,7 +819,8 @@ def load(path: str | os.PathLike, act_fn: str | None = None) -> Model:
 
 
 def seed_random(seed: int) -> None:
-    """Restarts the random source of new layers."""
+    """Restarts the random source that create_first_layer and add_layer draw from. It is one for
+    all threads, and starts with the same seed in every process."""
     _mlnn.seed_random(seed)
 
 

@@ -289,7 +289,7 @@ class _Importer:
             model.props, model.notes = around["props"], around["notes"]
             model.loss, model.accuracy = _unpacked(around["loss"]), _unpacked(around["accuracy"])
             return _with_vectors(model, around["idle_vectors"])
-        except (KeyError, TypeError, ValueError, AttributeError) as error:
+        except (KeyError, TypeError, ValueError, AttributeError, RecursionError) as error:
             raise Error(f"broken metadata {_METADATA!r}: {error}") from None
 
 

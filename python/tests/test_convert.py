@@ -108,8 +108,18 @@ def test_regressors_give_the_same_values_and_others_are_refused():
 
 def test_export_and_import_give_the_model_back(model, tmp_path):
     model.layers[1].gamma = [3, 4]
+    model.layers[0].bias = [1, 2, 3]
+    assert model.layers[1].beta.size == 0
     mlnn.to_onnx(model, tmp_path / "m.onnx")
-    assert mlnn.from_onnx(tmp_path / "m.onnx").__getstate__() == model.__getstate__()
+    assert state(mlnn.from_onnx(tmp_path / "m.onnx")) == state(model)
+
+
+@pytest.mark.parametrize("value", ["[" * 100000, "{}", "null", '{"features": {"num_bands": "x"}}'])
+def test_broken_metadata_is_refused(model, value):
+    exported = mlnn.to_onnx(model)
+    exported.metadata_props[0].value = value
+    with pytest.raises(mlnn.Error, match="^broken metadata 'mlnn': "):
+        mlnn.from_onnx(exported)
 
 
 @pytest.fixture(params=["package", "tool"])

@@ -6,7 +6,8 @@ import pickle
 import subprocess
 import sys
 import threading
-import warnings
+import time
+import tracemalloc
 
 import numpy as np
 import pytest
@@ -397,14 +398,42 @@ def test_threads_share_a_model_while_one_changes_it(model):
 
 
 def test_the_interpreter_is_free_while_a_model_runs():
+    """The main thread runs in the middle half of a call that another thread makes: a call that
+    kept the interpreter's lock would leave no moment there."""
     model = mlnn.Model.from_arrays([(np.ones((600, 600)), np.zeros(600))] * 4)
-    running, counted = threading.Event(), 0
-    thread = threading.Thread(target=lambda: (model(np.ones((800, 600)), True), running.set()))
+    frames = np.ones((8000, 600), np.float32)
+    times = []
+
+    def call():
+        times.append(time.perf_counter())
+        model(frames, stacked=True)
+        times.append(time.perf_counter())
+
+    thread = threading.Thread(target=call)
     thread.start()
-    while not running.is_set():
-        counted += 1
-    thread.join()
-    assert counted > 100
+    moments = []
+    while thread.is_alive():
+        moments.append(time.perf_counter())
+    begin, end = times
+    quarter = (end - begin) / 4
+    assert any(begin + quarter < moment < end - quarter for moment in moments)
+
+
+@pytest.mark.parametrize("stacked", [True, False])
+def test_frames_are_not_copied_where_their_layout_allows(digits, stacked):
+    model = mlnn.load(digits / "synth.txt")
+    frames = np.zeros((5000, 600 if stacked else 120), np.float32)
+
+    def taken(given):
+        tracemalloc.start()
+        model(given)
+        peak = tracemalloc.get_traced_memory()[1]
+        tracemalloc.stop()
+        return peak
+
+    assert taken(frames) < 10000
+    assert taken(frames[::2]) < 10000
+    assert taken(np.asfortranarray(frames)) > frames.nbytes
 
 
 def test_nothing_reaches_descriptor_2(digits):
