@@ -248,6 +248,40 @@ def test_an_array_never_changes_its_place(model):
     assert model.layers[1].bias.ctypes.data == address
 
 
+VECTORS = ["bias", "gamma", "beta", "gamma_inf", "beta_inf"]
+OPERATIONS = [
+    lambda m, rng: m.delete_layers(min(len(m.layers), int(rng.integers(3)))),
+    lambda m, rng: m.add_layer(int(rng.integers(1, 9)), batch_norm=bool(rng.integers(2)))
+    if len(m.layers) else m.create_first_layer(int(rng.integers(1, 9)), int(rng.integers(1, 9))),
+    lambda m, rng: m.fold(), lambda m, rng: m.zeros(), lambda m, rng: m.__imul__(2),
+    lambda m, rng: m.__iadd__(m), lambda m, rng: m.retain_precision_bits(4),
+    lambda m, rng: m.copy(), lambda m, rng: pickle.loads(pickle.dumps(m)),
+    lambda m, rng: setattr(m.layers[-1], str(rng.choice(VECTORS)), np.ones(m.num_outputs)),
+]
+
+
+@pytest.mark.filterwarnings("ignore::mlnn.Warning")
+def test_views_stay_good_through_any_operations():
+    """Holds views of everything that a random walk comes by, and writes and reads them all after
+    each step. Under sanitizers, a view of freed memory would end the run."""
+    rng = np.random.default_rng(8)
+    views = []
+    for _ in range(30):
+        model = mlnn.Model()
+        for _ in range(40):
+            try:
+                made = OPERATIONS[rng.integers(len(OPERATIONS))](model, rng)
+            except (mlnn.Error, IndexError):
+                continue
+            model = made if isinstance(made, mlnn.Model) and rng.integers(2) else model
+            views += [getattr(layer, name) for layer in model.layers
+                      for name in ["weights", str(rng.choice(VECTORS))]]
+            views = [views[i] for i in rng.permutation(len(views))[:100]]
+            for view in views:
+                view[...] = 3
+                assert (view == 3).all()
+
+
 # --- Operations ---
 
 def test_folding_keeps_what_is_computed(model):
