@@ -32,6 +32,7 @@ int runPython(const std::string& python, const std::vector<std::string>& command
   std::vector<std::string> line = {python, "-m", "mlnn"};
   line.insert(line.end(), command.begin(), command.end());
   std::vector<char*> arguments;
+  arguments.reserve(line.size() + 1);
   for (std::string& word : line) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   setenv("PYTHONSAFEPATH", "1", 0);  // a folder `mlnn` where the user stands is not the package

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 
 namespace {
 
@@ -21,6 +22,7 @@ std::vector<double> bandEdges() {
   const double lowest = melOf(kLowestFrequency);
   const double step = (melOf(kHighestFrequency) - lowest) / (kBands + 1);
   std::vector<double> edges;
+  edges.reserve(kBands + 2);
   for (int i = 0; i < kBands + 2; ++i) edges.push_back(hertzOf(lowest + i * step));
   return edges;
 }
@@ -71,7 +73,7 @@ struct MelSpectrum::Transform {
   Transform& operator=(const Transform&) = delete;
 
   std::array<double, kSpectrum> samples{};  // zeros after the frame's own
-  std::array<double, 2 * kBins> spectrum{};
+  std::array<std::complex<double>, kBins> spectrum{};
   fftw_plan plan;
 };
 
@@ -97,15 +99,11 @@ Bands MelSpectrum::of(const double* samples) {
   std::transform(window_.begin(), window_.end(), samples, transform_->samples.begin(),
                  [](double weight, double sample) { return weight * sample; });
   fftw_execute(transform_->plan);
-  const double* const spectrum = transform_->spectrum.data();
   Bands energies;
   for (std::size_t b = 0; b < bands_.size(); ++b) {
     double energy = 0;
-    const double* bin = spectrum + 2 * bands_[b].firstBin;
-    for (const double weight : bands_[b].weights) {
-      energy += weight * (bin[0] * bin[0] + bin[1] * bin[1]);
-      bin += 2;
-    }
+    auto bin = transform_->spectrum.begin() + bands_[b].firstBin;
+    for (const double weight : bands_[b].weights) energy += weight * std::norm(*bin++);
     energies[b] = std::log(energy + kEnergyFloor);
   }
   return energies;

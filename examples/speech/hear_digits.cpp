@@ -92,9 +92,7 @@ void hear(const std::string& sound, MultiLayerNNModel& model, const Options& opt
   printer.finish(sound);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("Tells the digits that are spoken in sound files, or on the standard input");
   Options options;
   app.add_option("MODEL", options.model, "Network, text or image")->required();
@@ -105,13 +103,19 @@ int main(int argc, char** argv) {
   app.add_flag("--posteriors", options.posteriors, "Print all posteriors of each frame");
   app.add_flag("--decisions", options.decisionsOnly, "Print no frames, only what was said");
   CLI11_PARSE(app, argc, argv);
+  MultiLayerNNModel model;
+  loadNetwork(options.model, model);
+  for (const std::string& sound : options.sounds) hear(sound, model, options);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    MultiLayerNNModel model;
-    loadNetwork(options.model, model);
-    for (const std::string& sound : options.sounds) hear(sound, model, options);
+    return run(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "ERROR: %s\n", error.what());
     return 1;
   }
-  return 0;
 }
