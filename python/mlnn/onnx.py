@@ -139,7 +139,12 @@ def from_onnx(source: str | os.PathLike | bytes | onnx.ModelProto) -> Model:
         except Exception as error:  # protobuf's own kinds, which onnx does not hide
             reason = str(error).strip().partition("\n")[0]
             raise Error(f"not an ONNX model: {reason}") from None
-    return _Importer(proto).run()
+    try:
+        return _Importer(proto).run()
+    except Error:
+        raise
+    except ValueError as error:  # NumPy's, of shapes and types
+        raise Error(f"the graph does not fit together: {error}") from None
 
 
 def _name_of(node) -> str:

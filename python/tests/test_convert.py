@@ -268,6 +268,22 @@ def test_broken_files_are_refused_without_another_error(model):
     assert refused > len(exported) / 4
 
 
+@pytest.mark.parametrize("name, values", [
+    ("layer1.weights", np.zeros((3, 5), np.float32)), ("layer1.gamma_inf", np.zeros(2, np.float32)),
+    ("layer1.mean", np.zeros(2, np.float32)), ("layer2.bias", np.zeros(3, np.float32)),
+    ("layer2.weights", np.zeros((2, 3, 1), np.float32)), ("layer2.weights", np.zeros(6, np.float32)),
+    ("layer2.weights", np.array([["a"] * 3] * 2, object))])
+def test_constants_that_do_not_fit_are_refused(model, name, values):
+    exported = mlnn.to_onnx(model)
+    tensor, = [t for t in exported.graph.initializer if t.name == name]
+    tensor.CopyFrom(ONNX.numpy_helper.from_array(values, name))
+    if name == "layer1.weights":  # fits the graph, but not the model's metadata
+        assert mlnn.from_onnx(exported).num_inputs == 5
+        return
+    with pytest.raises(mlnn.Error):
+        mlnn.from_onnx(exported)
+
+
 def test_graphs_that_are_no_chain_are_refused(model):
     exported = mlnn.to_onnx(model)
     add = ONNX.helper.make_node("Add", ["softmax", "softmax"], ["outputs"], "twice")
