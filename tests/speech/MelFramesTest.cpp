@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Core>
+#include <algorithm>
 #include <cmath>
+#include <iostream>
 #include <string>
 #include <vector>
 
