@@ -13,6 +13,7 @@
 
 class DbnFeatureDescription {
  public:
+  // What the frames are made of.
   enum FeatType : uint8_t { MelDeltas = 0 };
 
   int32_t winSizeLeft;      // frames of context before the current one

@@ -16,6 +16,7 @@ class TrainingNotes {
   // The stored lines, oldest first, without the "# " that stands before them in a file.
   std::vector<std::string> lines;
 
+  // New notes have no lines; copies have the other's, and what was moved from has none.
   TrainingNotes();
   TrainingNotes(const TrainingNotes& other);
   TrainingNotes(TrainingNotes&& other) noexcept;

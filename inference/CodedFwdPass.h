@@ -31,8 +31,8 @@ enum class CodesFor { kSpeed, kMemory };
 // Thread-safety: one object serves one thread at a time.
 class CodedFwdPass : public FwdPass {
  public:
-  static constexpr int kMinBits = 1;
-  static constexpr int kMaxBits = 8;
+  static constexpr int kMinBits = 1;  // of a code
+  static constexpr int kMaxBits = 8;  // of a code
 
   // Makes a forward pass over codes of `bits` bits. The model stays as it is.
   // Returns: null, after an error line, when `bits` is not kMinBits to kMaxBits, or the model

@@ -32,6 +32,7 @@ struct LayerResult {
 // that does not change may run in several threads.
 class NNFwdPassFromFile : public FwdPass {
  public:
+  // Keeps a reference to the model and allocates nothing: that is left to the first evaluation.
   explicit NNFwdPassFromFile(MultiLayerNNModel& model);
 
   int numInputs() const override;

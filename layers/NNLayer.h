@@ -25,8 +25,8 @@ class NNLayer {
   Eigen::VectorXf beta;       // outputs; learned shift
   Eigen::VectorXf gamma_inf;  // outputs; scale at inference time
   Eigen::VectorXf beta_inf;   // outputs; shift at inference time
-  ActFn::ActFn actFn;
-  bool isBatchNorm;
+  ActFn::ActFn actFn;         // follows the affine part
+  bool isBatchNorm;           // decides which arrays count
 
   // An empty plain layer: every array has size 0.
   NNLayer();
@@ -42,6 +42,7 @@ class NNLayer {
   // REQUIRES: numInputs and numOutputs are not negative.
   NNLayer(int numInputs, int numOutputs, float initScale, bool batchNorm);
 
+  // Take over all eight fields; a layer that was moved from has arrays of size 0.
   NNLayer(const NNLayer& other);
   NNLayer(NNLayer&& other) noexcept;
   ~NNLayer();

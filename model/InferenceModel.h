@@ -26,6 +26,7 @@ class InferenceModel {
   // Returns the number of output units.
   virtual int numOutputs() const = 0;
 
+  // Return what the model expects of its inputs.
   virtual DbnFeatureDescription& getFeatureDesc() { return featureDesc; }
   virtual const DbnFeatureDescription& getFeatureDesc() const { return featureDesc; }
 
