@@ -9,6 +9,7 @@
 #include "inference/ActivationFormulas-inl.h"
 #include "inference/LayerView.h"
 #include "inference/VectorOps-inl.h"
+#include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -25,7 +26,7 @@ void finishColumn(const float* scale, const float* shift, std::size_t count, flo
     const Vec v = hn::MulAdd(factor, hn::LoadU(d, y + i), hn::LoadU(d, shift + i));
     hn::StoreU(Function::apply(v), d, y + i);
   }
-  if (i == count) return;
+  if (kLanes == 1 || i == count) return;
   const FirstLanes rest(count - i);
   const Vec factor = scale == nullptr ? one : rest.load(scale + i);
   const Vec v = hn::MulAdd(factor, rest.load(y + i), rest.load(shift + i));
@@ -39,7 +40,7 @@ void activateColumn(float* values, std::size_t count) {
   for (; i + kLanes <= count; i += kLanes) {
     hn::StoreU(Function::apply(hn::LoadU(d, values + i)), d, values + i);
   }
-  if (i == count) return;
+  if (kLanes == 1 || i == count) return;
   const FirstLanes rest(count - i);
   rest.store(Function::apply(rest.load(values + i)), values + i);
 }
@@ -66,9 +67,20 @@ struct ActivationLoops {
   void (*activate)(float* values, std::size_t count);
 };
 
+// The same as finishColumn, in less code.
+template <typename Function>
+void finishInTwoLoops(const float* scale, const float* shift, std::size_t count, float* y) {
+  finishColumn<Linear>(scale, shift, count, y);
+  activateColumn<Function>(y, count);
+}
+
 template <typename Function>
 constexpr ActivationLoops loopsOf() {
-  return {finishColumn<Function>, activateColumn<Function>};
+  if constexpr (kBuiltForSize) {
+    return {finishInTwoLoops<Function>, activateColumn<Function>};
+  } else {
+    return {finishColumn<Function>, activateColumn<Function>};
+  }
 }
 
 HWY_INLINE const ActivationLoops& loopsFor(ActFn::ActFn fn) {

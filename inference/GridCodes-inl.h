@@ -13,6 +13,7 @@
 #include "inference/GridCodes.h"
 #include "inference/LayerView.h"
 #include "inference/VectorOps-inl.h"
+#include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -71,7 +72,7 @@ class Decoder {
 
 // A strip is as many vectors of a panel's rows as have room in the registers.
 constexpr int kPanelOfVectors = static_cast<int>(kCodedPanelRows / kLanes);
-constexpr int kCodedVectors = kPanelOfVectors < 8 ? kPanelOfVectors : 8;
+constexpr int kCodedVectors = std::min(kPanelOfVectors, kBuiltForSize ? 4 : 8);
 
 // Which rows of a panel and which bytes of a column a strip takes.
 template <bool kHalves>

@@ -18,9 +18,14 @@
 
 #include "inference/Activations-inl.h"
 #include "inference/Kernels.h"
+#include "inference/ScalarOps.h"
+#include "layers/BuiltForSize.h"
+#if MLNN_BUILT_FOR_SIZE
+#include "inference/MatrixForSize-inl.h"
+#else
 #include "inference/MatrixFrames-inl.h"
 #include "inference/MatrixVector-inl.h"
-#include "inference/ScalarOps.h"
+#endif
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {

@@ -14,6 +14,7 @@
 #include "inference/Kernels.h"
 #include "inference/LayerView.h"
 #include "inference/VectorOps-inl.h"
+#include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -28,6 +29,13 @@ template <int F>
 constexpr int stripVectors() {
   constexpr int kSums = kManyRegisters ? 24 : 12;
   return F == 1 ? 8 : std::min(kSums / F, 6);
+}
+
+// How many of so many frames are swept together: as many as there are, up to kSweepFrames. Built
+// for size there are loops for one frame and for four.
+constexpr std::size_t sweptAtOnce(std::size_t frames) {
+  if (kBuiltForSize) return frames < 4 ? 1 : 4;
+  return std::min(frames, kSweepFrames);
 }
 
 // What a sweep reads and writes.
@@ -62,6 +70,18 @@ HWY_INLINE bool isSwept(const LayerView& layer, std::size_t frames) {
          layer.rows * layer.cols * sizeof(float) >= kThirdLevelBytes;
 }
 
+// Loads vector `r` of R of a column; `end` is behind all weights. Built for size, when small layers
+// are swept too, the weights of the next columns may fill up the last vector: no store takes them.
+template <bool kPartial, int R>
+HWY_INLINE Vec loadWeights(const float* column, int r, const FirstLanes& last,
+                           [[maybe_unused]] const float* end) {
+  if constexpr (kBuiltForSize && kPartial && !kLoadsParts) {
+    const float* const from = column + static_cast<std::size_t>(r) * kLanes;
+    if (end - from >= static_cast<std::ptrdiff_t>(kLanes)) return hn::LoadU(Tag(), from);
+  }
+  return loadRow<kPartial, R>(column, r, last);
+}
+
 // Some columns for R vectors of rows from `row` on, and F frames. The chains that these columns do
 // not end are kept in `chains`. Fetches the same rows of the columns of the next sweep; behind the
 // last one that does nothing.
@@ -80,14 +100,17 @@ HWY_INLINE void sweepStrip(LayerView layer, Sweep sweep, SweptColumns columns, s
     }
   }
   const std::size_t stride = layer.rows;
+  const float* const end = layer.weights + layer.cols * stride;
   const float* w = layer.weights + columns.first * stride + row;
   const float* x = sweep.x + columns.first;
   for (std::size_t k = 0; k < columns.count; ++k, w += stride, ++x) {
     Vec wk[R];
     HWY_UNROLL(8)
     for (int r = 0; r < R; ++r) {
-      __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
-      wk[r] = loadRow<kPartial, R>(w, r, last);
+      if constexpr (!kBuiltForSize) {
+        __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
+      }
+      wk[r] = loadWeights<kPartial, R>(w, r, last, end);
     }
     HWY_UNROLL(8)
     for (int f = 0; f < F; ++f) {
@@ -124,7 +147,7 @@ void sweepColumns(LayerView layer, Sweep sweep, SweptColumns columns, std::size_
   for (; row + kLanes <= end; row += kLanes, chains += kLanes * F) {
     sweepStrip<false, 1, F>(layer, sweep, columns, row, chains, all);
   }
-  if (row == end) return;
+  if (kLanes == 1 || row == end) return;
   sweepStrip<true, 1, F>(layer, sweep, columns, row, chains, FirstLanes(end - row));
 }
 
@@ -146,12 +169,14 @@ void sweepRows(const LayerView& layer, const Sweep& sweep, float* scratch) {
   }
 }
 
-// The results of a layer whose weights stream through. `scratch` has room for a value for each
+// The results of a layer, whose weights may stream through. `scratch` has room for a value for each
 // row, or for kPanelFloats values where there are several frames.
+// REQUIRES: sweptAtOnce(sweep.frames) is sweep.frames.
 void sweepLayer(const LayerView& layer, const Sweep& sweep, float* scratch) {
   static constexpr void (*kSweeps[kSweepFrames])(const LayerView&, const Sweep&, float*) = {
-      sweepRows<1>, sweepRows<2>, sweepRows<3>, sweepRows<4>,
-      sweepRows<5>, sweepRows<6>, sweepRows<7>, sweepRows<8>};
+      sweepRows<sweptAtOnce(1)>, sweepRows<sweptAtOnce(2)>, sweepRows<sweptAtOnce(3)>,
+      sweepRows<sweptAtOnce(4)>, sweepRows<sweptAtOnce(5)>, sweepRows<sweptAtOnce(6)>,
+      sweepRows<sweptAtOnce(7)>, sweepRows<sweptAtOnce(8)>};
   kSweeps[sweep.frames - 1](layer, sweep, scratch);
   finishLayer(layer, 0, layer.rows, sweep.y, sweep.yStride, sweep.frames);
 }

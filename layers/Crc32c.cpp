@@ -4,6 +4,8 @@
 #include <array>
 #include <cstring>
 
+#include "layers/BuiltForSize.h"
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <nmmintrin.h>
 #define MLNN_CRC32C_HARDWARE __attribute__((target("sse4.2")))
@@ -43,6 +45,10 @@ constexpr SliceTables makeSliceTables() {
 
 constexpr SliceTables kSliceTables = makeSliceTables();
 
+// Built for size, one table is all that stays.
+constexpr Table kFirstTable = kSliceTables[0];
+constexpr const Table& kByteTable = kBuiltForSize ? kFirstTable : kSliceTables[0];
+
 uint32_t wordAt(const unsigned char* bytes) {
   uint32_t word;
   std::memcpy(&word, bytes, sizeof word);
@@ -51,13 +57,16 @@ uint32_t wordAt(const unsigned char* bytes) {
 
 uint32_t updateByTables(uint32_t state, const unsigned char* bytes, std::size_t count) {
   const SliceTables& t = kSliceTables;
-  for (; count >= kSlices; bytes += kSlices, count -= kSlices) {
-    const uint32_t low = state ^ wordAt(bytes);
-    const uint32_t high = wordAt(bytes + 4);
-    state = t[7][low & 0xFF] ^ t[6][low >> 8 & 0xFF] ^ t[5][low >> 16 & 0xFF] ^ t[4][low >> 24] ^
-            t[3][high & 0xFF] ^ t[2][high >> 8 & 0xFF] ^ t[1][high >> 16 & 0xFF] ^ t[0][high >> 24];
+  if (!kBuiltForSize) {
+    for (; count >= kSlices; bytes += kSlices, count -= kSlices) {
+      const uint32_t low = state ^ wordAt(bytes);
+      const uint32_t high = wordAt(bytes + 4);
+      state = t[7][low & 0xFF] ^ t[6][low >> 8 & 0xFF] ^ t[5][low >> 16 & 0xFF] ^ t[4][low >> 24] ^
+              t[3][high & 0xFF] ^ t[2][high >> 8 & 0xFF] ^ t[1][high >> 16 & 0xFF] ^
+              t[0][high >> 24];
+    }
   }
-  for (; count > 0; ++bytes, --count) state = state >> 8 ^ t[0][(state ^ *bytes) & 0xFF];
+  for (; count > 0; ++bytes, --count) state = state >> 8 ^ kByteTable[(state ^ *bytes) & 0xFF];
   return state;
 }
 
@@ -67,7 +76,8 @@ uint32_t updateByTables(uint32_t state, const unsigned char* bytes, std::size_t 
 //
 // One takes three cycles, but three can be under way. So long stretches are cut into three
 // strands, whose states are joined: the state after some bytes and N more is the state after the
-// bytes and N zeros, exclusive-or the state after the N bytes alone.
+// bytes and N zeros, exclusive-or the state after the N bytes alone. Built for size there is one
+// strand, since the tables for joining take more than all other code here.
 
 // The product of two polynomials modulo kPolynomial.
 constexpr uint32_t multiply(uint32_t a, uint32_t b) {
@@ -157,11 +167,13 @@ MLNN_CRC32C_HARDWARE inline uint32_t takeStrands(uint32_t state, const unsigned 
 
 MLNN_CRC32C_HARDWARE uint32_t updateByInstruction(uint32_t state, const unsigned char* bytes,
                                                   std::size_t count) {
-  for (; count >= 3 * kLongStrand; bytes += 3 * kLongStrand, count -= 3 * kLongStrand) {
-    state = takeStrands(state, bytes, kLongStrand, kLongZeros);
-  }
-  for (; count >= 3 * kShortStrand; bytes += 3 * kShortStrand, count -= 3 * kShortStrand) {
-    state = takeStrands(state, bytes, kShortStrand, kShortZeros);
+  if (!kBuiltForSize) {
+    for (; count >= 3 * kLongStrand; bytes += 3 * kLongStrand, count -= 3 * kLongStrand) {
+      state = takeStrands(state, bytes, kLongStrand, kLongZeros);
+    }
+    for (; count >= 3 * kShortStrand; bytes += 3 * kShortStrand, count -= 3 * kShortStrand) {
+      state = takeStrands(state, bytes, kShortStrand, kShortZeros);
+    }
   }
   for (; count >= sizeof(Word); bytes += sizeof(Word), count -= sizeof(Word)) {
     state = takeWordAt(state, bytes);
