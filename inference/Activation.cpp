@@ -5,7 +5,3 @@
 void mlnn::applyActivation(ActFn::ActFn fn, Eigen::Ref<Eigen::VectorXf> values) {
   bestKernels().activate(fn, values.data(), static_cast<std::size_t>(values.size()));
 }
-
-void mlnn::applySoftmax(Eigen::Ref<Eigen::VectorXf> values) {
-  bestKernels().softmax(values.data(), static_cast<std::size_t>(values.size()));
-}

@@ -35,7 +35,9 @@ struct Kernels {
   // Replaces every value x by fn(x).
   void (*activate)(ActFn::ActFn fn, float* values, std::size_t count);
 
-  // Replaces the values by exp(x) / sum(exp(x)).
+  // Replaces the values by exp(x) / sum(exp(x)), computed from the differences to the largest
+  // so that nothing overflows. A NaN or plus infinity among them makes all of them NaN, and so
+  // does minus infinity where nothing else stands.
   void (*softmax)(float* values, std::size_t count);
 };
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "inference/Activation.h"
+#include "inference/Kernels.h"
 #include "tests/support/ReferencePass.h"
 #include "tests/support/TestModels.h"
 
@@ -126,7 +127,7 @@ TEST(Activation, valueDoesNotDependOnItsPlaceOrNeighbours) {
 // --- Softmax ---
 
 VectorXf softmaxOf(VectorXf values) {
-  mlnn::applySoftmax(values);
+  mlnn::bestKernels().softmax(values.data(), static_cast<std::size_t>(values.size()));
   return values;
 }
 
