@@ -125,45 +125,44 @@ class SystemFaults : public testing::Test {
   }
   ToolResult run(const std::string& line) { return runShell(line, folder_.path()); }
 
+  // Runs what must fail at writing to `target`, as the message calls it, for the reason `error`.
+  void expectCannotWrite(const std::string& line, const std::string& target,
+                         const std::string& error) {
+    const ToolResult result = run(line);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write " + target + ": " + error + "\n"));
+  }
+
   TempFolder folder_;
 };
 
 TEST_F(SystemFaults, aFullDeviceIsNamed) {
-  const ToolResult result = run("mlnn convert model.txt /dev/full --to binary");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write '/dev/full': No space left on device\n"));
+  expectCannotWrite("mlnn convert model.txt /dev/full --to binary", "'/dev/full'",
+                    "No space left on device");
 }
 
 TEST_F(SystemFaults, aFullStandardOutputIsNamed) {
-  const ToolResult result = run("mlnn info model.txt > /dev/full");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err,
-              HasSubstr("ERROR: cannot write to standard output: No space left on device\n"));
+  expectCannotWrite("mlnn info model.txt > /dev/full", "to standard output",
+                    "No space left on device");
 }
 
 TEST_F(SystemFaults, aFolderInPlaceOfAFileIsNamed) {
   fs::create_directory(folder_.path("folder"));
-  ToolResult result = run("mlnn info folder");
+  const ToolResult result = run("mlnn info folder");
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "ERROR: cannot read 'folder': Is a directory\n");
-  result = run("mlnn convert model.txt folder --to binary");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write 'folder': Is a directory\n"));
+  expectCannotWrite("mlnn convert model.txt folder --to binary", "'folder'", "Is a directory");
   EXPECT_EQ(fs::is_empty(folder_.path("folder")), true);
 }
 
 TEST_F(SystemFaults, aClosedPipeIsNamed) {
-  const ToolResult result =
-      run("mkfifo pipe; : < pipe & exec 3> pipe; wait; mlnn convert model.txt - --to ascii >&3");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write to standard output: Broken pipe\n"));
+  expectCannotWrite(
+      "mkfifo pipe; : < pipe & exec 3> pipe; wait; mlnn convert model.txt - --to ascii >&3",
+      "to standard output", "Broken pipe");
 }
 
 TEST_F(SystemFaults, aClosedStandardOutputIsNamed) {
-  const ToolResult result = run("mlnn info model.txt >&-");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err,
-              HasSubstr("ERROR: cannot write to standard output: Bad file descriptor\n"));
+  expectCannotWrite("mlnn info model.txt >&-", "to standard output", "Bad file descriptor");
 }
 
 // The length that a file had when it was opened is a hint and nothing more.
