@@ -3,22 +3,15 @@
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
-# An installed tool finds a shared library of the same prefix.
-if(BUILD_SHARED_LIBS)
-  cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR}
-    OUTPUT_VARIABLE bin_to_lib)
-  set(CMAKE_INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
-endif()
-
 set(MLNN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/mlnn)
 
 install(TARGETS mlnn EXPORT mlnnTargets
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT library
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn)
-install(EXPORT mlnnTargets NAMESPACE mlnn:: DESTINATION ${MLNN_CMAKE_DIR})
+install(EXPORT mlnnTargets NAMESPACE mlnn:: DESTINATION ${MLNN_CMAKE_DIR} COMPONENT development)
 
 configure_package_config_file(cmake/mlnnConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/mlnnConfig.cmake
@@ -29,7 +22,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/mlnnConfigVersion.c
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/mlnnConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/mlnnConfigVersion.cmake
-  DESTINATION ${MLNN_CMAKE_DIR})
+  DESTINATION ${MLNN_CMAKE_DIR} COMPONENT development)
 
 # The .pc file tells its prefix by its own place.
 cmake_path(SET pkgconfig_dir NORMALIZE "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
@@ -43,4 +36,5 @@ get_target_property(definitions mlnn INTERFACE_COMPILE_DEFINITIONS)
 list(TRANSFORM definitions PREPEND -D)
 list(JOIN definitions " " MLNN_PC_DEFINITIONS)
 configure_file(cmake/mlnn.pc.in ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "features/DbnFeatureDescription.h"
+#include "features/Export.h"
 #include "features/MelDeltasNorm.h"
 
 namespace mlnn {
@@ -20,7 +21,7 @@ namespace mlnn {
 // A whole recording (stack) and frames as they arrive (push, finish) give the same bits.
 // Copies what it needs of the description and the normalisation.
 // Thread-safety: one object serves one thread at a time.
-class ContextWindow {
+class MLNN_EXPORT ContextWindow {
  public:
   // Makes a window for frames of `frameLen` values.
   // Takes memory for all frames of a window at once, so for a description that is not trusted

@@ -11,7 +11,9 @@
 #include <string>
 #include <type_traits>
 
-class DbnFeatureDescription {
+#include "features/Export.h"
+
+class MLNN_EXPORT DbnFeatureDescription {
  public:
   // What the frames are made of.
   enum FeatType : uint8_t { MelDeltas = 0 };
@@ -52,7 +54,7 @@ namespace mlnn {
 // Makes a description from the 20 bytes that an image holds. A flag byte that is neither 0
 // nor 1 counts as true; all other bytes are taken as they are.
 // REQUIRES: 20 readable bytes at `bytes`, which need not be aligned.
-DbnFeatureDescription featureDescriptionFromBytes(const char* bytes);
+MLNN_EXPORT DbnFeatureDescription featureDescriptionFromBytes(const char* bytes);
 
 }  // namespace mlnn
 

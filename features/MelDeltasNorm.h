@@ -4,8 +4,10 @@
 
 #include <Eigen/Core>
 
+#include "features/Export.h"
+
 // A value type: every object owns its two arrays, a copy gets arrays of its own.
-class MelDeltasNorm {
+class MLNN_EXPORT MelDeltasNorm {
  public:
   static constexpr Eigen::Index kLength = 120;  // 40 mel bands, their deltas and delta-deltas
 

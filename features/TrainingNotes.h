@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
+
 // How a note line looks in a text model file, known to its reader, its writer
 // and the notes themselves.
 namespace mlnn {
@@ -11,7 +13,7 @@ inline constexpr char kNotePrefix[] = "# ";          // stands before every note
 inline constexpr char kPropertyPrefix[] = "# NVP ";  // marks a line that holds a property
 }  // namespace mlnn
 
-class TrainingNotes {
+class MLNN_EXPORT TrainingNotes {
  public:
   // The stored lines, oldest first, without the "# " that stands before them in a file.
   std::vector<std::string> lines;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "features/Export.h"
 #include "inference/FwdPass.h"
 #include "inference/PassMemory.h"
 
@@ -29,7 +30,7 @@ enum class CodesFor { kSpeed, kMemory };
 // of less than 2^18 weights, which floats are quick to read of; weightBytes() counts what there is.
 //
 // Thread-safety: one object serves one thread at a time.
-class CodedFwdPass : public FwdPass {
+class MLNN_EXPORT CodedFwdPass : public FwdPass {
  public:
   static constexpr int kMinBits = 1;  // of a code
   static constexpr int kMaxBits = 8;  // of a code

@@ -3,7 +3,9 @@
 
 #include <Eigen/Core>
 
-class FwdPass {
+#include "features/Export.h"
+
+class MLNN_EXPORT FwdPass {
  public:
   virtual ~FwdPass() = default;
 

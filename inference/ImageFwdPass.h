@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "features/DbnFeatureDescription.h"
+#include "features/Export.h"
 #include "features/MelDeltasNorm.h"
 #include "inference/FwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
@@ -29,7 +30,7 @@ enum class ImageChecksum { kVerified, kDeclined };
 // Lifetime: the image must stay where it is, and unchanged, while the pass is in use.
 // Thread-safety: one object serves one thread at a time; several objects over one image may run
 // in several threads.
-class ImageFwdPass : public FwdPass {
+class MLNN_EXPORT ImageFwdPass : public FwdPass {
  public:
   // A pass without an image: it has no inputs and refuses to evaluate.
   ImageFwdPass();

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "features/Export.h"
 #include "inference/FwdPass.h"
 #include "inference/PassMemory.h"
 #include "layers/NNLayer.h"
@@ -30,7 +31,7 @@ struct LayerResult {
 // Lifetime: the model must outlive the forward pass.
 // Thread-safety: one object serves one thread at a time; several objects over one model
 // that does not change may run in several threads.
-class NNFwdPassFromFile : public FwdPass {
+class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
  public:
   // Keeps a reference to the model and allocates nothing: that is left to the first evaluation.
   explicit NNFwdPassFromFile(MultiLayerNNModel& model);

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "features/Export.h"
+
 namespace ActFn {
 
 // The codes are stored in binary images; they never change.
@@ -23,10 +25,10 @@ inline constexpr int32_t kCount = 8;
 
 // Returns the keyword that text model files use, or "unknown" for a value that is
 // not an enumerator.
-std::string actFnToString(ActFn fn);
+MLNN_EXPORT std::string actFnToString(ActFn fn);
 
 // The inverse: finds the activation with keyword `text`.
 // Returns: 0 with `out` set; 1 for an unknown keyword, `out` unchanged.
-int stringToActFn(const std::string& text, ActFn& out);
+MLNN_EXPORT int stringToActFn(const std::string& text, ActFn& out);
 
 }  // namespace ActFn

@@ -12,9 +12,10 @@
 #include <Eigen/Core>
 #include <cstdint>
 
+#include "features/Export.h"
 #include "layers/ActFn.h"
 
-class NNLayer {
+class MLNN_EXPORT NNLayer {
  public:
   // The arrays that a layer uses have one entry for each output unit: `bias` in a plain
   // layer, the other four vectors in a batch-norm layer. What it does not use is either

@@ -5,10 +5,11 @@
 #include <string>
 
 #include "features/DbnFeatureDescription.h"
+#include "features/Export.h"
 
 class FwdPass;
 
-class InferenceModel {
+class MLNN_EXPORT InferenceModel {
  public:
   // The features that the model expects on its input. New models: feature type 0, all
   // other fields 0.

@@ -18,13 +18,14 @@
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
 #include "features/MelDeltasNorm.h"
 #include "features/TrainingNotes.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "layers/NNLayer.h"
 #include "model/InferenceModel.h"
 
-class MultiLayerNNModel : public InferenceModel {
+class MLNN_EXPORT MultiLayerNNModel : public InferenceModel {
  public:
   // The first layer takes the model's inputs, the last one gives its outputs. After a
   // load that failed an entry may be null: a missing layer. Every operation copes with
