@@ -110,6 +110,7 @@ TEST(DbnFeatureDescriptionLength, isFrameTimesWindowOrZero) {
       {kMin, -2, 0, false, 0, 0},                      // 2^31
       {kMin, kMin, 0, true, 0, 0},                     // beyond 63 bits
       {-1, kMin, 0, false, 0, kMax},                   // -1 times -(2^31 - 1)
+      {-1, kMin, -1, false, 0, 0},                     // -1 times -2^31
   };
   for (const LengthCase& c : cases) {
     const DbnFeatureDescription desc = make(c.bands, c.left, c.right, c.deltas);
