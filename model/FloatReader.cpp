@@ -16,12 +16,15 @@ namespace {
 class GetArea : public std::streambuf {
  public:
   static const char* begin(const std::streambuf& buffer) { return (buffer.*&GetArea::gptr)(); }
-  static const char* end(const std::streambuf& buffer) { return (buffer.*&GetArea::egptr)(); }
 
-  // Takes `count` characters, which are in the buffer.
+  // No more than can be taken at once.
+  static const char* end(const std::streambuf& buffer) {
+    constexpr std::ptrdiff_t kMost = std::numeric_limits<int>::max();
+    return begin(buffer) + std::min(kMost, (buffer.*&GetArea::egptr)() - begin(buffer));
+  }
+
+  // Takes `count` characters from begin() on, up to end() at most.
   static void consume(std::streambuf& buffer, std::ptrdiff_t count) {
-    constexpr std::ptrdiff_t kMaxStep = std::numeric_limits<int>::max();
-    for (; count > kMaxStep; count -= kMaxStep) (buffer.*&GetArea::gbump)(int{kMaxStep});
     (buffer.*&GetArea::gbump)(static_cast<int>(count));
   }
 };

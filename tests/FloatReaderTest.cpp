@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -296,6 +297,39 @@ TEST(FloatReader, canTakeTurnsWithOtherReads) {
   EXPECT_EQ(text, "\tline");
   EXPECT_EQ(reader.read(values, 1), 1u);
   EXPECT_EQ(values[0], 4.5f);
+  EXPECT_TRUE(in.good());
+}
+
+// Holds three gigabytes ready, of which only the text at the start takes memory.
+class HugeBuffer : public std::streambuf {
+ public:
+  explicit HugeBuffer(const std::string& text) {
+    if (sizeof(void*) < sizeof(int64_t)) return;
+    void* const mapped = mmap(nullptr, kLength, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapped == MAP_FAILED) return;
+    char* const begin = static_cast<char*>(mapped);
+    text.copy(begin, text.size());
+    setg(begin, begin, begin + kLength);
+  }
+  ~HugeBuffer() override {
+    if (eback() != nullptr) munmap(eback(), kLength);
+  }
+  bool isThere() const { return eback() != nullptr; }
+  std::ptrdiff_t taken() const { return gptr() - eback(); }
+
+ private:
+  static constexpr std::size_t kLength = std::size_t{3} << 30;
+};
+
+TEST(FloatReader, takesMoreCharactersThanAnIntCounts) {
+  HugeBuffer buffer("1.5 2.5 3.5 ");
+  if (!buffer.isThere()) GTEST_SKIP() << "no addresses for so many characters";
+  std::istream in(&buffer);
+  float values[3] = {};
+  EXPECT_EQ(mlnn::FloatReader(in).read(values, 3), 3u);
+  EXPECT_EQ(values[2], 3.5f);
+  EXPECT_EQ(buffer.taken(), 11);
   EXPECT_TRUE(in.good());
 }
 
