@@ -51,7 +51,6 @@ class ByteReader {
       : begin_(source), position_(source), end_(source + length) {}
 
   void bytes(void* target, std::size_t count) {
-    if (count == 0) return;
     std::memcpy(target, position_, count);
     position_ += count;
   }
@@ -60,7 +59,6 @@ class ByteReader {
     bytes(&value, sizeof value);
     return value;
   }
-  void floats(float* target, std::size_t count) { bytes(target, count * sizeof(float)); }
 
   std::size_t consumed() const { return static_cast<std::size_t>(position_ - begin_); }
   std::size_t remaining() const { return static_cast<std::size_t>(end_ - position_); }
