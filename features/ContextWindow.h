@@ -51,6 +51,7 @@ class MLNN_EXPORT ContextWindow {
   // After the last frame: puts the next of the input vectors that are still due into `input`
   // and returns true; returns false when none is left, and then starts over for another
   // recording. Allocates nothing.
+  // REQUIRES: no push follows before finish has returned false, or reset was called.
   bool finish(float* input);
 
   // Forgets the frames so far and starts another recording.
