@@ -291,6 +291,15 @@ ByteImage rareRecord() {
 }
 ByteImage byteRecord() { return ByteImage::of(layerOf(inTurn(99, 20))); }
 
+TEST(CodedRecordRefusal, everyShorterLength) {
+  for (const ByteImage& record : {halfByteRecord(), rareRecord(), byteRecord()}) {
+    for (std::size_t length = 0; length < record.size(); ++length) {
+      ByteImage shorter = record;
+      expectRefused(shorter.truncateTo(length), std::to_string(length));
+    }
+  }
+}
+
 struct BadWord {
   const char* what;
   ByteImage record;

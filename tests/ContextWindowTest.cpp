@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <limits>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <vector>
@@ -322,6 +323,17 @@ TEST(ContextWindowRefusal, normalisationWithOneShortArray) {
   EXPECT_FALSE(ContextWindow::create(windowOf(0, 0), norm, 41, whyNot));
   EXPECT_EQ(whyNot, "the normalisation has 40 values, but a frame has 41");
   EXPECT_TRUE(ContextWindow::create(windowOf(0, 0), norm, 40, whyNot));
+}
+
+TEST(ContextWindowRefusal, doesNotMeetTheLongestInputVector) {
+  constexpr int kFrame = 1 << 30;  // two of them are more than an int tells
+  std::string whyNot;
+  bool isRefused = false;
+  try {
+    isRefused = !ContextWindow::create(windowOf(0, 0), {}, kFrame, whyNot);
+  } catch (const std::bad_alloc&) {  // four gigabytes are for the machine to refuse
+  }
+  EXPECT_FALSE(isRefused) << whyNot;
 }
 
 TEST(ContextWindowRefusal, writesNothing) {

@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <vector>
 
@@ -67,6 +68,16 @@ TEST(FreshMemoryTest, leavesSmallArraysAndTouchedOnesAlone) {
   memory.data()[kMebibyte / 2] = 1;
   mlnn::supplyPages(memory.data(), kMebibyte);
   EXPECT_EQ(memory.pagesThere(), 1u);
+}
+
+TEST(FreshMemoryTest, suppliesNothingWhereThereIsNoMemory) {
+  const Untouched memory(3 * kMebibyte);
+  unsigned char* const gap = memory.data() + kMebibyte;
+  ASSERT_EQ(munmap(gap, kMebibyte), 0);
+  mlnn::supplyPages(gap, kMebibyte);
+  unsigned char there;
+  EXPECT_EQ(mincore(gap, kPage, &there), -1);
+  EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST(FreshMemoryTest, advisingTakesNoMemory) {

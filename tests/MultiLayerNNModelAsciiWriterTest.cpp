@@ -79,6 +79,22 @@ TEST(MultiLayerNNModelAsciiWriter, writesNotesAsTheyAreStored) {
       kHead + "# b\n# \n# #a\n# # sign\n# nn_tune feat_desc x\n#  blanks \t\n" + "num_layers 0\n");
 }
 
+TEST(MultiLayerNNModelAsciiWriter, writesNotesOfAnyLength) {
+  MultiLayerNNModel model;
+  for (const std::size_t length : {8191u, 8192u, 8193u, 100000u}) {
+    const std::string note(length, 'n');
+    model.notes.lines = {"before", note, "behind"};
+    EXPECT_EQ(written(model), kHead + "# before\n# " + note + "\n# behind\nnum_layers 0\n");
+  }
+}
+
+TEST(MultiLayerNNModelAsciiWriter, widthIsForTheFirstWordAsStreamsHaveIt) {
+  MultiLayerNNModel model;
+  model.loss = {0.5f};
+  EXPECT_EQ(written(model, [](std::ostream& out) { out.width(25); }),
+            "     " + kHead + "loss 1\n0.5\nnum_layers 0\n");
+}
+
 TEST(MultiLayerNNModelAsciiWriter, writesPropertiesAfterTheNotesInKeyOrder) {
   MultiLayerNNModel model;
   model.notes.lines = {"note"};
@@ -242,7 +258,9 @@ std::vector<float> assortedFloats() {
 
 std::vector<Prepare> assortedFormats() {
   std::vector<Prepare> formats;
-  for (int precision = -1; precision <= 20; ++precision) {
+  std::vector<int> precisions = {64, 65, 100};
+  for (int precision = -1; precision <= 20; ++precision) precisions.push_back(precision);
+  for (const int precision : precisions) {
     formats.push_back([precision](std::ostream& out) { out.precision(precision); });
   }
   const std::vector<Prepare> manipulations = {

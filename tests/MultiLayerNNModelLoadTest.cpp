@@ -17,7 +17,10 @@
 namespace {
 
 using mlnn::test::ByteImage;
+using mlnn::test::fewValuesLayer;
 using mlnn::test::fullModel;
+using mlnn::test::modelOf;
+using mlnn::test::plainLayer;
 using mlnn::test::sameLayers;
 using mlnn::test::sameModel;
 using mlnn::test::stderrOf;
@@ -290,6 +293,39 @@ TEST(MultiLayerNNModelLoad, streamThatEndsBeforeItsLengthIsRefused) {
             "ERROR: MultiLayerNNModel: stream ended after " + std::to_string(length) + " of " +
                 std::to_string(length + 5) + " bytes\n");
   EXPECT_TRUE(sameModel(model, fullModel()));
+}
+
+// An image with weights of every form.
+MultiLayerNNModel codedModel() {
+  return modelOf({plainLayer(3, 2), fewValuesLayer(2, 40, 5), fewValuesLayer(40, 1, 5),
+                  fewValuesLayer(1, 70, 20)});
+}
+
+TEST(MultiLayerNNModelLoad, streamMayEndAnywhereBeforeItsLength) {
+  const std::string image = ByteImage::of(codedModel()).bytes();
+  const auto length = static_cast<std::streamoff>(image.size());
+  for (std::streamoff there = 1000; there < length; ++there) {
+    OddBuffer buffer(image.substr(0, static_cast<std::size_t>(there)), length);
+    std::istream stream(&buffer);
+    MultiLayerNNModel model = fullModel();
+    ASSERT_EQ(stderrOf([&] { EXPECT_EQ(model.deserialize(stream), 1); }),
+              "ERROR: MultiLayerNNModel: stream ended after " + std::to_string(there) + " of " +
+                  std::to_string(length) + " bytes\n");
+    ASSERT_TRUE(sameModel(model, fullModel())) << there;
+  }
+}
+
+TEST(MultiLayerNNModelLoad, everyCutImageIsRefusedAsFromMemory) {
+  ByteImage image = ByteImage::of(codedModel());
+  for (std::size_t length = image.size() - 1; length >= 1000; --length) {
+    image.truncateTo(length);
+    MultiLayerNNModel fromMemory;
+    MultiLayerNNModel fromStream;
+    const std::string expected = stderrOf([&] { image.readInto(fromMemory); });
+    std::istringstream stream(image.bytes());
+    ASSERT_EQ(stderrOf([&] { EXPECT_EQ(fromStream.deserialize(stream), 1); }), expected) << length;
+    ASSERT_TRUE(sameModel(fromStream, fromMemory)) << length;
+  }
 }
 
 // --- After a failure ---
