@@ -74,7 +74,7 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
     }
     Vec wk[R];
     HWY_UNROLL(8)
-    for (int r = 0; r < R; ++r) wk[r] = loadRow < kPartial && kLoadsParts, R > (w, r, last);
+    for (int r = 0; r < R; ++r) wk[r] = loadRow<(kPartial && kLoadsParts), R>(w, r, last);
     HWY_UNROLL(8)
     for (int f = 0; f < F; ++f) {
       const Vec xk = hn::Set(d, x[static_cast<std::size_t>(f) * xStride + k]);
