@@ -2,6 +2,7 @@
 
 #include <iomanip>
 #include <iostream>
+#include <locale>
 #include <thread>
 
 #include "layers/Messages.h"
@@ -66,4 +67,17 @@ TEST(CollectedMessages, nestAndHandBackToTheOuterOne) {
   }
   mlnn::printMessage("outer\n");
   EXPECT_EQ(outer.text(), "outer\n");
+}
+
+TEST(CollectedMessages, haveNoGroupedNumbersWhateverTheLocale) {
+  struct Grouping : std::numpunct<char> {
+    std::string do_grouping() const override { return "\3"; }
+  };
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  {
+    const CollectedMessages collected;
+    mlnn::messages() << 1234567 << "\n";
+    EXPECT_EQ(collected.text(), "1234567\n");
+  }
+  std::locale::global(before);
 }

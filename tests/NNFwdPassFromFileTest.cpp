@@ -535,6 +535,22 @@ TEST(NNFwdPassMemory, norWhereInputsLieInTheOutputs) {
   EXPECT_EQ(watch.allocations(), 0u);
 }
 
+// To within what the heap adds to each of a few blocks, which may be whole pages.
+TEST(NNFwdPassMemory, isToldBefore) {
+  constexpr double kUncertainty = 4 * 4096;
+  MultiLayerNNModel model = network({40, 700, 10}, ActFn::tanh, true);
+  for (const Index frames : {1, 2, 37, 256, 257, 1000}) {
+    const MatrixXf inputs = someValues(40, static_cast<int>(frames), 1);
+    MatrixXf outputs(10, frames);
+    const mlnn::test::AllocationWatch watch;
+    const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
+    ASSERT_EQ(pass->evaluate(inputs, outputs), 0);
+    EXPECT_NEAR(static_cast<double>(watch.peak()),
+                static_cast<double>(NNFwdPassFromFile::workingBytes(model, frames)), kUncertainty)
+        << frames;
+  }
+}
+
 TEST(NNFwdPassMemory, thereIsNoSecondCopyOfTheWeights) {
   MultiLayerNNModel model = network({400, 300, 400}, ActFn::tanh, true);
   const std::size_t weights = 300 * 400 * sizeof(float);
