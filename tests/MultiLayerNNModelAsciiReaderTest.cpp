@@ -817,6 +817,14 @@ TEST_F(MultiLayerNNModelAsciiReader, whatALayerHeaderLacksStaysAsTheHeaderBefore
   EXPECT_EQ(model.layers[1]->weights.cols(), 3);
 }
 
+TEST_F(MultiLayerNNModelAsciiReader, whatTheFirstLayerHeaderLacksIsZero) {
+  expectRefused(kHead + "num_layers 1\nbatch_norm_layer 1 size",
+                "Expecting gamma_beta but found: ");
+  expectStack(1, 1);
+  EXPECT_EQ(model.layers[0]->weights.rows(), 0);
+  EXPECT_EQ(model.layers[0]->weights.cols(), 0);
+}
+
 TEST_F(MultiLayerNNModelAsciiReader, refusesNegativeSizesAndPlainLayersWithoutRoomForTheBias) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"layer 1 size -1 2", "-1"},
