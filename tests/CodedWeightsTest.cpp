@@ -277,6 +277,9 @@ TEST(CodedRecord, anyBlockCanBeExpanded) {
       }
     }
     EXPECT_EQ(found.back(), 0xABCDEFu);
+    std::fill(found.begin(), found.end(), 0xABCDEFu);
+    view.codedWeights.expandBlock(33, 0, 70, 90, found.data());
+    EXPECT_EQ(std::count(found.begin(), found.end(), 0xABCDEFu), found.size()) << "no rows";
   }
 }
 

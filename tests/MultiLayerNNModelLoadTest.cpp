@@ -297,15 +297,20 @@ TEST(MultiLayerNNModelLoad, streamThatEndsBeforeItsLengthIsRefused) {
 
 // An image with weights of every form.
 MultiLayerNNModel codedModel() {
-  return modelOf({plainLayer(3, 2), fewValuesLayer(2, 40, 5), fewValuesLayer(40, 1, 5),
-                  fewValuesLayer(1, 70, 20)});
+  MultiLayerNNModel model = modelOf({plainLayer(3, 2), fewValuesLayer(2, 40, 5),
+                                     fewValuesLayer(40, 1, 5), fewValuesLayer(1, 70, 20)});
+  model.deltasNorm.allocIfNeeded();
+  return model;
 }
+
+constexpr std::size_t kHeadLength = 1004;
 
 TEST(MultiLayerNNModelLoad, streamMayEndAnywhereBeforeItsLength) {
   const std::string image = ByteImage::of(codedModel()).bytes();
+  ASSERT_GT(image.size(), kHeadLength);
   const auto length = static_cast<std::streamoff>(image.size());
-  for (std::streamoff there = 1000; there < length; ++there) {
-    OddBuffer buffer(image.substr(0, static_cast<std::size_t>(there)), length);
+  for (std::size_t there = kHeadLength - 1; there < image.size(); ++there) {
+    OddBuffer buffer(image.substr(0, there), length);
     std::istream stream(&buffer);
     MultiLayerNNModel model = fullModel();
     ASSERT_EQ(stderrOf([&] { EXPECT_EQ(model.deserialize(stream), 1); }),
@@ -317,7 +322,8 @@ TEST(MultiLayerNNModelLoad, streamMayEndAnywhereBeforeItsLength) {
 
 TEST(MultiLayerNNModelLoad, everyCutImageIsRefusedAsFromMemory) {
   ByteImage image = ByteImage::of(codedModel());
-  for (std::size_t length = image.size() - 1; length >= 1000; --length) {
+  ASSERT_GT(image.size(), kHeadLength);
+  for (std::size_t length = image.size() - 1; length >= kHeadLength - 1; --length) {
     image.truncateTo(length);
     MultiLayerNNModel fromMemory;
     MultiLayerNNModel fromStream;
