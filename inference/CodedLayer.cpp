@@ -9,8 +9,10 @@ namespace {
 
 constexpr int kHalfByteBits = 4;
 
+// Unlike ==, tells zeros of different signs apart, and takes all NaN for one value.
 bool areSame(float a, float b) {
-  return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
+  if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
+  return a == b && std::signbit(a) == std::signbit(b);
 }
 
 float valueOf(const PrecisionGrid& grid, std::size_t point) {
