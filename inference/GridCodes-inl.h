@@ -141,7 +141,7 @@ void multiplyStrip(const LayerView& layer, std::size_t panel, const Strip<kHalve
     const std::size_t end = std::min(at + length, layer.cols);
     Vec acc[kCodedVectors];
     HWY_UNROLL(8)
-    for (int v = 0; v < kCodedVectors; ++v) acc[v] = hn::Zero(d);
+    for (Vec& sum : acc) sum = hn::Zero(d);
     for (std::size_t k = at; k < end; ++k, codes += kColumnBytes) {
       const bool isPatched = last != lastEnd && last->input < end;
       const std::size_t stop = isPatched ? static_cast<std::size_t>(last->input) : end;
@@ -174,7 +174,7 @@ void multiplyCodedPanel(const LayerView& layer, std::size_t panel, const float* 
 
 // The results of a layer of codes for one frame.
 // REQUIRES: the layer has inputs.
-void codesVector(const LayerView& layer, const float* x, float* y) {
+inline void codesVector(const LayerView& layer, const float* x, float* y) {
   const auto multiply =
       layer.coded->areHalfBytes ? multiplyCodedPanel<true> : multiplyCodedPanel<false>;
   for (std::size_t row = 0; row < layer.rows; row += kCodedPanelRows) {

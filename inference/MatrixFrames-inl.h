@@ -44,7 +44,8 @@ struct Tile {
 
 // Asks for some cache lines to be in the second-level cache.
 HWY_INLINE void fetchAhead(const float* next, int lines) {
-  for (int line = 0; line < lines; ++line) __builtin_prefetch(next + 16 * line, 0, 2);
+  for (int line = 0; line < lines; ++line)
+    __builtin_prefetch(next + std::ptrdiff_t{16} * line, 0, 2);
 }
 
 // One chain of `length` inputs for R vectors of rows and F frames; the last vector is not full
@@ -97,6 +98,7 @@ using TileChain = void (*)(const Tile&, std::size_t length, bool isFirst);
 
 template <int R, bool kFetches, bool kPartial>
 HWY_INLINE TileChain tileChainOf(std::size_t frames) {
+  // NOLINTNEXTLINE(bugprone-branch-clone): the same for one vector alone
   constexpr int kWide = R <= kWideTileVectors ? R : 1;
   static constexpr TileChain kChains[kWideTileFrames] = {
       tileChain<R, 1, kFetches, kPartial>,     tileChain<R, 2, kFetches, kPartial>,
@@ -136,7 +138,7 @@ struct RowPanel {
 };
 
 // Copies the weights of a panel, with zeros for the rows that it lacks.
-void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
+inline void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
   const Tag d;
   const float* from = layer.weights + panel.input * layer.rows + panel.row;
   for (std::size_t k = 0; k < panel.inputs; ++k, from += layer.rows) {
@@ -152,7 +154,7 @@ void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
 
 // Puts the weights of a panel into the scratch, one input behind the other and with whole vectors
 // of rows.
-void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
+inline void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
   if (layer.coded == nullptr) return packFloats(layer, panel, to);
   const auto decode = layer.coded->areHalfBytes ? decodeRows<true> : decodeRows<false>;
   decode(layer, panel.row, panel.fullRows(), panel.input, panel.inputs, to);
@@ -177,7 +179,7 @@ HWY_INLINE void runTile(const RowPanel& panel, Tile tile, std::size_t frames) {
 
 // A panel for all frames, in tiles of nearly the same number of frames. What comes next is
 // fetched in equal parts by the tiles, so that the memory is never waited for nor idle.
-void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
+inline void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
   const std::size_t lines = panel.fullRows() / 16 + 1;  // they seldom begin with the panel
   std::size_t fetched = 0;
   for (std::size_t tiles = (frames + tileFrames - 1) / tileFrames; tiles > 0; --tiles) {
@@ -212,8 +214,8 @@ HWY_INLINE bool isPacked(const LayerView& layer, const RowPanel& panel, std::siz
 }
 
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
-void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
-                  std::size_t yStride, std::size_t frames, float* scratch) {
+inline void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
+                         std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
   const bool isCoded = layer.coded != nullptr;
