@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <locale>
 #include <random>
@@ -338,6 +339,18 @@ TEST(ParsePlainFloat, stopsBehindTheNumber) {
   float value = 0;
   EXPECT_EQ(mlnn::parsePlainFloat(text.data(), text.data() + text.size(), value), text.data() + 7);
   EXPECT_EQ(value, -12.5f);
+}
+
+TEST(ParsePlainFloat, takesAllDigitsOfANumber) {
+  const std::string digits = "123456789123456789";
+  const std::string rest(40, ' ');  // as many characters as the quick way asks for
+  for (std::size_t count = 1; count <= digits.size(); ++count) {
+    const std::string text = digits.substr(0, count) + rest;
+    float value = 0;
+    EXPECT_EQ(mlnn::parsePlainFloat(text.data(), text.data() + text.size(), value),
+              text.data() + count);
+    EXPECT_EQ(value, std::strtof(text.c_str(), nullptr)) << text;
+  }
 }
 
 TEST(ParsePlainFloat, refusesWhatReachesTheEnd) {
