@@ -12,19 +12,21 @@ constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
 constexpr int kPopulateWrite = 23;  // MADV_POPULATE_WRITE, for headers older than Linux 5.14
 
 // Advises on the pages that lie within the array as a whole. The advice may be refused.
+// REQUIRES: the array is as long as two pages.
 void advise(void* data, std::size_t bytes, std::uintptr_t page, int advice) {
   const auto begin = reinterpret_cast<std::uintptr_t>(data);
-  const std::uintptr_t first = (begin + page - 1) / page * page;
-  const std::uintptr_t last = (begin + bytes) / page * page;
-  madvise(reinterpret_cast<void*>(first), last - first, advice);
+  const std::size_t before = (page - begin % page) % page;
+  const std::size_t behind = (begin + bytes) % page;
+  madvise(static_cast<char*>(data) + before, bytes - before - behind, advice);
 }
 
 // Whether the array has no memory yet, as its middle tells.
+// REQUIRES: the array is longer than two pages.
 bool isFresh(void* data, std::size_t bytes) {
-  const std::uintptr_t middle = reinterpret_cast<std::uintptr_t>(data) + bytes / 2;
+  char* const middle = static_cast<char*>(data) + bytes / 2;
+  char* const page = middle - reinterpret_cast<std::uintptr_t>(middle) % kPage;
   unsigned char isThere = 1;
-  return mincore(reinterpret_cast<void*>(middle / kPage * kPage), 1, &isThere) == 0 &&
-         (isThere & 1) == 0;
+  return mincore(page, 1, &isThere) == 0 && (isThere & 1) == 0;
 }
 
 }  // namespace
