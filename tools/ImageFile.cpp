@@ -33,7 +33,7 @@ std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) 
   if (name == kStandardStream) return std::nullopt;
   const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   const std::optional<std::size_t> length = lengthOf(file.get());
-  if (!length || *length < kMagicLength) return std::nullopt;
+  if (!length || *length < kMinImageLength) return std::nullopt;
   ImageFile image;
   image.file_ = MappedFile(file.get(), *length, name);
   const void* const data = image.file_.data();

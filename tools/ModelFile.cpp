@@ -51,6 +51,13 @@ std::vector<std::string> activationNames() {
   return names;
 }
 
+// Why the reader refused what it refuses without a word; "" where it has told.
+std::string untoldReason(const ModelFile& file) {
+  if (file.format != ModelFormat::kBinary || file.length >= kMinImageLength) return "";
+  return ": image of " + counted(file.length, "byte") + " is shorter than its head (" +
+         std::to_string(kHeadLength) + ")";
+}
+
 }  // namespace
 
 void addLoadOptions(CLI::App& command, LoadOptions& options) {
@@ -116,7 +123,7 @@ ModelFile loadModel(const std::string& name, const LoadOptions& options) {
   std::string messages;
   const bool done = parseModel(readInput(name), file, messages);
   showMessages(messages, options.verbose);
-  if (!done) throw Failure("could not load the model " + inputName(name));
+  if (!done) throw Failure("could not load the model " + inputName(name) + untoldReason(file));
   if (!options.keepLinear) setHiddenActivations(file, options.hiddenActFn);
   return file;
 }

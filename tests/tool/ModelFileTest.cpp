@@ -160,4 +160,24 @@ TEST(ModelFileTest, showsTheReadersErrorsAndFails) {
             "'num_\\x1blayers'\n");
 }
 
+// The reader of images says nothing about these.
+TEST(ModelFileTest, saysWhyAnImageOfAFewBytesIsRefused) {
+  const TempFolder folder;
+  const std::string bytes = "MLNN123";
+  for (std::size_t length = 4; length <= bytes.size(); ++length) {
+    const std::string path = folder.write("M", bytes.substr(0, length));
+    const auto loadIt = [&] {
+      try {
+        mlnn::loadModel(path);
+        FAIL();
+      } catch (const mlnn::Failure& failure) {
+        EXPECT_EQ(failure.what(), "could not load the model '" + path + "': image of " +
+                                      std::to_string(length) +
+                                      " bytes is shorter than its head (1004)");
+      }
+    };
+    EXPECT_EQ(mlnn::test::stderrOf(loadIt), "");
+  }
+}
+
 }  // namespace

@@ -302,8 +302,12 @@ TEST_F(RunCommandTest, imagesGiveTheSameBitsHoweverTheyAreRun) {
 TEST_F(RunCommandTest, imagesAreRefusedAsTheReaderRefusesThem) {
   ASSERT_EQ(runTool({"convert", "pair", "pair.mlnn"}, "", folder_.path()).status, 0);
   const std::string image = contentOf(folder_.path("pair.mlnn"));
-  const std::string damaged[] = {image.substr(0, 600), image.substr(0, image.size() - 1),
-                                 image + "x", "MLNN", std::string(image).replace(1060, 1, "\x7f")};
+  const std::string damaged[] = {image.substr(0, 600),
+                                 image.substr(0, image.size() - 1),
+                                 image + "x",
+                                 "MLNN",
+                                 "MLNN123",
+                                 std::string(image).replace(1060, 1, "\x7f")};
   for (const std::string& bytes : damaged) {
     folder_.write("damaged.mlnn", bytes);
     const ToolResult inPlace = run({"damaged.mlnn", "frames.txt"});
