@@ -23,6 +23,7 @@ void occupyClosedStandardStreams() {
 int main(int argc, char** argv) {
   occupyClosedStandardStreams();
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write, with its message
+  std::signal(SIGXFSZ, SIG_IGN);  // as does a file that reaches the largest size that is allowed
 
   mlnn::Tool tool;
   mlnn::addCommands(tool);
