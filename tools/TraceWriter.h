@@ -23,6 +23,7 @@ std::vector<std::string> traceFolders(const std::string& folder,
 // folder, which is made if it is not there. `progress` is told of frames.
 // Throws: Failure; also when the folder holds the trace of a deeper model, with which the files
 // would be mixed up.
+// On failure: each file is new or as it was, and whole.
 void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
                 const std::string& folder, Progress& progress);
 

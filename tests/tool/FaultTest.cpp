@@ -1,5 +1,6 @@
-// Every read and write of the tool fails once: the status is 1, the message names the file and
-// why, and a file that was there before stays whole.
+// Every read and write of the tool fails once: the status tells, the message names the file and
+// why, and a file that was there before stays whole. (Those of export-onnx and import-onnx are the
+// Python package's, which the tool becomes.)
 //
 // The faults come from a library that is loaded before the C library's functions
 // (tests/tool/FailingIo.cpp): the n-th call of a kind fails, for n = 1, 2, ...
@@ -7,12 +8,15 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "tests/support/SourceTree.h"
 #include "tests/tool/ToolProcess.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
@@ -36,15 +40,21 @@ const std::string kOld = "what was there before\n";
 struct Work {
   const char* name;
   const char* line;   // what is run; its output goes to `out`
-  const char* input;  // what it reads
+  const char* input;  // what it reads; "" for nothing
 };
 
 const std::vector<Work> kWork = {
     {"convert_to_image", "mlnn convert model.txt out --to binary", "model.txt"},
     {"convert_to_text", "mlnn convert image.mlnn out --to ascii", "image.mlnn"},
+    {"convert_to_c", "mlnn convert model.txt out --to c-array", "model.txt"},
     {"fold", "mlnn fold model.txt out", "model.txt"},
     {"reduce", "mlnn reduce model.txt out --bits 4", "model.txt"},
+    {"average", "mlnn average model.txt other.txt out --to ascii", "other.txt"},
+    {"edit", "mlnn edit image.mlnn out --scale 0.5 --to binary", "image.mlnn"},
+    {"new", "mlnn new 3,2 out", ""},
+    {"plot", "mlnn plot model.txt --out out", "model.txt"},
     {"run", "mlnn run model.txt frames.txt --out out", "frames.txt"},
+    {"run_image", "mlnn run image.mlnn frames.txt --out out", "frames.txt"},
 };
 
 struct Kind {
@@ -58,21 +68,33 @@ const std::vector<Kind> kKinds = {{"read", "Input/output error"},
                                   {"close", "Input/output error"},
                                   {"rename", "Operation not permitted"}};
 
+// Makes the files that the command lines read.
+void makeInputs(const TempFolder& folder) {
+  fs::copy_file(sourcePath("tests/golden/version2.txt"), folder.path("model.txt"));
+  fs::copy_file(sourcePath("tests/golden/version2.txt"), folder.path("other.txt"));
+  fs::copy_file(sourcePath("tests/golden/image.mlnn"), folder.path("image.mlnn"));
+  folder.write("frames.txt", "1\n2\n3\n");
+}
+
+// Runs the line in the folder, while the call of this kind and number fails; 0 for none.
+ToolResult runWithFault(const TempFolder& folder, const Kind& kind, int number,
+                        const std::string& line) {
+  return runShell("export LD_PRELOAD='" MLNN_FAILING_IO_PATH "' MLNN_FAIL='" +
+                      std::string(kind.name) + " " + std::to_string(number) + "'; " + line,
+                  folder.path());
+}
+
 class Faults : public testing::TestWithParam<std::tuple<Work, Kind>> {
  protected:
   Faults() {
-    fs::copy_file(sourcePath("tests/golden/version2.txt"), folder_.path("model.txt"));
-    fs::copy_file(sourcePath("tests/golden/image.mlnn"), folder_.path("image.mlnn"));
-    folder_.write("frames.txt", "1\n2\n3\n");
+    makeInputs(folder_);
     folder_.write("out", kOld);
     names_ = folder_.names();
   }
 
   ToolResult runFailing(int number) {
     const auto& [work, kind] = GetParam();
-    return runShell("export LD_PRELOAD='" MLNN_FAILING_IO_PATH "' MLNN_FAIL='" +
-                        std::string(kind.name) + " " + std::to_string(number) + "'; " + work.line,
-                    folder_.path());
+    return runWithFault(folder_, kind, number, work.line);
   }
 
   TempFolder folder_;
@@ -102,7 +124,8 @@ TEST_P(Faults, leaveTheEarlierFileWhole) {
     EXPECT_THAT(result.err, AnyOf(HasSubstr("'out'"), HasSubstr("'model.txt'"),
                                   HasSubstr(std::string("'") + work.input + "'")));
   }
-  EXPECT_GT(failures, 0);
+  const bool hasSuchCalls = *work.input != '\0' || std::string(kind.name) != "read";
+  EXPECT_EQ(failures > 0, hasSuchCalls);
 }
 
 std::string testName(const testing::TestParamInfo<std::tuple<Work, Kind>>& instance) {
@@ -115,6 +138,150 @@ void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 INSTANTIATE_TEST_SUITE_P(Tool, Faults,
                          testing::Combine(testing::ValuesIn(kWork), testing::ValuesIn(kKinds)),
                          testName);
+
+// A command that writes to the standard output alone.
+struct Report {
+  const char* name;
+  const char* line;
+  std::vector<std::string> inputs;  // what it reads, in this order
+  int failureStatus = mlnn::kRefused;
+};
+
+// Those that compare say with status 1 that there are differences.
+const std::vector<Report> kReports = {
+    {"budget", "mlnn budget model.txt --seconds 0.001", {"model.txt"}},
+    {"check",
+     "mlnn check model.txt --digest --against model.digest",
+     {"model.txt", "model.digest"}},
+    {"compare", "mlnn compare ours theirs", {"ours/outputs.npy", "theirs/outputs.npy"}, 2},
+    {"diff",
+     "mlnn diff model.txt other.txt --frames frames.txt",
+     {"model.txt", "other.txt", "frames.txt"},
+     2},
+    {"info", "mlnn info image.mlnn", {"image.mlnn"}},
+    {"plot", "mlnn plot image.mlnn", {"image.mlnn"}},
+    {"run", "mlnn run model.txt frames.txt", {"model.txt", "frames.txt"}},
+};
+
+class ReportFaults : public testing::TestWithParam<Report> {
+ protected:
+  ReportFaults() {
+    makeInputs(folder_);
+    const ToolResult made = runShell(
+        "mlnn check model.txt --digest > model.digest && mkdir ours theirs &&\n"
+        "mlnn run model.txt frames.txt --out ours/outputs.npy &&\n"
+        "cp ours/outputs.npy theirs",
+        folder_.path());
+    EXPECT_EQ(made.status, 0) << made.err;
+  }
+
+  // Lets each call of the kind fail in turn, and returns the files that the messages named.
+  std::vector<std::string> filesNamed(const Kind& kind) {
+    std::vector<std::string> named;
+    for (int number = 1; number <= kTries; ++number) {
+      const ToolResult result = runWithFault(folder_, kind, number, GetParam().line);
+      SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(number) + ": " + result.err);
+      if (result.status == 0) continue;
+      EXPECT_EQ(result.status, GetParam().failureStatus);
+      EXPECT_EQ(result.out, "");
+      const std::string file = fileThatCannotBeRead(result.err, kind.error);
+      if (named.empty() || named.back() != file) named.push_back(file);
+    }
+    return named;
+  }
+
+  TempFolder folder_;
+
+ private:
+  // The message comes last; "" where it is not there.
+  static std::string fileThatCannotBeRead(const std::string& messages, const std::string& error) {
+    const std::regex message("ERROR: cannot read '(.*)': " + error + "\n$");
+    std::smatch found;
+    return std::regex_search(messages, found, message) ? found[1].str() : "";
+  }
+};
+
+TEST_P(ReportFaults, inReadingNameTheFile) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  ASSERT_EQ(runShell(GetParam().line, folder_.path()).status, 0);
+  for (const Kind& kind : kKinds) {
+    const std::string name = kind.name;
+    if (name != "read" && name != "open") continue;
+    EXPECT_EQ(filesNamed(kind), GetParam().inputs) << name;
+  }
+}
+
+TEST_P(ReportFaults, inWritingNameTheStandardOutput) {
+  const ToolResult result = runShell(std::string(GetParam().line) + " > /dev/full", folder_.path());
+  EXPECT_EQ(result.status, GetParam().failureStatus);
+  EXPECT_THAT(result.err,
+              HasSubstr("ERROR: cannot write to standard output: No space left on device\n"));
+}
+
+void PrintTo(const Report& report, std::ostream* out) { *out << report.name; }
+
+INSTANTIATE_TEST_SUITE_P(Tool, ReportFaults, testing::ValuesIn(kReports),
+                         [](const auto& instance) { return instance.param.name; });
+
+class TraceFaults : public testing::TestWithParam<Kind> {
+ protected:
+  using Contents = std::map<std::string, std::string>;  // of files, by their names
+
+  TraceFaults() { makeInputs(folder_); }
+
+  ToolResult runFailing(int number) {
+    return runWithFault(folder_, GetParam(), number, "mlnn run model.txt frames.txt --trace trace");
+  }
+
+  Contents trace() const {
+    Contents contents;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder_.path("trace"))) {
+      contents[entry.path().filename().string()] = contentOf(entry.path().string());
+    }
+    return contents;
+  }
+
+  TempFolder folder_;
+};
+
+// What is left of a trace when a file of it cannot be written: those before it are new. Stages
+// follow each other as their names do here.
+std::map<std::string, std::string> leftOf(std::map<std::string, std::string> trace,
+                                          const std::string& messages) {
+  bool isNew = messages.find("'trace/") != std::string::npos;
+  for (auto& [name, content] : trace) {
+    isNew = isNew && messages.find("'trace/" + name + "'") == std::string::npos;
+    if (!isNew) content = kOld;
+  }
+  return trace;
+}
+
+TEST_P(TraceFaults, leaveEveryFileWhole) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  constexpr int kTraceTries = 12;
+  ASSERT_EQ(runFailing(0).status, 0);
+  const Contents whole = trace();
+  ASSERT_EQ(whole.size(), 8u);
+  int failures = 0;
+  for (int number = 1; number <= kTraceTries; ++number) {
+    for (const auto& [name, content] : whole) folder_.write("trace/" + name, kOld);
+    const ToolResult result = runFailing(number);
+    SCOPED_TRACE(std::to_string(number) + ": " + result.err);
+    if (result.status == 0) {
+      EXPECT_EQ(trace(), whole);
+      continue;
+    }
+    ++failures;
+    EXPECT_EQ(result.status, mlnn::kRefused);
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err, HasSubstr(std::string("': ") + GetParam().error + "\n"));
+    EXPECT_EQ(trace(), leftOf(whole, result.err));
+  }
+  EXPECT_GT(failures, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, TraceFaults, testing::ValuesIn(kKinds),
+                         [](const auto& instance) { return instance.param.name; });
 
 // What the system itself can do to files.
 class SystemFaults : public testing::Test {
