@@ -1,9 +1,7 @@
 // Loading a model of either format from a file or a stream.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <sstream>
 #include <streambuf>
@@ -12,6 +10,7 @@
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
+#include "tests/support/TempFolder.h"
 #include "tests/support/TestModels.h"
 
 namespace {
@@ -24,6 +23,7 @@ using mlnn::test::plainLayer;
 using mlnn::test::sameLayers;
 using mlnn::test::sameModel;
 using mlnn::test::stderrOf;
+using mlnn::test::TempFolder;
 
 const std::string kNoHeader = "ERROR: MultiLayerNNModel: Could not read header\n";
 const std::string kNoTextModel =
@@ -49,33 +49,16 @@ const std::string kTextInfo =
     "info: setting 'alpha' = '1 2'\n"
     "info: setting 'beta' = ''\n";
 
-// A file that is there for the length of a test.
-class TemporaryFile {
- public:
-  explicit TemporaryFile(const std::string& contents) {
-    std::ofstream(path_, std::ios::binary) << contents;
-  }
-  ~TemporaryFile() { std::remove(path_.c_str()); }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-  const char* path() const { return path_.c_str(); }
-
- private:
-  // One name for each test, as ctest runs them side by side.
-  std::string path_ = testing::TempDir() + "model_" +
-                      testing::UnitTest::GetInstance()->current_test_info()->name() + ".tmp";
-};
-
 // Loads the contents from a stream and from a file, and expects this result and these messages.
 void expectLoad(const std::string& contents, int result, const std::string& messages) {
   std::istringstream stream(contents);
   MultiLayerNNModel fromStream;
   EXPECT_EQ(stderrOf([&] { EXPECT_EQ(fromStream.deserialize(stream), result); }), messages);
 
-  const TemporaryFile file(contents);
+  const TempFolder folder;
+  const std::string path = folder.write("model", contents);
   MultiLayerNNModel fromFile;
-  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(fromFile.deserialize(file.path()), result); }), messages);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(fromFile.deserialize(path.c_str()), result); }), messages);
   EXPECT_TRUE(sameModel(fromFile, fromStream));
 }
 
@@ -165,8 +148,9 @@ TEST(MultiLayerNNModelLoad, refusalOfTheTextReaderIsPassedOn) {
 // --- Files ---
 
 TEST(MultiLayerNNModelLoad, fileThatCannotBeOpenedIsNamed) {
-  for (const std::string& name :
-       {std::string("/nonexistent/model.txt"), std::string(""), std::string("a 'b'\n%s")}) {
+  const TempFolder folder;
+  for (const std::string& name : {folder.path("model.txt"), folder.path("absent/model.txt"),
+                                  folder.path("a 'b'\n%s"), std::string("")}) {
     MultiLayerNNModel model = fullModel();
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(model.deserialize(name.c_str()), 1); }),
               "ERROR: MultiLayerNNModel: could not read file: " + name + "\n");
@@ -185,12 +169,13 @@ std::ptrdiff_t openFiles() {
 }
 
 TEST(MultiLayerNNModelLoad, fileIsClosedOnEveryPath) {
+  const TempFolder folder;
   const std::ptrdiff_t before = openFiles();
   for (const std::string& contents : {fullImage(), fullText(), fullImage() + "x", std::string("x"),
                                       std::string("not a model"), std::string("MLNN")}) {
-    const TemporaryFile file(contents);
+    const std::string path = folder.write("model", contents);
     MultiLayerNNModel model;
-    stderrOf([&] { model.deserialize(file.path()); });
+    stderrOf([&] { model.deserialize(path.c_str()); });
     EXPECT_EQ(openFiles(), before);
   }
 }
