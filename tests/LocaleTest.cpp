@@ -5,21 +5,24 @@
 
 #include <clocale>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <locale>
 #include <sstream>
 #include <string>
 
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/CaptureStderr.h"
+#include "tests/support/CommaLocale.h"
 #include "tests/support/ModelDifference.h"
+#include "tests/support/TempFolder.h"
 #include "tests/support/TestModels.h"
 
 namespace {
 
 using mlnn::test::firstDifference;
+using mlnn::test::kCommaLocale;
+using mlnn::test::makeCommaLocale;
 using mlnn::test::stderrOf;
+using mlnn::test::TempFolder;
 
 class CommaNumbers : public std::numpunct<char> {
  protected:
@@ -57,18 +60,12 @@ class CommaLocale : public testing::Test {
 
 TEST_F(CommaLocale, aTextOfTheClassicLocaleIsReadFromAFile) {
   const MultiLayerNNModel model = largeModel();
-  const std::string path =
-      (std::filesystem::temp_directory_path() / "mlnn-locale-test.txt").string();
-  {
-    std::ofstream out(path);
-    out.imbue(std::locale::classic());
-    out << textOf(model, std::locale::classic());
-  }
+  const TempFolder folder;
+  const std::string path = folder.write("model.txt", textOf(model, std::locale::classic()));
   MultiLayerNNModel again;
   std::string messages;
   int result = -1;
   messages = stderrOf([&] { result = again.deserialize(path.c_str()); });
-  std::filesystem::remove(path);
   EXPECT_EQ(messages, "");
   EXPECT_EQ(result, 0);
   again.deltasNorm = model.deltasNorm;
@@ -124,27 +121,22 @@ TEST_F(CommaLocale, notesAndFeatureTextsAreTheSame) {
   EXPECT_EQ(desc.deserialize(text), 0);
 }
 
-// Makes a C locale with a decimal comma from the system's sources; empty where it cannot.
+// The process has a C locale with a decimal comma.
 class CommaCLocale : public testing::Test {
  protected:
   void SetUp() override {
-    folder_ = std::filesystem::temp_directory_path() / "mlnn-locale-test";
-    const std::string command =
-        "localedef -i de_DE -f UTF-8 '" + (folder_ / "comma").string() + "' >/dev/null 2>&1";
-    std::filesystem::create_directories(folder_);
-    if (std::system(command.c_str()) != 0) GTEST_SKIP() << "no localedef, or no sources for it";
-    setenv("LOCPATH", folder_.c_str(), 1);
-    ASSERT_NE(std::setlocale(LC_ALL, "comma"), nullptr);
+    if (!makeCommaLocale(folder_.path())) GTEST_SKIP() << "no localedef, or no sources for it";
+    setenv("LOCPATH", folder_.path().c_str(), 1);
+    ASSERT_NE(std::setlocale(LC_ALL, kCommaLocale), nullptr);
     ASSERT_STREQ(std::localeconv()->decimal_point, ",");
   }
   void TearDown() override {
     std::setlocale(LC_ALL, "C");
     unsetenv("LOCPATH");
-    std::filesystem::remove_all(folder_);
   }
 
  private:
-  std::filesystem::path folder_;
+  TempFolder folder_;
 };
 
 TEST_F(CommaCLocale, changesTrainingCommentValuesAlone) {
