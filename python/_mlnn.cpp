@@ -133,7 +133,7 @@ std::shared_ptr<LayerHandle> layerAt(const std::shared_ptr<Core>& core, std::siz
 std::shared_ptr<LayerHandle> handToPython(Core& core, NNLayer*& layer) {
   const auto entry = core.handles.find(layer);
   if (entry == core.handles.end()) return nullptr;
-  const std::shared_ptr<LayerHandle> handle = entry->second.lock();
+  std::shared_ptr<LayerHandle> handle = entry->second.lock();
   core.handles.erase(entry);
   if (!handle) return nullptr;
   handle->removed.reset(layer);
