@@ -317,17 +317,15 @@ TEST_F(SystemFaults, aFullStandardOutputIsNamed) {
 TEST_F(SystemFaults, aFileThatGrowsTooLargeIsNamed) {
   folder_.write("out", kOld);
   const std::vector<std::string> names = folder_.names();
-  const ToolResult result = run("ulimit -f 1; mlnn convert model.txt out --to binary");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write 'out': File too large\n"));
+  expectCannotWrite("ulimit -f 1; mlnn convert model.txt out --to binary", "'out'",
+                    "File too large");
   EXPECT_EQ(contentOf(folder_.path("out")), kOld);
   EXPECT_EQ(folder_.names(), names);
 }
 
 TEST_F(SystemFaults, aStandardOutputThatGrowsTooLargeIsNamed) {
-  const ToolResult result = run("ulimit -f 1; mlnn convert model.txt - --to binary > out");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("ERROR: cannot write to standard output: File too large\n"));
+  expectCannotWrite("ulimit -f 1; mlnn convert model.txt - --to binary > out", "to standard output",
+                    "File too large");
 }
 
 TEST_F(SystemFaults, aFolderInPlaceOfAFileIsNamed) {
