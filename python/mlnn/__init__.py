@@ -13,9 +13,11 @@ side where they only read it. `docs/python.md` has the details.
 """
 from __future__ import annotations
 
+import contextlib
 import dataclasses
 import logging
 import os
+import stat
 import struct
 import sys
 import tempfile
@@ -442,6 +444,7 @@ class Model:
 
         Warns of what the format cannot hold; with `strict` that raises Error, and nothing is
         written. The file appears when it is complete; where that fails, an older one stays.
+        A pipe or a device is written into. Raises OSError with the name of the file.
         """
         suffix = os.path.splitext(os.fsdecode(path))[1]
         if format is None:
@@ -784,33 +787,55 @@ def _as_mapping(layer) -> Mapping:
     return dict(zip(("weights", "bias", "act_fn"), parts))
 
 
-def _write_whole(path, data: bytes) -> None:
-    """Writes a file that appears when it is complete."""
-    path = os.path.realpath(os.fsdecode(path))
+@contextlib.contextmanager
+def _told_of(path: str):
+    """What fails within is told of this file, whichever was at work."""
     try:
-        unnamed = tempfile.NamedTemporaryFile(dir=os.path.dirname(path), delete=False)
+        yield
     except OSError as error:
-        raise type(error)(error.errno, error.strerror, path) from None
-    with unnamed as file:
+        raise OSError(error.errno, error.strerror, path) from None
+
+
+def _write_whole(path, data: bytes) -> None:
+    """Writes a file that appears when it is complete. What is there but no regular file, like a
+    pipe or a device, is written into. Raises OSError, and leaves an older file then."""
+    path = os.fsdecode(path)
+    with _told_of(path):
+        try:
+            present = os.open(path, os.O_WRONLY | os.O_CLOEXEC)
+        except FileNotFoundError:
+            if not os.path.basename(path):
+                raise
+            _put_in_place(path, _mode_of_new_file(), data)
+            return
+        with open(present, "wb") as file:
+            mode = os.fstat(present).st_mode
+            if stat.S_ISREG(mode):
+                _put_in_place(path, mode & 0o777, data)
+            else:
+                file.write(data)
+
+
+def _put_in_place(path: str, mode: int, data: bytes) -> None:
+    """Writes a file beside, and gives it the name when it is complete."""
+    path = os.path.realpath(path)  # a link stays one
+    with tempfile.NamedTemporaryFile(dir=os.path.dirname(path), prefix=".mlnn-",
+                                     delete=False) as file:
         try:
             file.write(data)
             file.flush()
             os.fsync(file.fileno())
-            os.chmod(file.name, _mode_for(path))
+            os.chmod(file.name, mode)
             os.replace(file.name, path)
         except BaseException:
             os.unlink(file.name)
             raise
 
 
-def _mode_for(path: str) -> int:
-    """The permissions of the file that is there, or those of a new one."""
-    try:
-        return os.stat(path).st_mode & 0o777
-    except FileNotFoundError:
-        mask = os.umask(0)
-        os.umask(mask)
-        return 0o666 & ~mask
+def _mode_of_new_file() -> int:
+    mask = os.umask(0)
+    os.umask(mask)
+    return 0o666 & ~mask
 
 
 def load(path: str | os.PathLike, act_fn: str | None = None) -> Model:

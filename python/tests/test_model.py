@@ -1,7 +1,9 @@
+import concurrent.futures
 import copy
 import csv
 import dataclasses
 import gc
+import os
 import pickle
 import subprocess
 import sys
@@ -67,11 +69,74 @@ def test_a_failed_save_leaves_the_old_file(model, tmp_path):
     path.write_text("old")
     with pytest.raises(ValueError, match="format must be"):
         model.save(path, format="other")
-    with pytest.raises(FileNotFoundError) as caught:
-        model.save(tmp_path / "none" / "model.txt")
-    assert caught.value.filename == str(tmp_path / "none" / "model.txt")
     assert path.read_text() == "old"
     assert [p.name for p in tmp_path.iterdir()] == ["model.txt"]
+
+
+@pytest.mark.filterwarnings("ignore::mlnn.Warning")
+@pytest.mark.parametrize("name, kind", [
+    ("none/model.txt", FileNotFoundError), ("folder", IsADirectoryError),
+    ("folder/", IsADirectoryError), ("new/", FileNotFoundError), ("loop", OSError)])
+def test_a_failed_save_tells_of_the_file_that_was_meant(model, tmp_path, name, kind):
+    (tmp_path / "folder").mkdir()
+    (tmp_path / "loop").symlink_to("loop")
+    with pytest.raises(kind) as caught:
+        model.save(f"{tmp_path}/{name}", format="text")
+    assert (caught.value.filename, caught.value.filename2) == (f"{tmp_path}/{name}", None)
+    assert caught.value.strerror == os.strerror(caught.value.errno)
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["folder", "loop"]
+    assert not any((tmp_path / "folder").iterdir())
+
+
+@pytest.mark.filterwarnings("ignore::mlnn.Warning")
+def test_an_empty_name_is_no_file(model, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    with pytest.raises(FileNotFoundError):
+        model.save("", format="text")
+    assert not any(tmp_path.iterdir())
+
+
+@pytest.mark.filterwarnings("ignore::mlnn.Warning")
+def test_a_pipe_is_written_into_and_stays_one(model, tmp_path):
+    pipe, link = tmp_path / "pipe", tmp_path / "link"
+    os.mkfifo(pipe)
+    link.symlink_to(pipe)
+    for path in pipe, link:
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            read = pool.submit(pipe.read_bytes)
+            model.save(path, format="image")
+            assert read.result() == model.to_bytes()
+        assert pipe.is_fifo() and link.is_symlink()
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["link", "pipe"]
+
+
+@pytest.mark.filterwarnings("ignore::mlnn.Warning")
+def test_a_pipe_that_nobody_reads_further_tells_its_name(tmp_path):
+    weights = np.random.default_rng(9).normal(size=(300, 300))  # more than a pipe takes
+    large = mlnn.Model.from_arrays([(weights, np.zeros(300))])
+    pipe = tmp_path / "pipe"
+    os.mkfifo(pipe)
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    closing = threading.Timer(0.2, os.close, [reader])  # while the pipe is full
+    closing.start()
+    with pytest.raises(BrokenPipeError) as caught:
+        large.save(pipe, format="image")
+    closing.join()
+    assert caught.value.filename == str(pipe)
+
+
+@pytest.mark.filterwarnings("ignore::mlnn.Warning")
+def test_a_link_stays_a_link_and_what_it_names_is_replaced(model, tmp_path):
+    (tmp_path / "folder").mkdir()
+    target = tmp_path / "folder" / "model"
+    link = tmp_path / "link"
+    link.symlink_to("folder/model")
+    model.save(link, format="text")  # while it leads nowhere
+    target.chmod(0o640)
+    model.save(link, format="image")
+    assert link.is_symlink() and target.read_bytes() == model.to_bytes()
+    assert target.stat().st_mode & 0o777 == 0o640
+    assert [p.name for p in target.parent.iterdir()] == ["model"]
 
 
 def test_activations_follow_the_property(digits):
