@@ -259,8 +259,11 @@ py::tuple parse(const py::bytes& bytes) {
   });
 }
 
-py::tuple load(const std::string& path) {
-  return readNew([&path](MultiLayerNNModel& model) { return model.deserialize(path.c_str()); });
+// Returns what the library says of a file that cannot be opened.
+py::bytes openingError(const std::string& path) {
+  const mlnn::CollectedMessages said;
+  MultiLayerNNModel().deserialize(path.c_str());
+  return said.text();
 }
 
 py::tuple image(Core& core) {
@@ -307,9 +310,12 @@ Said add(Core& core, Core& other) {
 Columns columnsOf(const Frames& frames) {
   if (frames.ndim() != 2) throw py::value_error("frames must have two dimensions");
   const py::ssize_t values = frames.shape(1);
+  if (frames.shape(0) == 0) {  // NumPy gives any strides then
+    return Columns(frames.data(), values, 0, Eigen::OuterStride<>(values));
+  }
   const py::ssize_t step = frames.strides(0) / static_cast<py::ssize_t>(sizeof(float));
   const bool fits = values <= 1 || frames.strides(1) == static_cast<py::ssize_t>(sizeof(float));
-  const bool apart = frames.shape(0) <= 1 || (step >= values && frames.strides(0) % 4 == 0);
+  const bool apart = frames.shape(0) == 1 || (step >= values && frames.strides(0) % 4 == 0);
   if (!fits || !apart) throw py::value_error("the values of a frame must lie side by side");
   return Columns(frames.data(), values, frames.shape(0),
                  Eigen::OuterStride<>(std::max(step, values)));
@@ -616,6 +622,8 @@ void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
 PYBIND11_MODULE(_mlnn, module) {
   module.doc() = "The binding under the package mlnn; use that.";
   module.attr("version") = MLNN_VERSION;
+  module.attr("IMAGE_MAGIC") = py::bytes(mlnn::kMagic);
+  module.attr("IMAGE_HEAD_LENGTH") = mlnn::kHeadLength;
   module.attr("NORM_LENGTH") = static_cast<int>(MelDeltasNorm::kLength);
   module.attr("MINVALS_MARKER") = mlnn::kMinvalsMarker;
   module.attr("NORMVALS_MARKER") = mlnn::kNormvalsMarker;
@@ -624,7 +632,7 @@ PYBIND11_MODULE(_mlnn, module) {
   module.def("act_fns", &actFnNames);
   module.def("describe", &describe);
   module.def("seed_random", &seedRandom);
-  module.def("load", &load);
+  module.def("opening_error", &openingError);
   module.def("parse", &parse);
   bindLayer(module);
   py::class_<Core, std::shared_ptr<Core>> core(module, "Core");

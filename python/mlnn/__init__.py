@@ -35,7 +35,6 @@ __all__ = ["ACT_FNS", "Error", "FeatureDescription", "Layer", "Model", "Warning"
 ACT_FNS = tuple(_mlnn.act_fns())  # the names of the activations, in the order of their codes
 NORM_LENGTH = _mlnn.NORM_LENGTH   # values in each of the two arrays of a normalisation
 
-_IMAGE_MAGIC = b"MLNN"
 _VERSION_1_HEADER = b"MultiLayerNNModel\n"
 _HIDDEN_ACT_FN = "hidden_act_fn"
 _TEXT_SUFFIXES = {".txt"}
@@ -362,33 +361,33 @@ class Model:
 
     @classmethod
     def load(cls, path: str | os.PathLike, act_fn: str | None = None) -> Model:
-        """Reads a text model or a binary image.
+        """Reads a text model or a binary image, from a file, a pipe or a device.
 
         Activations that a file does not record (version 1, batch-norm layers of texts) are set
         on all layers but the last to `act_fn`, else to what the property hidden_act_fn says;
         without either there is a warning, and they stay linear.
         Raises OSError where the file cannot be read, Error where it is no model.
         """
+        path = os.fspath(path)  # so a number is no descriptor
         try:
-            with open(path, "rb") as file:
-                head = file.read(len(_VERSION_1_HEADER))
-            unreadable = None
+            file = open(path, "rb")
+        except IsADirectoryError:
+            raise
         except OSError as error:
-            head, unreadable = b"", error
-        core, result, messages = _mlnn.load(os.fsencode(path))
-        if unreadable is not None:
-            text = _str(messages).rstrip("\n") or str(unreadable)
-            raise type(unreadable)(unreadable.errno, text, os.fspath(path))
-        _hear(result, messages)
-        model = cls._of(core)
-        model._complete_activations(head, act_fn)
-        return model
+            text = _str(_mlnn.opening_error(os.fsencode(path))).rstrip("\n") or error.strerror
+            raise OSError(error.errno, text, path) from None
+        with file, _told_of(path):
+            data = file.read()
+        return cls.from_bytes(data, act_fn)
 
     @classmethod
     def from_bytes(cls, data: bytes, act_fn: str | None = None) -> Model:
         """Reads a model of either format from memory, as load does from a file."""
-        data = bytes(data)
+        data = data if isinstance(data, bytes) else bytes(memoryview(data))
         core, result, messages = _mlnn.parse(data)
+        if result != 0 and not messages and data.startswith(_mlnn.IMAGE_MAGIC):
+            raise Error(f"an image of {len(data)} bytes is shorter than its head "
+                        f"({_mlnn.IMAGE_HEAD_LENGTH})")
         _hear(result, messages)
         model = cls._of(core)
         model._complete_activations(data[:len(_VERSION_1_HEADER)], act_fn)
@@ -397,7 +396,7 @@ class Model:
     def _unrecorded_activations(self, head: bytes, given: str | None):
         """The hidden layers whose activation the file that begins so does not record, and the
         name that they take: the given one, or the property's; None without either."""
-        if head.startswith(_IMAGE_MAGIC):
+        if head.startswith(_mlnn.IMAGE_MAGIC):
             return [], None
         version_1 = head.startswith(_VERSION_1_HEADER)
         unrecorded = [layer for layer in self.layers[:-1] if version_1 or layer.batch_norm]

@@ -44,24 +44,55 @@ def test_a_missing_file_is_an_os_error_with_the_librarys_words(tmp_path):
                                      f"{tmp_path / 'none'}")
 
 
+def test_a_folder_is_no_file(tmp_path):
+    with pytest.raises(IsADirectoryError) as caught:
+        mlnn.load(tmp_path)
+    assert (caught.value.strerror, caught.value.filename) == ("Is a directory", str(tmp_path))
+
+
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_a_pipe_is_read_as_a_file_is(digits, tmp_path, name):
+    model = mlnn.load(digits / f"{name}.txt")
+    os.mkfifo(tmp_path / "pipe")
+    for data in model.to_text(), model.to_bytes():
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            pool.submit((tmp_path / "pipe").write_bytes, data)
+            again = mlnn.load(tmp_path / "pipe")
+        assert state(again)["layers"] == state(model)["layers"]
+
+
+def test_only_bytes_are_taken_for_the_bytes_of_a_model(model):
+    for data in bytearray(model.to_bytes()), memoryview(model.to_bytes()):
+        assert mlnn.Model.from_bytes(data).checksum == model.checksum
+    for data in 4, "MLNN":
+        with pytest.raises(TypeError):
+            mlnn.Model.from_bytes(data)
+    with pytest.raises(TypeError):
+        mlnn.load(0)  # would be the standard input
+
+
 @pytest.mark.parametrize("data, message", [
     (b"", "ERROR: MultiLayerNNModel: Could not read header"),
+    (b"MLNN", "an image of 4 bytes is shorter than its head (1004)"),
+    (b"MLNN123", "an image of 7 bytes is shorter than its head (1004)"),
     (b"MLNN" + bytes(2000), None),
     (b"MultiLayerNNModel_v2\nnonsense 3\n", None),
 ])
 def test_what_is_no_model_is_refused_in_the_librarys_words(data, message):
     with pytest.raises(mlnn.Error) as caught:
         mlnn.Model.from_bytes(data)
-    assert str(caught.value).startswith("ERR")
-    if message is not None:
+    if message is None:
+        assert str(caught.value).startswith("ERR")
+    else:
         assert str(caught.value) == message
 
 
 def test_cut_images_are_refused_at_every_length(model):
     image = model.to_bytes()
     for length in range(len(image)):
-        with pytest.raises(mlnn.Error):
+        with pytest.raises(mlnn.Error, match="ERROR: |^an image of") as caught:
             mlnn.Model.from_bytes(image[:length])
+        assert "without a reason" not in str(caught.value)
 
 
 def test_a_failed_save_leaves_the_old_file(model, tmp_path):
@@ -432,7 +463,17 @@ def test_every_layout_and_type_gives_the_same(model):
         assert (model(same, stacked=True) == expected).all()
     assert (model(inputs[::-1], stacked=True) == expected[::-1]).all()
     assert (model(np.broadcast_to(inputs[:1], (3, 4)), stacked=True) == expected[0]).all()
-    assert model(inputs[:0], stacked=True).shape == (0, 2)
+
+
+def test_no_frames_give_no_outputs(digits):
+    model = mlnn.load(digits / "synth.txt")
+    for width in 120, 600:
+        for frames in np.zeros((0, width), np.float32), np.zeros((5, width))[:0]:
+            outputs = model(frames)
+            assert outputs.shape == (0, 10) and outputs.dtype == np.float32
+    assert model.stack(np.zeros((0, 120), np.float32)).shape == (0, 600)
+    with pytest.raises(ValueError, match="frames of 5 values; expected 120"):
+        model(np.zeros((0, 5), np.float32))
 
 
 def test_single_frames_are_stacked_as_numpy_does(model):
