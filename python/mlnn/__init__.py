@@ -16,6 +16,7 @@ from __future__ import annotations
 import contextlib
 import dataclasses
 import logging
+import operator
 import os
 import stat
 import struct
@@ -40,6 +41,7 @@ _HIDDEN_ACT_FN = "hidden_act_fn"
 _TEXT_SUFFIXES = {".txt"}
 _IMAGE_SUFFIXES = {".mlnn", ".bin"}
 _VECTORS = ("bias", "gamma", "beta", "gamma_inf", "beta_inf")
+_NORM = ("minvals", "normvals")
 
 _log = logging.getLogger(__name__)
 
@@ -56,8 +58,25 @@ def _str(text: bytes) -> str:
     return text.decode("utf-8", "surrogateescape")
 
 
-def _bytes(text: str) -> bytes:
+def _bytes(text: str, what: str) -> bytes:
+    if not isinstance(text, str):
+        raise TypeError(f"{what}: expected a string, got {text!r}")
     return text.encode("utf-8", "surrogateescape")
+
+
+def _integer(value, what: str, low: int = -2**31, high: int = 2**31 - 1) -> int:
+    """The value as one of the integers that the library takes; 32 bits by default."""
+    try:
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{what}: expected an integer, got {value!r}") from None
+    if not low <= number <= high:
+        raise ValueError(f"{what}: expected {low} to {high}, got {number}")
+    return number
+
+
+def _size(value, what: str) -> int:
+    return _integer(value, what, 0)
 
 
 def _warn(text: str) -> None:
@@ -91,7 +110,11 @@ def _float32(values, dimensions: int, what: str) -> np.ndarray:
         raise ValueError(f"{what}: expected {dimensions} dimensions, got shape {array.shape}")
     if array.dtype.kind not in "fiub":
         raise TypeError(f"{what}: expected numbers, got {array.dtype}")
-    return np.require(array, np.float32, "A")
+    with np.errstate(over="ignore"):
+        single = np.require(array, np.float32, "A")
+    if single is not array and (np.isinf(single) & np.isfinite(array)).any():
+        raise ValueError(f"{what}: a value is too large for single precision")
+    return single
 
 
 def _frames(values) -> np.ndarray:
@@ -101,6 +124,11 @@ def _frames(values) -> np.ndarray:
     apart = array.shape[0] <= 1 or array.strides[0] >= array.shape[1] * array.itemsize
     whole = array.strides[0] % array.itemsize == 0
     return array if side_by_side and apart and whole else np.ascontiguousarray(array)
+
+
+def _single(value, what: str) -> float:
+    """The same for one number."""
+    return float(_float32(value, 0, what))
 
 
 def _act_fn(name: str) -> str:
@@ -206,14 +234,15 @@ class _Props(MutableMapping):
         return {_str(key): _str(value) for key, value in self._core.props().items()}
 
     def _set(self, props: Mapping[str, str]) -> None:
-        self._core.set_props({_bytes(key): _bytes(value) for key, value in props.items()})
+        if not isinstance(props, Mapping):
+            raise TypeError(f"props: expected a mapping, got {props!r}")
+        self._core.set_props({_bytes(key, "a property's name"): _bytes(value, f"property {key!r}")
+                              for key, value in props.items()})
 
     def __getitem__(self, key):
         return self._get()[key]
 
     def __setitem__(self, key, value):
-        if not isinstance(key, str) or not isinstance(value, str):
-            raise TypeError("properties are strings")
         self._set({**self._get(), key: value})
 
     def __delitem__(self, key):
@@ -336,7 +365,7 @@ class _Layers(Sequence):
         count = len(self)
         if isinstance(index, slice):
             return [self[i] for i in range(*index.indices(count))]
-        if not -count <= index < count:
+        if not -count <= _integer(index, "layer") < count:
             raise IndexError(f"layer {index} of {count}")
         return Layer._of(self._core.layer(index % count))
 
@@ -530,7 +559,7 @@ class Model:
             "layers": [layer._layer.record() for layer in self.layers],
             "softmax": self.softmax,
             "features": core.features(),
-            "norm": (core.norm("minvals").tobytes(), core.norm("normvals").tobytes()),
+            "norm": tuple(core.norm(name).tobytes() for name in _NORM),
             "props": core.props(),
             "notes": core.notes(),
             "curves": (core.curve("loss").tobytes(), core.curve("accuracy").tobytes()),
@@ -544,7 +573,7 @@ class Model:
             core.append_record(record)
         core.restore_softmax(state["softmax"])
         core.set_features(state["features"])
-        for name, data in zip(("minvals", "normvals"), state["norm"]):
+        for name, data in zip(_NORM, state["norm"]):
             core.set_norm(name, np.frombuffer(data, np.float32))
         core.set_props(state["props"])
         core.set_notes(state["notes"])
@@ -571,11 +600,16 @@ class Model:
     def notes(self) -> MutableSequence[str]:
         """The lines of the model's history. Changes go to the model."""
         return _Lines(lambda: [_str(line) for line in self._core.notes()],
-                      lambda lines: self._core.set_notes([_bytes(line) for line in lines]))
+                      self._set_notes)
 
     @notes.setter
     def notes(self, lines: Iterable[str]) -> None:
-        self._core.set_notes([_bytes(line) for line in lines])
+        if isinstance(lines, str):
+            raise TypeError("notes: expected lines, got a string")
+        self._set_notes(lines)
+
+    def _set_notes(self, lines: Iterable[str]) -> None:
+        self._core.set_notes([_bytes(line, "a note") for line in lines])
 
     def _curve(self, name: str) -> _Lines:
         return _Lines(lambda: self._core.curve(name).tolist(),
@@ -603,20 +637,22 @@ class Model:
     def normalisation(self) -> tuple[np.ndarray, np.ndarray] | None:
         """Copies of (minvals, normvals): a frame becomes (x - minvals) * normvals. None: unset.
 
-        Setting copies two arrays of `NORM_LENGTH` values, or removes both by None.
+        Setting copies two arrays of `NORM_LENGTH` values, or removes both by None. Others, and
+        half of it, raise ValueError.
         """
-        minvals, normvals = self._core.norm("minvals"), self._core.norm("normvals")
-        return None if minvals.size == 0 and normvals.size == 0 else (minvals, normvals)
+        minvals, normvals = (self._core.norm(name) for name in _NORM)
+        return (minvals, normvals) if minvals.size and normvals.size else None
 
     @normalisation.setter
     def normalisation(self, values) -> None:
-        minvals, normvals = ((), ()) if values is None else values
-        arrays = [_float32(np.asarray(v, np.float32), 1, "normalisation")
-                  for v in (minvals, normvals)]
-        for array in arrays:
-            if array.size not in (0, NORM_LENGTH):
-                raise ValueError(f"normalisation: expected {NORM_LENGTH} values, got {array.size}")
-        for name, array in zip(("minvals", "normvals"), arrays):
+        empty = np.zeros(0, np.float32)
+        arrays = ([empty, empty] if values is None else
+                  [_float32(array, 1, "normalisation") for array in values])
+        sizes = [array.size for array in arrays]
+        if values is not None and sizes != [NORM_LENGTH, NORM_LENGTH]:
+            raise ValueError(f"normalisation: expected two arrays of {NORM_LENGTH} values, got "
+                             f"{' and '.join(map(str, sizes)) or 'none'}")
+        for name, array in zip(_NORM, arrays):
             self._core.set_norm(name, array)
 
     @property
@@ -626,6 +662,8 @@ class Model:
 
     @features.setter
     def features(self, description: FeatureDescription) -> None:
+        if not isinstance(description, FeatureDescription):
+            raise TypeError(f"features: expected a FeatureDescription, got {description!r}")
         self._core.set_features(description._pack())
 
     @property
@@ -669,7 +707,7 @@ class Model:
 
     def retain_precision_bits(self, bits: int) -> Model:
         """Snaps weights and biases to one grid of 2^bits steps, downwards. Returns the model."""
-        _hear(*self._core.retain_bits(bits), failed=_says_error)
+        _hear(*self._core.retain_bits(_integer(bits, "bits")), failed=_says_error)
         return self
 
     def zeros(self) -> Model:
@@ -685,17 +723,16 @@ class Model:
     def create_first_layer(self, num_inputs: int, num_outputs: int, init_scale: float = 0.1,
                            batch_norm: bool = False) -> Layer:
         """Makes the first layer, of random weights (see seed_random)."""
-        if num_inputs < 0 or num_outputs < 0:
-            raise ValueError("the size of a layer is negative")
-        _hear(*self._core.create_first(num_inputs, num_outputs, init_scale, batch_norm))
+        _hear(*self._core.create_first(
+            _size(num_inputs, "num_inputs"), _size(num_outputs, "num_outputs"),
+            _single(init_scale, "init_scale"), bool(batch_norm)))
         return self.layers[-1]
 
     def add_layer(self, num_outputs: int, init_scale: float = 0.1,
                   batch_norm: bool = False) -> Layer:
         """Adds a layer of random weights at the output end, and notes it."""
-        if num_outputs < 0:
-            raise ValueError("the size of a layer is negative")
-        _hear(*self._core.add_random(num_outputs, init_scale, batch_norm))
+        _hear(*self._core.add_random(_size(num_outputs, "num_outputs"),
+                                     _single(init_scale, "init_scale"), bool(batch_norm)))
         return self.layers[-1]
 
     def delete_layers(self, count: int) -> Model:
@@ -703,6 +740,7 @@ class Model:
 
         Returns the model. Raises Error where there are fewer layers; nothing changes then.
         """
+        count = _integer(count, "count")
         if not 0 <= count <= len(self.layers):
             raise Error(f"cannot delete {count} of {len(self.layers)} layers")
         _hear(*self._core.delete_layers(count))
@@ -717,7 +755,7 @@ class Model:
         return self
 
     def __imul__(self, factor: float) -> Model:
-        _hear(*self._core.scale(float(factor)))
+        _hear(*self._core.scale(_single(factor, "factor")))
         return self
 
     # --- Running ---
@@ -845,7 +883,7 @@ def load(path: str | os.PathLike, act_fn: str | None = None) -> Model:
 def seed_random(seed: int) -> None:
     """Restarts the random source that create_first_layer and add_layer draw from. It is one for
     all threads, and starts with the same seed in every process."""
-    _mlnn.seed_random(seed)
+    _mlnn.seed_random(_integer(seed, "seed", 0, 2**32 - 1))
 
 
 def from_torch(module) -> Model:

@@ -13,7 +13,7 @@ import dataclasses
 
 import numpy as np
 
-from . import Error, Model, _mlnn
+from . import Error, Model, _NORM, _mlnn
 
 _HIDDEN_ACT_FN = "hidden_act_fn"
 _FORMATS = {"text": "the text format", "image": "a binary image"}
@@ -127,7 +127,7 @@ def _description_reads_back(model: Model, description) -> bool:
 def _put_normalisation_into_notes(model: Model) -> None:
     present = _read_back(model)
     markers = _mlnn.MINVALS_MARKER, _mlnn.NORMVALS_MARKER
-    for name, marker in zip(("minvals", "normvals"), markers):
+    for name, marker in zip(_NORM, markers):
         wanted = model._core.norm(name)
         if _same(present._core.norm(name), wanted):
             continue

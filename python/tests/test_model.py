@@ -261,8 +261,73 @@ def test_members_read_and_write_like_lists_and_dictionaries(model):
     assert model.normalisation is None
     model.normalisation = np.zeros(120), np.ones(120)
     assert [array.sum() for array in model.normalisation] == [0, 120]
-    with pytest.raises(ValueError, match="expected 120 values, got 3"):
-        model.normalisation = [1, 2, 3], []
+
+
+@pytest.mark.parametrize("name, value, kind, message", [
+    ("props", {"a": 3}, TypeError, "property 'a': expected a string, got 3"),
+    ("props", {3: "a"}, TypeError, "a property's name: expected a string, got 3"),
+    ("props", 3, TypeError, "props: expected a mapping, got 3"),
+    ("notes", ["a", 3], TypeError, "a note: expected a string, got 3"),
+    ("notes", "abc", TypeError, "notes: expected lines, got a string"),
+    ("features", 3, TypeError, "features: expected a FeatureDescription, got 3"),
+    ("loss", ["a"], TypeError, "loss: expected numbers, got <U1"),
+    ("loss", [1e39], ValueError, "loss: a value is too large for single precision"),
+    ("normalisation", (np.ones(120), np.ones(0)), ValueError,
+     "normalisation: expected two arrays of 120 values, got 120 and 0"),
+    ("normalisation", ([1, 2, 3], [4, 5, 6]), ValueError,
+     "normalisation: expected two arrays of 120 values, got 3 and 3"),
+    ("normalisation", [np.ones(120)], ValueError,
+     "normalisation: expected two arrays of 120 values, got 120"),
+    ("normalisation", [], ValueError,
+     "normalisation: expected two arrays of 120 values, got none"),
+    ("normalisation", (np.full(120, 1e39), np.ones(120)), ValueError,
+     "normalisation: a value is too large for single precision"),
+])
+def test_values_that_a_member_cannot_hold_are_refused(model, name, value, kind, message):
+    before = state(model)
+    with pytest.raises(kind) as caught:
+        setattr(model, name, value)
+    assert (type(caught.value), str(caught.value)) == (kind, message)
+    assert state(model) == before
+
+
+def test_items_that_a_member_cannot_hold_are_refused(model):
+    before = state(model)
+    with pytest.raises(TypeError, match="^a note: expected a string, got 3$"):
+        model.notes.append(3)
+    with pytest.raises(TypeError, match="^property 'a': expected a string, got 3$"):
+        model.props["a"] = 3
+    with pytest.raises(ValueError, match="^weights: a value is too large for single precision$"):
+        model.layers[1].weights = np.full((2, 3), 1e39)
+    assert state(model) == before
+
+
+BEYOND = "expected 0 to 2147483647, got"
+
+
+@pytest.mark.parametrize("operation, kind, message", [
+    (lambda m: m.retain_precision_bits(2**40), ValueError,
+     "bits: expected -2147483648 to 2147483647, got 1099511627776"),
+    (lambda m: m.retain_precision_bits(1.0), TypeError, "bits: expected an integer, got 1.0"),
+    (lambda m: m.create_first_layer(2**40, 1), ValueError, f"num_inputs: {BEYOND} 1099511627776"),
+    (lambda m: m.create_first_layer(1, -1), ValueError, f"num_outputs: {BEYOND} -1"),
+    (lambda m: m.create_first_layer(1, 1, "a"), TypeError, "init_scale: expected numbers, got <U1"),
+    (lambda m: m.add_layer(2**31), ValueError, f"num_outputs: {BEYOND} 2147483648"),
+    (lambda m: m.add_layer(1, 1e39), ValueError,
+     "init_scale: a value is too large for single precision"),
+    (lambda m: m.delete_layers(1.5), TypeError, "count: expected an integer, got 1.5"),
+    (lambda m: m.delete_layers(-1), mlnn.Error, "cannot delete -1 of 2 layers"),
+    (lambda m: m.__imul__("a"), TypeError, "factor: expected numbers, got <U1"),
+    (lambda m: m.layers["a"], TypeError, "layer: expected an integer, got 'a'"),
+    (lambda m: mlnn.seed_random(-1), ValueError, "seed: expected 0 to 4294967295, got -1"),
+    (lambda m: mlnn.seed_random("a"), TypeError, "seed: expected an integer, got 'a'"),
+])
+def test_arguments_are_refused_in_plain_words(model, operation, kind, message):
+    before = state(model)
+    with pytest.raises(kind) as caught:
+        operation(model)
+    assert (type(caught.value), str(caught.value)) == (kind, message)
+    assert state(model) == before
 
 
 @pytest.mark.parametrize("layers, message", [
@@ -272,6 +337,9 @@ def test_members_read_and_write_like_lists_and_dictionaries(model):
     ([{"weights": [[1]], "gamma_inf": [1]}], "layer 1: a batch-norm layer needs gamma_inf and"),
     ([([[1]], [0], "cube")], "layer 1: no activation 'cube'"),
     ([([1, 2], [0])], "layer 1: weights: expected 2 dimensions, got shape"),
+    ([([[1]], [0]), ([[-1e39]], [0])], "layer 2: weights: a value is too large for single"),
+    ([([[1]], [np.nextafter(np.finfo("f4").max, np.inf, dtype="f8") + 2e31])],
+     "layer 1: bias: a value is too large for single"),
 ])
 def test_arrays_that_make_no_model_are_refused(layers, message):
     with pytest.raises(ValueError) as caught:
