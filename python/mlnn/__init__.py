@@ -40,6 +40,7 @@ _VERSION_1_HEADER = b"MultiLayerNNModel\n"
 _HIDDEN_ACT_FN = "hidden_act_fn"
 _TEXT_SUFFIXES = {".txt"}
 _IMAGE_SUFFIXES = {".mlnn", ".bin"}
+_INFO, _WARNING = "info: ", "Warning: "
 _VECTORS = ("bias", "gamma", "beta", "gamma_inf", "beta_inf")
 _NORM = ("minvals", "normvals")
 
@@ -90,13 +91,15 @@ def _warn(text: str) -> None:
 def _hear(result: int, messages: bytes, failed=lambda result, text: result != 0) -> None:
     """Makes Python's what a call said: an exception, warnings, lines of a log."""
     text = _str(messages).rstrip("\n")
+    lines = text.splitlines()
     if failed(result, text):
-        raise Error(text or "refused, without a reason")
-    for line in text.splitlines():
-        if line.startswith("Warning: "):
-            _warn(line.removeprefix("Warning: "))
+        told = [line for line in lines if not line.startswith(_INFO)]
+        raise Error("\n".join(told) or "refused, without a reason")
+    for line in lines:
+        if line.startswith(_WARNING):
+            _warn(line.removeprefix(_WARNING))
         else:
-            _log.info("%s", line.removeprefix("info: "))
+            _log.info("%s", line.removeprefix(_INFO))
 
 
 def _says_error(_result: int, text: str) -> bool:

@@ -95,6 +95,13 @@ def test_cut_images_are_refused_at_every_length(model):
         assert "without a reason" not in str(caught.value)
 
 
+def test_an_error_leaves_out_what_was_said_for_information(model):
+    with pytest.raises(mlnn.Error) as caught:
+        mlnn.Model.from_bytes(model.to_bytes()[:-1])
+    assert str(caught.value) == ("ERROR: MultiLayerNNModel::deserializeBinary: could not read "
+                                 "layer index: 1")
+
+
 def test_a_failed_save_leaves_the_old_file(model, tmp_path):
     path = tmp_path / "model.txt"
     path.write_text("old")
