@@ -74,6 +74,87 @@ def test_torch_steps_without_a_place_are_refused_by_name(torch):
         mlnn.from_torch(nn.Linear(2, 2))
 
 
+def changed(step, **values):
+    """The step with the first value of these parameters changed."""
+    for name, value in values.items():
+        getattr(step, name).data.flatten()[0] = value
+    return step
+
+
+def hooked(step, register, hook):
+    getattr(step, register)(hook)
+    return step
+
+
+def with_forward_of_its_own(step):
+    step.forward = lambda inputs: inputs
+    return step
+
+
+@pytest.mark.filterwarnings("ignore:Complex modules are a new feature")
+@pytest.mark.parametrize("make, message", [
+    (lambda nn: [hooked(nn.Linear(2, 2), "register_forward_hook", lambda *_: None)],
+     "0 (Linear): has forward hooks, which cannot be represented"),
+    (lambda nn: [nn.Linear(2, 2), hooked(nn.Identity(), "register_forward_pre_hook", lambda *_: None)],
+     "1 (Identity): has forward hooks, which cannot be represented"),
+    (lambda nn: [nn.utils.weight_norm(nn.Linear(2, 2))],
+     "0 (Linear): has forward hooks, which cannot be represented"),
+    (lambda nn: [hooked(nn.Sequential(nn.Linear(2, 2)), "register_forward_hook", lambda *_: None)],
+     "0 (Sequential): has forward hooks, which cannot be represented"),
+    (lambda nn: [nn.Linear(2, 2), with_forward_of_its_own(nn.ReLU())],
+     "1 (ReLU): has a forward function of its own, which cannot be represented"),
+    (lambda nn: [changed(nn.Linear(2, 2).double(), weight=1e39)],
+     "0 (Linear): weights: 1e+39 is beyond single precision"),
+    (lambda nn: [nn.Linear(2, 2), changed(nn.Linear(2, 2).double(), bias=-1e300)],
+     "1 (Linear): bias: -1e+300 is beyond single precision"),
+    (lambda nn: [nn.Linear(2, 2), changed(nn.BatchNorm1d(2), running_var=-1)],
+     "1 (BatchNorm1d): variance -1 plus eps 1e-05 is not positive"),
+    (lambda nn: [nn.Linear(2, 2), changed(nn.BatchNorm1d(2, eps=0), running_var=0)],
+     "1 (BatchNorm1d): variance 0 plus eps 0 is not positive"),
+    (lambda nn: [nn.Linear(2, 2), changed(nn.BatchNorm1d(2, eps=0), running_var=1e-30, weight=1e30)],
+     "1 (BatchNorm1d): scale: 1e+45 is beyond single precision"),
+    (lambda nn: [nn.Linear(2, 2), changed(nn.BatchNorm1d(2), running_mean=3e38, weight=10)],
+     "1 (BatchNorm1d): shift: -2.99999e+39 is beyond single precision"),
+    (lambda nn: [nn.Linear(2, 3), nn.Linear(4, 2)], "1 (Linear): takes 4 inputs after 3 outputs"),
+    (lambda nn: [nn.Linear(2, 3), nn.BatchNorm1d(1)],
+     "1 (BatchNorm1d): gamma of shape (1,) after 3 outputs"),
+    (lambda nn: [nn.Linear(2, 3), nn.BatchNorm1d(4, affine=False)],
+     "1 (BatchNorm1d): gamma of shape (4,) after 3 outputs"),
+    (lambda nn: [nn.Linear(2, 2, device="meta")],
+     "0 (Linear): weight: Cannot copy out of meta tensor; no data!"),
+    (lambda nn: [nn.Linear(2, 2).to(dtype=pytest.importorskip("torch").complex64)],
+     "0 (Linear): weights: expected real numbers, found complex64"),
+    (lambda nn: [nn.Linear(2, 2), nn.ELU(float("nan"))],
+     "1 (ELU): alpha is nan; only 1 can be represented"),
+    (lambda nn: [], "the network has no linear map"),
+    (lambda nn: [nn.Sequential(), nn.Dropout()], "the network has no linear map"),
+])
+def test_torch_steps_that_would_compute_something_else_are_refused(torch, make, message):
+    with pytest.raises(mlnn.Error) as caught:
+        mlnn.from_torch(torch.nn.Sequential(*make(torch.nn)))
+    assert str(caught.value) == message
+
+
+def test_a_torch_step_that_stands_twice_counts_twice(torch):
+    nn = torch.nn
+    relu, linear = nn.ReLU(), nn.Linear(4, 4)
+    module = nn.Sequential(linear, relu, nn.Sequential(linear, relu), linear)
+    model = mlnn.from_torch(module)
+    assert [layer.act_fn for layer in model.layers] == ["relu", "relu", "linear"]
+    inputs = inputs_for(model)
+    with torch.no_grad():
+        expected = module(torch.from_numpy(inputs)).numpy()
+    assert np.abs(model(inputs) - expected).max() < TOLERANCE
+
+
+def test_torch_parameters_of_other_precisions_come_as_they_are(torch):
+    for kind in torch.float16, torch.bfloat16, torch.float64:
+        module = torch.nn.Sequential(torch.nn.Linear(3, 2)).to(kind)
+        model = mlnn.from_torch(module)
+        assert (model.layers[0].weights == module[0].weight.detach().float().numpy()).all()
+        assert (model.layers[0].bias == module[0].bias.detach().float().numpy()).all()
+
+
 # --- scikit-learn ---
 
 @pytest.mark.filterwarnings("ignore::UserWarning")  # the training is cut short
@@ -102,6 +183,9 @@ def test_regressors_give_the_same_values_and_others_are_refused():
         mlnn.from_sklearn(network.MLPRegressor())
     with pytest.raises(mlnn.Error, match="dict cannot be represented"):
         mlnn.from_sklearn({})
+    fitted.coefs_[1][0, 0] = 1e39
+    with pytest.raises(mlnn.Error, match="^MLPRegressor layer 2: weights: 1e\\+39 is beyond single"):
+        mlnn.from_sklearn(fitted)
 
 
 # --- ONNX ---
