@@ -43,6 +43,7 @@ _IMAGE_SUFFIXES = {".mlnn", ".bin"}
 _INFO, _WARNING = "info: ", "Warning: "
 _VECTORS = ("bias", "gamma", "beta", "gamma_inf", "beta_inf")
 _NORM = ("minvals", "normvals")
+_CURVES = ("loss", "accuracy")
 
 _log = logging.getLogger(__name__)
 
@@ -553,7 +554,8 @@ class Model:
         self._core.restore_softmax(other.softmax)
         self.features, self.normalisation = other.features, other.normalisation
         self.props, self.notes = other.props, other.notes
-        self.loss, self.accuracy = other.loss, other.accuracy
+        for name in _CURVES:
+            self._core.set_curve(name, other._core.curve(name))
 
     def __getstate__(self) -> dict:
         core = self._core
@@ -565,7 +567,7 @@ class Model:
             "norm": tuple(core.norm(name).tobytes() for name in _NORM),
             "props": core.props(),
             "notes": core.notes(),
-            "curves": (core.curve("loss").tobytes(), core.curve("accuracy").tobytes()),
+            "curves": tuple(core.curve(name).tobytes() for name in _CURVES),
         }
 
     def __setstate__(self, state: dict) -> None:
@@ -580,7 +582,7 @@ class Model:
             core.set_norm(name, np.frombuffer(data, np.float32))
         core.set_props(state["props"])
         core.set_notes(state["notes"])
-        for name, data in zip(("loss", "accuracy"), state["curves"]):
+        for name, data in zip(_CURVES, state["curves"]):
             core.set_curve(name, np.frombuffer(data, np.float32))
 
     # --- What a model holds ---

@@ -57,12 +57,14 @@ class Network:
         """Adds values to the outputs of a linear map that stands right before."""
         layer = self._linear_before(name)
         shift = _vector(name, "shift", values, self.num_outputs)
-        sources = [shift]
-        if layer["bias"] is not None:
-            sources.append(layer["bias"])
-            shift = layer["bias"].astype(np.float64) + shift
-        _single(name, "shift", shift, *sources)
-        layer["bias"] = shift
+        bias = layer["bias"]
+        if bias is None:
+            _single(name, "shift", shift, shift)
+            layer["bias"] = shift
+        else:
+            with np.errstate(invalid="ignore"):
+                layer["bias"] = bias.astype(np.float64) + shift
+            _single(name, "shift", layer["bias"], bias, shift)
 
     def batch_norm(self, name: str, gamma: npt.ArrayLike, beta: npt.ArrayLike,
                    mean: npt.ArrayLike, var: npt.ArrayLike, eps: float) -> None:
@@ -73,17 +75,17 @@ class Network:
                  (("gamma", gamma), ("beta", beta), ("mean", mean), ("variance", var))]
         for what, values in zip(("gamma", "beta"), given):
             _single(name, what, values, values)
-        gamma64, beta64, mean64, var64 = (values.astype(np.float64) for values in given)
-        if (var64 + eps <= 0).any():
-            raise Error(f"{name}: variance {np.nanmin(var64):g} plus eps {eps:g} is not positive")
-        bias = layer["bias"]
+        bias = np.zeros(outputs) if layer["bias"] is None else layer["bias"]
         with np.errstate(all="ignore"):  # what matters of it is refused
-            offset = (0 if bias is None else bias.astype(np.float64)) - mean64
+            gamma64, beta64, mean64, var64 = (values.astype(np.float64) for values in given)
+            if (var64 + eps <= 0).any():
+                raise Error(f"{name}: variance {np.nanmin(var64):g} plus eps {eps:g} is not positive")
+            offset = bias.astype(np.float64) - mean64
             root = np.sqrt(var64 + eps)
             scale = gamma64 / root
             shift = beta64 + offset * scale
-        scale = _single(name, "scale", scale, gamma64, var64)
-        shift = _single(name, "shift", shift, gamma64, beta64, offset, var64)
+        scale = _single(name, "scale", scale, given[0], given[3])
+        shift = _single(name, "shift", shift, bias, *given)
         del layer["bias"]
         layer.update(gamma=given[0], beta=given[1], gamma_inf=_as_given(given[0], root == 1, scale),
                      beta_inf=_as_given(given[1], offset == 0, shift))

@@ -10,12 +10,14 @@ import base64
 import json
 import os
 import warnings
+from typing import Any
 
 import numpy as np
+import numpy.typing as npt
 import onnx
-from onnx import TensorProto, helper, numpy_helper
+from onnx import NodeProto, TensorProto, helper, numpy_helper
 
-from . import Error, FeatureDescription, Model, _VECTORS, _write_whole
+from . import Error, FeatureDescription, Layer, Model, _CURVES, _VECTORS, _write_whole
 from .convert import ELU_ALPHA, LEAKY_SLOPE, Network, parameter
 
 OPSET = 13
@@ -24,20 +26,24 @@ _OPERATORS = {"sigmoid": "Sigmoid", "tanh": "Tanh", "relu": "Relu", "leaky_relu"
               "elu": "Elu", "softplus": "Softplus"}
 _ACT_FNS = {operator: name for name, operator in _OPERATORS.items()}
 
+_Array = npt.NDArray[Any]
+
 
 # --- Export ---
 
-def to_onnx(model: Model, path: str | os.PathLike | None = None) -> onnx.ModelProto:
+def to_onnx(model: Model, path: str | os.PathLike[str] | None = None) -> onnx.ModelProto:
     """Exports a model, and writes it to a file where a path is given.
 
     Plain layers become Gemm, batch-norm layers Gemm and BatchNormalization of mean 0 and
     variance 1. The input "inputs" takes input vectors: normalised frames with their context,
     which Model.stack makes.
-    Raises Error for a model without layers, or with layers that do not fit each other.
+    Raises Error for a model without layers, or with layers that do not fit each other, and OSError
+    with the file's name where it cannot be written; an older file stays then.
     """
     if not len(model.layers):
         raise Error("a model without layers cannot be exported")
-    nodes, constants = [], []
+    nodes: list[NodeProto] = []
+    constants: list[TensorProto] = []
     value = "inputs"
     for number, layer in enumerate(model.layers, 1):
         value = _export_layer(layer, f"layer{number}", value, nodes, constants)
@@ -59,12 +65,14 @@ def to_onnx(model: Model, path: str | os.PathLike | None = None) -> onnx.ModelPr
     return exported
 
 
-def _export_layer(layer, name: str, value: str, nodes: list, constants: list) -> str:
-    def constant(what, array):
+def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
+                  constants: list[TensorProto]) -> str:
+    """Appends a layer's nodes and constants, and returns the name of its output."""
+    def constant(what: str, array: _Array) -> str:
         constants.append(numpy_helper.from_array(np.ascontiguousarray(array), f"{name}.{what}"))
         return f"{name}.{what}"
 
-    def node(operator, inputs, what, **attributes):
+    def node(operator: str, inputs: list[str], what: str, **attributes: float) -> str:
         nodes.append(helper.make_node(operator, inputs, [f"{name}.{what}"], f"{name}.{what}",
                                       **attributes))
         return f"{name}.{what}"
@@ -91,88 +99,104 @@ def _export_layer(layer, name: str, value: str, nodes: list, constants: list) ->
     return node(_OPERATORS[layer.act_fn], [value], "activated", **attributes.get(layer.act_fn, {}))
 
 
-def _packed(array) -> str:
+def _packed(array: _Array) -> str:
     return base64.b64encode(np.asarray(array, "<f4").tobytes()).decode()
 
 
-def _unpacked(text: str) -> np.ndarray:
+def _unpacked(text: str) -> _Array:
     return np.frombuffer(base64.b64decode(text, validate=True), "<f4")
 
 
-def _idle_vectors(layer) -> dict[str, str]:
+def _idle_vectors(layer: Layer) -> dict[str, str]:
     """The vectors that a layer holds without using them."""
     used = {"gamma_inf", "beta_inf"} if layer.batch_norm else {"bias"}
     return {name: _packed(getattr(layer, name)) for name in _VECTORS
             if name not in used and getattr(layer, name).size}
 
 
-def _metadata(model: Model) -> dict:
+def _metadata(model: Model) -> dict[str, Any]:
     norm = model.normalisation
     return {
         "features": vars(model.features),
         "normalisation": None if norm is None else [_packed(array) for array in norm],
         "props": dict(model.props),
         "notes": list(model.notes),
-        "loss": _packed(model.loss),
-        "accuracy": _packed(model.accuracy),
+        **{name: _packed(model._core.curve(name)) for name in _CURVES},
         "idle_vectors": [_idle_vectors(layer) for layer in model.layers],
     }
 
 
 # --- Import ---
 
-def from_onnx(source: str | os.PathLike | bytes | onnx.ModelProto) -> Model:
+def from_onnx(source: str | os.PathLike[str] | bytes | onnx.ModelProto) -> Model:
     """Imports a chain of Gemm, MatMul, Add, BatchNormalization, activations and Softmax, from a
-    file, its bytes or a ModelProto. What else there is, is refused by its name."""
-    if isinstance(source, onnx.ModelProto):
-        proto = source
-    else:
-        data = source
-        if not isinstance(source, bytes):
-            with open(source, "rb") as file:
-                data = file.read()
-        try:
-            with warnings.catch_warnings():
-                warnings.simplefilter("ignore", RuntimeWarning)  # of the decoder, which then fails
-                proto = onnx.load_model_from_string(data)
-            onnx.checker.check_model(proto)
-        except Exception as error:  # protobuf's own kinds, which onnx does not hide
-            reason = str(error).strip().partition("\n")[0]
-            raise Error(f"not an ONNX model: {reason}") from None
+    file, its bytes or a ModelProto. Raises Error for what else there is, by the name of the
+    node, and for what is no ONNX model; OSError where the file cannot be read."""
+    proto = source if isinstance(source, onnx.ModelProto) else _read(source)
     try:
         return _Importer(proto).run()
     except Error:
         raise
-    except ValueError as error:  # NumPy's, of shapes and types
+    except (AttributeError, IndexError, TypeError, ValueError) as error:
+        # Shapes, types and attributes that no operator has; a ModelProto may hold anything.
         raise Error(f"the graph does not fit together: {error}") from None
 
 
-def _name_of(node) -> str:
+def _read(source: str | os.PathLike[str] | bytes) -> onnx.ModelProto:
+    data = source
+    if not isinstance(data, bytes):
+        with open(os.fspath(data), "rb") as file:
+            data = file.read()
+    try:
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", RuntimeWarning)  # of the decoder, which then fails
+            proto = onnx.load_model_from_string(data)
+        onnx.checker.check_model(proto)
+    except Exception as error:  # protobuf's own kinds, which onnx does not hide
+        reason = str(error).strip().partition("\n")[0]
+        raise Error(f"not an ONNX model: {reason}") from None
+    return proto
+
+
+def _name_of(node: NodeProto) -> str:
     return f"{node.name or ''.join(node.output[:1])} ({node.op_type})"
 
 
-def _attributes(node) -> dict:
+def _attributes(node: NodeProto) -> dict[str, Any]:
     return {a.name: helper.get_attribute_value(a) for a in node.attribute}
+
+
+def _per_output(name: str, constant: _Array, outputs: int) -> _Array:
+    """A constant that is added to every frame alike: a scalar, or one value for each output."""
+    if constant.size == 1 and constant.ndim <= 2:
+        return np.broadcast_to(constant.reshape(-1), outputs)
+    if constant.ndim == 1:
+        return constant
+    if constant.ndim == 2 and len(constant) == 1:
+        return constant[0]
+    raise Error(f"{name}: only a vector can be added, found shape {constant.shape}")
 
 
 class _Importer:
     """Walks the one chain of nodes that leads from the input to the output."""
 
-    def __init__(self, proto: onnx.ModelProto):
+    def __init__(self, proto: onnx.ModelProto) -> None:
         self._graph = proto.graph
         self._metadata = {entry.key: entry.value for entry in proto.metadata_props}.get(_METADATA)
         self._network = Network()
-        self._gate = None  # a sigmoid that may be part of a SiLU: its name, and its input
-        self._constants = {}
+        # A sigmoid that may be part of a SiLU: its name, and its input.
+        self._gate: tuple[str, str] | None = None
+        self._constants: dict[str, _Array] = {}
         for tensor in self._graph.initializer:
             if tensor.data_location == TensorProto.EXTERNAL:
                 raise Error(f"{tensor.name}: values in another file are not read")
             self._constants[tensor.name] = self._values(tensor.name, tensor)
 
     @staticmethod
-    def _values(name: str, tensor) -> np.ndarray:
+    def _values(name: str, tensor: TensorProto) -> _Array:
         try:
-            return numpy_helper.to_array(tensor)
+            array: _Array = numpy_helper.to_array(tensor)
+            return array
         except Exception as error:
             raise Error(f"{name}: broken values: {error}") from None
 
@@ -190,7 +214,7 @@ class _Importer:
             raise Error(f"the output {self._graph.output[0].name} is not where the chain ends")
         return self._restore(self._network.model())
 
-    def _is_constant(self, node) -> bool:
+    def _is_constant(self, node: NodeProto) -> bool:
         """Whether the node takes nothing but constants. Its output is one more of them then."""
         name = _name_of(node)
         if node.op_type == "Constant":
@@ -211,7 +235,7 @@ class _Importer:
             raise Error(f"{name}: of constants alone cannot be represented")
         return True
 
-    def _follow(self, node, value: str) -> str:
+    def _follow(self, node: NodeProto, value: str) -> str:
         """Takes the next node of the chain that has come to `value`, and returns its output."""
         name = _name_of(node)
         if self._gate is not None and node.op_type == "Mul":
@@ -235,52 +259,80 @@ class _Importer:
             self._network.activation(self._gate[0], "sigmoid")
         self._gate = None
 
-    def _take(self, node, name: str, value: str) -> None:
+    def _take(self, node: NodeProto, name: str, value: str) -> None:
         attributes = _attributes(node)
-        constants = [self._constants.get(other) for other in node.input if other != value]
         kind = node.op_type
-        if any(constant is None for constant in constants):
-            raise Error(f"{name}: takes more than the chain's value and constants")
         if kind == "Gemm":
-            self._gemm(node, name, value, constants, attributes)
+            self._gemm(name, self._constants_of(node, name, value, 1, 2), attributes)
         elif kind == "MatMul":
-            if node.input[0] != value or constants[0].ndim != 2:
-                raise Error(f"{name}: only a product with a matrix on the right is represented")
-            self._network.linear(name, constants[0].T, None)
+            weights, = self._constants_of(node, name, value, 1)
+            self._network.linear(name, self._matrix(name, weights).T, None)
         elif kind == "Add":
-            if constants[0].size not in (1, constants[0].shape[-1] if constants[0].ndim else 1):
-                raise Error(f"{name}: only a vector can be added")
-            self._network.shift(name, constants[0].reshape(-1))
+            values, = self._constants_of(node, name, value, 1, either_side=True)
+            self._network.shift(name, _per_output(name, values, self._network.num_outputs))
         elif kind == "BatchNormalization":
+            gamma, beta, mean, var = self._constants_of(node, name, value, 4)
             if attributes.get("training_mode", 0):
                 raise Error(f"{name}: training_mode cannot be represented")
-            self._network.batch_norm(name, *constants, attributes.get("epsilon", 1e-5))
+            self._network.batch_norm(name, gamma, beta, mean, var, attributes.get("epsilon", 1e-5))
+        elif kind == "Dropout":
+            rate_and_mode = self._constants_of(node, name, value, 0, 2)
+            if any(mode.any() for mode in rate_and_mode[1:]):
+                raise Error(f"{name}: training_mode cannot be represented")
         elif kind == "Softmax":
+            self._constants_of(node, name, value, 0)
             if attributes.get("axis", -1) not in (1, -1):
                 raise Error(f"{name}: axis is {attributes['axis']}; only 1 and -1 are represented")
             self._network.softmax(name)
         elif kind in _ACT_FNS:
-            if kind == "LeakyRelu":
-                parameter(name, "alpha", attributes.get("alpha", 0.01), LEAKY_SLOPE)
-            elif kind == "Elu":
-                parameter(name, "alpha", attributes.get("alpha", 1.0), ELU_ALPHA)
-            self._network.activation(name, _ACT_FNS[kind])
-        elif kind == "Dropout":
-            if len(constants) > 1 and constants[1].any():
-                raise Error(f"{name}: training_mode cannot be represented")
+            self._constants_of(node, name, value, 0)
+            self._activation(name, kind, attributes)
         elif kind != "Identity":
             raise Error(f"{name} cannot be represented")
 
-    def _gemm(self, node, name, value, constants, attributes) -> None:
-        if node.input[0] != value or attributes.get("transA", 0) or constants[0].ndim != 2:
-            raise Error(f"{name}: only a product with a matrix on the right is represented")
-        for factor in ("alpha", "beta"):
-            parameter(name, factor, attributes.get(factor, 1.0), 1.0)
-        weights = constants[0] if attributes.get("transB", 0) else constants[0].T
-        bias = None
-        if len(constants) > 1:
-            bias = np.broadcast_to(constants[1].reshape(-1), len(weights))
+    def _constants_of(self, node: NodeProto, name: str, value: str, least: int,
+                      most: int | None = None, either_side: bool = False) -> list[_Array]:
+        """What a node takes beside the chain's value, which comes first; `least` to `most`
+        constants. One that is left out in the middle counts as empty."""
+        given = list(node.input)
+        while given and given[-1] == "":
+            given.pop()
+        if given[:1] != [value] and not either_side:
+            raise Error(f"{name}: only the first input can be the chain's value")
+        given.remove(value)
+        constants = [self._constants.get(other) if other else np.zeros(0) for other in given]
+        known = [constant for constant in constants if constant is not None]
+        if len(known) != len(constants):
+            raise Error(f"{name}: takes more than the chain's value and constants")
+        most = least if most is None else most
+        if not least <= len(known) <= most:
+            raise Error(f"{name}: expected {least} to {most} constants, found {len(known)}")
+        return known
+
+    @staticmethod
+    def _matrix(name: str, weights: _Array) -> _Array:
+        if weights.ndim != 2:
+            raise Error(f"{name}: only a product with a matrix is represented")
+        return weights
+
+    def _gemm(self, name: str, constants: list[_Array], attributes: dict[str, Any]) -> None:
+        weights, *added = constants
+        if attributes.get("transA", 0):
+            raise Error(f"{name}: transA cannot be represented")
+        weights = self._matrix(name, weights)
+        weights = weights if attributes.get("transB", 0) else weights.T
+        parameter(name, "alpha", attributes.get("alpha", 1.0), 1.0)
+        if added:
+            parameter(name, "beta", attributes.get("beta", 1.0), 1.0)
+        bias = _per_output(name, added[0], len(weights)) if added else None
         self._network.linear(name, weights, bias)
+
+    def _activation(self, name: str, kind: str, attributes: dict[str, Any]) -> None:
+        if kind == "LeakyRelu":
+            parameter(name, "alpha", attributes.get("alpha", 0.01), LEAKY_SLOPE)
+        elif kind == "Elu":
+            parameter(name, "alpha", attributes.get("alpha", 1.0), ELU_ALPHA)
+        self._network.activation(name, _ACT_FNS[kind])
 
     def _restore(self, model: Model) -> Model:
         """Gives the model what stood around the network, if it was exported from one."""
@@ -292,7 +344,8 @@ class _Importer:
             if around["normalisation"] is not None:
                 model.normalisation = [_unpacked(text) for text in around["normalisation"]]
             model.props, model.notes = around["props"], around["notes"]
-            model.loss, model.accuracy = _unpacked(around["loss"]), _unpacked(around["accuracy"])
+            for name in _CURVES:
+                model._core.set_curve(name, _unpacked(around[name]))
             return _with_vectors(model, around["idle_vectors"])
         except (KeyError, TypeError, ValueError, AttributeError, RecursionError) as error:
             raise Error(f"broken metadata {_METADATA!r}: {error}") from None

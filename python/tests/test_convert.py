@@ -198,6 +198,104 @@ def test_export_and_import_give_the_model_back(model, tmp_path):
     assert state(mlnn.from_onnx(tmp_path / "m.onnx")) == state(model)
 
 
+def signalling(values):
+    """The values with a NaN whose bits no arithmetic leaves as they are."""
+    values.view(np.uint32).flat[0] = 0x7FA00001
+    return values
+
+
+@pytest.mark.filterwarnings("error")
+def test_export_and_import_keep_the_bits_of_what_is_no_number(model):
+    model.layers[1].gamma = [3, 4]
+    model.layers[0].bias = [1, 2, -0.0]
+    model.layers[0].beta_inf = [-0.0, np.inf, 1e-42]
+    for layer in model.layers:
+        for name in "weights", "bias", "gamma", "beta", "gamma_inf", "beta_inf":
+            if getattr(layer, name).size:
+                signalling(getattr(layer, name)[:1])
+    model.normalisation = signalling(np.zeros(120, np.float32)), np.full(120, -0.0, np.float32)
+    model._core.set_curve("loss", signalling(np.zeros(3, np.float32)))
+    assert b"\1\0\xa0\x7f" in state(model)["layers"][0]
+    assert state(mlnn.from_onnx(mlnn.to_onnx(model))) == state(model)
+
+
+def gemm(weights, *rest, **attributes):
+    """A graph of one Gemm."""
+    names = ["x", "w", "c"][:2 + len(rest)]
+    values = [np.asarray(v, np.float32) for v in (weights, *rest)]
+    helper, kind = ONNX.helper, ONNX.TensorProto.FLOAT
+    graph = helper.make_graph(
+        [helper.make_node("Gemm", names, ["y"], "map", **attributes)], "g",
+        [helper.make_tensor_value_info("x", kind, ["n", len(weights)])],
+        [helper.make_tensor_value_info("y", kind, ["n", None])],
+        [ONNX.numpy_helper.from_array(v, n) for n, v in zip(names[1:], values)])
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
+
+
+@pytest.mark.parametrize("added, bias", [
+    (5, [5, 5, 5]), ([5], [5, 5, 5]), ([[5]], [5, 5, 5]), ([1, 2, 3], [1, 2, 3]),
+    ([[1, 2, 3]], [1, 2, 3])])
+def test_what_a_gemm_adds_to_every_frame_alike_is_a_bias(added, bias):
+    for proto in gemm(np.ones((2, 3)), added), gemm(np.ones((2, 3)), added).SerializeToString():
+        assert mlnn.from_onnx(proto).layers[0].bias.tolist() == bias
+
+
+@pytest.mark.parametrize("weights, added, message", [
+    (np.ones((2, 3)), [[1], [2], [3]], r"only a vector can be added, found shape \(3, 1\)"),
+    (np.ones((2, 1)), [[1], [2]], r"only a vector can be added, found shape \(2, 1\)"),
+    (np.ones((2, 3)), np.ones((2, 3)), r"only a vector can be added, found shape \(2, 3\)"),
+    (np.ones((2, 3)), [[[1]]], r"only a vector can be added, found shape \(1, 1, 1\)"),
+    (np.ones((2, 3)), [1, 2], r"bias of shape \(2,\) after 3 outputs"),
+    (np.ones((2, 1)), [1, 2], r"bias of shape \(2,\) after 1 outputs")])
+def test_what_a_gemm_adds_frame_by_frame_is_refused(weights, added, message):
+    with pytest.raises(mlnn.Error, match=rf"^map \(Gemm\): {message}$"):
+        mlnn.from_onnx(gemm(weights, added))
+
+
+def test_the_factors_of_a_gemm_must_be_1_where_they_count():
+    model = mlnn.from_onnx(gemm([[1, 2], [3, 4]], beta=0.0))
+    assert (model([[1, 10]], stacked=True) != 0).all() and not model.layers[0].bias.any()
+    assert model.layers[0].weights.tolist() == [[1, 3], [2, 4]]
+    with pytest.raises(mlnn.Error, match=r"^map \(Gemm\): beta is 0; only 1"):
+        mlnn.from_onnx(gemm([[1, 2]], [1, 1], beta=0.0))
+    with pytest.raises(mlnn.Error, match=r"^map \(Gemm\): alpha is 2; only 1"):
+        mlnn.from_onnx(gemm([[1, 2]], alpha=2.0))
+    with pytest.raises(mlnn.Error, match=r"^map \(Gemm\): transA cannot be"):
+        mlnn.from_onnx(gemm([[1, 2]], transA=1))
+
+
+def test_inputs_that_are_left_out_are_not_there():
+    left_out = gemm([[1, 2]])
+    left_out.graph.node[0].input.append("")
+    assert mlnn.from_onnx(left_out).num_outputs == 2
+    for inputs, message in [(["w", "x"], "only the first input"), (["x"], "expected 1 to 2 constants"),
+                            (["x", "w", "w", "w"], "expected 1 to 2 constants, found 3"),
+                            (["x", "w", "other"], "takes more than the chain's value and constants"),
+                            (["x", "", "w"], "only a product with a matrix")]:
+        broken = gemm([[1, 2]])
+        del broken.graph.node[0].input[:]
+        broken.graph.node[0].input.extend(inputs)
+        with pytest.raises(mlnn.Error, match=rf"^map \(Gemm\): {message}"):
+            mlnn.from_onnx(broken)
+
+
+def test_a_batch_norm_takes_no_shift_behind_it(model):
+    exported = mlnn.to_onnx(model)
+    node = exported.graph.node[1]
+    assert node.op_type == "BatchNormalization"
+    node.output[0] = "before"
+    exported.graph.node.insert(2, ONNX.helper.make_node("Add", ["before", "layer1.beta_inf"],
+                                                        ["layer1.norm"], "add"))
+    with pytest.raises(mlnn.Error, match=r"^add \(Add\): cannot be represented after the batch norm"):
+        mlnn.from_onnx(exported)
+    node.output[0] = "layer1.norm"
+    del exported.graph.node[2]
+    exported.graph.initializer.append(ONNX.numpy_helper.from_array(np.float32([1, -1, 1]), "v"))
+    node.input[4] = "v"
+    with pytest.raises(mlnn.Error, match=r"^layer1.norm \(BatchNormalization\): variance -1 plus"):
+        mlnn.from_onnx(exported)
+
+
 @pytest.mark.parametrize("value", ["[" * 100000, "{}", "null", '{"features": {"num_bands": "x"}}'])
 def test_broken_metadata_is_refused(model, value):
     exported = mlnn.to_onnx(model)
