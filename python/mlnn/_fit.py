@@ -12,8 +12,9 @@ from __future__ import annotations
 import dataclasses
 
 import numpy as np
+import numpy.typing as npt
 
-from . import Error, Model, _NORM, _mlnn
+from . import Error, FeatureDescription, Model, _NORM, _mlnn
 
 _HIDDEN_ACT_FN = "hidden_act_fn"
 _FORMATS = {"text": "the text format", "image": "a binary image"}
@@ -63,8 +64,9 @@ def _read_back(model: Model) -> Model:
         raise Error(f"the text format has no way to write this model so that it can be read: {reason}")
     present = Model._of(core)
     unrecorded, name = present._unrecorded_activations(b"", None)
-    for layer in unrecorded if name else ():
-        layer.act_fn = name
+    if name is not None:
+        for layer in unrecorded:
+            layer.act_fn = name
     return present
 
 
@@ -95,7 +97,7 @@ def _put_activation_into_property(model: Model) -> None:
         model.props[_HIDDEN_ACT_FN] = name
 
 
-def _sayable(model: Model):
+def _sayable(model: Model) -> FeatureDescription:
     """The nearest to the model's feature description that a text can say."""
     description = dataclasses.replace(model.features, feat_type=0, reserved=0)
     length = description.feat_len
@@ -117,7 +119,7 @@ def _put_description_into_notes(model: Model) -> None:
     model.notes.append(line)
 
 
-def _description_reads_back(model: Model, description) -> bool:
+def _description_reads_back(model: Model, description: FeatureDescription) -> bool:
     try:
         return str(_read_back(model).features) == str(description)
     except Error:
@@ -142,7 +144,7 @@ def _put_normalisation_into_notes(model: Model) -> None:
 
 # --- What is lost ---
 
-def _same(a: np.ndarray, b: np.ndarray) -> bool:
+def _same(a: npt.NDArray[np.float32], b: npt.NDArray[np.float32]) -> bool:
     return np.array_equal(a, b, equal_nan=True) and np.array_equal(np.signbit(a), np.signbit(b))
 
 
@@ -180,8 +182,8 @@ def _same_norm(wanted: Model, present: Model) -> bool:
     completed = wanted.copy(), present.copy()
     for model in completed:
         model._core.complete_norm()
-    a, b = (model.normalisation for model in completed)
-    return _same(a[0], b[0]) and _same(a[1], b[1])
+    norms = [[model._core.norm(name) for name in _NORM] for model in completed]
+    return all(_same(a, b) for a, b in zip(*norms))
 
 
 def _unused_vectors(model: Model) -> list[str]:

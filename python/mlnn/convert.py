@@ -197,8 +197,10 @@ def _add_torch(network: Network, path: str, step: Any) -> None:
         for key, inner in step._modules.items():  # the iterators leave out what comes again
             _add_torch(network, f"{path}.{key}" if path else key, inner)
     elif kind is nn.Linear:
-        weights, bias = (_tensor(name, what, getattr(step, what)) for what in ("weight", "bias"))
-        network.linear(name, weights, bias)
+        weights = _tensor(name, "weight", step.weight)
+        if weights is None:
+            raise Error(f"{name}: has no weight")
+        network.linear(name, weights, _tensor(name, "bias", step.bias))
     elif kind is nn.BatchNorm1d:
         _add_torch_batch_norm(network, name, step)
     elif kind is nn.Softmax:
@@ -282,7 +284,7 @@ def from_sklearn(estimator: Any) -> Model:
         else:
             network.activation(f"{name} layer {i + 1}", _SKLEARN[act_fn])
     model = network.model()
-    model.loss = getattr(estimator, "loss_curve_", ())
+    model.loss = getattr(estimator, "loss_curve_", [])
     if hasattr(estimator, "classes_"):
         model.props["labels"] = ",".join(str(label) for label in estimator.classes_)
     return model

@@ -170,10 +170,8 @@ def _per_output(name: str, constant: _Array, outputs: int) -> _Array:
     """A constant that is added to every frame alike: a scalar, or one value for each output."""
     if constant.size == 1 and constant.ndim <= 2:
         return np.broadcast_to(constant.reshape(-1), outputs)
-    if constant.ndim == 1:
-        return constant
-    if constant.ndim == 2 and len(constant) == 1:
-        return constant[0]
+    if constant.ndim == 1 or (constant.ndim == 2 and len(constant) == 1):
+        return constant.reshape(-1)
     raise Error(f"{name}: only a vector can be added, found shape {constant.shape}")
 
 
@@ -238,12 +236,13 @@ class _Importer:
     def _follow(self, node: NodeProto, value: str) -> str:
         """Takes the next node of the chain that has come to `value`, and returns its output."""
         name = _name_of(node)
+        output: str = node.output[0]
         if self._gate is not None and node.op_type == "Mul":
             gate, before = self._gate
             if set(node.input) == {before, value}:
                 self._gate = None
                 self._network.activation(name, "silu")
-                return node.output[0]
+                return output
         self._close_gate()
         if node.domain not in ("", "ai.onnx") or list(node.input).count(value) != 1:
             raise Error(f"{name} cannot be represented")
@@ -251,7 +250,7 @@ class _Importer:
             self._gate = name, value
         else:
             self._take(node, name, value)
-        return node.output[0]
+        return output
 
     def _close_gate(self) -> None:
         """A sigmoid whose output did not turn out to gate its input is an activation."""
@@ -342,7 +341,8 @@ class _Importer:
             around = json.loads(self._metadata)
             model.features = FeatureDescription(**around["features"])
             if around["normalisation"] is not None:
-                model.normalisation = [_unpacked(text) for text in around["normalisation"]]
+                minvals, normvals = map(_unpacked, around["normalisation"])
+                model.normalisation = minvals, normvals
             model.props, model.notes = around["props"], around["notes"]
             for name in _CURVES:
                 model._core.set_curve(name, _unpacked(around[name]))

@@ -1,0 +1,89 @@
+"""The types that the package declares, as a user's checker sees them: by mypy."""
+import os
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+import mlnn
+
+PACKAGE = pathlib.Path(mlnn.__file__).parent
+CONFIGURATION = pathlib.Path(__file__).parents[2] / "pyproject.toml"
+
+USE = '''
+import pathlib
+import numpy as np
+import numpy.typing as npt
+import mlnn
+from mlnn.convert import from_torch
+
+def run(path: pathlib.Path, frames: npt.NDArray[np.float32]) -> npt.NDArray[np.float32]:
+    model = mlnn.load(path, act_fn="relu")
+    model.layers[0].weights[:, 0] = 0
+    model.layers[0].bias = [1, 2, 3]
+    model.notes.append("changed")
+    model.props = {"name": "changed"}
+    model.normalisation = np.zeros(120), np.ones(120)
+    model.features = mlnn.FeatureDescription(num_bands=2)
+    model.save("changed.txt", format="text", strict=True)
+    model += mlnn.Model.from_bytes(model.to_bytes())
+    return model(frames)
+
+def convert(model: mlnn.Model, module: object) -> mlnn.Model:
+    mlnn.to_onnx(model, "model.onnx")
+    return from_torch(module) if module else mlnn.from_onnx("model.onnx")
+'''
+
+WRONG = {
+    'mlnn.load(3)': "arg-type",
+    'mlnn.load("m").save("m", format="csv")': "arg-type",
+    'mlnn.load("m").layers[0].batch_norm = True': "misc",
+    'mlnn.load("m").normalisation = [1, 2]': "assignment",
+    'mlnn.to_onnx("m")': "arg-type",
+    'mlnn.convert.Network().linear(1, [[1]], None)': "arg-type",
+    'mlnn.nothing': "attr-defined",
+}
+
+
+CLEAN = "Success: no issues found in 6 source files\n"  # of the package and its use
+
+
+@pytest.fixture(scope="module")
+def cache(tmp_path_factory):
+    return tmp_path_factory.mktemp("cache")
+
+
+@pytest.fixture
+def mypy(tmp_path, cache):
+    pytest.importorskip("mypy")
+    environment = {**os.environ, "MYPYPATH": str(PACKAGE.parent), "MYPY_CACHE_DIR": str(cache)}
+
+    def run(module, *arguments):
+        done = subprocess.run(
+            [sys.executable, "-m", module, *map(str, arguments)], cwd=tmp_path,
+            capture_output=True, text=True, env=environment)
+        assert done.stderr == ""
+        return done.returncode, done.stdout
+    return run
+
+
+def test_the_package_and_its_use_hold(mypy, tmp_path):
+    (tmp_path / "use.py").write_text(USE)
+    assert mypy("mypy", "--config-file", CONFIGURATION, "use.py", PACKAGE) == (0, CLEAN)
+
+
+def test_wrong_use_is_found(mypy, tmp_path):
+    lines = ["import mlnn", "import mlnn.convert", *WRONG]
+    (tmp_path / "wrong.py").write_text("\n".join(lines) + "\n")
+    status, out = mypy("mypy", "--config-file", CONFIGURATION, "wrong.py")
+    found = [line for line in out.splitlines() if " error: " in line]
+    assert status == 1
+    assert [line.partition(":")[2].split(":")[0] for line in found] == [
+        str(number) for number in range(3, 3 + len(WRONG))]
+    assert [line.split("  [")[1] for line in found] == [f"{code}]" for code in WRONG.values()]
+
+
+def test_the_stubs_describe_what_is_there(mypy):
+    status, out = mypy("mypy.stubtest", "--mypy-config-file", CONFIGURATION, "mlnn")
+    assert status == 0, out
