@@ -19,6 +19,16 @@ constexpr char kNeedsPython[] =
     "The work is done by the Python package mlnn, which needs Debian's python3-onnx. The\n"
     "interpreter is python3, or what --python or MLNN_PYTHON names.";
 
+// Runs the package, or says how to name an interpreter that has it.
+constexpr char kRunPackage[] = R"(import sys
+try:
+    from mlnn.__main__ import main
+except ImportError as error:
+    sys.exit(f"ERROR: {sys.executable!r} cannot import the Python package mlnn ({error}); "
+             "--python or MLNN_PYTHON names an interpreter that can")
+sys.exit(main())
+)";
+
 struct Options {
   std::string in;
   std::string out;
@@ -29,7 +39,7 @@ struct Options {
 // Becomes the interpreter that runs the command of the Python package. Returns never.
 // Throws: Failure when the interpreter cannot be started.
 int runPython(const std::string& python, const std::vector<std::string>& command) {
-  std::vector<std::string> line = {python, "-m", "mlnn"};
+  std::vector<std::string> line = {python, "-c", kRunPackage};
   line.insert(line.end(), command.begin(), command.end());
   std::vector<char*> arguments;
   arguments.reserve(line.size() + 1);

@@ -16,29 +16,32 @@ using mlnn::test::ToolResult;
 
 class OnnxCommandsTest : public ::testing::Test {
  protected:
-  OnnxCommandsTest() : python_(folder_.write("python", "#!/bin/sh\necho \"$@\"\nexit 3\n")) {
-    chmod(python_.c_str(), 0755);
+  // Writes a program that runs `line`, and returns its path.
+  std::string writeProgram(const std::string& name, const std::string& line) const {
+    const std::string path = folder_.write(name, "#!/bin/sh\n" + line + "\n");
+    chmod(path.c_str(), 0755);
+    return path;
   }
 
   TempFolder folder_;
-  std::string python_;
+  const std::string python_ = writeProgram("python", "echo \"$1\"; shift 2; echo \"$@\"; exit 3");
 };
 
 TEST_F(OnnxCommandsTest, handOverToThePackageAndReturnItsStatus) {
   const ToolResult exported =
       runTool({"export-onnx", "--python", python_, "--act-fn", "relu", "a.txt", "b.onnx"});
   EXPECT_EQ(exported.status, 3);
-  EXPECT_EQ(exported.out, "-m mlnn export-onnx --act-fn=relu -- a.txt b.onnx\n");
+  EXPECT_EQ(exported.out, "-c\nexport-onnx --act-fn=relu -- a.txt b.onnx\n");
   EXPECT_EQ(exported.err, "");
   const ToolResult imported = runTool({"import-onnx", "--python", python_, "a.onnx", "b.txt"});
   EXPECT_EQ(imported.status, 3);
-  EXPECT_EQ(imported.out, "-m mlnn import-onnx -- a.onnx b.txt\n");
+  EXPECT_EQ(imported.out, "-c\nimport-onnx -- a.onnx b.txt\n");
 }
 
 TEST_F(OnnxCommandsTest, takeTheInterpreterFromTheEnvironment) {
   const ToolResult result = runShell("MLNN_PYTHON=" + python_ + " mlnn import-onnx a b");
   EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(result.out, "-m mlnn import-onnx -- a b\n");
+  EXPECT_EQ(result.out, "-c\nimport-onnx -- a b\n");
 }
 
 TEST_F(OnnxCommandsTest, sayThatThereIsNoInterpreter) {
@@ -48,6 +51,21 @@ TEST_F(OnnxCommandsTest, sayThatThereIsNoInterpreter) {
   EXPECT_EQ(result.err,
             "ERROR: cannot run /none: No such file or directory; ONNX is read and written by the "
             "Python package mlnn\n");
+}
+
+TEST_F(OnnxCommandsTest, tellHowToNameAnInterpreterThatHasThePackage) {
+  if (runShell("python3 -c ''").status != 0) GTEST_SKIP() << "there is no python3";
+  const std::string bare = writeProgram("bare-python", "exec python3 -I -S \"$@\"");
+  const std::string executable =
+      runShell(bare + " -c 'import sys; print(repr(sys.executable))'").out;
+  for (const char* const command : {"export-onnx", "import-onnx"}) {
+    const ToolResult result = runTool({command, "--python", bare, "a", "b"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "ERROR: " + executable.substr(0, executable.size() - 1) +
+                              " cannot import the Python package mlnn (No module named 'mlnn'); "
+                              "--python or MLNN_PYTHON names an interpreter that can\n");
+  }
 }
 
 }  // namespace
