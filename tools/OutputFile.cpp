@@ -51,8 +51,9 @@ FileDescriptor OutputFile::open() {
   }
   path_ = withoutLinks(name_).string();
   struct stat status;
-  if (stat(path_.c_str(), &status) != 0) return openBeside(modeOfNewFile());
-  FileDescriptor present(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));
+  // By its name: a link of /proc to a pipe leads there, but has no path as its text.
+  if (stat(name_.c_str(), &status) != 0) return openBeside(modeOfNewFile());
+  FileDescriptor present(::open(name_.c_str(), O_WRONLY | O_CLOEXEC));
   if (!present.isOpen()) fail(errno);
   return S_ISREG(status.st_mode) ? openBeside(status.st_mode & 0777) : std::move(present);
 }

@@ -98,6 +98,18 @@ TEST(OutputFileTest, writesThroughSymbolicLinks) {
   EXPECT_EQ(folder.names(), (Names{"dangling", "file", "link", "missing"}));
 }
 
+// A shell's `>(command)` and /dev/stdout in a pipe are such names.
+TEST(OutputFileTest, writesIntoAPipeThatOnlyItsDescriptorNames) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  writeFile("/dev/fd/" + std::to_string(ends[1]), "new");
+  close(ends[1]);
+  char text[8] = {};
+  EXPECT_EQ(read(ends[0], text, sizeof text), 3);
+  EXPECT_EQ(std::string(text), "new");
+  close(ends[0]);
+}
+
 TEST(OutputFileTest, refusesWhatCannotBeWritten) {
   const TempFolder folder;
   EXPECT_EQ(refusalOf(folder.path("no/out")),
