@@ -418,6 +418,14 @@ TEST(CodedRecordRefusal, aRareValueThatIsNotTheRarest) {
   }
 }
 
+TEST(CodedRecordRefusal, aSingleRareWeightWhereFloatsTakeNoMore) {
+  NNLayer read;
+  EXPECT_GT(recordWithRareValue(inTurn(24, 17), 116).readInto(read), 0);
+  EXPECT_TRUE(sameLayer(read, layerOf(inTurn(24, 17))));
+  expectRefused(recordWithRareValue(inTurn(23, 17), 116), "as long");
+  expectRefused(recordWithRareValue(inTurn(22, 17), 116), "longer");
+}
+
 TEST(CodedRecordRefusal, aFormThatTheWriterDoesNotChoose) {
   const std::vector<uint32_t> few = inTurn(100, 3);
   expectRefused(ByteImage(headOf(kPlainFloats, 100) + words(few) + words({0})), "plain");
