@@ -101,13 +101,13 @@ HWY_INLINE void finishLayer(const LayerView& layer, std::size_t first, std::size
 }
 
 // A layer without inputs: all sums are 0.
-inline void shiftsOnly(const LayerView& layer, float* y, std::size_t yStride, std::size_t frames) {
+void shiftsOnly(const LayerView& layer, float* y, std::size_t yStride, std::size_t frames) {
   for (std::size_t f = 0; f < frames; ++f)
     std::memset(y + f * yStride, 0, layer.rows * sizeof(float));
   finishLayer(layer, 0, layer.rows, y, yStride, frames);
 }
 
-inline void activate(ActFn::ActFn fn, float* values, std::size_t count) {
+void activate(ActFn::ActFn fn, float* values, std::size_t count) {
   loopsFor(fn).activate(values, count);
 }
 
@@ -207,7 +207,7 @@ HWY_INLINE void softmaxOfOneVector(float* values, std::size_t count) {
   lanes.store(hn::Div(e, hn::Set(Tag(), sumByHalves(Tag(), e))), values);
 }
 
-inline void softmax(float* values, std::size_t count) {
+void softmax(float* values, std::size_t count) {
   if (count == 0) return;
   if (kLanes == SoftmaxSum::kChains && count <= kLanes) return softmaxOfOneVector(values, count);
   const float sum = expOfDifferences(values, count, largestOf(values, count));

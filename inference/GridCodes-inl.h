@@ -174,7 +174,7 @@ void multiplyCodedPanel(const LayerView& layer, std::size_t panel, const float* 
 
 // The results of a layer of codes for one frame.
 // REQUIRES: the layer has inputs.
-inline void codesVector(const LayerView& layer, const float* x, float* y) {
+void codesVector(const LayerView& layer, const float* x, float* y) {
   const auto multiply =
       layer.coded->areHalfBytes ? multiplyCodedPanel<true> : multiplyCodedPanel<false>;
   for (std::size_t row = 0; row < layer.rows; row += kCodedPanelRows) {

@@ -20,8 +20,8 @@ namespace mlnn {
 namespace HWY_NAMESPACE {
 
 // The results of a layer for some frames. `scratch` is that of so many frames.
-inline void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
-                         std::size_t yStride, std::size_t frames, float* scratch) {
+void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
+                  std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   while (frames > 0) {
     std::size_t taken = 1;
@@ -38,7 +38,7 @@ inline void matrixFrames(const LayerView& layer, const float* x, std::size_t xSt
 }
 
 // The results of a layer for one frame. `scratch` has room for a value for each row.
-inline void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
+void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   matrixFrames(layer, x, 0, y, 0, 1, scratch);
 }
 

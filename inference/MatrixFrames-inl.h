@@ -138,7 +138,7 @@ struct RowPanel {
 };
 
 // Copies the weights of a panel, with zeros for the rows that it lacks.
-inline void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
+void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
   const Tag d;
   const float* from = layer.weights + panel.input * layer.rows + panel.row;
   for (std::size_t k = 0; k < panel.inputs; ++k, from += layer.rows) {
@@ -154,7 +154,7 @@ inline void packFloats(const LayerView& layer, const RowPanel& panel, float* to)
 
 // Puts the weights of a panel into the scratch, one input behind the other and with whole vectors
 // of rows.
-inline void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
+void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
   if (layer.coded == nullptr) return packFloats(layer, panel, to);
   const auto decode = layer.coded->areHalfBytes ? decodeRows<true> : decodeRows<false>;
   decode(layer, panel.row, panel.fullRows(), panel.input, panel.inputs, to);
@@ -179,7 +179,7 @@ HWY_INLINE void runTile(const RowPanel& panel, Tile tile, std::size_t frames) {
 
 // A panel for all frames, in tiles of nearly the same number of frames. What comes next is
 // fetched in equal parts by the tiles, so that the memory is never waited for nor idle.
-inline void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
+void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
   const std::size_t lines = panel.fullRows() / 16 + 1;  // they seldom begin with the panel
   std::size_t fetched = 0;
   for (std::size_t tiles = (frames + tileFrames - 1) / tileFrames; tiles > 0; --tiles) {
@@ -214,8 +214,8 @@ HWY_INLINE bool isPacked(const LayerView& layer, const RowPanel& panel, std::siz
 }
 
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
-inline void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
-                         std::size_t yStride, std::size_t frames, float* scratch) {
+void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
+                  std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
   const bool isCoded = layer.coded != nullptr;

@@ -172,7 +172,7 @@ void sweepRows(const LayerView& layer, const Sweep& sweep, float* scratch) {
 // The results of a layer, whose weights may stream through. `scratch` has room for a value for each
 // row, or for kPanelFloats values where there are several frames.
 // REQUIRES: sweptAtOnce(sweep.frames) is sweep.frames.
-inline void sweepLayer(const LayerView& layer, const Sweep& sweep, float* scratch) {
+void sweepLayer(const LayerView& layer, const Sweep& sweep, float* scratch) {
   static constexpr void (*kSweeps[kSweepFrames])(const LayerView&, const Sweep&, float*) = {
       sweepRows<sweptAtOnce(1)>, sweepRows<sweptAtOnce(2)>, sweepRows<sweptAtOnce(3)>,
       sweepRows<sweptAtOnce(4)>, sweepRows<sweptAtOnce(5)>, sweepRows<sweptAtOnce(6)>,

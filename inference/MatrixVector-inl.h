@@ -224,7 +224,7 @@ HWY_INLINE PanelResults resultsFrom(const LayerView& layer, float* y, std::ptrdi
 
 // Weights that stay in the processor's second-level cache: panel by panel, up to scale and shift. A
 // last panel that has less than a vector of rows begins in the one before it.
-inline void multiplyPanels(const LayerView& layer, const float* x, float* y) {
+void multiplyPanels(const LayerView& layer, const float* x, float* y) {
   constexpr std::size_t kPanelRows = kPanelVectors * kLanes;
   if (layer.rows == 0) return;
   if (layer.rows < kLanes) {
@@ -249,7 +249,7 @@ inline void multiplyPanels(const LayerView& layer, const float* x, float* y) {
 }
 
 // The results of a layer for one frame. `scratch` has room for a value for each row.
-inline void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
+void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, 0, 1);
   if (layer.coded != nullptr) return codesVector(layer, x, y);
   if (isSwept(layer, 1)) return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
