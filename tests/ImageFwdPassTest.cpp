@@ -219,8 +219,9 @@ TEST(ImageFwdPass, canBeMoved) {
 TEST(ImageFwdPass, copiesNoWeights) {
   // Codes are unpacked into some rows of floats; floats are used where they lie.
   const std::pair<int, std::size_t> cases[] = {{0, 32768}, {200, 96 * 2000 * 4 + 256}};
-  for (const auto& [numValues, mostAtOnce] : cases) {
-    const ByteImage image = ByteImage::of(network({2000, 1000, 500}, numValues));
+  for (const auto& oneCase : cases) {
+    const std::size_t mostAtOnce = oneCase.second;
+    const ByteImage image = ByteImage::of(network({2000, 1000, 500}, oneCase.first));
     const MatrixXf inputs = someValues(2000, 1, 5);
     MatrixXf outputs(500, 1);
     ImageFwdPass pass;
