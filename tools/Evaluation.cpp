@@ -84,6 +84,7 @@ std::vector<std::string> classLabels(const MultiLayerNNModel& model) {
 
 std::vector<std::string> classLabels(int numOutputs) {
   std::vector<std::string> labels;
+  labels.reserve(static_cast<std::size_t>(numOutputs));
   for (int i = 0; i < numOutputs; ++i) labels.push_back(std::to_string(i));
   return labels;
 }

@@ -257,7 +257,7 @@ bool ImageWalk::arraysFit(const std::string& layer, const LayerRecordHead& head)
   for (const auto& [name, length] : arrays) {
     const std::size_t left = available() - offset;
     if (length > left / sizeof(float)) {
-      return refuse(position_ + offset, layer + ", " + name,
+      return refuse(position_ + offset, std::string(layer).append(", ").append(name),
                     std::to_string(length * sizeof(float)) + " bytes",
                     std::string(kEndOfFile) + " after " + bytesText(left),
                     "the image is cut short, or the sizes at byte " +

@@ -70,12 +70,12 @@ std::size_t parametersOf(const MultiLayerNNModel& model) {
 // What the model takes in memory, to within what the allocator adds.
 std::size_t bytesOf(const MultiLayerNNModel& model) {
   std::size_t sum = sizeof(MultiLayerNNModel);
-  for (const NNLayer* layer : model.layers) sum += sizeof layer + bytesOf(*layer);
+  for (const NNLayer* layer : model.layers) sum += sizeof(void*) + bytesOf(*layer);
   sum += (length(model.deltasNorm.minvals) + length(model.deltasNorm.normvals)) * sizeof(float);
   sum += (model.loss.size() + model.accuracy.size()) * sizeof(float);
-  for (const std::string& note : model.notes.lines) sum += sizeof note + note.size();
+  for (const std::string& note : model.notes.lines) sum += sizeof(std::string) + note.size();
   for (const auto& [key, value] : model.props) {
-    sum += sizeof key + sizeof value + key.size() + value.size();
+    sum += 2 * sizeof(std::string) + key.size() + value.size();
   }
   return sum;
 }
