@@ -17,7 +17,7 @@ import numpy.typing as npt
 import onnx
 from onnx import NodeProto, TensorProto, helper, numpy_helper
 
-from . import Error, FeatureDescription, Layer, Model, _CURVES, _VECTORS, _write_whole
+from . import Error, FeatureDescription, Layer, Model, _CURVES, _VECTORS, _told_of, _write_whole
 from .convert import ELU_ALPHA, LEAKY_SLOPE, Network, parameter
 
 OPSET = 13
@@ -145,7 +145,8 @@ def from_onnx(source: str | os.PathLike[str] | bytes | onnx.ModelProto) -> Model
 def _read(source: str | os.PathLike[str] | bytes) -> onnx.ModelProto:
     data = source
     if not isinstance(data, bytes):
-        with open(os.fspath(data), "rb") as file:
+        path = os.fspath(data)
+        with _told_of(path), open(path, "rb") as file:
             data = file.read()
     try:
         with warnings.catch_warnings():

@@ -1,4 +1,5 @@
 import os
+import resource
 import subprocess
 import sys
 
@@ -313,8 +314,12 @@ def command(request):
             pytest.skip("MLNN_TOOL does not name the tool")
         start = [os.environ["MLNN_TOOL"]]
 
-    def run(*arguments):
+    def run(*arguments, file_size=resource.RLIM_INFINITY):
+        def limit():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (file_size, resource.RLIM_INFINITY))
+
         done = subprocess.run([*start, *map(str, arguments)], capture_output=True, text=True,
+                              preexec_fn=limit,
                               env={**os.environ, "MLNN_PYTHON": sys.executable})
         return done.returncode, done.stdout, done.stderr
     return run
@@ -334,6 +339,39 @@ def test_the_commands_refuse_in_one_line(digits, tmp_path, command):
     status, out, err = command("import-onnx", digits / "synth.txt", tmp_path / "m.txt")
     assert (status, out, err.count("\n")) == (1, "", 1) and err.startswith("ERROR: not an ONNX")
     assert list(tmp_path.iterdir()) == []
+
+
+UNREADABLE = "/proc/self/mem"  # opens, but has nothing at its beginning
+
+
+def test_a_failing_read_is_told_with_the_name_of_the_file(digits, tmp_path, command):
+    for line in (("export-onnx", UNREADABLE, tmp_path / "out.onnx"),
+                 ("import-onnx", UNREADABLE, tmp_path / "out.txt"),
+                 ("import-onnx", tmp_path, tmp_path / "out.txt")):
+        reason = "Is a directory" if line[1] == tmp_path else "Input/output error"
+        assert command(*line) == (1, "", f"ERROR: {line[1]}: {reason}\n")
+    assert list(tmp_path.iterdir()) == []
+
+
+@pytest.mark.parametrize("line, suffix", [("export-onnx {model}", ".onnx"),
+                                          ("import-onnx {graph}", ".txt"),
+                                          ("import-onnx {graph}", ".mlnn")])
+def test_a_failing_write_leaves_the_old_file(digits, tmp_path, command, line, suffix):
+    model, graph = digits / "synth-bn.txt", tmp_path / "graph"
+    mlnn.to_onnx(mlnn.load(model), graph)
+    names = ("out", "full", "folder")
+    out, full, folder = (tmp_path / f"{name}{suffix}" for name in names)
+    out.write_text("old")
+    full.symlink_to("/dev/full")
+    folder.mkdir()
+    before = sorted(tmp_path.iterdir())
+    words = line.format(model=model, graph=graph).split()
+    assert command(*words, full) == (1, "", f"ERROR: {full}: No space left on device\n")
+    assert command(*words, folder) == (1, "", f"ERROR: {folder}: Is a directory\n")
+    limit = 4096  # bytes; all of the files are longer
+    assert command(*words, out, file_size=limit) == (1, "", f"ERROR: {out}: File too large\n")
+    assert out.read_text() == "old"
+    assert sorted(tmp_path.iterdir()) == before and list(folder.iterdir()) == []
 
 
 def recordings(digits, model):
