@@ -1,9 +1,11 @@
 #include "tools/OutputFile.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -23,9 +25,11 @@ namespace {
 // Follows symbolic links to what they name, which need not exist.
 fs::path withoutLinks(fs::path path) {
   constexpr int kMaxLinks = 40;
-  std::error_code error;
-  for (int i = 0; i < kMaxLinks && fs::is_symlink(path, error); ++i) {
-    path = path.parent_path() / fs::read_symlink(path, error);
+  std::array<char, PATH_MAX> target;
+  for (int i = 0; i < kMaxLinks; ++i) {
+    const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+    if (length < 0) break;
+    path = path.parent_path() / fs::path(target.data(), target.data() + length);
   }
   return path;
 }
@@ -52,7 +56,10 @@ FileDescriptor OutputFile::open() {
   path_ = withoutLinks(name_).string();
   struct stat status;
   // By its name: a link of /proc to a pipe leads there, but has no path as its text.
-  if (stat(name_.c_str(), &status) != 0) return openBeside(modeOfNewFile());
+  if (stat(name_.c_str(), &status) != 0) {
+    if (errno != ENOENT) fail(errno);
+    return openBeside(modeOfNewFile());
+  }
   FileDescriptor present(::open(name_.c_str(), O_WRONLY | O_CLOEXEC));
   if (!present.isOpen()) fail(errno);
   return S_ISREG(status.st_mode) ? openBeside(status.st_mode & 0777) : std::move(present);

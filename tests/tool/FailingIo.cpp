@@ -2,6 +2,10 @@
 // the environment variable MLNN_FAIL says: "write 3" is the third write to a file. Other calls,
 // and those of descriptors below 3, go through; "shrink 1" cuts the first file that is read to
 // half of what it said to hold.
+//
+// Each of two names is called: where lengths and dates of files take 64 bits, the one that ends
+// in 64.
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -46,6 +50,27 @@ bool isOurs(const char* path) {
          std::strncmp(path, "/sys", 4) != 0 && std::strncmp(path, "/dev", 4) != 0;
 }
 
+int openNext(const char* name, const char* path, int flags, mode_t mode) {
+  if (isOurs(path) && mustFail("open")) return fail(EMFILE);
+  return next<int (*)(const char*, int, ...)>(name)(path, flags, mode);
+}
+
+int makeNext(const char* name, char* path, int flags) {
+  if (mustFail("open")) return fail(EMFILE);
+  return next<int (*)(char*, int)>(name)(path, flags);
+}
+
+template <typename Entry>
+Entry* readNext(const char* name, DIR* folder) {
+  if (mustFail("readdir")) return fail(EIO), nullptr;
+  return next<Entry* (*)(DIR*)>(name)(folder);
+}
+
+// The argument after `flags`, which is there for new files only.
+mode_t modeAfter(int flags, va_list rest) {
+  return (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -72,17 +97,34 @@ ssize_t writev(int descriptor, const struct iovec* pieces, int count) {
 }
 
 int open(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-  va_end(arguments);
-  if (isOurs(path) && mustFail("open")) return fail(EMFILE);
-  return next<int (*)(const char*, int, ...)>("open")(path, flags, mode);
+  va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = modeAfter(flags, rest);
+  va_end(rest);
+  return openNext("open", path, flags, mode);
 }
 
-int mkostemp(char* path, int flags) {
-  if (mustFail("open")) return fail(EMFILE);
-  return next<int (*)(char*, int)>("mkostemp")(path, flags);
+int open64(const char* path, int flags, ...) {
+  va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = modeAfter(flags, rest);
+  va_end(rest);
+  return openNext("open64", path, flags, mode);
+}
+
+int mkostemp(char* path, int flags) { return makeNext("mkostemp", path, flags); }
+int mkostemp64(char* path, int flags) { return makeNext("mkostemp64", path, flags); }
+
+DIR* fdopendir(int descriptor) {
+  if (mustFail("opendir")) return fail(ENOMEM), nullptr;
+  return next<DIR* (*)(int)>("fdopendir")(descriptor);
+}
+
+struct dirent* readdir(DIR* folder) {
+  return readNext<struct dirent>("readdir", folder);
+}
+struct dirent64* readdir64(DIR* folder) {
+  return readNext<struct dirent64>("readdir64", folder);
 }
 
 int close(int descriptor) {

@@ -76,6 +76,17 @@ TEST(OutputFileTest, keepsThePermissionsOfAFileThatItReplaces) {
   EXPECT_EQ(modeOf(path), 0640u);
 }
 
+// 32 bits for seconds would end in 2038.
+TEST(OutputFileTest, keepsThePermissionsOfAFileThatIsYoungerThan32BitsTell) {
+  const TempFolder folder;
+  const std::string path = folder.write("out", "old");
+  fs::permissions(path, fs::perms(0640));
+  ASSERT_EQ(mlnn::test::runShell("touch -d 2040-01-01 out", folder.path()).status, 0);
+  writeFile(path, "new");
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(modeOf(path), 0640u);
+}
+
 TEST(OutputFileTest, givesANewFileTheUsualPermissions) {
   const TempFolder folder;
   const mode_t before = umask(027);
