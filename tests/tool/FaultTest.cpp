@@ -1,6 +1,6 @@
 // Every read and write of the tool fails once: the status tells, the message names the file and
 // why, and a file that was there before stays whole. (Those of export-onnx and import-onnx are the
-// Python package's, which the tool becomes.)
+// Python package's, which the tool becomes; python/tests/test_convert.py lets them fail.)
 //
 // The faults come from a library that is loaded before the C library's functions
 // (tests/tool/FailingIo.cpp): the n-th call of a kind fails, for n = 1, 2, ...
@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <map>
 #include <regex>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -27,6 +28,7 @@ using mlnn::test::sourcePath;
 using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
 using testing::AnyOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -281,6 +283,62 @@ TEST_P(TraceFaults, leaveEveryFileWhole) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Tool, TraceFaults, testing::ValuesIn(kKinds),
+                         [](const auto& instance) { return instance.param.name; });
+
+const std::vector<Kind> kFolderKinds = {{"opendir", "Cannot allocate memory"},
+                                        {"readdir", "Input/output error"}};
+
+class FolderFaults : public testing::TestWithParam<Kind> {
+ protected:
+  FolderFaults() {
+    makeInputs(folder_);
+    const ToolResult made = runShell(
+        "mkdir ours theirs && mlnn run model.txt frames.txt --out ours/outputs.npy &&\n"
+        "cp ours/outputs.npy theirs",
+        folder_.path());
+    EXPECT_EQ(made.status, 0) << made.err;
+  }
+
+  TempFolder folder_;
+};
+
+// No folder is taken for one that holds less than it does.
+TEST_P(FolderFaults, nameTheFolder) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  const std::string line = "mlnn compare ours theirs";
+  const ToolResult whole = runWithFault(folder_, GetParam(), 0, line);
+  ASSERT_EQ(whole.status, 0);
+  std::set<std::string> messages;
+  for (int number = 1;; ++number) {
+    const ToolResult result = runWithFault(folder_, GetParam(), number, line);
+    SCOPED_TRACE(std::to_string(number) + ": " + result.err);
+    if (result.status == 0) {  // there was no such call
+      EXPECT_EQ(result.out, whole.out);
+      break;
+    }
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    messages.insert(result.err);
+  }
+  const std::string reason = std::string(": ") + GetParam().error + "\n";
+  EXPECT_THAT(messages, ElementsAre("ERROR: cannot read the folder 'ours'" + reason,
+                                    "ERROR: cannot read the folder 'theirs'" + reason));
+}
+
+TEST_P(FolderFaults, leaveAnEarlierTraceWhole) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  folder_.write("ours/outputs.npy", kOld);
+  const ToolResult result =
+      runWithFault(folder_, GetParam(), 1, "mlnn run model.txt frames.txt --trace ours");
+  EXPECT_EQ(result.status, mlnn::kRefused);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr(std::string("ERROR: cannot read the folder 'ours': ") +
+                                    GetParam().error + "\n"));
+  EXPECT_EQ(contentOf(folder_.path("ours/outputs.npy")), kOld);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_.path("ours")), {}), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, FolderFaults, testing::ValuesIn(kFolderKinds),
                          [](const auto& instance) { return instance.param.name; });
 
 // What the system itself can do to files.
