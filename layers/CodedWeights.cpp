@@ -281,12 +281,14 @@ void expandHalfBytes(const unsigned char* codes, std::size_t first, std::size_t 
 
 bool CodedWeights::view(uint32_t form, uint64_t count, const char* src, std::size_t available) {
   if (available < kCodedPrefixLength) return false;
-  length_ = codedLength(form, count, src, available);
+  std::array<char, kCodedPrefixLength> prefix;  // read once, whoever else may write there
+  std::memcpy(prefix.data(), src, prefix.size());
+  length_ = codedLength(form, count, prefix.data(), available);
   if (length_ == 0) return false;
   form_ = form;
   count_ = static_cast<std::size_t>(count);  // each takes half a byte at least
-  tableLength_ = wordAt(src, 0);
-  rareCount_ = wordAt(src, 1);
+  tableLength_ = wordAt(prefix.data(), 0);
+  rareCount_ = wordAt(prefix.data(), 1);
   table_ = src + kCodedPrefixLength;
   const char* behind = table_ + tableLength_ * kWord;
   if (rareCount_ > 0) {
@@ -354,18 +356,19 @@ bool CodedWeights::rarePositionsFit() const {
 // REQUIRES: the positions of the rare value fit.
 bool CodedWeights::isWhatTheWriterChooses(Counts& counts) const {
   counts[0] -= rareCount_;  // the code at their positions
+  const bool hasRareValue = rareCount_ > 0;
   ValueCount rarest{wordAt(table_, 0), counts[0]};
   for (std::size_t code = 0; code < tableLength_; ++code) {
     const ValueCount entry{wordAt(table_, code), counts[code]};
-    if (entry.count == 0 || (rareCount_ > 0 && entry.value == rareValue_)) return false;
+    if (entry.count == 0 || (hasRareValue && entry.value == rareValue_)) return false;
     if (isRarer(entry, rarest)) rarest = entry;
   }
-  if (rareCount_ > 0) {
+  if (hasRareValue) {
     const ValueCount rare{rareValue_, rareCount_};
     if (!isRarer(rare, rarest)) return false;
     rarest = rare;
   }
-  const std::size_t distinct = tableLength_ + (rareCount_ > 0 ? 1 : 0);
+  const std::size_t distinct = tableLength_ + (hasRareValue ? 1 : 0);
   return chooseForm(count_, distinct, rarest.count) == form_;
 }
 
@@ -404,9 +407,10 @@ void CodedWeights::putRareValues(std::size_t first, std::size_t count, char* flo
     }
   }
   for (; low < rareCount_; ++low) {
-    const std::size_t position = wordAt(rarePositions_, low);
-    if (position >= first + count) return;
-    std::memcpy(floats + (position - first) * kWord, &rareValue_, kWord);
+    // One before `first` is far behind: positions ascend, but the bytes may have changed since.
+    const std::size_t offset = wordAt(rarePositions_, low) - first;
+    if (offset >= count) return;
+    std::memcpy(floats + offset * kWord, &rareValue_, kWord);
   }
 }
 

@@ -130,6 +130,7 @@ const char* takeFraction(const char* p, Decimal& number) {
   const unsigned more = second.digits();
   if (more == 0) return p + count;
   if (number.digits + 8 + static_cast<int>(more) > kMaxDigits) return nullptr;
+  if (more == 8 && isDigit(p[16])) return nullptr;
   number.mantissa = number.mantissa * kWholePowersOfTen[more] + second.number(more);
   number.exponent -= static_cast<int>(more);
   return p + count + more;

@@ -12,30 +12,11 @@
 #include <vector>
 
 #include "model/FloatReader.h"
+#include "tests/support/PieceBuffer.h"
 
 namespace {
 
-// Hands out a text in pieces of `pieceLength` characters.
-class PieceBuffer : public std::streambuf {
- public:
-  PieceBuffer(const std::string& text, std::size_t pieceLength)
-      : text_(text), pieceLength_(pieceLength) {}
-
- protected:
-  int_type underflow() override {
-    if (position_ == text_.size()) return traits_type::eof();
-    const std::size_t length = std::min(pieceLength_, text_.size() - position_);
-    char* const begin = text_.data() + position_;
-    setg(begin, begin, begin + length);
-    position_ += length;
-    return traits_type::to_int_type(*begin);
-  }
-
- private:
-  std::string text_;
-  std::size_t pieceLength_;
-  std::size_t position_ = 0;
-};
+using mlnn::test::PieceBuffer;
 
 // What reading a text left behind.
 struct Outcome {
@@ -350,6 +331,24 @@ TEST(ParsePlainFloat, takesAllDigitsOfANumber) {
     EXPECT_EQ(mlnn::parsePlainFloat(text.data(), text.data() + text.size(), value),
               text.data() + count);
     EXPECT_EQ(value, std::strtof(text.c_str(), nullptr)) << text;
+  }
+}
+
+TEST(ParsePlainFloat, takesAllDigitsAroundAPoint) {
+  const std::string digits = "987654321987654321";
+  for (std::size_t before = 1; before < digits.size(); ++before) {
+    for (std::size_t behind = 0; before + behind <= digits.size(); ++behind) {
+      for (const std::string sign : {"", "-"}) {
+        const std::string number =
+            sign + digits.substr(0, before) + "." + digits.substr(before, behind);
+        const std::string text = number + std::string(40, ' ');
+        float value = 0;
+        EXPECT_EQ(mlnn::parsePlainFloat(text.data(), text.data() + text.size(), value),
+                  text.data() + number.size())
+            << number;
+        EXPECT_EQ(value, std::strtof(text.c_str(), nullptr)) << number;
+      }
+    }
   }
 }
 

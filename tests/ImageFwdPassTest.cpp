@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "inference/ImageFwdPass.h"
+#include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
@@ -421,6 +422,20 @@ TEST(ImageFwdPassOpen, damagedImagesAreRunWithoutHarmWhereTheChecksumIsDeclined)
     }
   });
   EXPECT_GT(accepted, 100);
+}
+
+// Nothing is larger, compared with the image, than what is held for layers without weights.
+TEST(ImageFwdPassOpen, memoryForEmptyLayersStaysInProportionToTheirRecords) {
+  constexpr std::size_t kLayers = (1 << 17) + 1;
+  constexpr std::size_t kRecord = 40;  // one of zeros is a layer without inputs and outputs
+  ByteImage image = ByteImage::of(network({1, 1}, 0));
+  image.setInt32At(mlnn::kLayerCountOffset, static_cast<int32_t>(kLayers));
+  const std::string bytes =
+      image.bytes().substr(0, mlnn::kHeadLength) + std::string(kLayers * kRecord, '\0');
+  ImageFwdPass pass;
+  const mlnn::test::AllocationWatch watch;
+  openQuietly(pass, bytes.data(), bytes.size(), ImageChecksum::kDeclined);
+  EXPECT_LE(watch.peak(), 8 * bytes.size() + (std::size_t{1} << 20));
 }
 
 TEST(ImageFwdPassOpen, outOfMemoryLeavesNoImageAndLeaksNothing) {

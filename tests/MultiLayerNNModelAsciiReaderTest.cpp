@@ -18,6 +18,7 @@
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/ModelDifference.h"
+#include "tests/support/PieceBuffer.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ using mlnn::test::AllocationWatch;
 using mlnn::test::FailingAllocation;
 using mlnn::test::firstDifference;
 using mlnn::test::kCanFailAllocations;
+using mlnn::test::PieceBuffer;
 using mlnn::test::stderrOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -66,6 +68,14 @@ class MultiLayerNNModelAsciiReader : public testing::Test {
 
   int read(const std::string& text) {
     std::istringstream in(text);
+    return readStream(in);
+  }
+
+  // Reads from a stream that never has more than a few characters at hand.
+  int readInPieces(const std::string& text) {
+    constexpr std::size_t kPiece = 64;
+    PieceBuffer buffer(text, kPiece);
+    std::istream in(&buffer);
     return readStream(in);
   }
 
@@ -1124,16 +1134,19 @@ TEST_F(MultiLayerNNModelAsciiReader, readsLargeLayersExactly) {
     int inputs;
     int outputs;
   };
-  for (const Shape shape : {Shape{0, 70001}, Shape{1, 70001}, Shape{300, 301}, Shape{65536, 2},
-                            Shape{65537, 3}, Shape{140000, 1}, Shape{1, 65536}}) {
+  for (const Shape shape :
+       {Shape{0, 70001}, Shape{1, 70001}, Shape{300, 301}, Shape{65536, 2}, Shape{65537, 3},
+        Shape{140000, 1}, Shape{1, 65536}, Shape{300, 500}, Shape{0, 140000}}) {
     for (const bool batchNorm : {false, true}) {
       if (batchNorm && shape.inputs == 0) continue;
       MultiLayerNNModel large;
       large.layers = {risingLayer(shape.inputs, shape.outputs, batchNorm), new NNLayer(1, 1, true)};
-      renew();
-      ASSERT_EQ(read(text(large)), 0) << messages;
-      model.featureDesc = large.featureDesc;
-      EXPECT_EQ(firstDifference(model, large), "") << shape.inputs << " " << shape.outputs;
+      for (const bool inPieces : {false, true}) {
+        renew();
+        ASSERT_EQ(inPieces ? readInPieces(text(large)) : read(text(large)), 0) << messages;
+        model.featureDesc = large.featureDesc;
+        EXPECT_EQ(firstDifference(model, large), "") << shape.inputs << " " << shape.outputs;
+      }
     }
   }
 }
@@ -1142,13 +1155,14 @@ TEST_F(MultiLayerNNModelAsciiReader, readsLargeLayersExactly) {
 TEST_F(MultiLayerNNModelAsciiReader, memoryForALargeLayerStaysInProportionToItsText) {
   std::string values;
   for (int i = 0; i < 300000; ++i) values += "1\t";
-  for (const std::string size : {"2147483647 3", "3 2147483647", "200000 3"}) {
+  for (const std::string size : {"2147483647 3", "3 2147483647", "200000 3", "100000 1001"}) {
     const std::string input =
         kHead + "num_layers 1\nlayer 1 size " + size + "\nact_fn relu\n" + values;
     renew();
     const AllocationWatch watch;
     EXPECT_EQ(read(input), 1);
     EXPECT_LE(watch.largest(), 8 * input.size()) << size;
+    EXPECT_LE(watch.allocations(), 100u) << size;
     EXPECT_EQ(messages, error("unexpected end of input after reading all layers"));
   }
 }
