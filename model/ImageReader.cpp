@@ -12,6 +12,11 @@
 
 namespace mlnn {
 
+std::string shorterThanHead(std::size_t length) {
+  return "image of " + std::to_string(length) + " bytes is shorter than its head (" +
+         std::to_string(kHeadLength) + ")";
+}
+
 int ImageReader::read() {
   if (length_ < kMinImageLength) return -1;
   if (std::memcmp(head_, kMagic, kMagicLength) != 0) {
@@ -25,8 +30,7 @@ int ImageReader::read() {
 
 bool ImageReader::has(std::size_t offset, std::size_t count) const {
   if (offset + count <= length_) return true;
-  messages() << "ERROR: MultiLayerNNModel::deserializeBinary: image of " << length_
-             << " bytes is shorter than its head (" << kHeadLength << ")\n";
+  messages() << "ERROR: MultiLayerNNModel::deserializeBinary: " << shorterThanHead(length_) << "\n";
   return false;
 }
 

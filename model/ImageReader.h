@@ -5,12 +5,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "features/DbnFeatureDescription.h"
 #include "features/MelDeltasNorm.h"
 #include "layers/NNLayerRecord.h"
 
 namespace mlnn {
+
+// What is wrong with an image of `length` bytes, fewer than it begins with. read() says so from 8
+// bytes on, and refuses shorter images without a word.
+std::string shorterThanHead(std::size_t length);
 
 class ImageReader {
  public:

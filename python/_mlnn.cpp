@@ -26,6 +26,7 @@
 
 #include "features/ContextWindow.h"
 #include "layers/Messages.h"
+#include "model/ImageReader.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -623,7 +624,6 @@ PYBIND11_MODULE(_mlnn, module) {
   module.doc() = "The binding under the package mlnn; use that.";
   module.attr("version") = MLNN_VERSION;
   module.attr("IMAGE_MAGIC") = py::bytes(mlnn::kMagic);
-  module.attr("IMAGE_HEAD_LENGTH") = mlnn::kHeadLength;
   module.attr("NORM_LENGTH") = static_cast<int>(MelDeltasNorm::kLength);
   module.attr("MINVALS_MARKER") = mlnn::kMinvalsMarker;
   module.attr("NORMVALS_MARKER") = mlnn::kNormvalsMarker;
@@ -634,6 +634,7 @@ PYBIND11_MODULE(_mlnn, module) {
   module.def("seed_random", &seedRandom);
   module.def("opening_error", &openingError);
   module.def("parse", &parse);
+  module.def("shorter_than_head", &mlnn::shorterThanHead);
   bindLayer(module);
   py::class_<Core, std::shared_ptr<Core>> core(module, "Core");
   core.def(py::init<>())

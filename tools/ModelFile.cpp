@@ -5,6 +5,7 @@
 #include <sstream>
 #include <utility>
 
+#include "model/ImageReader.h"
 #include "model/ModelFormat.h"
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Escape.h"
@@ -54,8 +55,7 @@ std::vector<std::string> activationNames() {
 // Why the reader refused what it refuses without a word; "" where it has told.
 std::string untoldReason(const ModelFile& file) {
   if (file.format != ModelFormat::kBinary || file.length >= kMinImageLength) return "";
-  return ": image of " + counted(file.length, "byte") + " is shorter than its head (" +
-         std::to_string(kHeadLength) + ")";
+  return ": " + shorterThanHead(file.length);
 }
 
 }  // namespace

@@ -419,8 +419,7 @@ class Model:
         data = data if isinstance(data, bytes) else bytes(memoryview(data))
         core, result, messages = _mlnn.parse(data)
         if result != 0 and not messages and data.startswith(_mlnn.IMAGE_MAGIC):
-            raise Error(f"an image of {len(data)} bytes is shorter than its head "
-                        f"({_mlnn.IMAGE_HEAD_LENGTH})")
+            raise Error(_mlnn.shorter_than_head(len(data)))
         _hear(result, messages)
         model = cls._of(core)
         model._complete_activations(data[:len(_VERSION_1_HEADER)], act_fn)

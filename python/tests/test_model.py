@@ -73,8 +73,8 @@ def test_only_bytes_are_taken_for_the_bytes_of_a_model(model):
 
 @pytest.mark.parametrize("data, message", [
     (b"", "ERROR: MultiLayerNNModel: Could not read header"),
-    (b"MLNN", "an image of 4 bytes is shorter than its head (1004)"),
-    (b"MLNN123", "an image of 7 bytes is shorter than its head (1004)"),
+    (b"MLNN", "image of 4 bytes is shorter than its head (1004)"),
+    (b"MLNN123", "image of 7 bytes is shorter than its head (1004)"),
     (b"MLNN" + bytes(2000), None),
     (b"MultiLayerNNModel_v2\nnonsense 3\n", None),
 ])
