@@ -44,6 +44,7 @@ _INFO, _WARNING = "info: ", "Warning: "
 _VECTORS = ("bias", "gamma", "beta", "gamma_inf", "beta_inf")
 _NORM = ("minvals", "normvals")
 _CURVES = ("loss", "accuracy")
+_MAX_LINKS = 40  # that are followed, as the system does
 
 _log = logging.getLogger(__name__)
 
@@ -842,6 +843,11 @@ def _write_whole(path, data: bytes) -> None:
     pipe or a device, is written into. Raises OSError, and leaves an older file then."""
     path = os.fsdecode(path)
     with _told_of(path):
+        descriptor = _descriptor_named(path)
+        if descriptor is not None:
+            with open(os.dup(descriptor), "wb") as file:
+                file.write(data)
+            return
         try:
             present = os.open(path, os.O_WRONLY | os.O_CLOEXEC)
         except FileNotFoundError:
@@ -855,6 +861,20 @@ def _write_whole(path, data: bytes) -> None:
                 _put_in_place(path, mode & 0o777, data)
             else:
                 file.write(data)
+
+
+def _descriptor_named(path: str) -> int | None:
+    """The open file that a name like /dev/stdout or /proc/self/fd/3 stands for. What it is in
+    the file system is not to be replaced: who opened it goes on writing there."""
+    for _ in range(_MAX_LINKS):
+        folder, name = os.path.split(path)
+        if name.isdecimal() and os.path.realpath(folder) == f"/proc/{os.getpid()}/fd":
+            return int(name)
+        try:
+            path = os.path.join(folder, os.readlink(path))
+        except OSError:
+            return None
+    return None
 
 
 def _put_in_place(path: str, mode: int, data: bytes) -> None:

@@ -22,26 +22,41 @@ def _parser() -> argparse.ArgumentParser:
     return parser
 
 
+def _shown(text: str) -> str:
+    """The text with what could drive a terminal, or hide in it, made visible, but for the ends
+    of lines: failures may have several."""
+    def visible(character: str) -> str:
+        if character.isprintable() or character == "\n":
+            return character
+        if "\udc80" <= character <= "\udcff":  # a byte of a name that is no UTF-8
+            return f"\\x{ord(character) - 0xdc00:02x}"
+        return character.encode("unicode_escape").decode()
+    return "".join(map(visible, text))
+
+
 def _line_of(error: Exception) -> str:
     """The line that the tool prints of a failure."""
+    if isinstance(error, MemoryError):
+        return "ERROR: out of memory"
     text = str(error)
     if isinstance(error, OSError) and error.strerror:
         text = error.strerror
         if not text.startswith("ERR"):
             text = f"{error.filename}: {text}"
-    return text if text.startswith("ERR") else f"ERROR: {text}"
+    return _shown(text if text.startswith("ERR") else f"ERROR: {text}")
 
 
 def main(arguments: list[str] | None = None) -> int:
     options = _parser().parse_args(arguments)
-    warnings.showwarning = lambda message, *rest: print(f"Warning: {message}", file=sys.stderr)
+    warnings.showwarning = lambda message, *rest: print(
+        "Warning: " + _shown(str(message)), file=sys.stderr)
     warnings.simplefilter("always", mlnn.Warning)
     try:
         if options.command == "export-onnx":
             mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out)
         else:
             mlnn.from_onnx(options.onnx).save(options.out)
-    except (ImportError, OSError, ValueError) as error:
+    except (ImportError, MemoryError, OSError, ValueError) as error:
         print(_line_of(error), file=sys.stderr)
         return 1
     return 0

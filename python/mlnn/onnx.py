@@ -193,6 +193,8 @@ class _Importer:
 
     @staticmethod
     def _values(name: str, tensor: TensorProto) -> _Array:
+        if not all(0 <= length < 1 << 31 for length in tensor.dims):
+            raise Error(f"{name}: no array has the shape {tuple(tensor.dims)}")
         try:
             array: _Array = numpy_helper.to_array(tensor)
             return array

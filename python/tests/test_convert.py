@@ -12,6 +12,7 @@ import mlnn
 
 TOLERANCE = 1e-5
 ONNX = pytest.importorskip("onnx")
+pytest.importorskip("onnx.numpy_helper")  # becomes a part of ONNX
 
 
 def state(model):
@@ -339,6 +340,55 @@ def test_the_commands_refuse_in_one_line(digits, tmp_path, command):
     status, out, err = command("import-onnx", digits / "synth.txt", tmp_path / "m.txt")
     assert (status, out, err.count("\n")) == (1, "", 1) and err.startswith("ERROR: not an ONNX")
     assert list(tmp_path.iterdir()) == []
+
+
+def test_the_commands_show_no_control_characters(tmp_path, command):
+    names = {"\x1b[31m\x07.txt": r"\x1b[31m\x07.txt", "\x9b\u202e.txt": r"\x9b\u202e.txt",
+             os.fsdecode(b"\xff.txt"): r"\xff.txt"}
+    for name, shown in names.items():
+        (tmp_path / name).write_text("no model")
+        status, out, err = command("import-onnx", tmp_path / name / "below", tmp_path / "m.txt")
+        assert (status, out, err) == (1, "", f"ERROR: {tmp_path}/{shown}/below: Not a directory\n")
+    graph = gemm([[1, 2]], alpha=1.0)
+    graph.graph.node[0].op_type, graph.graph.node[0].name = "Tan", "\x1b[31m"
+    (tmp_path / "graph").write_bytes(graph.SerializeToString())
+    status, out, err = command("import-onnx", tmp_path / "graph", tmp_path / "m.txt")
+    assert (status, out) == (1, "") and err.startswith("ERROR: ") and r"\x1b[31m" in err
+    assert err[:-1].isprintable()
+
+
+def test_the_commands_write_into_an_open_file(digits, tmp_path, command):
+    mlnn.to_onnx(mlnn.load(digits / "synth-bn.txt"), tmp_path / "graph")
+    (tmp_path / "out.txt").symlink_to("/dev/stdout")
+    status, out, err = command("import-onnx", tmp_path / "graph", tmp_path / "out.txt")
+    assert (status, out, err) == (0, (digits / "synth-bn.txt").read_text(), "")
+    log = tmp_path / "log"
+    with open(log, "w") as file:
+        file.write("before\n")
+        file.flush()
+        name = f"/proc/self/fd/{file.fileno()}"
+        mlnn.load(digits / "synth-bn.txt").save(name, format="text")
+        file.write("after\n")
+    assert log.read_text() == f"before\n{(digits / 'synth-bn.txt').read_text()}after\n"
+
+
+def test_the_commands_say_that_memory_runs_out(digits, tmp_path):
+    code = ("import mlnn, sys; from mlnn.__main__ import main\n"
+            "def load(*arguments): raise MemoryError\n"
+            "mlnn.load = load; sys.exit(main(['export-onnx', 'model', 'out']))")
+    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True)
+    assert (done.returncode, done.stdout, done.stderr) == (1, "", "ERROR: out of memory\n")
+
+
+@pytest.mark.parametrize("dims", [(0, 1 << 40), (-1, 2), (1 << 31, 0)])
+def test_impossible_shapes_are_refused(dims):
+    proto = gemm([[1, 2]])
+    tensor = proto.graph.initializer[0]
+    tensor.ClearField("dims")
+    tensor.ClearField("raw_data")
+    tensor.dims.extend(dims)
+    with pytest.raises(mlnn.Error, match="no array has the shape|not an ONNX model"):
+        mlnn.from_onnx(proto)
 
 
 UNREADABLE = "/proc/self/mem"  # opens, but has nothing at its beginning
