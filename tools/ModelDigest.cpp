@@ -147,6 +147,7 @@ void addTextSections(const MultiLayerNNModel& model, std::vector<DigestSection>&
 
 void addLayerSections(const std::vector<NNLayer*>& layers, std::vector<DigestSection>& sections) {
   std::vector<std::string> digests;
+  digests.reserve(layers.size());
   for (const NNLayer* layer : layers) digests.push_back(digestOf(layerOrEmpty(layer)));
   sections.push_back({"layers", digestOf(digests)});
   for (std::size_t i = 0; i < digests.size(); ++i) {

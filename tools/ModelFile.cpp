@@ -46,6 +46,7 @@ void warnOfLinearLayers(const ModelFile& file, std::size_t number) {
 
 std::vector<std::string> activationNames() {
   std::vector<std::string> names;
+  names.reserve(ActFn::kCount);
   for (int32_t code = 0; code < ActFn::kCount; ++code) {
     names.push_back(ActFn::actFnToString(static_cast<ActFn::ActFn>(code)));
   }
