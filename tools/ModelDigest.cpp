@@ -191,10 +191,20 @@ ModelDigest parseText(const std::string& text, const std::string& fileName) {
   return digest;
 }
 
+// The document; one whose values nest deeper than any print's is refused. Copies of a value, which
+// its parser makes as well, call themselves for each level.
+Json documentIn(const std::string& text, const std::string& fileName) {
+  constexpr int kMaxDepth = 32;
+  return Json::parse(text, [&fileName](int depth, Json::parse_event_t, const Json&) {
+    if (depth > kMaxDepth) failToParse(fileName);
+    return true;
+  });
+}
+
 ModelDigest parseJson(const std::string& text, const std::string& fileName) {
   ModelDigest digest;
   try {
-    const Json json = Json::parse(text).at("digest");
+    const Json json = documentIn(text, fileName).at("digest");
     if (json.at("version") != kVersion) failToParse(fileName);
     digest.format = formatFrom(json.at(kFormatName).get<std::string>(), fileName);
     for (const auto& [name, value] : json.at("sections").items()) {

@@ -201,4 +201,25 @@ TEST(ModelDigest, refusesWhatIsNoPrint) {
             "'old.digest' has a line that is no digest: 'layers'");
 }
 
+// A file of some megabytes can nest values deeper than any stack could follow.
+TEST(ModelDigest, refusesValuesThatNestDeeply) {
+  constexpr int kDepth = 1000000;
+  std::string arrays(kDepth, '[');
+  arrays.append(kDepth, ']');
+  std::string objects;
+  for (int i = 0; i < kDepth; ++i) objects += "{\"a\":";
+  objects += "0" + std::string(kDepth, '}');
+  const std::string head = "{\"digest\":{\"version\":";
+  for (const std::string& deep : {arrays, objects}) {
+    const std::string noPrint = refusalOf("{}");
+    EXPECT_EQ(refusalOf("{\"digest\":" + deep + "}"), noPrint);
+    EXPECT_EQ(refusalOf(head + deep + ",\"format\":\"ascii\",\"sections\":{}}}"), noPrint);
+    EXPECT_EQ(refusalOf(head + "1,\"format\":" + deep + ",\"sections\":{}}}"), noPrint);
+    EXPECT_EQ(refusalOf(head + "1,\"format\":\"ascii\",\"sections\":" + deep + "}}"), noPrint);
+    EXPECT_EQ(refusalOf(head + "1,\"format\":\"ascii\",\"sections\":{\"a\":" + deep + "}}}"),
+              noPrint);
+    EXPECT_EQ(refusalOf("{\"other\":" + deep + "}"), noPrint);
+  }
+}
+
 }  // namespace
