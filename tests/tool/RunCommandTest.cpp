@@ -236,6 +236,20 @@ TEST_F(RunCommandTest, refusesResultsThatWouldBeLost) {
   EXPECT_FALSE(fs::exists(folder_.path("results")));
 }
 
+// Whoever writes into it finds a reader until the end: it is opened once.
+TEST_F(RunCommandTest, readsTheModelFromANamedPipe) {
+  const ToolResult result = mlnn::test::runShell(
+      "mkfifo pipe || exit 9\n"
+      "for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do\n"
+      "  cat pair > pipe & timeout 20 mlnn run pipe frames.txt -o out || exit 8\n"
+      "  wait $! || exit 7\n"
+      "done",
+      folder_.path());
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(contentOf(folder_.path("out")), "1 1\n1 2\n2 3\n");
+}
+
 TEST_F(RunCommandTest, takesAsFewBitsAsAskedFor) {
   ASSERT_EQ(runTool({"new", "300,400,3", "large"}, "", folder_.path()).status, 0);
   ASSERT_EQ(runTool({"reduce", "large", "reduced", "--bits", "5"}, "", folder_.path()).status, 0);
