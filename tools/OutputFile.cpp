@@ -7,10 +7,12 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <utility>
 
 #include "tools/Escape.h"
@@ -22,11 +24,25 @@ namespace fs = std::filesystem;
 namespace mlnn {
 namespace {
 
-// Follows symbolic links to what they name, which need not exist.
+// The number of the own descriptor that the path stands for, as /dev/fd/3 does; else nothing.
+std::optional<int> descriptorNamed(const fs::path& path) {
+  std::error_code error;
+  const fs::path own = fs::canonical("/proc/self/fd", error);
+  if (error || fs::canonical(path.parent_path(), error) != own) return std::nullopt;
+  const std::string name = path.filename().string();
+  const char* const end = name.data() + name.size();
+  int number = 0;
+  const std::from_chars_result result = std::from_chars(name.data(), end, number);
+  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
+  return number;
+}
+
+// Follows symbolic links to what they name, which need not exist. Those of own descriptors stay:
+// the file that is behind one may have another name by now, or none.
 fs::path withoutLinks(fs::path path) {
   constexpr int kMaxLinks = 40;
   std::array<char, PATH_MAX> target;
-  for (int i = 0; i < kMaxLinks; ++i) {
+  for (int i = 0; i < kMaxLinks && !descriptorNamed(path); ++i) {
     const ssize_t length = readlink(path.c_str(), target.data(), target.size());
     if (length < 0) break;
     path = path.parent_path() / fs::path(target.data(), target.data() + length);
@@ -41,35 +57,56 @@ mode_t modeOfNewFile() {
   return 0666 & ~mask;
 }
 
+// Gives the file the owner and the group of another one, or the group alone. Returns whether the
+// process may do any of it.
+bool takeOwner(int descriptor, const struct stat& other) {
+  constexpr auto kSame = static_cast<uid_t>(-1);
+  return fchown(descriptor, other.st_uid, other.st_gid) == 0 ||
+         fchown(descriptor, kSame, other.st_gid) == 0;
+}
+
+// Waits until the file is on the disk. Some file systems have no such request.
+bool reachesDisk(int descriptor) {
+  return fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
+}
+
 }  // namespace
 
 OutputFile::OutputFile(const std::string& name)
     : name_(name), descriptor_(open()), buffer_(descriptor_.get()), stream_(&buffer_) {}
 
 FileDescriptor OutputFile::open() {
-  if (name_ == kStandardStream) {
-    std::cout.flush();  // what was printed comes first
-    FileDescriptor copy(dup(STDOUT_FILENO));
-    if (!copy.isOpen()) fail(errno);
-    return copy;
-  }
-  path_ = withoutLinks(name_).string();
+  if (name_ == kStandardStream) return copyOf(STDOUT_FILENO);
+  const fs::path path = withoutLinks(name_);
+  if (const std::optional<int> own = descriptorNamed(path)) return copyOf(*own);
+  path_ = path.string();
   struct stat status;
-  // By its name: a link of /proc to a pipe leads there, but has no path as its text.
+  // By its name: a link of /proc to another's pipe leads there, but has no path as its text.
   if (stat(name_.c_str(), &status) != 0) {
     if (errno != ENOENT) fail(errno);
-    return openBeside(modeOfNewFile());
+    return openBeside(nullptr);
   }
   FileDescriptor present(::open(name_.c_str(), O_WRONLY | O_CLOEXEC));
   if (!present.isOpen()) fail(errno);
-  return S_ISREG(status.st_mode) ? openBeside(status.st_mode & 0777) : std::move(present);
+  return S_ISREG(status.st_mode) ? openBeside(&status) : std::move(present);
 }
 
-FileDescriptor OutputFile::openBeside(unsigned mode) {
+// It goes on where the descriptor is, and whoever has that goes on where this ends.
+FileDescriptor OutputFile::copyOf(int descriptor) {
+  std::cout.flush();  // what was printed comes first
+  FileDescriptor copy(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+  if (!copy.isOpen()) fail(errno);
+  return copy;
+}
+
+FileDescriptor OutputFile::openBeside(const struct stat* replaced) {
   std::string path = (fs::path(path_).parent_path() / ".mlnn-XXXXXX").string();
   FileDescriptor descriptor(mkostemp(path.data(), O_CLOEXEC));
   if (!descriptor.isOpen()) fail(errno);
   unfinished_.hold(path);
+  if (replaced != nullptr) takeOwner(descriptor.get(), *replaced);  // where it may
+  // After the owner, whose change may take permissions away.
+  const mode_t mode = replaced != nullptr ? replaced->st_mode & 0777 : modeOfNewFile();
   if (fchmod(descriptor.get(), mode) != 0) fail(errno);
   return descriptor;
 }
@@ -77,8 +114,10 @@ FileDescriptor OutputFile::openBeside(unsigned mode) {
 void OutputFile::finish() {
   stream_.flush();
   if (!stream_) fail(buffer_.error());
+  const bool isBeside = !unfinished_.path().empty();
+  if (isBeside && !reachesDisk(descriptor_.get())) fail(errno);
   if (!descriptor_.close()) fail(errno);
-  if (unfinished_.path().empty()) return;
+  if (!isBeside) return;
   if (std::rename(unfinished_.path().c_str(), path_.c_str()) != 0) fail(errno);
   unfinished_.release();
 }

@@ -1,6 +1,8 @@
 // OutputFile — a file that appears under its name only when it is complete.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <ostream>
 #include <string>
 
@@ -10,9 +12,12 @@
 
 namespace mlnn {
 
-// Writes beside the file, in the same folder, and takes its name at the end; until then, and
-// after a failure, whatever had that name is untouched. A file that is replaced keeps its
-// permissions, a symbolic link keeps pointing to it. "-" is the standard output; that, and
+// Writes beside the file, in the same folder, and takes its name at the end, when all is on the
+// disk; until then, and after a failure, whatever had that name is untouched. A file that is
+// replaced keeps its permissions and, as far as the process may give them, its owner and group; a
+// symbolic link keeps pointing to it.
+//
+// "-" is the standard output; that, whatever else is a descriptor's (/dev/stdout, /dev/fd/3), and
 // what is not a regular file (a pipe, a device), is written to directly.
 //
 // An interrupt (SIGINT, SIGTERM, SIGHUP) removes the unfinished file as well.
@@ -29,7 +34,8 @@ class OutputFile {
 
  private:
   FileDescriptor open();
-  FileDescriptor openBeside(unsigned mode);
+  FileDescriptor copyOf(int descriptor);
+  FileDescriptor openBeside(const struct stat* replaced);
   [[noreturn]] void fail(int error) const;
 
   std::string name_;  // as the caller gave it, for messages

@@ -133,6 +133,11 @@ int close(int descriptor) {
   return result;
 }
 
+int fsync(int descriptor) {
+  if (mustFail("fsync")) return fail(EIO);
+  return next<int (*)(int)>("fsync")(descriptor);
+}
+
 int rename(const char* from, const char* to) noexcept {
   if (mustFail("rename")) return fail(EPERM);
   return next<int (*)(const char*, const char*)>("rename")(from, to);

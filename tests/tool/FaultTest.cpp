@@ -64,11 +64,10 @@ struct Kind {
   const char* error;
 };
 
-const std::vector<Kind> kKinds = {{"read", "Input/output error"},
-                                  {"write", "No space left on device"},
-                                  {"open", "Too many open files"},
-                                  {"close", "Input/output error"},
-                                  {"rename", "Operation not permitted"}};
+const std::vector<Kind> kKinds = {
+    {"read", "Input/output error"},  {"write", "No space left on device"},
+    {"open", "Too many open files"}, {"fsync", "Input/output error"},
+    {"close", "Input/output error"}, {"rename", "Operation not permitted"}};
 
 // Makes the files that the command lines read.
 void makeInputs(const TempFolder& folder) {

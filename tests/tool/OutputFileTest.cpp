@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -7,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/support/SourceTree.h"
 #include "tests/tool/ToolProcess.h"
 #include "tools/Failure.h"
 #include "tools/OutputFile.h"
@@ -16,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using mlnn::OutputFile;
 using mlnn::test::contentOf;
+using mlnn::test::sourcePath;
 using mlnn::test::TempFolder;
 using Names = std::vector<std::string>;
 
@@ -119,6 +122,69 @@ TEST(OutputFileTest, writesIntoAPipeThatOnlyItsDescriptorNames) {
   EXPECT_EQ(read(ends[0], text, sizeof text), 3);
   EXPECT_EQ(std::string(text), "new");
   close(ends[0]);
+}
+
+// What others write to the same descriptor stays: the file is not replaced.
+TEST(OutputFileTest, writesWhereItsDescriptorIs) {
+  for (const std::string name : {"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", "link", "-"}) {
+    const TempFolder folder;
+    fs::create_symlink("/dev/stdout", folder.path("link"));
+    const std::string convert =
+        "mlnn convert '" + sourcePath("tests/golden/version2.txt") + "' " + name + " --to ascii; ";
+    const auto result =
+        mlnn::test::runShell(convert + "echo head; " + convert + "echo tail", folder.path());
+    EXPECT_EQ(result.status, 0) << result.err;
+    const std::string text = result.out.substr(0, result.out.find("head\n"));
+    EXPECT_GT(text.size(), 100u);
+    EXPECT_EQ(result.out, text + "head\n" + text + "tail\n") << name;
+    folder.write("log", "earlier\n");
+    EXPECT_EQ(mlnn::test::runShell("(" + convert + ") >> log", folder.path()).status, 0);
+    EXPECT_EQ(contentOf(folder.path("log")), "earlier\n" + text) << name;
+    EXPECT_EQ(folder.names(), (Names{"link", "log"}));
+    EXPECT_TRUE(fs::is_symlink(folder.path("link")));
+  }
+}
+
+TEST(OutputFileTest, writesIntoAFileThatOnlyItsDescriptorNames) {
+  const TempFolder folder;
+  const int descriptor = open(folder.write("out", "old text").c_str(), O_RDWR);
+  ASSERT_GE(descriptor, 0);
+  ASSERT_EQ(unlink(folder.path("out").c_str()), 0);
+  writeFile("/dev/fd/" + std::to_string(descriptor), "new");
+  char text[16] = {};
+  EXPECT_EQ(pread(descriptor, text, sizeof text, 0), 8);
+  EXPECT_EQ(std::string(text), "new text");
+  close(descriptor);
+  EXPECT_EQ(folder.names(), Names{});
+}
+
+// Only who may give files away can tell.
+TEST(OutputFileTest, keepsTheOwnerOfAFileThatItReplaces) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs the rights of the superuser";
+  const TempFolder folder;
+  const std::string path = folder.write("out", "old");
+  ASSERT_EQ(chown(path.c_str(), 12345, 23456), 0);
+  fs::permissions(path, fs::perms(0640));
+  writeFile(path, "new");
+  struct stat status;
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 12345u);
+  EXPECT_EQ(status.st_gid, 23456u);
+  EXPECT_EQ(modeOf(path), 0640u);
+  EXPECT_EQ(contentOf(path), "new");
+}
+
+TEST(OutputFileTest, refusesALinkThatLeadsToItself) {
+  const TempFolder folder;
+  fs::create_symlink("loop", folder.path("loop"));
+  EXPECT_EQ(refusalOf(folder.path("loop")),
+            "cannot write '" + folder.path("loop") + "': Too many levels of symbolic links");
+  EXPECT_TRUE(fs::is_symlink(folder.path("loop")));
+  EXPECT_EQ(folder.names(), Names{"loop"});
+}
+
+TEST(OutputFileTest, refusesADescriptorThatIsNotOpen) {
+  EXPECT_EQ(refusalOf("/dev/fd/999"), "cannot write '/dev/fd/999': Bad file descriptor");
 }
 
 TEST(OutputFileTest, refusesWhatCannotBeWritten) {
