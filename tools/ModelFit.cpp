@@ -273,7 +273,7 @@ Lines differences(const MultiLayerNNModel& wanted, const MultiLayerNNModel& pres
 
 // --- Numbers in a text ---
 
-// Counts the numbers that a text of some precision does not give back.
+// Counts the numbers that a text of some precision does not give back, or not even lets be read.
 class NumberCount {
  public:
   explicit NumberCount(int precision) : precision_(precision) {}
@@ -290,6 +290,7 @@ class NumberCount {
   }
 
   std::size_t notFinite() const { return notFinite_; }
+  std::size_t tooLarge() const { return tooLarge_; }  // rounded up beyond single precision
   std::size_t rounded() const { return rounded_; }
 
  private:
@@ -299,13 +300,17 @@ class NumberCount {
     } else if (precision_ < kExactDigits) {
       const std::string text = generalNumber(static_cast<double>(value), precision_);
       float read = 0;
-      std::from_chars(text.data(), text.data() + text.size(), read);
+      const std::from_chars_result result =
+          std::from_chars(text.data(), text.data() + text.size(), read);
+      const bool isInRange = result.ec == std::errc() || std::abs(value) < 1;
+      if (!isInRange) ++tooLarge_;
       if (read != value) ++rounded_;
     }
   }
 
   int precision_;
   std::size_t notFinite_ = 0;
+  std::size_t tooLarge_ = 0;
   std::size_t rounded_ = 0;
 };
 
@@ -331,24 +336,31 @@ void reportUnused(const NNLayer& layer, std::size_t number, Lines& lost) {
   }
 }
 
-void reportNotFinite(std::size_t number, const std::string& where, Lines& lost) {
-  if (number == 0) return;
-  lost.push_back(counted(number, "value") + " of " + where + " that " +
-                 (number == 1 ? "is" : "are") +
-                 " not finite; with them the text cannot be read again");
+// Numbers in `where` with which a text could be written, but not read.
+void refuseUnreadable(const NumberCount& count, const std::string& where, int precision) {
+  if (count.notFinite() > 0) {
+    throw Failure("the text format cannot hold values that are not finite: there " +
+                  std::string(count.notFinite() == 1 ? "is " : "are ") +
+                  std::to_string(count.notFinite()) + " in " + where);
+  }
+  if (count.tooLarge() > 0) {
+    throw Failure("with " + counted(std::size_t(precision), "digit") +
+                  " the text could not be read again: " + counted(count.tooLarge(), "value") +
+                  " in " + where + " would be rounded beyond single precision");
+  }
 }
 
 void reportNumbers(const MultiLayerNNModel& model, int precision, Lines& lost) {
   NumberCount curves(precision);
   curves.add(model.loss);
   curves.add(model.accuracy);
-  reportNotFinite(curves.notFinite(), "the training curves", lost);
+  refuseUnreadable(curves, "the training curves", precision);
   std::size_t rounded = curves.rounded();
   for (std::size_t i = 0; i < model.layers.size(); ++i) {
     NumberCount count(precision);
     countUsed(*model.layers[i], count);
     rounded += count.rounded();
-    reportNotFinite(count.notFinite(), "layer " + std::to_string(i + 1), lost);
+    refuseUnreadable(count, "layer " + std::to_string(i + 1), precision);
     reportUnused(*model.layers[i], i + 1, lost);
   }
   if (rounded == 0) return;

@@ -126,6 +126,23 @@ TEST_F(EditCommandTest, scaleAndZero) {
   expectResult({"--zero"}, heading_ + layers("relu", "linear", "0\t0\n0\t0\n"));
 }
 
+// A good model is not replaced by one that no command could read.
+TEST_F(EditCommandTest, refusesAScaleThatNoTextCanHold) {
+  folder_.write("large.txt", head("") + layers("relu", "linear", "100\t1\n1\t1\n"));
+  const ToolResult result =
+      runTool({"edit", "large.txt", "large.txt", "--scale", "1e38"}, "", folder_.path());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: the text format cannot hold values that are not finite: there is 1 in layer "
+            "1\n");
+  EXPECT_EQ(contentOf(folder_.path("large.txt")),
+            head("") + layers("relu", "linear", "100\t1\n1\t1\n"));
+  EXPECT_EQ(runTool({"edit", "large.txt", "image", "--scale", "1e38", "--to", "binary"}, "",
+                    folder_.path())
+                .status,
+            0);
+}
+
 TEST_F(EditCommandTest, layersAreDeletedFromTheOutputEnd) {
   const std::string end = "num_layers 1\nlayer 1 size 1 2\nact_fn ";
   expectResult({"--delete-layers", "1", "--softmax", "off"},

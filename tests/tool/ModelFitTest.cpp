@@ -307,16 +307,37 @@ TEST(ModelFitTest, namesArraysThatATextHasNoPlaceFor) {
   EXPECT_EQ(fitToText(model).lost.size(), 1u);
 }
 
-TEST(ModelFitTest, countsValuesThatAreNotFinite) {
+std::string refusalOfText(MultiLayerNNModel model, int precision = mlnn::kExactDigits) {
+  try {
+    fitToText(model, precision);
+  } catch (const mlnn::Failure& failure) {
+    return failure.what();
+  }
+  return "";
+}
+
+TEST(ModelFitTest, refusesValuesThatAreNotFinite) {
   MultiLayerNNModel model = smallModel();
   model.layers[0]->weights(0, 0) = std::numeric_limits<float>::quiet_NaN();
   model.layers[0]->bias[0] = std::numeric_limits<float>::infinity();
+  EXPECT_EQ(refusalOfText(model),
+            "the text format cannot hold values that are not finite: there are 2 in layer 1");
   model.loss = {1, -std::numeric_limits<float>::infinity()};
-  EXPECT_EQ(fitToText(model).lost,
-            (Lines{"1 value of the training curves that is not finite; with them the text cannot "
-                   "be read again",
-                   "2 values of layer 1 that are not finite; with them the text cannot be read "
-                   "again"}));
+  EXPECT_EQ(
+      refusalOfText(model),
+      "the text format cannot hold values that are not finite: there is 1 in the training curves");
+}
+
+TEST(ModelFitTest, refusesNumbersThatFewerDigitsRoundBeyondSinglePrecision) {
+  MultiLayerNNModel model = smallModel();
+  model.layers[0]->bias[0] = -std::numeric_limits<float>::max();
+  model.layers[0]->bias[1] = std::numeric_limits<float>::denorm_min();
+  for (const int precision : {1, 2, 3, 5, 6, 7, 8, 9}) {
+    EXPECT_EQ(refusalOfText(model, precision), "") << precision;
+  }
+  EXPECT_EQ(refusalOfText(model, 4),
+            "with 4 digits the text could not be read again: 1 value in layer 1 would be rounded "
+            "beyond single precision");
 }
 
 TEST(ModelFitTest, countsNumbersThatFewerDigitsRound) {
