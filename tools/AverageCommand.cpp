@@ -128,6 +128,7 @@ int run(const Options& options) {
   const std::vector<std::string> in(options.files.begin(), options.files.end() - 1);
   const std::string& out = options.files.back();
   refuseSecondStandardInput(in);
+  refuseLossOfModels(in, out, options.save);
   const std::vector<double> weights = weightsOf(options, in.size());
   const std::vector<float> shares = sharesOf(weights);
   Progress progress(in.size());

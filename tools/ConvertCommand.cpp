@@ -24,11 +24,13 @@ CommandHelp help() {
       "The two formats do not hold the same things. What OUT cannot hold is named on standard\n"
       "error before anything is written. What can be kept in another form is: in a text, the\n"
       "feature description and the normalisation as note lines, and the activation that the\n"
-      "hidden batch-norm layers share as the property hidden_act_fn.\n"
+      "hidden batch-norm layers share as the property hidden_act_fn. Values that are not finite "
+      "are\n"
+      "refused in a text, which could not be read again.\n"
       "\n"
       "A C source holds the image as an array, for devices without a file system: see\n"
       "examples/rom. The array of words.c is called words_image, its length in bytes\n"
-      "words_image_length. No command reads it back.";
+      "words_image_length. No command reads it back, so it may not replace IN.";
   help.examples =
       "mlnn convert model.txt model.mlnn\n"
       "mlnn convert --strict model.mlnn model.txt\n"
@@ -47,6 +49,7 @@ ModelFormat otherThan(ModelFormat format) {
 }
 
 int run(const Options& options) {
+  refuseLossOfModels({options.in}, options.out, options.save);
   ModelFile file = loadModel(options.in, options.load);
   const ModelFormat format = formatToSave(options.out, options.save, otherThan(file.format));
   saveModel(file.model, options.out, format, options.save);

@@ -173,6 +173,7 @@ int run(const Options& options) {
   const std::vector<LayerActFn> layerActFns = layerActFnsOf(options);
   const std::vector<Assignment> assignments = assignmentsOf(options);
   for (const std::string& note : options.notes) checkNote(note);
+  refuseLossOfModels({options.in}, options.out, options.save);
   ModelFile file = load(options);
   MultiLayerNNModel& model = file.model;
   deleteLayers(model, options.deleteLayers);

@@ -12,6 +12,7 @@
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
+#include "tools/OwnInputs.h"
 #include "tools/Table.h"
 #include "tools/Tolerance.h"
 #include "tools/Tool.h"
@@ -157,8 +158,16 @@ void refuseDoubleUse(const Options& options) {
   refuseSecondStandardInput(inputs);
 }
 
+void refuseLossOfInputs(const Options& options) {
+  refuseLossOfModels({options.in}, options.out, options.save);
+  OwnInputs inputs;
+  for (const std::string& frames : options.frames) inputs.add(frames, "frames");
+  inputs.refuse(options.out);
+}
+
 int run(const Options& options) {
   refuseDoubleUse(options);
+  refuseLossOfInputs(options);
   ModelFile file = loadModel(options.in, options.load);
   MultiLayerNNModel& model = file.model;
   MultiLayerNNModel before;

@@ -37,6 +37,8 @@ std::string inputName(const std::string& name) {
   return name == kStandardStream ? "standard input" : inQuotes(name);
 }
 
+bool isNoEntry(const std::string& name) { return name.empty() || name == "." || name == ".."; }
+
 void refuseSecondStandardInput(const std::vector<std::string>& names) {
   if (std::count(names.begin(), names.end(), kStandardStream) > 1) {
     throw UsageError("only one of the files can be the standard input");

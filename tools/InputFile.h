@@ -12,6 +12,10 @@ inline constexpr char kStandardStream[] = "-";
 // How messages call a file: its quoted name, or "standard input".
 std::string inputName(const std::string& name);
 
+// Whether something of that name cannot be put into a folder: "" is no name, and "." and ".."
+// are that folder and the one around it.
+bool isNoEntry(const std::string& name);
+
 // Makes sure that at most one of the files is the standard input, which is over after the first.
 // Throws: UsageError.
 void refuseSecondStandardInput(const std::vector<std::string>& names);

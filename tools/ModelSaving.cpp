@@ -8,6 +8,7 @@
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
 #include "tools/OutputFile.h"
+#include "tools/OwnInputs.h"
 
 namespace mlnn {
 namespace {
@@ -54,6 +55,14 @@ ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
   if (extension == ".txt") return ModelFormat::kText;
   if (extension == ".mlnn" || extension == ".bin") return ModelFormat::kBinary;
   return otherwise;
+}
+
+void refuseLossOfModels(const std::vector<std::string>& models, const std::string& name,
+                        const SaveOptions& options) {
+  if (!isCArray(name, options)) return;
+  OwnInputs inputs;
+  for (const std::string& model : models) inputs.add(model, "model");
+  inputs.refuse(name);
 }
 
 void writeModel(const MultiLayerNNModel& model, ModelFormat format, int precision,

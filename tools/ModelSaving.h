@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 #include "tools/ModelFile.h"
 #include "tools/Numbers.h"
@@ -28,6 +29,12 @@ void addSaveOptions(CLI::App& command, SaveOptions& options);
 // image), else `otherwise`. A C source counts as an image.
 ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
                          ModelFormat otherwise);
+
+// Makes sure that a C source, which no command reads back, replaces none of the models that it is
+// made from. A model may take the place of the one that it is made from.
+// Throws: UsageError.
+void refuseLossOfModels(const std::vector<std::string>& models, const std::string& name,
+                        const SaveOptions& options);
 
 // Writes the model to a file that appears when it is complete, or to the standard output
 // ("-"). Before that, prints what was done to the model to keep things that the format has

@@ -9,6 +9,7 @@
 #include "tools/ModelCharts.h"
 #include "tools/ModelFile.h"
 #include "tools/OutputFile.h"
+#include "tools/OwnInputs.h"
 #include "tools/SvgChart.h"
 #include "tools/Terminal.h"
 #include "tools/TerminalChart.h"
@@ -89,6 +90,9 @@ Json jsonOf(const ModelFile& file, const std::vector<Chart>& charts) {
 }
 
 int run(const Options& options) {
+  OwnInputs inputs;
+  inputs.add(options.model, "model");
+  inputs.refuse(options.out);
   LoadOptions load;
   load.keepLinear = true;  // activations are not drawn
   const ModelFile file = loadModel(options.model, load);

@@ -97,7 +97,7 @@ void checkUsage(const Options& options) {
     throw UsageError("expected either --bits, to write a model, or --sweep, to show a table");
   }
   if (options.bits && options.out.empty()) throw UsageError("OUT is required with --bits");
-  if (options.bits) return;
+  if (options.bits) return refuseLossOfModels({options.in}, options.out, options.save);
   if (!options.out.empty()) {
     throw UsageError("--sweep writes no model, but OUT is given: " + inQuotes(options.out));
   }

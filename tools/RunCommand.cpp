@@ -15,6 +15,7 @@
 #include "tools/Inputs.h"
 #include "tools/Json.h"
 #include "tools/ModelFile.h"
+#include "tools/OwnInputs.h"
 #include "tools/Progress.h"
 #include "tools/RunReport.h"
 #include "tools/RunnableModel.h"
@@ -65,6 +66,8 @@ CommandHelp help() {
       "OUT is .npy when its name ends so, else text with nine digits. For several FRAMES, or when\n"
       "it is a folder, each result goes into that folder under the name of its FRAMES.\n"
       "\n"
+      "No result and no file of a trace may replace the model or FRAMES.\n"
+      "\n"
       "DIR gets a file for each stage: inputs, layer-K-affine and layer-K (before and after the\n"
       "activation), outputs; see `mlnn compare`. For several FRAMES each has a folder in DIR.\n"
       "\n"
@@ -95,17 +98,12 @@ bool isIntoFolder(const Options& options) {
   return !options.out.empty() && (options.frames.size() > 1 || isFolder(options.out));
 }
 
-bool isSameFile(const std::string& a, const std::string& b) {
-  std::error_code error;
-  return fs::equivalent(a, b, error);
-}
-
 std::vector<Job> jobsInFolder(const Options& options) {
   std::vector<Job> jobs;
   std::set<std::string> names;
   for (const std::string& frames : options.frames) {
     const std::string name = fs::path(frames).filename().string();
-    if (frames == kStandardStream || name.empty()) {
+    if (frames == kStandardStream || isNoEntry(name)) {
       throw UsageError("the result of " + inputName(frames) + " has no name in the folder " +
                        inQuotes(options.out));
     }
@@ -127,11 +125,6 @@ std::vector<Job> jobsOf(const Options& options) {
   } else {
     jobs.push_back({options.frames.front(), options.out, ""});
   }
-  for (const Job& job : jobs) {
-    if (job.frames != kStandardStream && isSameFile(job.frames, job.out)) {
-      throw UsageError("the result would replace its own frames, " + inQuotes(job.frames));
-    }
-  }
   return jobs;
 }
 
@@ -139,6 +132,16 @@ void addTraces(const Options& options, std::vector<Job>& jobs) {
   if (options.trace.empty()) return;
   const std::vector<std::string> folders = traceFolders(options.trace, options.frames);
   for (std::size_t i = 0; i < jobs.size(); ++i) jobs[i].trace = folders[i];
+}
+
+void refuseLossOfInputs(const Options& options, const std::vector<Job>& jobs) {
+  OwnInputs inputs;
+  inputs.add(options.model, "model");
+  for (const Job& job : jobs) inputs.add(job.frames, "frames");
+  for (const Job& job : jobs) {
+    inputs.refuse(job.out);
+    if (!job.trace.empty()) refuseTraceOf(inputs, job.trace);
+  }
 }
 
 void makeFolder(const std::string& name) {
@@ -244,6 +247,7 @@ int run(const Options& options) {
   checkUsage(options);
   std::vector<Job> jobs = jobsOf(options);
   addTraces(options, jobs);
+  refuseLossOfInputs(options, jobs);
   const bool needsModel = !options.trace.empty() || options.bits != 0;
   RunnableModel model(options.model, options.load, needsModel);
   if (isIntoFolder(options)) makeFolder(options.out);

@@ -74,7 +74,7 @@ std::vector<std::string> traceFolders(const std::string& folder,
   std::set<std::string> names;
   for (const std::string& recording : recordings) {
     const std::string name = fs::path(recording).stem().string();
-    if (recording == kStandardStream || name.empty()) {
+    if (recording == kStandardStream || isNoEntry(name)) {
       throw UsageError("the trace of " + inputName(recording) + " has no name in the folder " +
                        inQuotes(folder));
     }
@@ -85,6 +85,12 @@ std::vector<std::string> traceFolders(const std::string& folder,
     folders.push_back((fs::path(folder) / name).string());
   }
   return folders;
+}
+
+void refuseTraceOf(const OwnInputs& inputs, const std::string& folder) {
+  std::error_code error;
+  if (!fs::is_directory(folder, error)) return;
+  for (const std::string& stage : stagesIn(folder)) inputs.refuse(stagePath(folder, stage));
 }
 
 void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,

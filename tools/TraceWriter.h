@@ -9,6 +9,7 @@
 
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
+#include "tools/OwnInputs.h"
 #include "tools/Progress.h"
 
 namespace mlnn {
@@ -18,6 +19,10 @@ namespace mlnn {
 // Throws: UsageError when a recording has no name, or two have the same one.
 std::vector<std::string> traceFolders(const std::string& folder,
                                       const std::vector<std::string>& recordings);
+
+// Makes sure that no file of a trace in the folder, which need not exist, is an input.
+// Throws: UsageError when one is, Failure when the folder cannot be read.
+void refuseTraceOf(const OwnInputs& inputs, const std::string& folder);
 
 // Runs the model over the frames of a recording, and writes what each stage computed into the
 // folder, which is made if it is not there. `progress` is told of frames.

@@ -211,6 +211,31 @@ TEST(ConvertCommandTest, cArrayHoldsTheImageToTheByte) {
   EXPECT_EQ(built.out, contentOf(image));
 }
 
+// No command reads it back: the model would be lost.
+TEST(ConvertCommandTest, cArrayReplacesNoModelThatItIsMadeFrom) {
+  const TempFolder folder;
+  const std::string text = contentOf(sample("synth.txt"));
+  folder.write("model.txt", text);
+  folder.write("model.c", text);
+  for (const std::vector<std::string>& line : std::vector<std::vector<std::string>>{
+           {"convert", "model.txt", "model.txt", "--to", "c-array"},
+           {"convert", "model.c", "./model.c"},
+           {"fold", "model.c", "model.c"},
+           {"reduce", "model.c", "model.c", "--bits", "4"},
+           {"edit", "model.c", "model.c", "--scale", "2"},
+           {"average", "model.txt", "model.c", "model.c"}}) {
+    const ToolResult result = runTool(line, "", folder.path());
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "ERROR: the result would replace its own model, '" +
+                              std::string(line.back() == "c-array" ? "model.txt" : "model.c") +
+                              "'\n");
+  }
+  EXPECT_EQ(contentOf(folder.path("model.txt")), text);
+  EXPECT_EQ(contentOf(folder.path("model.c")), text);
+  EXPECT_EQ(runTool({"convert", "model.c", "model.c", "--to", "binary"}, "", folder.path()).status,
+            0);
+}
+
 TEST(CArray, nameIsTheFilesWithoutItsEnding) {
   EXPECT_EQ(mlnn::arrayName("digits.c"), "digits_image");
   EXPECT_EQ(mlnn::arrayName("/a.b/int.c"), "int_image");

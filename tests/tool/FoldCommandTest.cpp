@@ -226,4 +226,10 @@ TEST_F(FoldDigitsTest, theFoldedModelGivesTheExpectedPosteriors) {
   }
 }
 
+TEST_F(FoldCommandTest, doesNotReplaceTheRecordingsOfItsProof) {
+  expectRefused({"in.txt", "frames.txt", "--prove", "rounding.txt", "frames.txt"}, 2,
+                "ERROR: the result would replace its own frames, 'frames.txt'\n");
+  EXPECT_EQ(contentOf(folder_.path("frames.txt")), "1\n5\n");
+}
+
 }  // namespace

@@ -160,6 +160,15 @@ TEST(PlotCommandTest, leavesNoPictureOfAModelThatDoesNotLoad) {
   EXPECT_TRUE(folder.names().empty());
 }
 
+TEST(PlotCommandTest, doesNotReplaceTheModel) {
+  const TempFolder folder;
+  const std::string model = folder.write("model.txt", kModel);
+  const ToolResult result = runTool({"plot", model, "-o", model});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "ERROR: the result would replace its own model, '" + model + "'\n");
+  EXPECT_EQ(contentOf(model), kModel);
+}
+
 TEST(PlotCommandTest, refusesWrongUsage) {
   EXPECT_EQ(runTool({"plot"}).status, 2);
   EXPECT_EQ(runTool({"plot", "x", "--bins", "0"}).status, 2);

@@ -236,6 +236,45 @@ TEST_F(RunCommandTest, refusesResultsThatWouldBeLost) {
   EXPECT_FALSE(fs::exists(folder_.path("results")));
 }
 
+TEST_F(RunCommandTest, refusesResultsThatWouldReplaceAnInput) {
+  fs::create_symlink("pair", folder_.path("link"));
+  fs::create_directory(folder_.path("into"));
+  folder_.write("into/softmax", kSoftmax);
+  ASSERT_EQ(run({"pair", "frames.txt", "--trace", "tr"}).status, 0);
+  fs::create_directories(folder_.path("several/outputs"));
+  fs::create_symlink("../../frames.txt", folder_.path("several/outputs/layer-1.npy"));
+  const std::string inputs = contentOf(folder_.path("tr/inputs.npy"));
+  const std::string before = "ERROR: the result would replace its own ";
+  expectRefused({"pair", "frames.txt", "-o", "pair"}, 2, before + "model, 'pair'\n");
+  expectRefused({"pair", "frames.txt", "-o", "./link"}, 2, before + "model, 'pair'\n");
+  expectRefused({"link", "frames.txt", "-o", "pair"}, 2, before + "model, 'link'\n");
+  expectRefused({"into/softmax", "frames.txt", "softmax", "-o", "into"}, 2,
+                before + "model, 'into/softmax'\n");
+  expectRefused({"pair", "tr/inputs.npy", "--trace", "tr"}, 2,
+                before + "frames, 'tr/inputs.npy'\n");
+  expectRefused({"tr/outputs.npy", "frames.txt", "--trace", "tr"}, 2,
+                before + "model, 'tr/outputs.npy'\n");
+  expectRefused({"pair", "frames.txt", "tr/outputs.npy", "--trace", "several"}, 2,
+                before + "frames, 'frames.txt'\n");
+  EXPECT_EQ(contentOf(folder_.path("pair")), kPair);
+  EXPECT_EQ(contentOf(folder_.path("into/softmax")), kSoftmax);
+  EXPECT_EQ(contentOf(folder_.path("frames.txt")), "1\n2\n3\n");
+  EXPECT_EQ(contentOf(folder_.path("tr/inputs.npy")), inputs);
+}
+
+// "..npy" without its ending is the folder itself, "...npy" the one around it.
+TEST_F(RunCommandTest, refusesTracesOutsideTheirFolder) {
+  for (const std::string name : {"..txt", "...txt", ".", ".."}) {
+    if (name.size() > 2) folder_.write(name, "1\n");
+    expectRefused({"pair", "frames.txt", name, "--trace", "tr"}, 2,
+                  "ERROR: the trace of '" + name + "' has no name in the folder 'tr'\n");
+  }
+  for (const std::string name : {".", "..", "/"}) {
+    expectRefused({"pair", "frames.txt", name, "--out", "results"}, 2,
+                  "ERROR: the result of '" + name + "' has no name in the folder 'results'\n");
+  }
+}
+
 // Whoever writes into it finds a reader until the end: it is opened once.
 TEST_F(RunCommandTest, readsTheModelFromANamedPipe) {
   const ToolResult result = mlnn::test::runShell(
