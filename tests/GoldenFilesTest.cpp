@@ -2,19 +2,26 @@
 // the document about the text format.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cmath>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "layers/CodedWeights.h"
+#include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/ModelDifference.h"
 #include "tests/support/SourceTree.h"
 
 namespace {
 
+using mlnn::test::ByteImage;
 using mlnn::test::firstDifference;
 using mlnn::test::sourcePath;
 using mlnn::test::stderrOf;
@@ -99,6 +106,42 @@ TEST(GoldenFiles, imageHoldsWhatItCanOfTheTextModel) {
   EXPECT_EQ(firstDifference(model, loaded("image.mlnn", "info: deserializeBinary: feature desc: " +
                                                             kDescription + "\n")),
             "");
+}
+
+TEST(GoldenFiles, codedImageReadsAndWritesTheSameBytes) {
+  const std::string messages = "info: deserializeBinary: feature desc: " + kDescription + "\n";
+  const MultiLayerNNModel model = loaded("coded.mlnn", messages);
+  EXPECT_EQ(imageOf(model), bytesOf(golden("coded.mlnn")));
+}
+
+TEST(GoldenFiles, codedImageHoldsWhatItSays) {
+  const MultiLayerNNModel model =
+      loaded("coded.mlnn", "info: deserializeBinary: feature desc: " + kDescription + "\n");
+  EXPECT_EQ(model.debug_description(), "inputs 3 x 8 bn 4 x 88 output classes");
+  const ByteImage image(bytesOf(golden("coded.mlnn")));
+  std::size_t record = mlnn::kHeadLength;
+  // form, and of its codes: values in the table, weights with the rare value
+  for (const std::array<uint32_t, 3>& wanted :
+       {std::array<uint32_t, 3>{mlnn::kHalfByteCodes, 16, 1},
+        {mlnn::kByteCodes, 18, 0},
+        {mlnn::kByteCodes, 256, 1}}) {
+    EXPECT_EQ(image.uint32At(record), wanted[0]);
+    EXPECT_EQ(image.uint32At(record + 40), wanted[1]);
+    EXPECT_EQ(image.uint32At(record + 44), wanted[2]);
+    NNLayer layer;
+    record += static_cast<std::size_t>(ByteImage(image.bytes().substr(record)).readInto(layer));
+  }
+  EXPECT_EQ(record, image.size());
+
+  const Eigen::MatrixXf& first = model.layers[0]->weights;
+  EXPECT_EQ(first(2, 1), -1.75f);  // the rare one
+  EXPECT_EQ(first(0, 0), -2.0f);
+  EXPECT_TRUE(first(1, 2) == 0 && std::signbit(first(1, 2)));
+  EXPECT_EQ((first.array() == -1.75f).count(), 1);
+  const Eigen::MatrixXf& last = model.layers[2]->weights;
+  EXPECT_EQ(last(43, 0), -0.984375f);
+  EXPECT_EQ(last(87, 3), 3 * (4 * 87 + 3) % 257 / 128.0f - 1);
+  EXPECT_EQ(model.layers[1]->gamma_inf[3], 4.0f);
 }
 
 // The block of text that follows a heading of a document.

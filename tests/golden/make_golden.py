@@ -6,6 +6,7 @@ with nothing of the library, so that they tell when the library's idea of a form
 README.md explains what they hold.
 """
 
+import collections
 import pathlib
 import struct
 
@@ -31,6 +32,20 @@ LAYERS = [
     {"weights": [[1, 2], [3, 4]],
      "gamma": [1, 2], "beta": [0.5, -0.5], "gamma_inf": [4, 8], "beta_inf": [-1, -3]},
     {"act_fn": "linear", "bias": [0, 1], "weights": [[0.75, -0.75], [1e-7, 123456792]]},
+]
+# Few values each, so that an image holds codes: 17 values, one of them rare, in half bytes; 18 in
+# bytes; 257, one of them rare, in bytes.
+CODED_LAYERS = [
+    {"act_fn": "relu", "bias": [i / 2 for i in range(8)],
+     "weights": [[-0.0 if k == 8 else (k - 8) / 4 for k in (5 * (3 * r + c) % 17 for c in range(3))]
+                 for r in range(8)]},
+    {"weights": [[(k - 9) / 16 for k in (7 * (8 * r + c) % 18 for c in range(8))]
+                 for r in range(4)],
+     "gamma": [1, 2, 3, 4], "beta": [0.5, -0.5, 0.25, -0.25],
+     "gamma_inf": [0.5, 1, 2, 4], "beta_inf": [-1, 0, 1, 2]},
+    {"act_fn": "linear", "bias": [i / 8 for i in range(88)],
+     "weights": [[(k - 128) / 128 for k in (3 * (4 * r + c) % 257 for c in range(4))]
+                 for r in range(88)]},
 ]
 VECTORS = ["gamma", "beta", "gamma_inf", "beta_inf"]
 
@@ -83,21 +98,46 @@ def floats(values):
     return struct.pack("<%df" % len(values), *values)
 
 
+def coded(weights, code_bits):
+    """The weights as a table and codes; nothing where they have too many values for that."""
+    patterns = struct.unpack("<%dI" % len(weights), floats(weights))
+    counts = collections.Counter(patterns)
+    table, rare = sorted(counts), []
+    if len(table) == 2**code_bits + 1:  # the rarest value, of several the largest, has no code
+        rare = [min(table, key=lambda value: (counts[value], -value))]
+        table.remove(rare[0])
+    if len(table) > 2**code_bits:
+        return None
+    positions = [i for i, pattern in enumerate(patterns) if pattern in rare]
+    words = [len(table), len(positions), *table, *rare, *positions]
+    codes = [0 if pattern in rare else table.index(pattern) for pattern in patterns]
+    if code_bits == 4:
+        codes += [0] * (len(codes) % 2)
+        codes = [low | high << 4 for low, high in zip(codes[::2], codes[1::2])]
+    return struct.pack("<%dI" % len(words), *words) + bytes(codes) + bytes(-len(codes) % 4)
+
+
+def stored(weights):
+    """The form that takes the fewest bytes, of several the first, and these bytes."""
+    forms = enumerate([floats(weights), coded(weights, 8), coded(weights, 4)])
+    return min((form for form in forms if form[1] is not None), key=lambda form: len(form[1]))
+
+
 def layer_record(layer):
     outputs, inputs = len(layer["weights"]), len(layer["weights"][0])
     batch_norm = "bias" not in layer
     # A batch-norm layer that was read from text has a bias of zeros and the default activation.
     bias = [0.0] * outputs if batch_norm else layer["bias"]
     vectors = [bias] + [layer.get(name, []) for name in VECTORS]
-    head = struct.pack("<IiiiI5i", 0, outputs, inputs,
+    form, weights = stored([layer["weights"][r][c] for c in range(inputs) for r in range(outputs)])
+    head = struct.pack("<IiiiI5i", form, outputs, inputs,
                        ACTIVATIONS.index(layer.get("act_fn", "linear")), batch_norm,
                        *(len(vector) for vector in vectors))
-    by_columns = [layer["weights"][r][c] for c in range(inputs) for r in range(outputs)]
-    return head + floats(by_columns) + b"".join(floats(vector) for vector in vectors)
+    return head + weights + b"".join(floats(vector) for vector in vectors)
 
 
-def image():
-    records = [layer_record(layer) for layer in LAYERS]
+def image(layers):
+    records = [layer_record(layer) for layer in layers]
     checksum = (len(records) + sum(crc32c(record) for record in records)) % 2**32
     features = struct.pack("<iiiBB??i", FEATURES["left"], FEATURES["right"],
                            FEATURES["line_kernel_width"], 0, 0, FEATURES["deltas"],
@@ -111,7 +151,8 @@ def main():
     assert crc32c(b"123456789") == 0xE3069283  # the check value of CRC-32C
     (FOLDER / "version2.txt").write_text(model_text(2))
     (FOLDER / "version1.txt").write_text(model_text(1))
-    (FOLDER / "image.mlnn").write_bytes(image())
+    (FOLDER / "image.mlnn").write_bytes(image(LAYERS))
+    (FOLDER / "coded.mlnn").write_bytes(image(CODED_LAYERS))
 
 
 if __name__ == "__main__":
