@@ -78,6 +78,12 @@ std::string imageOf(MultiLayerNNModel model) {
   return mlnn::test::ByteImage::of(model).bytes();
 }
 
+mlnn::ImageFwdPass passOver(const std::string& image) {
+  mlnn::ImageFwdPass pass;
+  if (pass.open(image.data(), image.size()) != 0) throw std::logic_error("the image is refused");
+  return pass;
+}
+
 // What operations work on, made anew for each try.
 struct Subject {
   MultiLayerNNModel model = richModel();
@@ -105,6 +111,12 @@ struct Subject {
   NNFwdPassFromFile pass{runnable};
   std::string runnableImage = imageOf(runnable);
   mlnn::ImageFwdPass imagePass;
+  MultiLayerNNModel ofFewValues = mlnn::test::modelOf(
+      {mlnn::test::fewValuesLayer(4, 30, 3), mlnn::test::batchNormLayer(30, 5)});
+  std::string imageOfCodes = imageOf(ofFewValues);
+  mlnn::ImageFwdPass openPass = passOver(imageOfCodes);
+  std::unique_ptr<FwdPass> codedPass =
+      mlnn::CodedFwdPass::create(ofFewValues, 4, mlnn::CodesFor::kMemory);
   Eigen::MatrixXf inputs = mlnn::test::someValues(4, 3, 1);
   Eigen::MatrixXf outputs;
   std::vector<mlnn::LayerResult> results;
@@ -123,7 +135,17 @@ struct Operation {
   // The standard's streams keep an exception that comes up inside them and fail instead, unless
   // their caller asked them not to. Then the reader refuses.
   bool mayRefuse = false;
+  // What holds besides after std::bad_alloc.
+  std::function<void(Subject&)> expectAfterFailure = nullptr;
 };
+
+// That a pass whose image was to be replaced has none: it must not use either one in part.
+void expectNoImage(Subject& s) {
+  EXPECT_EQ(s.openPass.numInputs(), 0);
+  EXPECT_EQ(s.openPass.numOutputs(), 0);
+  EXPECT_TRUE(s.openPass.widths().empty());
+  EXPECT_EQ(s.openPass.evaluate(s.inputs, s.outputs), 1);
+}
 
 // Makes an action of something that returns nothing.
 template <typename Act>
@@ -291,11 +313,61 @@ std::vector<Operation> passOperations() {
          pass.open(s.runnableImage.data(), s.runnableImage.size());
          return pass.evaluate(s.inputs, s.outputs) == 0;
        }},
+      {"coded, create for speed",
+       [](Subject& s) {
+         return mlnn::CodedFwdPass::create(s.runnable, 8, mlnn::CodesFor::kSpeed) != nullptr;
+       }},
+      {"coded, evaluate alone",
+       [](Subject& s) { return s.codedPass->evaluate(s.inputs, s.outputs) == 0; }},
+      {"image, open with the checksum declined",
+       [](Subject& s) {
+         const std::string& image = s.runnableImage;
+         mlnn::ImageFwdPass pass;
+         return pass.open(image.data(), image.size(), mlnn::ImageChecksum::kDeclined) == 0;
+       }},
+      {"image, evaluateLayers",
+       [](Subject& s) {
+         mlnn::ImageFwdPass pass;
+         pass.open(s.runnableImage.data(), s.runnableImage.size());
+         return pass.evaluateLayers(s.inputs, s.outputs, s.results) == 0;
+       }},
+      {"image of codes, evaluate",
+       [](Subject& s) { return s.openPass.evaluate(s.inputs, s.outputs) == 0; }},
+      {"image of codes, evaluateLayers",
+       [](Subject& s) { return s.openPass.evaluateLayers(s.inputs, s.outputs, s.results) == 0; }},
+      {"image, open another",
+       [](Subject& s) {
+         return s.openPass.open(s.runnableImage.data(), s.runnableImage.size()) == 0;
+       },
+       true, false, expectNoImage},
       {"image, open again",
        [](Subject& s) {
          return s.imagePass.open(s.runnableImage.data(), s.runnableImage.size()) == 0;
        }},
   };
+}
+
+// Whatever happened, the passes must serve again, with the results of new ones.
+void expectPassesServe(Subject& s) {
+  Eigen::MatrixXf wanted;
+  EXPECT_EQ(s.pass.evaluate(s.inputs, s.outputs), 0);
+  EXPECT_EQ(NNFwdPassFromFile(s.runnable).evaluate(s.inputs, wanted), 0);
+  EXPECT_TRUE(mlnn::test::sameBits(s.outputs, wanted));
+  EXPECT_EQ(s.imagePass.open(s.runnableImage.data(), s.runnableImage.size()), 0);
+  EXPECT_EQ(s.imagePass.evaluate(s.inputs, s.outputs), 0);
+  EXPECT_TRUE(mlnn::test::sameBits(s.outputs, wanted));
+
+  if (s.openPass.numInputs() == 0) s.openPass = passOver(s.imageOfCodes);
+  const bool isOther = s.openPass.widths() == s.imagePass.widths();
+  mlnn::ImageFwdPass fresh = passOver(isOther ? s.runnableImage : s.imageOfCodes);
+  EXPECT_EQ(s.openPass.evaluate(s.inputs, s.outputs), 0);
+  EXPECT_EQ(fresh.evaluate(s.inputs, wanted), 0);
+  EXPECT_TRUE(mlnn::test::sameBits(s.outputs, wanted));
+  const std::unique_ptr<FwdPass> freshCoded =
+      mlnn::CodedFwdPass::create(s.ofFewValues, 4, mlnn::CodesFor::kMemory);
+  EXPECT_EQ(s.codedPass->evaluate(s.inputs, s.outputs), 0);
+  EXPECT_EQ(freshCoded->evaluate(s.inputs, wanted), 0);
+  EXPECT_TRUE(mlnn::test::sameBits(s.outputs, wanted));
 }
 
 // Whatever happened, the models must serve again.
@@ -317,9 +389,7 @@ void expectServes(Subject& s) {
   EXPECT_TRUE(mlnn::test::sameLayer(s.layer, s.otherShape));
   s.norm.allocIfNeeded();
   EXPECT_EQ(s.norm.normvals.size(), MelDeltasNorm::kLength);
-  EXPECT_EQ(s.pass.evaluate(s.inputs, s.outputs), 0);
-  EXPECT_EQ(s.imagePass.open(s.runnableImage.data(), s.runnableImage.size()), 0);
-  EXPECT_EQ(s.imagePass.evaluate(s.inputs, s.outputs), 0);
+  expectPassesServe(s);
 }
 
 enum class Outcome { kPassed, kThrew, kRefused };
@@ -344,6 +414,9 @@ bool tryOnce(const Operation& operation, std::size_t successes, Failing mode) {
                                    : outcome == Outcome::kThrew ||
                                          (operation.mayRefuse && outcome == Outcome::kRefused);
     EXPECT_TRUE(isRight) << "allocation " << successes + 1;
+    if (outcome == Outcome::kThrew && operation.expectAfterFailure) {
+      operation.expectAfterFailure(subject);
+    }
     expectServes(subject);
   }
   EXPECT_EQ(watch.live(), 0) << "allocation " << successes + 1;
