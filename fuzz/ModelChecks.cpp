@@ -52,6 +52,12 @@ bool hasUnreadableLayer(const MultiLayerNNModel& model) {
 
 }  // namespace
 
+Limits textLimits(std::size_t length) { return {length, kTextMultiple, kTextConstant}; }
+
+Limits imageLimits(std::size_t length) { return {length, kImageMultiple, kImageConstant}; }
+
+bool isImage(std::string_view bytes) { return bytes.substr(0, kMagicLength) == kMagic; }
+
 std::string textOf(const MultiLayerNNModel& model) {
   std::ostringstream out;
   out.precision(9);
@@ -75,7 +81,7 @@ void readText(const std::string& text, TextReading& reading) {
   {
     Diagnostics diagnostics;
     std::istringstream in(text);
-    const Limits limits(text.size(), kTextMultiple, kTextConstant);
+    const Limits limits = textLimits(text.size());
     reading.result = reading.model.deserializeAscii(in);
     limits.check();
     reading.messages = diagnostics.text();
@@ -123,7 +129,7 @@ int readImage(std::string_view image, MultiLayerNNModel& model) {
   const std::unique_ptr<char[]> bytes(new char[image.size()]);
   std::memcpy(bytes.get(), image.data(), image.size());
   Diagnostics diagnostics;
-  const Limits limits(image.size(), kImageMultiple, kImageConstant);
+  const Limits limits = imageLimits(image.size());
   const int result = model.deserializeBinary(bytes.get(), static_cast<unsigned int>(image.size()));
   limits.check();
   if (result == -1 && image.size() >= kMinImageLength) requireReason(diagnostics.text());

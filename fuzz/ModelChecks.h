@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/Support.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn::fuzz {
@@ -11,6 +12,13 @@ namespace mlnn::fuzz {
 // The text of a model with nine digits, and its image.
 std::string textOf(const MultiLayerNNModel& model);
 std::string imageOf(const MultiLayerNNModel& model);
+
+// The limits that are promised for reading a text and an image of this length.
+Limits textLimits(std::size_t length);
+Limits imageLimits(std::size_t length);
+
+// Whether bytes are taken for an image rather than a text.
+bool isImage(std::string_view bytes);
 
 // What the text reader did with a text.
 struct TextReading {

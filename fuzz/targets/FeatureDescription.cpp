@@ -79,6 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (result != 0) {
     require(result == 1, "the result is neither 0 nor 1");
     require(std::memcmp(&desc, &before, sizeof desc) == 0, "a refused text changed the value");
+    limits.check();
     return 0;
   }
   const std::array<int64_t, 6> values = {desc.numBands,

@@ -39,11 +39,12 @@ std::string textOf(const MatrixXf& frames) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   MatrixXf frames;
+  const mlnn::fuzz::Limits limits(size, 16, 65536);
   try {
-    const mlnn::fuzz::Limits limits(size, 16, 65536);
     frames = mlnn::parseFrames(bytes, "input");
     limits.check();
   } catch (const mlnn::Failure& failure) {
+    limits.check();
     const std::string reason = failure.what();
     require(reason.compare(0, 5, "input") == 0 && reason.size() > 10, "refused without a reason");
     for (const char c : reason) {

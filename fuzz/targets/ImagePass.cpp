@@ -24,6 +24,17 @@ bool sameBits(const Eigen::MatrixXf& a, const Eigen::MatrixXf& b) {
          std::memcmp(a.data(), b.data(), static_cast<std::size_t>(a.size()) * sizeof(float)) == 0;
 }
 
+// Evaluates within limits: some rows of codes are unpacked at a time, at most eight bytes for one
+// of the image; the outputs of a layer take four bytes a frame for the four of a bias, of which
+// there are three matrices at a time for up to three frames.
+int evaluate(mlnn::ImageFwdPass& pass, const Eigen::MatrixXf& inputs, std::size_t size,
+             Eigen::MatrixXf& outputs) {
+  const mlnn::fuzz::Limits limits(size, 24, std::size_t{1} << 20);
+  const int status = pass.evaluate(inputs, outputs);
+  limits.check();
+  return status;
+}
+
 int load(const char* bytes, std::size_t size, MultiLayerNNModel& model, std::string& messages) {
   mlnn::fuzz::Diagnostics diagnostics;
   const int consumed = model.deserializeBinary(bytes, static_cast<unsigned int>(size));
@@ -45,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   int result = -1;
   {
     mlnn::fuzz::Diagnostics diagnostics;
-    const mlnn::fuzz::Limits limits(size, 8, std::size_t{1} << 20);
+    const mlnn::fuzz::Limits limits = mlnn::fuzz::imageLimits(size);
     result = pass.open(image, size);
     limits.check();
     messages = diagnostics.text();
@@ -58,10 +69,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   mlnn::fuzz::Diagnostics diagnostics;
   if (result != 0) {
     // Whatever the checksum, nothing outside the image may be read.
-    if (pass.open(image, size, mlnn::ImageChecksum::kDeclined) != 0) return 0;
+    const mlnn::fuzz::Limits limits = mlnn::fuzz::imageLimits(size);
+    result = pass.open(image, size, mlnn::ImageChecksum::kDeclined);
+    limits.check();
+    if (result != 0) return 0;
     if (pass.numInputs() > 4096 || pass.numOutputs() > 4096) return 0;
     Eigen::MatrixXf outputs;
-    pass.evaluate(someInputs(pass.numInputs(), data, size), outputs);
+    evaluate(pass, someInputs(pass.numInputs(), data, size), size, outputs);
     return 0;
   }
   if (model.numInputs() > 4096) return 0;
@@ -72,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   pass.setSoftmax(model.useSoftmax);
   require(pass.numInputs() == model.numInputs() && pass.numOutputs() == model.numOutputs(),
           "sizes");
-  const int status = pass.evaluate(inputs, outputs);
+  const int status = evaluate(pass, inputs, size, outputs);
   require(status == plain.evaluate(inputs, wanted), "the pass decides otherwise than the model's");
   require(status != 0 || sameBits(outputs, wanted), "the pass gives other bits than the model's");
   return 0;

@@ -60,7 +60,7 @@ class PieceBuffer : public std::streambuf {
 };
 
 int directly(const std::string& bytes, MultiLayerNNModel& model) {
-  if (bytes.compare(0, 4, "MLNN") == 0) {
+  if (mlnn::fuzz::isImage(bytes)) {
     return mlnn::fuzz::readImage(bytes, model) == static_cast<int>(bytes.size()) ? 0 : 1;
   }
   mlnn::fuzz::TextReading reading;
@@ -87,12 +87,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     PieceBuffer buffer(bytes, behaviour);
     std::istream in(&buffer);
     mlnn::fuzz::Diagnostics diagnostics;
-    const mlnn::fuzz::Limits limits(bytes.size(), 64, std::size_t{4} << 20);
+    const bool isImage = mlnn::fuzz::isImage(bytes);
+    const mlnn::fuzz::Limits limits =
+        isImage ? mlnn::fuzz::imageLimits(bytes.size()) : mlnn::fuzz::textLimits(bytes.size());
     result = model.deserialize(in);
     limits.check();
     require(result == 0 || result == 1, "the result is neither 0 nor 1");
     // An image that is followed by more, or is too short to hold anything, gets no other line.
-    const bool isImage = bytes.compare(0, 4, "MLNN") == 0;
     if (result == 1 && !(isImage && bytes.size() < 8)) {
       mlnn::fuzz::requireReason(diagnostics.text());
     }
