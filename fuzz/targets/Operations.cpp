@@ -1,18 +1,26 @@
 // A sequence of operations on two small models, told by the input. After each of them the model
 // must hold together: shapes and descriptions agree, what can be written reads back the same, and
-// the forward pass refuses or computes what a plain loop does.
+// the forward pass refuses or computes what a plain loop does. At the end the pass over codes must
+// give what the reduced model gives, and a window over frames the same in both ways.
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <sstream>
 
+#include "features/ContextWindow.h"
 #include "fuzz/ModelChecks.h"
 #include "fuzz/Support.h"
+#include "inference/CodedFwdPass.h"
 #include "tests/support/ModelDifference.h"
 #include "tests/support/ReferencePass.h"
 
 namespace {
 
+using mlnn::CodedFwdPass;
+using mlnn::CodesFor;
+using mlnn::ContextWindow;
 using mlnn::fuzz::Bytes;
 using mlnn::fuzz::require;
 using mlnn::fuzz::requireNone;
@@ -218,6 +226,70 @@ void requireWhole(MultiLayerNNModel& model) {
   require(mlnn::fuzz::imageOf(again) == image, "the image reads back otherwise");
 }
 
+// Equal bits, or NaN in both: of several NaN a sum may keep any.
+bool sameResults(const Eigen::MatrixXf& a, const Eigen::MatrixXf& b) {
+  if (a.rows() != b.rows() || a.cols() != b.cols()) return false;
+  for (Eigen::Index i = 0; i < a.size(); ++i) {
+    const bool bothNan = std::isnan(a.data()[i]) && std::isnan(b.data()[i]);
+    if (!bothNan && std::memcmp(a.data() + i, b.data() + i, sizeof(float)) != 0) return false;
+  }
+  return true;
+}
+
+Eigen::MatrixXf someFrames(Eigen::Index length, int count, Bytes& bytes) {
+  Eigen::MatrixXf frames(length, count);
+  for (Eigen::Index i = 0; i < frames.size(); ++i) frames.data()[i] = bytes.value();
+  return frames;
+}
+
+// A forward pass over codes gives what the model with as few bits gives.
+void requireCodedPass(const MultiLayerNNModel& model, Bytes bytes) {
+  const Eigen::MatrixXf inputs = someFrames(model.numInputs(), 1 + bytes.below(3), bytes);
+  for (int bits = CodedFwdPass::kMinBits - 1; bits <= CodedFwdPass::kMaxBits + 1; ++bits) {
+    const std::unique_ptr<FwdPass> coded = CodedFwdPass::create(model, bits, CodesFor::kMemory);
+    const bool isCode = bits >= CodedFwdPass::kMinBits && bits <= CodedFwdPass::kMaxBits;
+    require((coded != nullptr) == (isCode && fits(model)), "coding decides otherwise");
+    if (coded == nullptr) continue;
+    MultiLayerNNModel reduced(model);
+    reduced.retainPrecisionBits(bits);
+    NNFwdPassFromFile plain(reduced);
+    Eigen::MatrixXf outputs;
+    Eigen::MatrixXf wanted;
+    require(coded->evaluate(inputs, outputs) == 0 && plain.evaluate(inputs, wanted) == 0,
+            "a pass that fits refuses");
+    require(sameResults(outputs, wanted), "codes give other bits than the reduced model");
+  }
+}
+
+// Frames that arrive one by one make the same input vectors as a whole recording.
+void requireWindow(Bytes bytes) {
+  DbnFeatureDescription desc(DbnFeatureDescription::MelDeltas);
+  desc.winSizeLeft = bytes.below(4);
+  desc.winSizeRight = bytes.below(4);
+  const int frameLen = 1 + bytes.below(kMaxWidth);
+  MelDeltasNorm norm;
+  if (bytes.below(2) == 1) {
+    norm.allocIfNeeded();
+    for (int i = 0; i < frameLen; ++i) norm.minvals[i] = bytes.value();
+    for (int i = 0; i < frameLen; ++i) norm.normvals[i] = bytes.value();
+  }
+  std::string whyNot;
+  std::optional<ContextWindow> window = ContextWindow::create(desc, norm, frameLen, whyNot);
+  require(window.has_value(), "no window");
+  const Eigen::MatrixXf frames = someFrames(frameLen, bytes.below(9), bytes);
+  Eigen::MatrixXf wanted;
+  window->stack(frames, wanted);
+
+  Eigen::MatrixXf inputs(window->inputLen(), frames.cols() + 1);  // and room for one too many
+  Eigen::Index made = 0;
+  for (Eigen::Index i = 0; i < frames.cols(); ++i) {
+    made += window->push(frames.col(i).data(), inputs.col(made).data()) ? 1 : 0;
+  }
+  while (made < inputs.cols() && window->finish(inputs.col(made).data())) ++made;
+  require(made == frames.cols(), "the number of input vectors");
+  require(sameResults(inputs.leftCols(made), wanted), "input vectors differ from the recording's");
+}
+
 void step(MultiLayerNNModel& model, MultiLayerNNModel& other, Bytes& bytes) {
   switch (bytes.below(16)) {
     case 0:
@@ -270,6 +342,8 @@ void step(MultiLayerNNModel& model, MultiLayerNNModel& other, Bytes& bytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   mlnn::fuzz::Diagnostics diagnostics;
+  // All that the operations and the checks hold, of models that are small however long the input.
+  const mlnn::fuzz::Limits limits(size, 64, std::size_t{1} << 19);
   NNLayer::seedRandom(1);
   Bytes bytes(data, size);
   MultiLayerNNModel model;
@@ -277,5 +351,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   for (int i = 0; i < kMaxSteps && !bytes.empty(); ++i) step(model, other, bytes);
   requireWhole(model);
   requireWhole(other);
+  const Bytes secondHalf(data + size / 2, size - size / 2);
+  requireCodedPass(model, secondHalf);
+  requireCodedPass(other, secondHalf);
+  requireWindow(secondHalf);
+  limits.check();
   return 0;
 }
