@@ -48,7 +48,7 @@ std::vector<std::string> stageNames(std::size_t layers) {
     names.push_back(affineName(layer));
     names.push_back(layerName(layer));
   }
-  names.push_back(kOutputs);
+  names.emplace_back(kOutputs);
   return names;
 }
 

@@ -150,7 +150,9 @@ class Panel {
   double yAt(double value) const { return kTop + (1 - y_.share(value)) * kPlotHeight; }
 
   void writeVerticalTicks() const {
-    for (double value = y_.low; value <= y_.high + y_.tick / 2; value += y_.tick) {
+    for (int tick = 0;; ++tick) {
+      const double value = y_.low + tick * y_.tick;
+      if (value > y_.high + y_.tick / 2) return;
       writeLine(out_, "grid", kLeft, yAt(value), kLeft + kPlotWidth, yAt(value));
       writeText(out_, kLeft - 8, yAt(value) + 4, "end", "remark", tickText(value, y_));
     }
@@ -158,13 +160,15 @@ class Panel {
 
   void writeHorizontalTicks() const {
     const double first = std::ceil(x_.low / x_.tick) * x_.tick;
-    for (double value = first; value <= x_.high + x_.tick * 1e-9; value += x_.tick) {
+    for (int tick = 0;; ++tick) {
+      const double value = first + tick * x_.tick;
+      if (value > x_.high + x_.tick * 1e-9) return;
       writeLine(out_, "axis", xAt(value), kTop + kPlotHeight, xAt(value), kTop + kPlotHeight + 4);
       writeText(out_, xAt(value), kTop + kPlotHeight + 18, "middle", "remark", tickText(value, x_));
     }
   }
 
-  // Sums of ticks miss zero by a rounding error.
+  // Multiples of a tick miss zero by a rounding error.
   static std::string tickText(double value, const Scale& scale) {
     return generalNumber(std::abs(value) < scale.tick / 2 ? 0 : value, 4);
   }
@@ -231,8 +235,10 @@ void writeSvg(std::ostream& out, const std::string& heading, const std::vector<C
       << kStyle;
   writeText(out, 20, 36, "start", "heading", heading);
   for (std::size_t i = 0; i < charts.size(); ++i) {
-    out << "  <g transform=\"translate(" << length(static_cast<double>(i % 2) * kPanelWidth) << " "
-        << length(kHeadingHeight + static_cast<double>(i / 2) * kPanelHeight) << ")\">\n";
+    const std::size_t row = i / 2;
+    const std::size_t column = i % 2;
+    out << "  <g transform=\"translate(" << length(static_cast<double>(column) * kPanelWidth) << " "
+        << length(kHeadingHeight + static_cast<double>(row) * kPanelHeight) << ")\">\n";
     Panel(out, charts[i]).write();
     out << "  </g>\n";
   }

@@ -1,10 +1,10 @@
 #include "tools/Terminal.h"
 
 #include <langinfo.h>
-#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <cstring>
 
 namespace mlnn {

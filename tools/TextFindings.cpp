@@ -49,7 +49,7 @@ void TextFindings::remarkOnIgnored(std::size_t offset, const std::string& text) 
 
 std::string TextFindings::foundAt(std::size_t offset) const {
   if (offset >= text_.size()) return kEndOfFile;
-  const std::string found = excerpt(wordAt(text_, offset));
+  std::string found = excerpt(wordAt(text_, offset));
   if (!isInsideWord(text_, offset)) return found;
   return found + " in " + excerpt(wordAround(text_, offset));
 }
