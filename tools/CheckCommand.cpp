@@ -260,6 +260,7 @@ void addCheckCommand(Tool& tool) {
   command
       .add_option("--against", options->against,
                   "Compare with digests that were printed earlier, as text or JSON")
+      ->check(notEmpty())
       ->type_name("FILE");
   command.add_flag("--strict", options->strict, "Fail when something is suspicious");
   command.add_flag("--json", options->json, "Print JSON");

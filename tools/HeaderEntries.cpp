@@ -57,7 +57,7 @@ void checkNote(const std::string& note) {
 }
 
 void checkProperty(const std::string& key, const std::string& value) {
-  refuseLineFeeds(key + value, "a property");
+  refuseLineFeeds(key + "=" + value, "a property");
   if (key.empty()) throw UsageError("a property needs a name before the '='");
   if (key.find(' ') != std::string::npos) {
     throw UsageError("the name of a property cannot have a blank: " + inQuotes(key));

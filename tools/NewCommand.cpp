@@ -118,6 +118,7 @@ void addNewCommand(Tool& tool) {
       ->capture_default_str();
   addOnOffOption(command, "--softmax", options->softmax, "Softmax over the outputs (default: on)");
   command.add_option("--features", options->features, "What the inputs are made of")
+      ->check(notEmpty())
       ->type_name("TEXT");
   command.add_flag("--batch-norm", options->batchNorm, "Make batch-norm layers");
   CLI::Option* zero = command.add_flag("--zero", options->zero, "All parameters are 0");

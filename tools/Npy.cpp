@@ -1,5 +1,6 @@
 #include "tools/Npy.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -184,10 +185,15 @@ Layout layoutOf(std::string_view bytes, const std::string& what) {
           bytes.substr(headerOffset + headerLength)};
 }
 
+// As Python writes it; of many dimensions only the first ones and their number.
 std::string textOf(const std::vector<uint64_t>& shape) {
+  constexpr std::size_t kShown = 8;
   std::string text = "(";
-  for (std::size_t i = 0; i < shape.size(); ++i) {
+  for (std::size_t i = 0; i < std::min(shape.size(), kShown); ++i) {
     text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
+  }
+  if (shape.size() > kShown) {
+    return text + ", ...) of " + std::to_string(shape.size()) + " dimensions";
   }
   return text + (shape.size() == 1 ? ",)" : ")");
 }
@@ -248,7 +254,7 @@ Eigen::MatrixXf parseNpy(const std::string& bytes, const std::string& what) {
   const bool isDouble = header.type == kFloat64;
   if (!isDouble && header.type != kFloat32) {
     throw Failure(what + ": expected values of type " + std::string(kFloat32) + " or " +
-                  std::string(kFloat64) + ", found " + inQuotes(header.type));
+                  std::string(kFloat64) + ", found '" + shortened(header.type) + "'");
   }
   const std::size_t valueLength = isDouble ? sizeof(double) : sizeof(float);
   const Shape shape = checkedShape(header, valueLength, layout.values.size(), what);

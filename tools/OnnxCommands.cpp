@@ -107,6 +107,7 @@ void addExportOnnxCommand(Tool& tool) {
   command
       .add_option("--act-fn", options->actFn,
                   "Activation of the hidden layers whose file records none")
+      ->check(notEmpty())
       ->type_name("NAME");
   addPythonOption(command, *options);
 }

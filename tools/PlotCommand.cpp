@@ -117,6 +117,7 @@ void addPlotCommand(Tool& tool) {
       ->required();
   CLI::Option* out =
       command.add_option("-o,--out", options->out, "SVG file to write; - is standard output")
+          ->check(notEmpty())
           ->type_name("FILE");
   command.add_option("--bins", options->bins, "Bins of each histogram")
       ->check(CLI::Range(std::size_t{1}, kMaxBins))

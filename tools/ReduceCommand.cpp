@@ -211,6 +211,7 @@ void addReduceCommand(Tool& tool) {
       ->check(CLI::Range(0, kMaxBits))
       ->type_name("N");
   CLI::Option* sweep = command.add_option("--sweep", options->sweep, "Try each number of bits")
+                           ->check(notEmpty())
                            ->type_name("FIRST..LAST");
   command.add_option("--frames", options->frames, "Recordings to try them on")
       ->needs(sweep)
@@ -219,6 +220,7 @@ void addReduceCommand(Tool& tool) {
       ->needs(sweep);
   command.add_option("--labels", options->labels, "What the recordings are")
       ->needs(sweep)
+      ->check(notEmpty())
       ->type_name("CSV");
   command.add_option("--keep", options->keep, "Share of best classes that a width has to keep")
       ->needs(sweep)

@@ -262,9 +262,12 @@ void addRunCommand(Tool& tool) {
   command.add_option("MODEL", options->model, "Model of either format; - is standard input")
       ->required();
   command.add_option("FRAMES", options->frames, "Recordings; - is standard input")->required();
-  command.add_option("-o,--out", options->out, "File or folder for the outputs")->type_name("OUT");
+  command.add_option("-o,--out", options->out, "File or folder for the outputs")
+      ->check(notEmpty())
+      ->type_name("OUT");
   command
       .add_option("--trace", options->trace, "Folder for what every layer computes, as .npy files")
+      ->check(notEmpty())
       ->type_name("DIR");
   command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
   command.add_flag("--json", options->json, "Print the classes as JSON");

@@ -50,6 +50,13 @@ class StandardOutput {
 
 }  // namespace
 
+CLI::Validator notEmpty() {
+  const auto check = [](const std::string& value) {
+    return value.empty() ? std::string("expected a value but found ''") : std::string();
+  };
+  return CLI::Validator(check, "");  // its description would become part of the option's type
+}
+
 Tool::Tool() : app_("Reads, runs, converts and examines neural-network models for mel features") {
   app_.name("mlnn");
   app_.set_version_flag("--version", "mlnn " MLNN_VERSION);

@@ -24,6 +24,10 @@ struct CommandHelp {
   int failureStatus = kRefused;  // of a command that throws Failure
 };
 
+// Checks that an option has a value other than "", as an unset variable of a script would give;
+// it would count as not given.
+CLI::Validator notEmpty();
+
 class Tool {
  public:
   // A tool without commands, but with --help and --version.

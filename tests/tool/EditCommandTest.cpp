@@ -201,7 +201,7 @@ TEST_F(EditCommandTest, refusesTextThatTheHeadCannotHold) {
   expectRefused({"--set", "=a"}, 2, "ERROR: a property needs a name before the '='\n");
   expectRefused({"--set", "a b=c"}, 2,
                 "ERROR: the name of a property cannot have a blank: 'a b'\n");
-  expectRefused({"--set", "a=b\nc"}, 2, "ERROR: a property cannot have a line feed: 'ab\\nc'\n");
+  expectRefused({"--set", "a=b\nc"}, 2, "ERROR: a property cannot have a line feed: 'a=b\\nc'\n");
   expectRefused({"--note", "a\nnum_layers 0"}, 2,
                 "ERROR: a note cannot have a line feed: 'a\\nnum_layers 0'\n");
 }

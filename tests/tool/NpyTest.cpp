@@ -122,6 +122,16 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"\x93NUMPY\2\0\xff\xff\xff\xff{}"s,
                 "F: .npy file ends in its header: expected 4294967295 bytes from byte 12, found 2"},
         Refusal{npy("", ""), "F: .npy header at byte 10: expected '{', found the end"},
+        Refusal{withShape("(1, 2, 3, 4, 5, 6, 7, 8)"),
+                "F: expected frames x values, found shape (1, 2, 3, 4, 5, 6, 7, 8)"},
+        Refusal{withShape("(1, 2, 3, 4, 5, 6, 7, 8, 9)"),
+                "F: expected frames x values, found shape (1, 2, 3, 4, 5, 6, 7, 8, ...) of 9 "
+                "dimensions"},
+        Refusal{npy("{'descr': '" + std::string(5000, 'x') +
+                        "', 'fortran_order': False, 'shape': (2, 3)}",
+                    kSixFloats),
+                "F: expected values of type <f4 or <f8, found '" + std::string(160, 'x') +
+                    "... (5000 bytes)'"},
         Refusal{npy("{}", ""),
                 "F: .npy header at byte 12: expected an entry 'descr', found the end"},
         Refusal{npy("{'descr': '<f4'}", ""),

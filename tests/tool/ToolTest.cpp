@@ -79,7 +79,20 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{{"convert", "a", "b", "--to", "text"},
                    "--to: text not in {ascii,binary,c-array}"},
         WrongUsage{{"convert", "a", "b", "--precision", "0"},
-                   "--precision: Value 0 not in range 1 to 17"}));
+                   "--precision: Value 0 not in range 1 to 17"},
+        WrongUsage{{"run", "a", "b", "--out", ""}, "--out: expected a value but found ''"},
+        WrongUsage{{"run", "a", "b", "-o", ""}, "--out: expected a value but found ''"},
+        WrongUsage{{"run", "a", "b", "--trace", ""}, "--trace: expected a value but found ''"},
+        WrongUsage{{"check", "a", "--against", ""}, "--against: expected a value but found ''"},
+        WrongUsage{{"plot", "a", "--out", ""}, "--out: expected a value but found ''"},
+        WrongUsage{{"new", "1,2", "a", "--features", ""},
+                   "--features: expected a value but found ''"},
+        WrongUsage{{"reduce", "a", "--sweep", "", "--frames", "b"},
+                   "--sweep: expected a value but found ''"},
+        WrongUsage{{"reduce", "a", "--sweep", "1..2", "--frames", "b", "--labels", ""},
+                   "--labels: expected a value but found ''"},
+        WrongUsage{{"export-onnx", "a", "b", "--act-fn", ""},
+                   "--act-fn: expected a value but found ''"}));
 
 TEST(ToolTest, aFileMayBeCalledAsACommand) {
   const TempFolder folder;
