@@ -50,6 +50,7 @@ const std::vector<Work> kWork = {
     {"convert_to_text", "mlnn convert image.mlnn out --to ascii", "image.mlnn"},
     {"convert_to_c", "mlnn convert model.txt out --to c-array", "model.txt"},
     {"fold", "mlnn fold model.txt out", "model.txt"},
+    {"fold_prove", "mlnn fold model.txt out --prove frames.txt", "frames.txt"},
     {"reduce", "mlnn reduce model.txt out --bits 4", "model.txt"},
     {"average", "mlnn average model.txt other.txt out --to ascii", "other.txt"},
     {"edit", "mlnn edit image.mlnn out --scale 0.5 --to binary", "image.mlnn"},
@@ -75,6 +76,7 @@ void makeInputs(const TempFolder& folder) {
   fs::copy_file(sourcePath("tests/golden/version2.txt"), folder.path("other.txt"));
   fs::copy_file(sourcePath("tests/golden/image.mlnn"), folder.path("image.mlnn"));
   folder.write("frames.txt", "1\n2\n3\n");
+  folder.write("labels.csv", "file,label\nframes.txt,0\n");
 }
 
 // Runs the line in the folder, while the call of this kind and number fails; 0 for none.
@@ -161,7 +163,11 @@ const std::vector<Report> kReports = {
      2},
     {"info", "mlnn info image.mlnn", {"image.mlnn"}},
     {"plot", "mlnn plot image.mlnn", {"image.mlnn"}},
+    {"prove", "mlnn fold model.txt /dev/null --prove frames.txt", {"model.txt", "frames.txt"}},
     {"run", "mlnn run model.txt frames.txt", {"model.txt", "frames.txt"}},
+    {"sweep",
+     "mlnn reduce model.txt --sweep 1..2 --frames frames.txt --labels labels.csv",
+     {"model.txt", "labels.csv", "frames.txt"}},
 };
 
 class ReportFaults : public testing::TestWithParam<Report> {
