@@ -11,10 +11,10 @@ namespace {
 constexpr std::size_t kLeastLength = std::size_t{1} << 16;
 constexpr std::size_t kMostLength = std::size_t{1} << 18;
 constexpr double kMeasurable = 2e-3;  // seconds
-constexpr double kNothing = 2e-4;     // seconds
+constexpr double kNothing = 1e-3;     // seconds
 constexpr double kMostGrowth = 8;
 constexpr int kRuns = 3;
-constexpr int kTries = 8;
+constexpr int kTries = 16;
 
 double processorTime() {
   timespec time = {};

@@ -17,7 +17,8 @@ using WorkOnInput = std::function<void(const std::string&)>;
 // Measures the work's processor time at some length and at four times that length, which in
 // linear time takes four times as long, and in quadratic time sixteen times. The length is
 // 256 KiB, or less where that takes some milliseconds already. Up to 8 times as long is taken for
-// linear, since memory is slower where more of it is in use.
+// linear, since memory is slower where more of it is in use; and so is less than a millisecond for
+// the longer input.
 // Noise makes work slower and never faster, so the least of three runs counts, and where that
 // grows too much, all is measured again, some times.
 ::testing::AssertionResult takesLinearTime(const InputOfLength& input, const WorkOnInput& work);
