@@ -11,6 +11,7 @@
 #include "tools/DescriptorBuffer.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
+#include "tools/OutOfMemory.h"
 
 namespace mlnn {
 namespace {
@@ -125,9 +126,9 @@ int Tool::statusOf(const std::function<int()>& work) const {
   } catch (const Failure& error) {
     printError(error.what());
   } catch (const std::bad_alloc&) {
-    std::cerr << "ERROR: out of memory\n";
+    printOutOfMemory();
   } catch (const std::length_error&) {  // more entries than any array can have
-    std::cerr << "ERROR: out of memory\n";
+    printOutOfMemory();
   }
   return failureStatus_;
 }

@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <new>
 
 #include "tools/Commands.h"
+#include "tools/OutOfMemory.h"
 
 namespace {
 
@@ -25,7 +27,12 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe shows as a failed write, with its message
   std::signal(SIGXFSZ, SIG_IGN);  // as does a file that reaches the largest size that is allowed
 
-  mlnn::Tool tool;
-  mlnn::addCommands(tool);
-  return tool.run(argc, argv);
+  try {
+    mlnn::Tool tool;
+    mlnn::addCommands(tool);
+    return tool.run(argc, argv);
+  } catch (const std::bad_alloc&) {  // what the options are takes memory, too, and so do messages
+    mlnn::printOutOfMemory();
+    return mlnn::kRefused;
+  }
 }

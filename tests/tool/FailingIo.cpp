@@ -1,13 +1,15 @@
 // A library to be loaded before the C library, whose functions of one kind it lets fail once, as
 // the environment variable MLNN_FAIL says: "write 3" is the third write to a file. Other calls,
 // and those of descriptors below 3, go through; "shrink 1" cuts the first file that is read to
-// half of what it said to hold.
+// half of what it said to hold. Of "malloc" those calls count that come after the first of signal,
+// which is one of the first things that the tool's main does.
 //
 // Each of two names is called: where lengths and dates of files take 64 bits, the one that ends
 // in 64.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -71,9 +73,24 @@ mode_t modeAfter(int flags, va_list rest) {
   return (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
 }
 
+bool mainRuns = false;
+
 }  // namespace
 
 extern "C" {
+
+// What malloc is in the C library: looking it up by dlsym could call malloc.
+void* __libc_malloc(size_t count) noexcept;
+
+void* malloc(size_t count) noexcept {
+  if (mainRuns && mustFail("malloc")) return fail(ENOMEM), nullptr;
+  return __libc_malloc(count);
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  mainRuns = true;
+  return next<sighandler_t (*)(int, sighandler_t)>("signal")(number, handler);
+}
 
 ssize_t read(int descriptor, void* bytes, size_t count) {
   if (descriptor > 2 && mustFail("read")) return fail(EIO);

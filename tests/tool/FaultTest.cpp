@@ -29,6 +29,7 @@ using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
 using testing::AnyOf;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -345,6 +346,39 @@ TEST_P(FolderFaults, leaveAnEarlierTraceWhole) {
 
 INSTANTIATE_TEST_SUITE_P(Tool, FolderFaults, testing::ValuesIn(kFolderKinds),
                          [](const auto& instance) { return instance.param.name; });
+
+// No memory, whoever asks for it: options, messages, the model.
+class MemoryFaults : public testing::TestWithParam<const char*> {};
+
+TEST_P(MemoryFaults, leaveTheEarlierFileWhole) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  constexpr int kStep = 7;  // there are some thousand calls
+  const Kind kind = {"malloc", ""};
+  const TempFolder folder;
+  makeInputs(folder);
+  ASSERT_EQ(runWithFault(folder, kind, 0, GetParam()).status, 0);
+  const std::string whole = contentOf(folder.path("out"));
+  const std::vector<std::string> names = folder.names();
+  for (int number = 1, failures = 0;; number += kStep) {
+    folder.write("out", kOld);
+    const ToolResult result = runWithFault(folder, kind, number, std::string("exec ") + GetParam());
+    SCOPED_TRACE(std::to_string(number) + ": " + result.err);
+    EXPECT_EQ(folder.names(), names);
+    if (result.status == 0) {  // there was no such call
+      EXPECT_EQ(contentOf(folder.path("out")), whole);
+      EXPECT_GT(failures, 10);
+      break;
+    }
+    ++failures;
+    ASSERT_EQ(result.status, mlnn::kRefused);
+    EXPECT_THAT(result.err, EndsWith("ERROR: out of memory\n"));
+    EXPECT_EQ(contentOf(folder.path("out")), kOld);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, MemoryFaults,
+                         testing::Values("mlnn convert model.txt out --to binary",
+                                         "mlnn run model.txt frames.txt --out out"));
 
 // What the system itself can do to files.
 class SystemFaults : public testing::Test {
