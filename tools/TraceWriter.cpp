@@ -42,6 +42,7 @@ void refuseForeignStages(const std::string& folder, const std::vector<std::strin
 std::vector<Eigen::MatrixXf> roomFor(const std::vector<const Eigen::MatrixXf*>& block,
                                      Index frames) {
   std::vector<Eigen::MatrixXf> room;
+  room.reserve(block.size());
   for (const Eigen::MatrixXf* values : block) room.emplace_back(values->rows(), frames);
   return room;
 }
