@@ -1,6 +1,7 @@
 import dataclasses
 import os
 from collections.abc import Iterable, Mapping, MutableMapping, MutableSequence, Sequence
+from contextlib import AbstractContextManager
 from typing import Any, Literal
 
 import numpy as np
@@ -143,4 +144,5 @@ _mlnn: Any
 _VECTORS: tuple[str, ...]
 _NORM: tuple[str, ...]
 _CURVES: tuple[str, ...]
+def _told_of(path: str) -> AbstractContextManager[None]: ...
 def _write_whole(path: _Path, data: bytes) -> None: ...
