@@ -565,8 +565,8 @@ TEST(CodedRecord, reducedModelsHaveSmallImages) {
 TEST(CodedRecord, changedAfterItWasCheckedWritesWithinItsBlock) {
   constexpr std::size_t kWeights = 320;
   constexpr std::size_t kPosition = kTable + 16 * 4 + 4;
-  constexpr std::size_t kFirst = 100;
-  constexpr std::size_t kRows = 50;
+  constexpr std::size_t kBegin = 100;
+  constexpr std::size_t kBlock = 50;
   constexpr float kUntouched = -7.0f;
   for (const int32_t first : {0, 99, 149, 150, 319, 320, -1}) {
     for (const int32_t second : {0, 99, 100, 149, 150, -1, std::numeric_limits<int32_t>::min()}) {
@@ -577,11 +577,11 @@ TEST(CodedRecord, changedAfterItWasCheckedWritesWithinItsBlock) {
       ASSERT_TRUE(weights.view(kHalfByteCodes, kWeights, bytes.data() + kTableLength, length));
       std::memcpy(&bytes[kPosition], &first, sizeof first);
       std::memcpy(&bytes[kPosition + 4], &second, sizeof second);
-      std::vector<float> floats(3 * kRows, kUntouched);
-      weights.expand(kFirst, kRows, floats.data() + kRows);
-      for (std::size_t i = 0; i < kRows; ++i) {
+      std::vector<float> floats(3 * kBlock, kUntouched);
+      weights.expand(kBegin, kBlock, floats.data() + kBlock);
+      for (std::size_t i = 0; i < kBlock; ++i) {
         EXPECT_EQ(floats[i], kUntouched) << first << ' ' << second;
-        EXPECT_EQ(floats[2 * kRows + i], kUntouched) << first << ' ' << second;
+        EXPECT_EQ(floats[2 * kBlock + i], kUntouched) << first << ' ' << second;
       }
     }
   }
