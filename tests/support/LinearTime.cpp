@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace mlnn::test {
 namespace {
@@ -14,7 +15,9 @@ constexpr double kMeasurable = 2e-3;  // seconds
 constexpr double kNothing = 1e-3;     // seconds
 constexpr double kMostGrowth = 8;
 constexpr int kRuns = 3;
-constexpr int kTries = 16;
+constexpr int kTries = 4;
+constexpr int kSteps = 3;
+constexpr double kHopeless = 0.25;  // seconds: with a power, the next step would take many
 
 double processorTime() {
   timespec time = {};
@@ -28,31 +31,49 @@ double secondsOf(const WorkOnInput& work, const std::string& input) {
   return processorTime() - start;
 }
 
+struct Growth {
+  double shortTime = std::numeric_limits<double>::max();
+  double longTime = std::numeric_limits<double>::max();
+
+  bool isLinear() const { return longTime <= std::max(kMostGrowth * shortTime, kNothing); }
+};
+
+// Measures until the growth is linear, some times at most; returns what came last.
+Growth growthOf(const WorkOnInput& work, const std::string& shortInput,
+                const std::string& longInput) {
+  Growth growth;
+  int tries = 0;
+  do {
+    growth = Growth();
+    for (int run = 0; run < kRuns; ++run) {
+      growth.shortTime = std::min(growth.shortTime, secondsOf(work, shortInput));
+      growth.longTime = std::min(growth.longTime, secondsOf(work, longInput));
+    }
+  } while (!growth.isLinear() && ++tries < kTries);
+  return growth;
+}
+
+std::size_t measurableLength(const InputOfLength& input, const WorkOnInput& work) {
+  std::size_t length = kLeastLength;
+  while (length < kMostLength && secondsOf(work, input(length)) < kMeasurable) length *= 2;
+  return length;
+}
+
 }  // namespace
 
 ::testing::AssertionResult takesLinearTime(const InputOfLength& input, const WorkOnInput& work) {
-  std::size_t length = kLeastLength;
-  std::string shortInput = input(length);
-  while (length < kMostLength && secondsOf(work, shortInput) < kMeasurable) {
-    length *= 2;
-    shortInput = input(length);
+  ::testing::AssertionResult failure = ::testing::AssertionFailure();
+  std::string shortInput = input(measurableLength(input, work));
+  for (int step = 0; step < kSteps; ++step) {
+    std::string longInput = input(4 * shortInput.size());
+    const Growth growth = growthOf(work, shortInput, longInput);
+    if (growth.isLinear()) return ::testing::AssertionSuccess();
+    failure << longInput.size() << " bytes take " << growth.longTime << " s, " << shortInput.size()
+            << " bytes " << growth.shortTime << " s\n";
+    if (growth.longTime > kHopeless) break;
+    shortInput = std::move(longInput);
   }
-  const std::string longInput = input(4 * length);
-  double growth = std::numeric_limits<double>::max();
-  for (int tries = 0; tries < kTries; ++tries) {
-    double shortTime = std::numeric_limits<double>::max();
-    double longTime = shortTime;
-    for (int run = 0; run < kRuns; ++run) {
-      shortTime = std::min(shortTime, secondsOf(work, shortInput));
-      longTime = std::min(longTime, secondsOf(work, longInput));
-    }
-    if (longTime <= std::max(kMostGrowth * shortTime, kNothing)) {
-      return ::testing::AssertionSuccess();
-    }
-    growth = std::min(growth, longTime / shortTime);
-  }
-  return ::testing::AssertionFailure() << longInput.size() << " bytes take " << growth
-                                       << " times as long as " << shortInput.size() << " bytes";
+  return failure;
 }
 
 }  // namespace mlnn::test

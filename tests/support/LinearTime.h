@@ -20,7 +20,9 @@ using WorkOnInput = std::function<void(const std::string&)>;
 // linear, since memory is slower where more of it is in use; and so is less than a millisecond for
 // the longer input.
 // Noise makes work slower and never faster, so the least of three runs counts, and where that
-// grows too much, all is measured again, some times.
+// grows too much, all is measured again, some times. What then still grows too much is measured at
+// four and at sixteen times the length: where arrays reach some size, the system's part in making
+// them takes longer at one go, which happens once, while a power grows at every step.
 ::testing::AssertionResult takesLinearTime(const InputOfLength& input, const WorkOnInput& work);
 
 }  // namespace mlnn::test
