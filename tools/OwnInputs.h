@@ -1,8 +1,7 @@
 // OwnInputs — the files that a command reads, which its results must not replace.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
@@ -21,7 +20,9 @@ class OwnInputs {
   void refuse(const std::string& result) const;
 
  private:
-  using Identity = std::pair<dev_t, ino_t>;
+  // Device and number of a file. The system's own types have another width where a program is
+  // built for short numbers of files.
+  using Identity = std::pair<uint64_t, uint64_t>;
 
   std::map<Identity, std::string> inputs_;  // as messages call them
 };
