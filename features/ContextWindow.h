@@ -8,6 +8,7 @@
 #include <string>
 
 #include "features/DbnFeatureDescription.h"
+#include "features/EigenBorder.h"
 #include "features/Export.h"
 #include "features/MelDeltasNorm.h"
 

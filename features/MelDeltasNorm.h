@@ -4,6 +4,7 @@
 
 #include <Eigen/Core>
 
+#include "features/EigenBorder.h"
 #include "features/Export.h"
 
 // A value type: every object owns its two arrays, a copy gets arrays of its own.

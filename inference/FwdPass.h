@@ -3,6 +3,7 @@
 
 #include <Eigen/Core>
 
+#include "features/EigenBorder.h"
 #include "features/Export.h"
 
 class MLNN_EXPORT FwdPass {

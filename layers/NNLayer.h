@@ -12,6 +12,7 @@
 #include <Eigen/Core>
 #include <cstdint>
 
+#include "features/EigenBorder.h"
 #include "features/Export.h"
 #include "layers/ActFn.h"
 
