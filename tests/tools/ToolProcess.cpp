@@ -1,4 +1,4 @@
-#include "tests/tool/ToolProcess.h"
+#include "tests/tools/ToolProcess.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/tool/ToolProcess.h"
+#include "tests/tools/ToolProcess.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/support/SourceTree.h"
-#include "tests/tool/ToolProcess.h"
+#include "tests/tools/ToolProcess.h"
 #include "tools/Failure.h"
 #include "tools/OutputFile.h"
 

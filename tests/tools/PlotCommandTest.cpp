@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/tool/ToolProcess.h"
+#include "tests/tools/ToolProcess.h"
 
 namespace {
 

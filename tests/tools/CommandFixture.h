@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/tool/ToolProcess.h"
+#include "tests/tools/ToolProcess.h"
 
 namespace mlnn::test {
 

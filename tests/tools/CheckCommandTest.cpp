@@ -7,7 +7,7 @@
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
-#include "tests/tool/ToolProcess.h"
+#include "tests/tools/ToolProcess.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tool/CommandFixture.h"
+#include "tests/tools/CommandFixture.h"
 
 namespace {
 
