@@ -13,7 +13,7 @@
 
 #include "tests/docs/ConsoleBlocks.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 namespace {
 

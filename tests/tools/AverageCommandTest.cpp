@@ -5,7 +5,7 @@
 
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tools/CommandFixture.h"
+#include "tests/tools/support/CommandFixture.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tests/support/SourceTree.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 namespace {
 

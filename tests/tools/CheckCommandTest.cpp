@@ -7,7 +7,7 @@
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 namespace {
 

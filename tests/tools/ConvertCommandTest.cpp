@@ -6,7 +6,7 @@
 #include "tests/support/ByteImage.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/CArray.h"
 
 namespace {

@@ -9,7 +9,7 @@
 
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/Frames.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // Python package's, which the tool becomes; python/tests/test_convert.py lets them fail.)
 //
 // The faults come from a library that is loaded before the C library's functions
-// (tests/tools/FailingIo.cpp): the n-th call of a kind fails, for n = 1, 2, ...
+// (tests/tools/support/FailingIo.cpp): the n-th call of a kind fails, for n = 1, 2, ...
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "tests/support/SourceTree.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/ExitStatus.h"
 
 namespace {

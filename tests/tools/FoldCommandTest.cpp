@@ -8,7 +8,7 @@
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
-#include "tests/tools/CommandFixture.h"
+#include "tests/tools/support/CommandFixture.h"
 #include "tools/Frames.h"
 #include "tools/ModelFile.h"
 

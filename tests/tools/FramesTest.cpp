@@ -4,7 +4,7 @@
 #include <string>
 
 #include "tests/support/TestModels.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
 #include "tools/Frames.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/CommandLineParts.h"
 #include "tools/Commands.h"
 

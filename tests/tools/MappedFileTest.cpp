@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/FileDescriptor.h"
 #include "tools/MappedFile.h"
 #include "tools/OutputFile.h"

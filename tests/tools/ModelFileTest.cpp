@@ -5,7 +5,7 @@
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
 #include "tools/ModelFile.h"
 

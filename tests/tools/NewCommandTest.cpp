@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/ModelFile.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 // The Python package has its own tests of what these commands do; here stands another program in
 // the place of the interpreter.

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/support/SourceTree.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
 #include "tools/OutputFile.h"
 

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 namespace {
 

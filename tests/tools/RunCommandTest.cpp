@@ -9,7 +9,7 @@
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
-#include "tests/tools/CommandFixture.h"
+#include "tests/tools/support/CommandFixture.h"
 
 namespace {
 

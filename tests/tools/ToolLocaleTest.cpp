@@ -7,7 +7,7 @@
 
 #include "tests/support/CommaLocale.h"
 #include "tests/support/SourceTree.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 namespace {
 

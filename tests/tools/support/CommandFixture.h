@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 namespace mlnn::test {
 

@@ -1,4 +1,4 @@
-#include "tests/tools/ToolProcess.h"
+#include "tests/tools/support/ToolProcess.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
