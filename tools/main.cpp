@@ -1,12 +1,12 @@
-// The command-line tool `mlnn`. Its commands: tools/Commands.cpp.
+// The command-line tool `mlnn`. Its commands: tools/commands/Commands.cpp.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <new>
 
-#include "tools/Commands.h"
 #include "tools/OutOfMemory.h"
+#include "tools/commands/Commands.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/CommandLineParts.h"
-#include "tools/Commands.h"
+#include "tools/commands/Commands.h"
 
 namespace {
 

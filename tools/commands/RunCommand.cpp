@@ -1,4 +1,4 @@
-#include "tools/RunCommand.h"
+#include "tools/commands/RunCommand.h"
 
 #include <filesystem>
 #include <iostream>

@@ -1,4 +1,4 @@
-#include "tools/OnnxCommands.h"
+#include "tools/commands/OnnxCommands.h"
 
 #include <unistd.h>
 

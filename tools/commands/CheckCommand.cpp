@@ -1,4 +1,4 @@
-#include "tools/CheckCommand.h"
+#include "tools/commands/CheckCommand.h"
 
 #include <iostream>
 #include <optional>

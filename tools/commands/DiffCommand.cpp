@@ -1,4 +1,4 @@
-#include "tools/DiffCommand.h"
+#include "tools/commands/DiffCommand.h"
 
 #include <iostream>
 
@@ -6,8 +6,8 @@
 #include "tools/InputFile.h"
 #include "tools/Json.h"
 #include "tools/ModelFile.h"
-#include "tools/Tolerance.h"
 #include "tools/Tool.h"
+#include "tools/commands/Tolerance.h"
 
 namespace mlnn {
 namespace {

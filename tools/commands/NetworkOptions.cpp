@@ -1,4 +1,4 @@
-#include "tools/NetworkOptions.h"
+#include "tools/commands/NetworkOptions.h"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include "tools/EditCommand.h"
+#include "tools/commands/EditCommand.h"
 
 #include <algorithm>
 #include <charconv>
@@ -9,13 +9,13 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/HeaderEntries.h"
-#include "tools/LayerSizes.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
-#include "tools/NetworkOptions.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
+#include "tools/commands/HeaderEntries.h"
+#include "tools/commands/LayerSizes.h"
+#include "tools/commands/NetworkOptions.h"
 
 namespace mlnn {
 namespace {

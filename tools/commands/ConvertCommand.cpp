@@ -1,4 +1,4 @@
-#include "tools/ConvertCommand.h"
+#include "tools/commands/ConvertCommand.h"
 
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"

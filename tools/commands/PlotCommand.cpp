@@ -1,4 +1,4 @@
-#include "tools/PlotCommand.h"
+#include "tools/commands/PlotCommand.h"
 
 #include <algorithm>
 #include <iostream>

@@ -1,4 +1,4 @@
-#include "tools/ReduceCommand.h"
+#include "tools/commands/ReduceCommand.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "tools/NumberRange.h"
+#include "tools/commands/NumberRange.h"
 
 #include <charconv>
 #include <cmath>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tools/NumberRange.h"
+#include "tools/commands/NumberRange.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/HeaderEntries.h"
+#include "tools/commands/HeaderEntries.h"
 
 #include <sstream>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "tools/NewCommand.h"
+#include "tools/commands/NewCommand.h"
 
 #include <memory>
 #include <string>
@@ -6,11 +6,11 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/LayerSizes.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
-#include "tools/NetworkOptions.h"
 #include "tools/Tool.h"
+#include "tools/commands/LayerSizes.h"
+#include "tools/commands/NetworkOptions.h"
 
 namespace mlnn {
 namespace {

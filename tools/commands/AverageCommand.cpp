@@ -1,4 +1,4 @@
-#include "tools/AverageCommand.h"
+#include "tools/commands/AverageCommand.h"
 
 #include <algorithm>
 #include <cmath>

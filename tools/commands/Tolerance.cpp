@@ -1,6 +1,6 @@
-#include "tools/Tolerance.h"
+#include "tools/commands/Tolerance.h"
 
-#include "tools/NumberRange.h"
+#include "tools/commands/NumberRange.h"
 
 namespace mlnn {
 

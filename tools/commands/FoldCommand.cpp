@@ -1,4 +1,4 @@
-#include "tools/FoldCommand.h"
+#include "tools/commands/FoldCommand.h"
 
 #include <iostream>
 #include <memory>
@@ -14,8 +14,8 @@
 #include "tools/Numbers.h"
 #include "tools/OwnInputs.h"
 #include "tools/Table.h"
-#include "tools/Tolerance.h"
 #include "tools/Tool.h"
+#include "tools/commands/Tolerance.h"
 
 namespace mlnn {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/BudgetCommand.h"
+#include "tools/commands/BudgetCommand.h"
 
 #include <cmath>
 #include <iostream>
@@ -7,9 +7,9 @@
 #include "tools/Json.h"
 #include "tools/ModelBudget.h"
 #include "tools/ModelFile.h"
-#include "tools/NumberRange.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
+#include "tools/commands/NumberRange.h"
 
 namespace mlnn {
 namespace {

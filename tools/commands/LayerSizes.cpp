@@ -1,4 +1,4 @@
-#include "tools/LayerSizes.h"
+#include "tools/commands/LayerSizes.h"
 
 #include <charconv>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "tools/CompareCommand.h"
+#include "tools/commands/CompareCommand.h"
 
 #include <algorithm>
 #include <iostream>
@@ -8,9 +8,9 @@
 #include "tools/Failure.h"
 #include "tools/Json.h"
 #include "tools/Numbers.h"
-#include "tools/Tolerance.h"
 #include "tools/Tool.h"
 #include "tools/TraceComparison.h"
+#include "tools/commands/Tolerance.h"
 
 namespace mlnn {
 namespace {
