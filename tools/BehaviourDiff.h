@@ -10,8 +10,8 @@
 #include "model/MultiLayerNNModel.h"
 #include "tools/Difference.h"
 #include "tools/Inputs.h"
-#include "tools/Progress.h"
 #include "tools/Stage.h"
+#include "tools/reports/Progress.h"
 
 namespace mlnn {
 

@@ -8,7 +8,7 @@
 #include "inference/FwdPass.h"
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
-#include "tools/Progress.h"
+#include "tools/reports/Progress.h"
 
 namespace mlnn {
 

@@ -11,7 +11,7 @@
 
 #include "inference/NNFwdPassFromFile.h"
 #include "tools/Failure.h"
-#include "tools/Progress.h"
+#include "tools/reports/Progress.h"
 
 namespace mlnn {
 namespace {

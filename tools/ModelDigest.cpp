@@ -13,8 +13,8 @@
 #include "model/LayerStack.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/FormatText.h"
 #include "tools/InputFile.h"
+#include "tools/reports/FormatText.h"
 
 namespace mlnn {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
-#include "tools/Progress.h"
+#include "tools/reports/Progress.h"
 
 namespace mlnn {
 

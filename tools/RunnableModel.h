@@ -9,7 +9,7 @@
 #include "tools/ImageFile.h"
 #include "tools/Inputs.h"
 #include "tools/ModelFile.h"
-#include "tools/RunReport.h"
+#include "tools/reports/RunReport.h"
 
 namespace mlnn {
 

@@ -10,7 +10,7 @@
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
 #include "tools/OwnInputs.h"
-#include "tools/Progress.h"
+#include "tools/reports/Progress.h"
 
 namespace mlnn {
 

@@ -13,8 +13,8 @@
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
-#include "tools/Progress.h"
 #include "tools/Tool.h"
+#include "tools/reports/Progress.h"
 
 namespace mlnn {
 namespace {

@@ -4,12 +4,12 @@
 #include <iostream>
 
 #include "tools/FrameTimer.h"
-#include "tools/Json.h"
 #include "tools/ModelBudget.h"
 #include "tools/ModelFile.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
 #include "tools/commands/NumberRange.h"
+#include "tools/reports/Json.h"
 
 namespace mlnn {
 namespace {

@@ -6,15 +6,15 @@
 
 #include "tools/Diagnosis.h"
 #include "tools/Escape.h"
-#include "tools/FormatText.h"
 #include "tools/InputFile.h"
-#include "tools/Json.h"
 #include "tools/ModelDigest.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSuspicions.h"
 #include "tools/Numbers.h"
 #include "tools/TextDiagnosis.h"
 #include "tools/Tool.h"
+#include "tools/reports/FormatText.h"
+#include "tools/reports/Json.h"
 
 namespace mlnn {
 namespace {

@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <iostream>
 
-#include "tools/DifferenceReport.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Json.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
 #include "tools/TraceComparison.h"
 #include "tools/commands/Tolerance.h"
+#include "tools/reports/DifferenceReport.h"
+#include "tools/reports/Json.h"
 
 namespace mlnn {
 namespace {

@@ -2,12 +2,12 @@
 
 #include <iostream>
 
-#include "tools/DiffReport.h"
 #include "tools/InputFile.h"
-#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/Tool.h"
 #include "tools/commands/Tolerance.h"
+#include "tools/reports/DiffReport.h"
+#include "tools/reports/Json.h"
 
 namespace mlnn {
 namespace {

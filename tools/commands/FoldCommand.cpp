@@ -8,14 +8,14 @@
 #include "tools/BehaviourDiff.h"
 #include "tools/Failure.h"
 #include "tools/InputFile.h"
-#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
 #include "tools/OwnInputs.h"
-#include "tools/Table.h"
 #include "tools/Tool.h"
 #include "tools/commands/Tolerance.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/Table.h"
 
 namespace mlnn {
 namespace {

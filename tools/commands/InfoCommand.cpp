@@ -3,13 +3,13 @@
 #include <iostream>
 
 #include "tools/Escape.h"
-#include "tools/FormatText.h"
-#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/Numbers.h"
-#include "tools/Table.h"
 #include "tools/Tool.h"
 #include "tools/WeightForms.h"
+#include "tools/reports/FormatText.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/Table.h"
 
 namespace mlnn {
 namespace {

@@ -5,15 +5,15 @@
 #include <memory>
 
 #include "tools/Failure.h"
-#include "tools/Json.h"
-#include "tools/ModelCharts.h"
 #include "tools/ModelFile.h"
 #include "tools/OutputFile.h"
 #include "tools/OwnInputs.h"
-#include "tools/SvgChart.h"
-#include "tools/Terminal.h"
-#include "tools/TerminalChart.h"
 #include "tools/Tool.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/ModelCharts.h"
+#include "tools/reports/SvgChart.h"
+#include "tools/reports/Terminal.h"
+#include "tools/reports/TerminalChart.h"
 
 namespace mlnn {
 namespace {

@@ -14,15 +14,15 @@
 #include "tools/Failure.h"
 #include "tools/Frames.h"
 #include "tools/InputFile.h"
-#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
 #include "tools/PrecisionSweep.h"
-#include "tools/Progress.h"
 #include "tools/RecordingLabels.h"
-#include "tools/SweepReport.h"
 #include "tools/Tool.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/Progress.h"
+#include "tools/reports/SweepReport.h"
 
 namespace mlnn {
 namespace {

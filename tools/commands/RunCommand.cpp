@@ -13,14 +13,14 @@
 #include "tools/Frames.h"
 #include "tools/InputFile.h"
 #include "tools/Inputs.h"
-#include "tools/Json.h"
 #include "tools/ModelFile.h"
 #include "tools/OwnInputs.h"
-#include "tools/Progress.h"
-#include "tools/RunReport.h"
 #include "tools/RunnableModel.h"
 #include "tools/Tool.h"
 #include "tools/TraceWriter.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/Progress.h"
+#include "tools/reports/RunReport.h"
 
 namespace fs = std::filesystem;
 

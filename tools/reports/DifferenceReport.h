@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tools/Difference.h"
-#include "tools/Table.h"
+#include "tools/reports/Table.h"
 
 namespace mlnn {
 

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "tests/support/CaptureStderr.h"
-#include "tools/Progress.h"
+#include "tools/reports/Progress.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-#include "tools/SweepReport.h"
+#include "tools/reports/SweepReport.h"
 
 #include <ostream>
 #include <string>
 #include <utility>
 
-#include "tools/Json.h"
 #include "tools/Numbers.h"
-#include "tools/Table.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/Table.h"
 
 namespace mlnn {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/RunReport.h"
+#include "tools/reports/RunReport.h"
 
 #include <ostream>
 #include <string>
@@ -6,9 +6,9 @@
 
 #include "tools/Escape.h"
 #include "tools/Evaluation.h"
-#include "tools/Json.h"
 #include "tools/Numbers.h"
-#include "tools/Table.h"
+#include "tools/reports/Json.h"
+#include "tools/reports/Table.h"
 
 namespace mlnn {
 namespace {

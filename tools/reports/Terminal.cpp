@@ -1,4 +1,4 @@
-#include "tools/Terminal.h"
+#include "tools/reports/Terminal.h"
 
 #include <langinfo.h>
 #include <sys/ioctl.h>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/ModelCharts.h"
+#include "tools/reports/ModelCharts.h"
 
 namespace mlnn {
 

@@ -1,4 +1,4 @@
-#include "tools/TerminalChart.h"
+#include "tools/reports/TerminalChart.h"
 
 #include <algorithm>
 #include <array>

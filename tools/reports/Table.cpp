@@ -1,4 +1,4 @@
-#include "tools/Table.h"
+#include "tools/reports/Table.h"
 
 #include <algorithm>
 #include <ostream>

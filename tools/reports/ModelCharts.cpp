@@ -1,4 +1,4 @@
-#include "tools/ModelCharts.h"
+#include "tools/reports/ModelCharts.h"
 
 #include <cmath>
 #include <limits>

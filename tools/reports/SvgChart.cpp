@@ -1,4 +1,4 @@
-#include "tools/SvgChart.h"
+#include "tools/reports/SvgChart.h"
 
 #include <algorithm>
 #include <cmath>

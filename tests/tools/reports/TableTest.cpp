@@ -3,7 +3,7 @@
 #include <sstream>
 
 #include "tools/Numbers.h"
-#include "tools/Table.h"
+#include "tools/reports/Table.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <iosfwd>
 
-#include "tools/ModelCharts.h"
+#include "tools/reports/ModelCharts.h"
 
 namespace mlnn {
 

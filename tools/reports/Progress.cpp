@@ -1,4 +1,4 @@
-#include "tools/Progress.h"
+#include "tools/reports/Progress.h"
 
 #include <unistd.h>
 

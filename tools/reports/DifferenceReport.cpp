@@ -1,4 +1,4 @@
-#include "tools/DifferenceReport.h"
+#include "tools/reports/DifferenceReport.h"
 
 #include <nlohmann/json.hpp>
 #include <utility>

@@ -1,12 +1,12 @@
-#include "tools/DiffReport.h"
+#include "tools/reports/DiffReport.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "tools/DifferenceReport.h"
 #include "tools/Escape.h"
 #include "tools/Numbers.h"
+#include "tools/reports/DifferenceReport.h"
 
 namespace mlnn {
 namespace {
