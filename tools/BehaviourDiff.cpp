@@ -6,8 +6,8 @@
 #include "inference/NNFwdPassFromFile.h"
 #include "tools/Escape.h"
 #include "tools/Evaluation.h"
-#include "tools/Frames.h"
-#include "tools/InputFile.h"
+#include "tools/files/Frames.h"
+#include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {

@@ -9,8 +9,8 @@
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
-#include "tools/ModelSaving.h"
 #include "tools/WeightForms.h"
+#include "tools/files/ModelSaving.h"
 
 namespace mlnn {
 namespace {

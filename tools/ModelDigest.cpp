@@ -13,7 +13,7 @@
 #include "model/LayerStack.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
+#include "tools/files/InputFile.h"
 #include "tools/reports/FormatText.h"
 
 namespace mlnn {

@@ -10,8 +10,8 @@
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
+#include "tools/files/ModelSaving.h"
 
 namespace mlnn {
 namespace {

@@ -3,14 +3,14 @@
 
 #include <vector>
 
-#include "tools/ModelFile.h"
 #include "tools/Suspicion.h"
+#include "tools/files/ModelFile.h"
 
 namespace mlnn {
 
 // Returns what can hardly be meant in a model: what would make it give nonsense, or nothing,
 // without any message. The activations that its file does not record have been set, where the
-// property names one (tools/ModelFile.h).
+// property names one (tools/files/ModelFile.h).
 std::vector<Suspicion> suspicionsOf(const ModelFile& file);
 
 }  // namespace mlnn

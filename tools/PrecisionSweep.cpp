@@ -5,8 +5,8 @@
 
 #include "tools/Difference.h"
 #include "tools/Evaluation.h"
-#include "tools/InputFile.h"
 #include "tools/SilencedStderr.h"
+#include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {

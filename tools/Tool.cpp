@@ -8,10 +8,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/DescriptorBuffer.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
 #include "tools/OutOfMemory.h"
+#include "tools/files/DescriptorBuffer.h"
 
 namespace mlnn {
 namespace {

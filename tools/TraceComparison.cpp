@@ -7,9 +7,9 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Frames.h"
 #include "tools/Stage.h"
-#include "tools/TraceWriter.h"
+#include "tools/files/Frames.h"
+#include "tools/files/TraceWriter.h"
 
 namespace fs = std::filesystem;
 

@@ -37,7 +37,7 @@ struct TraceComparison {
 };
 
 // Compares two folders, each the trace of one recording or a folder of such traces
-// (tools/TraceWriter.h). Stages and traces that only one of them has are left out when
+// (tools/files/TraceWriter.h). Stages and traces that only one of them has are left out when
 // `commonOnly` says so.
 // Throws: Failure when a folder or a file cannot be read, or nothing is in both.
 std::vector<TraceComparison> compareTraces(const std::string& a, const std::string& b,

@@ -1,14 +1,14 @@
 // Frames of the tool, as .npy files and as text: what is accepted writes and reads back the same
 // in both forms, what is refused is refused with a reason.
-#include "tools/Frames.h"
+#include "tools/files/Frames.h"
 
 #include <cstring>
 #include <sstream>
 
 #include "fuzz/Support.h"
 #include "tools/Failure.h"
-#include "tools/Npy.h"
 #include "tools/Numbers.h"
+#include "tools/files/Npy.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "tests/support/TestModels.h"
 #include "tools/ModelBudget.h"
 #include "tools/ModelFit.h"
-#include "tools/ModelSaving.h"
+#include "tools/files/ModelSaving.h"
 
 #if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__)
 #include <malloc.h>

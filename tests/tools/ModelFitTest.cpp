@@ -10,7 +10,7 @@
 #include "tests/support/TestModels.h"
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
-#include "tools/ModelSaving.h"
+#include "tools/files/ModelSaving.h"
 
 namespace {
 

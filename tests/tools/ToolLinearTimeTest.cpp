@@ -9,9 +9,9 @@
 #include "tests/support/LinearTime.h"
 #include "tests/support/TestModels.h"
 #include "tools/Failure.h"
-#include "tools/Frames.h"
-#include "tools/Npy.h"
 #include "tools/TextDiagnosis.h"
+#include "tools/files/Frames.h"
+#include "tools/files/Npy.h"
 
 namespace {
 

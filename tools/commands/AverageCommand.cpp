@@ -8,12 +8,12 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
 #include "tools/ModelAverage.h"
-#include "tools/ModelFile.h"
-#include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/ModelFile.h"
+#include "tools/files/ModelSaving.h"
 #include "tools/reports/Progress.h"
 
 namespace mlnn {

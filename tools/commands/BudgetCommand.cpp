@@ -5,10 +5,10 @@
 
 #include "tools/FrameTimer.h"
 #include "tools/ModelBudget.h"
-#include "tools/ModelFile.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
 #include "tools/commands/NumberRange.h"
+#include "tools/files/ModelFile.h"
 #include "tools/reports/Json.h"
 
 namespace mlnn {

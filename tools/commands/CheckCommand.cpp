@@ -6,13 +6,13 @@
 
 #include "tools/Diagnosis.h"
 #include "tools/Escape.h"
-#include "tools/InputFile.h"
 #include "tools/ModelDigest.h"
-#include "tools/ModelFile.h"
 #include "tools/ModelSuspicions.h"
 #include "tools/Numbers.h"
 #include "tools/TextDiagnosis.h"
 #include "tools/Tool.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
 

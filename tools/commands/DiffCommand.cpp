@@ -2,10 +2,10 @@
 
 #include <iostream>
 
-#include "tools/InputFile.h"
-#include "tools/ModelFile.h"
 #include "tools/Tool.h"
 #include "tools/commands/Tolerance.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/ModelFile.h"
 #include "tools/reports/DiffReport.h"
 #include "tools/reports/Json.h"
 

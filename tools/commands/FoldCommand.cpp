@@ -7,13 +7,13 @@
 
 #include "tools/BehaviourDiff.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
-#include "tools/ModelFile.h"
-#include "tools/ModelSaving.h"
 #include "tools/Numbers.h"
-#include "tools/OwnInputs.h"
 #include "tools/Tool.h"
 #include "tools/commands/Tolerance.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/ModelFile.h"
+#include "tools/files/ModelSaving.h"
+#include "tools/files/OwnInputs.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"
 

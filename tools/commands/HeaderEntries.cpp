@@ -5,8 +5,8 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/ModelFile.h"
-#include "tools/ModelSaving.h"
+#include "tools/files/ModelFile.h"
+#include "tools/files/ModelSaving.h"
 
 namespace mlnn {
 namespace {

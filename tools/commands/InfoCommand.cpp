@@ -3,10 +3,10 @@
 #include <iostream>
 
 #include "tools/Escape.h"
-#include "tools/ModelFile.h"
 #include "tools/Numbers.h"
 #include "tools/Tool.h"
 #include "tools/WeightForms.h"
+#include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"

@@ -5,10 +5,10 @@
 #include <memory>
 
 #include "tools/Failure.h"
-#include "tools/ModelFile.h"
-#include "tools/OutputFile.h"
-#include "tools/OwnInputs.h"
 #include "tools/Tool.h"
+#include "tools/files/ModelFile.h"
+#include "tools/files/OutputFile.h"
+#include "tools/files/OwnInputs.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/ModelCharts.h"
 #include "tools/reports/SvgChart.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/ModelFile.h"
+#include "tools/files/ModelFile.h"
 
 namespace mlnn {
 

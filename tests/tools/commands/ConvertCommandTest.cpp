@@ -7,7 +7,7 @@
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/ToolProcess.h"
-#include "tools/CArray.h"
+#include "tools/files/CArray.h"
 
 namespace {
 

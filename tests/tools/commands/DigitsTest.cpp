@@ -10,7 +10,7 @@
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
 #include "tests/tools/support/ToolProcess.h"
-#include "tools/Frames.h"
+#include "tools/files/Frames.h"
 
 namespace {
 

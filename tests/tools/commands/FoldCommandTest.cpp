@@ -9,8 +9,8 @@
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/CommandFixture.h"
-#include "tools/Frames.h"
-#include "tools/ModelFile.h"
+#include "tools/files/Frames.h"
+#include "tools/files/ModelFile.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "tests/tools/support/ToolProcess.h"
-#include "tools/ModelFile.h"
+#include "tools/files/ModelFile.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/ModelFile.h"
 #include "tools/Numbers.h"
+#include "tools/files/ModelFile.h"
 
 namespace mlnn {
 

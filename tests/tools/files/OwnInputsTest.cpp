@@ -6,7 +6,7 @@
 
 #include "tests/support/TempFolder.h"
 #include "tools/Failure.h"
-#include "tools/OwnInputs.h"
+#include "tools/files/OwnInputs.h"
 
 namespace {
 

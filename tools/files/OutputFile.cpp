@@ -1,4 +1,4 @@
-#include "tools/OutputFile.h"
+#include "tools/files/OutputFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,7 +17,7 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
+#include "tools/files/InputFile.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "tools/InputFile.h"
+#include "tools/files/InputFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/FileDescriptor.h"
+#include "tools/files/FileDescriptor.h"
 
 namespace mlnn {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/Npy.h"
+#include "tools/files/Npy.h"
 
 #include <algorithm>
 #include <charconv>

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "inference/ImageFwdPass.h"
-#include "tools/MappedFile.h"
+#include "tools/files/MappedFile.h"
 
 namespace mlnn {
 

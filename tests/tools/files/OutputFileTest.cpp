@@ -11,7 +11,7 @@
 #include "tests/support/SourceTree.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
-#include "tools/OutputFile.h"
+#include "tools/files/OutputFile.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/ImageFile.h"
+#include "tools/files/ImageFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,9 +10,9 @@
 #include "model/ModelFormat.h"
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
-#include "tools/FileDescriptor.h"
-#include "tools/InputFile.h"
-#include "tools/ModelFile.h"
+#include "tools/files/FileDescriptor.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/ModelFile.h"
 
 namespace mlnn {
 namespace {

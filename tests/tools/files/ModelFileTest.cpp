@@ -7,7 +7,7 @@
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
-#include "tools/ModelFile.h"
+#include "tools/files/ModelFile.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/TraceWriter.h"
+#include "tools/files/TraceWriter.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,9 +8,9 @@
 #include "inference/NNFwdPassFromFile.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Frames.h"
-#include "tools/InputFile.h"
 #include "tools/Stage.h"
+#include "tools/files/Frames.h"
+#include "tools/files/InputFile.h"
 
 namespace fs = std::filesystem;
 

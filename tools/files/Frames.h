@@ -7,8 +7,8 @@
 namespace mlnn {
 
 // Reads frames from a file, a pipe or the standard input ("-"). What begins with the magic of
-// a .npy file is one (tools/Npy.h), anything else is text: one frame a line, numbers separated
-// by blanks, tabs or one comma. Blank lines and lines that begin with "#" are skipped, a
+// a .npy file is one (tools/files/Npy.h), anything else is text: one frame a line, numbers
+// separated by blanks, tabs or one comma. Blank lines and lines that begin with "#" are skipped, a
 // carriage return before the line feed is ignored. A decimal point is "." in every locale.
 // Returns: values x frames, at least one of each.
 // Throws: Failure that says what was expected and what was found, with line and column or

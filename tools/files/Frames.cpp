@@ -1,4 +1,4 @@
-#include "tools/Frames.h"
+#include "tools/files/Frames.h"
 
 #include <algorithm>
 #include <charconv>
@@ -9,11 +9,11 @@
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
-#include "tools/Npy.h"
 #include "tools/Numbers.h"
-#include "tools/OutputFile.h"
 #include "tools/TextParts.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/Npy.h"
+#include "tools/files/OutputFile.h"
 
 namespace mlnn {
 namespace {

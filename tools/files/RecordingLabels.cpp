@@ -1,14 +1,14 @@
-#include "tools/RecordingLabels.h"
+#include "tools/files/RecordingLabels.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <filesystem>
 #include <vector>
 
-#include "tools/Csv.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
+#include "tools/files/Csv.h"
+#include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {

@@ -6,9 +6,9 @@
 #include <ostream>
 #include <string>
 
-#include "tools/DescriptorBuffer.h"
-#include "tools/FileDescriptor.h"
-#include "tools/UnfinishedFile.h"
+#include "tools/files/DescriptorBuffer.h"
+#include "tools/files/FileDescriptor.h"
+#include "tools/files/UnfinishedFile.h"
 
 namespace mlnn {
 

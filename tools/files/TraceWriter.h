@@ -9,7 +9,7 @@
 
 #include "model/MultiLayerNNModel.h"
 #include "tools/Inputs.h"
-#include "tools/OwnInputs.h"
+#include "tools/files/OwnInputs.h"
 #include "tools/reports/Progress.h"
 
 namespace mlnn {

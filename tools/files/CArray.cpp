@@ -1,4 +1,4 @@
-#include "tools/CArray.h"
+#include "tools/files/CArray.h"
 
 #include <cctype>
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <ostream>
 
-#include "tools/InputFile.h"
+#include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "tests/support/TestModels.h"
 #include "tools/Failure.h"
-#include "tools/Npy.h"
+#include "tools/files/Npy.h"
 
 namespace {
 

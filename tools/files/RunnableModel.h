@@ -6,9 +6,9 @@
 #include <string>
 
 #include "inference/FwdPass.h"
-#include "tools/ImageFile.h"
 #include "tools/Inputs.h"
-#include "tools/ModelFile.h"
+#include "tools/files/ImageFile.h"
+#include "tools/files/ModelFile.h"
 #include "tools/reports/RunReport.h"
 
 namespace mlnn {

@@ -6,7 +6,7 @@
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
-#include "tools/Frames.h"
+#include "tools/files/Frames.h"
 
 namespace {
 

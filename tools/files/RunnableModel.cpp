@@ -1,4 +1,4 @@
-#include "tools/RunnableModel.h"
+#include "tools/files/RunnableModel.h"
 
 #include <vector>
 

@@ -8,7 +8,7 @@ namespace mlnn {
 
 class RecordingLabels {
  public:
-  // Reads a table (tools/Csv.h) whose heading has the columns "file" and "label", among any
+  // Reads a table (tools/files/Csv.h) whose heading has the columns "file" and "label", among any
   // others. "-" is the standard input.
   // Throws: Failure.
   static RecordingLabels read(const std::string& name);

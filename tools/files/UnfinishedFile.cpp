@@ -1,4 +1,4 @@
-#include "tools/UnfinishedFile.h"
+#include "tools/files/UnfinishedFile.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "tools/Csv.h"
+#include "tools/files/Csv.h"
 
 #include <algorithm>
 

@@ -8,9 +8,9 @@
 #include <utility>
 
 #include "tests/tools/support/ToolProcess.h"
-#include "tools/FileDescriptor.h"
-#include "tools/MappedFile.h"
-#include "tools/OutputFile.h"
+#include "tools/files/FileDescriptor.h"
+#include "tools/files/MappedFile.h"
+#include "tools/files/OutputFile.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/Csv.h"
 #include "tools/Failure.h"
+#include "tools/files/Csv.h"
 
 namespace {
 

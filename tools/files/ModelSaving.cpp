@@ -1,14 +1,14 @@
-#include "tools/ModelSaving.h"
+#include "tools/files/ModelSaving.h"
 
 #include <filesystem>
 #include <locale>
 #include <ostream>
 
-#include "tools/CArray.h"
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
-#include "tools/OutputFile.h"
-#include "tools/OwnInputs.h"
+#include "tools/files/CArray.h"
+#include "tools/files/OutputFile.h"
+#include "tools/files/OwnInputs.h"
 
 namespace mlnn {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/DescriptorBuffer.h"
+#include "tools/files/DescriptorBuffer.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "tools/MappedFile.h"
+#include "tools/files/MappedFile.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "tools/ExitStatus.h"
-#include "tools/InputFile.h"
-#include "tools/UnfinishedFile.h"
+#include "tools/files/InputFile.h"
+#include "tools/files/UnfinishedFile.h"
 
 namespace mlnn {
 namespace {

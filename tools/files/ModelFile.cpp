@@ -1,4 +1,4 @@
-#include "tools/ModelFile.h"
+#include "tools/files/ModelFile.h"
 
 #include <boost/interprocess/streams/bufferstream.hpp>
 #include <iostream>
@@ -10,9 +10,9 @@
 #include "tools/CapturedDiagnostics.h"
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
 #include "tools/Numbers.h"
 #include "tools/TextParts.h"
+#include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {

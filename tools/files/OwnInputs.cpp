@@ -1,10 +1,10 @@
-#include "tools/OwnInputs.h"
+#include "tools/files/OwnInputs.h"
 
 #include <sys/stat.h>
 
 #include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/InputFile.h"
+#include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {
