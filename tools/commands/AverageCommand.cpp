@@ -10,11 +10,11 @@
 #include "tools/Failure.h"
 #include "tools/ModelAverage.h"
 #include "tools/Numbers.h"
-#include "tools/Tool.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
 #include "tools/files/ModelSaving.h"
 #include "tools/reports/Progress.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -6,10 +6,10 @@
 #include "tools/FrameTimer.h"
 #include "tools/ModelBudget.h"
 #include "tools/Numbers.h"
-#include "tools/Tool.h"
 #include "tools/commands/NumberRange.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/Json.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -10,11 +10,11 @@
 #include "tools/ModelSuspicions.h"
 #include "tools/Numbers.h"
 #include "tools/TextDiagnosis.h"
-#include "tools/Tool.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

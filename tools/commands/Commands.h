@@ -1,7 +1,7 @@
 // addCommands — everything that `mlnn` can do.
 #pragma once
 
-#include "tools/Tool.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 

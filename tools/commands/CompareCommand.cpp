@@ -6,11 +6,11 @@
 #include "tools/Escape.h"
 #include "tools/Failure.h"
 #include "tools/Numbers.h"
-#include "tools/Tool.h"
 #include "tools/TraceComparison.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/reports/DifferenceReport.h"
 #include "tools/reports/Json.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

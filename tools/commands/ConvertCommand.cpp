@@ -1,8 +1,8 @@
 #include "tools/commands/ConvertCommand.h"
 
-#include "tools/Tool.h"
 #include "tools/files/ModelFile.h"
 #include "tools/files/ModelSaving.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

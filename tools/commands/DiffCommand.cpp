@@ -2,12 +2,12 @@
 
 #include <iostream>
 
-#include "tools/Tool.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/DiffReport.h"
 #include "tools/reports/Json.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -10,12 +10,12 @@
 #include "tools/Escape.h"
 #include "tools/Failure.h"
 #include "tools/Numbers.h"
-#include "tools/Tool.h"
 #include "tools/commands/HeaderEntries.h"
 #include "tools/commands/LayerSizes.h"
 #include "tools/commands/NetworkOptions.h"
 #include "tools/files/ModelFile.h"
 #include "tools/files/ModelSaving.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -8,7 +8,6 @@
 #include "tools/BehaviourDiff.h"
 #include "tools/Failure.h"
 #include "tools/Numbers.h"
-#include "tools/Tool.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
@@ -16,6 +15,7 @@
 #include "tools/files/OwnInputs.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -4,12 +4,12 @@
 
 #include "tools/Escape.h"
 #include "tools/Numbers.h"
-#include "tools/Tool.h"
 #include "tools/WeightForms.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -3,7 +3,7 @@
 // a Python interpreter to be built or to run.
 #pragma once
 
-#include "tools/Tool.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 

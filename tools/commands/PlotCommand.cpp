@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "tools/Failure.h"
-#include "tools/Tool.h"
 #include "tools/files/ModelFile.h"
 #include "tools/files/OutputFile.h"
 #include "tools/files/OwnInputs.h"
@@ -14,6 +13,7 @@
 #include "tools/reports/SvgChart.h"
 #include "tools/reports/Terminal.h"
 #include "tools/reports/TerminalChart.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -14,7 +14,6 @@
 #include "tools/Failure.h"
 #include "tools/Numbers.h"
 #include "tools/PrecisionSweep.h"
-#include "tools/Tool.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
@@ -23,6 +22,7 @@
 #include "tools/reports/Json.h"
 #include "tools/reports/Progress.h"
 #include "tools/reports/SweepReport.h"
+#include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {

@@ -11,7 +11,6 @@
 #include "tools/Evaluation.h"
 #include "tools/Failure.h"
 #include "tools/Inputs.h"
-#include "tools/Tool.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
@@ -21,6 +20,7 @@
 #include "tools/reports/Json.h"
 #include "tools/reports/Progress.h"
 #include "tools/reports/RunReport.h"
+#include "tools/shell/Tool.h"
 
 namespace fs = std::filesystem;
 

@@ -4,8 +4,8 @@
 #include <fstream>
 #include <iostream>
 
-#include "tools/HelpPages.h"
 #include "tools/commands/Commands.h"
+#include "tools/shell/HelpPages.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {

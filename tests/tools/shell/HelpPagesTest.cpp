@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "tests/tools/support/ToolProcess.h"
-#include "tools/CommandLineParts.h"
 #include "tools/commands/Commands.h"
+#include "tools/shell/CommandLineParts.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The completions for bash and zsh.
 #include <ostream>
 
-#include "tools/CommandLineParts.h"
-#include "tools/HelpPages.h"
+#include "tools/shell/CommandLineParts.h"
+#include "tools/shell/HelpPages.h"
 
 namespace mlnn {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/Tool.h"
+#include "tools/shell/Tool.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "tools/CommandLineParts.h"
+#include "tools/shell/CommandLineParts.h"
 
 #include <sstream>
 

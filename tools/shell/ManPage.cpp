@@ -4,8 +4,8 @@
 #include <ostream>
 #include <sstream>
 
-#include "tools/CommandLineParts.h"
-#include "tools/HelpPages.h"
+#include "tools/shell/CommandLineParts.h"
+#include "tools/shell/HelpPages.h"
 
 namespace mlnn {
 namespace {
