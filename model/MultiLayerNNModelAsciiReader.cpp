@@ -16,10 +16,10 @@
 #include "features/string_split.h"
 #include "layers/FreshMemory.h"
 #include "layers/Messages.h"
-#include "model/FloatReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "text/FloatReader.h"
 
 namespace {
 

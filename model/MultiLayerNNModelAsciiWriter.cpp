@@ -4,10 +4,10 @@
 #include <ostream>
 #include <string_view>
 
-#include "model/FloatText.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "text/FloatText.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "inference/NNFwdPassFromFile.h"
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Evaluation.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"

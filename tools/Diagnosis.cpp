@@ -1,8 +1,8 @@
 #include "tools/Diagnosis.h"
 
 #include "model/ModelFormat.h"
+#include "text/Numbers.h"
 #include "tools/ImageDiagnosis.h"
-#include "tools/Numbers.h"
 #include "tools/TextDiagnosis.h"
 #include "tools/TextPlace.h"
 

@@ -10,7 +10,7 @@
 namespace mlnn {
 
 // A command that throws it prints "ERROR: " and the text and ends with its failure status.
-// Text that comes from a file or a command line goes in escaped (tools/Escape.h).
+// Text that comes from a file or a command line goes in escaped (text/Escape.h).
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

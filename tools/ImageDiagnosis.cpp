@@ -10,7 +10,7 @@
 #include "layers/NNLayer.h"
 #include "layers/NNLayerRecord.h"
 #include "model/ModelFormat.h"
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

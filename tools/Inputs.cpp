@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "text/Numbers.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 
 namespace mlnn {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "model/LayerStack.h"
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 #include "tools/reports/FormatText.h"

@@ -7,10 +7,10 @@
 #include <sstream>
 
 #include "model/ModelFormat.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/CapturedDiagnostics.h"
-#include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 #include "tools/files/ModelSaving.h"
 
 namespace mlnn {

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "model/LayerStack.h"
-#include "tools/Escape.h"
-#include "tools/Numbers.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

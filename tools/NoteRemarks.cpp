@@ -9,9 +9,9 @@
 #include "features/string_split.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "text/Escape.h"
+#include "text/TextParts.h"
 #include "tools/CapturedDiagnostics.h"
-#include "tools/Escape.h"
-#include "tools/TextParts.h"
 
 namespace mlnn {
 namespace {

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "features/string_split.h"
-#include "tools/Numbers.h"
-#include "tools/TextParts.h"
+#include "text/Numbers.h"
+#include "text/TextParts.h"
 #include "tools/TextPlace.h"
 #include "tools/TextWords.h"
 

@@ -4,8 +4,8 @@
 #include <set>
 #include <utility>
 
+#include "text/Numbers.h"
 #include "tools/Difference.h"
-#include "tools/Numbers.h"
 
 namespace mlnn {
 namespace {

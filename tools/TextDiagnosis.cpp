@@ -1,6 +1,6 @@
 #include "tools/TextDiagnosis.h"
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 #include "tools/TextFindings.h"
 #include "tools/TextHeadWalk.h"
 #include "tools/TextLayersWalk.h"

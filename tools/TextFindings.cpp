@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "tools/TextParts.h"
+#include "text/TextParts.h"
 #include "tools/TextWords.h"
 
 namespace mlnn {

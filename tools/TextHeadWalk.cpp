@@ -4,10 +4,10 @@
 
 #include "features/TrainingNotes.h"
 #include "model/ModelFormat.h"
+#include "text/Escape.h"
+#include "text/TextParts.h"
 #include "tools/DescriptionMisfit.h"
-#include "tools/Escape.h"
 #include "tools/NoteRemarks.h"
-#include "tools/TextParts.h"
 #include "tools/TextWords.h"
 
 namespace mlnn {

@@ -4,9 +4,9 @@
 
 #include "layers/ActFn.h"
 #include "model/ModelFormat.h"
-#include "tools/Escape.h"
-#include "tools/Numbers.h"
-#include "tools/TextParts.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
+#include "text/TextParts.h"
 #include "tools/TextWords.h"
 
 namespace mlnn {

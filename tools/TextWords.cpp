@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <limits>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
+#include "text/TextParts.h"
 #include "tools/PlacedStream.h"
-#include "tools/TextParts.h"
 
 namespace mlnn {
 namespace {

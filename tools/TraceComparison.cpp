@@ -5,7 +5,7 @@
 #include <iterator>
 #include <utility>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/Stage.h"
 #include "tools/files/Frames.h"

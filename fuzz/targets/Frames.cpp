@@ -6,8 +6,8 @@
 #include <sstream>
 
 #include "fuzz/Support.h"
+#include "text/Numbers.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 #include "tools/files/Npy.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "model/FloatText.h"
+#include "text/FloatText.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include <optional>
 #include <sstream>
 
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/Diagnosis.h"
-#include "tools/Escape.h"
 #include "tools/ModelDigest.h"
 #include "tools/ModelSuspicions.h"
-#include "tools/Numbers.h"
 #include "tools/TextDiagnosis.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"

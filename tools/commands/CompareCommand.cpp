@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iostream>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 #include "tools/TraceComparison.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/reports/DifferenceReport.h"

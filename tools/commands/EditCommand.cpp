@@ -7,9 +7,9 @@
 #include <optional>
 #include <vector>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 #include "tools/commands/HeaderEntries.h"
 #include "tools/commands/LayerSizes.h"
 #include "tools/commands/NetworkOptions.h"

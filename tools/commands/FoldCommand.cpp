@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "text/Numbers.h"
 #include "tools/BehaviourDiff.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"

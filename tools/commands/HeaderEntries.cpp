@@ -3,7 +3,7 @@
 #include <sstream>
 #include <utility>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/ModelFile.h"
 #include "tools/files/ModelSaving.h"

@@ -2,8 +2,8 @@
 
 #include <iostream>
 
-#include "tools/Escape.h"
-#include "tools/Numbers.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/WeightForms.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 
 namespace mlnn {

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "layers/NNLayer.h"
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 
 namespace mlnn {

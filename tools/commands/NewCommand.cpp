@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/commands/LayerSizes.h"
 #include "tools/commands/NetworkOptions.h"

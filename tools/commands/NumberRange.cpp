@@ -5,8 +5,8 @@
 #include <string>
 #include <system_error>
 
-#include "tools/Escape.h"
-#include "tools/Numbers.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

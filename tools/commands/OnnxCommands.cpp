@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 
 namespace mlnn {

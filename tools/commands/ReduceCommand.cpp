@@ -9,10 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/Evaluation.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
 #include "tools/PrecisionSweep.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "inference/CodedFwdPass.h"
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Evaluation.h"
 #include "tools/Failure.h"
 #include "tools/Inputs.h"

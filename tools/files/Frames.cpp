@@ -7,10 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
+#include "text/TextParts.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
-#include "tools/TextParts.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/Npy.h"
 #include "tools/files/OutputFile.h"

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/FileDescriptor.h"
 

@@ -7,11 +7,11 @@
 
 #include "model/ImageReader.h"
 #include "model/ModelFormat.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
+#include "text/TextParts.h"
 #include "tools/CapturedDiagnostics.h"
-#include "tools/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Numbers.h"
-#include "tools/TextParts.h"
 #include "tools/files/InputFile.h"
 
 namespace mlnn {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 #include "tools/files/ModelFile.h"
 
 namespace mlnn {

@@ -15,7 +15,7 @@
 #include <optional>
 #include <utility>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 

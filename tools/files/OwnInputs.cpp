@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/Csv.h"
 #include "tools/files/InputFile.h"

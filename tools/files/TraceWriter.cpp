@@ -6,7 +6,7 @@
 #include <set>
 
 #include "inference/NNFwdPassFromFile.h"
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/Stage.h"
 #include "tools/files/Frames.h"

@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "tools/Escape.h"
-#include "tools/Numbers.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 #include "tools/reports/DifferenceReport.h"
 
 namespace mlnn {

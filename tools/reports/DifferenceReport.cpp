@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

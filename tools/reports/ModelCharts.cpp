@@ -3,8 +3,8 @@
 #include <cmath>
 #include <limits>
 
+#include "text/Numbers.h"
 #include "tools/Histogram.h"
-#include "tools/Numbers.h"
 
 namespace mlnn {
 namespace {

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <ostream>
 
-#include "tools/Escape.h"
-#include "tools/Numbers.h"
+#include "text/Escape.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

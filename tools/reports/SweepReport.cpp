@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"
 

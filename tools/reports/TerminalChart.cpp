@@ -7,7 +7,7 @@
 #include <ostream>
 #include <string>
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/OutOfMemory.h"
 #include "tools/files/DescriptorBuffer.h"

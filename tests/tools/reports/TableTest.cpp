@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 #include "tools/reports/Table.h"
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tools/Escape.h"
+#include "text/Escape.h"
 
 namespace {
 

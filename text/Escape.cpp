@@ -1,4 +1,4 @@
-#include "tools/Escape.h"
+#include "text/Escape.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "model/FloatText.h"
+#include "text/FloatText.h"
 
 #include <algorithm>
 #include <charconv>

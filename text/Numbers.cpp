@@ -1,4 +1,4 @@
-#include "tools/Numbers.h"
+#include "text/Numbers.h"
 
 #include <array>
 #include <charconv>

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "model/FloatReader.h"
 #include "tests/support/PieceBuffer.h"
+#include "text/FloatReader.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <random>
 #include <string>
 
-#include "model/FloatText.h"
+#include "text/FloatText.h"
 
 namespace {
 

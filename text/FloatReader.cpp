@@ -1,4 +1,4 @@
-#include "model/FloatReader.h"
+#include "text/FloatReader.h"
 
 #include <algorithm>
 #include <charconv>
