@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "model/MultiLayerNNModel.h"
-#include "support/CaptureStderr.h"
+#include "tests/support/CaptureStderr.h"
 
 namespace {
 
