@@ -1,0 +1,82 @@
+#include "inference/BiasCorrection.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <ostream>
+#include <vector>
+
+#include "inference/NNFwdPassFromFile.h"
+#include "layers/Messages.h"
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+using Inputs = Eigen::Ref<const Eigen::MatrixXf>;
+
+// The mean of each layer's affine values.
+using LayerMeans = std::vector<Eigen::VectorXd>;
+
+bool haveSameWidths(const MultiLayerNNModel& a, const MultiLayerNNModel& b) {
+  return a.description() == b.description();
+}
+
+void addFrames(const std::vector<LayerResult>& layers, LayerMeans& sums) {
+  sums.resize(layers.size());
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    const Eigen::MatrixXf& values = layers[i].affine;
+    if (sums[i].size() == 0) sums[i].setZero(values.rows());
+    for (Index frame = 0; frame < values.cols(); ++frame) {
+      sums[i] += values.col(frame).cast<double>();
+    }
+  }
+}
+
+// Returns whether the model could be run.
+// REQUIRES: there are inputs.
+bool meansOf(MultiLayerNNModel& model, const Inputs& inputs, LayerMeans& means) {
+  constexpr Index kFrames = 256;  // so that results of all layers take little memory
+  NNFwdPassFromFile pass(model);
+  Eigen::MatrixXf outputs;
+  std::vector<LayerResult> layers;
+  means.clear();
+  for (Index first = 0; first < inputs.cols(); first += kFrames) {
+    const Index count = std::min(kFrames, inputs.cols() - first);
+    if (pass.evaluateLayers(inputs.middleCols(first, count), outputs, layers) != 0) return false;
+    addFrames(layers, means);
+  }
+  for (Eigen::VectorXd& mean : means) mean /= static_cast<double>(inputs.cols());
+  return true;
+}
+
+void moveShift(NNLayer& layer, const Eigen::VectorXd& wanted, const Eigen::VectorXd& found) {
+  Eigen::VectorXf& shift = layer.isBatchNorm ? layer.beta_inf : layer.bias;
+  for (Index r = 0; r < shift.size(); ++r) {
+    const double moved = double{shift[r]} + (wanted[r] - found[r]);
+    if (std::fabs(moved) <= double{std::numeric_limits<float>::max()}) {
+      shift[r] = static_cast<float>(moved);
+    }
+  }
+}
+
+}  // namespace
+
+int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const Inputs& inputs) {
+  if (!haveSameWidths(original, changed)) {
+    messages() << "ERROR: correctBiases: the models have layers of other widths\n";
+    return 1;
+  }
+  if (inputs.cols() == 0) return 0;
+  LayerMeans wanted;
+  LayerMeans found;
+  if (!meansOf(original, inputs, wanted)) return 1;
+  for (std::size_t i = 0; i < wanted.size(); ++i) {
+    if (!meansOf(changed, inputs, found)) return 1;  // in the first round, or never
+    moveShift(*changed.layers[i], wanted[i], found[i]);
+  }
+  return 0;
+}
+
+}  // namespace mlnn
