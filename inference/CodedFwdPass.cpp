@@ -1,14 +1,13 @@
 #include "inference/CodedFwdPass.h"
 
 #include <algorithm>
-#include <ostream>
 #include <utility>
 #include <vector>
 
 #include "inference/CodedLayer.h"
 #include "inference/LayerStackPass.h"
 #include "inference/ModelLayers.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/LayerStack.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -39,8 +38,7 @@ std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& mode
   constexpr std::size_t kStreaming = kSecondLevelBytes / sizeof(float);
   constexpr char kCreate[] = "CodedFwdPass::create";
   if (bits < kMinBits || bits > kMaxBits) {
-    messages() << "ERROR: " << kCreate << ": bits must be " << kMinBits << " to " << kMaxBits
-               << ", got " << bits << "\n";
+    report({"ERROR: ", kCreate, ": bits must be ", kMinBits, " to ", kMaxBits, ", got ", bits});
     return nullptr;
   }
   if (!canBeEvaluated(model, kCreate)) return nullptr;

@@ -4,14 +4,13 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <ostream>
 #include <utility>
 
 #include "inference/LayerStackPass.h"
 #include "inference/ModelLayers.h"
 #include "layers/Crc32c.h"
-#include "layers/Messages.h"
 #include "layers/NNLayerRecord.h"
+#include "layers/Report.h"
 #include "model/ImageReader.h"
 
 namespace mlnn {
@@ -94,7 +93,7 @@ void ImageFwdPass::Layers::prepare() {
 bool ImageFwdPass::Layers::fit() const {
   for (std::size_t i = 1; i < records_.size(); ++i) {
     if (records_[i].head.cols == records_[i - 1].head.rows) continue;
-    messages() << "ERROR: " << kEvaluate << ": layer " << i + 1 << " does not fit the model\n";
+    report({"ERROR: ", kEvaluate, ": layer ", i + 1, " does not fit the model"});
     return false;
   }
   return true;
@@ -163,7 +162,7 @@ int ImageFwdPass::open(const void* image, std::size_t length, ImageChecksum chec
   featureDesc_ = DbnFeatureDescription(DbnFeatureDescription::FeatType::MelDeltas);
   deltasNorm_ = MelDeltasNorm();
   if (length > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-    messages() << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+    report({"ERROR: MultiLayerNNModel: model is too large for a binary image"});
     return 1;
   }
   DbnFeatureDescription featureDesc = featureDesc_;
@@ -217,7 +216,7 @@ int ImageFwdPass::evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs
 int ImageFwdPass::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
                       std::vector<LayerResult>* trace) {
   if (layers_ == nullptr || layers_->count() == 0) {
-    messages() << "ERROR: " << kEvaluate << ": model has no layers\n";
+    report({"ERROR: ", kEvaluate, ": model has no layers"});
     return 1;
   }
   if (!layers_->fit() || !inputsFit(inputs, numInputs(), kEvaluate)) return 1;

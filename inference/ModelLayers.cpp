@@ -1,8 +1,6 @@
 #include "inference/ModelLayers.h"
 
-#include <ostream>
-
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -31,7 +29,7 @@ bool keepsInvariants(const NNLayer& layer) {
 
 bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
   if (model.layers.empty()) {
-    messages() << "ERROR: " << operation << ": model has no layers\n";
+    report({"ERROR: ", operation, ": model has no layers"});
     return false;
   }
   const NNLayer* previous = nullptr;
@@ -40,7 +38,7 @@ bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
     const bool fits = layer != nullptr && keepsInvariants(*layer) &&
                       (previous == nullptr || layer->weights.cols() == previous->weights.rows());
     if (!fits) {
-      messages() << "ERROR: " << operation << ": layer " << i + 1 << " does not fit the model\n";
+      report({"ERROR: ", operation, ": layer ", i + 1, " does not fit the model"});
       return false;
     }
     previous = layer;
@@ -51,8 +49,7 @@ bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
 bool inputsFit(const Eigen::Ref<const Eigen::MatrixXf>& inputs, int expected,
                const char* operation) {
   if (inputs.rows() == expected) return true;
-  messages() << "ERROR: " << operation << ": expected " << expected << " inputs but got "
-             << inputs.rows() << "\n";
+  report({"ERROR: ", operation, ": expected ", expected, " inputs but got ", inputs.rows()});
   return false;
 }
 

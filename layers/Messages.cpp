@@ -1,32 +1,130 @@
 #include "layers/Messages.h"
 
+#include <algorithm>
+#include <atomic>
+#include <charconv>
 #include <cstdio>
-#include <iostream>
-#include <locale>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <mutex>
+
+#include "layers/Report.h"
 
 namespace mlnn {
 namespace {
 
-// What collects this thread's messages; null where they go to the standard error stream.
-thread_local std::ostream* collector = nullptr;
+constexpr std::size_t kLastErrorSize = 512;
 
-}  // namespace
+void printByStdio(const char* line, std::size_t length) { std::fwrite(line, 1, length, stderr); }
 
-std::ostream& messages() { return collector == nullptr ? std::cerr : *collector; }
+// What collects this thread's messages; null where nothing does.
+thread_local std::vector<Message>* collected = nullptr;
 
-void printMessage(const char* text) {
-  if (collector == nullptr) {
-    std::fputs(text, stderr);
+// An array, so that it neither takes memory nor ends before the thread's last message.
+thread_local char lastErrorText[kLastErrorSize] = {};
+
+struct Sink {
+  MessageSink take;
+  void* data;
+};
+
+std::mutex sinkMutex;
+Sink processSink = {};
+
+std::atomic<LinePrinter> linePrinter = printByStdio;
+
+Sink currentSink() {
+  const std::lock_guard<std::mutex> lock(sinkMutex);
+  return processSink;
+}
+
+bool startsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
+// "ERRROR" is fixed by the format's users.
+Severity severityOf(std::string_view text) {
+  if (startsWith(text, "ERROR: ") || startsWith(text, "ERRROR: ")) return Severity::kError;
+  return startsWith(text, "Warning: ") ? Severity::kWarning : Severity::kInfo;
+}
+
+void remember(std::string_view error) {
+  const std::size_t length = std::min(error.size(), kLastErrorSize - 1);
+  std::memcpy(lastErrorText, error.data(), length);
+  lastErrorText[length] = '\0';
+}
+
+// The text of a message, and a byte behind it.
+class Text {
+ public:
+  explicit Text(std::initializer_list<MessagePiece> pieces) {
+    for (const MessagePiece& piece : pieces) length_ += piece.text().size();
+    if (length_ >= sizeof few_) many_.reset(new char[length_ + 1]);
+    char* end = bytes();
+    for (const MessagePiece& piece : pieces) {
+      end = std::copy(piece.text().begin(), piece.text().end(), end);
+    }
+  }
+
+  std::string_view endingIn(char last) {
+    bytes()[length_] = last;
+    return {bytes(), length_};
+  }
+
+ private:
+  char* bytes() { return many_ ? many_.get() : few_; }
+
+  std::size_t length_ = 0;
+  char few_[256];
+  std::unique_ptr<char[]> many_;
+};
+
+void deliver(std::initializer_list<MessagePiece> pieces, LinePrinter print) {
+  Text message(pieces);
+  const std::string_view text = message.endingIn('\0');
+  const Severity severity = severityOf(text);
+  if (severity == Severity::kError) remember(text);
+  if (collected != nullptr) {
+    collected->push_back({severity, std::string(text)});
+  } else if (const Sink sink = currentSink(); sink.take != nullptr) {
+    sink.take(severity, text, sink.data);
   } else {
-    *collector << text;
+    print(message.endingIn('\n').data(), text.size() + 1);
   }
 }
 
-CollectedMessages::CollectedMessages() : outer_(collector) {
-  out_.imbue(std::locale::classic());
-  collector = &out_;
+}  // namespace
+
+MessagePiece::MessagePiece(bool isNegative, uint64_t magnitude) {
+  digits_[0] = '-';  // overwritten where there is none
+  const auto result = std::to_chars(digits_ + (isNegative ? 1 : 0), std::end(digits_), magnitude);
+  text_ = {digits_, static_cast<std::size_t>(result.ptr - digits_)};
 }
 
-CollectedMessages::~CollectedMessages() { collector = outer_; }
+void report(std::initializer_list<MessagePiece> pieces) { deliver(pieces, linePrinter.load()); }
+
+void reportByStdio(const char* text) { deliver({text}, printByStdio); }
+
+void setLinePrinter(LinePrinter printer) { linePrinter = printer; }
+
+void setMessageSink(MessageSink sink, void* data) {
+  const std::lock_guard<std::mutex> lock(sinkMutex);
+  processSink = {sink, data};
+}
+
+CollectedMessages::CollectedMessages() : outer_(collected) { collected = &messages_; }
+
+CollectedMessages::~CollectedMessages() { collected = outer_; }
+
+std::string CollectedMessages::text() const {
+  std::string text;
+  for (const Message& message : messages_) (text += message.text) += '\n';
+  return text;
+}
+
+const char* lastError() { return lastErrorText; }
+
+void clearLastError() { lastErrorText[0] = '\0'; }
 
 }  // namespace mlnn

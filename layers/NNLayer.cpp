@@ -1,10 +1,9 @@
 #include "layers/NNLayer.h"
 
-#include <ostream>
 #include <random>
 
 #include "features/EigenAssign.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 
 namespace {
 
@@ -36,16 +35,14 @@ bool sameVectorLengths(const NNLayer& a, const NNLayer& b) {
 }
 
 void printShapesDiffer(const NNLayer& a, const NNLayer& b) {
-  mlnn::messages() << "ERROR: NNLayer::operator+=: layer shapes differ (" << a.weights.rows() << "x"
-                   << a.weights.cols() << " != " << b.weights.rows() << "x" << b.weights.cols()
-                   << ")\n";
+  mlnn::report({"ERROR: NNLayer::operator+=: layer shapes differ (", a.weights.rows(), "x",
+                a.weights.cols(), " != ", b.weights.rows(), "x", b.weights.cols(), ")"});
 }
 
 void printKindsDiffer(const NNLayer& target) {
-  mlnn::messages() << "ERROR: NNLayer::operator+=: cannot add "
-                   << (target.isBatchNorm ? "a plain layer to a batch-norm layer"
-                                          : "a batch-norm layer to a plain layer")
-                   << "\n";
+  mlnn::report({"ERROR: NNLayer::operator+=: cannot add ",
+                target.isBatchNorm ? "a plain layer to a batch-norm layer"
+                                   : "a batch-norm layer to a plain layer"});
 }
 
 }  // namespace

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <ostream>
 #include <string>
 
 #include "layers/ByteIo.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/ModelFormat.h"
 
 namespace mlnn {
@@ -20,7 +19,7 @@ std::string shorterThanHead(std::size_t length) {
 int ImageReader::read() {
   if (length_ < kMinImageLength) return -1;
   if (std::memcmp(head_, kMagic, kMagicLength) != 0) {
-    messages() << "ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'\n";
+    report({"ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'"});
     return -1;
   }
   if (!readFeatureDescription() || !readNormalisation() || !readLayerCount()) return -1;
@@ -30,7 +29,7 @@ int ImageReader::read() {
 
 bool ImageReader::has(std::size_t offset, std::size_t count) const {
   if (offset + count <= length_) return true;
-  messages() << "ERROR: MultiLayerNNModel::deserializeBinary: " << shorterThanHead(length_) << "\n";
+  report({"ERROR: MultiLayerNNModel::deserializeBinary: ", shorterThanHead(length_)});
   return false;
 }
 
@@ -42,15 +41,15 @@ bool ImageReader::readFeatureDescription() {
   if (!has(kFeatureDescLengthOffset, sizeof(int32_t))) return false;
   const int32_t length = int32At(kFeatureDescLengthOffset);
   if (length != kFeatureDescLength) {
-    messages() << "ERROR: deserializeBinary: sizeof feature description in model (" << length
-               << ") does not match current size (" << kFeatureDescLength << ")\n";
+    report({"ERROR: deserializeBinary: sizeof feature description in model (", length,
+            ") does not match current size (", kFeatureDescLength, ")"});
     return false;
   }
   if (!has(kFeatureDescOffset, kFeatureDescLength)) return false;
   featureDesc_ = featureDescriptionFromBytes(head_ + kFeatureDescOffset);
   std::string text;
   featureDesc_.serialize(text);
-  messages() << "info: deserializeBinary: feature desc: " << text << "\n";
+  report({"info: deserializeBinary: feature desc: ", text});
   return true;
 }
 
@@ -59,8 +58,8 @@ bool ImageReader::readNormalisation() {
   if (!has(kMinvalsLengthOffset, sizeof(int32_t))) return false;
   const int32_t minvalsLength = int32At(kMinvalsLengthOffset);
   if (minvalsLength != kDeltasNormLength) {
-    messages() << "ERRROR: deserializeBinary: deltas min length (" << minvalsLength
-               << ") does not match expected length (" << kDeltasNormLength << ")\n";
+    report({"ERRROR: deserializeBinary: deltas min length (", minvalsLength,
+            ") does not match expected length (", kDeltasNormLength, ")"});
     return false;
   }
   if (!has(kMinvalsOffset, kDeltasNormBytes)) return false;
@@ -70,8 +69,8 @@ bool ImageReader::readNormalisation() {
   if (!has(kNormvalsLengthOffset, sizeof(int32_t))) return false;
   const int32_t normvalsLength = int32At(kNormvalsLengthOffset);
   if (normvalsLength != kDeltasNormLength) {
-    messages() << "ERRROR: deserializeBinary: deltas norm length (" << normvalsLength
-               << ") does not match expected length (" << kDeltasNormLength << ")\n";
+    report({"ERRROR: deserializeBinary: deltas norm length (", normvalsLength,
+            ") does not match expected length (", kDeltasNormLength, ")"});
     return false;
   }
   if (!has(kNormvalsOffset, kDeltasNormBytes)) return false;
@@ -84,8 +83,7 @@ bool ImageReader::readLayerCount() {
   const int32_t count = int32At(kLayerCountOffset);
   const auto room = static_cast<int64_t>((length_ - kHeadLength) / kMinLayerRecordLength);
   if (count < 0 || count > room + kMissingLayersAllowed) {
-    messages() << "ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count " << count
-               << "\n";
+    report({"ERROR: MultiLayerNNModel::deserializeBinary: invalid layer count ", count});
     return false;
   }
   layerCount_ = static_cast<std::size_t>(count);
@@ -100,8 +98,8 @@ bool ImageReader::readLayers() {
   while (layersRead_ < layerCount_ && position_ < length_) {
     const RecordResult record = readLayer(layersRead_, position_, end - position_);
     if (record.length <= 0) {
-      messages() << "ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: "
-                 << layersRead_ << "\n";
+      report({"ERROR: MultiLayerNNModel::deserializeBinary: could not read layer index: ",
+              layersRead_});
       return false;
     }
     position_ += static_cast<std::size_t>(record.length);
@@ -109,7 +107,7 @@ bool ImageReader::readLayers() {
     ++layersRead_;
   }
   if (position_ != length_) {  // a warning only
-    messages() << "ERROR: MultiLayerNNModel::deserializeBinary: problem deserializing model\n";
+    report({"ERROR: MultiLayerNNModel::deserializeBinary: problem deserializing model"});
   }
   return true;
 }
@@ -120,8 +118,8 @@ bool ImageReader::checksumMatches() {
   for (std::size_t i = layersRead_; i < layerCount_; ++i) computed += checksumOfUnread(i);
   const auto stored = static_cast<uint32_t>(int32At(kChecksumOffset));
   if (computed == stored) return true;
-  messages() << "ERROR: MultiLayerNNModel::deserializeBinary: checksums did not match (" << stored
-             << " != " << computed << ")\n";
+  report({"ERROR: MultiLayerNNModel::deserializeBinary: checksums did not match (", stored,
+          " != ", computed, ")"});
   return false;
 }
 

@@ -3,14 +3,16 @@
 #include "model/MultiLayerNNModel.h"
 
 #include <memory>
-#include <ostream>
 #include <utility>
 
 #include "inference/NNFwdPassFromFile.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/LayerStack.h"
 
 namespace {
+
+// A model reads from streams and writes to them, so who has one has std::cerr as well.
+[[maybe_unused]] const bool kReportsToStream = mlnn::reportToStandardErrorStream();
 
 // Takes a new layer into the stack; when there is no memory for the entry, nothing leaks.
 void append(std::vector<NNLayer*>& layers, std::unique_ptr<NNLayer> layer) {
@@ -95,7 +97,7 @@ void MultiLayerNNModel::swap(MultiLayerNNModel& other) noexcept {
 int MultiLayerNNModel::createFirstLayer(int numInputs, int numOutputs, float initScale,
                                         bool isBatchNorm) {
   if (!layers.empty()) {
-    mlnn::messages() << "ERROR: NN Model: cannot createFirstLayer if already have layers\n";
+    mlnn::report({"ERROR: NN Model: cannot createFirstLayer if already have layers"});
     return 1;
   }
   append(layers, std::make_unique<NNLayer>(numInputs, numOutputs, initScale, isBatchNorm));
@@ -104,7 +106,7 @@ int MultiLayerNNModel::createFirstLayer(int numInputs, int numOutputs, float ini
 
 int MultiLayerNNModel::addLayerRndInit(int numOutputs, float initScale, bool isBatchNorm) {
   if (layers.empty()) {
-    mlnn::messages() << "ERROR: NN Model: cannot addLayerRndInit without previous hidden layers\n";
+    mlnn::report({"ERROR: NN Model: cannot addLayerRndInit without previous hidden layers"});
     return 1;
   }
   const int previous = outputsOf(layers.back());
@@ -134,9 +136,8 @@ NNFwdPassFromFile* MultiLayerNNModel::createFwdPass() { return new NNFwdPassFrom
 
 void MultiLayerNNModel::operator+=(const MultiLayerNNModel& other) {
   if (layers.size() != other.layers.size()) {
-    mlnn::messages()
-        << "ERROR: MultiLayerNNModel::operator+=: model adding has wrong number of layers ("
-        << layers.size() << " != " << other.layers.size() << ")\n";
+    mlnn::report({"ERROR: MultiLayerNNModel::operator+=: model adding has wrong number of layers (",
+                  layers.size(), " != ", other.layers.size(), ")"});
     return;
   }
   NNLayer missing;
@@ -177,7 +178,7 @@ std::string MultiLayerNNModel::getProp(const std::string& key) const {
 }
 
 void MultiLayerNNModel::setProp(const std::string& key, const std::string& value) {
-  mlnn::messages() << "info: setting '" << key << "' = '" << value << "'\n";
+  mlnn::report({"info: setting '", key, "' = '", value, "'"});
   props[key] = value;
 }
 

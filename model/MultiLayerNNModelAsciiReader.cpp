@@ -10,12 +10,11 @@
 #include <limits>
 #include <locale>
 #include <memory>
-#include <ostream>
 #include <sstream>
 
 #include "features/string_split.h"
 #include "layers/FreshMemory.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
@@ -52,13 +51,13 @@ void extract_norm_params(float* out, const std::string& line) {
   string_split(fields, line, " \t");
   if (fields.size() <= kValuesField || fields[0] != "#" || fields[1] != "TRAIN" ||
       fields[2] != "rbm_train") {
-    mlnn::messages() << "ERROR: extract_norm_params: could not parse line\n";
+    mlnn::report({"ERROR: extract_norm_params: could not parse line"});
     return;
   }
   string_split(fields, fields[kValuesField], ",");
   if (fields.size() != std::size_t{mlnn::kDeltasNormLength}) {
-    mlnn::messages() << "ERROR: extract_norm_params: did not find " << mlnn::kDeltasNormLength
-                     << " values, found " << fields.size() << " instead\n";
+    mlnn::report({"ERROR: extract_norm_params: did not find ", mlnn::kDeltasNormLength,
+                  " values, found ", fields.size(), " instead"});
     return;
   }
   for (const std::string& field : fields) *out++ = std::strtof(field.c_str(), nullptr);
@@ -153,7 +152,7 @@ class AsciiReader {
   // Prints an error line made of the pieces and returns false.
   template <typename... Pieces>
   static bool refuse(const Pieces&... pieces) {
-    ((mlnn::messages() << "ERROR: MultiLayerNNModel::deserializeAscii: ") << ... << pieces) << "\n";
+    mlnn::report({"ERROR: MultiLayerNNModel::deserializeAscii: ", pieces...});
     return false;
   }
 
@@ -291,7 +290,7 @@ bool AsciiReader::readFeatureDescription(const std::string& line) {
   if (model_.featureDesc.deserialize(text) != 0) {
     return refuse(" could not deserialize feature description string: ", text);
   }
-  mlnn::messages() << "info: NNModel::deserialize: feat_desc " << text << "\n";
+  mlnn::report({"info: NNModel::deserialize: feat_desc ", text});
   featureDescFound_ = true;
   return true;
 }

@@ -2,14 +2,13 @@
 #include <algorithm>
 #include <istream>
 #include <limits>
-#include <ostream>
 #include <utility>
 #include <vector>
 
 #include "layers/ByteIo.h"
 #include "layers/FreshMemory.h"
-#include "layers/Messages.h"
 #include "layers/NNLayerRecord.h"
+#include "layers/Report.h"
 #include "model/ImageReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
@@ -41,7 +40,7 @@ int imageLength(const MultiLayerNNModel& model, const Plans& plans) {
     length += mlnn::recordLength(mlnn::layerOrEmpty(model.layers[i]), plans[i]);
   }
   if (length <= uint64_t{kMaxImageLength}) return static_cast<int>(length);
-  mlnn::messages() << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+  mlnn::report({"ERROR: MultiLayerNNModel: model is too large for a binary image"});
   return -1;
 }
 
@@ -203,8 +202,8 @@ int mlnn::readImage(MultiLayerNNModel& model, std::istream& in, std::size_t leng
   LoadedImage image;
   ImageLoader loader(in, length);
   if (!loader.load(image)) {
-    mlnn::messages() << "ERROR: MultiLayerNNModel: stream ended after " << loader.position()
-                     << " of " << length << " bytes\n";
+    mlnn::report({"ERROR: MultiLayerNNModel: stream ended after ", loader.position(), " of ",
+                  length, " bytes"});
     return -1;
   }
   return LoadedImageReader(image, length, model).read();

@@ -4,9 +4,8 @@
 #include <limits>
 #include <locale>
 #include <memory>
-#include <ostream>
 
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/ModelFormat.h"
 #include "model/ModelImage.h"
 #include "model/MultiLayerNNModel.h"
@@ -25,11 +24,11 @@ std::streamoff lengthOf(std::istream& in) {
 int loadImage(MultiLayerNNModel& model, std::istream& in) {
   const std::streamoff length = lengthOf(in);
   if (length <= 0) {
-    mlnn::messages() << "ERROR: MultiLayerNNModel: could not tell the length of the stream\n";
+    mlnn::report({"ERROR: MultiLayerNNModel: could not tell the length of the stream"});
     return 1;
   }
   if (length > std::numeric_limits<int>::max()) {
-    mlnn::messages() << "ERROR: MultiLayerNNModel: model is too large for a binary image\n";
+    mlnn::report({"ERROR: MultiLayerNNModel: model is too large for a binary image"});
     return 1;
   }
   in.seekg(0);
@@ -42,7 +41,7 @@ int MultiLayerNNModel::deserialize(std::istream& in) {
   char start[mlnn::kMagicLength] = {};
   in.read(start, sizeof start);
   if (in.eof()) {
-    mlnn::messages() << "ERROR: MultiLayerNNModel: Could not read header\n";
+    mlnn::report({"ERROR: MultiLayerNNModel: Could not read header"});
     return 1;
   }
   if (std::memcmp(start, mlnn::kMagic, sizeof start) == 0) return loadImage(*this, in);
@@ -56,7 +55,7 @@ int MultiLayerNNModel::deserialize(const char* fileName) {
   in.rdbuf()->pubsetbuf(buffer.get(), kFileBuffer);
   in.open(fileName, std::ios::in);
   if (!in) {
-    mlnn::messages() << "ERROR: MultiLayerNNModel: could not read file: " << fileName << "\n";
+    mlnn::report({"ERROR: MultiLayerNNModel: could not read file: ", fileName});
     return 1;
   }
   in.imbue(std::locale::classic());  // the program's global locale says nothing about files

@@ -2,10 +2,9 @@
 // norm, reduction of precision.
 #include <cstdio>
 #include <optional>
-#include <ostream>
 
 #include "features/EigenAssign.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/LayerStack.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/PrecisionGrid.h"
@@ -35,9 +34,9 @@ void fold(NNLayer& layer) {
 // printf's "%f" whatever format the stream of messages has: fixed by the format of the line.
 void printRange(const mlnn::ValueRange& range, int bits) {
   char line[256];  // three numbers of at most 47 characters, one of 10, and the words
-  std::snprintf(line, sizeof line, "v_range %f - %f (%f), p_range %ld\n", double{range.smallest},
+  std::snprintf(line, sizeof line, "v_range %f - %f (%f), p_range %ld", double{range.smallest},
                 double{range.largest}, double{range.width()}, long{mlnn::gridSteps(bits)});
-  mlnn::printMessage(line);
+  mlnn::reportByStdio(line);
 }
 
 }  // namespace
@@ -45,18 +44,17 @@ void printRange(const mlnn::ValueRange& range, int bits) {
 int MultiLayerNNModel::convBatchNorm() {
   for (std::size_t i = 0; i < layers.size(); ++i) {
     if (!mlnn::layerOrEmpty(layers[i]).isBatchNorm) {
-      mlnn::messages()
-          << "Warning: request to translate batch norm network but layer is not batch norm: "
-             "index="
-          << i << "\n";
+      mlnn::report(
+          {"Warning: request to translate batch norm network but layer is not batch norm: "
+           "index=",
+           i});
       continue;
     }
     if (layers[i]->gamma_inf.sum() == 0.0f) {
-      mlnn::messages()
-          << "ERROR: gamma_inf is zero in layer with index " << i
-          << ".  Can't convert because all weights will become zero.\n"
-             "       Call batch_norm_post_process before attempting to convert a batch norm "
-             "network\n";
+      mlnn::report({"ERROR: gamma_inf is zero in layer with index ", i,
+                    ".  Can't convert because all weights will become zero.\n"
+                    "       Call batch_norm_post_process before attempting to convert a batch norm "
+                    "network"});
       return 1;
     }
     fold(*layers[i]);
@@ -66,8 +64,8 @@ int MultiLayerNNModel::convBatchNorm() {
 
 void MultiLayerNNModel::retainPrecisionBits(int bits) {
   if (bits < 0 || bits > 31) {
-    mlnn::messages() << "ERROR: MultiLayerNNModel::retainPrecisionBits: bits must be 0 to 31, got "
-                     << bits << "\n";
+    mlnn::report(
+        {"ERROR: MultiLayerNNModel::retainPrecisionBits: bits must be 0 to 31, got ", bits});
     return;
   }
   const std::optional<mlnn::ValueRange> found = mlnn::parameterRange(layers);
