@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "analysis/diagnosis/TextDiagnosis.h"
 #include "tests/support/LinearTime.h"
 #include "tests/support/TestModels.h"
 #include "tools/Failure.h"
-#include "tools/TextDiagnosis.h"
 #include "tools/files/Frames.h"
 #include "tools/files/Npy.h"
 

@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
+#include "analysis/ModelAverage.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
-#include "tools/ModelAverage.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
 #include "tools/files/ModelSaving.h"

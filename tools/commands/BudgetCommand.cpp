@@ -3,9 +3,9 @@
 #include <cmath>
 #include <iostream>
 
+#include "analysis/FrameTimer.h"
+#include "analysis/ModelBudget.h"
 #include "text/Numbers.h"
-#include "tools/FrameTimer.h"
-#include "tools/ModelBudget.h"
 #include "tools/commands/NumberRange.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/Json.h"

@@ -4,12 +4,12 @@
 #include <optional>
 #include <sstream>
 
+#include "analysis/ModelDigest.h"
+#include "analysis/ModelSuspicions.h"
+#include "analysis/diagnosis/Diagnosis.h"
+#include "analysis/diagnosis/TextDiagnosis.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
-#include "tools/Diagnosis.h"
-#include "tools/ModelDigest.h"
-#include "tools/ModelSuspicions.h"
-#include "tools/TextDiagnosis.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <iostream>
 
+#include "analysis/TraceComparison.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
-#include "tools/TraceComparison.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/reports/DifferenceReport.h"
 #include "tools/reports/Json.h"

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "analysis/BehaviourDiff.h"
 #include "text/Numbers.h"
-#include "tools/BehaviourDiff.h"
 #include "tools/Failure.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"

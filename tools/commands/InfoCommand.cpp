@@ -2,9 +2,9 @@
 
 #include <iostream>
 
+#include "analysis/WeightForms.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
-#include "tools/WeightForms.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"

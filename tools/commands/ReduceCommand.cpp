@@ -9,11 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include "analysis/PrecisionSweep.h"
+#include "inference/Evaluation.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
-#include "tools/Evaluation.h"
 #include "tools/Failure.h"
-#include "tools/PrecisionSweep.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "inference/CodedFwdPass.h"
+#include "inference/Evaluation.h"
+#include "inference/RecordingInputs.h"
 #include "text/Escape.h"
-#include "tools/Evaluation.h"
 #include "tools/Failure.h"
-#include "tools/Inputs.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelFile.h"

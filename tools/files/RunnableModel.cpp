@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "tools/Evaluation.h"
+#include "inference/Evaluation.h"
 
 namespace mlnn {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "inference/FwdPass.h"
-#include "tools/Inputs.h"
+#include "inference/RecordingInputs.h"
 #include "tools/files/ImageFile.h"
 #include "tools/files/ModelFile.h"
 #include "tools/reports/RunReport.h"

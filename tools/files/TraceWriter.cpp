@@ -5,10 +5,10 @@
 #include <memory>
 #include <set>
 
+#include "analysis/Stage.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
-#include "tools/Stage.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 

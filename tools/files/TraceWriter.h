@@ -1,4 +1,4 @@
-// Traces — folders that hold what every stage of a forward pass computed (tools/Stage.h), each
+// Traces — folders that hold what every stage of a forward pass computed (analysis/Stage.h), each
 // stage a .npy file of frames x values under its name.
 #pragma once
 
@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "inference/RecordingInputs.h"
 #include "model/MultiLayerNNModel.h"
-#include "tools/Inputs.h"
 #include "tools/files/OwnInputs.h"
 #include "tools/reports/Progress.h"
 

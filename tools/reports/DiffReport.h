@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/BehaviourDiff.h"
-#include "tools/NumberDiff.h"
-#include "tools/StatementDiff.h"
+#include "analysis/BehaviourDiff.h"
+#include "analysis/NumberDiff.h"
+#include "analysis/StatementDiff.h"
 
 namespace mlnn {
 

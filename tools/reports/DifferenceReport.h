@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/Difference.h"
+#include "analysis/Difference.h"
 #include "tools/reports/Table.h"
 
 namespace mlnn {

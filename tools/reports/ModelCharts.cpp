@@ -3,8 +3,8 @@
 #include <cmath>
 #include <limits>
 
+#include "analysis/Histogram.h"
 #include "text/Numbers.h"
-#include "tools/Histogram.h"
 
 namespace mlnn {
 namespace {

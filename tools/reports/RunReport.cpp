@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "inference/Evaluation.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
-#include "tools/Evaluation.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "tools/PrecisionSweep.h"
+#include "analysis/PrecisionSweep.h"
 
 namespace mlnn {
 

@@ -1,0 +1,80 @@
+// BehaviourDiff — runs two models over the same frames, and finds where their results part.
+#pragma once
+
+#include <Eigen/Core>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "analysis/Difference.h"
+#include "analysis/Stage.h"
+#include "inference/RecordingInputs.h"
+#include "model/MultiLayerNNModel.h"
+#include "tools/reports/Progress.h"
+
+namespace mlnn {
+
+// How far apart the models are at one stage (analysis/Stage.h) over all frames.
+struct StageDifference {
+  std::string stage;
+  Eigen::Index valuesA = 0;  // values for one frame
+  Eigen::Index valuesB = 0;
+  Difference difference;  // none when the models have not as many values
+
+  // Whether the models part here: other numbers of values, or a difference over `tolerance`.
+  bool isBeyond(double tolerance) const;
+};
+
+// Where a stage differs most, counted from 0.
+struct FramePlace {
+  std::string recording;
+  Eigen::Index frame = 0;
+  Eigen::Index unit = 0;
+};
+
+class BehaviourDiff {
+ public:
+  // REQUIRES: both models outlive this object and do not change.
+  BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b);
+
+  // Runs both models over the frames of recordings, each on the input vectors that its own
+  // description makes of them, and adds up the differences. Shows its progress.
+  // Throws: Failure when a recording cannot be read or a model cannot be run over it.
+  void addRecordings(const std::vector<std::string>& names, bool stacked);
+
+  // The inputs, the layers that both models have, and the outputs, in this order.
+  const std::vector<StageDifference>& stages() const { return stages_; }
+  const StageDifference& outputs() const { return stages_.back(); }
+
+  // Returns the first stage where the models part, or null.
+  const StageDifference* firstBeyond(double tolerance) const;
+
+  FramePlace placeOfLargest(const StageDifference& stage) const;
+
+  std::size_t recordings() const { return recordings_; }
+  std::size_t frames() const { return frames_; }
+
+  // Frames for which both models have the same best class.
+  std::size_t sameDecisions() const { return sameDecisions_; }
+
+ private:
+  struct Block {
+    std::string recording;
+    Eigen::Index firstFrame;
+  };
+
+  void addRecording(const std::string& name, const Eigen::MatrixXf& frames, bool stacked,
+                    Progress& progress);
+  void addBlock(const StageValues& a, const StageValues& b);
+
+  MultiLayerNNModel& a_;
+  MultiLayerNNModel& b_;
+  std::vector<StageDifference> stages_;
+  std::vector<Block> blocks_;  // what Difference::Place calls a pair
+  std::size_t recordings_ = 0;
+  std::size_t frames_ = 0;
+  std::size_t sameDecisions_ = 0;
+};
+
+}  // namespace mlnn

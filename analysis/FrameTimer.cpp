@@ -1,0 +1,128 @@
+#include "analysis/FrameTimer.h"
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "inference/NNFwdPassFromFile.h"
+#include "tools/Failure.h"
+#include "tools/reports/Progress.h"
+
+namespace mlnn {
+namespace {
+
+constexpr double kWarmUpShare = 0.2;       // of the whole time, before anything is measured
+constexpr double kMinMeasurement = 0.001;  // seconds; much longer than the clock's own steps
+constexpr std::size_t kMinMeasurements = 5;
+constexpr std::size_t kProgressSteps = 100;
+
+double processorSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// Some frames with values in 0..1, as normalised features have; the same ones every time.
+Eigen::MatrixXf randomFrames(Eigen::Index width) {
+  constexpr Eigen::Index kFrames = 8;
+  std::mt19937 random(1);
+  Eigen::MatrixXf frames(width, kFrames);
+  for (Eigen::Index i = 0; i < frames.size(); ++i) {
+    frames.data()[i] = static_cast<float>(random() >> 8) / static_cast<float>(1u << 24);
+  }
+  return frames;
+}
+
+class Timer {
+ public:
+  explicit Timer(MultiLayerNNModel& model)
+      : pass_(model.createFwdPass()), frames_(randomFrames(model.numInputs())) {}
+
+  // Evaluates `count` frames and returns the processor time that it took.
+  double evaluate(std::size_t count) {
+    const double start = processorSeconds();
+    for (std::size_t i = 0; i < count; ++i) {
+      const Eigen::Index frame = evaluated_++ % frames_.cols();
+      if (pass_->evaluate(frames_.col(frame), outputs_) != 0) {
+        throw Failure("the model cannot be run");
+      }
+    }
+    return processorSeconds() - start;
+  }
+
+  std::size_t evaluated() const { return static_cast<std::size_t>(evaluated_); }
+
+ private:
+  std::unique_ptr<NNFwdPassFromFile> pass_;
+  Eigen::MatrixXf frames_;
+  Eigen::MatrixXf outputs_;
+  Eigen::Index evaluated_ = 0;
+};
+
+// A bar that shows how much of some processor time is spent.
+class SpentTime {
+ public:
+  explicit SpentTime(double seconds) : seconds_(seconds) {}
+
+  void add(double seconds) {
+    spent_ += seconds;
+    const double share = std::min(spent_ / seconds_, 1.0);
+    const auto steps = static_cast<std::size_t>(share * double{kProgressSteps});
+    progress_.advance(steps - shown_);
+    shown_ = steps;
+  }
+
+ private:
+  Progress progress_{"measuring", kProgressSteps};
+  double seconds_;
+  double spent_ = 0;
+  std::size_t shown_ = 0;
+};
+
+// Warms up, and finds how many frames make one measurement.
+std::size_t framesInMeasurement(Timer& timer, double seconds, SpentTime& shown) {
+  std::size_t frames = 1;
+  for (double spent = 0;;) {
+    const double took = timer.evaluate(frames);
+    spent += took;
+    shown.add(took);
+    if (took < kMinMeasurement) {
+      frames *= 2;
+    } else if (spent >= seconds) {
+      return frames;
+    }
+  }
+}
+
+FrameTime summary(std::vector<double> times, std::size_t frames) {
+  std::sort(times.begin(), times.end());
+  const std::size_t middle = times.size() / 2;
+  const double median =
+      times.size() % 2 == 1 ? times[middle] : (times[middle - 1] + times[middle]) / 2;
+  return {median, times.front(), times.back(), frames};
+}
+
+}  // namespace
+
+FrameTime timeFrames(MultiLayerNNModel& model, double seconds) {
+  Timer timer(model);
+  const double warmUp = kWarmUpShare * seconds;
+  SpentTime shown(warmUp + seconds);
+  const std::size_t frames = framesInMeasurement(timer, warmUp, shown);
+  const std::size_t before = timer.evaluated();
+  std::vector<double> times;
+  for (double spent = 0; spent < seconds || times.size() < kMinMeasurements;) {
+    const double took = timer.evaluate(frames);
+    spent += took;
+    times.push_back(took / static_cast<double>(frames));
+    shown.add(took);
+  }
+  return summary(std::move(times), timer.evaluated() - before);
+}
+
+}  // namespace mlnn

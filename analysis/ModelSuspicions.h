@@ -1,0 +1,16 @@
+// suspicionsOf — what is odd about a model that loads.
+#pragma once
+
+#include <vector>
+
+#include "analysis/Suspicion.h"
+#include "tools/files/ModelFile.h"
+
+namespace mlnn {
+
+// Returns what can hardly be meant in a model: what would make it give nonsense, or nothing,
+// without any message. The activations that its file does not record have been set, where the
+// property names one (tools/files/ModelFile.h).
+std::vector<Suspicion> suspicionsOf(const ModelFile& file);
+
+}  // namespace mlnn

@@ -1,0 +1,97 @@
+#include "analysis/PrecisionSweep.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "analysis/Difference.h"
+#include "inference/Evaluation.h"
+#include "tools/SilencedStderr.h"
+#include "tools/files/InputFile.h"
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+
+MultiLayerNNModel reduced(const MultiLayerNNModel& model, int bits) {
+  MultiLayerNNModel copy(model);
+  const SilencedStderr silence;  // the range is the same for every number of bits
+  copy.retainPrecisionBits(bits);
+  return copy;
+}
+
+// The errors of single parameters.
+class Errors {
+ public:
+  void add(const Eigen::Ref<const Eigen::MatrixXf>& exact,
+           const Eigen::Ref<const Eigen::MatrixXf>& found) {
+    for (Index c = 0; c < exact.cols(); ++c) {
+      for (Index r = 0; r < exact.rows(); ++r) {
+        const double error = absoluteDifference(exact(r, c), found(r, c));
+        largest_ = std::max(largest_, error);
+        sum_ += error;
+        ++count_;
+      }
+    }
+  }
+
+  double largest() const { return largest_; }
+  double mean() const { return count_ == 0 ? 0 : sum_ / static_cast<double>(count_); }
+
+ private:
+  double largest_ = 0;
+  double sum_ = 0;
+  std::size_t count_ = 0;
+};
+
+// A batch-norm layer does not compute with its bias, and its own vectors are not reduced.
+Errors errorsOf(const MultiLayerNNModel& exact, const MultiLayerNNModel& found) {
+  Errors errors;
+  for (std::size_t i = 0; i < exact.layers.size(); ++i) {
+    const NNLayer& layer = *exact.layers[i];
+    errors.add(layer.weights, found.layers[i]->weights);
+    if (!layer.isBatchNorm) errors.add(layer.bias, found.layers[i]->bias);
+  }
+  return errors;
+}
+
+void addOutputs(const Eigen::MatrixXf& exact, const Eigen::MatrixXf& found, PrecisionLoss& loss) {
+  for (Index f = 0; f < exact.cols(); ++f) {
+    for (Index c = 0; c < exact.rows(); ++c) {
+      loss.largestOutputDifference =
+          std::max(loss.largestOutputDifference, absoluteDifference(exact(c, f), found(c, f)));
+    }
+    if (bestClass(exact.col(f)) == bestClass(found.col(f))) ++loss.sameBestClass;
+  }
+}
+
+}  // namespace
+
+void PrecisionSweep::addRecording(const std::string& name, Eigen::MatrixXf frames, bool stacked,
+                                  std::optional<Index> knownClass, Progress& progress) {
+  const Inputs inputs = Inputs::forFrames(model_, frames.rows(), stacked, inputName(name));
+  Eigen::MatrixXf outputs = evaluateFrames(model_, frames, inputs, progress);
+  frames_ += static_cast<std::size_t>(frames.cols());
+  if (knownClass && recordingClass(outputs) == *knownClass) ++rightRecordings_;
+  recordings_.push_back({std::move(frames), inputs, std::move(outputs), knownClass});
+}
+
+PrecisionLoss PrecisionSweep::measure(int bits, Progress& progress) const {
+  MultiLayerNNModel model = reduced(model_, bits);
+  PrecisionLoss loss;
+  loss.bits = bits;
+  const Errors errors = errorsOf(model_, model);
+  loss.largestWeightError = errors.largest();
+  loss.meanWeightError = errors.mean();
+  for (const Recording& recording : recordings_) {
+    const Eigen::MatrixXf outputs =
+        evaluateFrames(model, recording.frames, recording.inputs, progress);
+    addOutputs(recording.outputs, outputs, loss);
+    if (recording.knownClass && recordingClass(outputs) == *recording.knownClass) {
+      ++loss.rightRecordings;
+    }
+  }
+  return loss;
+}
+
+}  // namespace mlnn

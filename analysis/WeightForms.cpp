@@ -1,0 +1,35 @@
+#include "analysis/WeightForms.h"
+
+#include <cstddef>
+
+#include "layers/CodedWeights.h"
+
+namespace mlnn {
+namespace {
+
+std::string layersText(std::size_t first, std::size_t last) {
+  if (first == last) return "layer " + std::to_string(first);
+  return "layers " + std::to_string(first) + "-" + std::to_string(last);
+}
+
+}  // namespace
+
+const char* weightForm(const NNLayer& layer) {
+  static constexpr const char* kForms[kNumWeightForms] = {"floats", "bytes", "half bytes"};
+  const auto count = static_cast<uint64_t>(layer.weights.size());
+  return kForms[planWeights(layer.weights.data(), count).form];
+}
+
+std::string weightForms(const MultiLayerNNModel& model) {
+  std::string text;
+  for (std::size_t first = 0; first < model.layers.size();) {
+    const std::string form = weightForm(*model.layers[first]);
+    std::size_t next = first + 1;
+    while (next < model.layers.size() && weightForm(*model.layers[next]) == form) ++next;
+    text += (text.empty() ? "" : ", ") + form + " in " + layersText(first + 1, next);
+    first = next;
+  }
+  return text.empty() ? "none" : text;
+}
+
+}  // namespace mlnn

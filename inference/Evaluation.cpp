@@ -1,0 +1,92 @@
+#include "inference/Evaluation.h"
+
+#include <cmath>
+#include <memory>
+
+#include "inference/NNFwdPassFromFile.h"
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+
+constexpr char kLabelsProperty[] = "labels";
+constexpr double kSmallestPosterior = 1e-30;  // keeps one frame from deciding by log(0)
+
+// The first of the largest values, -1 when any is NaN.
+template <typename Vector>
+Index largest(const Vector& values) {
+  Index best = -1;
+  for (Index i = 0; i < values.size(); ++i) {
+    if (std::isnan(values[i])) return -1;
+    if (best < 0 || values[i] > values[best]) best = i;
+  }
+  return best;
+}
+
+// Splits at every comma, and keeps empty pieces.
+std::vector<std::string> splitAtCommas(const std::string& text) {
+  std::vector<std::string> pieces(1);
+  for (const char c : text) {
+    if (c == ',') {
+      pieces.emplace_back();
+    } else {
+      pieces.back() += c;
+    }
+  }
+  return pieces;
+}
+
+}  // namespace
+
+Eigen::MatrixXf evaluateFrames(MultiLayerNNModel& model, const Eigen::MatrixXf& frames,
+                               const Inputs& inputs, Progress& progress) {
+  const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
+  return evaluateFrames(*pass, frames, inputs, progress);
+}
+
+Eigen::MatrixXf evaluateFrames(FwdPass& pass, const Eigen::MatrixXf& frames, const Inputs& inputs,
+                               Progress& progress) {
+  Eigen::MatrixXf outputs(pass.numOutputs(), frames.cols());
+  Eigen::MatrixXf blockOutputs;
+  Index done = 0;
+  inputs.forEachBlock(frames, [&](const Eigen::Ref<const Eigen::MatrixXf>& block) {
+    if (pass.evaluate(block, blockOutputs) != 0) throw Failure("the model cannot be run");
+    outputs.middleCols(done, block.cols()) = blockOutputs;
+    done += block.cols();
+    progress.advance(static_cast<std::size_t>(block.cols()));
+  });
+  return outputs;
+}
+
+Index bestClass(const Eigen::Ref<const Eigen::VectorXf>& outputs) { return largest(outputs); }
+
+Eigen::VectorXd sumOfLogs(const Eigen::MatrixXf& posteriors) {
+  Eigen::VectorXd sums = Eigen::VectorXd::Zero(posteriors.rows());
+  for (Index f = 0; f < posteriors.cols(); ++f) {
+    for (Index c = 0; c < posteriors.rows(); ++c) {
+      const double p = static_cast<double>(posteriors(c, f));
+      sums[c] += std::log(p < kSmallestPosterior ? kSmallestPosterior : p);  // NaN stays NaN
+    }
+  }
+  return sums;
+}
+
+Index recordingClass(const Eigen::MatrixXf& posteriors) { return largest(sumOfLogs(posteriors)); }
+
+std::vector<std::string> classLabels(const MultiLayerNNModel& model) {
+  const auto outputs = static_cast<std::size_t>(model.numOutputs());
+  std::vector<std::string> labels = splitAtCommas(model.getProp(kLabelsProperty));
+  if (labels.size() == outputs) return labels;
+  return classLabels(model.numOutputs());
+}
+
+std::vector<std::string> classLabels(int numOutputs) {
+  std::vector<std::string> labels;
+  labels.reserve(static_cast<std::size_t>(numOutputs));
+  for (int i = 0; i < numOutputs; ++i) labels.push_back(std::to_string(i));
+  return labels;
+}
+
+}  // namespace mlnn

@@ -1,0 +1,128 @@
+#include "inference/RecordingInputs.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "text/Numbers.h"
+#include "tools/Failure.h"
+
+namespace mlnn {
+namespace {
+
+using Eigen::Index;
+using Block = Eigen::Ref<const Eigen::MatrixXf>;
+
+// How many input vectors are handed out at once: no more than these, and no more than make
+// this many values, unless it is one.
+constexpr Index kMaxBlock = 256;
+constexpr Index kMaxBlockValues = Index{1} << 22;
+
+Index blockLength(Index inputLen, Index frames) {
+  const Index fitting = std::max<Index>(kMaxBlockValues / inputLen, 1);
+  return std::min({kMaxBlock, fitting, frames});
+}
+
+int64_t windowOf(const DbnFeatureDescription& desc) {
+  return int64_t{desc.winSizeLeft} + 1 + desc.winSizeRight;
+}
+
+// Whether single frames of that width make input vectors of the model's width.
+bool makesInputs(const InputSide& network, int width) {
+  const DbnFeatureDescription& desc = network.featureDesc;
+  const bool possible = width > 0 && desc.winSizeLeft >= 0 && desc.winSizeRight >= 0;
+  return possible && width * windowOf(desc) == network.numInputs;
+}
+
+int widthOfFrames(const InputSide& network) {
+  if (network.featureDesc.numBands != 0) return network.featureDesc.frameLen();
+  constexpr int kUnstated = static_cast<int>(MelDeltasNorm::kLength);
+  return makesInputs(network, kUnstated) ? kUnstated : 0;
+}
+
+std::string expectedWidths(const InputSide& network) {
+  const std::string inputs = std::to_string(network.numInputs) + " (input vectors)";
+  const int width = widthOfFrames(network);
+  if (width == 0) {
+    return inputs + "; the model does not tell the width of single frames";
+  }
+  const std::string single = std::to_string(width) + " (single frames)";
+  if (makesInputs(network, width)) return single + " or " + inputs;
+  return inputs + "; " + single + " in a window of " +
+         std::to_string(windowOf(network.featureDesc)) + " do not make as many";
+}
+
+ContextWindow makeWindow(const InputSide& network, int width, const std::string& what) {
+  std::string whyNot;
+  std::optional<ContextWindow> window =
+      ContextWindow::create(network.featureDesc, network.deltasNorm, width, whyNot);
+  if (!window) throw Failure(what + " cannot be stacked: " + whyNot);
+  if (network.featureDesc.useLineKernels) {
+    printWarning("the feature description asks for line kernels, which are not applied to " + what);
+  }
+  return *std::move(window);
+}
+
+}  // namespace
+
+int frameWidth(const MultiLayerNNModel& model) { return widthOfFrames(InputSide::of(model)); }
+
+InputSide InputSide::of(const MultiLayerNNModel& model) {
+  const bool hasOutputs = model.numOutputs() != 0 && model.layers.front()->weights.rows() != 0;
+  return {model.featureDesc, model.deltasNorm, model.numInputs(), hasOutputs};
+}
+
+Inputs Inputs::forFrames(const InputSide& network, Index width, bool stacked,
+                         const std::string& what) {
+  if (!network.hasOutputs) {
+    throw Failure("the model has no outputs");
+  }
+  const int single = widthOfFrames(network);
+  // The window is as long as a row of weights, so a file cannot ask for more memory with it
+  // than it fills itself.
+  if (!stacked && width == single && makesInputs(network, single)) {
+    return Inputs(makeWindow(network, single, what));
+  }
+  if (width == network.numInputs) return Inputs(std::nullopt);
+  const std::string expected =
+      stacked ? std::to_string(network.numInputs) + " (input vectors)" : expectedWidths(network);
+  throw Failure(what + " has " + counted(static_cast<std::size_t>(width), "value") +
+                " in a frame; expected " + expected);
+}
+
+void Inputs::forEachBlock(const Eigen::MatrixXf& frames,
+                          const std::function<void(const Block&)>& use) const {
+  Blocks blocks(*this, frames);
+  while (const std::optional<Block> block = blocks.next(blocks.maxLength())) use(*block);
+}
+
+Inputs::Blocks::Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames)
+    : frames_(frames), window_(inputs.window_) {
+  if (!window_) return;
+  const Index inputLen = window_->inputLen();
+  block_.resize(inputLen, blockLength(inputLen, frames.cols()));
+}
+
+Index Inputs::Blocks::maxLength() const { return window_ ? block_.cols() : kMaxBlock; }
+
+std::optional<Block> Inputs::Blocks::next(Index most) {
+  const Index length = std::min(most, maxLength());
+  if (!window_) {
+    const Index first = done_;
+    done_ = std::min(first + length, frames_.cols());
+    if (first == done_) return std::nullopt;
+    return frames_.middleCols(first, done_ - first);
+  }
+  Index filled = 0;
+  while (filled < length && nextVector(block_.col(filled).data())) ++filled;
+  if (filled == 0) return std::nullopt;
+  return block_.leftCols(filled);
+}
+
+bool Inputs::Blocks::nextVector(float* vector) {
+  while (done_ < frames_.cols()) {
+    if (window_->push(frames_.col(done_++).data(), vector)) return true;
+  }
+  return window_->finish(vector);
+}
+
+}  // namespace mlnn
