@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <ostream>
 #include <vector>
 
 #include "inference/NNFwdPassFromFile.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -65,7 +64,7 @@ void moveShift(NNLayer& layer, const Eigen::VectorXd& wanted, const Eigen::Vecto
 
 int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const Inputs& inputs) {
   if (!haveSameWidths(original, changed)) {
-    messages() << "ERROR: correctBiases: the models have layers of other widths\n";
+    report({"ERROR: correctBiases: the models have layers of other widths"});
     return 1;
   }
   if (inputs.cols() == 0) return 0;

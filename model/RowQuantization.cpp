@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <ostream>
 
 #include "features/EigenAssign.h"
-#include "layers/Messages.h"
+#include "layers/Report.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -163,13 +162,13 @@ QuantizedLayer quantize(NNLayer& layer, const RowQuantization& options) {
 
 bool isRefused(const MultiLayerNNModel& model, int bits) {
   if (bits < RowQuantization::kMinBits || bits > RowQuantization::kMaxBits) {
-    messages() << "ERROR: quantizeRows: bits must be " << RowQuantization::kMinBits << " to "
-               << RowQuantization::kMaxBits << ", got " << bits << "\n";
+    report({"ERROR: quantizeRows: bits must be ", RowQuantization::kMinBits, " to ",
+            RowQuantization::kMaxBits, ", got ", bits});
     return true;
   }
   for (std::size_t i = 0; i < model.layers.size(); ++i) {
     if (model.layers[i] == nullptr || model.layers[i]->weights.allFinite()) continue;
-    messages() << "ERROR: quantizeRows: layer " << i + 1 << " has a weight that is not finite\n";
+    report({"ERROR: quantizeRows: layer ", i + 1, " has a weight that is not finite"});
     return true;
   }
   return false;
