@@ -12,6 +12,11 @@
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
+namespace {
+
+constexpr char kEvaluate[] = "CodedFwdPass::evaluate";
+
+}  // namespace
 
 class CodedLayers final : public LayerSource {
  public:
@@ -61,8 +66,14 @@ int CodedFwdPass::numOutputs() const {
 
 int CodedFwdPass::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs) {
-  if (!inputsFit(inputs, numInputs(), "CodedFwdPass::evaluate")) return 1;
+  if (!inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
   evaluateStack(*layers_, inputs, outputs, memory_, nullptr);
+  return 0;
+}
+
+int CodedFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
+  if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
+  evaluateStack(*layers_, inputs, outputs, memory_);
   return 0;
 }
 

@@ -47,8 +47,10 @@ class MLNN_EXPORT CodedFwdPass : public FwdPass {
   int numOutputs() const override;
 
   // Refuses inputs of another width.
-  // After the first call with a given number of frames it allocates nothing.
+  // After a call with as many frames, or more, it allocates nothing but the memory of `outputs`,
+  // where their shape changes; into the caller's memory, nothing at all.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
+  using FwdPass::evaluate;
 
   // Returns the layers that are held as codes.
   std::size_t numCodedLayers() const;
@@ -61,6 +63,8 @@ class MLNN_EXPORT CodedFwdPass : public FwdPass {
   std::size_t workingBytes(Eigen::Index frames) const;
 
  private:
+  int evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) override;
+
   explicit CodedFwdPass(std::unique_ptr<const CodedLayers> layers);
 
   std::unique_ptr<const CodedLayers> layers_;

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <type_traits>
 
 #include "features/EigenBorder.h"
 #include "features/Export.h"
+#include "inference/Frames.h"
 
 class MLNN_EXPORT FwdPass {
  public:
@@ -21,8 +23,37 @@ class MLNN_EXPORT FwdPass {
   virtual int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                        Eigen::MatrixXf& outputs) = 0;
 
+  // The same bits, from the caller's memory into the caller's memory: plain pointers with strides,
+  // or anything that Eigen keeps there, of fixed size or not.
+  // Shapes:   inputs: numInputs values a frame; outputs: numOutputs, and as many frames.
+  // Refuses, beside what the above does: fewer than no frames; outputs of another width or number;
+  // outputs whose frames overlap each other; a null pointer where there is something to read or
+  // write.
+  // REQUIRES: the memory is there, at addresses where a float may be. Inputs and outputs may share
+  // some.
+  // On failure: the outputs are unchanged.
+  int evaluate(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs) {
+    return evaluateFrames(inputs, outputs);
+  }
+
+  // The first of them for inputs whose columns do not lie in memory in one piece, as those of a
+  // row-major matrix: they are read where they are.
+  template <typename Matrix,
+            std::enable_if_t<mlnn::kAreFloatsInMemory<Matrix> && !mlnn::kHasWholeColumns<Matrix>,
+                             int> = 0>
+  int evaluate(const Eigen::DenseBase<Matrix>& inputs, Eigen::MatrixXf& outputs) {
+    return evaluateInto(inputs, outputs);
+  }
+
  protected:
   FwdPass() = default;
   FwdPass(const FwdPass&) = default;
   FwdPass& operator=(const FwdPass&) = default;
+
+  // What evaluate does with frames in the caller's memory. A pass that does not override it works
+  // through matrices of its own.
+  virtual int evaluateFrames(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs);
+
+ private:
+  int evaluateInto(const mlnn::InputFrames& inputs, Eigen::MatrixXf& outputs);
 };

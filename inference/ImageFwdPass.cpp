@@ -213,13 +213,23 @@ int ImageFwdPass::evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs
   return 0;
 }
 
+// Whether there are layers that take what those before them give; else prints an error line.
+bool ImageFwdPass::canEvaluate() const {
+  if (layers_ != nullptr && layers_->count() > 0) return layers_->fit();
+  report({"ERROR: ", kEvaluate, ": model has no layers"});
+  return false;
+}
+
+int ImageFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
+  if (!canEvaluate()) return 1;
+  if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
+  evaluateStack(*layers_, inputs, outputs, memory_);
+  return 0;
+}
+
 int ImageFwdPass::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
                       std::vector<LayerResult>* trace) {
-  if (layers_ == nullptr || layers_->count() == 0) {
-    report({"ERROR: ", kEvaluate, ": model has no layers"});
-    return 1;
-  }
-  if (!layers_->fit() || !inputsFit(inputs, numInputs(), kEvaluate)) return 1;
+  if (!canEvaluate() || !inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
   evaluateStack(*layers_, inputs, outputs, memory_, trace);
   return 0;
 }

@@ -63,6 +63,7 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   // Computes as NNFwdPassFromFile::evaluate does, and refuses the same; no layer that open took
   // breaks its own invariants.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
+  using FwdPass::evaluate;
 
   // The same, and hands out what every layer computed.
   // On failure: `outputs` and `layers` are unchanged.
@@ -72,6 +73,8 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
  private:
   class Layers;
 
+  int evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) override;
+  bool canEvaluate() const;
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<LayerResult>* trace);
 

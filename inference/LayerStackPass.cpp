@@ -53,14 +53,54 @@ void growTo(Eigen::VectorXf& values, Index length) {
   if (values.size() < length) reshape(values, length, 1);
 }
 
-// Whether the matrix shares memory with the inputs.
-bool overlap(const Eigen::Ref<const Eigen::MatrixXf>& inputs, const Eigen::MatrixXf& outputs) {
-  if (inputs.size() == 0 || outputs.size() == 0) return false;
-  const float* inputsEnd =
-      inputs.data() + (inputs.cols() - 1) * inputs.outerStride() + inputs.rows();
+// The floats between the first and one behind the last that a walk with this step comes to.
+struct Span {
+  std::ptrdiff_t lowest = 0;
+  std::ptrdiff_t behind = 1;
+
+  void widen(std::ptrdiff_t steps, std::ptrdiff_t stride) {
+    const std::ptrdiff_t farthest = steps * stride;
+    lowest += std::min<std::ptrdiff_t>(farthest, 0);
+    behind += std::max<std::ptrdiff_t>(farthest, 0);
+  }
+};
+
+// Whether the memory from the first to the last input meets that of the outputs.
+bool overlap(const InputFrames& inputs, const OutputFrames& outputs) {
+  if (inputs.width == 0 || inputs.frames == 0 || outputs.width == 0 || outputs.frames == 0)
+    return false;
+  Span in;
+  in.widen(inputs.frames - 1, inputs.frameStride);
+  in.widen(inputs.width - 1, inputs.valueStride);
+  Span out;
+  out.widen(outputs.frames - 1, outputs.frameStride);
+  out.widen(outputs.width - 1, 1);
   const std::less<const float*> before;
-  return before(inputs.data(), outputs.data() + outputs.size()) &&
-         before(outputs.data(), inputsEnd);
+  return before(inputs.values + in.lowest, outputs.values + out.behind) &&
+         before(outputs.values, inputs.values + in.behind);
+}
+
+// Whether the kernels cannot read the inputs where they lie: they walk through the values of a
+// frame one by one, and from frame to frame only onwards.
+bool mustBeGathered(const InputFrames& inputs) {
+  return (inputs.width > 1 && inputs.valueStride != 1) ||
+         (inputs.width > 0 && inputs.frames > 1 && inputs.frameStride < 0);
+}
+
+// Some of the frames. Those without values may be nowhere.
+InputFrames someOf(const InputFrames& inputs, Index first, Index count) {
+  if (inputs.width == 0) return {nullptr, 0, count, 0};
+  return {inputs.values + first * inputs.frameStride, inputs.width, count, inputs.frameStride,
+          inputs.valueStride};
+}
+
+// Copies frames to where the kernels can read them.
+void gather(const InputFrames& inputs, float* to, Index stride) {
+  for (Index frame = 0; frame < inputs.frames; ++frame) {
+    const float* const from = inputs.values + frame * inputs.frameStride;
+    for (Index i = 0; i < inputs.width; ++i) to[i] = from[i * inputs.valueStride];
+    to += stride;
+  }
 }
 
 // Some frames in memory, one behind the other.
@@ -94,7 +134,7 @@ bool isInMemory(const LayerView& layer) {
 // What the layers of a stack ask for together.
 struct StackWidths {
   std::size_t layers;
-  Index widest;
+  Index widest;    // that goes through the memory between layers
   Index outputs;   // of the last layer
   Index unpacked;  // floats of the largest block of rows that is unpacked
 };
@@ -172,20 +212,23 @@ std::vector<LayerResult> emptyTrace(const LayerSource& stack, Index frames) {
 
 // Takes all of `inputs` through the stack together; the first of them is frame `first` of the
 // trace.
-void evaluateFrames(const LayerSource& stack, const StackWidths& widths,
-                    const Eigen::Ref<const Eigen::MatrixXf>& inputs,
-                    Eigen::Ref<Eigen::MatrixXf> outputs, PassMemory& memory, Index first,
-                    std::vector<LayerResult>* trace) {
+void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
+                      const InputFrames& inputs, const Frames& outputs, PassMemory& memory,
+                      Index first, std::vector<LayerResult>* trace) {
   float* next = atCacheLine(memory.between.data());
-  float* spare = next + strideFor(widths.widest) * inputs.cols();
-  const float* x = inputs.data();
-  Index xStride = inputs.outerStride();
+  float* spare = next + strideFor(widths.widest) * inputs.frames;
+  const float* x = inputs.values;
+  Index xStride = inputs.frameStride;
+  if (mustBeGathered(inputs)) {
+    xStride = strideFor(inputs.width);
+    gather(inputs, spare, xStride);
+    x = spare;
+  }
   for (std::size_t i = 0; i < widths.layers; ++i) {
     const bool isLast = i + 1 == widths.layers;
     const LayerView layer = stack.layer(i);
-    const Frames y{isLast ? outputs.data() : next,
-                   isLast ? outputs.outerStride() : strideFor(static_cast<Index>(layer.rows)),
-                   inputs.cols()};
+    const Frames y =
+        isLast ? outputs : Frames{next, strideFor(static_cast<Index>(layer.rows)), inputs.frames};
     if (trace == nullptr) {
       evaluateLayer(stack, i, layer, x, xStride, y, memory);
     } else {
@@ -197,9 +240,48 @@ void evaluateFrames(const LayerSource& stack, const StackWidths& widths,
   }
   if (!stack.endsInSoftmax()) return;
   const Kernels& kernels = bestKernels();
-  for (Index frame = 0; frame < outputs.cols(); ++frame) {
-    kernels.softmax(outputs.data() + frame * outputs.outerStride(),
-                    static_cast<std::size_t>(outputs.rows()));
+  for (Index frame = 0; frame < outputs.count; ++frame) {
+    kernels.softmax(outputs.first + frame * outputs.stride,
+                    static_cast<std::size_t>(widths.outputs));
+  }
+}
+
+// Makes room for what evaluateAll needs, and returns the widths with which it finds it.
+StackWidths prepare(const LayerSource& stack, const InputFrames& inputs, PassMemory& memory) {
+  StackWidths widths = widthsOf(stack);
+  if (mustBeGathered(inputs)) widths.widest = std::max(widths.widest, inputs.width);
+  const Index together = std::min(inputs.frames, framesAtOnce(widths.widest));
+  growTo(memory.scratch, scratchLength(widths.widest, together));
+  growTo(memory.between, betweenLength(widths.widest, together));
+  growTo(memory.unpacked, widths.unpacked);
+  return widths;
+}
+
+// Takes all of `inputs` through the stack, some at a time. They do not overlap `outputs`.
+void evaluateAll(const LayerSource& stack, const StackWidths& widths, const InputFrames& inputs,
+                 const OutputFrames& outputs, PassMemory& memory, std::vector<LayerResult>* trace) {
+  const Index atOnce = framesAtOnce(widths.widest);
+  for (Index first = 0; first < inputs.frames; first += atOnce) {
+    const Index count = std::min(inputs.frames - first, atOnce);
+    const Frames results{outputs.values + first * outputs.frameStride, outputs.frameStride, count};
+    evaluateTogether(stack, widths, someOf(inputs, first, count), results, memory, first, trace);
+  }
+}
+
+// The same into memory of the pass's own. Returns where the results are, without gaps.
+OutputFrames evaluateApart(const LayerSource& stack, const StackWidths& widths,
+                           const InputFrames& inputs, PassMemory& memory,
+                           std::vector<LayerResult>* trace) {
+  growTo(memory.results, widths.outputs * inputs.frames);
+  const OutputFrames results(memory.results.data(), widths.outputs, inputs.frames);
+  evaluateAll(stack, widths, inputs, results, memory, trace);
+  return results;
+}
+
+void copyFrames(const OutputFrames& from, const OutputFrames& to) {
+  for (Index frame = 0; frame < from.frames; ++frame) {
+    std::copy_n(from.values + frame * from.frameStride, from.width,
+                to.values + frame * to.frameStride);
   }
 }
 
@@ -215,28 +297,28 @@ std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
   return static_cast<std::size_t>(length) * sizeof(float);
 }
 
+void evaluateStack(const LayerSource& stack, const InputFrames& inputs, const OutputFrames& outputs,
+                   PassMemory& memory) {
+  if (outputs.width == 0) return;  // nor is there any memory for them
+  const StackWidths widths = prepare(stack, inputs, memory);
+  if (!overlap(inputs, outputs)) {
+    return evaluateAll(stack, widths, inputs, outputs, memory, nullptr);
+  }
+  copyFrames(evaluateApart(stack, widths, inputs, memory, nullptr), outputs);
+}
+
 void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                    Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace) {
   const Index frames = inputs.cols();
-  const StackWidths widths = widthsOf(stack);
-  const Index atOnce = framesAtOnce(widths.widest);
-  growTo(memory.scratch, scratchLength(widths.widest, std::min(frames, atOnce)));
-  growTo(memory.between, betweenLength(widths.widest, std::min(frames, atOnce)));
-  growTo(memory.unpacked, widths.unpacked);
+  const StackWidths widths = prepare(stack, inputs, memory);
   if (trace != nullptr) *trace = emptyTrace(stack, frames);
-  const bool apart = !overlap(inputs, outputs);
-  if (apart) reshape(outputs, widths.outputs, frames);
-  if (!apart) growTo(memory.results, widths.outputs * frames);
-  Eigen::Map<Eigen::MatrixXf> results(apart ? outputs.data() : memory.results.data(),
-                                      widths.outputs, frames);
-  for (Index first = 0; first < frames; first += atOnce) {
-    const Index count = std::min(frames - first, atOnce);
-    evaluateFrames(stack, widths, inputs.middleCols(first, count), results.middleCols(first, count),
-                   memory, first, trace);
+  if (!overlap(inputs, outputs)) {
+    reshape(outputs, widths.outputs, frames);
+    return evaluateAll(stack, widths, inputs, outputs, memory, trace);
   }
-  if (apart) return;
+  const OutputFrames results = evaluateApart(stack, widths, inputs, memory, trace);
   reshape(outputs, widths.outputs, frames);
-  outputs = results;
+  copyFrames(results, outputs);
 }
 
 }  // namespace mlnn

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "inference/Frames.h"
 #include "inference/LayerView.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "inference/PassMemory.h"
@@ -31,16 +32,22 @@ class LayerSource {
   LayerSource& operator=(const LayerSource&) = default;
 };
 
-// Computes the outputs for each column of `inputs`, which may share memory with `outputs`.
-// Puts what every layer computed into `trace`, unless that is null.
-// After the first call with a given number of frames it allocates nothing.
-// REQUIRES: inputs.rows() is what the first layer takes.
+// Computes the outputs for each frame of `inputs`, which may share memory with `outputs`.
+// Inputs that the kernels cannot read as they lie are gathered some frames at a time.
+// After a call with as many frames, or more, it allocates nothing.
+// REQUIRES: framesFit.
 // On std::bad_alloc: `outputs` is unchanged.
+void evaluateStack(const LayerSource& stack, const InputFrames& inputs, const OutputFrames& outputs,
+                   PassMemory& memory);
+
+// The same into a matrix, which takes the shape that it needs. Puts what every layer computed into
+// `trace`, unless that is null.
+// REQUIRES: inputs.rows() is what the first layer takes.
 void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                    Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace);
 
 // Returns the bytes of `memory` after evaluateStack with `frames` frames, where the inputs were
-// apart from the outputs.
+// apart from the outputs and could be read as they lay.
 std::size_t passMemoryBytes(const LayerSource& stack, Eigen::Index frames);
 
 }  // namespace mlnn

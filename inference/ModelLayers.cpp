@@ -25,6 +25,12 @@ bool keepsInvariants(const NNLayer& layer) {
          layer.gamma_inf.size() == rows && layer.beta_inf.size() == rows;
 }
 
+// Whether there is no memory where values should be.
+template <typename Frames>
+bool isMissing(const Frames& frames) {
+  return frames.values == nullptr && frames.width > 0 && frames.frames > 0;
+}
+
 }  // namespace
 
 bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
@@ -46,10 +52,35 @@ bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
   return true;
 }
 
-bool inputsFit(const Eigen::Ref<const Eigen::MatrixXf>& inputs, int expected,
-               const char* operation) {
-  if (inputs.rows() == expected) return true;
-  report({"ERROR: ", operation, ": expected ", expected, " inputs but got ", inputs.rows()});
+bool inputsFit(std::ptrdiff_t width, int expected, const char* operation) {
+  if (width == expected) return true;
+  report({"ERROR: ", operation, ": expected ", expected, " inputs but got ", width});
+  return false;
+}
+
+bool framesFit(const InputFrames& inputs, const OutputFrames& outputs, int numInputs,
+               int numOutputs, const char* operation) {
+  if (!inputsFit(inputs.width, numInputs, operation)) return false;
+  if (outputs.width != numOutputs) {
+    report({"ERROR: ", operation, ": expected room for ", numOutputs, " outputs but got room for ",
+            outputs.width});
+    return false;
+  }
+  if (inputs.frames < 0 || outputs.frames != inputs.frames) {
+    report({"ERROR: ", operation, ": got ", inputs.frames, " frames of inputs but room for ",
+            outputs.frames});
+    return false;
+  }
+  if (outputs.frames > 1 && outputs.frameStride < outputs.width) {
+    report({"ERROR: ", operation, ": frames of ", outputs.width, " outputs cannot lie ",
+            outputs.frameStride, " apart"});
+    return false;
+  }
+  const char* const missing = isMissing(inputs)    ? "inputs"
+                              : isMissing(outputs) ? "outputs"
+                                                   : nullptr;
+  if (missing == nullptr) return true;
+  report({"ERROR: ", operation, ": the ", missing, " are a null pointer"});
   return false;
 }
 

@@ -2,8 +2,9 @@
 // Internal: not installed.
 #pragma once
 
-#include <Eigen/Core>
+#include <cstddef>
 
+#include "inference/Frames.h"
 #include "inference/LayerStackPass.h"
 
 class MultiLayerNNModel;
@@ -15,10 +16,15 @@ namespace mlnn {
 // Prints: else an error line, in the name of `operation`.
 bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation);
 
-// Returns whether `inputs` has `expected` rows.
+// Returns whether frames of `width` values are what a model of `expected` inputs takes.
 // Prints: else an error line, in the name of `operation`.
-bool inputsFit(const Eigen::Ref<const Eigen::MatrixXf>& inputs, int expected,
-               const char* operation);
+bool inputsFit(std::ptrdiff_t width, int expected, const char* operation);
+
+// Returns whether a forward pass of so many inputs and outputs can read the one and write the
+// other.
+// Prints: else an error line, in the name of `operation`.
+bool framesFit(const InputFrames& inputs, const OutputFrames& outputs, int numInputs,
+               int numOutputs, const char* operation);
 
 // REQUIRES: canBeEvaluated. The model must outlive the object.
 class ModelLayers final : public LayerSource {

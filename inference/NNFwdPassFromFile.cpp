@@ -34,10 +34,18 @@ std::size_t NNFwdPassFromFile::workingBytes(const MultiLayerNNModel& model, Eige
   return sizeof(NNFwdPassFromFile) + mlnn::passMemoryBytes(mlnn::ModelLayers(model), frames);
 }
 
+int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
+                                      const mlnn::OutputFrames& outputs) {
+  if (!mlnn::canBeEvaluated(*model_, kEvaluate)) return 1;
+  if (!mlnn::framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
+  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_);
+  return 0;
+}
+
 int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs, std::vector<mlnn::LayerResult>* trace) {
   if (!mlnn::canBeEvaluated(*model_, kEvaluate)) return 1;
-  if (!mlnn::inputsFit(inputs, numInputs(), kEvaluate)) return 1;
+  if (!mlnn::inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
   mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace);
   return 0;
 }

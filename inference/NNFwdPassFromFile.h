@@ -25,8 +25,9 @@ struct LayerResult {
 // Reads the model's own arrays at every call, so an edit of the model shows in the next
 // one. Keeps only scratch memory of its own: what two layers as wide as the widest hold for up
 // to 256 frames at a time; for one frame as much as the widest layer again, for more 64 KiB or
-// the widest layer, whatever is more; and, where the outputs are to replace the inputs, the
-// results.
+// the widest layer, whatever is more; and, where the memory of the outputs is among that of the
+// inputs, the results. Inputs whose values lie apart, or whose frames run backwards, count as a
+// layer: they are gathered for up to 256 frames at a time.
 //
 // Lifetime: the model must outlive the forward pass.
 // Thread-safety: one object serves one thread at a time; several objects over one model
@@ -45,8 +46,10 @@ class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
   // frame alone, not on its neighbours or its position.
   // Refuses: a model without layers, a layer that does not fit its arrays or the layer
   // before it, inputs of another width (tested in this order).
-  // After the first call with a given number of frames it allocates nothing.
+  // After a call with as many frames, or more, it allocates nothing but the memory of `outputs`,
+  // where their shape changes; into the caller's memory, nothing at all.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
+  using FwdPass::evaluate;
 
   // The same, and hands out what every layer computed, in stack order: for whoever looks
   // for the place where results part from another engine's.
@@ -60,6 +63,7 @@ class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
   static std::size_t workingBytes(const MultiLayerNNModel& model, Eigen::Index frames);
 
  private:
+  int evaluateFrames(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs) override;
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<mlnn::LayerResult>* trace);
 
