@@ -54,7 +54,7 @@ ActivationError worstError(const Kernels& kernels, ActFn::ActFn fn, uint64_t fir
                            uint64_t stride) {
   ActivationError error;
   for (uint64_t bits = first; bits < kFloats;) {
-    std::array<float, kChunk> x;
+    std::array<float, kChunk> x{};
     std::size_t count = 0;
     for (; count < kChunk && bits < kFloats; bits += stride) {
       x[count++] = floatOf(static_cast<uint32_t>(bits));
