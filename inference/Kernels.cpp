@@ -18,6 +18,7 @@
 
 #include "inference/Activations-inl.h"
 #include "inference/Kernels.h"
+#include "inference/Processor.h"
 #include "inference/ScalarOps.h"
 #include "layers/BuiltForSize.h"
 #if MLNN_BUILT_FOR_SIZE
@@ -75,26 +76,6 @@ HWY_AFTER_NAMESPACE();
 namespace mlnn {
 
 namespace {
-
-#if HWY_ARCH_X86
-
-[[maybe_unused]] bool hasSse4() {
-  return __builtin_cpu_supports("sse4.1") && __builtin_cpu_supports("sse4.2") &&
-         __builtin_cpu_supports("ssse3");
-}
-
-[[maybe_unused]] bool hasAvx2() {
-  return hasSse4() && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
-         __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
-}
-
-[[maybe_unused]] bool hasAvx512() {
-  return hasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-         __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512cd") &&
-         __builtin_cpu_supports("avx512vl");
-}
-
-#endif
 
 // The kernels that this processor runs, the best first. Found without the heap, since that
 // happens within the first forward pass.

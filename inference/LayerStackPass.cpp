@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <utility>
 
 #include "features/EigenAssign.h"
 #include "inference/Activation.h"
+#include "inference/FrameMemory.h"
 #include "inference/Kernels.h"
 
 namespace mlnn {
@@ -51,56 +51,6 @@ float* atCacheLine(float* values) {
 
 void growTo(Eigen::VectorXf& values, Index length) {
   if (values.size() < length) reshape(values, length, 1);
-}
-
-// The floats between the first and one behind the last that a walk with this step comes to.
-struct Span {
-  std::ptrdiff_t lowest = 0;
-  std::ptrdiff_t behind = 1;
-
-  void widen(std::ptrdiff_t steps, std::ptrdiff_t stride) {
-    const std::ptrdiff_t farthest = steps * stride;
-    lowest += std::min<std::ptrdiff_t>(farthest, 0);
-    behind += std::max<std::ptrdiff_t>(farthest, 0);
-  }
-};
-
-// Whether the memory from the first to the last input meets that of the outputs.
-bool overlap(const InputFrames& inputs, const OutputFrames& outputs) {
-  if (inputs.width == 0 || inputs.frames == 0 || outputs.width == 0 || outputs.frames == 0)
-    return false;
-  Span in;
-  in.widen(inputs.frames - 1, inputs.frameStride);
-  in.widen(inputs.width - 1, inputs.valueStride);
-  Span out;
-  out.widen(outputs.frames - 1, outputs.frameStride);
-  out.widen(outputs.width - 1, 1);
-  const std::less<const float*> before;
-  return before(inputs.values + in.lowest, outputs.values + out.behind) &&
-         before(outputs.values, inputs.values + in.behind);
-}
-
-// Whether the kernels cannot read the inputs where they lie: they walk through the values of a
-// frame one by one, and from frame to frame only onwards.
-bool mustBeGathered(const InputFrames& inputs) {
-  return (inputs.width > 1 && inputs.valueStride != 1) ||
-         (inputs.width > 0 && inputs.frames > 1 && inputs.frameStride < 0);
-}
-
-// Some of the frames. Those without values may be nowhere.
-InputFrames someOf(const InputFrames& inputs, Index first, Index count) {
-  if (inputs.width == 0) return {nullptr, 0, count, 0};
-  return {inputs.values + first * inputs.frameStride, inputs.width, count, inputs.frameStride,
-          inputs.valueStride};
-}
-
-// Copies frames to where the kernels can read them.
-void gather(const InputFrames& inputs, float* to, Index stride) {
-  for (Index frame = 0; frame < inputs.frames; ++frame) {
-    const float* const from = inputs.values + frame * inputs.frameStride;
-    for (Index i = 0; i < inputs.width; ++i) to[i] = from[i * inputs.valueStride];
-    to += stride;
-  }
 }
 
 // Some frames in memory, one behind the other.
@@ -276,13 +226,6 @@ OutputFrames evaluateApart(const LayerSource& stack, const StackWidths& widths,
   const OutputFrames results(memory.results.data(), widths.outputs, inputs.frames);
   evaluateAll(stack, widths, inputs, results, memory, trace);
   return results;
-}
-
-void copyFrames(const OutputFrames& from, const OutputFrames& to) {
-  for (Index frame = 0; frame < from.frames; ++frame) {
-    std::copy_n(from.values + frame * from.frameStride, from.width,
-                to.values + frame * to.frameStride);
-  }
 }
 
 }  // namespace

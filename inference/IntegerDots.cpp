@@ -1,0 +1,378 @@
+// The products of 8-bit values that each instruction set has. Highway has none of four of them, so
+// these are the compilers' own intrinsics, chosen by the same tests as the other kernels.
+#include "inference/IntegerDots.h"
+
+#include <array>
+#include <cstring>
+
+#include "hwy/base.h"
+#include "inference/Processor.h"
+#include "layers/BuiltForSize.h"
+
+#if HWY_ARCH_X86
+#include <immintrin.h>
+#elif HWY_ARCH_ARM
+#define MLNN_HAS_NEON 1
+#if HWY_ARCH_ARM_V7 && !defined(__ARM_NEON)
+#pragma GCC push_options
+#pragma GCC target("fpu=neon")
+#include <arm_neon.h>
+#pragma GCC pop_options
+#else
+#include <arm_neon.h>
+#endif
+#endif
+
+namespace mlnn {
+namespace {
+
+// Where a library is built for size, several frames go through one by one.
+constexpr int framesOf(int best) { return kBuiltForSize ? 1 : best; }
+
+std::size_t groupsOf(const RowCodesView& codes) {
+  return static_cast<std::size_t>(rowCodeGroups(codes.cols));
+}
+
+void stayAsTheyAre(int8_t*, std::size_t) {}
+
+[[maybe_unused]] int32_t fourBytes(const int8_t* from) {
+  int32_t four;
+  std::memcpy(&four, from, sizeof four);
+  return four;
+}
+
+// For processors that multiply two values of 16 bits: the first and third, then the second and
+// fourth of each group of inputs, as the bytes of codes come apart.
+[[maybe_unused]] void arrangeInPairs(int8_t* bytes, std::size_t count) {
+  constexpr std::size_t kOrder[] = {0, 2, 1, 3};
+  for (std::size_t at = count; at > 0;) {
+    at -= kRowCodeGroup;
+    int16_t group[kRowCodeGroup];
+    for (std::size_t i = 0; i < kRowCodeGroup; ++i) group[i] = bytes[at + kOrder[i]];
+    std::memcpy(bytes + at * sizeof(int16_t), group, sizeof group);
+  }
+}
+
+namespace plain {
+
+template <bool kHalfBytes>
+void addGroup(const uint8_t* group, const int8_t* x, int32_t* sums) {
+  constexpr std::size_t kHalf = kRowCodeBlock / 2;
+  for (std::size_t row = 0; row < kRowCodePanel; ++row) {
+    int32_t sum = 0;
+    for (std::size_t k = 0; k < kRowCodeGroup; ++k) {
+      const std::size_t i = row * kRowCodeGroup + k;
+      int code = 0;
+      if (!kHalfBytes) {
+        code = group[i] - rowCodeBias(8);
+      } else {
+        code = (i < kHalf ? group[i] & 15 : group[i - kHalf] >> 4) - rowCodeBias(4);
+      }
+      sum += code * x[k];
+    }
+    sums[row] += sum;
+  }
+}
+
+template <bool kHalfBytes>
+void sumPanel(const RowCodesView& codes, std::size_t panel, const int8_t* x, int32_t* sums) {
+  std::memset(sums, 0, kRowCodePanel * sizeof *sums);
+  const std::size_t groups = groupsOf(codes);
+  const std::size_t groupBytes = rowCodeBlockBytes(codes.bits);
+  const uint8_t* group = codes.codes + panel * groups * groupBytes;
+  for (std::size_t g = 0; g < groups; ++g) {
+    addGroup<kHalfBytes>(group, x + g * kRowCodeGroup, sums);
+    group += groupBytes;
+  }
+}
+
+void dots(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
+          int32_t* sums) {
+  const auto sum = codes.bits == 4 ? sumPanel<true> : sumPanel<false>;
+  for (std::size_t f = 0; f < x.frames; ++f) {
+    for (std::size_t p = 0; p < panels; ++p) {
+      sum(codes, first + p, x.bytes + f * x.stride, sums);
+      sums += kRowCodePanel;
+    }
+  }
+}
+
+constexpr DotKernels kDots = {"plain", 4, 1, 1, stayAsTheyAre, dots};
+
+}  // namespace plain
+
+#if HWY_ARCH_X86
+
+// --- Products of two values of 16 bits: SSE2, AVX2, AVX-512 without more ---
+
+HWY_PUSH_ATTRIBUTES("sse2")
+namespace sse2 {
+
+struct Vectors {
+  struct Codes {
+    __m128i even;
+    __m128i odd;
+  };
+  using Inputs = Codes;
+  using Sums = __m128i;
+  static constexpr int kParts = 4;
+  static constexpr bool kSigned = false;
+  static constexpr int kStep = 1;
+  static constexpr std::size_t kInputBytes = 8;
+  static constexpr int kTileParts = 2;
+  static constexpr int kTileFrames = framesOf(3);
+  static constexpr int kLineParts = 4;
+  static constexpr int kLineChains = 1;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm_set1_epi32(value); }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
+    const int vector = bits == 8 ? part : part % 2;
+    __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(group) + vector);
+    if (bits == 8) return {_mm_and_si128(v, _mm_set1_epi16(255)), _mm_srli_epi16(v, 8)};
+    if (part >= 2) v = _mm_srli_epi16(v, 4);
+    const __m128i low = _mm_set1_epi16(15);
+    return {_mm_and_si128(v, low), _mm_and_si128(_mm_srli_epi16(v, 8), low)};
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return {_mm_set1_epi32(fourBytes(group)), _mm_set1_epi32(fourBytes(group + 4))};
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    sums = _mm_add_epi32(sums, _mm_madd_epi16(codes.even, x.even));
+    return _mm_add_epi32(sums, _mm_madd_epi16(codes.odd, x.odd));
+  }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), sums);
+  }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotKernels kDots = {"SSE2", 4, framesOf(3), 2, arrangeInPairs, dots};
+
+}  // namespace sse2
+HWY_POP_ATTRIBUTES
+
+HWY_PUSH_ATTRIBUTES("avx,avx2")
+namespace avx2 {
+
+struct Vectors {
+  struct Codes {
+    __m256i even;
+    __m256i odd;
+  };
+  using Inputs = Codes;
+  using Sums = __m256i;
+  static constexpr int kParts = 2;
+  static constexpr bool kSigned = false;
+  static constexpr int kStep = 1;
+  static constexpr std::size_t kInputBytes = 8;
+  static constexpr int kTileParts = 2;
+  static constexpr int kTileFrames = framesOf(4);
+  static constexpr int kLineParts = 2;
+  static constexpr int kLineChains = 2;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm256_set1_epi32(value); }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
+    const int vector = bits == 8 ? part : 0;
+    __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group) + vector);
+    if (bits == 8) return {_mm256_and_si256(v, _mm256_set1_epi16(255)), _mm256_srli_epi16(v, 8)};
+    if (part == 1) v = _mm256_srli_epi16(v, 4);
+    const __m256i low = _mm256_set1_epi16(15);
+    return {_mm256_and_si256(v, low), _mm256_and_si256(_mm256_srli_epi16(v, 8), low)};
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return {_mm256_set1_epi32(fourBytes(group)), _mm256_set1_epi32(fourBytes(group + 4))};
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    sums = _mm256_add_epi32(sums, _mm256_madd_epi16(codes.even, x.even));
+    return _mm256_add_epi32(sums, _mm256_madd_epi16(codes.odd, x.odd));
+  }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm256_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), sums);
+  }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotKernels kDots = {"AVX2", 4, framesOf(4), 2, arrangeInPairs, dots};
+
+}  // namespace avx2
+HWY_POP_ATTRIBUTES
+
+HWY_PUSH_ATTRIBUTES("avx,avx2,avx512f,avx512bw")
+namespace avx512 {
+
+struct Vectors {
+  struct Codes {
+    __m512i even;
+    __m512i odd;
+  };
+  using Inputs = Codes;
+  using Sums = __m512i;
+  static constexpr int kParts = 1;
+  static constexpr bool kSigned = false;
+  static constexpr int kStep = 1;
+  static constexpr std::size_t kInputBytes = 8;
+  static constexpr int kTileParts = 2;
+  static constexpr int kTileFrames = framesOf(8);
+  static constexpr int kLineParts = 2;
+  static constexpr int kLineChains = 4;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
+    if (bits == 8) {
+      const __m512i v = _mm512_loadu_si512(group);
+      return {_mm512_and_si512(v, _mm512_set1_epi16(255)), _mm512_srli_epi16(v, 8)};
+    }
+    const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
+    const __m512i v =
+        _mm512_maskz_inserti64x4(0xff, _mm512_castsi256_si512(low), _mm256_srli_epi16(low, 4), 1);
+    const __m512i mask = _mm512_set1_epi16(15);
+    return {_mm512_and_si512(v, mask), _mm512_and_si512(_mm512_srli_epi16(v, 8), mask)};
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return {_mm512_set1_epi32(fourBytes(group)), _mm512_set1_epi32(fourBytes(group + 4))};
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    sums = _mm512_add_epi32(sums, _mm512_madd_epi16(codes.even, x.even));
+    return _mm512_add_epi32(sums, _mm512_madd_epi16(codes.odd, x.odd));
+  }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotKernels kDots = {"AVX-512", 4, framesOf(8), 2, arrangeInPairs, dots};
+
+}  // namespace avx512
+HWY_POP_ATTRIBUTES
+
+// --- Products of four values of 8 bits ---
+
+HWY_PUSH_ATTRIBUTES("avx,avx2,avxvnni")
+namespace avxvnni {
+
+struct Vectors {
+  using Codes = __m256i;
+  using Inputs = __m256i;
+  using Sums = __m256i;
+  static constexpr int kParts = 2;
+  static constexpr bool kSigned = false;
+  static constexpr int kStep = 1;
+  static constexpr std::size_t kInputBytes = 4;
+  static constexpr int kTileParts = 4;
+  static constexpr int kTileFrames = framesOf(3);
+  static constexpr int kLineParts = 2;
+  static constexpr int kLineChains = 4;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm256_set1_epi32(value); }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
+    const int vector = bits == 8 ? part : 0;
+    __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group) + vector);
+    if (bits == 8) return v;
+    if (part == 1) v = _mm256_srli_epi16(v, 4);
+    return _mm256_and_si256(v, _mm256_set1_epi8(15));
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return _mm256_set1_epi32(fourBytes(group));
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    return _mm256_dpbusd_avx_epi32(sums, codes, x);
+  }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm256_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), sums);
+  }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotKernels kDots = {"AVX-VNNI", 4, framesOf(3), 1, stayAsTheyAre, dots};
+
+}  // namespace avxvnni
+HWY_POP_ATTRIBUTES
+
+HWY_PUSH_ATTRIBUTES("avx,avx2,avx512f,avx512bw,avx512vnni")
+namespace avx512vnni {
+
+struct Vectors {
+  using Codes = __m512i;
+  using Inputs = __m512i;
+  using Sums = __m512i;
+  static constexpr int kParts = 1;
+  static constexpr bool kSigned = false;
+  static constexpr int kStep = 1;
+  static constexpr std::size_t kInputBytes = 4;
+  static constexpr int kTileParts = 4;
+  static constexpr int kTileFrames = framesOf(6);
+  static constexpr int kLineParts = 2;
+  static constexpr int kLineChains = 4;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
+    if (bits == 8) return _mm512_loadu_si512(group);
+    const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
+    const __m512i v =
+        _mm512_maskz_inserti64x4(0xff, _mm512_castsi256_si512(low), _mm256_srli_epi16(low, 4), 1);
+    return _mm512_and_si512(v, _mm512_set1_epi8(15));
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return _mm512_set1_epi32(fourBytes(group));
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    return _mm512_dpbusd_epi32(sums, codes, x);
+  }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotKernels kDots = {"AVX-512 VNNI", 4, framesOf(6), 1, stayAsTheyAre, dots};
+
+}  // namespace avx512vnni
+HWY_POP_ATTRIBUTES
+
+#endif
+
+// The kernels that this processor runs, the best first. Found without the heap, since that
+// happens within the first forward pass.
+struct Runnable {
+  std::array<const DotKernels*, 6> kernels{};
+  std::size_t count = 0;
+
+  void add(const DotKernels& found) { kernels[count++] = &found; }
+};
+
+Runnable findRunnable() {
+  Runnable found;
+#if HWY_ARCH_X86
+  if (hasAvx512Vnni()) found.add(avx512vnni::kDots);
+  if (hasAvxVnni()) found.add(avxvnni::kDots);
+  if (hasAvx512()) found.add(avx512::kDots);
+  if (hasAvx2()) found.add(avx2::kDots);
+#ifdef __SSE2__
+  found.add(sse2::kDots);
+#endif
+#endif
+  found.add(plain::kDots);
+  return found;
+}
+
+}  // namespace
+
+std::vector<const DotKernels*> runnableDots() {
+  const Runnable runnable = findRunnable();
+  return {runnable.kernels.begin(),
+          runnable.kernels.begin() + static_cast<std::ptrdiff_t>(runnable.count)};
+}
+
+const DotKernels& bestDots() {
+  static const DotKernels& best = *findRunnable().kernels.front();
+  return best;
+}
+
+}  // namespace mlnn

@@ -1,0 +1,127 @@
+// The outputs of tests/golden/integers.csv, which are made without the library: every processor
+// gives them to the bit.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "inference/IntegerFwdPass.h"
+#include "inference/IntegerLayers.h"
+#include "inference/IntegerStackPass.h"
+#include "layers/ActFn.h"
+#include "model/MultiLayerNNModel.h"
+#include "tests/support/SourceTree.h"
+#include "tests/support/TestModels.h"
+
+namespace {
+
+using Eigen::Index;
+using Eigen::MatrixXf;
+using mlnn::WideInputs;
+
+constexpr int kWidths[] = {70, 37, 35, 21, 19};
+constexpr int kFloats = 2;  // the layer without codes
+constexpr Index kFrames = 5;
+
+float weightOf(int layer, int index, int row) {
+  if (layer == kFloats) return static_cast<float>(29 * index % 1009 - 504) / 1009.0f;
+  const int most = layer == 1 ? 7 : 127;
+  const int code = (37 * index + 11) % (2 * most + 1) - most;
+  return static_cast<float>(code) * (static_cast<float>(8 + row % 7) / 2048.0f);
+}
+
+NNLayer layerOf(int index, ActFn::ActFn actFn) {
+  const int inputs = kWidths[index];
+  NNLayer layer(inputs, kWidths[index + 1], index == 1);
+  layer.actFn = index < 3 ? actFn : ActFn::linear;
+  for (int r = 0; r < kWidths[index + 1]; ++r) {
+    for (int c = 0; c < inputs; ++c) layer.weights(r, c) = weightOf(index, r * inputs + c, r);
+    const float shift = static_cast<float>(r % 5 - 2) / 4.0f;
+    if (index != 1) {
+      layer.bias[r] = shift;
+    } else {
+      layer.gamma_inf[r] = static_cast<float>(r - 9) / 8.0f;
+      layer.beta_inf[r] = shift;
+    }
+  }
+  return layer;
+}
+
+MultiLayerNNModel goldenModel(ActFn::ActFn actFn) {
+  MultiLayerNNModel model = mlnn::test::modelOf(
+      {layerOf(0, actFn), layerOf(1, actFn), layerOf(2, actFn), layerOf(3, actFn)});
+  model.useSoftmax = true;
+  return model;
+}
+
+MatrixXf goldenInputs() {
+  MatrixXf inputs(kWidths[0], kFrames);
+  for (Index f = 0; f < kFrames; ++f) {
+    for (Index i = 0; i < inputs.rows(); ++i) {
+      inputs(i, f) = static_cast<float>((53 * i + 17 * f) % 201 - 100) / 64.0f;
+    }
+  }
+  inputs.col(1) *= std::ldexp(1.0f, -99);
+  inputs(3, 2) = INFINITY;
+  inputs.col(3) *= std::ldexp(1.0f, 40);
+  return inputs;
+}
+
+std::string lineOf(const std::string& actFn, const char* wideInputs, Index frame,
+                   const Eigen::VectorXf& outputs) {
+  std::string line = actFn + "," + wideInputs + "," + std::to_string(frame) + ",";
+  for (Index i = 0; i < outputs.size(); ++i) {
+    uint32_t bits;
+    std::memcpy(&bits, &outputs[i], sizeof bits);
+    char text[16];
+    std::snprintf(text, sizeof text, "%s%08x", i == 0 ? "" : " ", bits);
+    line += text;
+  }
+  return line + "\n";
+}
+
+// The file as these kernels write it.
+std::string goldenText(const mlnn::IntegerKernels& kernels) {
+  const std::pair<const char*, WideInputs> wide[] = {
+      {"none", WideInputs::kNone}, {"first", WideInputs::kFirst}, {"all", WideInputs::kAll}};
+  std::string text = "act_fn,wide_inputs,frame,outputs\n";
+  for (int fn = 0; fn < ActFn::kCount; ++fn) {
+    const auto actFn = static_cast<ActFn::ActFn>(fn);
+    for (const auto& [name, wideInputs] : wide) {
+      const mlnn::IntegerLayers layers(goldenModel(actFn), wideInputs);
+      mlnn::IntegerMemory memory;
+      MatrixXf outputs;
+      mlnn::evaluateIntegers(layers, kernels, goldenInputs(), outputs, memory);
+      for (Index f = 0; f < kFrames; ++f) {
+        text += lineOf(ActFn::actFnToString(actFn), name, f, outputs.col(f));
+      }
+    }
+  }
+  return text;
+}
+
+TEST(IntegerGolden, everyInstructionSetGivesTheOutputsOfTheFile) {
+  std::ifstream file(mlnn::test::sourcePath("tests/golden/integers.csv"));
+  std::stringstream expected;
+  expected << file.rdbuf();
+  ASSERT_GT(expected.str().size(), 20000u);
+  for (const mlnn::DotKernels* dots : mlnn::runnableDots()) {
+    for (const mlnn::UnfusedKernels* unfused : mlnn::runnableUnfusedKernels()) {
+      EXPECT_EQ(goldenText({*dots, *unfused}), expected.str()) << dots->name << unfused->name;
+    }
+  }
+}
+
+TEST(IntegerGolden, modelHasIntegersOfBothWidthsAndALayerOfFloats) {
+  const mlnn::IntegerLayers layers(goldenModel(ActFn::sigmoid), WideInputs::kNone);
+  EXPECT_EQ(layers.layer(0).codes.bits, 8u);
+  EXPECT_EQ(layers.layer(1).codes.bits, 4u);
+  EXPECT_EQ(layers.layer(2).codes.codes, nullptr);
+  EXPECT_EQ(layers.layer(3).codes.bits, 8u);
+}
+
+}  // namespace
