@@ -4,8 +4,8 @@
 // asks for one of the two locks, the model's and the interpreter's, while it holds the other:
 // so they cannot wait for each other, and Python's other threads run on while one waits.
 //
-// A call that can fail returns (result, messages): what the library returned, and the lines
-// that it would have printed.
+// A call that can fail returns (result, messages): what the library returned, and a list of what
+// it said, each message as (severity, text).
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -37,7 +37,7 @@ namespace {
 using Eigen::Index;
 using Frames = py::array_t<float>;  // frames x values
 using Columns = Eigen::Map<const Eigen::MatrixXf, 0, Eigen::OuterStride<>>;
-using Said = std::pair<int, py::bytes>;
+using Said = std::pair<int, py::list>;
 
 constexpr int kTextDigits = 9;  // with as many, every float reads back exactly
 
@@ -92,15 +92,35 @@ auto write(Core& core, Action action) {
   return locked<Writing>(core, action);
 }
 
+const char* nameOf(mlnn::Severity severity) {
+  switch (severity) {
+    case mlnn::Severity::kError:
+      return "error";
+    case mlnn::Severity::kWarning:
+      return "warning";
+    case mlnn::Severity::kInfo:
+      break;
+  }
+  return "info";
+}
+
+py::list listOf(const std::vector<mlnn::Message>& messages) {
+  py::list list;
+  for (const mlnn::Message& message : messages) {
+    list.append(py::make_tuple(nameOf(message.severity), py::bytes(message.text)));
+  }
+  return list;
+}
+
 // The same, and collects what the library says.
 template <typename Lock, typename Action>
 Said heard(Core& core, Action action) {
-  const auto [result, text] = locked<Lock>(core, [&action](MultiLayerNNModel& model) {
+  const auto [result, messages] = locked<Lock>(core, [&action](MultiLayerNNModel& model) {
     const mlnn::CollectedMessages said;
     const int done = action(model);
-    return std::make_pair(done, said.text());
+    return std::make_pair(done, said.messages());
   });
-  return {result, py::bytes(text)};
+  return {result, listOf(messages)};
 }
 
 // The same for an action without a result.
@@ -264,7 +284,7 @@ py::tuple parse(const py::bytes& bytes) {
 py::bytes openingError(const std::string& path) {
   const mlnn::CollectedMessages said;
   MultiLayerNNModel().deserialize(path.c_str());
-  return said.text();
+  return said.messages().empty() ? std::string() : said.messages().back().text;
 }
 
 py::tuple image(Core& core) {
@@ -292,7 +312,7 @@ py::bytes text(Core& core) {
 
 Said add(Core& core, Core& other) {
   if (&core == &other) return heardDone(core, [](MultiLayerNNModel& model) { model += model; });
-  std::string lines;
+  std::vector<mlnn::Message> messages;
   {
     const py::gil_scoped_release othersRun;
     Writing mine(core.mutex, std::defer_lock);
@@ -300,9 +320,9 @@ Said add(Core& core, Core& other) {
     std::lock(mine, theirs);
     const mlnn::CollectedMessages said;
     core.model += other.model;
-    lines = said.text();
+    messages = said.messages();
   }
-  return {0, py::bytes(lines)};
+  return {0, listOf(messages)};
 }
 
 // --- The forward pass ---

@@ -40,13 +40,15 @@ _VERSION_1_HEADER = b"MultiLayerNNModel\n"
 _HIDDEN_ACT_FN = "hidden_act_fn"
 _TEXT_SUFFIXES = {".txt"}
 _IMAGE_SUFFIXES = {".mlnn", ".bin"}
-_INFO, _WARNING = "info: ", "Warning: "
+_BEGINNINGS = {"warning": "Warning: ", "info": "info: "}  # of messages that are not errors
 _VECTORS = ("bias", "gamma", "beta", "gamma_inf", "beta_inf")
 _NORM = ("minvals", "normvals")
 _CURVES = ("loss", "accuracy")
 _MAX_LINKS = 40  # that are followed, as the system does
 
 _log = logging.getLogger(__name__)
+
+_Messages = list[tuple[str, bytes]]  # what the library said: severity and text of each message
 
 
 class Error(ValueError):
@@ -90,22 +92,22 @@ def _warn(text: str) -> None:
     warnings.warn(text, Warning, stacklevel=level)
 
 
-def _hear(result: int, messages: bytes, failed=lambda result, text: result != 0) -> None:
+def _hear(result: int, messages: _Messages,
+          failed=lambda result, messages: result != 0) -> None:
     """Makes Python's what a call said: an exception, warnings, lines of a log."""
-    text = _str(messages).rstrip("\n")
-    lines = text.splitlines()
-    if failed(result, text):
-        told = [line for line in lines if not line.startswith(_INFO)]
+    if failed(result, messages):
+        told = [_str(text) for severity, text in messages if severity != "info"]
         raise Error("\n".join(told) or "refused, without a reason")
-    for line in lines:
-        if line.startswith(_WARNING):
-            _warn(line.removeprefix(_WARNING))
+    for severity, text in messages:
+        line = _str(text).removeprefix(_BEGINNINGS.get(severity, ""))
+        if severity == "warning":
+            _warn(line)
         else:
-            _log.info("%s", line.removeprefix(_INFO))
+            _log.info("%s", line)
 
 
-def _says_error(_result: int, text: str) -> bool:
-    return any(line.startswith("ERROR") for line in text.splitlines())
+def _says_error(_result: int, messages: _Messages) -> bool:
+    return any(severity == "error" for severity, _ in messages)
 
 
 def _float32(values, dimensions: int, what: str) -> np.ndarray:
@@ -408,7 +410,7 @@ class Model:
         except IsADirectoryError:
             raise
         except OSError as error:
-            text = _str(_mlnn.opening_error(os.fsencode(path))).rstrip("\n") or error.strerror
+            text = _str(_mlnn.opening_error(os.fsencode(path))) or error.strerror
             raise OSError(error.errno, text, path) from None
         with file, _told_of(path):
             data = file.read()

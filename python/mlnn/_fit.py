@@ -60,7 +60,7 @@ def _skeleton(model: Model, layers_only: bool = False) -> Model:
 def _read_back(model: Model) -> Model:
     core, result, messages = _mlnn.parse(_skeleton(model)._core.text())
     if result != 0:
-        reason = messages.decode(errors="backslashreplace").splitlines()[-1]
+        reason = messages[-1][1].decode(errors="backslashreplace")
         raise Error(f"the text format has no way to write this model so that it can be read: {reason}")
     present = Model._of(core)
     unrecorded, name = present._unrecorded_activations(b"", None)
