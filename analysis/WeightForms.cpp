@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "layers/CodedWeights.h"
+#include "layers/NNLayerRecord.h"
 
 namespace mlnn {
 namespace {
@@ -15,9 +15,9 @@ std::string layersText(std::size_t first, std::size_t last) {
 }  // namespace
 
 const char* weightForm(const NNLayer& layer) {
-  static constexpr const char* kForms[kNumWeightForms] = {"floats", "bytes", "half bytes"};
-  const auto count = static_cast<uint64_t>(layer.weights.size());
-  return kForms[planWeights(layer.weights.data(), count).form];
+  static constexpr const char* kForms[kNumWeightForms] = {"floats", "bytes", "half bytes",
+                                                          "bytes by rows", "half bytes by rows"};
+  return kForms[planRecord(layer).form];
 }
 
 std::string weightForms(const MultiLayerNNModel& model) {

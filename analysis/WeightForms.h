@@ -7,7 +7,8 @@
 
 namespace mlnn {
 
-// Returns how the layer's weights are stored in an image: "floats", "bytes" or "half bytes".
+// Returns how the layer's weights are stored in an image: "floats", "bytes", "half bytes", "bytes
+// by rows" or "half bytes by rows".
 const char* weightForm(const NNLayer& layer);
 
 // Returns it for all layers, as in "floats in layer 1, bytes in layers 2-4"; "none" without layers.

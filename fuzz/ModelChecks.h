@@ -39,7 +39,12 @@ void requireTextRoundTrip(const MultiLayerNNModel& model, std::string_view text)
 // Reads an image within limits of memory and time; returns what deserializeBinary does.
 int readImage(std::string_view image, MultiLayerNNModel& model);
 
-// Requires that a model which was read from all of `image` writes the image again.
+// Whether the writer may put a record in the place of one that was read: that is older than row
+// scales, with which the weights take fewer bytes.
+bool mayReplace(const std::string& read, const std::string& written);
+
+// Requires that a model which was read from all of `image` writes the image again, but for records
+// that mayReplace() says.
 void requireImageRoundTrip(const MultiLayerNNModel& model, std::string_view image);
 
 // Requires that a refusal came with a reason.

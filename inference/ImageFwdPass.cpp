@@ -101,16 +101,7 @@ bool ImageFwdPass::Layers::fit() const {
 
 void ImageFwdPass::Layers::unpack(std::size_t index, std::size_t first, std::size_t rows,
                                   float* weights) const {
-  const LayerRecordView& record = records_[index];
-  const LayerView& view = views_[index];
-  if (record.plainWeights == nullptr) {
-    record.codedWeights.expandBlock(first, rows, view.rows, view.cols, weights);
-    return;
-  }
-  for (std::size_t column = 0; column < view.cols; ++column) {
-    const char* const from = record.plainWeights + (column * view.rows + first) * sizeof(float);
-    std::memcpy(weights + column * rows, from, rows * sizeof(float));
-  }
+  unpackWeights(records_[index], first, rows, weights);
 }
 
 namespace {

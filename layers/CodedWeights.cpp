@@ -69,20 +69,23 @@ uint64_t codedWeightsLength(uint32_t form, uint64_t count, uint64_t tableLength,
   return kCodedPrefixLength + kWord * (tableLength + rareWords + codeWords);
 }
 
-// Returns the form for weights with so many different values, the rarest of which occurs so
-// often.
-uint32_t chooseForm(uint64_t count, std::size_t distinct, uint64_t rarest) {
-  uint32_t best = kPlainFloats;
-  uint64_t bestLength = kWord * count;
+// A form, and the bytes that weights take in it.
+struct SizedForm {
+  uint32_t form;
+  uint64_t length;
+};
+
+// Returns the shortest form without row scales for weights with so many different values, the
+// rarest of which occurs so often.
+SizedForm shortestForm(uint64_t count, std::size_t distinct, uint64_t rarest) {
+  SizedForm best{kPlainFloats, kWord * count};
   for (const uint32_t form : {kByteCodes, kHalfByteCodes}) {
     const std::size_t room = maxTableLength(form);
     if (distinct > room + 1) continue;
     const bool isOneTooMany = distinct == room + 1;
     const uint64_t length =
         codedWeightsLength(form, count, isOneTooMany ? room : distinct, isOneTooMany ? rarest : 0);
-    if (length >= bestLength) continue;
-    best = form;
-    bestLength = length;
+    if (length < best.length) best = {form, length};
   }
   return best;
 }
@@ -117,12 +120,15 @@ class ValueCounts {
 
 }  // namespace
 
-WeightsPlan planWeights(const void* weights, uint64_t count) {
+namespace {
+
+// The plan among the forms without row scales.
+WeightsPlan planTable(const void* weights, uint64_t count) {
   WeightsPlan plan;
   ValueCounts counts;
   if (count == 0 || !counts.take(weights, count)) return plan;
   const std::size_t rarest = counts.rarest();
-  plan.form = chooseForm(count, counts.size(), counts[rarest].count);
+  plan.form = shortestForm(count, counts.size(), counts[rarest].count).form;
   if (plan.form == kPlainFloats) return plan;
   const bool leavesOut = counts.size() > maxTableLength(plan.form);
   plan.table.reserve(counts.size());
@@ -137,8 +143,32 @@ WeightsPlan planWeights(const void* weights, uint64_t count) {
   return plan;
 }
 
-uint64_t weightsLength(const WeightsPlan& plan, uint64_t count) {
+}  // namespace
+
+WeightsPlan planWeights(const WeightsRef& weights) {
+  WeightsPlan plan = planTable(weights.values, weights.count());
+  const uint64_t least = rowScaledLength(kHalfByteRowCodes, weights.rows, weights.cols);
+  if (least >= weightsLength(plan, weights)) return plan;
+  std::optional<RowScales> scales = findRowScales(weights.values, weights.rows, weights.cols);
+  if (!scales) return plan;
+  const uint32_t form = scales->bits == 8 ? kByteRowCodes : kHalfByteRowCodes;
+  if (rowScaledLength(form, weights.rows, weights.cols) >= weightsLength(plan, weights)) {
+    return plan;
+  }
+  WeightsPlan byRows;
+  byRows.form = form;
+  byRows.rowScales = std::move(*scales);
+  return byRows;
+}
+
+bool arePlainWithoutRowScales(const void* weights, uint64_t count) {
+  return planTable(weights, count).form == kPlainFloats;
+}
+
+uint64_t weightsLength(const WeightsPlan& plan, const WeightsRef& weights) {
+  const uint64_t count = weights.count();
   if (plan.form == kPlainFloats) return kWord * count;
+  if (hasRowScales(plan.form)) return rowScaledLength(plan.form, weights.rows, weights.cols);
   return codedWeightsLength(plan.form, count, plan.table.size(), plan.rareCount);
 }
 
@@ -186,15 +216,52 @@ void writeCodes(const WeightsPlan& plan, const void* weights, uint64_t count, By
 
 }  // namespace
 
-void writeCoded(const WeightsPlan& plan, const void* weights, uint64_t count, ByteSink& sink) {
+void writeCoded(const WeightsPlan& plan, const WeightsRef& weights, ByteSink& sink) {
+  if (hasRowScales(plan.form)) {
+    sink.take(plan.rowScales.values.data(), plan.rowScales.values.size() * kWord);
+    return writeRowCodes(plan.rowScales, weights.values, weights.rows, weights.cols, sink);
+  }
   writeWord(static_cast<uint32_t>(plan.table.size()), sink);
   writeWord(plan.rareCount, sink);
   sink.take(plan.table.data(), plan.table.size() * kWord);
   if (plan.rareCount > 0) {
     writeWord(plan.rareValue, sink);
-    writeRarePositions(plan, weights, count, sink);
+    writeRarePositions(plan, weights.values, weights.count(), sink);
   }
-  writeCodes(plan, weights, count, sink);
+  writeCodes(plan, weights.values, weights.count(), sink);
+}
+
+namespace {
+
+// Returns the bytes of the shortest form without row scales for what these codes stand for.
+uint64_t lengthWithoutRowScales(const RowCodesView& view) {
+  constexpr std::size_t kCols = 64;
+  const uint64_t count = uint64_t{view.rows} * view.cols;
+  std::array<float, kRowCodePanel * kCols> weights;
+  ValueCounts counts;
+  for (std::size_t row = 0; row < view.rows; row += kRowCodePanel) {
+    const std::size_t rows = std::min(kRowCodePanel, view.rows - row);
+    for (std::size_t col = 0; col < view.cols; col += kCols) {
+      const std::size_t cols = std::min(kCols, view.cols - col);
+      view.unpack(row, rows, col, cols, weights.data());
+      if (!counts.take(weights.data(), rows * cols)) return kWord * count;
+    }
+  }
+  return shortestForm(count, counts.size(), counts[counts.rarest()].count).length;
+}
+
+}  // namespace
+
+bool viewRowCodes(uint32_t form, uint64_t rows, uint64_t cols, const char* src,
+                  std::size_t available, RowCodesView& view) {
+  const uint64_t length = rowScaledLength(form, rows, cols);
+  if (rows == 0 || cols == 0 || length > available) return false;
+  view.rows = static_cast<std::size_t>(rows);  // each takes a byte at least, and so on
+  view.cols = static_cast<std::size_t>(cols);
+  view.bits = codeBits(form);
+  view.scales = src;
+  view.codes = reinterpret_cast<const unsigned char*>(src) + view.rows * sizeof(float);
+  return view.isCanonical() && length < lengthWithoutRowScales(view);
 }
 
 std::size_t codedLength(uint32_t form, uint64_t count, const char* prefix, std::size_t available) {
@@ -369,7 +436,7 @@ bool CodedWeights::isWhatTheWriterChooses(Counts& counts) const {
     rarest = rare;
   }
   const std::size_t distinct = tableLength_ + (hasRareValue ? 1 : 0);
-  return chooseForm(count_, distinct, rarest.count) == form_;
+  return shortestForm(count_, distinct, rarest.count).form == form_;
 }
 
 void CodedWeights::expandBlock(std::size_t first, std::size_t rows, std::size_t stride,

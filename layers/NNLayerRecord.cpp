@@ -46,10 +46,6 @@ bool plainArraysFit(const LayerRecordHead& head, std::size_t available) {
          numWeights(head) <= (available - vectorsLength(head)) / sizeof(float);
 }
 
-bool arePlain(const void* weights, uint64_t count) {
-  return planWeights(weights, count).form == kPlainFloats;
-}
-
 // --- Reading ---
 
 template <typename Dense>
@@ -109,13 +105,22 @@ bool readPlain(NNLayer& layer, const LayerRecordHead& head, StreamBytes& bytes) 
        {&fresh.bias, &fresh.gamma, &fresh.beta, &fresh.gamma_inf, &fresh.beta_inf}) {
     if (!bytes.take(values->data(), bytesOf(*values))) return false;
   }
-  if (!arePlain(fresh.weights.data(), numWeights(head))) return false;
+  if (!arePlainWithoutRowScales(fresh.weights.data(), numWeights(head))) return false;
   layer = std::move(fresh);
   return true;
 }
 
-// Reads the rest of the record into memory first: the codes take at most a quarter of what the
-// weights will.
+// Reads the rest of the record into memory, behind what `start` holds already.
+bool readRest(NNLayer& layer, const char* start, std::size_t startLength, std::size_t length,
+              StreamBytes& bytes) {
+  const std::unique_ptr<char[]> record(new char[length]);
+  std::memcpy(record.get(), start, startLength);
+  return bytes.take(record.get() + startLength, length - startLength) &&
+         readRecord(layer, record.get(), length).length > 0;
+}
+
+// Reads the record into memory first: codes take at most a quarter of what the weights will, or
+// little where row scales and what fills up their blocks count.
 bool readCoded(NNLayer& layer, const LayerRecordHead& head, StreamBytes& bytes,
                std::size_t available) {
   constexpr std::size_t kStart = sizeof head + kCodedPrefixLength;
@@ -125,14 +130,16 @@ bool readCoded(NNLayer& layer, const LayerRecordHead& head, StreamBytes& bytes,
   char* const prefix = start + sizeof head;
   if (!bytes.take(prefix, kCodedPrefixLength)) return false;
   const auto vectors = static_cast<std::size_t>(vectorsLength(head));
-  const std::size_t weights =
-      codedLength(head.form, numWeights(head), prefix, available - sizeof head - vectors);
-  if (weights == 0) return false;
-  const std::size_t length = sizeof head + weights + vectors;
-  const std::unique_ptr<char[]> record(new char[length]);
-  std::memcpy(record.get(), start, kStart);
-  return bytes.take(record.get() + kStart, length - kStart) &&
-         readRecord(layer, record.get(), length).length > 0;
+  const std::size_t left = available - sizeof head - vectors;
+  uint64_t weights = 0;
+  if (hasTable(head.form)) {
+    weights = codedLength(head.form, numWeights(head), prefix, left);
+  } else {
+    weights = rowScaledLength(head.form, uint64_t(head.rows), uint64_t(head.cols));
+  }
+  if (weights < kCodedPrefixLength || weights > left) return false;
+  return readRest(layer, start, kStart, sizeof head + static_cast<std::size_t>(weights) + vectors,
+                  bytes);
 }
 
 // --- Writing ---
@@ -185,12 +192,17 @@ bool viewRecord(const char* src, std::size_t available, LayerRecordView& view) {
   view.plainWeights = nullptr;
   if (head.form == kPlainFloats) {
     if (!plainArraysFit(head, available - sizeof head)) return false;
-    if (!arePlain(weights, numWeights(head))) return false;
+    if (!arePlainWithoutRowScales(weights, numWeights(head))) return false;
     view.plainWeights = weights;
     behind += numWeights(head) * sizeof(float);
-  } else {
+  } else if (hasTable(head.form)) {
     if (!view.codedWeights.view(head.form, numWeights(head), weights, left)) return false;
     behind += view.codedWeights.length();
+  } else {
+    const auto rows = uint64_t(head.rows);
+    const auto cols = uint64_t(head.cols);
+    if (!viewRowCodes(head.form, rows, cols, weights, left, view.rowCodes)) return false;
+    behind += rowScaledLength(head.form, rows, cols);
   }
   const auto take = [&behind](int32_t length) {
     const char* const values = behind;
@@ -206,6 +218,20 @@ bool viewRecord(const char* src, std::size_t available, LayerRecordView& view) {
   return true;
 }
 
+void unpackWeights(const LayerRecordView& view, std::size_t first, std::size_t rows,
+                   float* weights) {
+  const auto allRows = static_cast<std::size_t>(view.head.rows);
+  const auto cols = static_cast<std::size_t>(view.head.cols);
+  if (hasRowScales(view.head.form)) return view.rowCodes.unpack(first, rows, 0, cols, weights);
+  if (hasTable(view.head.form)) {
+    return view.codedWeights.expandBlock(first, rows, allRows, cols, weights);
+  }
+  for (std::size_t column = 0; column < cols; ++column) {
+    const char* const from = view.plainWeights + (column * allRows + first) * sizeof(float);
+    std::memcpy(weights + column * rows, from, rows * sizeof(float));
+  }
+}
+
 RecordResult readRecord(NNLayer& layer, const char* src, std::size_t available) {
   LayerRecordView view;
   if (!viewRecord(src, available, view)) return {};
@@ -217,9 +243,8 @@ RecordResult readRecord(NNLayer& layer, const char* src, std::size_t available) 
   if (view.plainWeights != nullptr) {
     crc.copy(fresh.weights.data(), view.plainWeights, bytesOf(fresh.weights));
   } else {
-    crc.add(src + sizeof view.head, view.codedWeights.length());
-    view.codedWeights.expand(0, static_cast<std::size_t>(numWeights(view.head)),
-                             fresh.weights.data());
+    crc.add(src + sizeof view.head, static_cast<std::size_t>(view.bias - src) - sizeof view.head);
+    unpackWeights(view, 0, static_cast<std::size_t>(view.head.rows), fresh.weights.data());
   }
   crc.copy(fresh.bias.data(), view.bias, bytesOf(fresh.bias));
   crc.copy(fresh.gamma.data(), view.gamma, bytesOf(fresh.gamma));
@@ -248,25 +273,30 @@ RecordResult readRecord(NNLayer& layer, std::istream& in, std::size_t available)
   return result;
 }
 
-WeightsPlan planRecord(const NNLayer& layer) {
-  return planWeights(layer.weights.data(), static_cast<uint64_t>(layer.weights.size()));
+namespace {
+
+WeightsRef weightsOf(const NNLayer& layer) {
+  return {layer.weights.data(), static_cast<std::size_t>(layer.weights.rows()),
+          static_cast<std::size_t>(layer.weights.cols())};
 }
 
+}  // namespace
+
+WeightsPlan planRecord(const NNLayer& layer) { return planWeights(weightsOf(layer)); }
+
 uint64_t recordLength(const NNLayer& layer, const WeightsPlan& plan) {
-  const auto count = static_cast<uint64_t>(layer.weights.size());
-  return sizeof(LayerRecordHead) + weightsLength(plan, count) +
+  return sizeof(LayerRecordHead) + weightsLength(plan, weightsOf(layer)) +
          sizeof(float) * uint64_t(layer.bias.size() + layer.gamma.size() + layer.beta.size() +
                                   layer.gamma_inf.size() + layer.beta_inf.size());
 }
 
 void writeRecord(const NNLayer& layer, const WeightsPlan& plan, ByteSink& sink) {
-  const auto count = static_cast<uint64_t>(layer.weights.size());
   const LayerRecordHead head = headOf(layer, plan);
   sink.take(&head, sizeof head);
   if (plan.form == kPlainFloats) {
     sink.take(layer.weights.data(), bytesOf(layer.weights));
   } else {
-    writeCoded(plan, layer.weights.data(), count, sink);
+    writeCoded(plan, weightsOf(layer), sink);
   }
   for (const Eigen::VectorXf* values :
        {&layer.bias, &layer.gamma, &layer.beta, &layer.gamma_inf, &layer.beta_inf}) {

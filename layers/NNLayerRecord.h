@@ -1,5 +1,5 @@
 // The binary record of a layer, described in docs/binary-format.md: a head of ten 32-bit words,
-// the weights in one of three forms, then the layer's vectors as raw floats.
+// the weights in one of five forms, then the layer's vectors as raw floats.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ namespace mlnn {
 
 // The head, word by word as it stands in the record.
 struct LayerRecordHead {
-  uint32_t form;         // of the weights: kPlainFloats, kByteCodes or kHalfByteCodes
+  uint32_t form;         // of the weights: kPlainFloats and so on
   int32_t rows;          // outputs
   int32_t cols;          // inputs
   int32_t actFn;         // an ActFn::ActFn code
@@ -32,8 +32,9 @@ inline constexpr int kMinLayerRecordLength = sizeof(LayerRecordHead);
 // A record as it lies in memory: nothing is copied but the head. Addresses need not be aligned.
 struct LayerRecordView {
   LayerRecordHead head;
-  const char* plainWeights;  // null where the weights are coded
-  CodedWeights codedWeights;
+  const char* plainWeights;   // null where the weights are codes
+  CodedWeights codedWeights;  // where hasTable(head.form)
+  RowCodesView rowCodes;      // where hasRowScales(head.form)
   const char* bias;
   const char* gamma;
   const char* beta;
@@ -41,6 +42,11 @@ struct LayerRecordView {
   const char* betaInf;
   std::size_t length;  // bytes of the record
 };
+
+// Writes the weights of `rows` outputs, from the output `first` on, to an array of floats:
+// rows x inputs, without gaps.
+void unpackWeights(const LayerRecordView& view, std::size_t first, std::size_t rows,
+                   float* weights);
 
 // Looks at the record of at most `available` bytes at `src`.
 // Returns: whether it is whole and one that the writer writes; else `view` is unspecified.

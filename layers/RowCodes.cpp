@@ -32,54 +32,102 @@ double nearest(double value) {
 
 // --- Finding scales ---
 
-// A row as far as it has been seen. Floats are whole multiples of a power of two, so the doubles
-// here are exact, remainders too.
-struct RowSoFar {
-  double scale = 0;    // the greatest common divisor of the weights; 0 while all are 0
-  double inverse = 0;  // about 1 / scale, or 0
-  double largest = 0;  // of the absolute weights
+// Some rows as far as they have been seen. Floats are whole multiples of a power of two, so the
+// doubles here are exact, remainders too.
+class RowsSoFar {
+ public:
+  static constexpr std::size_t kMost = 64;
 
-  // Whether the weight is a code times the scale. Never wrong where it says so.
-  bool has(float weight) const {
-    const double code = nearest(double{weight} * inverse);
-    const bool isCode = std::fabs(code) <= kLargestCode;
-    return isCode & (code * scale == double{weight}) & !isNegativeZero(weight);
+  explicit RowsSoFar(std::size_t rows) : rows_(rows) {}
+
+  // Takes in some columns of weights, which are `stride` weights apart. Returns whether the rows
+  // still have a form.
+  bool take(const char* columns, std::size_t count, std::size_t stride) {
+    return have(columns, count, stride) || takeOneByOne(columns, count, stride);
   }
 
-  // Takes any weight in. Returns whether the row still has a form.
-  bool take(float weight) {
-    if (!std::isfinite(weight) || isNegativeZero(weight)) return false;
-    const double size = std::fabs(weight);
-    if (size == 0) return true;
-    largest = std::max(largest, size);
-    double divisor = scale == 0 ? size : scale;
-    if (largest > kLargestCode * std::min(divisor, size)) return false;
-    for (double rest = std::fmod(size, divisor); rest != 0;) {
-      if (largest > kLargestCode * rest) return false;
-      const double next = std::fmod(divisor, rest);
-      divisor = rest;
-      rest = next;
-    }
-    scale = divisor;
-    inverse = 1 / divisor;
-    return true;
+  // Returns what has been found.
+  float scale(std::size_t row) const { return static_cast<float>(scales_[row]); }
+  bool needsBytes(std::size_t row) const {
+    return largest_[row] > largestRowCode(4) * scales_[row];
   }
+
+ private:
+  using Values = std::array<double, kMost>;
+
+  bool have(const char* columns, std::size_t count, std::size_t stride);
+  bool takeOneByOne(const char* columns, std::size_t count, std::size_t stride);
+  bool takeWeight(std::size_t row, float weight);
+
+  std::size_t rows_;
+  Values scales_{};    // greatest common divisors of the weights; 0 while all are 0
+  Values inverses_{};  // about 1 / scale, or 0
+  Values largest_{};   // of the absolute weights
 };
 
-// Whether each weight of a column is a multiple of what its row has so far.
-bool columnFits(std::vector<RowSoFar>& rows, const char* column) {
+// Whether all weights are codes times the scales so far, which no other weights are. Loops that a
+// compiler makes vectors of: this is what every writer does with every weight.
+bool RowsSoFar::have(const char* columns, std::size_t count, std::size_t stride) {
+  std::array<float, kMost> column{};
+  std::array<uint32_t, kMost> negativeZeros{};
+  Values largestCodes{};
+  Values errors{};
+  for (std::size_t c = 0; c < count; ++c) {
+    const char* const from = columns + c * stride * sizeof(float);
+    std::memcpy(column.data(), from, rows_ * sizeof(float));
+    std::array<uint32_t, kMost> bits;
+    std::memcpy(bits.data(), column.data(), sizeof bits);
+    for (std::size_t r = 0; r < kMost; ++r) negativeZeros[r] |= bits[r] == 0x80000000u ? 1 : 0;
+    for (std::size_t r = 0; r < kMost; ++r) {
+      const double weight = double{column[r]};
+      const double code = nearest(weight * inverses_[r]);
+      errors[r] += std::fabs(code * scales_[r] - weight);
+      largestCodes[r] = std::max(largestCodes[r], std::fabs(code));
+      largest_[r] = std::max(largest_[r], std::fabs(weight));
+    }
+  }
   bool fits = true;
-  for (std::size_t r = 0; r < rows.size(); ++r) {
-    const float weight = floatAt(column, r);
-    fits &= rows[r].has(weight);
-    rows[r].largest = std::max(rows[r].largest, double{std::fabs(weight)});
+  for (std::size_t r = 0; r < kMost; ++r) {
+    fits &= negativeZeros[r] == 0 && errors[r] == 0 && largestCodes[r] <= kLargestCode;
   }
   return fits;
 }
 
-bool takeColumn(std::vector<RowSoFar>& rows, const char* column) {
-  for (std::size_t r = 0; r < rows.size(); ++r) {
-    if (!rows[r].take(floatAt(column, r))) return false;
+bool RowsSoFar::takeOneByOne(const char* columns, std::size_t count, std::size_t stride) {
+  for (std::size_t c = 0; c < count; ++c) {
+    for (std::size_t r = 0; r < rows_; ++r) {
+      if (!takeWeight(r, floatAt(columns, c * stride + r))) return false;
+    }
+  }
+  return true;
+}
+
+bool RowsSoFar::takeWeight(std::size_t row, float weight) {
+  if (!std::isfinite(weight) || isNegativeZero(weight)) return false;
+  const double size = std::fabs(weight);
+  if (size == 0) return true;
+  double divisor = scales_[row] == 0 ? size : scales_[row];
+  const double largest = std::max(largest_[row], size);
+  largest_[row] = largest;
+  if (largest > kLargestCode * std::min(divisor, size)) return false;
+  for (double rest = std::fmod(size, divisor); rest != 0;) {
+    if (largest > kLargestCode * rest) return false;
+    const double next = std::fmod(divisor, rest);
+    divisor = rest;
+    rest = next;
+  }
+  scales_[row] = divisor;
+  inverses_[row] = 1 / divisor;
+  return true;
+}
+
+// Takes the rows of all columns in. Returns whether they have a form.
+bool takeAll(RowsSoFar& found, const char* weights, std::size_t rows, std::size_t cols) {
+  std::size_t some = 2;  // at first, to look at few weights of a layer that has no form
+  for (std::size_t col = 0; col < cols; col += some) {
+    if (col > 2) some = 16;
+    const std::size_t count = std::min(some, cols - col);
+    if (!found.take(weights + col * rows * sizeof(float), count, rows)) return false;
   }
   return true;
 }
@@ -252,15 +300,17 @@ bool isRowCanonical(const RowCodesView& view, std::size_t row, int size) {
 
 std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols) {
   if (rows == 0 || cols == 0) return std::nullopt;
-  std::vector<RowSoFar> found(rows);
-  for (std::size_t col = 0; col < cols; ++col) {
-    const char* const column = static_cast<const char*>(weights) + col * rows * sizeof(float);
-    if (!columnFits(found, column) && !takeColumn(found, column)) return std::nullopt;
-  }
-  RowScales scales{4, std::vector<float>(rows)};
-  for (std::size_t row = 0; row < rows; ++row) {
-    scales.values[row] = static_cast<float>(found[row].scale);
-    if (found[row].largest > largestRowCode(4) * found[row].scale) scales.bits = 8;
+  RowScales scales{4, {}};
+  for (std::size_t first = 0; first < rows; first += RowsSoFar::kMost) {
+    const std::size_t count = std::min(RowsSoFar::kMost, rows - first);
+    RowsSoFar found(count);
+    const char* const begin = static_cast<const char*>(weights) + first * sizeof(float);
+    if (!takeAll(found, begin, rows, cols)) return std::nullopt;
+    scales.values.reserve(rows);
+    for (std::size_t row = 0; row < count; ++row) {
+      scales.values.push_back(found.scale(row));
+      if (found.needsBytes(row)) scales.bits = 8;
+    }
   }
   return scales;
 }
@@ -301,12 +351,17 @@ int RowCodesView::code(std::size_t row, std::size_t col) const {
 
 void RowCodesView::unpack(std::size_t row, std::size_t rowCount, std::size_t col,
                           std::size_t colCount, float* weights) const {
-  for (std::size_t at = row; at < row + rowCount;) {
-    const std::size_t lane = at % kRowCodePanel;
-    const std::size_t lanes = std::min(kRowCodePanel - lane, row + rowCount - at);
-    unpackPart(*this, {at / kRowCodePanel, lane, lanes}, col, colCount, rowCount,
-               weights + (at - row));
-    at += lanes;
+  constexpr std::size_t kCols = 64;  // at a time, so that few pages are written together
+  for (std::size_t done = 0; done < colCount; done += kCols) {
+    const std::size_t some = std::min(kCols, colCount - done);
+    float* const to = weights + done * rowCount;
+    for (std::size_t at = row; at < row + rowCount;) {
+      const std::size_t lane = at % kRowCodePanel;
+      const std::size_t lanes = std::min(kRowCodePanel - lane, row + rowCount - at);
+      unpackPart(*this, {at / kRowCodePanel, lane, lanes}, col + done, some, rowCount,
+                 to + (at - row));
+      at += lanes;
+    }
   }
 }
 

@@ -55,8 +55,8 @@ struct RowScales {
 };
 
 // Returns the scales of `rows` x `cols` floats, column-major, at any address; nothing where the
-// weights have no such form or there are none. Looks at few weights where they are no multiples of
-// anything.
+// weights have no such form or there are none. Looks at few weights, and allocates nothing, where
+// they are no multiples of anything.
 std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols);
 
 // Hands the bytes of the codes to the sink, piece by piece.

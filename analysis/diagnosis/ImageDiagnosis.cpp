@@ -50,6 +50,7 @@ class ImageWalk {
   bool recordHeadFits(const std::string& layer, const LayerRecordHead& head);
   bool vectorLengthsFit(const std::string& layer, const LayerRecordHead& head);
   bool arraysFit(const std::string& layer, const LayerRecordHead& head);
+  bool codesFit(const LayerRecordHead& head, std::size_t left);
   bool codesFit(const std::string& layer, const LayerRecordHead& head);
   bool refuseWeights(const std::string& layer, const LayerRecordHead& head);
   bool endFits();
@@ -115,11 +116,10 @@ bool ImageWalk::layersFit() {
   std::size_t read = 0;
   NNLayer layer;
   for (; read < static_cast<std::size_t>(numLayers_) && position_ < image_.size(); ++read) {
-    const int consumed =
-        layer.deserializeBinary(image_.data() + position_, static_cast<int>(available()));
-    if (consumed <= 0) return refuseRecord(read + 1);
-    position_ += static_cast<std::size_t>(consumed);
-    checksum_ += layer.checksum();
+    const RecordResult record = readRecord(layer, image_.data() + position_, available());
+    if (record.length <= 0) return refuseRecord(read + 1);
+    position_ += static_cast<std::size_t>(record.length);
+    checksum_ += record.checksum;
   }
   return recordsPresent(read);
 }
@@ -155,9 +155,23 @@ bool ImageWalk::refuseWeights(const std::string& layer, const LayerRecordHead& h
     return refuse(position_ + offsetof(LayerRecordHead, form), layer + ", form of the weights",
                   "codes, which take fewer bytes for weights of so few different values", "floats");
   }
+  if (hasRowScales(head.form)) {
+    return refuse(position_ + sizeof head, layer + ", scales and codes of rows",
+                  "the largest scale that each row can have, codes within their range, zeros where "
+                  "they fill up, and no shorter form",
+                  "others");
+  }
   return refuse(position_ + sizeof head, layer + ", coded weights",
                 "a table of ascending values, codes that use each of them, and no shorter form",
                 "another one");
+}
+
+// Whether so many bytes have room for the weights that the record announces.
+bool ImageWalk::codesFit(const LayerRecordHead& head, std::size_t left) {
+  const auto rows = uint64_t(head.rows);
+  const auto cols = uint64_t(head.cols);
+  if (hasRowScales(head.form)) return rowScaledLength(head.form, rows, cols) <= left;
+  return codedLength(head.form, rows * cols, image_.data() + position_ + sizeof head, left) > 0;
 }
 
 // Finds out what is wrong with the lengths of coded weights.
@@ -168,21 +182,16 @@ bool ImageWalk::codesFit(const std::string& layer, const LayerRecordHead& head) 
     return refuse(position_ + start, layer + ", coded weights", bytesText(kCodedPrefixLength),
                   std::string(kEndOfFile) + " after " + bytesText(left));
   }
-  const char* const prefix = image_.data() + position_ + start;
   const auto tableLength = static_cast<uint32_t>(int32At(position_ + start));
-  if (tableLength == 0 || tableLength > maxTableLength(head.form)) {
+  if (hasTable(head.form) && (tableLength == 0 || tableLength > maxTableLength(head.form))) {
     return refuseValue(position_ + start, layer + ", number of values in the table",
                        "1 to " + std::to_string(maxTableLength(head.form)), tableLength);
   }
-  const uint64_t count = uint64_t(head.rows) * uint64_t(head.cols);
   const uint64_t vectors =
       sizeof(float) *
       (uint64_t(head.biasLength) + uint64_t(head.gammaLength) + uint64_t(head.betaLength) +
        uint64_t(head.gammaInfLength) + uint64_t(head.betaInfLength));
-  if (vectors <= left &&
-      codedLength(head.form, count, prefix, left - static_cast<std::size_t>(vectors)) > 0) {
-    return true;
-  }
+  if (vectors <= left && codesFit(head, left - static_cast<std::size_t>(vectors))) return true;
   return refuse(position_ + start, layer + ", coded weights and vectors",
                 "codes for " + std::to_string(head.rows) + " x " + std::to_string(head.cols) +
                     " weights, and " + std::to_string(vectors) + " bytes of vectors",

@@ -44,6 +44,14 @@ uint32_t anyWord(Random& random) {
 constexpr uint32_t kPlain = 0;
 constexpr uint32_t kByteCodes = 1;
 constexpr uint32_t kHalfByteCodes = 2;
+constexpr uint32_t kByteRowCodes = 3;
+constexpr uint32_t kHalfByteRowCodes = 4;
+
+// Scales, and blocks of 16 rows x 4 columns.
+uint64_t rowCodeWords(uint32_t form, uint64_t rows, uint64_t cols) {
+  const uint64_t blocks = (rows + 15) / 16 * ((cols + 3) / 4);
+  return rows + blocks * (form == kByteRowCodes ? 16 : 8);
+}
 
 uint64_t codedWords(uint32_t form, uint64_t count, uint64_t table, uint64_t rare) {
   const uint64_t bits = form == kByteCodes ? 8 : 4;
@@ -127,6 +135,53 @@ std::vector<uint32_t> makeWeights(std::size_t count, Random& random) {
   return weights;
 }
 
+// The scales and codes of a layer. Every row has a code of 1, so that its scale is the canonical
+// one.
+struct MadeRowCodes {
+  std::size_t rows;
+  std::size_t cols;
+  uint32_t form;
+  std::vector<uint32_t> scales;
+  std::vector<int> codes;  // row by row
+
+  MadeRowCodes(std::size_t rowCount, std::size_t colCount, Random& random)
+      : rows(rowCount),
+        cols(colCount),
+        form(random.oneIn(2) ? kByteRowCodes : kHalfByteRowCodes),
+        codes(rowCount * colCount) {
+    const int largest = form == kByteRowCodes ? 127 : 7;
+    for (std::size_t r = 0; r < rows; ++r) {
+      scales.push_back((0x20000000 + random.word() % 0x20000000) & ~uint32_t{0x7F});
+      for (std::size_t c = 0; c < cols; ++c) {
+        const auto code = static_cast<int>(random.below(static_cast<std::size_t>(2 * largest + 1)));
+        codes[r * cols + c] = code - largest;
+      }
+      if (cols > 0) codes[r * cols] = 1;
+    }
+    if (cols > 1 && rows > 0) codes[1] = -largest;
+  }
+
+  void appendTo(std::string& record) const {
+    for (const uint32_t scale : scales) append(record, scale);
+    for (std::size_t panel = 0; panel < rows; panel += 16) {
+      for (std::size_t group = 0; group < cols; group += 4) appendBlock(record, panel, group);
+    }
+  }
+
+ private:
+  unsigned codeAt(std::size_t row, std::size_t col) const {
+    const int code = row < rows && col < cols ? codes[row * cols + col] : 0;
+    return static_cast<unsigned>(code + (form == kByteRowCodes ? 128 : 8));
+  }
+
+  void appendBlock(std::string& record, std::size_t panel, std::size_t group) const {
+    const auto at = [&](std::size_t i) { return codeAt(panel + i / 4, group + i % 4); };
+    for (std::size_t i = 0; i < (form == kByteRowCodes ? 64 : 32); ++i) {
+      record += static_cast<char>(form == kByteRowCodes ? at(i) : at(i) | at(i + 32) << 4);
+    }
+  }
+};
+
 // Where the records of an image begin; the last entry is where they end.
 std::vector<std::size_t> recordOffsets(const std::string& image) {
   std::vector<std::size_t> offsets;
@@ -185,6 +240,8 @@ std::size_t recordLength(const char* bytes, std::size_t available) {
     if (available < kRecordHeadLength + 8) return 0;
     const uint64_t rare = wordAt(bytes, kRecordHeadLength + 4);
     words += codedWords(form, rows * cols, wordAt(bytes, kRecordHeadLength), rare);
+  } else if (form == kByteRowCodes || form == kHalfByteRowCodes) {
+    words += rowCodeWords(form, rows, cols);
   } else {
     words += rows * cols;
   }
@@ -192,12 +249,15 @@ std::size_t recordLength(const char* bytes, std::size_t available) {
 }
 
 std::string makeRecord(Random& random) {
-  const auto rows = static_cast<uint32_t>(random.below(6));
-  const auto cols = static_cast<uint32_t>(random.below(random.oneIn(8) ? 60 : 6));
+  const bool byRows = random.oneIn(4);
+  const auto rows = static_cast<uint32_t>(random.below(byRows ? 36 : 6));
+  const auto cols = static_cast<uint32_t>(random.below(byRows || random.oneIn(8) ? 60 : 6));
   const bool isBatchNorm = random.oneIn(2);
   const std::vector<uint32_t> weights = makeWeights(std::size_t{rows} * cols, random);
-  const uint32_t form =
-      random.oneIn(16) ? static_cast<uint32_t>(random.below(4)) : formFor(weights);
+  const MadeRowCodes rowCodes(rows, cols, random);
+  const uint32_t form = byRows             ? rowCodes.form
+                        : random.oneIn(16) ? static_cast<uint32_t>(random.below(6))
+                                           : formFor(weights);
   std::string record;
   append(record, form);
   append(record, rows);
@@ -211,7 +271,11 @@ std::string makeRecord(Random& random) {
     append(record, length);
     floats += length;
   }
-  appendWeights(record, form, weights);
+  if (byRows) {
+    rowCodes.appendTo(record);
+  } else {
+    appendWeights(record, form, weights);
+  }
   for (; floats > 0; --floats) append(record, random.oneIn(4) ? random.word() : 0x3F000000);
   return record;
 }

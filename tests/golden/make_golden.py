@@ -7,6 +7,8 @@ README.md explains what they hold.
 """
 
 import collections
+import fractions
+import math
 import pathlib
 import struct
 
@@ -46,6 +48,21 @@ CODED_LAYERS = [
     {"act_fn": "linear", "bias": [i / 8 for i in range(88)],
      "weights": [[(k - 128) / 128 for k in (3 * (4 * r + c) % 257 for c in range(4))]
                  for r in range(88)]},
+]
+# Whole numbers times a scale for each row: bytes; half bytes, in more rows than a panel; bytes again,
+# with a row of zeros and one whose scale has all 24 bits of a float.
+ROW_LAYERS = [
+    {"act_fn": "relu", "bias": [i / 2 for i in range(16)],
+     "weights": [[(5 * (3 * r + c) % 255 - 127) * (r + 1) / 64 for c in range(3)]
+                 for r in range(16)]},
+    {"weights": [[(3 * (16 * r + c) % 15 - 7) * (2 * r + 1) / 32 for c in range(16)]
+                 for r in range(20)],
+     "gamma": [1 + i / 4 for i in range(20)], "beta": [i / 8 for i in range(20)],
+     "gamma_inf": [0.5 + i / 16 for i in range(20)], "beta_inf": [i / 2 - 4 for i in range(20)]},
+    {"act_fn": "linear", "bias": [-i / 8 for i in range(18)],
+     "weights": [[0.0 if r == 4 else (c % 3 - 1) * (1 + 2**-23) if r == 5 else
+                  (7 * (20 * r + c) % 201 - 100) * (2 * r + 1) * 2.0**-20 for c in range(20)]
+                 for r in range(18)]},
 ]
 VECTORS = ["gamma", "beta", "gamma_inf", "beta_inf"]
 
@@ -117,9 +134,39 @@ def coded(weights, code_bits):
     return struct.pack("<%dI" % len(words), *words) + bytes(codes) + bytes(-len(codes) % 4)
 
 
-def stored(weights):
+def row_scale(row):
+    """The largest number of which all weights of the row are whole multiples; 0 for zeros."""
+    values = [fractions.Fraction(weight) for weight in row]
+    unit = math.lcm(*(value.denominator for value in values))
+    return fractions.Fraction(math.gcd(*(int(value * unit) for value in values)), unit)
+
+
+def row_coded(rows, code_bits):
+    """The weights as a scale and whole numbers for each row; nothing where they are no such."""
+    if any(math.copysign(1, weight) < 0 and weight == 0 for row in rows for weight in row):
+        return None
+    scales = [row_scale(row) for row in rows]
+    codes = [[int(fractions.Fraction(weight) / scale) if scale else 0 for weight in row]
+             for row, scale in zip(rows, scales)]
+    if max(abs(code) for row in codes for code in row) >= 2**(code_bits - 1):
+        return None
+    places = []  # in blocks of 16 rows and 4 columns, the four codes of a row side by side
+    for panel in range(0, len(rows), 16):
+        for group in range(0, len(rows[0]), 4):
+            places += [codes[r][c] if r < len(rows) and c < len(rows[0]) else 0
+                       for r in range(panel, panel + 16) for c in range(group, group + 4)]
+    places = [code + 2**(code_bits - 1) for code in places]
+    if code_bits == 4:
+        blocks = [places[i:i + 64] for i in range(0, len(places), 64)]
+        places = [block[i] | block[i + 32] << 4 for block in blocks for i in range(32)]
+    return floats([float(scale) for scale in scales]) + bytes(places)
+
+
+def stored(rows):
     """The form that takes the fewest bytes, of several the first, and these bytes."""
-    forms = enumerate([floats(weights), coded(weights, 8), coded(weights, 4)])
+    weights = [row[c] for c in range(len(rows[0])) for row in rows]
+    forms = enumerate([floats(weights), coded(weights, 8), coded(weights, 4),
+                       row_coded(rows, 8), row_coded(rows, 4)])
     return min((form for form in forms if form[1] is not None), key=lambda form: len(form[1]))
 
 
@@ -129,7 +176,7 @@ def layer_record(layer):
     # A batch-norm layer that was read from text has a bias of zeros and the default activation.
     bias = [0.0] * outputs if batch_norm else layer["bias"]
     vectors = [bias] + [layer.get(name, []) for name in VECTORS]
-    form, weights = stored([layer["weights"][r][c] for c in range(inputs) for r in range(outputs)])
+    form, weights = stored([[as_float(weight) for weight in row] for row in layer["weights"]])
     head = struct.pack("<IiiiI5i", form, outputs, inputs,
                        ACTIVATIONS.index(layer.get("act_fn", "linear")), batch_norm,
                        *(len(vector) for vector in vectors))
@@ -153,6 +200,7 @@ def main():
     (FOLDER / "version1.txt").write_text(model_text(1))
     (FOLDER / "image.mlnn").write_bytes(image(LAYERS))
     (FOLDER / "coded.mlnn").write_bytes(image(CODED_LAYERS))
+    (FOLDER / "rows.mlnn").write_bytes(image(ROW_LAYERS))
 
 
 if __name__ == "__main__":

@@ -58,7 +58,7 @@ std::vector<uint32_t> inTurn(std::size_t count, std::size_t distinct) {
 }
 
 mlnn::WeightsPlan planOf(const std::vector<uint32_t>& patterns) {
-  return mlnn::planWeights(patterns.data(), patterns.size());
+  return mlnn::planWeights({patterns.data(), 1, patterns.size()});
 }
 
 // Expects that the layer comes back from its record, to the bit.
@@ -111,7 +111,7 @@ TEST(WeightsPlan, takesTheFewestBytes) {
     EXPECT_EQ(plan.form, c.form) << what;
     EXPECT_EQ(plan.table.size(), c.tableLength) << what;
     EXPECT_EQ(plan.rareCount, c.rareCount) << what;
-    EXPECT_EQ(mlnn::weightsLength(plan, c.weights), c.length) << what;
+    EXPECT_EQ(mlnn::weightsLength(plan, {nullptr, 1, c.weights}), c.length) << what;
   }
 }
 
@@ -142,7 +142,7 @@ TEST(WeightsPlan, looksAtFewWeightsWhereThereAreManyValues) {
   for (uint32_t i = 0; i < 258; ++i) patterns[i] = i;
   const std::string bytes(reinterpret_cast<const char*>(patterns.data()), 4 * patterns.size());
   const mlnn::test::GuardedBytes guarded(bytes);  // nothing can be read behind the 258
-  EXPECT_EQ(mlnn::planWeights(guarded.data(), uint64_t{1} << 28).form, kPlainFloats);
+  EXPECT_EQ(mlnn::planWeights({guarded.data(), 1, std::size_t{1} << 28}).form, kPlainFloats);
 }
 
 // --- The record ---

@@ -95,6 +95,7 @@ NNLayer untouchedLayer(int outputs, int inputs) {
   NNLayer layer;
   layer.weights.resize(outputs, inputs);
   for (int i = 0; i < 300; ++i) layer.weights.data()[i] = static_cast<float>(i);
+  layer.weights.data()[0] = -0.0f;
   return layer;
 }
 

@@ -1,7 +1,8 @@
-// Exhaustive damage: every change of a kind to the golden files, texts of both versions and an
-// images without and with codes. Nothing may crash, every refusal says why, and nothing that
-// changes a layer record goes unnoticed. Every byte of the texts and of the image with codes takes
-// 25 values, and all 256 where the environment sets MLNN_EXHAUSTIVE: scripts/check-damage does.
+// Exhaustive damage: every change of a kind to the golden files, texts of both versions and
+// images without and with codes and row scales. Nothing may crash, every refusal says why, and
+// nothing that changes a layer record goes unnoticed. Every byte of the texts and of the image with
+// codes takes 25 values, and all 256 where the environment sets MLNN_EXHAUSTIVE:
+// scripts/check-damage does.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -431,9 +432,10 @@ TEST_P(DamagedImage, adjacentRecordsChangePlacesUnnoticed) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Golden, DamagedImage, testing::Values("image.mlnn", "coded.mlnn"),
-                         [](const auto& instance) {
-                           return std::string(instance.param).substr(0, 5);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Golden, DamagedImage, testing::Values("image.mlnn", "coded.mlnn", "rows.mlnn"),
+    [](const auto& instance) {
+      return std::string(instance.param).substr(0, std::string(instance.param).find('.'));
+    });
 
 }  // namespace

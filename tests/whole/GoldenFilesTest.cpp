@@ -144,6 +144,46 @@ TEST(GoldenFiles, codedImageHoldsWhatItSays) {
   EXPECT_EQ(model.layers[1]->gamma_inf[3], 4.0f);
 }
 
+TEST(GoldenFiles, imageWithRowScalesReadsAndWritesTheSameBytes) {
+  const std::string messages = "info: deserializeBinary: feature desc: " + kDescription + "\n";
+  const MultiLayerNNModel model = loaded("rows.mlnn", messages);
+  EXPECT_EQ(imageOf(model), bytesOf(golden("rows.mlnn")));
+}
+
+TEST(GoldenFiles, imageWithRowScalesHoldsWhatItSays) {
+  const MultiLayerNNModel model =
+      loaded("rows.mlnn", "info: deserializeBinary: feature desc: " + kDescription + "\n");
+  EXPECT_EQ(model.debug_description(), "inputs 3 x 16 bn 20 x 18 output classes");
+  const ByteImage image(bytesOf(golden("rows.mlnn")));
+  std::size_t record = mlnn::kHeadLength;
+  for (const uint32_t form : {mlnn::kByteRowCodes, mlnn::kHalfByteRowCodes, mlnn::kByteRowCodes}) {
+    EXPECT_EQ(image.uint32At(record), form);
+    NNLayer layer;
+    record += static_cast<std::size_t>(ByteImage(image.bytes().substr(record)).readInto(layer));
+  }
+  EXPECT_EQ(record, image.size());
+
+  for (Eigen::Index r = 0; r < 16; ++r) {
+    for (Eigen::Index c = 0; c < 3; ++c) {
+      const auto k = 5 * (3 * r + c) % 255 - 127;
+      EXPECT_EQ(model.layers[0]->weights(r, c), static_cast<float>(k * (r + 1)) / 64);
+    }
+  }
+  for (Eigen::Index r = 0; r < 20; ++r) {
+    for (Eigen::Index c = 0; c < 16; ++c) {
+      const auto k = 3 * (16 * r + c) % 15 - 7;
+      EXPECT_EQ(model.layers[1]->weights(r, c), static_cast<float>(k * (2 * r + 1)) / 32);
+    }
+  }
+  EXPECT_EQ(model.layers[1]->gamma_inf[3], 0.6875f);
+  const Eigen::MatrixXf& last = model.layers[2]->weights;
+  EXPECT_TRUE((last.row(4).array() == 0).all());
+  EXPECT_EQ(last(5, 0), -1 - 0x1p-23f);
+  EXPECT_EQ(last(5, 1), 0.0f);
+  EXPECT_EQ(last(5, 2), 1 + 0x1p-23f);
+  EXPECT_EQ(last(17, 19), (7 * 359 % 201 - 100) * 35 * 0x1p-20f);
+}
+
 // The block of text that follows a heading of a document.
 std::string blockAfter(const std::string& heading, const std::string& document) {
   const std::string text = bytesOf(sourcePath(document));
