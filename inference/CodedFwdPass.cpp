@@ -48,15 +48,19 @@ std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& mode
   }
   if (!canBeEvaluated(model, kCreate)) return nullptr;
   const ValueRange range = parameterRange(model.layers).value_or(ValueRange{0.0f, 0.0f});
-  auto layers = std::make_unique<CodedLayers>(model, PrecisionGrid(range, bits), bits,
-                                              codesFor == CodesFor::kSpeed ? kStreaming : 1);
+  auto layers = std::make_shared<const CodedLayers>(model, PrecisionGrid(range, bits), bits,
+                                                    codesFor == CodesFor::kSpeed ? kStreaming : 1);
   return std::unique_ptr<CodedFwdPass>(new CodedFwdPass(std::move(layers)));
 }
 
-CodedFwdPass::CodedFwdPass(std::unique_ptr<const CodedLayers> layers)
+CodedFwdPass::CodedFwdPass(std::shared_ptr<const CodedLayers> layers)
     : layers_(std::move(layers)) {}
 
 CodedFwdPass::~CodedFwdPass() = default;
+
+std::unique_ptr<CodedFwdPass> CodedFwdPass::another() const {
+  return std::unique_ptr<CodedFwdPass>(new CodedFwdPass(layers_));
+}
 
 int CodedFwdPass::numInputs() const { return static_cast<int>(layers_->layer(0).cols); }
 

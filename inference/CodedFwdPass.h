@@ -29,7 +29,7 @@ enum class CodesFor { kSpeed, kMemory };
 // cannot say what the grid made of the weights stay float, and for the sake of speed so do those
 // of less than 2^18 weights, which floats are quick to read of; weightBytes() counts what there is.
 //
-// Thread-safety: one object serves one thread at a time.
+// Thread-safety: one object serves one thread at a time; another() makes one for each further thread.
 class MLNN_EXPORT CodedFwdPass : public FwdPass {
  public:
   static constexpr int kMinBits = 1;  // of a code
@@ -43,6 +43,11 @@ class MLNN_EXPORT CodedFwdPass : public FwdPass {
 
   ~CodedFwdPass() override;
 
+  // Makes another pass over the same codes, for another thread: it gives the same bits, and takes
+  // working memory only. Either may be gone before the other.
+  // Thread-safety: any thread may call it at any time, also while this pass evaluates.
+  std::unique_ptr<CodedFwdPass> another() const;
+
   int numInputs() const override;
   int numOutputs() const override;
 
@@ -55,19 +60,20 @@ class MLNN_EXPORT CodedFwdPass : public FwdPass {
   // Returns the layers that are held as codes.
   std::size_t numCodedLayers() const;
 
-  // Returns the bytes of what takes the place of the model's arrays.
+  // Returns the bytes of what takes the place of the model's arrays, which all passes that share
+  // it have once.
   std::size_t weightBytes() const;
 
-  // Returns the bytes that it keeps besides them once it has evaluated up to `frames` frames a
-  // call, itself included, into outputs that are apart from the inputs.
+  // Returns the bytes that it keeps besides them, for itself alone, once it has evaluated up to
+  // `frames` frames a call, itself included, into outputs that are apart from the inputs.
   std::size_t workingBytes(Eigen::Index frames) const;
 
  private:
   int evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) override;
 
-  explicit CodedFwdPass(std::unique_ptr<const CodedLayers> layers);
+  explicit CodedFwdPass(std::shared_ptr<const CodedLayers> layers);
 
-  std::unique_ptr<const CodedLayers> layers_;
+  std::shared_ptr<const CodedLayers> layers_;
   PassMemory memory_;
 };
 

@@ -33,14 +33,14 @@ bool isMissing(const Frames& frames) {
 
 }  // namespace
 
-bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
-  if (model.layers.empty()) {
+bool canBeEvaluated(const MultiLayerNNModel* model, const char* operation) {
+  if (model == nullptr || model->layers.empty()) {
     report({"ERROR: ", operation, ": model has no layers"});
     return false;
   }
   const NNLayer* previous = nullptr;
-  for (std::size_t i = 0; i < model.layers.size(); ++i) {
-    const NNLayer* layer = model.layers[i];
+  for (std::size_t i = 0; i < model->layers.size(); ++i) {
+    const NNLayer* layer = model->layers[i];
     const bool fits = layer != nullptr && keepsInvariants(*layer) &&
                       (previous == nullptr || layer->weights.cols() == previous->weights.rows());
     if (!fits) {

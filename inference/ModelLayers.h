@@ -11,10 +11,12 @@ class MultiLayerNNModel;
 
 namespace mlnn {
 
-// Returns whether a forward pass can evaluate the model: it has layers, each of them fits its
-// arrays and the layer before it.
-// Prints: else an error line, in the name of `operation`.
-bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation);
+// Returns whether a forward pass can evaluate the model: it is there and has layers, each of them
+// fits its arrays and the layer before it. Prints: else an error line, in the name of `operation`.
+bool canBeEvaluated(const MultiLayerNNModel* model, const char* operation);
+inline bool canBeEvaluated(const MultiLayerNNModel& model, const char* operation) {
+  return canBeEvaluated(&model, operation);
+}
 
 // Returns whether frames of `width` values are what a model of `expected` inputs takes.
 // Prints: else an error line, in the name of `operation`.

@@ -1,5 +1,7 @@
 #include "inference/NNFwdPassFromFile.h"
 
+#include <utility>
+
 #include "inference/LayerStackPass.h"
 #include "inference/ModelLayers.h"
 #include "model/MultiLayerNNModel.h"
@@ -10,11 +12,14 @@ constexpr char kEvaluate[] = "NNFwdPassFromFile::evaluate";
 
 }  // namespace
 
-NNFwdPassFromFile::NNFwdPassFromFile(MultiLayerNNModel& model) : model_(&model) {}
+NNFwdPassFromFile::NNFwdPassFromFile(const MultiLayerNNModel& model) : model_(&model) {}
 
-int NNFwdPassFromFile::numInputs() const { return model_->numInputs(); }
+NNFwdPassFromFile::NNFwdPassFromFile(std::shared_ptr<const MultiLayerNNModel> model)
+    : owned_(std::move(model)), model_(owned_.get()) {}
 
-int NNFwdPassFromFile::numOutputs() const { return model_->numOutputs(); }
+int NNFwdPassFromFile::numInputs() const { return model_ == nullptr ? 0 : model_->numInputs(); }
+
+int NNFwdPassFromFile::numOutputs() const { return model_ == nullptr ? 0 : model_->numOutputs(); }
 
 int NNFwdPassFromFile::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                                 Eigen::MatrixXf& outputs) {
@@ -36,7 +41,7 @@ std::size_t NNFwdPassFromFile::workingBytes(const MultiLayerNNModel& model, Eige
 
 int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
                                       const mlnn::OutputFrames& outputs) {
-  if (!mlnn::canBeEvaluated(*model_, kEvaluate)) return 1;
+  if (!mlnn::canBeEvaluated(model_, kEvaluate)) return 1;
   if (!mlnn::framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
   mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_);
   return 0;
@@ -44,7 +49,7 @@ int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
 
 int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs, std::vector<mlnn::LayerResult>* trace) {
-  if (!mlnn::canBeEvaluated(*model_, kEvaluate)) return 1;
+  if (!mlnn::canBeEvaluated(model_, kEvaluate)) return 1;
   if (!mlnn::inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
   mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace);
   return 0;

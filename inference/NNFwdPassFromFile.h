@@ -3,6 +3,7 @@
 
 #include <Eigen/Core>
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "features/Export.h"
@@ -29,13 +30,17 @@ struct LayerResult {
 // inputs, the results. Inputs whose values lie apart, or whose frames run backwards, count as a
 // layer: they are gathered for up to 256 frames at a time.
 //
-// Lifetime: the model must outlive the forward pass.
+// Lifetime: the model must outlive the forward pass, unless that shares it.
 // Thread-safety: one object serves one thread at a time; several objects over one model
 // that does not change may run in several threads.
 class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
  public:
   // Keeps a reference to the model and allocates nothing: that is left to the first evaluation.
-  explicit NNFwdPassFromFile(MultiLayerNNModel& model);
+  explicit NNFwdPassFromFile(const MultiLayerNNModel& model);
+  explicit NNFwdPassFromFile(const MultiLayerNNModel&& model) = delete;  // it would be gone
+
+  // Shares the model and so keeps it. A null pointer counts as a model without layers.
+  explicit NNFwdPassFromFile(std::shared_ptr<const MultiLayerNNModel> model);
 
   int numInputs() const override;
   int numOutputs() const override;
@@ -67,6 +72,7 @@ class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<mlnn::LayerResult>* trace);
 
-  const MultiLayerNNModel* model_;
+  std::shared_ptr<const MultiLayerNNModel> owned_;  // null where somebody else keeps the model
+  const MultiLayerNNModel* model_;                  // null where there is none
   mlnn::PassMemory memory_;
 };

@@ -132,6 +132,8 @@ int MultiLayerNNModel::type() const { return 0; }
 
 NNFwdPassFromFile* MultiLayerNNModel::createFwdPass() { return new NNFwdPassFromFile(*this); }
 
+NNFwdPassFromFile* MultiLayerNNModel::createFwdPass() const { return new NNFwdPassFromFile(*this); }
+
 // --- Whole-model operations ---
 
 void MultiLayerNNModel::operator+=(const MultiLayerNNModel& other) {

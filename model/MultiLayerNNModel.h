@@ -88,6 +88,7 @@ class MLNN_EXPORT MultiLayerNNModel : public InferenceModel {
   // Returns a new forward pass over this model. The caller owns it; the model must
   // outlive it.
   NNFwdPassFromFile* createFwdPass() override;
+  NNFwdPassFromFile* createFwdPass() const;
 
   // --- Whole-model operations ---
 

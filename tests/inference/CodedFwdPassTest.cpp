@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "inference/CodedFwdPass.h"
@@ -302,6 +304,59 @@ TEST(CodedFwdPassMemory, nothingIsAllocatedAfterTheFirstCall) {
     for (int round = 0; round < 5; ++round) pass->evaluate(inputs, outputs);
     EXPECT_EQ(watch.allocations(), 0u) << frames << " frames";
   }
+}
+
+// --- Sharing ---
+
+TEST(CodedFwdPassSharing, takesWorkingMemoryOnly) {
+  const auto pass = codedPass(oddModel(), 8);
+  const MatrixXf inputs = someValues(257, 3, 1);
+  MatrixXf expected;
+  ASSERT_EQ(pass->evaluate(inputs, expected), 0);
+  MatrixXf outputs = expected;
+  const mlnn::test::AllocationWatch watch;
+  const auto other = pass->another();
+  EXPECT_LT(watch.total(), 512u);
+  ASSERT_EQ(other->evaluate(inputs, outputs), 0);
+  EXPECT_LT(watch.peak(), other->workingBytes(3) + 4 * 4096);
+  EXPECT_TRUE(sameBits(outputs, expected));
+  EXPECT_EQ(other->weightBytes(), pass->weightBytes());
+  EXPECT_EQ(other->numCodedLayers(), pass->numCodedLayers());
+}
+
+TEST(CodedFwdPassSharing, outlivesTheFirst) {
+  auto pass = codedPass(oddModel(), 4);
+  const MatrixXf inputs = someValues(257, 3, 1);
+  MatrixXf expected;
+  ASSERT_EQ(pass->evaluate(inputs, expected), 0);
+  const auto other = pass->another()->another();
+  pass.reset();
+  MatrixXf outputs;
+  ASSERT_EQ(other->evaluate(inputs, outputs), 0);
+  EXPECT_TRUE(sameBits(outputs, expected));
+}
+
+TEST(CodedFwdPassSharing, servesSeveralThreads) {
+  const auto pass = codedPass(oddModel(), 8);
+  const MatrixXf inputs = someValues(257, 20, 1);
+  MatrixXf expected;
+  ASSERT_EQ(pass->evaluate(inputs, expected), 0);
+  std::array<int, 4> equalResults = {};
+  std::vector<std::thread> threads;
+  for (int& equal : equalResults) {
+    threads.emplace_back([&] {
+      MatrixXf outputs;
+      for (int round = 0; round < 10; ++round) {
+        const auto mine = pass->another();
+        if (mine->evaluate(inputs, outputs) == 0 && sameBits(outputs, expected)) ++equal;
+      }
+    });
+  }
+  MatrixXf outputs;
+  for (int round = 0; round < 10; ++round) pass->evaluate(inputs, outputs);
+  for (std::thread& thread : threads) thread.join();
+  for (const int equal : equalResults) EXPECT_EQ(equal, 10);
+  EXPECT_TRUE(sameBits(outputs, expected));
 }
 
 // --- Refusals ---

@@ -6,6 +6,8 @@
 #include <memory>
 #include <sstream>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "inference/NNFwdPassFromFile.h"
@@ -403,6 +405,54 @@ TEST(NNFwdPassModel, everyEditIsSeenByTheNextCall) {
   expectSeen("fewer layers");
   model = modelOf({plainLayer(4, 70, 5), plainLayer(70, 60, 6)});
   expectSeen("another network");
+}
+
+TEST(NNFwdPassModel, mayBeConst) {
+  MultiLayerNNModel model = network({4, 70, 60}, ActFn::tanh, true);
+  const MultiLayerNNModel& constModel = model;
+  const MatrixXf inputs = someValues(4, 5, 1);
+  const MatrixXf expected = evaluated(model, inputs);
+  MatrixXf outputs;
+  ASSERT_EQ(NNFwdPassFromFile(constModel).evaluate(inputs, outputs), 0);
+  EXPECT_TRUE(sameBits(outputs, expected));
+  const std::unique_ptr<NNFwdPassFromFile> pass(constModel.createFwdPass());
+  outputs.setZero();
+  ASSERT_EQ(pass->evaluate(inputs, outputs), 0);
+  EXPECT_TRUE(sameBits(outputs, expected));
+  static_assert(!std::is_constructible_v<NNFwdPassFromFile, MultiLayerNNModel>,
+                "a model that is gone at once cannot be run");
+}
+
+TEST(NNFwdPassModel, isKeptByAPassThatSharesIt) {
+  auto model = std::make_shared<const MultiLayerNNModel>(network({4, 70, 60}, ActFn::tanh, true));
+  const std::weak_ptr<const MultiLayerNNModel> seen = model;
+  const MatrixXf inputs = someValues(4, 5, 1);
+  MatrixXf expected;
+  ASSERT_EQ(NNFwdPassFromFile(model).evaluate(inputs, expected), 0);
+  auto pass = std::make_unique<NNFwdPassFromFile>(std::move(model));
+  EXPECT_FALSE(seen.expired());
+  MatrixXf outputs;
+  ASSERT_EQ(pass->evaluate(inputs, outputs), 0);
+  EXPECT_TRUE(sameBits(outputs, expected));
+  EXPECT_EQ(pass->numInputs(), 4);
+  EXPECT_EQ(pass->numOutputs(), 60);
+  pass.reset();
+  EXPECT_TRUE(seen.expired());
+}
+
+TEST(NNFwdPassModel, thatIsMissingHasNoLayers) {
+  NNFwdPassFromFile pass(std::shared_ptr<const MultiLayerNNModel>{});
+  EXPECT_EQ(pass.numInputs(), 0);
+  EXPECT_EQ(pass.numOutputs(), 0);
+  const MatrixXf before = someValues(2, 2, 1);
+  MatrixXf outputs = before;
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(pass.evaluate(MatrixXf(0, 1), outputs), 1); }),
+            kPrefix + "model has no layers\n");
+  EXPECT_EQ(stderrOf([&] {
+              EXPECT_EQ(pass.evaluate(mlnn::InputFrames(nullptr, 0, 1), outputs.col(0)), 1);
+            }),
+            kPrefix + "model has no layers\n");
+  EXPECT_TRUE(sameBits(outputs, before));
 }
 
 TEST(NNFwdPassModel, isNotChanged) {
