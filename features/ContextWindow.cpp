@@ -71,8 +71,9 @@ void ContextWindow::normalise(const float* frame, float* out) const {
   for (Index i = 0; i < frameLen_; ++i) out[i] = (frame[i] - minvals_[i]) * normvals_[i];
 }
 
-void ContextWindow::stack(const Eigen::Ref<const Eigen::MatrixXf>& frames,
+bool ContextWindow::stack(const Eigen::Ref<const Eigen::MatrixXf>& frames,
                           Eigen::MatrixXf& inputs) const {
+  if (frames.rows() != frameLen_) return false;
   Eigen::MatrixXf normalised(frameLen_, frames.cols());
   for (Index t = 0; t < frames.cols(); ++t) {
     normalise(frames.col(t).data(), normalised.col(t).data());
@@ -85,6 +86,7 @@ void ContextWindow::stack(const Eigen::Ref<const Eigen::MatrixXf>& frames,
       inputs.col(t).segment((left_ + offset) * frameLen_, frameLen_) = normalised.col(source);
     }
   }
+  return true;
 }
 
 // Gives out the input vector of frame `emitted_` from the frames received so far; those not

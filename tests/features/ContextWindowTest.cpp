@@ -52,7 +52,7 @@ ContextWindow make(int left, int right, int frameLen, const MelDeltasNorm& norm 
 
 MatrixXf stacked(const ContextWindow& window, const MatrixXf& frames) {
   MatrixXf inputs = MatrixXf::Constant(2, 3, 99);  // what the target held before
-  window.stack(frames, inputs);
+  EXPECT_TRUE(window.stack(frames, inputs));
   return inputs;
 }
 
@@ -118,8 +118,32 @@ TEST(ContextWindowStack, takesColumnsOfALargerMatrix) {
   const MatrixXf large = someValues(9, 6, 1);
   const MatrixXf frames = large.block(2, 1, 3, 4);
   MatrixXf inputs;
-  make(1, 1, 3).stack(large.block(2, 1, 3, 4), inputs);
+  ASSERT_TRUE(make(1, 1, 3).stack(large.block(2, 1, 3, 4), inputs));
   EXPECT_TRUE(sameBits(inputs, stacked(make(1, 1, 3), frames)));
+}
+
+TEST(ContextWindowStack, mayReplaceTheFrames) {
+  for (const int right : {0, 2}) {
+    MatrixXf both = someValues(3, 6, 1);
+    const MatrixXf expected = stacked(make(0, right, 3, randomNorm()), both);
+    ASSERT_TRUE(make(0, right, 3, randomNorm()).stack(both, both));
+    EXPECT_TRUE(sameBits(both, expected));
+  }
+}
+
+// The frames lie at the end of their memory, so that a sanitizer sees what is read behind them.
+TEST(ContextWindowStack, refusesFramesOfAnotherLength) {
+  for (const MelDeltasNorm& norm : {MelDeltasNorm(), randomNorm()}) {
+    for (const Index length : {0, 1, 2, 4, 120}) {
+      for (const Index count : {0, 1, 5}) {
+        const MatrixXf frames = someValues(length, count, 1);
+        const MatrixXf before = someValues(2, 3, 2);
+        MatrixXf inputs = before;
+        EXPECT_FALSE(make(2, 1, 3, norm).stack(frames, inputs));
+        EXPECT_TRUE(sameBits(inputs, before));
+      }
+    }
+  }
 }
 
 TEST(ContextWindowStack, tellsItsLengths) {

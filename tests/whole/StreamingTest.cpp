@@ -193,7 +193,7 @@ TEST(Streaming, givesTheBitsOfTheWholeRecording) {
   const std::unique_ptr<FwdPass> pass(model.createFwdPass());
   const MatrixXf frames = someValues(kFrameLen, 64, 4);
   MatrixXf inputs;
-  makeWindow().stack(frames, inputs);
+  ASSERT_TRUE(makeWindow().stack(frames, inputs));
   MatrixXf expected;
   ASSERT_EQ(pass->evaluate(inputs, expected), 0);
   Stream stream(*pass);
