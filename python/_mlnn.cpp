@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "features/ContextWindow.h"
+#include "features/Version.h"
 #include "layers/Messages.h"
 #include "model/ImageReader.h"
 #include "model/ModelFormat.h"
@@ -642,7 +643,7 @@ void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
 
 PYBIND11_MODULE(_mlnn, module) {
   module.doc() = "The binding under the package mlnn; use that.";
-  module.attr("version") = MLNN_VERSION;
+  module.attr("version") = mlnn::version();
   module.attr("IMAGE_MAGIC") = py::bytes(mlnn::kMagic);
   module.attr("NORM_LENGTH") = static_cast<int>(MelDeltasNorm::kLength);
   module.attr("MINVALS_MARKER") = mlnn::kMinvalsMarker;

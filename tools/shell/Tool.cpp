@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "features/Version.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/OutOfMemory.h"
@@ -60,7 +61,7 @@ CLI::Validator notEmpty() {
 
 Tool::Tool() : app_("Reads, runs, converts and examines neural-network models for mel features") {
   app_.name("mlnn");
-  app_.set_version_flag("--version", "mlnn " MLNN_VERSION);
+  app_.set_version_flag("--version", "mlnn " MLNN_VERSION_STRING);
   app_.require_subcommand(0, 1);            // a wrong one is to be named, not missed
   app_.get_formatter()->label("TEXT", "");  // types that say nothing
   app_.get_formatter()->label("REQUIRED", "");

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "features/Version.h"
 #include "tools/commands/Commands.h"
 #include "tools/shell/HelpPages.h"
 
@@ -19,7 +20,7 @@ int main(int argc, char** argv) {
   std::ofstream manPage(folder / "mlnn.1");
   std::ofstream bash(folder / "mlnn.bash");
   std::ofstream zsh(folder / "_mlnn");
-  mlnn::writeManPage(manPage, tool.app(), MLNN_VERSION);
+  mlnn::writeManPage(manPage, tool.app(), MLNN_VERSION_STRING);
   mlnn::writeBashCompletion(bash, tool.app());
   mlnn::writeZshCompletion(zsh, tool.app());
   return manPage.flush() && bash.flush() && zsh.flush() ? 0 : 1;
