@@ -12,7 +12,7 @@ constexpr int floatTextLength(int precision) { return precision + 8; }
 // Writes `value` as printf's "%.*g" with this precision does in the classic locale.
 // Returns: the position behind the text; no NUL is written.
 // REQUIRES: precision is at least 1, and `out` has room for floatTextLength(precision).
-// `scripts/check-float-text` compares it with the standard library's on all 2^32 floats.
+// `scripts/check-all float-text` compares it with the standard library's on all 2^32 floats.
 char* formatFloat(char* out, float value, int precision);
 
 }  // namespace mlnn

@@ -2,7 +2,7 @@
 // images without and with codes and row scales. Nothing may crash, every refusal says why, and
 // nothing that changes a layer record goes unnoticed. Every byte of the texts and of the image with
 // codes takes 25 values, and all 256 where the environment sets MLNN_EXHAUSTIVE:
-// scripts/check-damage does.
+// scripts/check-all damage does.
 #include <gtest/gtest.h>
 
 #include <algorithm>

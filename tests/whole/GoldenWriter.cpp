@@ -1,6 +1,6 @@
 // Reads every model of a folder and writes it to another one under the same name, in its own
 // format; with --all in both formats, and once more with reduced precision, so that arithmetic
-// on whole models is there too. scripts/check-platforms compares the results of platforms.
+// on whole models is there too. scripts/check-all platforms compares the results of platforms.
 // Usage: GoldenWriter [--all] FROM TO
 #include <filesystem>
 #include <fstream>

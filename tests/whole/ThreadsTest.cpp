@@ -1,5 +1,5 @@
 // Several forward passes over one model at once, and several models written and read at once.
-// scripts/check-threads builds it with ThreadSanitizer, which looks for data that two threads
+// scripts/check-all threads builds it with ThreadSanitizer, which looks for data that two threads
 // touch; by itself it shows that all threads get the same results.
 #include <gtest/gtest.h>
 
