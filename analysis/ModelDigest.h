@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/files/ModelFile.h"
+#include "model/ModelFile.h"
 
 namespace mlnn {
 
@@ -31,7 +31,7 @@ struct ModelDigest {
 };
 
 // Returns the digests of all sections that the file's format holds. Activations that the file
-// does not record count as they have been set (tools/files/ModelFile.h).
+// does not record count as they have been set (model/ModelFile.h).
 ModelDigest digestOf(const ModelFile& file);
 
 // Prints the digests, one a line.

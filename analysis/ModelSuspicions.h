@@ -4,13 +4,13 @@
 #include <vector>
 
 #include "analysis/Suspicion.h"
-#include "tools/files/ModelFile.h"
+#include "model/ModelFile.h"
 
 namespace mlnn {
 
 // Returns what can hardly be meant in a model: what would make it give nonsense, or nothing,
 // without any message. The activations that its file does not record have been set, where the
-// property names one (tools/files/ModelFile.h).
+// property names one (model/ModelFile.h).
 std::vector<Suspicion> suspicionsOf(const ModelFile& file);
 
 }  // namespace mlnn

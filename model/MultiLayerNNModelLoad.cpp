@@ -1,28 +1,18 @@
 // Loading a model of either format from a file or a stream.
 #include <cstring>
-#include <fstream>
+#include <istream>
 #include <limits>
-#include <locale>
-#include <memory>
 
 #include "layers/Report.h"
+#include "model/FileStream.h"
 #include "model/ModelFormat.h"
 #include "model/ModelImage.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace {
 
-// Large enough for the calls of the system not to count, small enough to stay in a cache.
-constexpr std::streamsize kFileBuffer = 64 << 10;
-
-// Returns the length of the stream from its first byte, or -1 when it cannot tell.
-std::streamoff lengthOf(std::istream& in) {
-  in.seekg(0, std::ios::end);
-  return in ? std::streamoff(in.tellg()) : std::streamoff(-1);
-}
-
 int loadImage(MultiLayerNNModel& model, std::istream& in) {
-  const std::streamoff length = lengthOf(in);
+  const std::streamoff length = mlnn::lengthOf(in);
   if (length <= 0) {
     mlnn::report({"ERROR: MultiLayerNNModel: could not tell the length of the stream"});
     return 1;
@@ -50,14 +40,6 @@ int MultiLayerNNModel::deserialize(std::istream& in) {
 }
 
 int MultiLayerNNModel::deserialize(const char* fileName) {
-  const std::unique_ptr<char[]> buffer(new char[kFileBuffer]);
-  std::ifstream in;
-  in.rdbuf()->pubsetbuf(buffer.get(), kFileBuffer);
-  in.open(fileName, std::ios::in);
-  if (!in) {
-    mlnn::report({"ERROR: MultiLayerNNModel: could not read file: ", fileName});
-    return 1;
-  }
-  in.imbue(std::locale::classic());  // the program's global locale says nothing about files
-  return deserialize(in);
+  mlnn::FileStream file;
+  return file.open(fileName) ? deserialize(file.stream()) : 1;
 }

@@ -11,7 +11,6 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
-#include <boost/interprocess/streams/bufferstream.hpp>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -28,6 +27,7 @@
 #include "features/Version.h"
 #include "layers/Messages.h"
 #include "model/ImageReader.h"
+#include "model/MemoryStream.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -276,7 +276,7 @@ py::tuple readNew(Deserialize deserialize) {
 py::tuple parse(const py::bytes& bytes) {
   const std::string_view view = bytes;
   return readNew([view](MultiLayerNNModel& model) {
-    boost::interprocess::ibufferstream in(view.data(), view.size());
+    mlnn::MemoryStream in(view.data(), view.size());
     return model.deserialize(in);
   });
 }

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "model/MultiLayerNNModel.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace mlnn {
 

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include "model/ModelFile.h"
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/CommaLocale.h"
@@ -71,6 +72,20 @@ TEST_F(CommaLocale, aTextOfTheClassicLocaleIsReadFromAFile) {
   again.deltasNorm = model.deltasNorm;
   again.featureDesc = model.featureDesc;
   EXPECT_EQ(firstDifference(again, model), "");
+}
+
+TEST_F(CommaLocale, aTextOfTheClassicLocaleIsOpenedFromAFileAndFromMemory) {
+  const std::string text = textOf(largeModel(), std::locale::classic());
+  const TempFolder folder;
+  const std::string path = folder.write("model.txt", text);
+  mlnn::ModelFile fromFile, fromMemory;
+  EXPECT_EQ(stderrOf([&] {
+              EXPECT_EQ(mlnn::openModel(path, fromFile), 0);
+              EXPECT_EQ(mlnn::openModel(text.data(), text.size(), fromMemory), 0);
+            }),
+            "");
+  EXPECT_EQ(textOf(fromFile.model, std::locale::classic()), text);
+  EXPECT_EQ(textOf(fromMemory.model, std::locale::classic()), text);
 }
 
 TEST_F(CommaLocale, aStreamWithTheClassicLocaleWritesTheSameText) {

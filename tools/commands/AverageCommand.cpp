@@ -11,7 +11,7 @@
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
 #include "tools/reports/Progress.h"
 #include "tools/shell/Tool.h"

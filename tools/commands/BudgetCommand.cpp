@@ -7,7 +7,7 @@
 #include "analysis/ModelBudget.h"
 #include "text/Numbers.h"
 #include "tools/commands/NumberRange.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/reports/Json.h"
 #include "tools/shell/Tool.h"
 

@@ -11,7 +11,7 @@
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
 #include "tools/shell/Tool.h"

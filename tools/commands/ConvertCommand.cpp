@@ -1,6 +1,6 @@
 #include "tools/commands/ConvertCommand.h"
 
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
 #include "tools/shell/Tool.h"
 

@@ -4,7 +4,7 @@
 
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/reports/DiffReport.h"
 #include "tools/reports/Json.h"
 #include "tools/shell/Tool.h"

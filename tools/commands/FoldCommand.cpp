@@ -10,7 +10,7 @@
 #include "tools/Failure.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
 #include "tools/files/OwnInputs.h"
 #include "tools/reports/Json.h"

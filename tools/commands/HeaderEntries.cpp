@@ -5,7 +5,7 @@
 
 #include "text/Escape.h"
 #include "tools/Failure.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
 
 namespace mlnn {

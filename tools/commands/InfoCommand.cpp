@@ -5,7 +5,7 @@
 #include "analysis/WeightForms.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Table.h"

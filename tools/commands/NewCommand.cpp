@@ -8,7 +8,7 @@
 #include "tools/Failure.h"
 #include "tools/commands/LayerSizes.h"
 #include "tools/commands/NetworkOptions.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
 #include "tools/shell/Tool.h"
 

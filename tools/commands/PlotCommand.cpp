@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "tools/Failure.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/OutputFile.h"
 #include "tools/files/OwnInputs.h"
 #include "tools/reports/Json.h"

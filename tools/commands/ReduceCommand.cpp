@@ -16,7 +16,7 @@
 #include "tools/Failure.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
 #include "tools/files/RecordingLabels.h"
 #include "tools/reports/Json.h"

@@ -13,7 +13,7 @@
 #include "tools/Failure.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/files/OwnInputs.h"
 #include "tools/files/RunnableModel.h"
 #include "tools/files/TraceWriter.h"

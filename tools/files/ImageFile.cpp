@@ -12,7 +12,7 @@
 #include "tools/Failure.h"
 #include "tools/files/FileDescriptor.h"
 #include "tools/files/InputFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace mlnn {
 namespace {

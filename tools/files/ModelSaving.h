@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "text/Numbers.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace mlnn {
 

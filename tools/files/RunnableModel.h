@@ -8,7 +8,7 @@
 #include "inference/FwdPass.h"
 #include "inference/RecordingInputs.h"
 #include "tools/files/ImageFile.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 #include "tools/reports/RunReport.h"
 
 namespace mlnn {

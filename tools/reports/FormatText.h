@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace mlnn {
 

@@ -10,7 +10,7 @@
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/CommandFixture.h"
 #include "tools/files/Frames.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace {
 

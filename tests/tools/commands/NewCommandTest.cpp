@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "tests/tools/support/ToolProcess.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace {
 

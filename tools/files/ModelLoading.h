@@ -1,28 +1,16 @@
-// ModelFile — a model with what its file said beside it, and how every command reads one.
+// loadModel — how every command reads a model.
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <cstddef>
 #include <string>
-#include <vector>
 
-#include "model/MultiLayerNNModel.h"
+#include "model/ModelFile.h"
 
 namespace mlnn {
-
-enum class ModelFormat { kText, kBinary };
 
 // The words for the formats in options and reports.
 inline constexpr char kTextFormatWord[] = "ascii";
 inline constexpr char kBinaryFormatWord[] = "binary";
-
-struct ModelFile {
-  MultiLayerNNModel model;
-  std::string name;  // "-" for the standard input
-  ModelFormat format = ModelFormat::kText;
-  int textVersion = 0;     // 1 or 2; 0 in an image
-  std::size_t length = 0;  // bytes
-};
 
 // How a command wants its models read.
 struct LoadOptions {
@@ -53,14 +41,8 @@ void showMessages(const std::string& messages, bool verbose);
 // Returns: whether it could be read. `file.name` is left alone.
 bool parseModel(const std::string& bytes, ModelFile& file, std::string& messages);
 
-// Returns the hidden layers whose activation the file does not record.
-std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file);
-
 // Sets the activations that the file does not record, as loadModel does: to `given`, or where
 // that is "" to what the property says. Prints what it did.
 void setHiddenActivations(ModelFile& file, const std::string& given);
-
-// The property that names the activation of hidden layers.
-inline constexpr char kHiddenActFnProperty[] = "hidden_act_fn";
 
 }  // namespace mlnn

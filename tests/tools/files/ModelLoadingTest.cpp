@@ -7,7 +7,7 @@
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
-#include "tools/files/ModelFile.h"
+#include "tools/files/ModelLoading.h"
 
 namespace {
 
@@ -63,7 +63,7 @@ LoadOptions withActFn(const std::string& name) {
   return options;
 }
 
-TEST(ModelFileTest, tellsFormatVersionAndLength) {
+TEST(ModelLoadingTest, tellsFormatVersionAndLength) {
   const ModelFile one = load(text("")).file;
   EXPECT_EQ(one.format, ModelFormat::kText);
   EXPECT_EQ(one.textVersion, 1);
@@ -80,27 +80,27 @@ TEST(ModelFileTest, tellsFormatVersionAndLength) {
   EXPECT_EQ(three.length, image.size());
 }
 
-TEST(ModelFileTest, versionOneTakesTheActivationFromTheProperty) {
+TEST(ModelLoadingTest, versionOneTakesTheActivationFromTheProperty) {
   const Loaded loaded = load(text("# NVP hidden_act_fn relu\n"));
   EXPECT_EQ(loaded.activations(), "relu relu linear");
   EXPECT_EQ(loaded.messages,
             "info: activation of 2 hidden layers set to relu (property hidden_act_fn)\n");
 }
 
-TEST(ModelFileTest, batchNormLayersTakeTheActivationFromTheProperty) {
+TEST(ModelLoadingTest, batchNormLayersTakeTheActivationFromTheProperty) {
   const Loaded loaded = load(batchNormText("# NVP hidden_act_fn relu\n"));
   EXPECT_EQ(loaded.activations(), "relu tanh linear");
   EXPECT_EQ(loaded.messages,
             "info: activation of 1 hidden layer set to relu (property hidden_act_fn)\n");
 }
 
-TEST(ModelFileTest, whatTheCallerGivesComesFirst) {
+TEST(ModelLoadingTest, whatTheCallerGivesComesFirst) {
   const Loaded loaded = load(batchNormText("# NVP hidden_act_fn relu\n"), withActFn("elu"));
   EXPECT_EQ(loaded.activations(), "elu tanh linear");
   EXPECT_EQ(loaded.messages, "info: activation of 1 hidden layer set to elu (--act-fn)\n");
 }
 
-TEST(ModelFileTest, warnsWhereNothingTellsTheActivation) {
+TEST(ModelLoadingTest, warnsWhereNothingTellsTheActivation) {
   const Loaded loaded = load(text(""));
   EXPECT_EQ(loaded.activations(), "linear linear linear");
   EXPECT_EQ(loaded.messages,
@@ -108,7 +108,7 @@ TEST(ModelFileTest, warnsWhereNothingTellsTheActivation) {
             "hidden_act_fn; they are taken as linear (see --act-fn)\n");
 }
 
-TEST(ModelFileTest, warnsOfAPropertyThatNamesNoActivation) {
+TEST(ModelLoadingTest, warnsOfAPropertyThatNamesNoActivation) {
   const Loaded loaded = load(batchNormText("# NVP hidden_act_fn re\x1blu\n"));
   EXPECT_EQ(loaded.activations(), "linear tanh linear");
   EXPECT_EQ(loaded.messages,
@@ -117,7 +117,7 @@ TEST(ModelFileTest, warnsOfAPropertyThatNamesNoActivation) {
             "--act-fn)\n");
 }
 
-TEST(ModelFileTest, leavesRecordedActivationsAlone) {
+TEST(ModelLoadingTest, leavesRecordedActivationsAlone) {
   const std::string recorded =
       text("# NVP hidden_act_fn relu\n", "MultiLayerNNModel_v2\nsoftmax 1\n");
   EXPECT_EQ(load(recorded).activations(), "tanh tanh tanh");
@@ -129,13 +129,13 @@ TEST(ModelFileTest, leavesRecordedActivationsAlone) {
       "Warning: --act-fn changes nothing: 'M' records the activation of every hidden layer\n");
 }
 
-TEST(ModelFileTest, anImageRecordsTheActivationOfBatchNormLayers) {
+TEST(ModelLoadingTest, anImageRecordsTheActivationOfBatchNormLayers) {
   const Loaded loaded = load(ByteImage::of(mlnn::test::imageModel()).bytes());
   EXPECT_EQ(loaded.activations(), "sigmoid sigmoid sigmoid");
   EXPECT_EQ(loaded.messages, "");
 }
 
-TEST(ModelFileTest, showsTheReadersLinesWhenAskedTo) {
+TEST(ModelLoadingTest, showsTheReadersLinesWhenAskedTo) {
   LoadOptions options;
   options.verbose = true;
   EXPECT_EQ(load(text("# NVP hidden_act_fn tanh\n# NVP a \x1b[2J\n"), options).messages,
@@ -144,7 +144,7 @@ TEST(ModelFileTest, showsTheReadersLinesWhenAskedTo) {
             "info: activation of 2 hidden layers set to tanh (property hidden_act_fn)\n");
 }
 
-TEST(ModelFileTest, showsTheReadersErrorsAndFails) {
+TEST(ModelLoadingTest, showsTheReadersErrorsAndFails) {
   const TempFolder folder;
   const std::string path = folder.write("M", "MultiLayerNNModel\n# NVP a b\nnum_\x1blayers 1\n");
   const auto loadIt = [&path] {
@@ -161,7 +161,7 @@ TEST(ModelFileTest, showsTheReadersErrorsAndFails) {
 }
 
 // The reader of images says nothing about these.
-TEST(ModelFileTest, saysWhyAnImageOfAFewBytesIsRefused) {
+TEST(ModelLoadingTest, saysWhyAnImageOfAFewBytesIsRefused) {
   const TempFolder folder;
   const std::string bytes = "MLNN123";
   for (std::size_t length = 4; length <= bytes.size(); ++length) {
