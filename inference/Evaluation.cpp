@@ -11,7 +11,6 @@ namespace {
 
 using Eigen::Index;
 
-constexpr char kLabelsProperty[] = "labels";
 constexpr double kSmallestPosterior = 1e-30;  // keeps one frame from deciding by log(0)
 
 // The first of the largest values, -1 when any is NaN.
@@ -23,19 +22,6 @@ Index largest(const Vector& values) {
     if (best < 0 || values[i] > values[best]) best = i;
   }
   return best;
-}
-
-// Splits at every comma, and keeps empty pieces.
-std::vector<std::string> splitAtCommas(const std::string& text) {
-  std::vector<std::string> pieces(1);
-  for (const char c : text) {
-    if (c == ',') {
-      pieces.emplace_back();
-    } else {
-      pieces.back() += c;
-    }
-  }
-  return pieces;
 }
 
 }  // namespace
@@ -74,19 +60,5 @@ Eigen::VectorXd sumOfLogs(const Eigen::MatrixXf& posteriors) {
 }
 
 Index recordingClass(const Eigen::MatrixXf& posteriors) { return largest(sumOfLogs(posteriors)); }
-
-std::vector<std::string> classLabels(const MultiLayerNNModel& model) {
-  const auto outputs = static_cast<std::size_t>(model.numOutputs());
-  std::vector<std::string> labels = splitAtCommas(model.getProp(kLabelsProperty));
-  if (labels.size() == outputs) return labels;
-  return classLabels(model.numOutputs());
-}
-
-std::vector<std::string> classLabels(int numOutputs) {
-  std::vector<std::string> labels;
-  labels.reserve(static_cast<std::size_t>(numOutputs));
-  for (int i = 0; i < numOutputs; ++i) labels.push_back(std::to_string(i));
-  return labels;
-}
 
 }  // namespace mlnn

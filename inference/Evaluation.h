@@ -2,11 +2,10 @@
 #pragma once
 
 #include <Eigen/Core>
-#include <string>
-#include <vector>
 
 #include "inference/FwdPass.h"
 #include "inference/RecordingInputs.h"
+#include "model/ClassLabels.h"
 #include "model/MultiLayerNNModel.h"
 #include "tools/reports/Progress.h"
 
@@ -30,12 +29,5 @@ Eigen::VectorXd sumOfLogs(const Eigen::MatrixXf& posteriors);
 
 // Returns the class of a whole recording: the largest of sumOfLogs; -1 when any is NaN.
 Eigen::Index recordingClass(const Eigen::MatrixXf& posteriors);
-
-// Returns the names of the model's outputs: the property `labels`, split at commas, when it has
-// as many entries as there are outputs, else "0", "1", ... They come from the file as they are.
-std::vector<std::string> classLabels(const MultiLayerNNModel& model);
-
-// The same for a network of so many outputs that has no properties.
-std::vector<std::string> classLabels(int numOutputs);
 
 }  // namespace mlnn

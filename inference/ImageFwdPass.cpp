@@ -150,6 +150,7 @@ ImageFwdPass& ImageFwdPass::operator=(ImageFwdPass&& other) noexcept = default;
 
 int ImageFwdPass::open(const void* image, std::size_t length, ImageChecksum checksum) {
   layers_.reset();
+  file_.reset();
   featureDesc_ = DbnFeatureDescription(DbnFeatureDescription::FeatType::MelDeltas);
   deltasNorm_ = MelDeltasNorm();
   if (length > static_cast<std::size_t>(std::numeric_limits<int>::max())) {

@@ -46,6 +46,19 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   int open(const void* image, std::size_t length,
            ImageChecksum checksum = ImageChecksum::kVerified);
 
+  // Opens an image by the name of its file, which is mapped and not read: what no evaluation
+  // touches is never in memory, and several passes and processes share what is. The pass keeps the
+  // mapping. The file may be renamed, removed or replaced meanwhile, as when a new model takes its
+  // name; its bytes must stay as they were checked. Where another process writes into it, results
+  // may be any; where one makes it shorter, whoever touches the bytes behind its new end gets
+  // SIGBUS from the system, for which the library installs no handler, so that the process ends
+  // unless it has its own. Where that can happen, read the file into memory and give that to open.
+  // Returns: 0 done; 1 refused.
+  // Prints: the lines of open, or an error line that tells why the file cannot be mapped: only
+  // regular files can. Too short an image is refused with an error line here.
+  // On failure, and on std::bad_alloc: as if newly made, but for the softmax.
+  int openFile(const char* fileName, ImageChecksum checksum = ImageChecksum::kVerified);
+
   // Says whether a softmax goes over the last layer's results, which an image does not hold. It
   // does unless this says otherwise; another image does not change it.
   void setSoftmax(bool on);
@@ -81,7 +94,8 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   DbnFeatureDescription featureDesc_;
   MelDeltasNorm deltasNorm_;
   bool endsInSoftmax_ = true;
-  std::unique_ptr<Layers> layers_;  // null without an image
+  std::shared_ptr<const void> file_;  // what openFile mapped
+  std::unique_ptr<Layers> layers_;    // null without an image
   PassMemory memory_;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "features/FrameWidth.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 
@@ -22,21 +23,13 @@ Index blockLength(Index inputLen, Index frames) {
   return std::min({kMaxBlock, fitting, frames});
 }
 
-int64_t windowOf(const DbnFeatureDescription& desc) {
-  return int64_t{desc.winSizeLeft} + 1 + desc.winSizeRight;
-}
-
 // Whether single frames of that width make input vectors of the model's width.
 bool makesInputs(const InputSide& network, int width) {
-  const DbnFeatureDescription& desc = network.featureDesc;
-  const bool possible = width > 0 && desc.winSizeLeft >= 0 && desc.winSizeRight >= 0;
-  return possible && width * windowOf(desc) == network.numInputs;
+  return framesMakeInputs(network.featureDesc, width, network.numInputs);
 }
 
 int widthOfFrames(const InputSide& network) {
-  if (network.featureDesc.numBands != 0) return network.featureDesc.frameLen();
-  constexpr int kUnstated = static_cast<int>(MelDeltasNorm::kLength);
-  return makesInputs(network, kUnstated) ? kUnstated : 0;
+  return frameWidth(network.featureDesc, network.numInputs);
 }
 
 std::string expectedWidths(const InputSide& network) {
@@ -48,7 +41,7 @@ std::string expectedWidths(const InputSide& network) {
   const std::string single = std::to_string(width) + " (single frames)";
   if (makesInputs(network, width)) return single + " or " + inputs;
   return inputs + "; " + single + " in a window of " +
-         std::to_string(windowOf(network.featureDesc)) + " do not make as many";
+         std::to_string(windowLength(network.featureDesc)) + " do not make as many";
 }
 
 ContextWindow makeWindow(const InputSide& network, int width, const std::string& what) {

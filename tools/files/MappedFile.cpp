@@ -1,11 +1,9 @@
 #include "tools/files/MappedFile.h"
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdint>
-#include <utility>
 
 #include "tools/ExitStatus.h"
 #include "tools/files/InputFile.h"
@@ -53,26 +51,12 @@ void handleLackOf(const void* data, std::size_t length, const std::string& name)
 }  // namespace
 
 MappedFile::MappedFile(int descriptor, std::size_t length, const std::string& name)
-    : length_(length) {
-  void* const data = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, descriptor, 0);
-  if (data == MAP_FAILED) return;
-  handleLackOf(data, length, name);
-  data_ = data;
-}
-
-MappedFile::MappedFile(MappedFile&& other) noexcept
-    : data_(std::exchange(other.data_, nullptr)), length_(other.length_) {}
-
-MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
-  std::swap(data_, other.data_);
-  std::swap(length_, other.length_);
-  return *this;
+    : mapping_(descriptor, length) {
+  if (data() != nullptr) handleLackOf(data(), length, name);
 }
 
 MappedFile::~MappedFile() {
-  if (data_ == nullptr) return;
-  std::signal(SIGBUS, SIG_DFL);
-  munmap(data_, length_);
+  if (data() != nullptr) std::signal(SIGBUS, SIG_DFL);
 }
 
 }  // namespace mlnn

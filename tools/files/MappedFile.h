@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include "inference/FileMapping.h"
+
 namespace mlnn {
 
 // What the file holds when it is read is what other processes leave in it. Where one of them cuts
@@ -18,16 +20,15 @@ class MappedFile {
   // `descriptor` is that of a regular file of `length` bytes, and may be closed afterwards; `name`
   // is what messages call it. When the file cannot be mapped, data() is null.
   MappedFile(int descriptor, std::size_t length, const std::string& name);
-  MappedFile(MappedFile&& other) noexcept;
-  MappedFile& operator=(MappedFile&& other) noexcept;
+  MappedFile(MappedFile&& other) noexcept = default;
+  MappedFile& operator=(MappedFile&& other) noexcept = default;
   ~MappedFile();
 
-  const void* data() const { return data_; }
-  std::size_t length() const { return length_; }
+  const void* data() const { return mapping_.data(); }
+  std::size_t length() const { return mapping_.length(); }
 
  private:
-  void* data_ = nullptr;
-  std::size_t length_ = 0;
+  FileMapping mapping_;
 };
 
 }  // namespace mlnn
