@@ -43,8 +43,10 @@ using ContenderPtr = std::unique_ptr<Contender>;
 ContenderPtr makeMlnn(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames);
+ContenderPtr makeMlnnInIntegers(const Network& network, std::size_t frames);
 ContenderPtr makeOpenBlas(const Network& network, std::size_t frames);
 ContenderPtr makeOneDnn(const Network& network, std::size_t frames);
+ContenderPtr makeOneDnnOf8Bits(const Network& network, std::size_t frames);
 ContenderPtr makeXsmm(const Network& network, std::size_t frames);
 ContenderPtr makeXsmmBlocked(const Network& network, std::size_t frames);
 namespace distribution {
@@ -56,6 +58,9 @@ ContenderPtr makeEigen(const Network& network, std::size_t frames);
 
 // The network with the weights and biases that are left of it with so many bits.
 Network reduced(const Network& network, int bits);
+
+// The network with weights quantised by rows to so many bits.
+Network quantized(const Network& network, int bits);
 
 // What the peers that have no activations of their own do after the multiplication: the
 // library's own vectorised functions, so that they are not held back by it.

@@ -4,9 +4,11 @@
 #include "bench/Contender.h"
 #include "inference/Activation.h"
 #include "inference/CodedFwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "inference/Kernels.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "model/MultiLayerNNModel.h"
+#include "model/RowQuantization.h"
 
 namespace mlnn::bench {
 namespace {
@@ -33,16 +35,11 @@ std::unique_ptr<MultiLayerNNModel> modelOf(const Network& network) {
 
 class Mlnn final : public Contender {
  public:
-  // Bits: 0 for the model itself, of which the pass reads the weights.
-  Mlnn(const Network& network, std::size_t frames, int bits)
-      : model_(modelOf(network)), frames_(static_cast<std::ptrdiff_t>(frames)) {
-    if (bits == 0) {
-      pass_.reset(model_->createFwdPass());
-    } else {
-      pass_ = CodedFwdPass::create(*model_, bits);
-      model_.reset();
-    }
-  }
+  // The pass reads the weights of the model, unless that is null.
+  Mlnn(std::size_t frames, std::unique_ptr<MultiLayerNNModel> model, std::unique_ptr<FwdPass> pass)
+      : model_(std::move(model)),
+        pass_(std::move(pass)),
+        frames_(static_cast<std::ptrdiff_t>(frames)) {}
 
   void run(const float* x, float* y) override {
     pass_->evaluate(InputFrames(x, pass_->numInputs(), frames_),
@@ -55,32 +52,50 @@ class Mlnn final : public Contender {
   std::ptrdiff_t frames_;
 };
 
+// The network with the model's parameters in place of its own.
+Network withParametersOf(const MultiLayerNNModel& model, Network network) {
+  for (std::size_t i = 0; i < network.layers.size(); ++i) {
+    const NNLayer& layer = *model.layers[i];
+    std::copy(layer.weights.data(), layer.weights.data() + layer.weights.size(),
+              network.layers[i].weights.begin());
+    std::copy(layer.bias.data(), layer.bias.data() + layer.bias.size(),
+              network.layers[i].bias.begin());
+  }
+  return network;
+}
+
 }  // namespace
 
 ContenderPtr makeMlnn(const Network& network, std::size_t frames) {
-  return std::make_unique<Mlnn>(network, frames, 0);
+  auto model = modelOf(network);
+  std::unique_ptr<FwdPass> pass(model->createFwdPass());
+  return std::make_unique<Mlnn>(frames, std::move(model), std::move(pass));
 }
 
 ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames) {
-  return std::make_unique<Mlnn>(network, frames, 8);
+  return std::make_unique<Mlnn>(frames, nullptr, CodedFwdPass::create(*modelOf(network), 8));
 }
 
 ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames) {
-  return std::make_unique<Mlnn>(network, frames, 4);
+  return std::make_unique<Mlnn>(frames, nullptr, CodedFwdPass::create(*modelOf(network), 4));
+}
+
+ContenderPtr makeMlnnInIntegers(const Network& network, std::size_t frames) {
+  return std::make_unique<Mlnn>(frames, nullptr, IntegerFwdPass::create(*modelOf(network)));
 }
 
 Network reduced(const Network& network, int bits) {
   const auto model = modelOf(network);
   model->retainPrecisionBits(bits);
-  Network result = network;
-  for (std::size_t i = 0; i < result.layers.size(); ++i) {
-    const NNLayer& layer = *model->layers[i];
-    std::copy(layer.weights.data(), layer.weights.data() + layer.weights.size(),
-              result.layers[i].weights.begin());
-    std::copy(layer.bias.data(), layer.bias.data() + layer.bias.size(),
-              result.layers[i].bias.begin());
-  }
-  return result;
+  return withParametersOf(*model, network);
+}
+
+Network quantized(const Network& network, int bits) {
+  const auto model = modelOf(network);
+  RowQuantization options;
+  options.bits = bits;
+  quantizeRows(*model, options);
+  return withParametersOf(*model, network);
 }
 
 void finishLayer(const Network& network, std::size_t layer, std::size_t frames, float* y) {
