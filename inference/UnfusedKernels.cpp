@@ -23,7 +23,7 @@ namespace HWY_NAMESPACE {
 
 const UnfusedKernels& unfusedKernels() {
   static const UnfusedKernels kKernels = {
-      hwy::TargetName(HWY_TARGET), toBytes, toWords, finish, multiply, unfusedSoftmax};
+      hwy::TargetName(HWY_TARGET), toBytes, toWords, finish, multiply, unfusedSoftmax, giveOneNaN};
   return kKernels;
 }
 
@@ -31,11 +31,12 @@ const UnfusedKernels& unfusedKernels() {
 
 struct UnfusedScalarOps : ScalarOps {
   static float fma(float a, float b, float c) { return a * b + c; }
+  static float atMost(float limit, float a) { return limit < a ? limit : a; }
 };
 
 // One value at a time; for what the compiler may use everywhere only.
 float scalarUnfusedActivated(ActFn::ActFn fn, float x) {
-  using Formulas = ActivationFormulas<UnfusedScalarOps>;
+  using Formulas = UnfusedFormulas<UnfusedScalarOps>;
   switch (fn) {
     case ActFn::linear:
       return Formulas::linear(x);

@@ -2,7 +2,7 @@
 // that have no codes. docs/integer-pass.md fixes every rounding.
 //
 // No operation fuses multiplication and addition, and no order depends on the width of vectors, so
-// every instruction set gives the same bits. NaN that comes out is always the same one.
+// every instruction set gives the same bits, but for those of NaN.
 // Internal: not installed.
 #pragma once
 
@@ -56,6 +56,9 @@ struct UnfusedKernels {
 
   // Replaces the values by exp(x) / sum(exp(x)), as Kernels::softmax does.
   void (*softmax)(float* values, std::size_t count);
+
+  // Replaces every NaN by 7fc00000; softmax leaves no other one.
+  void (*giveOneNaN)(float* values, std::size_t count);
 };
 
 // Returns fn(x), and exp(x) for an x that is not positive, as the kernels compute them.

@@ -102,8 +102,15 @@ def relu(x):
 
 
 def sigmoid(x):
-    e = exp_of_negative(-abs(x))
-    return div(e if x < 0 else 1.0, add(e, 1.0))
+    if x != x:
+        return x
+    t = min(max(mul(x, -LOG2E), -125.0), 125.0)
+    n = add(add(t, SHIFT), -SHIFT)
+    r = add(t, -n)
+    p = f32(1.326472033e-03)
+    for c in (9.671512991e-03, 5.550733581e-02, 2.402224243e-01, 6.931470037e-01, 1.0):
+        p = muladd(p, r, f32(c))
+    return div(1.0, add(scaled(p, n), 1.0))
 
 
 def tanh(x):

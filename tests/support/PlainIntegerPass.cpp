@@ -106,7 +106,7 @@ void plainSoftmax(Eigen::Ref<VectorXf> values) {
   for (std::size_t half = 8; half > 0; half /= 2) {
     for (std::size_t i = 0; i < half; ++i) chains[i] += chains[i + half];
   }
-  for (float& value : values) value = withOneNaN(value / chains[0]);
+  for (float& value : values) value /= chains[0];
 }
 
 }  // namespace
@@ -127,7 +127,7 @@ VectorXf plainIntegerLayer(const NNLayer& layer, const VectorXf& x, bool words) 
     float v = isCoded ? integerSum(layer, row, integers, words) : floatSum(layer, row, x);
     if (layer.isBatchNorm) v = v * layer.gamma_inf[row];
     v = v + (layer.isBatchNorm ? layer.beta_inf[row] : layer.bias[row]);
-    y[row] = withOneNaN(unfusedActivated(layer.actFn, v));
+    y[row] = unfusedActivated(layer.actFn, v);
   }
   return y;
 }
@@ -143,7 +143,7 @@ Eigen::MatrixXf plainIntegerPass(const MultiLayerNNModel& model, const Eigen::Ma
       x = plainIntegerLayer(*model.layers[i], x, words);
     }
     if (model.useSoftmax) plainSoftmax(x);
-    outputs.col(f) = x;
+    outputs.col(f) = x.unaryExpr(&withOneNaN);
   }
   return outputs;
 }
