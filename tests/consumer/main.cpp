@@ -2,10 +2,12 @@
 // again and runs it. Ends with 0 when the results are right.
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <memory>
 
+#include "features/Version.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace {
@@ -39,6 +41,7 @@ bool givesQuarterAndThreeQuarters(MultiLayerNNModel& model) {
 }  // namespace
 
 int main() {
+  if (std::strcmp(mlnn::version(), MLNN_VERSION_STRING) != 0) return 1;
   const char* const fileName = "consumer-model.txt";
   if (!save(makeModel(), fileName)) return 1;
   MultiLayerNNModel model;
