@@ -11,8 +11,10 @@
 #include "inference/CodedFwdPass.h"
 #include "inference/FwdPass.h"
 #include "inference/ImageFwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "model/MultiLayerNNModel.h"
+#include "model/RowQuantization.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
@@ -69,10 +71,19 @@ MultiLayerNNModel network(const std::vector<int>& widths) {
   return model;
 }
 
+// Of the model with its layers in integers.
+std::unique_ptr<FwdPass> integerPass(MultiLayerNNModel& model) {
+  EXPECT_EQ(mlnn::quantizeRows(model, {}), 0);
+  auto pass = mlnn::IntegerFwdPass::create(model);
+  EXPECT_EQ(pass->numIntegerLayers(), model.layers.size());
+  return pass;
+}
+
 // All kinds of passes over networks of these widths; the one of the program has its own.
 std::vector<std::unique_ptr<Subject>> subjects(const std::vector<int>& widths) {
   std::vector<std::unique_ptr<Subject>> all;
-  for (const char* name : {"NNFwdPassFromFile", "CodedFwdPass", "ImageFwdPass", "FwdPass"}) {
+  for (const char* name :
+       {"NNFwdPassFromFile", "CodedFwdPass", "ImageFwdPass", "IntegerFwdPass", "FwdPass"}) {
     auto subject = std::make_unique<Subject>();
     subject->name = name;
     subject->model = network(widths);
@@ -84,7 +95,8 @@ std::vector<std::unique_ptr<Subject>> subjects(const std::vector<int>& widths) {
   auto imagePass = std::make_unique<mlnn::ImageFwdPass>();
   stderrOf([&] { EXPECT_EQ(imagePass->open(all[2]->image.data(), all[2]->image.size()), 0); });
   all[2]->pass = std::move(imagePass);
-  all[3]->pass = std::make_unique<TwoSums>();
+  all[3]->pass = integerPass(all[3]->model);
+  all[4]->pass = std::make_unique<TwoSums>();
   return all;
 }
 
@@ -368,6 +380,29 @@ TEST(FwdPassMemory, doesNotFollowFewerFramesThanThereHaveBeen) {
     evaluateAll(600);
     const AllocationWatch watch;
     for (const Index frames : {599, 1, 300, 2, 256, 17, 600}) evaluateAll(frames);
+    EXPECT_EQ(watch.allocations(), 0u) << subject->name;
+  }
+}
+
+TEST(FwdPassMemory, isNotTakenForVectorsAndFixedSizes) {
+  for (const auto& subject : libraryPasses({40, 70, 10})) {
+    FwdPass& pass = *subject->pass;
+    const VectorXf vector = someValues(40, 1, 1);
+    const Eigen::Matrix<float, 40, 3> fixed = someValues(40, 3, 2);
+    const Eigen::Matrix<float, 40, 3, Eigen::RowMajor> rows = fixed;
+    MatrixXf outputs;
+    VectorXf output(10);
+    Eigen::Matrix<float, 10, 3> fixedOutputs;
+    ASSERT_EQ(pass.evaluate(rows, fixedOutputs), 0);
+    ASSERT_EQ(pass.evaluate(vector, outputs), 0);
+    const AllocationWatch watch;
+    for (int round = 0; round < 3; ++round) {
+      pass.evaluate(vector, outputs);
+      pass.evaluate(vector, output);
+      pass.evaluate(fixed, fixedOutputs);
+      pass.evaluate(rows, fixedOutputs);
+      pass.evaluate(Map<const Eigen::Matrix<float, 40, 1>>(fixed.data()), outputs);
+    }
     EXPECT_EQ(watch.allocations(), 0u) << subject->name;
   }
 }

@@ -292,6 +292,17 @@ std::vector<Operation> passOperations() {
       {"evaluate", [](Subject& s) { return s.pass.evaluate(s.inputs, s.outputs) == 0; }},
       {"evaluateLayers",
        [](Subject& s) { return s.pass.evaluateLayers(s.inputs, s.outputs, s.results) == 0; }},
+      {"evaluate, apart",
+       [](Subject& s) {
+         using Strides = Eigen::Stride<Eigen::Dynamic, Eigen::Dynamic>;
+         const Eigen::Map<const Eigen::MatrixXf, 0, Strides> rows(s.inputs.data(), 4, 3, {1, 3});
+         return s.pass.evaluate(rows, s.outputs) == 0;
+       }},
+      {"coded, another",
+       [](Subject& s) {
+         const auto pass = mlnn::CodedFwdPass::create(s.runnable, 8, mlnn::CodesFor::kMemory);
+         return pass->another()->evaluate(s.inputs, s.outputs) == 0;
+       }},
       {"coded, create",
        [](Subject& s) {
          return mlnn::CodedFwdPass::create(s.runnable, 8, mlnn::CodesFor::kMemory) != nullptr;
