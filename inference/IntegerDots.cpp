@@ -27,7 +27,7 @@ namespace mlnn {
 namespace {
 
 // Where a library is built for size, several frames go through one by one.
-constexpr int framesOf(int best) { return kBuiltForSize ? 1 : best; }
+constexpr unsigned framesOf(unsigned best) { return kBuiltForSize ? 1 : best; }
 
 std::size_t groupsOf(const RowCodesView& codes) {
   return static_cast<std::size_t>(rowCodeGroups(codes.cols));
@@ -87,7 +87,7 @@ void sumPanel(const RowCodesView& codes, std::size_t panel, const int8_t* x, int
 }
 
 void dots(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
-          int32_t* sums) {
+          const CodesAhead&, int32_t* sums) {
   const auto sum = codes.bits == 4 ? sumPanel<true> : sumPanel<false>;
   for (std::size_t f = 0; f < x.frames; ++f) {
     for (std::size_t p = 0; p < panels; ++p) {
@@ -97,7 +97,7 @@ void dots(const RowCodesView& codes, std::size_t first, std::size_t panels, cons
   }
 }
 
-constexpr DotKernels kDots = {"plain", 4, 1, 1, stayAsTheyAre, dots};
+constexpr DotKernels kDots = {"plain", {4, 1}, {4, 1}, 1, stayAsTheyAre, dots};
 
 }  // namespace plain
 
@@ -119,8 +119,8 @@ struct Vectors {
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 8;
-  static constexpr int kTileParts = 2;
-  static constexpr int kTileFrames = framesOf(3);
+  static constexpr int kFrames = framesOf(3);
+  static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 4;
   static constexpr int kLineChains = 1;
 
@@ -148,7 +148,7 @@ struct Vectors {
 
 #include "inference/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {"SSE2", 4, framesOf(3), 2, arrangeInPairs, dots};
+constexpr DotKernels kDots = {"SSE2", {4, framesOf(3)}, {4, framesOf(3)}, 2, arrangeInPairs, dots};
 
 }  // namespace sse2
 HWY_POP_ATTRIBUTES
@@ -167,8 +167,8 @@ struct Vectors {
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 8;
-  static constexpr int kTileParts = 2;
-  static constexpr int kTileFrames = framesOf(4);
+  static constexpr int kFrames = framesOf(4);
+  static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 2;
 
@@ -196,7 +196,7 @@ struct Vectors {
 
 #include "inference/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {"AVX2", 4, framesOf(4), 2, arrangeInPairs, dots};
+constexpr DotKernels kDots = {"AVX2", {4, framesOf(4)}, {4, framesOf(4)}, 2, arrangeInPairs, dots};
 
 }  // namespace avx2
 HWY_POP_ATTRIBUTES
@@ -215,8 +215,8 @@ struct Vectors {
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 8;
-  static constexpr int kTileParts = 2;
-  static constexpr int kTileFrames = framesOf(8);
+  static constexpr int kFrames = framesOf(8);
+  static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
 
@@ -245,7 +245,8 @@ struct Vectors {
 
 #include "inference/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {"AVX-512", 4, framesOf(8), 2, arrangeInPairs, dots};
+constexpr DotKernels kDots = {"AVX-512", {4, framesOf(8)}, {4, framesOf(8)},
+                              2,         arrangeInPairs,   dots};
 
 }  // namespace avx512
 HWY_POP_ATTRIBUTES
@@ -263,8 +264,8 @@ struct Vectors {
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 4;
-  static constexpr int kTileParts = 4;
-  static constexpr int kTileFrames = framesOf(3);
+  static constexpr int kFrames = framesOf(3);
+  static constexpr int partsFor(int) { return 4; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
 
@@ -290,7 +291,8 @@ struct Vectors {
 
 #include "inference/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {"AVX-VNNI", 4, framesOf(3), 1, stayAsTheyAre, dots};
+constexpr DotKernels kDots = {"AVX-VNNI", {4, framesOf(3)}, {4, framesOf(3)},
+                              1,          stayAsTheyAre,    dots};
 
 }  // namespace avxvnni
 HWY_POP_ATTRIBUTES
@@ -306,8 +308,8 @@ struct Vectors {
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 4;
-  static constexpr int kTileParts = 4;
-  static constexpr int kTileFrames = framesOf(6);
+  static constexpr int kFrames = framesOf(8);
+  static constexpr int partsFor(int frames) { return frames > 6 ? 3 : 4; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
 
@@ -331,7 +333,8 @@ struct Vectors {
 
 #include "inference/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {"AVX-512 VNNI", 4, framesOf(6), 1, stayAsTheyAre, dots};
+constexpr DotKernels kDots = {
+    "AVX-512 VNNI", {3, framesOf(8)}, {4, framesOf(6)}, 1, stayAsTheyAre, dots};
 
 }  // namespace avx512vnni
 HWY_POP_ATTRIBUTES

@@ -23,13 +23,26 @@ struct ByteFrames {
   std::size_t frames;
 };
 
+// Panels and frames that go well together, because their sums fill the registers.
+struct DotTile {
+  std::size_t panels;
+  std::size_t frames;
+};
+
+// What will be needed of the codes after this call, where they stream through the caches.
+struct CodesAhead {
+  bool stream = false;
+  std::size_t first = 0;   // panel
+  std::size_t panels = 0;  // to fetch during the call
+};
+
 struct DotKernels {
   const char* name;           // of the instruction set
-  std::size_t panelsAtOnce;   // what goes well together where there are several frames:
-  std::size_t framesAtOnce;   // together no more than kMostAtOnce
+  DotTile few;                // for no more frames than these
+  DotTile many;               // for more
   std::size_t bytesPerInput;  // of the arranged inputs
 
-  static constexpr std::size_t kMostAtOnce = 32;
+  static constexpr std::size_t kMostAtOnce = 32;  // panels times frames of a tile
 
   // Arranges `count` integers of a frame, a multiple of 4, as `dots` takes them, without moving
   // their beginning: in place, up to count * bytesPerInput bytes.
@@ -37,9 +50,9 @@ struct DotKernels {
 
   // sums[f * panels * 16 + r] = the sum of code times input over all inputs, for row r of the
   // `panels` panels from the panel `first` on, and frame f.
-  // REQUIRES: 1 to framesAtOnce frames; at most kMostDotInputs inputs.
+  // REQUIRES: 1 to few.frames frames; at most kMostDotInputs inputs.
   void (*dots)(const RowCodesView& codes, std::size_t first, std::size_t panels,
-               const ByteFrames& x, int32_t* sums);
+               const ByteFrames& x, const CodesAhead& ahead, int32_t* sums);
 };
 
 // Returns all that this processor can run, the best first. The last one is a plain loop.

@@ -29,11 +29,11 @@ std::size_t wholeGroups(std::size_t width) {
   return static_cast<std::size_t>(rowCodeGroups(width)) * kRowCodeGroup;
 }
 
-// The frames that go through all layers before the next ones.
-std::size_t framesAtOnce(std::size_t widest) {
-  constexpr std::size_t kFrames = 256;
+// The frames that go through all layers before the next ones. Weights that stay in the second-level
+// cache leave room there for few frames; others pay off only with many.
+std::size_t framesAtOnce(std::size_t widest, bool streams) {
   constexpr std::size_t kFloats = std::size_t{1} << 24;
-  return std::clamp<std::size_t>(kFloats / floatStride(widest + 1), 1, kFrames);
+  return std::clamp<std::size_t>(kFloats / floatStride(widest + 1), 1, streams ? 256 : 48);
 }
 
 bool hasCodes(const IntegerLayerView& view) { return view.codes.codes != nullptr; }
@@ -61,6 +61,7 @@ struct StackNeeds {
   std::size_t bytes = 0;    // of integers
   std::size_t byteFrames = 0;
   std::size_t unpacked = 0;  // floats
+  bool streams = false;      // weights, through the second-level cache
 
   std::size_t half() const { return frames * floatStride(widest); }
 };
@@ -82,7 +83,8 @@ StackNeeds needsOf(const IntegerSource& stack, std::size_t bytesPerInput, std::s
     needs.bytes = std::max(
         needs.bytes, byteFramesOf(view) * strideOf(wholeGroups(view.layer.cols) * bytesPerInput));
   }
-  needs.frames = std::min(frames, framesAtOnce(needs.widest));
+  needs.streams = stack.bytes() > kSecondLevelBytes;
+  needs.frames = std::min(frames, framesAtOnce(needs.widest, needs.streams));
   needs.bytes *= needs.frames;
   needs.byteFrames *= needs.frames;
   return needs;
@@ -125,17 +127,25 @@ Frames<float> framesOf(const OutputFrames& frames) {
 // What one layer is evaluated with.
 class LayerPass {
  public:
-  LayerPass(const IntegerLayerView& view, const IntegerKernels& kernels, IntegerMemory& memory)
-      : view_(view), kernels_(kernels), memory_(memory), byteFrames_(byteFramesOf(view)) {}
+  // Streams: whether the weights do not stay in the second-level cache from call to call.
+  LayerPass(const IntegerLayerView& view, const IntegerKernels& kernels, bool streams,
+            std::size_t frames, IntegerMemory& memory)
+      : view_(view),
+        kernels_(kernels),
+        memory_(memory),
+        byteFrames_(byteFramesOf(view)),
+        tile_(frames * byteFrames_ <= kernels.dots.few.frames ? kernels.dots.few
+                                                              : kernels.dots.many),
+        streams_(streams) {}
 
   // The results may stand in place of the inputs.
   void run(const Frames<const float>& x, const Frames<float>& y) {
     for (std::size_t f = 0; f < x.count; ++f) takeInputs(x.at(f), f);
-    const std::size_t atOnce =
-        x.count == 1 ? kLinePanels : std::min(kernels_.dots.panelsAtOnce, kLinePanels);
     const auto panels = static_cast<std::size_t>(rowCodePanels(view_.layer.rows));
+    const std::size_t atOnce = x.count * byteFrames_ == 1 ? kLinePanels : tile_.panels;
     for (std::size_t p = 0; p < panels; p += atOnce) {
-      runPanels(p, std::min(atOnce, panels - p), y);
+      const std::size_t next = std::min(p + atOnce, panels);
+      runPanels(p, next - p, std::min(atOnce, panels - next), y);
     }
   }
 
@@ -165,30 +175,37 @@ class LayerPass {
     }
   }
 
-  // Some panels for all frames, in tiles of about as many frames each.
-  void runPanels(std::size_t first, std::size_t panels, const Frames<float>& y) {
-    const std::size_t most = std::max<std::size_t>(kernels_.dots.framesAtOnce / byteFrames_, 1);
-    for (std::size_t f = 0; f < y.count;) {
-      const std::size_t left = y.count - f;
-      const std::size_t tiles = (left + most - 1) / most;
-      const std::size_t taken = (left + tiles - 1) / tiles;
-      runTile(first, panels, f, taken, y);
-      f += taken;
+  // Some panels for all frames, in tiles of about as many frames each. Each of them fetches its
+  // part of the `ahead` panels behind these.
+  void runPanels(std::size_t first, std::size_t panels, std::size_t ahead, const Frames<float>& y) {
+    const std::size_t most = std::max<std::size_t>(tile_.frames / byteFrames_, 1);
+    const std::size_t tiles = (y.count + most - 1) / most;
+    std::size_t frame = 0;
+    std::size_t fetched = 0;
+    for (std::size_t t = 0; t < tiles; ++t) {
+      const std::size_t nextFrame = y.count * (t + 1) / tiles;
+      const std::size_t nextFetched = streams_ ? ahead * (t + 1) / tiles : 0;
+      const CodesAhead toFetch{streams_, first + panels + fetched, nextFetched - fetched};
+      runTile(first, panels, toFetch, frame, nextFrame - frame, y);
+      frame = nextFrame;
+      fetched = nextFetched;
     }
   }
 
-  void runTile(std::size_t first, std::size_t panels, std::size_t frame, std::size_t frames,
-               const Frames<float>& y) {
-    constexpr std::size_t kMostSums = 2 * kLinePanels * kRowCodePanel;
+  void runTile(std::size_t first, std::size_t panels, CodesAhead ahead, std::size_t frame,
+               std::size_t frames, const Frames<float>& y) {
+    constexpr std::size_t kMostSums =
+        std::max(kLinePanels, DotKernels::kMostAtOnce) * kRowCodePanel;
     alignas(kCacheLine) int32_t sums[kMostSums];
     const std::size_t stride = panels * kRowCodePanel;
     const std::size_t end = (frame + frames) * byteFrames_;
     int32_t* to = sums;
     for (std::size_t b = frame * byteFrames_; b < end;) {
-      const std::size_t taken = std::min(end - b, kernels_.dots.framesAtOnce);
+      const std::size_t taken = std::min(end - b, tile_.frames);
       const ByteFrames x{memory_.bytes.data() + b * byteStride(), byteStride(),
                          memory_.sums.data() + b, taken};
-      kernels_.dots.dots(view_.codes, first, panels, x, to);
+      kernels_.dots.dots(view_.codes, first, panels, x, ahead, to);
+      ahead.panels = 0;
       to += taken * stride;
       b += taken;
     }
@@ -208,6 +225,8 @@ class LayerPass {
   const IntegerKernels& kernels_;
   IntegerMemory& memory_;
   std::size_t byteFrames_;
+  DotTile tile_;
+  bool streams_;
 };
 
 // A layer without codes, whose weights may have to be unpacked.
@@ -242,7 +261,7 @@ void runFrames(const IntegerSource& stack, const IntegerKernels& kernels, const 
         isLast ? results : Frames<float>{next, floatStride(view.layer.rows), x.count};
     if (view.layer.rows > 0) {
       if (hasCodes(view)) {
-        LayerPass(view, kernels, memory).run(x, y);
+        LayerPass(view, kernels, needs.streams, x.count, memory).run(x, y);
       } else {
         runFloats(stack, i, view, kernels.unfused, x, y, memory);
       }

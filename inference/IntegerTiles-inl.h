@@ -7,7 +7,8 @@
 //   kSigned                   whether load() frees codes of their offset
 //   kStep                     groups of inputs that dot() takes at once: 1 or 2
 //   kInputBytes               of a group of inputs
-//   kTileParts, kTileFrames   the tile that fills the registers where there are several frames
+//   kFrames                   the most frames of a tile
+//   partsFor(frames)          the parts that fill the registers with so many frames
 //   kLineParts, kLineChains   for one frame: parts at once, and chains of sums of each
 //   splat(int)                sums that are all the same
 //   load(group, bits, part)   the codes of a part of a group of 8 or 4 bits
@@ -61,11 +62,24 @@ struct TilePlace {
   std::size_t stride;
 };
 
+// Codes to fetch, a group of each panel at a time.
+struct FetchedPanels {
+  const uint8_t* group;
+  std::size_t panelBytes;
+  std::size_t panels;
+
+  HWY_INLINE void fetch(std::size_t bytes) {
+    for (std::size_t p = 0; p < panels; ++p) __builtin_prefetch(group + p * panelBytes, 0, 2);
+    group += bytes;
+  }
+};
+
 // The sums of R parts, from part `first` on, and F frames. Each has as many chains, which take
 // turns with the inputs, so that none waits for the addition before.
 template <int kBits, int R, int F, int kChains>
 HWY_INLINE void sumTile(const RowCodesView& codes, const uint8_t* panel, int first,
-                        const ByteFrames& x, const int32_t* start, const TilePlace& to) {
+                        const ByteFrames& x, FetchedPanels ahead, const int32_t* start,
+                        const TilePlace& to) {
   constexpr std::size_t kStep = Vectors::kStep;
   constexpr std::size_t kRound = kStep * kChains;
   constexpr std::size_t kGroupBytes = rowCodeBlockBytes(kBits);
@@ -86,6 +100,7 @@ HWY_INLINE void sumTile(const RowCodesView& codes, const uint8_t* panel, int fir
   for (; g + kRound <= groups; g += kRound) {
     HWY_UNROLL(8)
     for (int c = 0; c < kChains; ++c) {
+      if (ahead.panels > 0) ahead.fetch(kStep * kGroupBytes);
       addGroups<kBits, R, F, kStep>(panel, panelBytes, first, input, x.stride, sums[c]);
       panel += kStep * kGroupBytes;
       input += kStep * Vectors::kInputBytes;
@@ -112,17 +127,20 @@ HWY_INLINE void sumTile(const RowCodesView& codes, const uint8_t* panel, int fir
 // The sums of as many whole panels as kParts says; a tile may be less than a panel.
 template <int kBits, int kParts, int F, int kChains, int kTile>
 void sumPanels(const RowCodesView& codes, const uint8_t* panel, const ByteFrames& x,
-               const int32_t* start, const TilePlace& to) {
+               FetchedPanels ahead, const int32_t* start, const TilePlace& to) {
   HWY_UNROLL(1)
   for (int first = 0; first < kParts; first += kTile) {
-    sumTile<kBits, kTile, F, kChains>(codes, panel, first, x, start, to);
+    sumTile<kBits, kTile, F, kChains>(codes, panel, first, x, ahead, start, to);
+    ahead.panels = 0;
   }
 }
 
-// Panels in tiles of some parts, as long as they last, then one by one.
+// Panels in tiles of some parts, as long as they last, then one by one. One frame reads each code
+// once, so what it fetches lies a fixed way ahead.
 template <int kBits, int F, int kTile, int kChains>
 void sumFrames(const RowCodesView& codes, std::size_t first, std::size_t panels,
-               const ByteFrames& x, int32_t* sums) {
+               const ByteFrames& x, const CodesAhead& ahead, int32_t* sums) {
+  constexpr std::size_t kLineAhead = 8192;
   constexpr int kParts = Vectors::kParts;
   constexpr int kPanels = kTile > kParts ? kTile / kParts : 1;
   constexpr uint32_t kBias = Vectors::kSigned ? 0 : rowCodeBias(kBits);
@@ -133,17 +151,21 @@ void sumFrames(const RowCodesView& codes, std::size_t first, std::size_t panels,
   const std::size_t panelBytes = groupsOf(codes) * rowCodeBlockBytes(kBits);
   const std::size_t stride = panels * kRowCodePanel;
   const uint8_t* panel = codes.codes + first * panelBytes;
+  FetchedPanels fetched{codes.codes + ahead.first * panelBytes, panelBytes, ahead.panels};
   constexpr auto kAtOnce = static_cast<std::size_t>(kPanels);
   std::size_t p = 0;
   for (; p + kAtOnce <= panels; p += kAtOnce) {
-    sumPanels<kBits, kPanels * kParts, F, kChains, kTile>(codes, panel, x, start,
+    if (F == 1) fetched = {panel + kLineAhead, panelBytes, ahead.stream ? kAtOnce : 0};
+    sumPanels<kBits, kPanels * kParts, F, kChains, kTile>(codes, panel, x, fetched, start,
                                                           {sums + p * kRowCodePanel, stride});
+    fetched.panels = 0;
     panel += kAtOnce * panelBytes;
   }
   constexpr int kRest = kTile < kParts ? kTile : kParts;
   for (; p < panels; ++p) {
-    sumPanels<kBits, kParts, F, kChains, kRest>(codes, panel, x, start,
+    sumPanels<kBits, kParts, F, kChains, kRest>(codes, panel, x, fetched, start,
                                                 {sums + p * kRowCodePanel, stride});
+    fetched.panels = 0;
     panel += panelBytes;
   }
 }
@@ -151,18 +173,18 @@ void sumFrames(const RowCodesView& codes, std::size_t first, std::size_t panels,
 // The same for any number of frames up to those of a tile.
 template <int kBits, int F>
 void sumUpTo(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
-             int32_t* sums) {
+             const CodesAhead& ahead, int32_t* sums) {
   if constexpr (F == 1) {
-    sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains>(codes, first, panels, x, sums);
+    sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains>(codes, first, panels, x, ahead,
+                                                                   sums);
   } else {
-    if (x.frames < F) return sumUpTo<kBits, F - 1>(codes, first, panels, x, sums);
-    sumFrames<kBits, F, Vectors::kTileParts, 1>(codes, first, panels, x, sums);
+    if (x.frames < F) return sumUpTo<kBits, F - 1>(codes, first, panels, x, ahead, sums);
+    sumFrames<kBits, F, Vectors::partsFor(F), 1>(codes, first, panels, x, ahead, sums);
   }
 }
 
 void dots(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
-          int32_t* sums) {
-  constexpr int kFrames = Vectors::kTileFrames;
-  if (codes.bits == 4) return sumUpTo<4, kFrames>(codes, first, panels, x, sums);
-  sumUpTo<8, kFrames>(codes, first, panels, x, sums);
+          const CodesAhead& ahead, int32_t* sums) {
+  if (codes.bits == 4) return sumUpTo<4, Vectors::kFrames>(codes, first, panels, x, ahead, sums);
+  sumUpTo<8, Vectors::kFrames>(codes, first, panels, x, ahead, sums);
 }
