@@ -18,19 +18,22 @@
 
 namespace mlnn {
 
+// The two kinds of files: docs/text-format.md and docs/binary-format.md.
 enum class ModelFormat { kText, kBinary };
 
 // The property that names the activation of hidden layers.
 inline constexpr char kHiddenActFnProperty[] = "hidden_act_fn";
 
+// What a file holds and is.
 struct ModelFile {
-  MultiLayerNNModel model;
-  std::string name;  // of the file; "" for one in memory
-  ModelFormat format = ModelFormat::kText;
-  int textVersion = 0;     // 1 or 2; 0 in an image
-  std::size_t length = 0;  // bytes
+  MultiLayerNNModel model;                  // what was read
+  std::string name;                         // of the file; "" for one in memory
+  ModelFormat format = ModelFormat::kText;  // of the file
+  int textVersion = 0;                      // 1 or 2; 0 in an image
+  std::size_t length = 0;                   // bytes
 };
 
+// What a caller may say about opening.
 struct OpenOptions {
   std::string hiddenActFn;  // of hidden layers whose file records none; "" goes by the property
   std::string optionWords = "hiddenActFn";  // what messages call the option above

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "features/string_split.h"
+#include "model/ModelFile.h"
 
 namespace {
 
@@ -16,15 +17,6 @@ mlnn::ContextWindow windowOf(const MultiLayerNNModel& model) {
                                             std::tuple_size<Frame>::value, whyNot);
   if (!window) throw std::runtime_error(whyNot);
   return *window;
-}
-
-// The text format records no activation of batch-norm layers; this property tells it.
-void setHiddenActivations(MultiLayerNNModel& model) {
-  ActFn::ActFn actFn;
-  if (ActFn::stringToActFn(model.getProp("hidden_act_fn"), actFn) != 0) return;
-  for (std::size_t i = 0; i + 1 < model.layers.size(); ++i) {
-    if (model.layers[i]->isBatchNorm) model.layers[i]->actFn = actFn;
-  }
 }
 
 std::vector<std::string> labelsOf(const MultiLayerNNModel& model) {
@@ -39,15 +31,16 @@ std::vector<std::string> labelsOf(const MultiLayerNNModel& model) {
 
 }  // namespace
 
-void loadNetwork(const std::string& name, MultiLayerNNModel& model) {
-  if (model.deserialize(name.c_str()) != 0) throw std::runtime_error(name + " does not load");
-  const DbnFeatureDescription& features = model.featureDesc;
+std::unique_ptr<MultiLayerNNModel> loadNetwork(const std::string& name) {
+  std::unique_ptr<MultiLayerNNModel> model = mlnn::openModel(name);
+  if (!model) throw std::runtime_error(name + " does not load");
+  const DbnFeatureDescription& features = model->featureDesc;
   if (features.numBands != kBands || !features.useDeltas ||
-      features.featLen() != model.numInputs() || model.numOutputs() == 0) {
+      features.featLen() != model->numInputs() || model->numOutputs() == 0) {
     throw std::runtime_error(name + " is not for frames of " + std::to_string(kBands) +
                              " mel bands and their deltas");
   }
-  setHiddenActivations(model);
+  return model;
 }
 
 DigitDecoder::DigitDecoder(MultiLayerNNModel& model)

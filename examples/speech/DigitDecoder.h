@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -9,10 +10,9 @@
 #include "features/ContextWindow.h"
 #include "model/MultiLayerNNModel.h"
 
-// Reads a network that takes the frames of MelFrames, and sets the activation that its file does
-// not record.
+// Opens a network that takes the frames of MelFrames.
 // Throws std::runtime_error with the reason; what the library has to say stands on stderr.
-void loadNetwork(const std::string& name, MultiLayerNNModel& model);
+std::unique_ptr<MultiLayerNNModel> loadNetwork(const std::string& name);
 
 // Lifetime: the model must outlive it.
 class DigitDecoder {

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -103,9 +104,8 @@ int run(int argc, char** argv) {
   app.add_flag("--posteriors", options.posteriors, "Print all posteriors of each frame");
   app.add_flag("--decisions", options.decisionsOnly, "Print no frames, only what was said");
   CLI11_PARSE(app, argc, argv);
-  MultiLayerNNModel model;
-  loadNetwork(options.model, model);
-  for (const std::string& sound : options.sounds) hear(sound, model, options);
+  const std::unique_ptr<MultiLayerNNModel> model = loadNetwork(options.model);
+  for (const std::string& sound : options.sounds) hear(sound, *model, options);
   return 0;
 }
 

@@ -74,6 +74,23 @@ void expectNamesWords(const std::string& program) {
 
 TEST(OtherLanguages, cNamesWords) { expectNamesWords("'" MLNN_NAME_WORDS_PATH "'"); }
 
+// What the page shows as a program is one, and prints the first of ten posteriors.
+TEST(OtherLanguages, theProgramOnThePageWorks) {
+  const std::string page = mlnn::test::contentOf(sourcePath("docs/c.md"));
+  const std::size_t begin = page.find("```c\n") + 5;
+  const TempFolder folder;
+  const std::string source =
+      folder.write("program.c", page.substr(begin, page.find("```", begin) - begin));
+  const std::string program = folder.path("program");
+  const Ran made = run("cc -std=c99 -pedantic -Wall -Wextra -Werror -I . -I c -o '" + program +
+                       "' '" + source + "' -L '" MLNN_SHARED_DIR "' -lmlnn 2>&1");
+  ASSERT_EQ(made.status, 0) << made.out;
+  const Ran ran = run("sh -c 'cd examples/digits && \"$1\"' - '" + program + "' 2> /dev/null");
+  EXPECT_EQ(ran.status, 0);
+  const double posterior = std::stod(ran.out);
+  EXPECT_TRUE(posterior > 0 && posterior < 1) << ran.out;
+}
+
 TEST(OtherLanguages, rustNamesWords) {
   if (!isThere("rustc")) GTEST_SKIP() << "no rustc";
   const TempFolder folder;

@@ -32,6 +32,8 @@ constexpr char kExamples[] = "examples";  // what pages refer to, relative to th
 // started for, as from a hook, nor the configuration of whoever runs them.
 constexpr char kShellSetup[] =
     "exec 2>&1\n"
+    "PATH='" MLNN_EXAMPLES_DIR
+    "':$PATH\n"  // the programs of the examples, by their names
     "unset GIT_DIR GIT_WORK_TREE GIT_INDEX_FILE GIT_PREFIX GIT_EXTERNAL_DIFF\n"
     "export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_SYSTEM=/dev/null\n"
     "export GIT_AUTHOR_NAME=tester GIT_AUTHOR_EMAIL=tester@example.org\n"
