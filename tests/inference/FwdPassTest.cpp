@@ -231,19 +231,25 @@ TEST(FwdPassFrames, inputsAndOutputsMayShareMemory) {
     for (const Index frames : {1, 2, 300}) {
       const VectorXf before = someValues((in + out) * frames + in, 1, 5);
       // Each frame's outputs in its own place, from one end or the other, behind its inputs, one
-      // value further, and ahead of the inputs that are still to be read.
+      // value further, ahead of the inputs that are still to be read, and in the last input alone.
       struct Places {
         Index inputs, inputStride, outputs, outputStride;
+        Index valueStride = 1;
       };
       const Places cases[] = {{0, in, 0, in},
                               {0, in, 0, out},
                               {0, in + out, in, in + out},
                               {0, in, 1, in},
                               {0, in, in * (frames - 1) + 1, out},
-                              {in * (frames - 1), -in, 0, in}};
+                              {in * (frames - 1), -in, 0, in},
+                              {in * (frames - 1), -in, 0, out},
+                              {0, in, in * frames - 1, out},
+                              {0, 1, in * frames - 1, out, frames},
+                              {in * frames - 1, -1, in * frames - 1, out, -frames}};
       for (const Places& places : cases) {
         VectorXf memory = before;
-        const InputFrames inputs(memory.data() + places.inputs, in, frames, places.inputStride);
+        const InputFrames inputs(memory.data() + places.inputs, in, frames, places.inputStride,
+                                 places.valueStride);
         const MatrixXf expected = expectedOf(pass, inputs);
         const OutputFrames outputs(memory.data() + places.outputs, out, frames,
                                    places.outputStride);
