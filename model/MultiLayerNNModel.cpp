@@ -81,6 +81,12 @@ void MultiLayerNNModel::operator=(MultiLayerNNModel&& other) noexcept {
   swap(taken);
 }
 
+MultiLayerNNModel MultiLayerNNModel::clone() const {
+  MultiLayerNNModel copy(*this);
+  copy.props = props;
+  return copy;
+}
+
 void MultiLayerNNModel::swap(MultiLayerNNModel& other) noexcept {
   std::swap(featureDesc, other.featureDesc);
   layers.swap(other.layers);

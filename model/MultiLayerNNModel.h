@@ -48,7 +48,7 @@ class MLNN_EXPORT MultiLayerNNModel : public InferenceModel {
   // REQUIRES: no size is negative.
   MultiLayerNNModel(int* sizes, int numSizes);
 
-  // Copies all but the properties: a copy starts without any.
+  // Leaves the properties behind: a copy starts without any. clone() copies everything.
   MultiLayerNNModel(const MultiLayerNNModel& other);
 
   // Takes everything along, properties included, and leaves `other` as a new model.
@@ -56,13 +56,16 @@ class MLNN_EXPORT MultiLayerNNModel : public InferenceModel {
 
   ~MultiLayerNNModel() override;
 
-  // Copies all but the properties: this model keeps its own. Layers are copied into the
-  // layer objects that are there already.
+  // Leaves the properties behind: this model keeps its own. All else is copied, layers into the
+  // layer objects that are there already. `a = b.clone()` takes the properties along.
   // On std::bad_alloc: members and layers are partly the old ones, partly the new.
   void operator=(const MultiLayerNNModel& other);
 
   // Takes everything along, properties included, and leaves `other` as a new model.
   void operator=(MultiLayerNNModel&& other) noexcept;
+
+  // Returns a copy of everything, properties included.
+  MultiLayerNNModel clone() const;
 
   // --- The layer stack ---
 

@@ -258,8 +258,7 @@ void growVector(const LayerHandle& handle, const std::string& name) {
 std::shared_ptr<Core> copyOf(Core& core) {
   return read(core, [](const MultiLayerNNModel& model) {
     auto copy = std::make_shared<Core>();
-    copy->model = model;
-    copy->model.props = model.props;  // which assignment leaves out
+    copy->model = model.clone();
     return copy;
   });
 }

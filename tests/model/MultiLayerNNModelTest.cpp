@@ -287,6 +287,17 @@ void changeAll(MultiLayerNNModel& model) {
   model.useSoftmax = !model.useSoftmax;
 }
 
+TEST(MultiLayerNNModelClone, copiesEverythingAndSharesNothing) {
+  const MultiLayerNNModel source = fullModel();
+  ASSERT_FALSE(source.props.empty());
+  MultiLayerNNModel copy;
+  copy.props = {{"gamma", "gone"}};
+  EXPECT_EQ(stderrOf([&] { copy = source.clone(); }), "");
+  EXPECT_TRUE(sameModel(copy, source));
+  changeAll(copy);
+  EXPECT_TRUE(sameModel(source, fullModel()));
+}
+
 TEST(MultiLayerNNModelAssignment, isDeep) {
   const MultiLayerNNModel source = fullModel();
   MultiLayerNNModel assigned;
