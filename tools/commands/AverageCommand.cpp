@@ -155,21 +155,21 @@ int run(const Options& options) {
 
 void addAverageCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
   // One option for all names: the parser would leave none of them for an OUT of its own.
   constexpr int kAtLeast = 2;
   command
-      .add_option("FILES", options->files,
-                  "IN... OUT: models of either format, then the file to write; - is standard "
-                  "input or output")
-      ->required()
-      ->expected(kAtLeast, CLI::detail::expected_max_vector_size);
+      .add("FILES", options->files,
+           "IN... OUT: models of either format, then the file to write; - is standard "
+           "input or output")
+      .required()
+      .atLeast(kAtLeast);
   command
-      .add_option("--weights", options->weights,
-                  "How much each model counts: numbers above 0, separated by commas")
-      ->delimiter(',')
-      ->allow_extra_args(false)
-      ->type_name("W");
+      .add("--weights", options->weights,
+           "How much each model counts: numbers above 0, separated by commas")
+      .separatedBy(',')
+      .oneValueEach()
+      .type("W");
   addSaveOptions(command, options->save);
   addLoadOptions(command, options->load);
 }

@@ -147,18 +147,17 @@ int run(const Options& options) {
 
 void addBudgetCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
-      ->required();
-  command.add_option("--rate", options->rate, "Frames a second that the load is given for")
-      ->check(numberRange(1e-3, 1e9))
-      ->type_name("FPS")
-      ->capture_default_str();
-  command.add_option("--seconds", options->seconds, "How long to measure")
-      ->check(numberRange(1e-3, 3600))
-      ->type_name("S")
-      ->capture_default_str();
-  command.add_flag("--json", options->json, "Print JSON");
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("MODEL", options->model, "Model of either format; - is standard input").required();
+  command.add("--rate", options->rate, "Frames a second that the load is given for")
+      .check(numberRange(1e-3, 1e9))
+      .type("FPS")
+      .showDefault();
+  command.add("--seconds", options->seconds, "How long to measure")
+      .check(numberRange(1e-3, 3600))
+      .type("S")
+      .showDefault();
+  command.addFlag("--json", options->json, "Print JSON");
   addLoadOptions(command, options->load);
 }
 

@@ -1,5 +1,6 @@
 #include "tools/commands/CheckCommand.h"
 
+#include <algorithm>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -10,6 +11,7 @@
 #include "analysis/diagnosis/TextDiagnosis.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
+#include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/reports/FormatText.h"
@@ -22,7 +24,7 @@ namespace {
 constexpr char kInfoPrefix[] = "info: ";
 
 struct Options {
-  std::string model;
+  std::vector<std::string> models;
   std::string against;
   bool digest = false;
   bool json = false;
@@ -43,6 +45,10 @@ CommandHelp help() {
       "never filled, a normalisation that does nothing, activations that the file does not record\n"
       "and the like are listed as suspicions.\n"
       "\n"
+      "Several models are checked one after another, with --json as an array. --digest and "
+      "--against\n"
+      "are for a single one.\n"
+      "\n"
       "--digest prints a digest of each part of the model on standard output, and all else on\n"
       "standard error. --against compares with such a print and names every part that differs,\n"
       "also those that the checksum of an image does not cover.";
@@ -52,8 +58,8 @@ CommandHelp help() {
       "mlnn check --against model.digest model.mlnn\n"
       "mlnn check --strict --json model.txt | jq .suspicions";
   help.exitStatus =
-      "0  the file loads, and no part differs from --against\n"
-      "1  it does not load, or differs, or with --strict something is suspicious\n"
+      "0  every file loads, and no part differs from --against\n"
+      "1  one does not load, or differs, or with --strict something is suspicious\n"
       "2  wrong usage";
   return help;
 }
@@ -85,10 +91,10 @@ std::vector<Suspicion> allSuspicions(const ModelFile& file, const std::string& b
   return suspicions;
 }
 
-Findings examine(const Options& options) {
+Findings examine(const std::string& name, const Options& options) {
   Findings findings;
-  findings.file.name = options.model;
-  const std::string bytes = readInput(options.model);
+  findings.file.name = name;
+  const std::string bytes = readInput(name);
   findings.loads = parseModel(bytes, findings.file, findings.messages);
   if (!findings.loads) {
     findings.misfit = diagnose(bytes);
@@ -154,7 +160,7 @@ Json jsonOf(const DigestComparison& comparison, const std::string& fileName) {
           {"not_compared", comparison.notCompared}};
 }
 
-void printJson(const Findings& findings, const Options& options) {
+Json jsonOf(const Findings& findings, const Options& options) {
   const ModelFile& file = findings.file;
   Json json = {{"file", file.name}, {"format", formatWord(file.format)}};
   setUnlessZero(json, "version", static_cast<std::size_t>(file.textVersion));
@@ -168,7 +174,7 @@ void printJson(const Findings& findings, const Options& options) {
   }
   if (options.digest && findings.digest) json["digest"] = jsonOf(*findings.digest);
   if (findings.comparison) json["against"] = jsonOf(*findings.comparison, options.against);
-  mlnn::printJson(json);
+  return json;
 }
 
 // --- Text ---
@@ -236,34 +242,76 @@ void printText(const Findings& findings, const Options& options) {
   if (options.digest) printDigest(*findings.digest, std::cout);
 }
 
-int run(const Options& options) {
-  refuseSecondStandardInput({options.model, options.against});
-  const Findings findings = examine(options);
-  if (options.json) {
-    printJson(findings, options);
-  } else {
-    printText(findings, options);
-  }
+int statusOf(const Findings& findings, const Options& options) {
   const bool differs = findings.comparison && !findings.comparison->differences.empty();
   const bool isOdd = options.strict && !findings.suspicions.empty();
   return !findings.loads || differs || isOdd ? kRefused : kDone;
+}
+
+int checkOne(const Options& options) {
+  const Findings findings = examine(options.models.front(), options);
+  if (options.json) {
+    printJson(jsonOf(findings, options));
+  } else {
+    printText(findings, options);
+  }
+  return statusOf(findings, options);
+}
+
+// One after another, or as a JSON array; those that cannot be read are left out.
+int checkSeveral(const Options& options) {
+  int status = kDone;
+  bool isFirst = true;
+  Json array = Json::array();
+  for (const std::string& name : options.models) {
+    try {
+      const Findings findings = examine(name, options);
+      status = std::max(status, statusOf(findings, options));
+      if (options.json) {
+        array.push_back(jsonOf(findings, options));
+        continue;
+      }
+      if (!isFirst) std::cout << "\n";
+      isFirst = false;
+      printText(findings, options);
+      std::cout.flush();  // what is said of the next one comes after it
+    } catch (const Failure& failure) {
+      printError(failure.what());
+      status = kRefused;
+    }
+  }
+  if (options.json) printJson(array);
+  return status;
+}
+
+void checkUsage(const Options& options) {
+  std::vector<std::string> inputs = options.models;
+  inputs.push_back(options.against);
+  refuseSecondStandardInput(inputs);
+  if (options.models.size() == 1) return;
+  if (options.digest) throw UsageError("--digest is of one MODEL");
+  if (!options.against.empty()) throw UsageError("--against compares one MODEL");
+}
+
+int run(const Options& options) {
+  checkUsage(options);
+  return options.models.size() == 1 ? checkOne(options) : checkSeveral(options);
 }
 
 }  // namespace
 
 void addCheckCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
-      ->required();
-  command.add_flag("--digest", options->digest, "Print a digest of each part of the model");
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("MODEL", options->models, "Models of either format; - is standard input").required();
+  command.addFlag("--digest", options->digest, "Print a digest of each part of the model");
   command
-      .add_option("--against", options->against,
-                  "Compare with digests that were printed earlier, as text or JSON")
-      ->check(notEmpty())
-      ->type_name("FILE");
-  command.add_flag("--strict", options->strict, "Fail when something is suspicious");
-  command.add_flag("--json", options->json, "Print JSON");
+      .add("--against", options->against,
+           "Compare with digests that were printed earlier, as text or JSON")
+      .check(notEmpty)
+      .type("FILE");
+  command.addFlag("--strict", options->strict, "Fail when something is suspicious");
+  command.addFlag("--json", options->json, "Print JSON");
   addLoadOptions(command, options->load);
 }
 

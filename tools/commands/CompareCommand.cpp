@@ -169,12 +169,12 @@ int run(const Options& options) {
 
 void addCompareCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("DIR1", options->a, "Folder with a trace, or with traces")->required();
-  command.add_option("DIR2", options->b, "The other folder")->required();
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("DIR1", options->a, "Folder with a trace, or with traces").required();
+  command.add("DIR2", options->b, "The other folder").required();
   addToleranceOption(command, options->tolerance);
-  command.add_flag("--common", options->commonOnly, "Leave out what only one of them has");
-  command.add_flag("--json", options->json, "Print JSON");
+  command.addFlag("--common", options->commonOnly, "Leave out what only one of them has");
+  command.addFlag("--json", options->json, "Print JSON");
 }
 
 }  // namespace mlnn

@@ -19,7 +19,7 @@ CommandHelp help() {
   help.name = "convert";
   help.summary = "Writes a model as text, as a binary image, or as an image in a C source";
   help.details =
-      "Where neither --to nor the name of OUT tells the format, it is the other one than IN has.\n"
+      "Where OUT has no ending and --to is not given, the format is the other one than IN has.\n"
       "\n"
       "The two formats do not hold the same things. What OUT cannot hold is named on standard\n"
       "error before anything is written. What can be kept in another form is: in a text, the\n"
@@ -30,12 +30,13 @@ CommandHelp help() {
       "\n"
       "A C source holds the image as an array, for devices without a file system: see\n"
       "examples/rom. The array of words.c is called words_image, its length in bytes\n"
-      "words_image_length. No command reads it back, so it may not replace IN.";
+      "words_image_length; --symbol gives another name. No command reads it back, so it may not "
+      "replace IN.";
   help.examples =
       "mlnn convert model.txt model.mlnn\n"
       "mlnn convert --strict model.mlnn model.txt\n"
       "mlnn convert --to ascii --precision 6 model.mlnn - | less\n"
-      "mlnn convert --to c-array model.mlnn model.c";
+      "mlnn convert --symbol digits model.mlnn model.c";
   help.exitStatus =
       "0  done\n"
       "1  IN does not load, OUT cannot be written, or --strict and something would be lost;\n"
@@ -49,6 +50,8 @@ ModelFormat otherThan(ModelFormat format) {
 }
 
 int run(const Options& options) {
+  refuseUnknownEnding(options.out, options.save);
+  refuseStrangeSymbol(options.out, options.save);
   refuseLossOfModels({options.in}, options.out, options.save);
   ModelFile file = loadModel(options.in, options.load);
   const ModelFormat format = formatToSave(options.out, options.save, otherThan(file.format));
@@ -60,10 +63,13 @@ int run(const Options& options) {
 
 void addConvertCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("IN", options->in, "Model of either format; - is standard input")->required();
-  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("IN", options->in, "Model of either format; - is standard input").required();
+  command.add("OUT", options->out, "File to write; - is standard output").required();
   addSaveOptions(command, options->save);
+  command.add("--symbol", options->save.symbol, "Name of the array in a C source")
+      .check(notEmpty)
+      .type("NAME");
   addLoadOptions(command, options->load);
 }
 

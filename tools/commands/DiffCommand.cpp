@@ -89,18 +89,18 @@ int run(const Options& options) {
 
 void addDiffCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("A", options->a, "Model of either format; - is standard input")->required();
-  command.add_option("B", options->b, "The other model")->required();
-  CLI::Option* frames =
-      command.add_option("--frames", options->frames, "Recordings to compare the behaviour over")
-          ->type_name("FRAMES");
-  command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
-      ->needs(frames);
-  addToleranceOption(command, options->tolerance)->needs(frames);
-  CLI::Option* json = command.add_flag("--json", options->json, "Print JSON");
-  command.add_flag("-q,--quiet", options->quiet, "Print nothing; the exit status tells")
-      ->excludes(json);
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("A", options->a, "Model of either format; - is standard input").required();
+  command.add("B", options->b, "The other model").required();
+  const Option frames =
+      command.add("--frames", options->frames, "Recordings to compare the behaviour over")
+          .type("FRAMES");
+  command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
+      .needs(frames);
+  addToleranceOption(command, options->tolerance).needs(frames);
+  const Option json = command.addFlag("--json", options->json, "Print JSON");
+  command.addFlag("-q,--quiet", options->quiet, "Print nothing; the exit status tells")
+      .excludes(json);
   addLoadOptions(command, options->load);
 }
 

@@ -168,6 +168,13 @@ void refuseStrangeScale(const Options& options) {
   throw UsageError("--scale: expected a finite number");
 }
 
+// An image has no place for it, so the edit would be lost.
+void refuseSoftmaxOffInImage(const Options& options, ModelFormat format) {
+  if (format != ModelFormat::kBinary || options.softmax.value_or(true)) return;
+  throw UsageError(
+      "--softmax off: an image does not hold it; write a text, or give it to `mlnn run`");
+}
+
 int run(const Options& options) {
   refuseStrangeScale(options);
   const std::vector<LayerActFn> layerActFns = layerActFnsOf(options);
@@ -175,6 +182,8 @@ int run(const Options& options) {
   for (const std::string& note : options.notes) checkNote(note);
   refuseLossOfModels({options.in}, options.out, options.save);
   ModelFile file = load(options);
+  const ModelFormat format = formatToSave(options.out, options.save, file.format);
+  refuseSoftmaxOffInImage(options, format);
   MultiLayerNNModel& model = file.model;
   deleteLayers(model, options.deleteLayers);
   addLayer(model, options);
@@ -187,7 +196,7 @@ int run(const Options& options) {
   for (const std::string& key : options.unset) unsetProperty(model, key);
   for (const Assignment& property : assignments) model.props[property.key] = property.value;
   for (const std::string& note : options.notes) model.notes.lines.push_back(note);
-  saveModel(model, options.out, formatToSave(options.out, options.save, file.format), options.save);
+  saveModel(model, options.out, format, options.save);
   return kDone;
 }
 
@@ -195,31 +204,26 @@ int run(const Options& options) {
 
 void addEditCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("IN", options->in, "Model of either format; - is standard input")->required();
-  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("IN", options->in, "Model of either format; - is standard input").required();
+  command.add("OUT", options->out, "File to write; - is standard output").required();
   const auto repeated = [&command](const std::string& name, std::vector<std::string>& values,
                                    const std::string& description, const std::string& type) {
-    command.add_option(name, values, description + "; may be repeated")
-        ->allow_extra_args(false)
-        ->type_name(type);
+    command.add(name, values, description + "; may be repeated").oneValueEach().type(type);
   };
-  command
-      .add_option("--delete-layers", options->deleteLayers, "Delete N layers from the output end")
-      ->type_name("N");
-  CLI::Option* add = command
-                         .add_option("--add-layer", options->addLayer,
-                                     "Add a layer with random weights at the output end")
-                         ->check(CLI::PositiveNumber)
-                         ->type_name("OUTPUTS");
-  addScaleOption(command, "--init-scale", options->init)->needs(add);
-  addSeedOption(command, options->init)->needs(add);
-  command.add_flag("--batch-norm", options->batchNorm, "The added layer is a batch-norm layer")
-      ->needs(add);
-  CLI::Option* zero = command.add_flag("--zero", options->zero, "Set all parameters to 0");
-  command.add_option("--scale", options->scale, "Multiply all parameters by F")
-      ->excludes(zero)
-      ->type_name("F");
+  command.add("--delete-layers", options->deleteLayers, "Delete N layers from the output end")
+      .type("N");
+  const Option add = command
+                         .add("--add-layer", options->addLayer,
+                              "Add a layer with random weights at the output end")
+                         .aboveZero()
+                         .type("OUTPUTS");
+  addScaleOption(command, "--init-scale", options->init).needs(add);
+  addSeedOption(command, options->init).needs(add);
+  command.addFlag("--batch-norm", options->batchNorm, "The added layer is a batch-norm layer")
+      .needs(add);
+  const Option zero = command.addFlag("--zero", options->zero, "Set all parameters to 0");
+  command.add("--scale", options->scale, "Multiply all parameters by F").excludes(zero).type("F");
   addOnOffOption(command, "--softmax", options->softmax, "Switch the softmax over the outputs");
   addActFnOption(command, "--act-fn", options->actFn, "Activation of all hidden layers");
   repeated("--act-fn-layer", options->layerActFns, "Activation of layer K", "K=NAME");
@@ -227,7 +231,7 @@ void addEditCommand(Tool& tool) {
   repeated("--set", options->set, "Set a property", "KEY=VALUE");
   repeated("--note", options->notes, "Add a note line", "TEXT");
   addSaveOptions(command, options->save);
-  command.add_flag("-v,--verbose", options->verbose, "Show what the reader says while it reads");
+  command.addFlag("-v,--verbose", options->verbose, "Show what the reader says while it reads");
 }
 
 }  // namespace mlnn

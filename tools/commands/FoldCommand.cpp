@@ -185,16 +185,15 @@ int run(const Options& options) {
 
 void addFoldCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("IN", options->in, "Model of either format; - is standard input")->required();
-  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
-  CLI::Option* frames =
-      command.add_option("--prove", options->frames, "Recordings to run both models on")
-          ->type_name("FRAMES");
-  addToleranceOption(command, options->tolerance)->needs(frames);
-  command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
-      ->needs(frames);
-  command.add_flag("--json", options->json, "Print the proof as JSON")->needs(frames);
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("IN", options->in, "Model of either format; - is standard input").required();
+  command.add("OUT", options->out, "File to write; - is standard output").required();
+  const Option frames =
+      command.add("--prove", options->frames, "Recordings to run both models on").type("FRAMES");
+  addToleranceOption(command, options->tolerance).needs(frames);
+  command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
+      .needs(frames);
+  command.addFlag("--json", options->json, "Print the proof as JSON").needs(frames);
   addSaveOptions(command, options->save);
   addLoadOptions(command, options->load);
 }

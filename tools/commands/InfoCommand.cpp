@@ -5,6 +5,8 @@
 #include "analysis/WeightForms.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
+#include "tools/Failure.h"
+#include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
@@ -15,7 +17,7 @@ namespace mlnn {
 namespace {
 
 struct Options {
-  std::string model;
+  std::vector<std::string> models;
   bool json = false;
   LoadOptions load;
 };
@@ -28,6 +30,8 @@ CommandHelp help() {
       "Text from the file is shown with control characters escaped. Activations are those that\n"
       "the other commands work with: see --act-fn.\n"
       "\n"
+      "Several models are told of one after another, with --json as an array.\n"
+      "\n"
       "In an image, weights that take few different values, as after `mlnn reduce`, are stored as\n"
       "a table and a byte or half a byte for each; the last column says how those of a layer are,\n"
       "or would be.";
@@ -36,7 +40,7 @@ CommandHelp help() {
       "mlnn info --json model.mlnn | jq .layers";
   help.exitStatus =
       "0  done\n"
-      "1  the model does not load\n"
+      "1  a model does not load; the others are told of all the same\n"
       "2  wrong usage";
   return help;
 }
@@ -129,7 +133,7 @@ Json headJson(const ModelFile& file) {
 
 // Bytes that are not UTF-8, which JSON cannot hold, become U+FFFD; numbers that are not
 // finite become null.
-void printJson(const ModelFile& file) {
+Json jsonOf(const ModelFile& file) {
   const MultiLayerNNModel& model = file.model;
   Json json = headJson(file);
   json["inputs"] = model.numInputs();
@@ -146,7 +150,7 @@ void printJson(const ModelFile& file) {
   json["notes"] = model.notes.lines;
   json["loss"] = model.loss;
   json["accuracy"] = model.accuracy;
-  mlnn::printJson(json);
+  return json;
 }
 
 // --- Text ---
@@ -224,24 +228,53 @@ void printText(const ModelFile& file) {
   for (const std::string& note : model.notes.lines) std::cout << "  " << shortened(note) << "\n";
 }
 
-int run(const Options& options) {
-  const ModelFile file = loadModel(options.model, options.load);
+int showOne(const Options& options) {
+  const ModelFile file = loadModel(options.models.front(), options.load);
   if (options.json) {
-    printJson(file);
+    printJson(jsonOf(file));
   } else {
     printText(file);
   }
   return kDone;
 }
 
+// One after another, or as a JSON array; those that do not load are left out.
+int showSeveral(const Options& options) {
+  int status = kDone;
+  bool isFirst = true;
+  Json array = Json::array();
+  for (const std::string& name : options.models) {
+    try {
+      const ModelFile file = loadModel(name, options.load);
+      if (options.json) {
+        array.push_back(jsonOf(file));
+        continue;
+      }
+      if (!isFirst) std::cout << "\n";
+      isFirst = false;
+      printText(file);
+      std::cout.flush();  // what is said of the next one comes after it
+    } catch (const Failure& failure) {
+      printError(failure.what());
+      status = kRefused;
+    }
+  }
+  if (options.json) printJson(array);
+  return status;
+}
+
+int run(const Options& options) {
+  refuseSecondStandardInput(options.models);
+  return options.models.size() == 1 ? showOne(options) : showSeveral(options);
+}
+
 }  // namespace
 
 void addInfoCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
-      ->required();
-  command.add_flag("--json", options->json, "Print JSON, with all values and whole texts");
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("MODEL", options->models, "Models of either format; - is standard input").required();
+  command.addFlag("--json", options->json, "Print JSON, with all values and whole texts");
   addLoadOptions(command, options->load);
 }
 

@@ -17,7 +17,7 @@ std::string activationNames() {
   return names;
 }
 
-// What CLI11 asks of a check: the reason against a value, or "".
+// What a check returns: the reason against a value, or "".
 std::string whyNoActFn(const std::string& name) {
   ActFn::ActFn actFn;
   if (ActFn::stringToActFn(name, actFn) == 0) return "";
@@ -26,29 +26,29 @@ std::string whyNoActFn(const std::string& name) {
 
 std::string whyNoScale(const std::string& text) {
   float value = 0;
-  const bool isNumber = CLI::detail::lexical_cast(text, value);
+  const bool isNumber = readNumber(text, value);
   if (isNumber && std::isfinite(value) && value > 0) return "";
   return "expected a number above 0 but found " + inQuotes(text);
 }
 
 }  // namespace
 
-CLI::Option* addScaleOption(CLI::App& command, const std::string& name, RandomInit& init) {
-  return command.add_option(name, init.scale, "Standard deviation of the random weights")
-      ->check(CLI::Validator(whyNoScale, ""))
-      ->type_name("S")
-      ->capture_default_str();
+Option addScaleOption(CommandLine& command, const std::string& name, RandomInit& init) {
+  return command.add(name, init.scale, "Standard deviation of the random weights")
+      .check(whyNoScale)
+      .type("S")
+      .showDefault();
 }
 
-CLI::Option* addSeedOption(CLI::App& command, RandomInit& init) {
-  return command.add_option("--seed", init.seed, "Seed of the random weights")->type_name("N");
+Option addSeedOption(CommandLine& command, RandomInit& init) {
+  return command.add("--seed", init.seed, "Seed of the random weights").type("N");
 }
 
-CLI::Option* addActFnOption(CLI::App& command, const std::string& option, std::string& name,
-                            const std::string& description) {
-  return command.add_option(option, name, description + ": " + activationNames())
-      ->check(CLI::Validator(whyNoActFn, ""))
-      ->type_name("NAME");
+Option addActFnOption(CommandLine& command, const std::string& option, std::string& name,
+                      const std::string& description) {
+  return command.add(option, name, description + ": " + activationNames())
+      .check(whyNoActFn)
+      .type("NAME");
 }
 
 void applySeed(const RandomInit& init) {

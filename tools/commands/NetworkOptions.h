@@ -1,13 +1,13 @@
 // Options of the commands that make networks or change them.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "layers/ActFn.h"
 #include "model/MultiLayerNNModel.h"
+#include "tools/shell/CommandLine.h"
 
 namespace mlnn {
 
@@ -18,19 +18,19 @@ struct RandomInit {
 };
 
 // Declares options on a command and returns them.
-CLI::Option* addScaleOption(CLI::App& command, const std::string& name, RandomInit& init);
-CLI::Option* addSeedOption(CLI::App& command, RandomInit& init);
-CLI::Option* addActFnOption(CLI::App& command, const std::string& option, std::string& name,
-                            const std::string& description);
+Option addScaleOption(CommandLine& command, const std::string& name, RandomInit& init);
+Option addSeedOption(CommandLine& command, RandomInit& init);
+Option addActFnOption(CommandLine& command, const std::string& option, std::string& name,
+                      const std::string& description);
 // `on` is a bool, or an optional one, which has no value without the option.
 template <typename Bool>
-CLI::Option* addOnOffOption(CLI::App& command, const std::string& option, Bool& on,
-                            const std::string& description) {
+Option addOnOffOption(CommandLine& command, const std::string& option, Bool& on,
+                      const std::string& description) {
   return command
-      .add_option_function<std::string>(
+      .addFunction(
           option, [&on](const std::string& word) { on = word == "on"; }, description)
-      ->check(CLI::IsMember({"on", "off"}))
-      ->type_name("on|off");
+      .oneOf({"on", "off"})
+      .type("on|off");
 }
 
 // Restarts the random source, where a seed is given.

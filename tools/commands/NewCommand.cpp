@@ -111,19 +111,19 @@ int run(const Options& options) {
 
 void addNewCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("SIZES", options->sizes, "As in 360,512,512,40")->required();
-  command.add_option("OUT", options->out, "File to write; - is standard output")->required();
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("SIZES", options->sizes, "As in 360,512,512,40").required();
+  command.add("OUT", options->out, "File to write; - is standard output").required();
   addActFnOption(command, "--act-fn", options->actFn, "Activation of the hidden layers")
-      ->capture_default_str();
+      .showDefault();
   addOnOffOption(command, "--softmax", options->softmax, "Softmax over the outputs (default: on)");
-  command.add_option("--features", options->features, "What the inputs are made of")
-      ->check(notEmpty())
-      ->type_name("TEXT");
-  command.add_flag("--batch-norm", options->batchNorm, "Make batch-norm layers");
-  CLI::Option* zero = command.add_flag("--zero", options->zero, "All parameters are 0");
-  addScaleOption(command, "--scale", options->init)->excludes(zero);
-  addSeedOption(command, options->init)->excludes(zero);
+  command.add("--features", options->features, "What the inputs are made of")
+      .check(notEmpty)
+      .type("TEXT");
+  command.addFlag("--batch-norm", options->batchNorm, "Make batch-norm layers");
+  const Option zero = command.addFlag("--zero", options->zero, "All parameters are 0");
+  addScaleOption(command, "--scale", options->init).excludes(zero);
+  addSeedOption(command, options->init).excludes(zero);
   addSaveOptions(command, options->save);
 }
 

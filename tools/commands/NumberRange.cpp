@@ -26,13 +26,11 @@ std::string describe(double smallest, double largest) {
 
 }  // namespace
 
-CLI::Validator numberRange(double smallest, double largest) {
-  return CLI::Validator(
-      [smallest, largest](const std::string& text) {
-        if (isInRange(text, smallest, largest)) return std::string();
-        return "expected " + describe(smallest, largest) + ", found " + inQuotes(text);
-      },
-      "");
+ValueCheck numberRange(double smallest, double largest) {
+  return [smallest, largest](const std::string& text) {
+    if (isInRange(text, smallest, largest)) return std::string();
+    return "expected " + describe(smallest, largest) + ", found " + inQuotes(text);
+  };
 }
 
 }  // namespace mlnn

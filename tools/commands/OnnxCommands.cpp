@@ -51,11 +51,11 @@ int runPython(const std::string& python, const std::vector<std::string>& command
                 "; ONNX is read and written by the Python package mlnn");
 }
 
-void addPythonOption(CLI::App& command, Options& options) {
-  command.add_option("--python", options.python, "Python interpreter that has the package mlnn")
-      ->envname("MLNN_PYTHON")
-      ->type_name("PROGRAM")
-      ->capture_default_str();
+void addPythonOption(CommandLine& command, Options& options) {
+  command.add("--python", options.python, "Python interpreter that has the package mlnn")
+      .fromEnvironment("MLNN_PYTHON")
+      .type("PROGRAM")
+      .showDefault();
 }
 
 CommandHelp exportHelp() {
@@ -101,23 +101,20 @@ int runImport(const Options& options) {
 
 void addExportOnnxCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(exportHelp(), [options] { return runExport(*options); });
-  command.add_option("MODEL", options->in, "Model of either format")->required();
-  command.add_option("OUT", options->out, "ONNX file to write")->required();
-  command
-      .add_option("--act-fn", options->actFn,
-                  "Activation of the hidden layers whose file records none")
-      ->check(notEmpty())
-      ->type_name("NAME");
+  CommandLine command = tool.addCommand(exportHelp(), [options] { return runExport(*options); });
+  command.add("MODEL", options->in, "Model of either format").required();
+  command.add("OUT", options->out, "ONNX file to write").required();
+  command.add("--act-fn", options->actFn, "Activation of the hidden layers whose file records none")
+      .check(notEmpty)
+      .type("NAME");
   addPythonOption(command, *options);
 }
 
 void addImportOnnxCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(importHelp(), [options] { return runImport(*options); });
-  command.add_option("ONNX", options->in, "ONNX file to read")->required();
-  command.add_option("OUT", options->out, "Model to write: NAME.txt, NAME.mlnn or NAME.bin")
-      ->required();
+  CommandLine command = tool.addCommand(importHelp(), [options] { return runImport(*options); });
+  command.add("ONNX", options->in, "ONNX file to read").required();
+  command.add("OUT", options->out, "Model to write: NAME.txt, NAME.mlnn or NAME.bin").required();
   addPythonOption(command, *options);
 }
 

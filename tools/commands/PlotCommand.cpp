@@ -112,28 +112,27 @@ int run(const Options& options) {
 
 void addPlotCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
-      ->required();
-  CLI::Option* out =
-      command.add_option("-o,--out", options->out, "SVG file to write; - is standard output")
-          ->check(notEmpty())
-          ->type_name("FILE");
-  command.add_option("--bins", options->bins, "Bins of each histogram")
-      ->check(CLI::Range(std::size_t{1}, kMaxBins))
-      ->type_name("N")
-      ->capture_default_str();
-  command.add_option("--width", options->width, "Width of the sketch; as the terminal without it")
-      ->check(CLI::Range(kMinChartWidth, std::size_t{1000}))
-      ->type_name("N");
-  CLI::Option* ascii = command.add_flag("--ascii", options->ascii, "Sketch with ASCII characters");
-  CLI::Option* unicode =
-      command.add_flag("--unicode", options->unicode, "Sketch with block characters")
-          ->excludes(ascii);
-  command.add_flag("--json", options->json, "Print what there is to draw as JSON")
-      ->excludes(out)
-      ->excludes(ascii)
-      ->excludes(unicode);
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("MODEL", options->model, "Model of either format; - is standard input").required();
+  const Option out =
+      command.add("-o,--out", options->out, "SVG file to write; - is standard output")
+          .check(notEmpty)
+          .type("FILE");
+  command.add("--bins", options->bins, "Bins of each histogram")
+      .inRange(std::size_t{1}, kMaxBins)
+      .type("N")
+      .showDefault();
+  command.add("--width", options->width, "Width of the sketch; as the terminal without it")
+      .inRange(kMinChartWidth, std::size_t{1000})
+      .type("N");
+  const Option ascii = command.addFlag("--ascii", options->ascii, "Sketch with ASCII characters");
+  const Option unicode =
+      command.addFlag("--unicode", options->unicode, "Sketch with block characters")
+          .excludes(ascii);
+  command.addFlag("--json", options->json, "Print what there is to draw as JSON")
+      .excludes(out)
+      .excludes(ascii)
+      .excludes(unicode);
 }
 
 }  // namespace mlnn

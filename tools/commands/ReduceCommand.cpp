@@ -204,30 +204,28 @@ int run(const Options& options) {
 
 void addReduceCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("IN", options->in, "Model of either format; - is standard input")->required();
-  command.add_option("OUT", options->out, "File to write with --bits; - is standard output");
-  command.add_option("--bits", options->bits, "Reduce to N bits and write OUT")
-      ->check(CLI::Range(0, kMaxBits))
-      ->type_name("N");
-  CLI::Option* sweep = command.add_option("--sweep", options->sweep, "Try each number of bits")
-                           ->check(notEmpty())
-                           ->type_name("FIRST..LAST");
-  command.add_option("--frames", options->frames, "Recordings to try them on")
-      ->needs(sweep)
-      ->type_name("FRAMES");
-  command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
-      ->needs(sweep);
-  command.add_option("--labels", options->labels, "What the recordings are")
-      ->needs(sweep)
-      ->check(notEmpty())
-      ->type_name("CSV");
-  command.add_option("--keep", options->keep, "Share of best classes that a width has to keep")
-      ->needs(sweep)
-      ->check(CLI::Range(0.0, 1.0))
-      ->type_name("SHARE")
-      ->capture_default_str();
-  command.add_flag("--json", options->json, "Print the table as JSON")->needs(sweep);
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("IN", options->in, "Model of either format; - is standard input").required();
+  command.add("OUT", options->out, "File to write with --bits; - is standard output");
+  command.add("--bits", options->bits, "Reduce to N bits and write OUT")
+      .inRange(0, kMaxBits)
+      .type("N");
+  const Option sweep = command.add("--sweep", options->sweep, "Try each number of bits")
+                           .check(notEmpty)
+                           .type("FIRST..LAST");
+  command.add("--frames", options->frames, "Recordings to try them on").needs(sweep).type("FRAMES");
+  command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
+      .needs(sweep);
+  command.add("--labels", options->labels, "What the recordings are")
+      .needs(sweep)
+      .check(notEmpty)
+      .type("CSV");
+  command.add("--keep", options->keep, "Share of best classes that a width has to keep")
+      .needs(sweep)
+      .inRange(0.0, 1.0)
+      .type("SHARE")
+      .showDefault();
+  command.addFlag("--json", options->json, "Print the table as JSON").needs(sweep);
   addSaveOptions(command, options->save);
   addLoadOptions(command, options->load);
 }

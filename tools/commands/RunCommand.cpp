@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "inference/RecordingInputs.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
+#include "tools/commands/NetworkOptions.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
@@ -34,7 +36,8 @@ struct Options {
   std::string trace;
   bool stacked = false;
   bool json = false;
-  int bits = 0;  // of the weights; 0 for the model itself
+  int bits = 0;                 // of the weights; 0 for the model itself
+  std::optional<bool> softmax;  // as the model says without it
   LoadOptions load;
 };
 
@@ -70,6 +73,10 @@ CommandHelp help() {
       "\n"
       "DIR gets a file for each stage: inputs, layer-K-affine and layer-K (before and after the\n"
       "activation), outputs; see `mlnn compare`. For several FRAMES each has a folder in DIR.\n"
+      "\n"
+      "An image does not say whether a softmax goes over the outputs, and is taken to have one;\n"
+      "--softmax off says that there is none. It counts for this run, also where a text says\n"
+      "otherwise.\n"
       "\n"
       "With --bits the weights are held as codes of so many bits, and the results are those of\n"
       "`mlnn reduce` with as many.";
@@ -249,7 +256,7 @@ int run(const Options& options) {
   addTraces(options, jobs);
   refuseLossOfInputs(options, jobs);
   const bool needsModel = !options.trace.empty() || options.bits != 0;
-  RunnableModel model(options.model, options.load, needsModel);
+  RunnableModel model(options.model, options.load, needsModel, options.softmax);
   if (isIntoFolder(options)) makeFolder(options.out);
   return runJobs(jobs, options, model);
 }
@@ -258,22 +265,22 @@ int run(const Options& options) {
 
 void addRunCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = tool.addCommand(help(), [options] { return run(*options); });
-  command.add_option("MODEL", options->model, "Model of either format; - is standard input")
-      ->required();
-  command.add_option("FRAMES", options->frames, "Recordings; - is standard input")->required();
-  command.add_option("-o,--out", options->out, "File or folder for the outputs")
-      ->check(notEmpty())
-      ->type_name("OUT");
-  command
-      .add_option("--trace", options->trace, "Folder for what every layer computes, as .npy files")
-      ->check(notEmpty())
-      ->type_name("DIR");
-  command.add_flag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
-  command.add_flag("--json", options->json, "Print the classes as JSON");
-  command.add_option("--bits", options->bits, "Hold the weights as codes of so many bits")
-      ->check(CLI::Range(CodedFwdPass::kMinBits, CodedFwdPass::kMaxBits))
-      ->type_name("BITS");
+  CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
+  command.add("MODEL", options->model, "Model of either format; - is standard input").required();
+  command.add("FRAMES", options->frames, "Recordings; - is standard input").required();
+  command.add("-o,--out", options->out, "File or folder for the outputs")
+      .check(notEmpty)
+      .type("OUT");
+  command.add("--trace", options->trace, "Folder for what every layer computes, as .npy files")
+      .check(notEmpty)
+      .type("DIR");
+  command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
+  command.addFlag("--json", options->json, "Print the classes as JSON");
+  command.add("--bits", options->bits, "Hold the weights as codes of so many bits")
+      .inRange(CodedFwdPass::kMinBits, CodedFwdPass::kMaxBits)
+      .type("BITS");
+  addOnOffOption(command, "--softmax", options->softmax,
+                 "Whether a softmax goes over the outputs (default: as the model says)");
   addLoadOptions(command, options->load);
 }
 

@@ -4,12 +4,12 @@
 
 namespace mlnn {
 
-CLI::Option* addToleranceOption(CLI::App& command, double& tolerance) {
+Option addToleranceOption(CommandLine& command, double& tolerance) {
   return command
-      .add_option("--tolerance", tolerance, "Largest absolute difference that counts as the same")
-      ->check(numberRange(0))
-      ->type_name("T")
-      ->capture_default_str();
+      .add("--tolerance", tolerance, "Largest absolute difference that counts as the same")
+      .check(numberRange(0))
+      .type("T")
+      .showDefault();
 }
 
 }  // namespace mlnn

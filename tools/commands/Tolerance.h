@@ -1,7 +1,7 @@
 // The option --tolerance: how far apart two results may be that count as the same.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "tools/shell/CommandLine.h"
 
 namespace mlnn {
 
@@ -9,6 +9,6 @@ namespace mlnn {
 inline constexpr double kDefaultTolerance = 1e-4;
 
 // Declares --tolerance on a command: an absolute difference that is not negative.
-CLI::Option* addToleranceOption(CLI::App& command, double& tolerance);
+Option addToleranceOption(CommandLine& command, double& tolerance);
 
 }  // namespace mlnn

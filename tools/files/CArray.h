@@ -8,8 +8,13 @@
 namespace mlnn {
 
 // Returns the name of the array in a file of that name: what stands before the ending, with '_'
-// for whatever C names cannot hold, and "_image"; "model_image" for the standard output.
+// for whatever C names cannot hold, and "_image"; "model_image" for the standard output, and where
+// C names can hold nothing of it.
 std::string arrayName(const std::string& fileName);
+
+// Whether C and C++ take the name for a variable: letters of ASCII, digits and '_', none of the
+// words of either language, and not one that they keep for themselves ("__a", "_B").
+bool isCName(const std::string& name);
 
 // Writes a C and C++ source that defines `name`, an array of 32-bit words, so that an image lies
 // where its floats may, and `name`_length, its length in bytes.

@@ -39,13 +39,12 @@ std::string untoldReason(const ModelFile& file) {
 
 }  // namespace
 
-void addLoadOptions(CLI::App& command, LoadOptions& options) {
+void addLoadOptions(CommandLine& command, LoadOptions& options) {
   command
-      .add_option("--act-fn", options.hiddenActFn,
-                  "Activation of hidden layers whose file records none")
-      ->check(CLI::IsMember(activationNames()))
-      ->type_name("NAME");
-  command.add_flag("-v,--verbose", options.verbose, "Show what the reader says while it reads");
+      .add("--act-fn", options.hiddenActFn, "Activation of hidden layers whose file records none")
+      .oneOf(activationNames())
+      .type("NAME");
+  command.addFlag("-v,--verbose", options.verbose, "Show what the reader says while it reads");
 }
 
 void showMessages(const std::string& messages, bool verbose) {

@@ -1,10 +1,10 @@
 // loadModel — how every command reads a model.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 #include "model/ModelFile.h"
+#include "tools/shell/CommandLine.h"
 
 namespace mlnn {
 
@@ -21,7 +21,7 @@ struct LoadOptions {
 };
 
 // Declares --act-fn and --verbose on a command.
-void addLoadOptions(CLI::App& command, LoadOptions& options);
+void addLoadOptions(CommandLine& command, LoadOptions& options);
 
 // Reads a model of either format from a file, or from the standard input ("-").
 //

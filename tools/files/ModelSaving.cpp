@@ -4,9 +4,11 @@
 #include <locale>
 #include <ostream>
 
+#include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/ModelFit.h"
 #include "tools/files/CArray.h"
+#include "tools/files/InputFile.h"
 #include "tools/files/OutputFile.h"
 #include "tools/files/OwnInputs.h"
 
@@ -34,17 +36,17 @@ bool isCArray(const std::string& name, const SaveOptions& options) {
 
 }  // namespace
 
-void addSaveOptions(CLI::App& command, SaveOptions& options) {
+void addSaveOptions(CommandLine& command, SaveOptions& options) {
   command
-      .add_option("--to", options.format,
-                  "Format to write; without it the name tells (.txt, .mlnn, .bin, .c)")
-      ->check(CLI::IsMember({kTextFormatWord, kBinaryFormatWord, kCArrayFormatWord}))
-      ->type_name("ascii|binary|c-array");
-  command.add_option("--precision", options.precision, "Digits of the numbers in a text")
-      ->check(CLI::Range(1, 17))
-      ->type_name("N")
-      ->capture_default_str();
-  command.add_flag("--strict", options.strict, "Refuse to write a file that loses anything");
+      .add("--to", options.format,
+           "Format to write; without it the name tells (.txt, .mlnn, .bin, .c)")
+      .oneOf({kTextFormatWord, kBinaryFormatWord, kCArrayFormatWord})
+      .type("ascii|binary|c-array");
+  command.add("--precision", options.precision, "Digits of the numbers in a text")
+      .inRange(1, 17)
+      .type("N")
+      .showDefault();
+  command.addFlag("--strict", options.strict, "Refuse to write a file that loses anything");
 }
 
 ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
@@ -55,6 +57,25 @@ ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
   if (extension == ".txt") return ModelFormat::kText;
   if (extension == ".mlnn" || extension == ".bin") return ModelFormat::kBinary;
   return otherwise;
+}
+
+void refuseUnknownEnding(const std::string& name, const SaveOptions& options) {
+  if (name == kStandardStream || !options.format.empty()) return;
+  const std::string ending = std::filesystem::path(name).extension().string();
+  for (const char* known : {"", ".txt", ".mlnn", ".bin", ".c"}) {
+    if (ending == known) return;
+  }
+  throw UsageError("no format is known by the ending " + inQuotes(ending) + " of " +
+                   inQuotes(name) + "; name it: --to ascii, --to binary or --to c-array");
+}
+
+void refuseStrangeSymbol(const std::string& name, const SaveOptions& options) {
+  if (options.symbol.empty()) return;
+  if (!isCArray(name, options)) {
+    throw UsageError("--symbol names the array of a C source, and OUT is none");
+  }
+  if (isCName(options.symbol)) return;
+  throw UsageError("--symbol: " + inQuotes(options.symbol) + " is no name that C and C++ take");
 }
 
 void refuseLossOfModels(const std::vector<std::string>& models, const std::string& name,
@@ -85,7 +106,8 @@ void saveModel(MultiLayerNNModel& model, const std::string& name, ModelFormat fo
   for (const std::string& line : fit.done) printInfo(line);
   OutputFile file(name);
   if (isCArray(name, options)) {
-    writeCArray(imageOf(model), arrayName(name), file.stream());
+    writeCArray(imageOf(model), options.symbol.empty() ? arrayName(name) : options.symbol,
+                file.stream());
   } else {
     writeModel(model, format, options.precision, file.stream());
   }

@@ -1,13 +1,13 @@
 // Saving a model in either format, so that nothing is lost in silence.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <iosfwd>
 #include <string>
 #include <vector>
 
 #include "text/Numbers.h"
 #include "tools/files/ModelLoading.h"
+#include "tools/shell/CommandLine.h"
 
 namespace mlnn {
 
@@ -19,16 +19,26 @@ struct SaveOptions {
   std::string format;  // kTextFormatWord, kBinaryFormatWord, kCArrayFormatWord, or "" for by name
   int precision = kExactDigits;  // digits of the numbers in a text
   bool strict = false;           // refuse rather than lose anything
+  std::string symbol;            // name of the array in a C source; "" for one by the file's name
 };
 
 // Declares --to, --precision and --strict on a command.
-void addSaveOptions(CLI::App& command, SaveOptions& options);
+void addSaveOptions(CommandLine& command, SaveOptions& options);
 
 // Returns the format in which a file of that name is written: what the options say, else
 // what the name says (.txt is text, .mlnn and .bin are images, .c is a C source that holds an
 // image), else `otherwise`. A C source counts as an image.
 ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
                          ModelFormat otherwise);
+
+// Makes sure that the format of a file is known, where only its name can tell: one with an ending
+// has to have one of those above. Throws: UsageError.
+void refuseUnknownEnding(const std::string& name, const SaveOptions& options);
+
+// Makes sure that the name of the array, where one is given, is one that C takes, and that there is
+// an array.
+// Throws: UsageError.
+void refuseStrangeSymbol(const std::string& name, const SaveOptions& options);
 
 // Makes sure that a C source, which no command reads back, replaces none of the models that it is
 // made from. A model may take the place of the one that it is made from.

@@ -7,10 +7,16 @@
 namespace mlnn {
 
 // That --act-fn changes nothing in an image is said by those who load it.
-RunnableModel::RunnableModel(const std::string& name, const LoadOptions& options, bool needsModel) {
+RunnableModel::RunnableModel(const std::string& name, const LoadOptions& options, bool needsModel,
+                             std::optional<bool> softmax)
+    : imageHasSoftmax_(softmax.value_or(true)) {
   if (!needsModel && options.hiddenActFn.empty()) image_ = ImageFile::open(name, options.verbose);
-  if (image_) return;
+  if (image_) {
+    image_->pass().setSoftmax(imageHasSoftmax_);
+    return;
+  }
   file_ = loadModel(name, options);
+  if (softmax) file_.model.setSoftmax(*softmax);
   loadedPass_.reset(file_.model.createFwdPass());
 }
 
@@ -22,9 +28,9 @@ InputSide RunnableModel::inputSide() const {
   return {pass.featureDesc(), pass.deltasNorm(), pass.numInputs(), hasOutputs};
 }
 
-// An image has no properties, and its outputs go through a softmax.
+// An image has no properties.
 OutputSide RunnableModel::outputSide() const {
-  if (image_) return {classLabels(image_->pass().numOutputs()), true};
+  if (image_) return {classLabels(image_->pass().numOutputs()), imageHasSoftmax_};
   return {classLabels(file_.model), file_.model.useSoftmax};
 }
 

@@ -17,8 +17,10 @@ class RunnableModel {
  public:
   // Takes an image file as it is, unless `needsModel` is set or the options give an activation;
   // loads anything else.
+  // `softmax`, where given, counts instead of what the model says.
   // Throws: Failure when the model cannot be read.
-  RunnableModel(const std::string& name, const LoadOptions& options, bool needsModel);
+  RunnableModel(const std::string& name, const LoadOptions& options, bool needsModel,
+                std::optional<bool> softmax = std::nullopt);
 
   // What it takes, valid as long as this object; and what it gives.
   InputSide inputSide() const;
@@ -31,6 +33,7 @@ class RunnableModel {
 
  private:
   std::optional<ImageFile> image_;
+  bool imageHasSoftmax_ = true;
   ModelFile file_;  // where there is no image
   std::unique_ptr<FwdPass> loadedPass_;
 };

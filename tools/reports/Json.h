@@ -1,7 +1,6 @@
 // JSON as the tool's commands print it.
 #pragma once
 
-#include <iostream>
 #include <nlohmann/json.hpp>
 
 namespace mlnn {
@@ -11,8 +10,6 @@ using Json = nlohmann::ordered_json;
 
 // Prints JSON on the standard output, in ASCII. What it cannot hold is replaced: bytes that are
 // not UTF-8 become U+FFFD, numbers that are not finite null.
-inline void printJson(const Json& json) {
-  std::cout << json.dump(2, ' ', true, Json::error_handler_t::replace) << "\n";
-}
+void printJson(const Json& json);
 
 }  // namespace mlnn

@@ -1,5 +1,6 @@
 #include "tools/shell/CommandLineParts.h"
 
+#include <CLI/CLI.hpp>
 #include <sstream>
 
 namespace mlnn {

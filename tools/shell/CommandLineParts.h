@@ -1,9 +1,13 @@
 // What a CLI11 command line consists of, as its man page and completions need it.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace mlnn {
 

@@ -1,9 +1,12 @@
 // The man page and the shell completions, made from the commands' own help texts.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <iosfwd>
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace mlnn {
 

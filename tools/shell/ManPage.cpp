@@ -1,4 +1,5 @@
 // The man page: one section for each command, in the words of its help.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
 #include <ostream>

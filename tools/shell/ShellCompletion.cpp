@@ -1,4 +1,5 @@
 // The completions for bash and zsh.
+#include <CLI/CLI.hpp>
 #include <ostream>
 
 #include "tools/shell/CommandLineParts.h"

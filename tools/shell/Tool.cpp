@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <iostream>
 #include <new>
 #include <sstream>
@@ -50,35 +51,41 @@ class StandardOutput {
   std::streambuf* before_;
 };
 
-}  // namespace
-
-CLI::Validator notEmpty() {
-  const auto check = [](const std::string& value) {
-    return value.empty() ? std::string("expected a value but found ''") : std::string();
-  };
-  return CLI::Validator(check, "");  // its description would become part of the option's type
+// What should be a command and is none is said to be that, not just an argument too many.
+CLI::Error namedBetter(const CLI::App& app, const CLI::ExtrasError& error) {
+  const std::vector<std::string> extras = app.remaining();
+  const bool isOption = extras.empty() || extras.front().compare(0, 1, "-") == 0;
+  if (!app.get_subcommands().empty() || isOption) return error;
+  return {"ExtrasError", "There is no command '" + extras.front() + "'",
+          CLI::ExitCodes::ExtrasError};
 }
 
-Tool::Tool() : app_("Reads, runs, converts and examines neural-network models for mel features") {
-  app_.name("mlnn");
-  app_.set_version_flag("--version", "mlnn " MLNN_VERSION_STRING);
-  app_.require_subcommand(0, 1);            // a wrong one is to be named, not missed
-  app_.get_formatter()->label("TEXT", "");  // types that say nothing
-  app_.get_formatter()->label("REQUIRED", "");
-  app_.footer(
+}  // namespace
+
+Tool::Tool()
+    : app_(std::make_unique<CLI::App>(
+          "Reads, runs, converts and examines neural-network models for mel features")) {
+  app_->name("mlnn");
+  app_->set_version_flag("--version", "mlnn " MLNN_VERSION_STRING);
+  app_->require_subcommand(0, 1);            // a wrong one is to be named, not missed
+  app_->get_formatter()->label("TEXT", "");  // types that say nothing
+  app_->get_formatter()->label("REQUIRED", "");
+  app_->footer(
       "Each command has its own help: mlnn COMMAND --help\n\n"
       "EXIT STATUS\n" +
       indented(CommandHelp().exitStatus));
-  app_.failure_message([](const CLI::App*, const CLI::Error& error) {
+  app_->failure_message([](const CLI::App*, const CLI::Error& error) {
     return "ERROR: " + escaped(error.what()) + "\nRun with --help for more information.\n";
   });
 }
 
-CLI::App& Tool::addCommand(const CommandHelp& help, std::function<int()> run) {
-  CLI::App* parser = app_.add_subcommand(help.name, help.summary);
+Tool::~Tool() = default;
+
+CommandLine Tool::addCommand(const CommandHelp& help, std::function<int()> run) {
+  CLI::App* parser = app_->add_subcommand(help.name, help.summary);
   parser->footer(footerOf(help));
   commands_.push_back({parser, std::move(run), help.failureStatus});
-  return *parser;
+  return CommandLine(parser);
 }
 
 int Tool::run(int argc, const char* const* argv) {
@@ -91,24 +98,15 @@ int Tool::run(int argc, const char* const* argv) {
   return statusOf(work);
 }
 
-// What should be a command and is none is said to be that, not just an argument too many.
-CLI::Error Tool::namedBetter(const CLI::ExtrasError& error) const {
-  const std::vector<std::string> extras = app_.remaining();
-  const bool isOption = extras.empty() || extras.front().compare(0, 1, "-") == 0;
-  if (!app_.get_subcommands().empty() || isOption) return error;
-  return {"ExtrasError", "There is no command '" + extras.front() + "'",
-          CLI::ExitCodes::ExtrasError};
-}
-
 int Tool::parseAndRun(int argc, const char* const* argv) {
   try {
-    app_.parse(argc, argv);
-    if (app_.get_subcommands().empty()) throw CLI::RequiredError("A command");
+    app_->parse(argc, argv);
+    if (app_->get_subcommands().empty()) throw CLI::RequiredError("A command");
   } catch (const CLI::ExtrasError& error) {
-    app_.exit(namedBetter(error));
+    app_->exit(namedBetter(*app_, error));
     return kWrongUsage;
   } catch (const CLI::ParseError& error) {
-    return app_.exit(error) == 0 ? kDone : kWrongUsage;
+    return app_->exit(error) == 0 ? kDone : kWrongUsage;
   }
   for (const Command& command : commands_) {
     if (!command.parser->parsed()) continue;

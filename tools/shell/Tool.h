@@ -1,13 +1,13 @@
 // Tool — the command line of `mlnn`: its commands, their help, and what their failures mean.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/ExitStatus.h"
+#include "tools/shell/CommandLine.h"
 
 namespace mlnn {
 
@@ -24,27 +24,26 @@ struct CommandHelp {
   int failureStatus = kRefused;  // of a command that throws Failure
 };
 
-// Checks that an option has a value other than "", as an unset variable of a script would give;
-// it would count as not given.
-CLI::Validator notEmpty();
-
 class Tool {
  public:
   // A tool without commands, but with --help and --version.
   Tool();
+  ~Tool();
+  Tool(const Tool&) = delete;
+  Tool& operator=(const Tool&) = delete;
 
   // Adds a command. `run` is called when the command line names it and is well-formed; it
   // returns the exit status or throws Failure.
-  // Returns: the command's parser, to declare arguments and options on. What these write
-  // to must live as long as the tool, for example by being shared with `run`.
-  CLI::App& addCommand(const CommandHelp& help, std::function<int()> run);
+  // Returns: what to declare arguments and options on. What these write to must live as long as
+  // the tool, for example by being shared with `run`.
+  CommandLine addCommand(const CommandHelp& help, std::function<int()> run);
 
   // Runs the command that the command line names.
   // Returns: the exit status. No exception leaves it.
   int run(int argc, const char* const* argv);
 
   // The whole command line, for what is made from its help texts.
-  const CLI::App& app() const { return app_; }
+  const CLI::App& app() const { return *app_; }
 
  private:
   struct Command {
@@ -53,11 +52,10 @@ class Tool {
     int failureStatus;
   };
 
-  CLI::Error namedBetter(const CLI::ExtrasError& error) const;
   int parseAndRun(int argc, const char* const* argv);
   int statusOf(const std::function<int()>& work) const;
 
-  CLI::App app_;
+  std::unique_ptr<CLI::App> app_;
   std::vector<Command> commands_;
   int failureStatus_ = kRefused;  // of the command that runs
 };

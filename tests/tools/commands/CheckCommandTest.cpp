@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "tests/support/ByteImage.h"
 #include "tests/support/DigitsFolder.h"
@@ -293,6 +294,43 @@ TEST(CheckCommandTest, hasNothingAgainstTrainedModels) {
             "1 suspicion:\n"
             "  the feature description states no number of bands; the inputs have room for frames "
             "of 120 values\n");
+}
+
+// --- Several models ---
+
+TEST(CheckCommandTest, checksSeveralModelsOneAfterAnother) {
+  const TempFolder folder;
+  folder.write("sound", image());
+  folder.write("odd", kModel);
+  folder.write("broken", "MultiLayerNNModel_v2\nnonsense\n");
+  const auto check = [&folder](const std::vector<std::string>& arguments) {
+    std::vector<std::string> line = {"check"};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    return runTool(line, "", folder.path());
+  };
+  const std::string sound = check({"sound"}).out;
+  const std::string odd = check({"odd"}).out;
+  const std::string broken = check({"broken"}).out;
+  EXPECT_EQ(check({"sound", "odd"}).out, sound + "\n" + odd);
+  EXPECT_EQ(check({"sound", "odd"}).status, 0);
+  EXPECT_EQ(check({"--strict", "odd", "sound"}).status, 1);
+  const ToolResult all = check({"broken", "no", "sound"});
+  EXPECT_EQ(all.status, 1);
+  EXPECT_EQ(all.out, broken + "\n" + sound);
+  EXPECT_EQ(all.err, "ERROR: cannot read 'no': No such file or directory\n");
+  const Json array = Json::parse(check({"--json", "broken", "sound"}).out);
+  ASSERT_EQ(array.size(), 2u);
+  EXPECT_EQ(array[0], Json::parse(check({"--json", "broken"}).out));
+  EXPECT_EQ(array[1], Json::parse(check({"--json", "sound"}).out));
+}
+
+TEST(CheckCommandTest, digestsAreOfOneModel) {
+  const ToolResult digest = runTool({"check", "--digest", "a", "b"});
+  EXPECT_EQ(digest.status, 2);
+  EXPECT_EQ(digest.err, "ERROR: --digest is of one MODEL\n");
+  const ToolResult against = runTool({"check", "--against", "d", "a", "b"});
+  EXPECT_EQ(against.status, 2);
+  EXPECT_EQ(against.err, "ERROR: --against compares one MODEL\n");
 }
 
 }  // namespace

@@ -211,6 +211,66 @@ TEST(ConvertCommandTest, cArrayHoldsTheImageToTheByte) {
   EXPECT_EQ(built.out, contentOf(image));
 }
 
+TEST(ConvertCommandTest, cArrayTakesTheNameThatIsGiven) {
+  const TempFolder folder;
+  const std::vector<std::string> line = {"convert", sample("synth.txt")};
+  const auto convert = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), line.begin(), line.end());
+    return runTool(more, "", folder.path());
+  };
+  const std::string byFile = convert({"--to", "c-array", "-"}).out;
+  std::string expected = byFile;
+  for (std::size_t at; (at = expected.find("model_image")) != std::string::npos;) {
+    expected.replace(at, 11, "digits");
+  }
+  EXPECT_EQ(convert({"--symbol", "digits", "--to", "c-array", "-"}).out, expected);
+  EXPECT_EQ(convert({"--symbol", "digits", "a.c"}).status, 0);
+  EXPECT_EQ(contentOf(folder.path("a.c")), expected);
+}
+
+TEST(ConvertCommandTest, refusesANameThatNoArrayCanHave) {
+  const TempFolder folder;
+  folder.write("in.txt", contentOf(sample("synth.txt")));
+  const auto expectRefused = [&](const std::string& out, const std::string& symbol,
+                                 const std::string& message) {
+    const ToolResult result =
+        runTool({"convert", "in.txt", out, "--symbol", symbol}, "", folder.path());
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "ERROR: " + message + "\n");
+    EXPECT_EQ(folder.names(), Names{"in.txt"});
+  };
+  expectRefused("a.c", "int", "--symbol: 'int' is no name that C and C++ take");
+  expectRefused("a.c", "a[2]", "--symbol: 'a[2]' is no name that C and C++ take");
+  expectRefused("a.mlnn", "a", "--symbol names the array of a C source, and OUT is none");
+}
+
+// --- Formats by name ---
+
+TEST(ConvertCommandTest, refusesAnEndingThatTellsNoFormat) {
+  const TempFolder folder;
+  folder.write("in.txt", contentOf(sample("synth.txt")));
+  for (const std::string ending : {".onnx", ".h", ".json", ".TXT", "."}) {
+    const ToolResult result = runTool({"convert", "in.txt", "out" + ending}, "", folder.path());
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "ERROR: no format is known by the ending '" + ending + "' of 'out" +
+                              ending + "'; name it: --to ascii, --to binary or --to c-array\n");
+    EXPECT_EQ(folder.names(), Names{"in.txt"});
+  }
+  EXPECT_EQ(runTool({"convert", "in.txt", "out.h", "--to", "c-array"}, "", folder.path()).status,
+            0);
+  EXPECT_EQ(contentOf(folder.path("out.h")).substr(0, 2), "/*");
+}
+
+TEST(ConvertCommandTest, writesTheOtherFormatWhereThereIsNoEnding) {
+  const TempFolder folder;
+  folder.write("in.txt", contentOf(sample("synth.txt")));
+  EXPECT_EQ(runTool({"convert", "in.txt", "out"}, "", folder.path()).status, 0);
+  EXPECT_EQ(contentOf(folder.path("out")).substr(0, 4), "MLNN");
+}
+
+// --- What may not be lost ---
+
 // No command reads it back: the model would be lost.
 TEST(ConvertCommandTest, cArrayReplacesNoModelThatItIsMadeFrom) {
   const TempFolder folder;
@@ -240,8 +300,24 @@ TEST(CArray, nameIsTheFilesWithoutItsEnding) {
   EXPECT_EQ(mlnn::arrayName("digits.c"), "digits_image");
   EXPECT_EQ(mlnn::arrayName("/a.b/int.c"), "int_image");
   EXPECT_EQ(mlnn::arrayName("a/7 of-9.x.c"), "_7_of_9_x_image");
-  EXPECT_EQ(mlnn::arrayName("\xc3\xa4.c"), "___image");
+  EXPECT_EQ(mlnn::arrayName("gr\xc3\xbcn.c"), "gr__n_image");
   EXPECT_EQ(mlnn::arrayName("-"), "model_image");
+}
+
+TEST(CArray, nameIsPlainWhereNothingOfTheFilesCanStay) {
+  EXPECT_EQ(mlnn::arrayName("\xc3\xa4.c"), "model_image");
+  EXPECT_EQ(mlnn::arrayName("\xe8\xaa\x9e.c"), "model_image");
+  EXPECT_EQ(mlnn::arrayName("a/--.c"), "model_image");
+}
+
+TEST(CArray, knowsTheNamesThatCTakes) {
+  for (const char* name : {"a", "digits", "Digits_2", "_a", "_", "int_"}) {
+    EXPECT_TRUE(mlnn::isCName(name)) << name;
+  }
+  for (const char* name :
+       {"", "2a", "a b", "a-b", "a;", "\xc3\xa4", "__a", "_A", "int", "class", "main", "size_t"}) {
+    EXPECT_FALSE(mlnn::isCName(name)) << name;
+  }
 }
 
 }  // namespace

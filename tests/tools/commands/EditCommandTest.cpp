@@ -92,6 +92,29 @@ TEST_F(EditCommandTest, softmaxOnMakesTheOutputLinear) {
   EXPECT_EQ(edit({"--softmax", "on"}, "off.txt").out, head("") + layers("relu", "linear"));
 }
 
+TEST_F(EditCommandTest, anImageCannotHoldThatThereIsNoSoftmax) {
+  folder_.write("in.mlnn", "");
+  ASSERT_EQ(runTool({"convert", "in.txt", "in.mlnn"}, "", folder_.path()).status, 0);
+  const std::string image = contentOf(folder_.path("in.mlnn"));
+  const ToolResult result =
+      runTool({"edit", "in.mlnn", "in.mlnn", "--softmax", "off"}, "", folder_.path());
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "ERROR: --softmax off: an image does not hold it; write a text, or give it to "
+            "`mlnn run`\n");
+  EXPECT_EQ(contentOf(folder_.path("in.mlnn")), image);
+  EXPECT_EQ(runTool({"edit", "in.mlnn", "in.mlnn", "--softmax", "on"}, "", folder_.path()).status,
+            0);
+  EXPECT_EQ(contentOf(folder_.path("in.mlnn")), image);
+  ASSERT_EQ(runTool({"convert", "in.mlnn", "on.txt"}, "", folder_.path()).status, 0);
+  ASSERT_EQ(runTool({"edit", "in.mlnn", "off.txt", "--softmax", "off"}, "", folder_.path()).status,
+            0);
+  std::string expected = contentOf(folder_.path("on.txt"));
+  expected.replace(expected.find("softmax 1"), 9, "softmax 0");
+  EXPECT_EQ(contentOf(folder_.path("off.txt")), expected);
+}
+
 TEST_F(EditCommandTest, activationOfAllHiddenLayersOrOne) {
   expectResult({"--act-fn", "tanh"}, heading_ + layers("tanh", "linear"));
   expectResult({"--act-fn", "tanh", "--act-fn-layer", "1=silu"},

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "tests/support/ByteImage.h"
 #include "tests/support/TestModels.h"
@@ -139,6 +140,44 @@ TEST(InfoCommandTest, aModelThatDoesNotLoadIsAFailure) {
   EXPECT_EQ(result.err,
             "ERROR: MultiLayerNNModel: Could not read header\n"
             "ERROR: could not load the model standard input\n");
+}
+
+// --- Several models ---
+
+TEST(InfoCommandTest, tellsOfSeveralModelsOneAfterAnother) {
+  const mlnn::test::TempFolder folder;
+  folder.write("a.txt", kModel);
+  folder.write("b.txt", kModel);
+  const auto info = [&folder](const std::vector<std::string>& names) {
+    std::vector<std::string> line = {"info"};
+    line.insert(line.end(), names.begin(), names.end());
+    return runTool(line, "", folder.path());
+  };
+  const std::string a = info({"a.txt"}).out;
+  const std::string b = info({"b.txt"}).out;
+  const ToolResult both = info({"a.txt", "b.txt"});
+  EXPECT_EQ(both.status, 0);
+  EXPECT_EQ(both.err, "");
+  EXPECT_EQ(both.out, a + "\n" + b);
+  const Json array = Json::parse(info({"--json", "a.txt", "b.txt"}).out);
+  ASSERT_EQ(array.size(), 2u);
+  EXPECT_EQ(array[0], Json::parse(info({"--json", "a.txt"}).out));
+  EXPECT_EQ(array[1], Json::parse(info({"--json", "b.txt"}).out));
+}
+
+TEST(InfoCommandTest, goesOnAfterAModelThatDoesNotLoad) {
+  const mlnn::test::TempFolder folder;
+  folder.write("a.txt", kModel);
+  const std::string missing = "ERROR: cannot read 'no': No such file or directory\n";
+  const ToolResult text = runTool({"info", "no", "a.txt", "no"}, "", folder.path());
+  EXPECT_EQ(text.status, 1);
+  EXPECT_EQ(text.out, runTool({"info", "a.txt"}, "", folder.path()).out);
+  EXPECT_EQ(text.err, missing + missing);
+  const ToolResult json = runTool({"info", "--json", "no", "a.txt"}, "", folder.path());
+  EXPECT_EQ(json.status, 1);
+  EXPECT_EQ(Json::parse(json.out).size(), 1u);
+  EXPECT_EQ(json.err, missing);
+  EXPECT_EQ(runTool({"info", "-", "-"}, kModel).status, 2);
 }
 
 }  // namespace

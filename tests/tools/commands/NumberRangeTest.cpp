@@ -4,7 +4,9 @@
 
 namespace {
 
-std::string check(const CLI::Validator& validator, std::string text) { return validator(text); }
+std::string check(const mlnn::ValueCheck& validator, const std::string& text) {
+  return validator(text);
+}
 
 TEST(NumberRange, acceptsNumbersInTheRange) {
   for (const char* text : {"0", "-0", "0.5", "5e-1", "1", "1.0"}) {

@@ -352,6 +352,30 @@ TEST_F(RunCommandTest, imagesGiveTheSameBitsHoweverTheyAreRun) {
   }
 }
 
+// An image does not say so itself. However it is run: in place, loaded, as codes.
+TEST_F(RunCommandTest, anImageCanBeSaidToHaveNoSoftmax) {
+  ASSERT_EQ(runTool({"convert", "pair", "pair.mlnn"}, "", folder_.path()).status, 0);
+  const std::string asText = run({"pair", "frames.txt", "-o", "-"}).out;
+  EXPECT_EQ(asText, "1 1\n1 2\n2 3\n");
+  const std::vector<std::vector<std::string>> ways = {
+      {}, {"--act-fn", "relu"}, {"--trace", "traced"}, {"--bits", "8"}};
+  for (const std::vector<std::string>& way : ways) {
+    std::vector<std::string> line = {"pair.mlnn", "frames.txt", "-o", "-"};
+    line.insert(line.end(), way.begin(), way.end());
+    EXPECT_NE(run(line).out, asText);
+    line.insert(line.end(), {"--softmax", "off"});
+    EXPECT_EQ(run(line).out, asText);
+  }
+  EXPECT_EQ(run({"pair.mlnn", "frames.txt", "--softmax", "off"}).out,
+            run({"pair", "frames.txt"}).out);
+}
+
+TEST_F(RunCommandTest, softmaxCountsForTextsToo) {
+  EXPECT_EQ(run({"softmax", "-", "-o", "-", "--softmax", "off"}, "0 1\n").out, "0 1\n");
+  EXPECT_EQ(run({"pair", "-", "-o", "-", "--softmax", "on"}, "2 2\n").out, "0.5 0.5\n");
+  EXPECT_EQ(run({"pair", "-", "--softmax", "maybe"}, "2 2\n").status, 2);
+}
+
 TEST_F(RunCommandTest, imagesAreRefusedAsTheReaderRefusesThem) {
   ASSERT_EQ(runTool({"convert", "pair", "pair.mlnn"}, "", folder_.path()).status, 0);
   const std::string image = contentOf(folder_.path("pair.mlnn"));

@@ -1,6 +1,7 @@
 // The man page and the completions, as the build made them from the tool's help texts.
 #include <gtest/gtest.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -41,7 +42,7 @@ TEST(BashCompletionTest, completesCommands) {
 }
 
 TEST(BashCompletionTest, completesTheOptionsOfACommand) {
-  EXPECT_EQ(completed({"mlnn", "convert", "--s"}), "--strict\n");
+  EXPECT_EQ(completed({"mlnn", "convert", "--s"}), "--strict\n--symbol\n");
   EXPECT_EQ(completed({"mlnn", "convert", "in", "out", "--pr"}), "--precision\n");
 }
 
