@@ -6,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "inference/LayerStackPass.h"
+#include "inference/ImageLayers.h"
 #include "inference/ModelLayers.h"
 #include "layers/Crc32c.h"
 #include "layers/NNLayerRecord.h"
@@ -20,56 +20,12 @@ using Eigen::Index;
 
 constexpr char kEvaluate[] = "ImageFwdPass::evaluate";
 
-bool isAligned(const char* address) {
-  return reinterpret_cast<std::uintptr_t>(address) % alignof(float) == 0;
-}
-
-// The record of a layer that has none: it has no inputs and no outputs.
-LayerRecordView emptyRecord() {
-  static constexpr char kNothing[sizeof(float)] = {};
-  LayerRecordView record{};
-  record.plainWeights = kNothing;
-  return record;
-}
-
 }  // namespace
 
-// The layers of an image, for the walk through them.
-class ImageFwdPass::Layers final : public LayerSource {
- public:
-  void resize(std::size_t count) { records_.assign(count, emptyRecord()); }
-  LayerRecordView& record(std::size_t index) { return records_[index]; }
-
-  // Takes copies of the vectors that do not lie where a float may lie.
-  void prepare();
-
-  // Returns whether each layer takes what the one before it gives; else prints an error line.
-  bool fit() const;
-
-  void setSoftmax(bool on) { endsInSoftmax_ = on; }
-  int numInputs() const { return records_.empty() ? 0 : records_.front().head.cols; }
-  int numOutputs() const { return records_.empty() ? 0 : records_.back().head.rows; }
-
-  std::size_t count() const override { return records_.size(); }
-  LayerView layer(std::size_t index) const override { return views_[index]; }
-  bool endsInSoftmax() const override { return endsInSoftmax_; }
-  void unpack(std::size_t index, std::size_t first, std::size_t rows,
-              float* weights) const override;
-
- private:
-  const float* floatsAt(const char* values, int32_t count);
-
-  std::vector<LayerRecordView> records_;
-  std::vector<LayerView> views_;
-  std::vector<std::unique_ptr<float[]>> copies_;
-  bool endsInSoftmax_ = true;
-};
-
-const float* ImageFwdPass::Layers::floatsAt(const char* values, int32_t count) {
+const float* FloatsInPlace::at(const char* values, std::size_t count) {
   if (isAligned(values)) return reinterpret_cast<const float*>(values);
-  const auto length = static_cast<std::size_t>(count);
-  copies_.emplace_back(new float[length]);
-  std::memcpy(copies_.back().get(), values, length * sizeof(float));
+  copies_.emplace_back(new float[count]);
+  std::memcpy(copies_.back().get(), values, count * sizeof(float));
   return copies_.back().get();
 }
 
@@ -84,16 +40,16 @@ void ImageFwdPass::Layers::prepare() {
     view.actFn = static_cast<ActFn::ActFn>(head.actFn);
     const bool inPlace = record.plainWeights != nullptr && isAligned(record.plainWeights);
     view.weights = inPlace ? reinterpret_cast<const float*>(record.plainWeights) : nullptr;
-    view.scale = isBatchNorm ? floatsAt(record.gammaInf, head.rows) : nullptr;
-    view.shift = floatsAt(isBatchNorm ? record.betaInf : record.bias, head.rows);
+    view.scale = isBatchNorm ? vectors_.at(record.gammaInf, view.rows) : nullptr;
+    view.shift = vectors_.at(isBatchNorm ? record.betaInf : record.bias, view.rows);
     views_.push_back(view);
   }
 }
 
-bool ImageFwdPass::Layers::fit() const {
+bool ImageFwdPass::Layers::fit(const char* operation) const {
   for (std::size_t i = 1; i < records_.size(); ++i) {
     if (records_[i].head.cols == records_[i - 1].head.rows) continue;
-    report({"ERROR: ", kEvaluate, ": layer ", i + 1, " does not fit the model"});
+    report({"ERROR: ", operation, ": layer ", i + 1, " does not fit the model"});
     return false;
   }
   return true;
@@ -206,14 +162,14 @@ int ImageFwdPass::evaluateLayers(const Eigen::Ref<const Eigen::MatrixXf>& inputs
 }
 
 // Whether there are layers that take what those before them give; else prints an error line.
-bool ImageFwdPass::canEvaluate() const {
-  if (layers_ != nullptr && layers_->count() > 0) return layers_->fit();
-  report({"ERROR: ", kEvaluate, ": model has no layers"});
+bool ImageFwdPass::canEvaluate(const char* operation) const {
+  if (layers_ != nullptr && layers_->count() > 0) return layers_->fit(operation);
+  report({"ERROR: ", operation, ": model has no layers"});
   return false;
 }
 
 int ImageFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
-  if (!canEvaluate()) return 1;
+  if (!canEvaluate(kEvaluate)) return 1;
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
   evaluateStack(*layers_, inputs, outputs, memory_);
   return 0;
@@ -221,7 +177,7 @@ int ImageFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& 
 
 int ImageFwdPass::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
                       std::vector<LayerResult>* trace) {
-  if (!canEvaluate() || !inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
+  if (!canEvaluate(kEvaluate) || !inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
   evaluateStack(*layers_, inputs, outputs, memory_, trace);
   return 0;
 }

@@ -84,10 +84,11 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
                      std::vector<LayerResult>& layers);
 
  private:
+  friend class IntegerFwdPass;
   class Layers;
 
   int evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) override;
-  bool canEvaluate() const;
+  bool canEvaluate(const char* operation) const;
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<LayerResult>* trace);
 

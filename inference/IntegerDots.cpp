@@ -11,16 +11,31 @@
 
 #if HWY_ARCH_X86
 #include <immintrin.h>
-#elif HWY_ARCH_ARM
+#elif HWY_ARCH_ARM_A64
 #define MLNN_HAS_NEON 1
-#if HWY_ARCH_ARM_V7 && !defined(__ARM_NEON)
+#include <arm_neon.h>
+#define MLNN_PUSH_NEON
+#define MLNN_POP_NEON
+#elif HWY_ARCH_ARM_V7 && HWY_COMPILER_GCC && !HWY_COMPILER_CLANG
+// 32-bit ARM may be without NEON. Integers have no denormal values that it could lose.
+#define MLNN_HAS_NEON 1
 #pragma GCC push_options
 #pragma GCC target("fpu=neon")
 #include <arm_neon.h>
 #pragma GCC pop_options
-#else
-#include <arm_neon.h>
+#define MLNN_PUSH_NEON HWY_PUSH_ATTRIBUTES("fpu=neon")
+#define MLNN_POP_NEON HWY_POP_ATTRIBUTES
 #endif
+
+// Clang knows dot products only where the whole file may use them, g++ everywhere.
+#if HWY_ARCH_ARM_A64 && defined(__ARM_FEATURE_DOTPROD)
+#define MLNN_HAS_NEON_DOT_PRODUCTS 1
+#define MLNN_PUSH_DOT_PRODUCTS
+#define MLNN_POP_DOT_PRODUCTS
+#elif HWY_ARCH_ARM_A64 && HWY_COMPILER_GCC && !HWY_COMPILER_CLANG
+#define MLNN_HAS_NEON_DOT_PRODUCTS 1
+#define MLNN_PUSH_DOT_PRODUCTS HWY_PUSH_ATTRIBUTES("arch=armv8.2-a+dotprod")
+#define MLNN_POP_DOT_PRODUCTS HWY_POP_ATTRIBUTES
 #endif
 
 namespace mlnn {
@@ -28,6 +43,10 @@ namespace {
 
 // Where a library is built for size, several frames go through one by one.
 constexpr unsigned framesOf(unsigned best) { return kBuiltForSize ? 1 : best; }
+
+#if HWY_ARCH_ARM
+constexpr int kRegisters = HWY_ARCH_ARM_A64 ? 32 : 16;
+#endif
 
 std::size_t groupsOf(const RowCodesView& codes) {
   return static_cast<std::size_t>(rowCodeGroups(codes.cols));
@@ -341,6 +360,118 @@ HWY_POP_ATTRIBUTES
 
 #endif
 
+#if MLNN_HAS_NEON
+
+// --- ARM: products of 8-bit values, two of them added up in 16 bits ---
+
+MLNN_PUSH_NEON
+namespace neon {
+
+struct Vectors {
+  using Codes = int8x16_t;
+  using Inputs = int8x16_t;
+  struct Sums {  // two for each output
+    int32x4_t low;
+    int32x4_t high;
+  };
+  static constexpr int kParts = 4;
+  static constexpr bool kSigned = true;
+  static constexpr int kStep = 2;
+  static constexpr std::size_t kInputBytes = 4;
+  static constexpr int kFrames = framesOf(kRegisters >= 32 ? 4 : 2);
+  static constexpr int partsFor(int) { return 2; }
+  static constexpr int kLineParts = kRegisters >= 32 ? 4 : 2;
+  static constexpr int kLineChains = 1;
+
+  static HWY_INLINE Sums splat(int32_t value) { return {vdupq_n_s32(value), vdupq_n_s32(value)}; }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
+    if (bits == 8)
+      return vreinterpretq_s8_u8(veorq_u8(vld1q_u8(group + part * 16), vdupq_n_u8(128)));
+    const uint8x16_t v = vld1q_u8(group + part % 2 * 16);
+    const uint8x16_t code = part >= 2 ? vshrq_n_u8(v, 4) : vandq_u8(v, vdupq_n_u8(15));
+    return vreinterpretq_s8_u8(vsubq_u8(code, vdupq_n_u8(8)));
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return vreinterpretq_s8_s32(vdupq_n_s32(fourBytes(group)));
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    const int16x8_t low = vmull_s8(vget_low_s8(codes), vget_low_s8(x));
+    const int16x8_t high = vmull_s8(vget_high_s8(codes), vget_high_s8(x));
+    return {vpadalq_s16(sums.low, low), vpadalq_s16(sums.high, high)};
+  }
+  // 2 * 127 * 128 is within 16 bits.
+  static HWY_INLINE Sums dot(Sums sums, Codes a, Inputs x, Codes b, Inputs y) {
+    const int16x8_t low = vmull_s8(vget_low_s8(a), vget_low_s8(x));
+    const int16x8_t high = vmull_s8(vget_high_s8(a), vget_high_s8(x));
+    return {vpadalq_s16(sums.low, vmlal_s8(low, vget_low_s8(b), vget_low_s8(y))),
+            vpadalq_s16(sums.high, vmlal_s8(high, vget_high_s8(b), vget_high_s8(y)))};
+  }
+  static HWY_INLINE Sums add(Sums a, Sums b) {
+    return {vaddq_s32(a.low, b.low), vaddq_s32(a.high, b.high)};
+  }
+  static HWY_INLINE void store(Sums sums, int32_t* to) {
+    const int32x2_t low = vpadd_s32(vget_low_s32(sums.low), vget_high_s32(sums.low));
+    const int32x2_t high = vpadd_s32(vget_low_s32(sums.high), vget_high_s32(sums.high));
+    vst1q_s32(to, vcombine_s32(low, high));
+  }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotTile kTile = {4, Vectors::kFrames};
+constexpr DotKernels kDots = {"NEON", kTile, kTile, 1, stayAsTheyAre, dots};
+
+}  // namespace neon
+MLNN_POP_NEON
+
+#endif
+
+#if MLNN_HAS_NEON_DOT_PRODUCTS
+
+// --- ARM: products of four values of 8 bits ---
+
+MLNN_PUSH_DOT_PRODUCTS
+namespace neondot {
+
+struct Vectors {
+  using Codes = int8x16_t;
+  using Inputs = int8x16_t;
+  using Sums = int32x4_t;
+  static constexpr int kParts = 4;
+  static constexpr bool kSigned = true;
+  static constexpr int kStep = 1;
+  static constexpr std::size_t kInputBytes = 4;
+  static constexpr int kFrames = framesOf(kRegisters >= 32 ? 6 : 2);
+  static constexpr int partsFor(int) { return 4; }
+  static constexpr int kLineParts = 4;
+  static constexpr int kLineChains = kRegisters >= 32 ? 4 : 2;
+
+  static HWY_INLINE Sums splat(int32_t value) { return vdupq_n_s32(value); }
+  static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
+    if (bits == 8)
+      return vreinterpretq_s8_u8(veorq_u8(vld1q_u8(group + part * 16), vdupq_n_u8(128)));
+    const uint8x16_t v = vld1q_u8(group + part % 2 * 16);
+    const uint8x16_t code = part >= 2 ? vshrq_n_u8(v, 4) : vandq_u8(v, vdupq_n_u8(15));
+    return vreinterpretq_s8_u8(vsubq_u8(code, vdupq_n_u8(8)));
+  }
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return vreinterpretq_s8_s32(vdupq_n_s32(fourBytes(group)));
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) { return vdotq_s32(sums, codes, x); }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return vaddq_s32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) { vst1q_s32(to, sums); }
+};
+
+#include "inference/IntegerTiles-inl.h"
+
+constexpr DotTile kTile = {4, Vectors::kFrames};
+constexpr DotKernels kDots = {"NEON dot products", kTile, kTile, 1, stayAsTheyAre, dots};
+
+}  // namespace neondot
+MLNN_POP_DOT_PRODUCTS
+
+#endif
+
 // The kernels that this processor runs, the best first. Found without the heap, since that
 // happens within the first forward pass.
 struct Runnable {
@@ -360,6 +491,12 @@ Runnable findRunnable() {
 #ifdef __SSE2__
   found.add(sse2::kDots);
 #endif
+#endif
+#if MLNN_HAS_NEON_DOT_PRODUCTS
+  if (hasDotProducts()) found.add(neondot::kDots);
+#endif
+#if MLNN_HAS_NEON
+  if (hasNeon()) found.add(neon::kDots);
 #endif
   found.add(plain::kDots);
   return found;

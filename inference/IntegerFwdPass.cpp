@@ -1,7 +1,9 @@
 #include "inference/IntegerFwdPass.h"
 
 #include <utility>
+#include <vector>
 
+#include "inference/IntegerImageLayers.h"
 #include "inference/IntegerLayers.h"
 #include "inference/IntegerStackPass.h"
 #include "inference/ModelLayers.h"
@@ -10,6 +12,7 @@
 namespace mlnn {
 namespace {
 
+constexpr char kCreate[] = "IntegerFwdPass::create";
 constexpr char kEvaluate[] = "IntegerFwdPass::evaluate";
 
 IntegerKernels bestIntegerKernels() { return {bestDots(), bestUnfusedKernels()}; }
@@ -18,8 +21,20 @@ IntegerKernels bestIntegerKernels() { return {bestDots(), bestUnfusedKernels()};
 
 std::unique_ptr<IntegerFwdPass> IntegerFwdPass::create(const MultiLayerNNModel& model,
                                                        WideInputs wideInputs) {
-  if (!canBeEvaluated(model, "IntegerFwdPass::create")) return nullptr;
+  if (!canBeEvaluated(model, kCreate)) return nullptr;
   auto layers = std::make_shared<const IntegerLayers>(model, wideInputs);
+  return std::unique_ptr<IntegerFwdPass>(new IntegerFwdPass(std::move(layers)));
+}
+
+std::unique_ptr<IntegerFwdPass> IntegerFwdPass::create(const ImageFwdPass& image,
+                                                       WideInputs wideInputs) {
+  if (!image.canEvaluate(kCreate)) return nullptr;
+  std::vector<LayerRecordView> records;
+  for (std::size_t i = 0; i < image.layers_->count(); ++i) {
+    records.push_back(std::as_const(*image.layers_).record(i));
+  }
+  auto layers = std::make_shared<const IntegerImageLayers>(std::move(records), image.endsInSoftmax_,
+                                                           wideInputs, image.file_);
   return std::unique_ptr<IntegerFwdPass>(new IntegerFwdPass(std::move(layers)));
 }
 

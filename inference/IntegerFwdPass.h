@@ -13,6 +13,7 @@ class MultiLayerNNModel;
 
 namespace mlnn {
 
+class ImageFwdPass;
 class IntegerSource;
 struct IntegerMemory;
 
@@ -28,8 +29,8 @@ enum class WideInputs { kNone, kFirst, kAll };
 // The result for a frame is the same to the bit on every processor, with every number of frames and
 // threads. A frame with an input that is infinite or not a number gives NaN.
 //
-// Holds its own copy of what it needs; it does not follow later changes of the model, which may
-// even be gone. Weights take one byte each, or half a byte where all are within -7 to 7.
+// Of a model it holds its own copy of what it needs; it does not follow later changes of the model,
+// which may even be gone. Weights take one byte each, or half a byte where all are within -7 to 7.
 //
 // Thread-safety: one object serves one thread at a time; `another` makes one for another thread.
 class MLNN_EXPORT IntegerFwdPass : public FwdPass {
@@ -37,6 +38,14 @@ class MLNN_EXPORT IntegerFwdPass : public FwdPass {
   // Makes a forward pass. The model stays as it is.
   // Returns: null, after an error line, when the model has no layers or has one that does not fit.
   static std::unique_ptr<IntegerFwdPass> create(const MultiLayerNNModel& model,
+                                                WideInputs wideInputs = WideInputs::kNone);
+
+  // The same from an open image, whose codes and floats stay where they lie; layers that are codes
+  // by rows, but stand in another form there, are copied. Gives the bits of the image's model.
+  // Whether a softmax ends it is what `image` says now; later calls of `image` change nothing here.
+  // Lifetime: the image must stay where it is, and unchanged, while the pass or another one made
+  // from it is in use; where openFile mapped it, they keep the mapping. `image` itself may go.
+  static std::unique_ptr<IntegerFwdPass> create(const ImageFwdPass& image,
                                                 WideInputs wideInputs = WideInputs::kNone);
 
   // Makes a forward pass over the same weights, of which there is no copy.
@@ -56,7 +65,8 @@ class MLNN_EXPORT IntegerFwdPass : public FwdPass {
   // Returns the layers that are computed in integers.
   std::size_t numIntegerLayers() const;
 
-  // Returns the bytes of weights, scales and shifts that passes of one origin share.
+  // Returns the bytes of weights, scales and shifts that passes of one origin share; of an image,
+  // those of its records.
   std::size_t weightBytes() const;
 
   // Returns the bytes that it keeps besides them once it has evaluated up to `frames` frames a

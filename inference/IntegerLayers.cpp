@@ -35,6 +35,24 @@ class ArraySink final : public ByteSink {
 
 }  // namespace
 
+bool OwnRowCodes::find(const void* weights, std::size_t rows, std::size_t cols) {
+  if (cols > kMostDotInputs) return false;
+  std::optional<RowScales> found = findRowScales(weights, rows, cols);
+  if (!found) return false;
+  const auto length = static_cast<std::size_t>(rowCodesLength(rows, cols, found->bits));
+  codes_.resize(static_cast<Eigen::Index>(length));
+  adviseHugePages(codes_.data(), length);
+  ArraySink sink(codes_.data());
+  writeRowCodes(*found, weights, rows, cols, sink);
+  scales_ = std::move(found->values);
+  view_ = {rows, cols, found->bits, reinterpret_cast<const char*>(scales_.data()), codes_.data()};
+  return true;
+}
+
+std::size_t OwnRowCodes::bytes() const {
+  return scales_.size() * sizeof(float) + static_cast<std::size_t>(codes_.size());
+}
+
 IntegerLayer::IntegerLayer(const NNLayer& layer, bool takesWords)
     : rows_(static_cast<std::size_t>(layer.weights.rows())),
       cols_(static_cast<std::size_t>(layer.weights.cols())),
@@ -42,37 +60,23 @@ IntegerLayer::IntegerLayer(const NNLayer& layer, bool takesWords)
       takesWords_(takesWords),
       scale_(layer.isBatchNorm ? valuesOf(layer.gamma_inf) : std::vector<float>()),
       shift_(valuesOf(layer.isBatchNorm ? layer.beta_inf : layer.bias)) {
-  std::optional<RowScales> found;
-  if (cols_ <= kMostDotInputs) found = findRowScales(layer.weights.data(), rows_, cols_);
-  if (!found) {
-    weights_ = valuesOf(layer.weights);
-    return;
-  }
-  bits_ = found->bits;
-  const auto length = static_cast<std::size_t>(rowCodesLength(rows_, cols_, bits_));
-  codes_.resize(static_cast<Eigen::Index>(length));
-  adviseHugePages(codes_.data(), length);
-  ArraySink sink(codes_.data());
-  writeRowCodes(*found, layer.weights.data(), rows_, cols_, sink);
-  rowScales_ = std::move(found->values);
+  if (!codes_.find(layer.weights.data(), rows_, cols_)) weights_ = valuesOf(layer.weights);
 }
 
 IntegerLayerView IntegerLayer::view() const {
   IntegerLayerView view{};
   view.layer = {weights_.data(), rows_, cols_, scale_.empty() ? nullptr : scale_.data(),
                 shift_.data(),   actFn_};
-  if (bits_ == 0) return view;
+  if (codes_.view().codes == nullptr) return view;
   view.layer.weights = nullptr;
-  view.codes = {rows_, cols_, bits_, reinterpret_cast<const char*>(rowScales_.data()),
-                codes_.data()};
-  view.rowScales = rowScales_.data();
+  view.codes = codes_.view();
+  view.rowScales = codes_.scales();
   view.takesWords = takesWords_;
   return view;
 }
 
 std::size_t IntegerLayer::bytes() const {
-  const std::size_t floats = scale_.size() + shift_.size() + rowScales_.size() + weights_.size();
-  return floats * sizeof(float) + static_cast<std::size_t>(codes_.size());
+  return (scale_.size() + shift_.size() + weights_.size()) * sizeof(float) + codes_.bytes();
 }
 
 IntegerLayers::IntegerLayers(const MultiLayerNNModel& model, WideInputs wideInputs)

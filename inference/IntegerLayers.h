@@ -20,6 +20,26 @@ constexpr bool takesWords(WideInputs wideInputs, std::size_t index) {
   return wideInputs == WideInputs::kAll || (wideInputs == WideInputs::kFirst && index == 0);
 }
 
+// Scales and codes of a layer in memory of their own, from a cache line on.
+class OwnRowCodes {
+ public:
+  // Finds the codes of column-major weights at any address. Returns whether there are any, and sums
+  // of them do not overflow; else it stays as newly made.
+  bool find(const void* weights, std::size_t rows, std::size_t cols);
+
+  // Those of no layer where none were found.
+  const RowCodesView& view() const { return view_; }
+  const float* scales() const { return scales_.data(); }
+
+  // Returns the bytes of both arrays.
+  std::size_t bytes() const;
+
+ private:
+  RowCodesView view_;
+  std::vector<float> scales_;
+  Eigen::Matrix<uint8_t, Eigen::Dynamic, 1> codes_;
+};
+
 // Owns all of its arrays.
 class IntegerLayer {
  public:
@@ -40,12 +60,10 @@ class IntegerLayer {
   std::size_t cols_;
   ActFn::ActFn actFn_;
   bool takesWords_;
-  unsigned bits_ = 0;         // of codes; 0 where there are none
   std::vector<float> scale_;  // empty where there is none
   std::vector<float> shift_;
-  std::vector<float> rowScales_;
-  std::vector<float> weights_;                       // where there are no codes
-  Eigen::Matrix<uint8_t, Eigen::Dynamic, 1> codes_;  // from a cache line on
+  OwnRowCodes codes_;
+  std::vector<float> weights_;  // where there are no codes
 };
 
 class IntegerLayers final : public IntegerSource {

@@ -32,7 +32,7 @@ class IntegerSource {
   virtual IntegerLayerView layer(std::size_t index) const = 0;
   virtual bool endsInSoftmax() const = 0;
 
-  // Returns the bytes of memory that it takes for weights, scales and shifts.
+  // Returns the bytes of weights, scales and shifts.
   virtual std::size_t bytes() const = 0;
 
   // Writes the weights of `rows` outputs, from the output `first` on, of a layer whose view has

@@ -45,25 +45,33 @@ namespace mlnn {
   return hasAvx2() && __get_cpuid_count(7, 1, &eax, &ebx, &ecx, &edx) != 0 && (eax & kAvxVnni) != 0;
 }
 
-#elif HWY_ARCH_ARM_A64 && defined(__linux__)
+#elif HWY_ARCH_ARM_A64
+
+[[maybe_unused]] inline bool hasNeon() { return true; }
 
 // Products of four 8-bit values.
 [[maybe_unused]] inline bool hasDotProducts() {
+#if defined(__ARM_FEATURE_DOTPROD)
+  return true;
+#elif defined(__linux__)
   constexpr unsigned long kDotProducts = 1UL << 20;
   return (getauxval(AT_HWCAP) & kDotProducts) != 0;
+#else
+  return false;
+#endif
 }
 
-#elif HWY_ARCH_ARM_V7 && defined(__linux__)
+#elif HWY_ARCH_ARM_V7
 
 [[maybe_unused]] inline bool hasNeon() {
+#if defined(__ARM_NEON)
+  return true;
+#elif defined(__linux__)
   constexpr unsigned long kNeon = 1UL << 12;
   return (getauxval(AT_HWCAP) & kNeon) != 0;
-}
-
-// Products of four 8-bit values.
-[[maybe_unused]] inline bool hasDotProducts() {
-  constexpr unsigned long kDotProducts = 1UL << 24;
-  return hasNeon() && (getauxval(AT_HWCAP) & kDotProducts) != 0;
+#else
+  return false;
+#endif
 }
 
 #endif

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "inference/ImageFwdPass.h"
 #include "inference/IntegerFwdPass.h"
 #include "inference/IntegerLayers.h"
 #include "inference/IntegerStackPass.h"
@@ -422,6 +423,91 @@ TEST(IntegerFwdPass, refusesModelsAndInputsThatDoNotFit) {
 TEST(IntegerFwdPass, takesLayersWithoutInputsOrOutputs) {
   const MultiLayerNNModel model = modelOf({plainLayer(5, 0, 1), plainLayer(0, 3, 2)});
   expectPlainResults(model, WideInputs::kAll, someValues(5, 2, 3));
+}
+
+// --- From an image ---
+
+// The image of a model, from a place on that is `past` bytes beyond where a float may lie.
+std::vector<char> imageOf(MultiLayerNNModel& model, std::size_t past) {
+  model.deltasNorm.allocIfNeeded();
+  std::vector<char> image(past + static_cast<std::size_t>(model.binarySerializedLength()));
+  model.serializeBinary(image.data() + past);
+  return image;
+}
+
+std::unique_ptr<IntegerFwdPass> passOf(const std::vector<char>& bytes, std::size_t past,
+                                       WideInputs wideInputs) {
+  mlnn::ImageFwdPass image;
+  std::unique_ptr<IntegerFwdPass> pass;
+  stderrOf([&] { EXPECT_EQ(image.open(bytes.data() + past, bytes.size() - past), 0); });
+  EXPECT_EQ(stderrOf([&] { pass = IntegerFwdPass::create(image, wideInputs); }), "");
+  return pass;
+}
+
+// Layers of every form that an image has for weights: row scales of both widths, tables that are
+// codes by rows and such that are none, floats.
+MultiLayerNNModel modelOfAllForms() {
+  NNLayer table = plainLayer(64, 40, 6);
+  for (Index i = 0; i < table.weights.size(); ++i) {
+    table.weights.data()[i] = static_cast<float>(i % 11 - 5) * (i % 40 == 3 ? 24.0f : 0.5f);
+  }
+  NNLayer mixed = plainLayer(40, 50, 7);
+  for (Index i = 0; i < mixed.weights.size(); ++i) {
+    mixed.weights.data()[i] = std::exp(static_cast<float>(i % 13) - 6.0f);
+  }
+  MultiLayerNNModel model =
+      modelOf({rounded(plainLayer(90, 70, 1), ActFn::tanh),
+               rounded(batchNormLayer(70, 64, 2), ActFn::relu, 7), table, mixed,
+               plainLayer(50, 40, 3), rounded(plainLayer(40, 9, 5), ActFn::linear)});
+  model.useSoftmax = true;
+  return model;
+}
+
+TEST(IntegerFwdPassOfAnImage, givesTheBitsOfItsModelAtAnyAddress) {
+  MultiLayerNNModel model = modelOfAllForms();
+  const MatrixXf inputs = someValues(90, 20, 9);
+  for (const std::size_t past : {0, 1, 2, 3}) {
+    const std::vector<char> bytes = imageOf(model, past);
+    for (const WideInputs wideInputs : kWidths) {
+      const auto pass = passOf(bytes, past, wideInputs);
+      EXPECT_EQ(pass->numIntegerLayers(), passOf(model)->numIntegerLayers());
+      for (const Index frames : {1, 20}) {
+        MatrixXf outputs;
+        ASSERT_EQ(pass->evaluate(inputs.leftCols(frames), outputs), 0);
+        ASSERT_TRUE(
+            sameBits(outputs, plainIntegerPass(model, inputs.leftCols(frames), wideInputs)));
+      }
+    }
+  }
+}
+
+TEST(IntegerFwdPassOfAnImage, readsCodesWhereTheyLie) {
+  MultiLayerNNModel model = modelOf({rounded(plainLayer(200, 100, 1), ActFn::relu)});
+  const std::vector<char> bytes = imageOf(model, 0);
+  mlnn::ImageFwdPass image;
+  stderrOf([&] { ASSERT_EQ(image.open(bytes.data(), bytes.size()), 0); });
+  const AllocationWatch watch;
+  const auto pass = IntegerFwdPass::create(image);
+  EXPECT_LT(watch.peak(), 4096u);
+  EXPECT_EQ(pass->numIntegerLayers(), 1u);
+}
+
+TEST(IntegerFwdPassOfAnImage, takesItsSoftmaxAndRefusesWhatHasNoLayers) {
+  MultiLayerNNModel model = modelOf({rounded(plainLayer(20, 10, 1), ActFn::relu)});
+  model.useSoftmax = false;
+  const std::vector<char> bytes = imageOf(model, 0);
+  mlnn::ImageFwdPass image;
+  std::unique_ptr<IntegerFwdPass> pass;
+  EXPECT_EQ(stderrOf([&] { pass = IntegerFwdPass::create(image); }),
+            "ERROR: IntegerFwdPass::create: model has no layers\n");
+  EXPECT_EQ(pass, nullptr);
+  image.setSoftmax(false);
+  stderrOf([&] { ASSERT_EQ(image.open(bytes.data(), bytes.size()), 0); });
+  pass = IntegerFwdPass::create(image);
+  const MatrixXf inputs = someValues(20, 3, 9);
+  MatrixXf outputs;
+  ASSERT_EQ(pass->evaluate(inputs, outputs), 0);
+  EXPECT_TRUE(sameBits(outputs, plainIntegerPass(model, inputs)));
 }
 
 // --- Memory ---
