@@ -5,6 +5,8 @@
 #include <cstring>
 #include <limits>
 
+#include "layers/FilledColumns.h"
+
 namespace mlnn {
 namespace {
 
@@ -34,7 +36,7 @@ uint32_t ulpDistance(float a, float b) {
 
 void Difference::add(const Eigen::Ref<const Eigen::MatrixXf>& a,
                      const Eigen::Ref<const Eigen::MatrixXf>& b) {
-  for (Eigen::Index c = 0; c < a.cols(); ++c) {
+  for (Eigen::Index c = 0; c < filledColumns(a); ++c) {
     for (Eigen::Index r = 0; r < a.rows(); ++r) addValues(a(r, c), b(r, c), {pairs_, r, c});
   }
   ++pairs_;

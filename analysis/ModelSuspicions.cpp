@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "layers/FilledColumns.h"
 #include "model/LayerStack.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
@@ -235,7 +236,7 @@ void Finder::notFinite(const std::string& array, const Eigen::Ref<const Eigen::M
   std::size_t count = 0;
   Index row = values.rows();  // of the first one in the order in which a text has them
   Index column = 0;
-  for (Index c = 0; c < values.cols(); ++c) {
+  for (Index c = 0; c < filledColumns(values); ++c) {
     for (Index r = 0; r < values.rows(); ++r) {
       if (std::isfinite(values(r, c))) continue;
       ++count;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "layers/FilledColumns.h"
+
 namespace mlnn {
 namespace {
 
@@ -44,7 +46,7 @@ void compareArrays(const NNLayer& a, const NNLayer& b, LayerDifference& found) {
 }
 
 Eigen::MatrixXf effectiveWeights(const NNLayer& layer) {
-  if (!layer.isBatchNorm) return layer.weights;
+  if (!layer.isBatchNorm || filledColumns(layer.weights) == 0) return layer.weights;
   return layer.weights.array().colwise() * layer.gamma_inf.array();
 }
 

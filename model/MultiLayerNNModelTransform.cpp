@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "features/EigenAssign.h"
+#include "layers/FilledColumns.h"
 #include "layers/Report.h"
 #include "model/LayerStack.h"
 #include "model/MultiLayerNNModel.h"
@@ -19,10 +20,12 @@ void scaleRows(Eigen::MatrixXf& weights, const Eigen::VectorXf& factors) {
   if (weights.rows() != factors.size()) {
     const Index rows = std::min(weights.rows(), factors.size());
     Eigen::MatrixXf resized = Eigen::MatrixXf::Zero(factors.size(), weights.cols());
-    resized.topRows(rows) = weights.topRows(rows);
+    if (rows > 0) resized.topRows(rows) = weights.topRows(rows);
     weights.swap(resized);
   }
-  for (Index c = 0; c < weights.cols(); ++c) weights.col(c).array() *= factors.array();
+  for (Index c = 0; c < mlnn::filledColumns(weights); ++c) {
+    weights.col(c).array() *= factors.array();
+  }
 }
 
 void fold(NNLayer& layer) {

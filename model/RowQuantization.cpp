@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "features/EigenAssign.h"
+#include "layers/FilledColumns.h"
 #include "layers/Report.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -119,7 +120,7 @@ bool isPowerOfTwo(float value) {
 
 // Whether factor * weight is the float that it should be, for all rows.
 bool productsAreExact(const Eigen::VectorXf& factors, const Eigen::MatrixXf& weights) {
-  for (Index c = 0; c < weights.cols(); ++c) {
+  for (Index c = 0; c < filledColumns(weights); ++c) {
     for (Index r = 0; r < weights.rows(); ++r) {
       const double product = double{factors[r]} * double{weights(r, c)};
       if (std::fabs(product) > kMaxFloat) return false;
@@ -136,7 +137,7 @@ bool foldWhereExact(NNLayer& layer) {
   if (layer.beta_inf.size() != layer.weights.rows()) return false;
   if (!std::all_of(factors.begin(), factors.end(), isPowerOfTwo)) return false;
   if (!productsAreExact(factors, layer.weights)) return false;
-  for (Index c = 0; c < layer.weights.cols(); ++c) {
+  for (Index c = 0; c < filledColumns(layer.weights); ++c) {
     for (Index r = 0; r < layer.weights.rows(); ++r) {
       float& weight = layer.weights(r, c);
       weight = weight == 0 ? 0 : weight * factors[r];  // never -0
