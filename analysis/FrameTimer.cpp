@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "inference/NNFwdPassFromFile.h"
+#include "model/StackOutputs.h"
 #include "tools/Failure.h"
 #include "tools/reports/Progress.h"
 
@@ -27,6 +28,13 @@ double processorSeconds() {
   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
+// Makes sure that inputs take no more memory than the model's own file.
+// Throws: Failure.
+MultiLayerNNModel& withOutputs(MultiLayerNNModel& model) {
+  if (!model.layers.empty() && !hasOutputs(model.layers)) throw Failure(kNoOutputs);
+  return model;
+}
+
 // Some frames with values in 0..1, as normalised features have; the same ones every time.
 Eigen::MatrixXf randomFrames(Eigen::Index width) {
   constexpr Eigen::Index kFrames = 8;
@@ -41,7 +49,7 @@ Eigen::MatrixXf randomFrames(Eigen::Index width) {
 class Timer {
  public:
   explicit Timer(MultiLayerNNModel& model)
-      : pass_(model.createFwdPass()), frames_(randomFrames(model.numInputs())) {}
+      : pass_(withOutputs(model).createFwdPass()), frames_(randomFrames(model.numInputs())) {}
 
   // Evaluates `count` frames and returns the processor time that it took.
   double evaluate(std::size_t count) {

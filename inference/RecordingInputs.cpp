@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "features/FrameWidth.h"
+#include "model/StackOutputs.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 
@@ -60,15 +61,12 @@ ContextWindow makeWindow(const InputSide& network, int width, const std::string&
 int frameWidth(const MultiLayerNNModel& model) { return widthOfFrames(InputSide::of(model)); }
 
 InputSide InputSide::of(const MultiLayerNNModel& model) {
-  const bool hasOutputs = model.numOutputs() != 0 && model.layers.front()->weights.rows() != 0;
-  return {model.featureDesc, model.deltasNorm, model.numInputs(), hasOutputs};
+  return {model.featureDesc, model.deltasNorm, model.numInputs(), mlnn::hasOutputs(model.layers)};
 }
 
 Inputs Inputs::forFrames(const InputSide& network, Index width, bool stacked,
                          const std::string& what) {
-  if (!network.hasOutputs) {
-    throw Failure("the model has no outputs");
-  }
+  if (!network.hasOutputs) throw Failure(kNoOutputs);
   const int single = widthOfFrames(network);
   // The window is as long as a row of weights, so a file cannot ask for more memory with it
   // than it fills itself.

@@ -1,8 +1,7 @@
 #include "tools/files/RunnableModel.h"
 
-#include <vector>
-
 #include "inference/Evaluation.h"
+#include "model/StackOutputs.h"
 
 namespace mlnn {
 
@@ -23,9 +22,7 @@ RunnableModel::RunnableModel(const std::string& name, const LoadOptions& options
 InputSide RunnableModel::inputSide() const {
   if (!image_) return InputSide::of(file_.model);
   const ImageFwdPass& pass = image_->pass();
-  const std::vector<int> widths = pass.widths();
-  const bool hasOutputs = !widths.empty() && widths[1] != 0 && widths.back() != 0;
-  return {pass.featureDesc(), pass.deltasNorm(), pass.numInputs(), hasOutputs};
+  return {pass.featureDesc(), pass.deltasNorm(), pass.numInputs(), hasOutputs(pass.widths())};
 }
 
 // An image has no properties.

@@ -107,6 +107,11 @@ TEST(BudgetCommandTest, refusesModelsThatCannotBeRun) {
   EXPECT_EQ(result.err,
             "ERROR: NNFwdPassFromFile::evaluate: model has no layers\n"
             "ERROR: the model cannot be run\n");
+  const std::string head = "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\n";
+  result = budget({"-"}, head + "layer 1 size 0 2147483647\nact_fn linear\n");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "ERROR: the model has no outputs\n");
   result = budget({"absent"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "ERROR: cannot read 'absent': No such file or directory\n");
