@@ -34,10 +34,13 @@ float snapped(const PrecisionGrid& grid, float value) {
 // of the first zero. A float of 2^24 or more is an integer already, so truncating in place
 // gives the same as the way through a 64-bit integer.
 
-// REQUIRES: one of the values is zero.
-[[maybe_unused]] float firstZero(const float* values) {
-  while (*values != 0) ++values;
-  return *values;
+// Returns the first zero with its sign; 0 where there is none any more, as when somebody else
+// writes to the values meanwhile.
+[[maybe_unused]] float firstZero(const float* values, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (values[i] == 0) return values[i];
+  }
+  return 0.0f;
 }
 
 // Takes the lanes of a vector range, and the values that fill no vector, into `range`.
@@ -46,8 +49,8 @@ float snapped(const PrecisionGrid& grid, float value) {
   const ValueRange before = range;
   plain::include(range, lanes, laneCount);
   plain::include(range, values + whole, count - whole);
-  if (range.smallest == 0 && before.smallest != 0) range.smallest = firstZero(values);
-  if (range.largest == 0 && before.largest != 0) range.largest = firstZero(values);
+  if (range.smallest == 0 && before.smallest != 0) range.smallest = firstZero(values, count);
+  if (range.largest == 0 && before.largest != 0) range.largest = firstZero(values, count);
 }
 
 #if defined(__x86_64__) || defined(__i386__)

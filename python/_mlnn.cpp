@@ -30,6 +30,7 @@
 #include "model/MemoryStream.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "model/StackOutputs.h"
 
 namespace py = pybind11;
 
@@ -206,12 +207,15 @@ void appendRecord(Core& core, const std::string& record) {
   });
 }
 
+// How long a record is depends on the weights, which another thread may change through a view
+// without a lock. So what is measured and then written must be a copy.
 py::bytes recordOf(const LayerHandle& handle) {
   return py::bytes(read(*handle.core, [&handle](MultiLayerNNModel&) {
-    const int length = handle.layer->binarySerializedLength();
+    const NNLayer layer(*handle.layer);
+    const int length = layer.binarySerializedLength();
     if (length < 0) throw py::value_error("the layer is too large for a record");
     std::string record(static_cast<std::size_t>(length), '\0');
-    handle.layer->serializeBinary(record.data());
+    layer.serializeBinary(record.data());
     return record;
   }));
 }
@@ -289,7 +293,8 @@ py::bytes openingError(const std::string& path) {
 
 py::tuple image(Core& core) {
   std::string bytes;
-  const Said said = heard<Reading>(core, [&bytes](const MultiLayerNNModel& model) {
+  const Said said = heard<Reading>(core, [&bytes](const MultiLayerNNModel& shared) {
+    const MultiLayerNNModel model(shared);  // as for recordOf
     const int length = model.binarySerializedLength();
     if (length < 0) return 1;
     bytes.resize(static_cast<std::size_t>(length));
@@ -363,6 +368,7 @@ py::tuple evaluate(Core& core, const Frames& inputs) {
 
 // Makes the window in which frames of that many values become the model's inputs.
 mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
+  if (!mlnn::hasOutputs(model.layers)) throw py::value_error(mlnn::kNoOutputs);
   const DbnFeatureDescription& desc = model.featureDesc;
   const int64_t frames = int64_t{desc.winSizeLeft} + 1 + desc.winSizeRight;
   const int64_t inputs = frames * std::min<int64_t>(frameLen, INT32_MAX);
@@ -378,10 +384,13 @@ mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
 
 // One recording: normalised, stacked and evaluated, block by block.
 int evaluateRecording(MultiLayerNNModel& model, const Columns& frames, Eigen::MatrixXf& outputs) {
-  constexpr Index kBlock = 256;  // the frames that a forward pass takes at once
+  constexpr Index kFrames = 256;  // that a forward pass takes at once
+  constexpr Index kValues = Index{1}
+                            << 22;  // that are stacked at once, unless one frame makes more
   mlnn::ContextWindow window = windowFor(model, frames.rows());
   NNFwdPassFromFile pass(model);
-  Eigen::MatrixXf block(window.inputLen(), std::min(kBlock, std::max<Index>(frames.cols(), 1)));
+  const Index most = std::clamp<Index>(kValues / window.inputLen(), 1, kFrames);
+  Eigen::MatrixXf block(window.inputLen(), std::clamp<Index>(frames.cols(), 1, most));
   Eigen::MatrixXf results;
   outputs.resize(model.numOutputs(), frames.cols());
   Index taken = 0;
@@ -425,6 +434,23 @@ py::dict propsOf(Core& core) {
   py::dict result;
   for (const auto& [key, value] : props) result[py::bytes(key)] = py::bytes(value);
   return result;
+}
+
+py::object propOf(Core& core, const std::string& key) {
+  const auto value = read(core, [&key](const MultiLayerNNModel& model) {
+    const auto found = model.props.find(key);
+    return found == model.props.end() ? std::nullopt : std::optional<std::string>(found->second);
+  });
+  return value ? py::object(py::bytes(*value)) : py::object(py::none());
+}
+
+void setProp(Core& core, const std::string& key, const std::string& value) {
+  write(core, [&](MultiLayerNNModel& model) { model.props[key] = value; });
+}
+
+// Returns whether there was one.
+bool removeProp(Core& core, const std::string& key) {
+  return write(core, [&key](MultiLayerNNModel& model) { return model.props.erase(key) != 0; });
 }
 
 void setProps(Core& core, const std::map<std::string, std::string>& props) {
@@ -629,6 +655,9 @@ void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
       .def("features", &features)
       .def("set_features", &setFeatures)
       .def("props", &propsOf)
+      .def("prop", &propOf)
+      .def("set_prop", &setProp)
+      .def("remove_prop", &removeProp)
       .def("set_props", &setProps)
       .def("notes", &notesOf)
       .def("set_notes", &setNotes)

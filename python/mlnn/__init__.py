@@ -18,6 +18,7 @@ import dataclasses
 import logging
 import operator
 import os
+import re
 import stat
 import struct
 import sys
@@ -247,18 +248,28 @@ class _Props(MutableMapping):
                               for key, value in props.items()})
 
     def __getitem__(self, key):
-        return self._get()[key]
+        value = self._core.prop(_bytes(key, "a property's name")) if isinstance(key, str) else None
+        if value is None:
+            raise KeyError(key)
+        return _str(value)
 
     def __setitem__(self, key, value):
-        self._set({**self._get(), key: value})
+        self._core.set_prop(_bytes(key, "a property's name"), _bytes(value, f"property {key!r}"))
 
     def __delitem__(self, key):
-        props = self._get()
-        del props[key]
-        self._set(props)
+        if not isinstance(key, str) or not self._core.remove_prop(_bytes(key, "")):
+            raise KeyError(key)
 
     def __iter__(self):
         return iter(self._get())
+
+    # One look at the model each, where the mixin would look once for every property.
+
+    def items(self):
+        return self._get().items()
+
+    def values(self):
+        return self._get().values()
 
     def __len__(self):
         return len(self._core.props())
@@ -870,13 +881,17 @@ def _descriptor_named(path: str) -> int | None:
     the file system is not to be replaced: who opened it goes on writing there."""
     for _ in range(_MAX_LINKS):
         folder, name = os.path.split(path)
-        if name.isdecimal() and os.path.realpath(folder) == f"/proc/{os.getpid()}/fd":
+        if name.isdecimal() and _shows_own_descriptors(folder):
             return int(name)
         try:
             path = os.path.join(folder, os.readlink(path))
         except OSError:
             return None
     return None
+
+
+def _shows_own_descriptors(folder: str) -> bool:
+    return re.fullmatch(rf"/proc/{os.getpid()}(/task/\d+)?/fd", os.path.realpath(folder)) is not None
 
 
 def _put_in_place(path: str, mode: int, data: bytes) -> None:

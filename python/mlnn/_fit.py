@@ -9,6 +9,7 @@ parameters, is written and read back.
 """
 from __future__ import annotations
 
+import collections
 import dataclasses
 
 import numpy as np
@@ -154,13 +155,11 @@ def _counted(number: int, what: str, plural: str = "") -> str:
 
 def _differences(wanted: Model, present: Model) -> list[str]:
     lost = []
-    missing = list(wanted.notes)
-    for line in present.notes:
-        if line in missing:
-            missing.remove(line)
+    missing = collections.Counter(wanted.notes) - collections.Counter(present.notes)
     if missing:
-        lost.append(_counted(len(missing), "note line"))
-    props = [key for key, value in wanted.props.items() if present.props.get(key) != value]
+        lost.append(_counted(missing.total(), "note line"))
+    read_back = dict(present.props)
+    props = [key for key, value in wanted.props.items() if read_back.get(key) != value]
     if props:
         lost.append(f"{_counted(len(props), 'property', 'properties')} ({', '.join(props)})")
     for name in "loss", "accuracy":

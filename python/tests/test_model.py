@@ -373,6 +373,34 @@ def test_broken_pickles_are_refused(model):
 
 # --- Views ---
 
+RACE = """
+import pickle, threading
+import mlnn, numpy as np
+model = mlnn.Model.from_arrays([(np.zeros((300, 300)), np.zeros(300))])
+view, values = model.layers[0].weights, np.random.default_rng(1).normal(size=(300, 300))
+done = threading.Event()
+def write():
+    while not done.is_set():
+        view[:] = values  # a long record, and a short one
+        view[:] = 0
+thread = threading.Thread(target=write)
+thread.start()
+try:
+    for _ in range(1500):
+        pickle.loads(pickle.dumps(model))
+        mlnn.Model.from_bytes(model.to_bytes())
+finally:
+    done.set()
+    thread.join()
+print("whole")
+"""
+
+
+def test_a_model_is_pickled_while_a_view_is_written_to():
+    result = subprocess.run([sys.executable, "-c", RACE], capture_output=True, text=True)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "whole\n", "")
+
+
 def test_views_are_the_models_own_values(model):
     weights = model.layers[0].weights
     assert weights.shape == (3, 4) and weights.dtype == np.float32 and weights.flags.f_contiguous
@@ -583,6 +611,52 @@ def test_the_digits_are_decided_rightly(digits, name):
 def test_a_model_without_layers_says_so():
     with pytest.raises(mlnn.Error, match="model has no layers"):
         mlnn.Model()(np.zeros((1, 3)))
+
+
+@pytest.mark.parametrize("call", [lambda m, frames: m(frames), lambda m, frames: m.stack(frames)])
+def test_a_model_without_outputs_makes_no_inputs(call):
+    """It may speak of inputs that would take gigabytes."""
+    width = 2**31 - 8
+    model = mlnn.Model.from_bytes(
+        b"MultiLayerNNModel_v2\nsoftmax 1\n"
+        b"# nn_tune feat_desc mel_deltas:bands=1,left=%d,right=0,deltas=0,line_kernels=0,"
+        b"line_kernel_width=0\nnum_layers 1\nlayer 1 size 0 %d\nact_fn linear\n"
+        % (width - 1, width + 1))
+    assert model.num_inputs == width
+    with pytest.raises(ValueError, match="^the model has no outputs$"):
+        call(model, np.zeros((3, 1), np.float32))
+
+
+def processor_time(work):
+    times = []
+    for _ in range(3):
+        begin = time.process_time()
+        work()
+        times.append(time.process_time() - begin)
+    return min(times)
+
+
+@pytest.mark.parametrize("work", [
+    lambda model: model.to_text(),
+    lambda model: dict(model.props),
+    lambda model: list(model.props.items()),
+    lambda model: setattr(model, "props", model.props),
+    lambda model: [model.props[key] for key in list(model.props)],
+    lambda model: [model.props.__setitem__(key, "new") for key in list(model.props)],
+    lambda model: mlnn.from_onnx(mlnn.to_onnx(model)),
+], ids=["to_text", "dict", "items", "copy", "look", "set", "onnx"])
+@pytest.mark.parametrize("kind", ["props", "notes"])
+def test_time_is_linear_in_properties_and_notes(model, work, kind):
+    """Eight times as many take sixteen times as long at most, not sixty-four."""
+    if "from_onnx" in work.__code__.co_names:
+        pytest.importorskip("onnx")
+
+    def time_of(count):
+        model.props = {f"key{i}": "value" for i in range(count if kind == "props" else 1)}
+        model.notes = [f"note {i}" for i in range(count if kind == "notes" else 1)]
+        return processor_time(lambda: work(model))
+
+    assert any(time_of(4000) < 16 * time_of(500) + 0.002 for _ in range(5))
 
 
 def test_threads_share_a_model_while_one_changes_it(model):
