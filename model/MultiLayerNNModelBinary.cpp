@@ -1,7 +1,9 @@
 // The writer and reader of the binary image (docs/binary-format.md).
 #include <algorithm>
+#include <deque>
 #include <istream>
 #include <limits>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -58,14 +60,12 @@ class ModelReader : public mlnn::ImageReader {
  protected:
   ~ModelReader() = default;
 
-  NNLayer& layer(std::size_t index) { return *model_.layers[index]; }
+  std::vector<NNLayer*>& layers() { return model_.layers; }
 
  private:
-  void prepareLayers(std::size_t count) override {
-    mlnn::resizeStack(model_.layers, count);
-    mlnn::fillMissingLayers(model_.layers);
+  uint32_t checksumOfUnread(std::size_t index) override {
+    return mlnn::layerOrEmpty(layers()[index]).checksum();
   }
-  uint32_t checksumOfUnread(std::size_t index) override { return layer(index).checksum(); }
 
   MultiLayerNNModel& model_;
 };
@@ -77,23 +77,27 @@ class MemoryReader final : public ModelReader {
       : ModelReader(image, length, model), image_(image) {}
 
  private:
+  void prepareLayers(std::size_t count) override {
+    mlnn::resizeStack(layers(), count);
+    mlnn::fillMissingLayers(layers());
+  }
   mlnn::RecordResult readLayer(std::size_t index, std::size_t position,
                                std::size_t available) override {
-    return mlnn::readRecord(layer(index), image_ + position, available);
+    return mlnn::readRecord(*layers()[index], image_ + position, available);
   }
 
   const char* image_;
 };
 
-// An image as it came from a stream.
+// An image as it came from a stream. Records can be so short that what is kept of each counts.
 struct LoadedImage {
   struct Record {
-    NNLayer layer;
+    std::unique_ptr<NNLayer> layer;
     mlnn::RecordResult result;
   };
 
   char head[mlnn::kHeadLength];
-  std::vector<Record> records;  // up to the first that was refused
+  std::deque<Record> records;  // up to the first that was refused
 };
 
 // Loads an image whose layers are not the model's yet: only when the stream has had them all may
@@ -120,8 +124,8 @@ class ImageLoader {
     const char* const count = image.head + mlnn::kLayerCountOffset;
     const int32_t numLayers = mlnn::ByteReader(count, sizeof(int32_t)).int32();
     while (position_ < length_ && static_cast<int64_t>(image.records.size()) < numLayers) {
-      LoadedImage::Record record;
-      record.result = mlnn::readRecord(record.layer, in_, length_ - position_);
+      LoadedImage::Record record{std::make_unique<NNLayer>(), {}};
+      record.result = mlnn::readRecord(*record.layer, in_, length_ - position_);
       position_ += record.result.taken;
       if (record.result.length < 0) return;
       image.records.push_back(std::move(record));
@@ -142,20 +146,39 @@ class ImageLoader {
   std::size_t position_ = 0;
 };
 
-// Reads the records from a loaded image.
+// Takes the records from a loaded image. Layers that the model has stay in their places; those that
+// it does not have yet are missing until they are read.
 class LoadedImageReader final : public ModelReader {
  public:
   LoadedImageReader(LoadedImage& image, std::size_t length, MultiLayerNNModel& model)
       : ModelReader(image.head, length, model), records_(image.records) {}
 
- private:
-  mlnn::RecordResult readLayer(std::size_t index, std::size_t, std::size_t) override {
-    if (index >= records_.size()) return {};
-    layer(index) = std::move(records_[index].layer);
-    return records_[index].result;
+  // As read() has it.
+  int readAll() {
+    const int consumed = read();
+    if (isPrepared_) mlnn::fillMissingLayers(layers());
+    return consumed;
   }
 
-  std::vector<LoadedImage::Record>& records_;
+ private:
+  void prepareLayers(std::size_t count) override {
+    mlnn::resizeStack(layers(), count);
+    isPrepared_ = true;
+  }
+  mlnn::RecordResult readLayer(std::size_t index, std::size_t, std::size_t) override {
+    if (index >= records_.size()) return {};
+    LoadedImage::Record& record = records_[index];
+    NNLayer*& layer = layers()[index];
+    if (layer == nullptr) {
+      layer = record.layer.release();
+    } else {
+      *layer = std::move(*record.layer);
+    }
+    return record.result;
+  }
+
+  std::deque<LoadedImage::Record>& records_;
+  bool isPrepared_ = false;
 };
 
 }  // namespace
@@ -206,5 +229,5 @@ int mlnn::readImage(MultiLayerNNModel& model, std::istream& in, std::size_t leng
                   length, " bytes"});
     return -1;
   }
-  return LoadedImageReader(image, length, model).read();
+  return LoadedImageReader(image, length, model).readAll();
 }

@@ -15,6 +15,7 @@
 
 namespace {
 
+using mlnn::test::AllocationWatch;
 using mlnn::test::ByteImage;
 using mlnn::test::fewValuesLayer;
 using mlnn::test::fullModel;
@@ -318,6 +319,57 @@ TEST(MultiLayerNNModelLoad, everyCutImageIsRefusedAsFromMemory) {
     ASSERT_TRUE(sameModel(fromStream, fromMemory)) << length;
   }
 }
+
+// --- Memory ---
+
+struct Shape {
+  const char* name;
+  int layers;
+  NNLayer layer;
+  double bytesPerByte;  // that reading may take, besides 1 MiB
+};
+
+void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
+
+// A layer whose every array has one value, which takes an allocation.
+NNLayer smallestFoldedLayer() { return mlnn::test::foldedLayer(1, 1); }
+
+class MultiLayerNNModelLoadMemory : public ::testing::TestWithParam<Shape> {};
+
+TEST_P(MultiLayerNNModelLoadMemory, isInProportionToTheImage) {
+  const Shape& shape = GetParam();
+  MultiLayerNNModel written =
+      modelOf(std::vector<NNLayer>(static_cast<std::size_t>(shape.layers), shape.layer));
+  written.deltasNorm.allocIfNeeded();
+  const std::string image = ByteImage::of(written).bytes();
+  constexpr double kMiB = 1 << 20;
+  ASSERT_GT(image.size(), kMiB);
+  const double allowed = shape.bytesPerByte * double(image.size()) + kMiB;
+  std::istringstream stream(image);
+  MultiLayerNNModel fromStream;
+  MultiLayerNNModel fromMemory;
+  stderrOf([&] {
+    const AllocationWatch watch;
+    EXPECT_EQ(fromStream.deserialize(stream), 0);
+    EXPECT_LE(double(watch.peak()), allowed) << double(watch.peak()) / double(image.size());
+  });
+  stderrOf([&] {
+    const AllocationWatch watch;
+    EXPECT_EQ(fromMemory.deserializeBinary(image.data(), unsigned(image.size())),
+              int(image.size()));
+    EXPECT_LE(double(watch.peak()), allowed) << double(watch.peak()) / double(image.size());
+  });
+  EXPECT_TRUE(sameLayers(fromStream, written));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Image, MultiLayerNNModelLoadMemory,
+    testing::Values(Shape{"empty", 100000, NNLayer(), 8},
+                    Shape{"floats", 1, plainLayer(700, 1000), 8},
+                    Shape{"row_codes", 1, fewValuesLayer(3000, 1000, 200), 9},
+                    Shape{"half_byte_codes", 1, fewValuesLayer(5000, 1000, 16), 9},
+                    Shape{"one_value_an_array", 40000, smallestFoldedLayer(), 12}),
+    [](const auto& instance) { return instance.param.name; });
 
 // --- After a failure ---
 
