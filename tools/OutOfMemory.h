@@ -5,7 +5,9 @@
 
 namespace mlnn {
 
+inline constexpr char kOutOfMemory[] = "ERROR: out of memory\n";
+
 // Takes no memory itself.
-inline void printOutOfMemory() { std::cerr << "ERROR: out of memory\n"; }
+inline void printOutOfMemory() { std::cerr << kOutOfMemory; }
 
 }  // namespace mlnn

@@ -3,10 +3,13 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <exception>
 #include <new>
 
 #include "tools/OutOfMemory.h"
 #include "tools/commands/Commands.h"
+#include "tools/files/UnfinishedFile.h"
 
 namespace {
 
@@ -19,6 +22,24 @@ void occupyClosedStandardStreams() {
     if (open("/dev/null", mode) != descriptor) return;
   }
 }
+
+// What nobody catches ends here: memory that runs out before main, while the objects are made
+// that the options' library keeps for the whole program; or that is too short even for throwing.
+[[noreturn]] void endInOrder() {
+  try {
+    if (std::current_exception()) throw;
+  } catch (const std::bad_alloc&) {
+  } catch (...) {
+    std::abort();
+  }
+  mlnn::UnfinishedFile::removeAny();
+  // The streams may not be there yet. Where nothing can be written, the status must do.
+  static_cast<void>(!write(STDERR_FILENO, mlnn::kOutOfMemory, sizeof mlnn::kOutOfMemory - 1));
+  _exit(mlnn::kRefused);
+}
+
+// Before all of those objects, whose priority is the lowest.
+__attribute__((constructor(101))) void endInOrderFromTheStart() { std::set_terminate(endInOrder); }
 
 }  // namespace
 

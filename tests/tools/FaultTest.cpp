@@ -380,6 +380,39 @@ INSTANTIATE_TEST_SUITE_P(Tool, MemoryFaults,
                          testing::Values("mlnn convert model.txt out --to binary",
                                          "mlnn run model.txt frames.txt --out out"));
 
+// Memory that runs out before main, where the options' library makes what it keeps.
+TEST(EarlyMemoryFaults, areToldAsLaterOnes) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  const Kind kind = {"early", ""};
+  const TempFolder folder;
+  int failures = 0;
+  for (int number = 1; failures == 0 || number < 100; ++number) {
+    const ToolResult result = runWithFault(folder, kind, number, "exec mlnn --version");
+    SCOPED_TRACE(std::to_string(number) + ": " + result.err);
+    if (result.status == 0) continue;  // the standard library goes without, or there was no call
+    ++failures;
+    ASSERT_EQ(result.status, mlnn::kRefused);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "ERROR: out of memory\n");
+  }
+  EXPECT_GT(failures, 10);
+}
+
+// No allocation behind the making of the unfinished file may leave it there.
+TEST(UnfinishedFaults, memoryThatRunsOutLeavesNothing) {
+  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  const TempFolder folder;
+  makeInputs(folder);
+  folder.write("out", kOld);
+  const std::vector<std::string> names = folder.names();
+  const ToolResult result =
+      runWithFault(folder, {"behind", ""}, 1, "exec mlnn convert model.txt out --to binary");
+  EXPECT_EQ(result.status, mlnn::kRefused);
+  EXPECT_THAT(result.err, EndsWith("ERROR: out of memory\n"));
+  EXPECT_EQ(folder.names(), names);
+  EXPECT_EQ(contentOf(folder.path("out")), kOld);
+}
+
 // What the system itself can do to files.
 class SystemFaults : public testing::Test {
  protected:

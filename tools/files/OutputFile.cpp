@@ -24,11 +24,20 @@ namespace fs = std::filesystem;
 namespace mlnn {
 namespace {
 
+// Whether the folder is one in which the system shows the own descriptors: /proc/PID/fd, or
+// /proc/PID/task/TID/fd, which each thread has for itself.
+bool showsOwnDescriptors(const fs::path& folder) {
+  std::error_code error;
+  const fs::path own = fs::canonical("/proc/self", error);
+  if (error) return false;
+  const fs::path shown = fs::canonical(folder, error);
+  return !error && (shown == own / "fd" || (shown.filename() == "fd" &&
+                                            shown.parent_path().parent_path() == own / "task"));
+}
+
 // The number of the own descriptor that the path stands for, as /dev/fd/3 does; else nothing.
 std::optional<int> descriptorNamed(const fs::path& path) {
-  std::error_code error;
-  const fs::path own = fs::canonical("/proc/self/fd", error);
-  if (error || fs::canonical(path.parent_path(), error) != own) return std::nullopt;
+  if (!showsOwnDescriptors(path.parent_path())) return std::nullopt;
   const std::string name = path.filename().string();
   const char* const end = name.data() + name.size();
   int number = 0;
@@ -100,10 +109,8 @@ FileDescriptor OutputFile::copyOf(int descriptor) {
 }
 
 FileDescriptor OutputFile::openBeside(const struct stat* replaced) {
-  std::string path = (fs::path(path_).parent_path() / ".mlnn-XXXXXX").string();
-  FileDescriptor descriptor(mkostemp(path.data(), O_CLOEXEC));
+  FileDescriptor descriptor = unfinished_.makeIn(fs::path(path_).parent_path().string());
   if (!descriptor.isOpen()) fail(errno);
-  unfinished_.hold(path);
   if (replaced != nullptr) takeOwner(descriptor.get(), *replaced);  // where it may
   // After the owner, whose change may take permissions away.
   const mode_t mode = replaced != nullptr ? replaced->st_mode & 0777 : modeOfNewFile();

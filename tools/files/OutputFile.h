@@ -15,7 +15,9 @@ namespace mlnn {
 // Writes beside the file, in the same folder, and takes its name at the end, when all is on the
 // disk; until then, and after a failure, whatever had that name is untouched. A file that is
 // replaced keeps its permissions and, as far as the process may give them, its owner and group; a
-// symbolic link keeps pointing to it.
+// symbolic link keeps pointing to it. It is another file then: hard links keep to the old one, and
+// set-user-ID, set-group-ID and sticky bits, access lists and extended attributes are not taken
+// over.
 //
 // "-" is the standard output; that, whatever else is a descriptor's (/dev/stdout, /dev/fd/3), and
 // what is not a regular file (a pipe, a device), is written to directly.

@@ -1,9 +1,15 @@
 #include "tools/files/UnfinishedFile.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <filesystem>
+#include <utility>
 
 namespace mlnn {
 namespace {
@@ -26,6 +32,27 @@ void handleSignals(void (*handler)(int)) {
   }
 }
 
+// While it lives, the signals that end the process wait.
+class SignalsWait {
+ public:
+  SignalsWait() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : kSignals) sigaddset(&signals, signal);
+    sigprocmask(SIG_BLOCK, &signals, &before_);
+  }
+  ~SignalsWait() {
+    const int error = errno;
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
+    errno = error;
+  }
+  SignalsWait(const SignalsWait&) = delete;
+  SignalsWait& operator=(const SignalsWait&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
 }  // namespace
 
 UnfinishedFile::~UnfinishedFile() {
@@ -34,10 +61,16 @@ UnfinishedFile::~UnfinishedFile() {
   release();
 }
 
-void UnfinishedFile::hold(const std::string& path) {
-  path_ = path;
+// Nothing that takes memory stands behind the making of the file.
+FileDescriptor UnfinishedFile::makeIn(const std::string& folder) {
+  std::string path = (std::filesystem::path(folder) / ".mlnn-XXXXXX").string();
+  const SignalsWait wait;
+  FileDescriptor descriptor(mkostemp(path.data(), O_CLOEXEC));
+  if (!descriptor.isOpen()) return descriptor;
+  path_ = std::move(path);
   fileToRemove = path_.c_str();
   handleSignals(removeAndDie);
+  return descriptor;
 }
 
 void UnfinishedFile::release() {

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "tools/files/FileDescriptor.h"
+
 namespace mlnn {
 
 // Removes the file that it holds when it goes, and when an interrupt (SIGINT, SIGTERM, SIGHUP)
@@ -14,7 +16,9 @@ class UnfinishedFile {
   UnfinishedFile(const UnfinishedFile&) = delete;
   UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
-  void hold(const std::string& path);
+  // Makes an empty file of a new name in the folder, and holds it: no signal comes between.
+  // Returns: its descriptor; one that is not open where that cannot be, which errno tells.
+  FileDescriptor makeIn(const std::string& folder);
 
   // Lets the file be.
   void release();

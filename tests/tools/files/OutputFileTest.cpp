@@ -80,6 +80,18 @@ TEST(OutputFileTest, keepsThePermissionsOfAFileThatItReplaces) {
 }
 
 // 32 bits for seconds would end in 2038.
+// It is another file; bits that would let it run as somebody are not given to new contents.
+TEST(OutputFileTest, leavesOtherNamesAndSetUserIdBehind) {
+  const TempFolder folder;
+  folder.write("file", "old");
+  fs::create_hard_link(folder.path("file"), folder.path("other"));
+  ASSERT_EQ(chmod(folder.path("file").c_str(), 06751), 0);
+  writeFile(folder.path("file"), "new");
+  EXPECT_EQ(contentOf(folder.path("file")), "new");
+  EXPECT_EQ(modeOf(folder.path("file")), 0751u);
+  EXPECT_EQ(contentOf(folder.path("other")), "old");
+}
+
 TEST(OutputFileTest, keepsThePermissionsOfAFileThatIsYoungerThan32BitsTell) {
   const TempFolder folder;
   const std::string path = folder.write("out", "old");
@@ -124,9 +136,22 @@ TEST(OutputFileTest, writesIntoAPipeThatOnlyItsDescriptorNames) {
   close(ends[0]);
 }
 
+// A shell that becomes the tool knows its number.
+TEST(OutputFileTest, knowsItsDescriptorsByItsNumber) {
+  for (const std::string name : {"/proc/$$/fd/3", "/proc/$$/task/$$/fd/3"}) {
+    const TempFolder folder;
+    const auto result = mlnn::test::runShell(
+        "exec 3> file; echo earlier >&3; ln file link; exec mlnn new 2,1 " + name, folder.path());
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(contentOf(folder.path("file")).substr(0, 8), "earlier\n") << name;
+    EXPECT_TRUE(fs::equivalent(folder.path("file"), folder.path("link"))) << name;
+  }
+}
+
 // What others write to the same descriptor stays: the file is not replaced.
 TEST(OutputFileTest, writesWhereItsDescriptorIs) {
-  for (const std::string name : {"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", "link", "-"}) {
+  for (const std::string name :
+       {"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", "/proc/thread-self/fd/1", "link", "-"}) {
     const TempFolder folder;
     fs::create_symlink("/dev/stdout", folder.path("link"));
     const std::string convert =

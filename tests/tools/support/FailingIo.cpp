@@ -2,7 +2,9 @@
 // the environment variable MLNN_FAIL says: "write 3" is the third write to a file. Other calls,
 // and those of descriptors below 3, go through; "shrink 1" cuts the first file that is read to
 // half of what it said to hold. Of "malloc" those calls count that come after the first of signal,
-// which is one of the first things that the tool's main does.
+// which is one of the first things that the tool's main does; of "early" those before. "behind 1"
+// is the first malloc behind the making of an unfinished file. "terminate 3" sends SIGTERM behind
+// the third call of any kind but malloc.
 //
 // Each of two names is called: where lengths and dates of files take 64 bits, the one that ends
 // in 64.
@@ -35,6 +37,15 @@ bool mustFail(const char* kind) {
   return ++calls == std::atoi(wanted + length + 1);
 }
 
+// What a call has come to, behind which a signal may come.
+template <typename Result>
+Result done(Result result) {
+  const int error = errno;
+  if (mustFail("terminate")) raise(SIGTERM);
+  errno = error;
+  return result;
+}
+
 template <typename Function>
 Function next(const char* name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
@@ -52,14 +63,20 @@ bool isOurs(const char* path) {
          std::strncmp(path, "/sys", 4) != 0 && std::strncmp(path, "/dev", 4) != 0;
 }
 
+bool mainRuns = false;
+bool fileIsMade = false;
+
 int openNext(const char* name, const char* path, int flags, mode_t mode) {
   if (isOurs(path) && mustFail("open")) return fail(EMFILE);
-  return next<int (*)(const char*, int, ...)>(name)(path, flags, mode);
+  const int descriptor = next<int (*)(const char*, int, ...)>(name)(path, flags, mode);
+  return isOurs(path) ? done(descriptor) : descriptor;
 }
 
 int makeNext(const char* name, char* path, int flags) {
   if (mustFail("open")) return fail(EMFILE);
-  return next<int (*)(char*, int)>(name)(path, flags);
+  const int descriptor = next<int (*)(char*, int)>(name)(path, flags);
+  fileIsMade = true;
+  return done(descriptor);
 }
 
 template <typename Entry>
@@ -73,8 +90,6 @@ mode_t modeAfter(int flags, va_list rest) {
   return (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
 }
 
-bool mainRuns = false;
-
 }  // namespace
 
 extern "C" {
@@ -83,7 +98,9 @@ extern "C" {
 void* __libc_malloc(size_t count) noexcept;
 
 void* malloc(size_t count) noexcept {
-  if (mainRuns && mustFail("malloc")) return fail(ENOMEM), nullptr;
+  const bool fails = (mainRuns && mustFail("malloc")) || (!mainRuns && mustFail("early")) ||
+                     (fileIsMade && mustFail("behind"));
+  if (fails) return fail(ENOMEM), nullptr;
   return __libc_malloc(count);
 }
 
@@ -100,17 +117,18 @@ ssize_t read(int descriptor, void* bytes, size_t count) {
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
     if (truncate(path.c_str(), status.st_size / 2) != 0) return fail(EIO);
   }
-  return next<ssize_t (*)(int, void*, size_t)>("read")(descriptor, bytes, count);
+  return done(next<ssize_t (*)(int, void*, size_t)>("read")(descriptor, bytes, count));
 }
 
 ssize_t write(int descriptor, const void* bytes, size_t count) {
   if (descriptor > 2 && mustFail("write")) return fail(ENOSPC);
-  return next<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, bytes, count);
+  return done(next<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, bytes, count));
 }
 
 ssize_t writev(int descriptor, const struct iovec* pieces, int count) {
   if (descriptor > 2 && mustFail("write")) return fail(ENOSPC);
-  return next<ssize_t (*)(int, const struct iovec*, int)>("writev")(descriptor, pieces, count);
+  return done(
+      next<ssize_t (*)(int, const struct iovec*, int)>("writev")(descriptor, pieces, count));
 }
 
 int open(const char* path, int flags, ...) {
@@ -147,17 +165,17 @@ struct dirent64* readdir64(DIR* folder) {
 int close(int descriptor) {
   const int result = next<int (*)(int)>("close")(descriptor);
   if (descriptor > 2 && mustFail("close")) return fail(EIO);
-  return result;
+  return done(result);
 }
 
 int fsync(int descriptor) {
   if (mustFail("fsync")) return fail(EIO);
-  return next<int (*)(int)>("fsync")(descriptor);
+  return done(next<int (*)(int)>("fsync")(descriptor));
 }
 
 int rename(const char* from, const char* to) noexcept {
   if (mustFail("rename")) return fail(EPERM);
-  return next<int (*)(const char*, const char*)>("rename")(from, to);
+  return done(next<int (*)(const char*, const char*)>("rename")(from, to));
 }
 
 }  // extern "C"
