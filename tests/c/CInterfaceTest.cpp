@@ -205,7 +205,7 @@ TEST_F(CInterface, allocatesNothingForAFrame) {
   EXPECT_EQ(streamWatch.allocations(), 0u);
   run(50);
   const AllocationWatch passWatch;
-  for (const std::size_t frames : {50, 1, 7, 49, 50}) run(frames);
+  for (const int frames : {50, 1, 7, 49, 50}) run(static_cast<std::size_t>(frames));
   EXPECT_EQ(passWatch.allocations(), 0u);
   mlnn_stream_close(stream);
   mlnn_pass_close(pass);
