@@ -4,14 +4,8 @@
 // its headers are used: its own choice at run time would need its library.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "inference/Kernels.cpp"
-// SSE4, AVX2 and AVX-512 cover the x86 processors of the last fifteen years. The kernels know
-// the number of lanes when compiled, so scalable vectors are left out.
-#ifndef HWY_DISABLED_TARGETS
-#define HWY_DISABLED_TARGETS \
-  (HWY_SSSE3 | HWY_AVX3_DL | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
-#define HWY_DISABLE_PCLMUL_AES
-#define HWY_DISABLE_F16C
-#endif
+#include "inference/VectorTargets.h"
+//
 #include "hwy/foreach_target.h"
 //
 #include <array>

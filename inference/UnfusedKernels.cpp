@@ -2,12 +2,8 @@
 // other kernels.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "inference/UnfusedKernels.cpp"
-#ifndef HWY_DISABLED_TARGETS
-#define HWY_DISABLED_TARGETS \
-  (HWY_SSSE3 | HWY_AVX3_DL | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
-#define HWY_DISABLE_PCLMUL_AES
-#define HWY_DISABLE_F16C
-#endif
+#include "inference/VectorTargets.h"
+//
 #include "hwy/foreach_target.h"
 //
 #include <array>

@@ -1,13 +1,13 @@
 #include "layers/Messages.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <memory>
-#include <mutex>
 
 #include "layers/Report.h"
 
@@ -29,14 +29,17 @@ struct Sink {
   void* data;
 };
 
-std::mutex sinkMutex;
+// Not std::mutex: what that may throw would come along, which is much code for a small device.
+pthread_mutex_t sinkMutex = PTHREAD_MUTEX_INITIALIZER;
 Sink processSink = {};
 
 std::atomic<LinePrinter> linePrinter = printByStdio;
 
 Sink currentSink() {
-  const std::lock_guard<std::mutex> lock(sinkMutex);
-  return processSink;
+  pthread_mutex_lock(&sinkMutex);
+  const Sink present = processSink;
+  pthread_mutex_unlock(&sinkMutex);
+  return present;
 }
 
 bool startsWith(std::string_view text, std::string_view start) {
@@ -97,9 +100,13 @@ void deliver(std::initializer_list<MessagePiece> pieces, LinePrinter print) {
 }  // namespace
 
 MessagePiece::MessagePiece(bool isNegative, uint64_t magnitude) {
-  digits_[0] = '-';  // overwritten where there is none
-  const auto result = std::to_chars(digits_ + (isNegative ? 1 : 0), std::end(digits_), magnitude);
-  text_ = {digits_, static_cast<std::size_t>(result.ptr - digits_)};
+  char* start = std::end(digits_);
+  do {
+    *--start = static_cast<char>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (isNegative) *--start = '-';
+  text_ = {start, static_cast<std::size_t>(std::end(digits_) - start)};
 }
 
 void report(std::initializer_list<MessagePiece> pieces) { deliver(pieces, linePrinter.load()); }
@@ -109,8 +116,9 @@ void reportByStdio(const char* text) { deliver({text}, printByStdio); }
 void setLinePrinter(LinePrinter printer) { linePrinter = printer; }
 
 void setMessageSink(MessageSink sink, void* data) {
-  const std::lock_guard<std::mutex> lock(sinkMutex);
+  pthread_mutex_lock(&sinkMutex);
   processSink = {sink, data};
+  pthread_mutex_unlock(&sinkMutex);
 }
 
 CollectedMessages::CollectedMessages() : outer_(collected) { collected = &messages_; }
