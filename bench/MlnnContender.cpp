@@ -1,12 +1,18 @@
 // This library as a contender, and the activations that it lends to peers.
+#include <cstdio>
 #include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "bench/Contender.h"
 #include "inference/Activation.h"
 #include "inference/CodedFwdPass.h"
+#include "inference/ImageFwdPass.h"
 #include "inference/IntegerFwdPass.h"
 #include "inference/Kernels.h"
 #include "inference/NNFwdPassFromFile.h"
+#include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"
 
@@ -64,6 +70,33 @@ Network withParametersOf(const MultiLayerNNModel& model, Network network) {
   return network;
 }
 
+// An image in a file without a name, mapped as openFile maps those with one.
+class MappedImage {
+ public:
+  explicit MappedImage(MultiLayerNNModel& model) {
+    model.deltasNorm.allocIfNeeded();
+    const auto length = static_cast<std::size_t>(model.binarySerializedLength());
+    std::FILE* const file = std::tmpfile();
+    std::vector<char> bytes(length);
+    model.serializeBinary(bytes.data());
+    const bool isWritten = file != nullptr &&
+                           std::fwrite(bytes.data(), 1, length, file) == length &&
+                           std::fflush(file) == 0;
+    const CollectedMessages silence;
+    if (isWritten) {
+      const std::string name = "/proc/self/fd/" + std::to_string(fileno(file));
+      isOpen_ = pass_.openFile(name.c_str()) == 0;
+    }
+    if (file != nullptr) std::fclose(file);
+    if (!isOpen_) throw std::runtime_error("bench: cannot map an image");
+  }
+  const ImageFwdPass& pass() const { return pass_; }
+
+ private:
+  ImageFwdPass pass_;
+  bool isOpen_ = false;
+};
+
 }  // namespace
 
 ContenderPtr makeMlnn(const Network& network, std::size_t frames) {
@@ -82,6 +115,12 @@ ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames) {
 
 ContenderPtr makeMlnnInIntegers(const Network& network, std::size_t frames) {
   return std::make_unique<Mlnn>(frames, nullptr, IntegerFwdPass::create(*modelOf(network)));
+}
+
+ContenderPtr makeMlnnInIntegersOfAnImage(const Network& network, std::size_t frames) {
+  const auto model = modelOf(network);
+  const MappedImage image(*model);
+  return std::make_unique<Mlnn>(frames, nullptr, IntegerFwdPass::create(image.pass()));
 }
 
 Network reduced(const Network& network, int bits) {

@@ -352,8 +352,80 @@ struct Vectors {
 
 #include "inference/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {
-    "AVX-512 VNNI", {3, framesOf(8)}, {4, framesOf(6)}, 1, stayAsTheyAre, dots};
+// One frame over codes that do not begin at a cache line, as those of an image seldom do: every
+// load would take two lines. Here the loads are the lines themselves, and a group of codes is put
+// together from two of them, all of a layer in the same way. Lanes of other panels, or of what lies
+// around the codes, are masked out of a load and so not read.
+struct SeamLines {
+  __m512i places;
+  __mmask16 behind;  // the lanes of a panel's first line that are its own
+  std::size_t before;
+
+  explicit HWY_INLINE SeamLines(const uint8_t* codes)
+      : before(reinterpret_cast<std::uintptr_t>(codes) % 64 / 4) {
+    const __m512i lanes = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    places = _mm512_add_epi32(lanes, _mm512_set1_epi32(static_cast<int>(before)));
+    behind = static_cast<__mmask16>(0xffffU << before);
+  }
+  HWY_INLINE const uint8_t* firstLine(const uint8_t* panel) const { return panel - 4 * before; }
+  HWY_INLINE __m512i first(const uint8_t* line) const {
+    return _mm512_maskz_loadu_epi32(behind, line);
+  }
+  HWY_INLINE __m512i last(const uint8_t* line) const {
+    return _mm512_maskz_loadu_epi32(static_cast<__mmask16>(~behind), line);
+  }
+  HWY_INLINE __m512i group(__m512i line, __m512i next) const {
+    return _mm512_permutex2var_epi32(line, places, next);
+  }
+};
+
+// Four chains of sums of one panel.
+void seamPanel(const SeamLines& seam, const uint8_t* panel, std::size_t groups, const int8_t* x,
+               const CodesAhead& ahead, int32_t start, int32_t* to) {
+  constexpr std::size_t kChains = 4;
+  constexpr std::size_t kLineAhead = 8192;
+  __m512i sums[kChains] = {Vectors::splat(start), Vectors::splat(0), Vectors::splat(0),
+                           Vectors::splat(0)};
+  const uint8_t* at = seam.firstLine(panel);
+  __m512i line = seam.first(at);
+  std::size_t g = 0;
+  for (; g + kChains < groups; g += kChains) {
+    HWY_UNROLL(4)
+    for (std::size_t c = 0; c < kChains; ++c) {
+      at += 64;
+      if (ahead.stream) __builtin_prefetch(at + kLineAhead, 0, 2);
+      const __m512i next = _mm512_loadu_si512(at);
+      sums[c] = Vectors::dot(sums[c], seam.group(line, next), Vectors::inputs(x + 4 * (g + c)));
+      line = next;
+    }
+  }
+  for (; g < groups; ++g) {
+    at += 64;
+    const __m512i next = g + 1 < groups ? _mm512_loadu_si512(at) : seam.last(at);
+    sums[0] = Vectors::dot(sums[0], seam.group(line, next), Vectors::inputs(x + 4 * g));
+    line = next;
+  }
+  const __m512i low = Vectors::add(sums[0], sums[1]);
+  Vectors::store(Vectors::add(low, Vectors::add(sums[2], sums[3])), to);
+}
+
+void dotsInPlace(const RowCodesView& codes, std::size_t first, std::size_t panels,
+                 const ByteFrames& x, const CodesAhead& ahead, int32_t* sums) {
+  const std::uintptr_t place = reinterpret_cast<std::uintptr_t>(codes.codes) % 64;
+  if (kBuiltForSize || x.frames > 1 || codes.bits == 4 || place == 0 || place % 4 != 0) {
+    return dots(codes, first, panels, x, ahead, sums);
+  }
+  const std::size_t groups = groupsOf(codes);
+  const SeamLines seam(codes.codes);
+  const auto start = static_cast<int32_t>(0 - 128U * static_cast<uint32_t>(x.sums[0]));
+  for (std::size_t p = 0; p < panels; ++p) {
+    const uint8_t* const panel = codes.codes + (first + p) * groups * rowCodeBlockBytes(8);
+    seamPanel(seam, panel, groups, x.bytes, ahead, start, sums + p * kRowCodePanel);
+  }
+}
+
+constexpr DotKernels kDots = {"AVX-512 VNNI", {3, framesOf(8)}, {4, framesOf(6)}, 1,
+                              stayAsTheyAre,  dotsInPlace};
 
 }  // namespace avx512vnni
 HWY_POP_ATTRIBUTES
