@@ -22,6 +22,7 @@
 #endif
 
 #include "hwy/highway.h"
+#include "layers/ActivationList.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -169,6 +170,41 @@ struct ActivationFormulas {
     return Ops::lessThan(x, c(0.0f), negative, Ops::div(x, denominator));
   }
 };
+
+// The function of an activation as a type, so that it is inlined into loops. `Formulas` has them
+// all, as ActivationFormulas does. An activation that the list lacks has none, and does not
+// compile.
+template <typename Formulas, ActFn::ActFn fn>
+struct FormulaOf;
+
+#define MLNN_FORMULA(name, formula)                                         \
+  template <typename Formulas>                                              \
+  struct FormulaOf<Formulas, ActFn::name> {                                 \
+    using Value = typename Formulas::Value;                                 \
+    static HWY_INLINE Value apply(Value x) { return Formulas::formula(x); } \
+  };
+MLNN_FOR_EACH_ACTIVATION(MLNN_FORMULA)
+#undef MLNN_FORMULA
+
+// The same of the exponential that the softmax takes.
+template <typename Formulas>
+struct ExpOfNegativeBy {
+  using Value = typename Formulas::Value;
+  static HWY_INLINE Value apply(Value x) { return Formulas::expOfNegative(x); }
+};
+
+// fn(x) for one value.
+template <typename Formulas>
+float activatedBy(ActFn::ActFn fn, float x) {
+  switch (fn) {
+#define MLNN_CASE(name, formula) \
+  case ActFn::name:              \
+    return Formulas::formula(x);
+    MLNN_FOR_EACH_ACTIVATION(MLNN_CASE)
+#undef MLNN_CASE
+  }
+  return x;
+}
 
 }  // namespace HWY_NAMESPACE
 }  // namespace mlnn

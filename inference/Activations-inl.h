@@ -6,6 +6,10 @@
 #define MLNN_ACTIVATIONS_INL_H
 #endif
 
+#include <array>
+#include <cstddef>
+#include <utility>
+
 #include "inference/ActivationFormulas-inl.h"
 #include "inference/LayerView.h"
 #include "inference/Softmax-inl.h"
@@ -46,21 +50,7 @@ void activateColumn(float* values, std::size_t count) {
   rest.store(Function::apply(rest.load(values + i)), values + i);
 }
 
-// One function of ActivationFormulas as a type, so that it is inlined into the loops.
-#define MLNN_ACTIVATION(Name, function)                                                       \
-  struct Name {                                                                               \
-    static HWY_INLINE Vec apply(Vec x) { return ActivationFormulas<VectorOps>::function(x); } \
-  };
-MLNN_ACTIVATION(Linear, linear)
-MLNN_ACTIVATION(Sigmoid, sigmoid)
-MLNN_ACTIVATION(Tanh, tanh)
-MLNN_ACTIVATION(Relu, relu)
-MLNN_ACTIVATION(LeakyRelu, leakyRelu)
-MLNN_ACTIVATION(Elu, elu)
-MLNN_ACTIVATION(Softplus, softplus)
-MLNN_ACTIVATION(Silu, silu)
-MLNN_ACTIVATION(ExpOfNegative, expOfNegative)
-#undef MLNN_ACTIVATION
+using Formulas = ActivationFormulas<VectorOps>;
 
 // The loops for each activation, in the order of the codes.
 struct ActivationLoops {
@@ -71,7 +61,7 @@ struct ActivationLoops {
 // The same as finishColumn, in less code.
 template <typename Function>
 void finishInTwoLoops(const float* scale, const float* shift, std::size_t count, float* y) {
-  finishColumn<Linear>(scale, shift, count, y);
+  finishColumn<FormulaOf<Formulas, ActFn::linear>>(scale, shift, count, y);
   activateColumn<Function>(y, count);
 }
 
@@ -84,11 +74,14 @@ constexpr ActivationLoops loopsOf() {
   }
 }
 
+template <std::size_t... codes>
+constexpr std::array<ActivationLoops, ActFn::kCount> allLoops(std::index_sequence<codes...>) {
+  return {loopsOf<FormulaOf<Formulas, static_cast<ActFn::ActFn>(codes)>>()...};
+}
+
 HWY_INLINE const ActivationLoops& loopsFor(ActFn::ActFn fn) {
-  static constexpr ActivationLoops kLoops[ActFn::kCount] = {
-      loopsOf<Linear>(),    loopsOf<Sigmoid>(), loopsOf<Tanh>(),     loopsOf<Relu>(),
-      loopsOf<LeakyRelu>(), loopsOf<Elu>(),     loopsOf<Softplus>(), loopsOf<Silu>()};
-  return kLoops[fn];
+  static constexpr auto kLoops = allLoops(std::make_index_sequence<ActFn::kCount>());
+  return kLoops[static_cast<std::size_t>(fn)];
 }
 
 // Turns sums into the layer's results: rows `first` to `first + count` of some frames.
@@ -112,7 +105,9 @@ void activate(ActFn::ActFn fn, float* values, std::size_t count) {
   loopsFor(fn).activate(values, count);
 }
 
-void softmax(float* values, std::size_t count) { softmaxBy<ExpOfNegative>(values, count); }
+void softmax(float* values, std::size_t count) {
+  softmaxBy<ExpOfNegativeBy<Formulas>>(values, count);
+}
 
 }  // namespace HWY_NAMESPACE
 }  // namespace mlnn

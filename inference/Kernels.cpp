@@ -36,26 +36,7 @@ const Kernels& kernels() {
 
 // One value at a time; for what the compiler may use everywhere only.
 float scalarActivated(ActFn::ActFn fn, float x) {
-  using Formulas = ActivationFormulas<ScalarOps>;
-  switch (fn) {
-    case ActFn::linear:
-      return Formulas::linear(x);
-    case ActFn::sigmoid:
-      return Formulas::sigmoid(x);
-    case ActFn::tanh:
-      return Formulas::tanh(x);
-    case ActFn::relu:
-      return Formulas::relu(x);
-    case ActFn::leaky_relu:
-      return Formulas::leakyRelu(x);
-    case ActFn::elu:
-      return Formulas::elu(x);
-    case ActFn::softplus:
-      return Formulas::softplus(x);
-    case ActFn::silu:
-      return Formulas::silu(x);
-  }
-  return x;
+  return activatedBy<ActivationFormulas<ScalarOps>>(fn, x);
 }
 
 float scalarExpOfNegative(float x) { return ActivationFormulas<ScalarOps>::expOfNegative(x); }

@@ -6,7 +6,10 @@
 #define MLNN_UNFUSED_INL_H
 #endif
 
+#include <array>
+#include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "inference/ActivationFormulas-inl.h"
 #include "inference/Softmax-inl.h"
@@ -73,20 +76,8 @@ struct UnfusedFormulas : ActivationFormulas<Ops> {
   }
 };
 
-#define MLNN_UNFUSED(Name, function)                                                        \
-  struct Name {                                                                             \
-    static HWY_INLINE Vec apply(Vec x) { return UnfusedFormulas<UnfusedOps>::function(x); } \
-  };
-MLNN_UNFUSED(UnfusedLinear, linear)
-MLNN_UNFUSED(UnfusedSigmoid, sigmoid)
-MLNN_UNFUSED(UnfusedTanh, tanh)
-MLNN_UNFUSED(UnfusedRelu, relu)
-MLNN_UNFUSED(UnfusedLeakyRelu, leakyRelu)
-MLNN_UNFUSED(UnfusedElu, elu)
-MLNN_UNFUSED(UnfusedSoftplus, softplus)
-MLNN_UNFUSED(UnfusedSilu, silu)
-MLNN_UNFUSED(UnfusedExp, expOfNegative)
-#undef MLNN_UNFUSED
+using UnfusedVectorFormulas = UnfusedFormulas<UnfusedOps>;
+using UnfusedLinear = FormulaOf<UnfusedVectorFormulas, ActFn::linear>;
 
 // --- Inputs to integers ---
 
@@ -366,13 +357,14 @@ constexpr UnfusedLoops unfusedLoopsOf() {
   return {finishSums<Function>, unfusedColumn<Function>};
 }
 
+template <std::size_t... codes>
+constexpr std::array<UnfusedLoops, ActFn::kCount> allUnfusedLoops(std::index_sequence<codes...>) {
+  return {unfusedLoopsOf<FormulaOf<UnfusedVectorFormulas, static_cast<ActFn::ActFn>(codes)>>()...};
+}
+
 HWY_INLINE const UnfusedLoops& unfusedLoopsFor(ActFn::ActFn fn) {
-  static constexpr UnfusedLoops kLoops[ActFn::kCount] = {
-      unfusedLoopsOf<UnfusedLinear>(),    unfusedLoopsOf<UnfusedSigmoid>(),
-      unfusedLoopsOf<UnfusedTanh>(),      unfusedLoopsOf<UnfusedRelu>(),
-      unfusedLoopsOf<UnfusedLeakyRelu>(), unfusedLoopsOf<UnfusedElu>(),
-      unfusedLoopsOf<UnfusedSoftplus>(),  unfusedLoopsOf<UnfusedSilu>()};
-  return kLoops[fn];
+  static constexpr auto kLoops = allUnfusedLoops(std::make_index_sequence<ActFn::kCount>());
+  return kLoops[static_cast<std::size_t>(fn)];
 }
 
 void finish(const LayerView& layer, const LayerSums& sums, float* y, std::size_t yStride) {
@@ -399,7 +391,7 @@ void giveOneNaN(float* values, std::size_t count) { unfusedColumn<WithOneNaN>(va
 
 // One NaN among the values makes NaN of all.
 void unfusedSoftmax(float* values, std::size_t count) {
-  softmaxBy<UnfusedExp>(values, count);
+  softmaxBy<ExpOfNegativeBy<UnfusedVectorFormulas>>(values, count);
   if (count > 0 && values[0] != values[0]) giveOneNaN(values, count);
 }
 

@@ -32,26 +32,7 @@ struct UnfusedScalarOps : ScalarOps {
 
 // One value at a time; for what the compiler may use everywhere only.
 float scalarUnfusedActivated(ActFn::ActFn fn, float x) {
-  using Formulas = UnfusedFormulas<UnfusedScalarOps>;
-  switch (fn) {
-    case ActFn::linear:
-      return Formulas::linear(x);
-    case ActFn::sigmoid:
-      return Formulas::sigmoid(x);
-    case ActFn::tanh:
-      return Formulas::tanh(x);
-    case ActFn::relu:
-      return Formulas::relu(x);
-    case ActFn::leaky_relu:
-      return Formulas::leakyRelu(x);
-    case ActFn::elu:
-      return Formulas::elu(x);
-    case ActFn::softplus:
-      return Formulas::softplus(x);
-    case ActFn::silu:
-      return Formulas::silu(x);
-  }
-  return x;
+  return activatedBy<UnfusedFormulas<UnfusedScalarOps>>(fn, x);
 }
 
 float scalarUnfusedExpOfNegative(float x) {
