@@ -7,6 +7,7 @@
 #include "features/EigenAssign.h"
 #include "inference/Activation.h"
 #include "inference/FrameMemory.h"
+#include "inference/KernelChoice.h"
 #include "inference/Kernels.h"
 
 namespace mlnn {
@@ -60,20 +61,10 @@ struct Frames {
   Index count;
 };
 
-// The rows of weights that are unpacked at once: few enough to stay in the second-level cache,
-// where that is possible. They are more than kFewRows, or all, so that blocks of rows have the
-// layer's own order of additions.
-std::size_t rowsAtOnce(const LayerView& layer) {
-  constexpr std::size_t kFloats = std::size_t{1} << 16;
-  constexpr std::size_t kAtLeast = 64;
-  if (layer.cols == 0) return layer.rows;
-  return std::min(std::max(kFloats / layer.cols, kAtLeast), layer.rows);
-}
-
 // The rows of the block that begins with row `first`.
 std::size_t rowsFrom(const LayerView& layer, std::size_t first) {
   const std::size_t left = layer.rows - first;
-  const std::size_t rows = std::min(rowsAtOnce(layer), left);
+  const std::size_t rows = std::min(rowsUnpackedAtOnce(layer), left);
   return left - rows <= kFewRows ? left : rows;
 }
 
@@ -97,7 +88,8 @@ StackWidths widthsOf(const LayerSource& stack) {
     widths.outputs = static_cast<Index>(layer.rows);
     widths.widest = std::max(widths.widest, widths.outputs);
     if (isInMemory(layer)) continue;
-    unpacked = std::max(unpacked, std::min(rowsAtOnce(layer) + kFewRows, layer.rows) * layer.cols);
+    unpacked =
+        std::max(unpacked, std::min(rowsUnpackedAtOnce(layer) + kFewRows, layer.rows) * layer.cols);
   }
   if (unpacked > 0) widths.unpacked = static_cast<Index>(unpacked) + kFloatsInCacheLine;
   return widths;

@@ -11,6 +11,7 @@
 
 #include "inference/Activations-inl.h"
 #include "inference/GridCodes-inl.h"
+#include "inference/KernelChoice.h"
 #include "inference/Kernels.h"
 #include "inference/LayerView.h"
 #include "inference/MatrixSweep-inl.h"
@@ -23,9 +24,7 @@ namespace HWY_NAMESPACE {
 // The sums of a tile stay in registers: kTileVectors vectors of rows times kTileFrames frames.
 // With 16 registers two vectors of rows leave room for six frames.
 constexpr int kTileVectors = kManyRegisters ? 4 : 2;
-constexpr int kTileFrames = 5;
 constexpr int kWideTileVectors = kManyRegisters ? 3 : 1;  // for frames that just fit one tile
-constexpr int kWideTileFrames = 8;
 constexpr std::size_t kTileRows = kTileVectors * kLanes;
 
 // What a tile reads and writes.
@@ -205,24 +204,17 @@ HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& pan
   return input < layer.cols ? layer.weights + input * layer.rows : nullptr;
 }
 
-// Whether the tiles of a panel read a copy of it: what is no float, or no whole vector where parts
-// load badly; and for many frames, inputs that lie pages apart and so share few places of a cache.
-HWY_INLINE bool isPacked(const LayerView& layer, const RowPanel& panel, std::size_t frames) {
-  constexpr std::size_t kManyFrames = 192;
-  if (layer.coded != nullptr || (panel.isPartial() && !kLoadsParts)) return true;
-  return frames >= kManyFrames && layer.rows >= kFloatsInPage;
-}
-
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
 void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
   const std::size_t chain = chainLength(layer.rows);
   const bool isCoded = layer.coded != nullptr;
-  if (isSwept(layer, frames)) {
+  const FramesLoops loops = framesLoopsFor(layer, frames);
+  if (loops == FramesLoops::kSweep) {
     return sweepLayer(layer, {x, xStride, y, yStride, frames}, scratch);
   }
-  const bool isWide = streams(layer) && frames > kTileFrames && frames <= kWideTileFrames;
+  const bool isWide = loops == FramesLoops::kWideTiles;
   const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
   const std::size_t tileFrames = isWide ? kWideTileFrames : kTileFrames;
   for (std::size_t input = 0; input < layer.cols; input += kInputsAtOnce) {
@@ -240,7 +232,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 streams(layer) ? weightsAfter(layer, panel) : nullptr,
                 layer.rows,
                 0};
-      if (isPacked(layer, panel, frames)) {
+      if (isPacked(layer, frames, panel.isPartial() && !kLoadsParts)) {
         packPanel(layer, panel, scratch);
         tile.w = scratch;
         tile.wStride = panel.fullRows();

@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "inference/Activations-inl.h"
+#include "inference/KernelChoice.h"
 #include "inference/Kernels.h"
 #include "inference/LayerView.h"
 #include "inference/VectorOps-inl.h"
@@ -20,8 +21,6 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
-constexpr std::size_t kFloatsInPage = 1024;
-constexpr std::size_t kSweepFrames = 8;   // at most
 constexpr std::size_t kSweepColumns = 8;  // at a time
 
 // The vectors of rows of a strip: as many as have room in the registers for F frames.
@@ -29,13 +28,6 @@ template <int F>
 constexpr int stripVectors() {
   constexpr int kSums = kManyRegisters ? 24 : 12;
   return F == 1 ? 8 : std::min(kSums / F, 6);
-}
-
-// How many of so many frames are swept together: as many as there are, up to kSweepFrames. Built
-// for size there are loops for one frame and for four.
-constexpr std::size_t sweptAtOnce(std::size_t frames) {
-  if (kBuiltForSize) return frames < 4 ? 1 : 4;
-  return std::min(frames, kSweepFrames);
 }
 
 // What a sweep reads and writes.
@@ -55,20 +47,6 @@ struct SweptColumns {
   bool ends;     // the chain
   bool isFirst;  // it is the first chain of the sums
 };
-
-HWY_INLINE bool streams(const LayerView& layer) {
-  return layer.coded == nullptr && layer.rows * layer.cols * sizeof(float) >= kSecondLevelBytes;
-}
-
-// Whether a sweep is the best way. With several frames it is where weights come from the memory and
-// each column fills a page: in a panel of rows, every input would be read from another page. From
-// the third-level cache that costs less than keeping the chains.
-HWY_INLINE bool isSwept(const LayerView& layer, std::size_t frames) {
-  constexpr std::size_t kThirdLevelBytes = std::size_t{8} << 20;
-  if (frames == 1) return streams(layer);
-  return frames <= kSweepFrames && layer.coded == nullptr && layer.rows >= kFloatsInPage &&
-         layer.rows * layer.cols * sizeof(float) >= kThirdLevelBytes;
-}
 
 // Loads vector `r` of R of a column; `end` is behind all weights. Built for size, when small layers
 // are swept too, the weights of the next columns may fill up the last vector: no store takes them.

@@ -251,8 +251,9 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
 // The results of a layer for one frame. `scratch` has room for a value for each row.
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, 0, 1);
-  if (layer.coded != nullptr) return codesVector(layer, x, y);
-  if (isSwept(layer, 1)) return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
+  const VectorLoops loops = vectorLoopsFor(layer);
+  if (loops == VectorLoops::kCodes) return codesVector(layer, x, y);
+  if (loops == VectorLoops::kSweep) return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
   multiplyPanels(layer, x, y);
   if (layer.actFn != ActFn::linear) activate(layer.actFn, y, layer.rows);
 }
