@@ -1,5 +1,6 @@
 #include "inference/ModelLayers.h"
 
+#include "layers/LayerArrays.h"
 #include "layers/Report.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -8,21 +9,15 @@ namespace {
 
 using Eigen::Index;
 
-bool isEmptyOr(const Eigen::VectorXf& values, Index length) {
-  return values.size() == 0 || values.size() == length;
-}
-
 // Whether a layer's arrays have the lengths that its kind asks for.
 bool keepsInvariants(const NNLayer& layer) {
   const Index rows = layer.weights.rows();
   if (layer.actFn < 0 || layer.actFn >= ActFn::kCount) return false;
-  if (!layer.isBatchNorm) {
-    return layer.bias.size() == rows && isEmptyOr(layer.gamma, rows) &&
-           isEmptyOr(layer.beta, rows) && isEmptyOr(layer.gamma_inf, rows) &&
-           isEmptyOr(layer.beta_inf, rows);
+  for (const LayerVector& vector : kLayerVectors) {
+    const Index size = vector.of(layer).size();
+    if (size != rows && (size != 0 || vector.isUsedBy(layer))) return false;
   }
-  return isEmptyOr(layer.bias, rows) && layer.gamma.size() == rows && layer.beta.size() == rows &&
-         layer.gamma_inf.size() == rows && layer.beta_inf.size() == rows;
+  return true;
 }
 
 // Whether there is no memory where values should be.

@@ -3,6 +3,7 @@
 #include <random>
 
 #include "features/EigenAssign.h"
+#include "layers/LayerArrays.h"
 #include "layers/Report.h"
 
 namespace {
@@ -26,12 +27,17 @@ bool sameWeightsShape(const NNLayer& a, const NNLayer& b) {
   return a.weights.rows() == b.weights.rows() && a.weights.cols() == b.weights.cols();
 }
 
+// Whether operator+= adds the vector: an image's batch-norm layer may have a bias too.
+bool isAdded(const mlnn::LayerVector& vector, const NNLayer& layer) {
+  return layer.isBatchNorm || vector.isUsedBy(layer);
+}
+
 // Whether the vectors that two layers of one kind would add have the same lengths.
 bool sameVectorLengths(const NNLayer& a, const NNLayer& b) {
-  if (a.bias.size() != b.bias.size()) return false;
-  if (!a.isBatchNorm) return true;
-  return a.gamma.size() == b.gamma.size() && a.beta.size() == b.beta.size() &&
-         a.gamma_inf.size() == b.gamma_inf.size() && a.beta_inf.size() == b.beta_inf.size();
+  for (const mlnn::LayerVector& vector : mlnn::kLayerVectors) {
+    if (isAdded(vector, a) && vector.of(a).size() != vector.of(b).size()) return false;
+  }
+  return true;
 }
 
 void printShapesDiffer(const NNLayer& a, const NNLayer& b) {
@@ -55,10 +61,9 @@ NNLayer::NNLayer(int numInputs, int numOutputs, bool batchNorm)
       actFn(ActFn::linear),
       isBatchNorm(batchNorm) {
   if (!batchNorm) return;
-  mlnn::assignZeros(gamma, numOutputs);
-  mlnn::assignZeros(beta, numOutputs);
-  mlnn::assignZeros(gamma_inf, numOutputs);
-  mlnn::assignZeros(beta_inf, numOutputs);
+  for (const mlnn::LayerVector& vector : mlnn::kLayerVectors) {
+    if (vector.inBatchNorm) mlnn::assignZeros(vector.of(*this), numOutputs);
+  }
 }
 
 NNLayer::NNLayer(int numInputs, int numOutputs, float initScale, bool batchNorm)
@@ -73,12 +78,10 @@ NNLayer::~NNLayer() = default;
 NNLayer& NNLayer::operator=(NNLayer&& other) noexcept = default;
 
 NNLayer& NNLayer::operator=(const NNLayer& other) {
-  mlnn::assign(bias, other.bias);
   mlnn::assign(weights, other.weights);
-  mlnn::assign(gamma, other.gamma);
-  mlnn::assign(beta, other.beta);
-  mlnn::assign(gamma_inf, other.gamma_inf);
-  mlnn::assign(beta_inf, other.beta_inf);
+  for (const mlnn::LayerVector& vector : mlnn::kLayerVectors) {
+    mlnn::assign(vector.of(*this), vector.of(other));
+  }
   actFn = other.actFn;
   isBatchNorm = other.isBatchNorm;
   return *this;
@@ -100,30 +103,17 @@ NNLayer& NNLayer::operator+=(const NNLayer& other) {
     return *this;
   }
   weights += other.weights;
-  bias += other.bias;
-  if (!isBatchNorm) return *this;
-  gamma += other.gamma;
-  beta += other.beta;
-  gamma_inf += other.gamma_inf;
-  beta_inf += other.beta_inf;
+  for (const mlnn::LayerVector& vector : mlnn::kLayerVectors) {
+    if (isAdded(vector, *this)) vector.of(*this) += vector.of(other);
+  }
   return *this;
 }
 
 NNLayer& NNLayer::operator*=(float factor) {
-  weights *= factor;
-  bias *= factor;
-  gamma *= factor;
-  beta *= factor;
-  gamma_inf *= factor;
-  beta_inf *= factor;
+  mlnn::forEachArray(*this, [factor](const char*, auto& values) { values *= factor; });
   return *this;
 }
 
 void NNLayer::zeros() {
-  weights.setZero();
-  bias.setZero();
-  gamma.setZero();
-  beta.setZero();
-  gamma_inf.setZero();
-  beta_inf.setZero();
+  mlnn::forEachArray(*this, [](const char*, auto& values) { values.setZero(); });
 }

@@ -7,6 +7,7 @@
 #include "layers/ByteIo.h"
 #include "layers/Crc32c.h"
 #include "layers/FreshMemory.h"
+#include "layers/LayerArrays.h"
 
 namespace mlnn {
 namespace {
@@ -101,9 +102,9 @@ bool readPlain(NNLayer& layer, const LayerRecordHead& head, StreamBytes& bytes) 
   NNLayer fresh;
   shape(fresh, head);
   if (!bytes.take(fresh.weights.data(), bytesOf(fresh.weights))) return false;
-  for (Eigen::VectorXf* values :
-       {&fresh.bias, &fresh.gamma, &fresh.beta, &fresh.gamma_inf, &fresh.beta_inf}) {
-    if (!bytes.take(values->data(), bytesOf(*values))) return false;
+  for (const LayerVector& vector : kLayerVectors) {
+    Eigen::VectorXf& values = vector.of(fresh);
+    if (!bytes.take(values.data(), bytesOf(values))) return false;
   }
   if (!arePlainWithoutRowScales(fresh.weights.data(), numWeights(head))) return false;
   layer = std::move(fresh);
@@ -285,9 +286,9 @@ WeightsRef weightsOf(const NNLayer& layer) {
 WeightsPlan planRecord(const NNLayer& layer) { return planWeights(weightsOf(layer)); }
 
 uint64_t recordLength(const NNLayer& layer, const WeightsPlan& plan) {
-  return sizeof(LayerRecordHead) + weightsLength(plan, weightsOf(layer)) +
-         sizeof(float) * uint64_t(layer.bias.size() + layer.gamma.size() + layer.beta.size() +
-                                  layer.gamma_inf.size() + layer.beta_inf.size());
+  uint64_t length = sizeof(LayerRecordHead) + weightsLength(plan, weightsOf(layer));
+  for (const LayerVector& vector : kLayerVectors) length += bytesOf(vector.of(layer));
+  return length;
 }
 
 void writeRecord(const NNLayer& layer, const WeightsPlan& plan, ByteSink& sink) {
@@ -298,9 +299,9 @@ void writeRecord(const NNLayer& layer, const WeightsPlan& plan, ByteSink& sink) 
   } else {
     writeCoded(plan, weightsOf(layer), sink);
   }
-  for (const Eigen::VectorXf* values :
-       {&layer.bias, &layer.gamma, &layer.beta, &layer.gamma_inf, &layer.beta_inf}) {
-    sink.take(values->data(), bytesOf(*values));
+  for (const LayerVector& vector : kLayerVectors) {
+    const Eigen::VectorXf& values = vector.of(layer);
+    sink.take(values.data(), bytesOf(values));
   }
 }
 
