@@ -1,0 +1,94 @@
+// Prints, for each analysis, the longest time that its watch is not called: how long it takes to
+// stop the work. The network is the largest of the benchmarks. Usage: WatchBench
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <sstream>
+#include <string>
+
+#include "analysis/BehaviourDiff.h"
+#include "analysis/FrameTimer.h"
+#include "analysis/Histogram.h"
+#include "analysis/ModelAverage.h"
+#include "analysis/ModelBudget.h"
+#include "analysis/ModelDigest.h"
+#include "analysis/ModelSuspicions.h"
+#include "analysis/NumberDiff.h"
+#include "analysis/PrecisionSweep.h"
+#include "analysis/diagnosis/Diagnosis.h"
+#include "inference/Evaluation.h"
+#include "model/FormatFit.h"
+#include "model/ModelFile.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using mlnn::Watch;
+
+double milliseconds(Clock::duration time) {
+  return std::chrono::duration<double, std::milli>(time).count();
+}
+
+void measure(const char* name, const std::function<void(const Watch&)>& work) {
+  const Clock::time_point start = Clock::now();
+  Clock::time_point last = start;
+  Clock::duration longest{};
+  const auto note = [&] {
+    const Clock::time_point now = Clock::now();
+    longest = std::max(longest, now - last);
+    last = now;
+  };
+  work([&note](std::size_t) { note(); });
+  note();
+  std::printf("%-20s %8.1f ms in all, %6.1f ms between two calls at most\n", name,
+              milliseconds(last - start), milliseconds(longest));
+  std::fflush(stdout);
+}
+
+// 1800 inputs, five layers of 2048 and 6000 outputs.
+MultiLayerNNModel largeModel() {
+  int sizes[] = {1800, 2048, 2048, 2048, 2048, 2048, 6000};
+  return MultiLayerNNModel(sizes, 7);
+}
+
+}  // namespace
+
+int main() {
+  mlnn::ModelFile file;
+  file.model = largeModel();
+  MultiLayerNNModel& model = file.model;
+  MultiLayerNNModel other = model;
+  const Eigen::MatrixXf frames = Eigen::MatrixXf::Random(1800, 300);
+  std::string whyNot;
+  const auto inputs = mlnn::RecordingInputs::forFrames(model, 1800, true, "frames", whyNot).value();
+  measure("suspicions", [&](const Watch& watch) { mlnn::suspicionsOf(file, watch); });
+  measure("digest", [&](const Watch& watch) { mlnn::digestOf(file, watch); });
+  measure("numbers", [&](const Watch& watch) { mlnn::compareNumbers(model, other, watch); });
+  measure("behaviour", [&](const Watch& watch) {
+    mlnn::BehaviourDiff(model, other).addRecording("r", frames, inputs, inputs, watch);
+  });
+  measure("evaluation",
+          [&](const Watch& watch) { mlnn::evaluateFrames(model, frames, inputs, watch); });
+  measure("sweep", [&](const Watch& watch) {
+    mlnn::PrecisionSweep sweep(model);
+    sweep.addRecording(frames.leftCols(20), inputs, std::nullopt, watch);
+    sweep.measure(8, watch);
+  });
+  measure("average", [&](const Watch& watch) {
+    mlnn::ModelAverage average;
+    average.add(model, 0.5f, watch);
+    average.add(other, 0.5f, watch);
+  });
+  measure("histogram", [&](const Watch& watch) {
+    const Eigen::MatrixXf& weights = model.layers.back()->weights;
+    mlnn::histogramOf(weights.data(), static_cast<std::size_t>(weights.size()), 64, watch);
+  });
+  measure("time", [&](const Watch& watch) { mlnn::timeFrames(model, 0.5, watch); });
+  measure("file sizes", [&](const Watch& watch) { mlnn::fileSizesOf(model, watch); });
+  std::ostringstream out;
+  mlnn::writeText(model, 9, out);
+  const std::string text = out.str();
+  measure("diagnosis", [&](const Watch& watch) { mlnn::diagnose(text, watch); });
+  return 0;
+}
