@@ -5,9 +5,7 @@
 
 #include "inference/Evaluation.h"
 #include "inference/NNFwdPassFromFile.h"
-#include "text/Escape.h"
-#include "tools/files/Frames.h"
-#include "tools/files/InputFile.h"
+#include "inference/Pace.h"
 
 namespace mlnn {
 namespace {
@@ -25,42 +23,43 @@ bool StageDifference::isBeyond(double tolerance) const {
   return valuesA != valuesB || difference.largest() > tolerance;
 }
 
-BehaviourDiff::BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b) : a_(a), b_(b) {
+BehaviourDiff::BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b) : a_(&a), b_(&b) {
   for (const std::string& name : stageNames(std::min(a.layers.size(), b.layers.size()))) {
     stages_.push_back({name, 0, 0, {}});
   }
 }
 
-void BehaviourDiff::addRecordings(const std::vector<std::string>& names, bool stacked) {
-  Progress progress(names.size());
-  for (const std::string& name : names) {
-    const Eigen::MatrixXf frames = readRecording(name);
-    progress.beginPart(escaped(name), static_cast<std::size_t>(frames.cols()));
-    addRecording(name, frames, stacked, progress);
-  }
-}
-
-void BehaviourDiff::addRecording(const std::string& name, const Eigen::MatrixXf& frames,
-                                 bool stacked, Progress& progress) {
-  const Inputs inputsA = Inputs::forFrames(a_, frames.rows(), stacked, inputName(name));
-  const Inputs inputsB = Inputs::forFrames(b_, frames.rows(), stacked, inputName(name));
-  const std::unique_ptr<NNFwdPassFromFile> passA(a_.createFwdPass());
-  const std::unique_ptr<NNFwdPassFromFile> passB(b_.createFwdPass());
-  Inputs::Blocks blocksA(inputsA, frames);
-  Inputs::Blocks blocksB(inputsB, frames);
-  const Eigen::Index length =
-      std::min({blocksA.maxLength(), blocksB.maxLength(), framesAtOnce(a_), framesAtOnce(b_)});
+bool BehaviourDiff::addRecording(const std::string& name,
+                                 const Eigen::Ref<const Eigen::MatrixXf>& frames,
+                                 const RecordingInputs& inputsA, const RecordingInputs& inputsB,
+                                 const Watch& watch) {
+  const std::unique_ptr<NNFwdPassFromFile> passA(a_->createFwdPass());
+  const std::unique_ptr<NNFwdPassFromFile> passB(b_->createFwdPass());
+  RecordingInputs::Blocks blocksA(inputsA, frames);
+  RecordingInputs::Blocks blocksB(inputsB, frames);
+  Pace pace(watch, std::min({blocksA.maxLength(), blocksB.maxLength(), framesAtOnce(*a_),
+                             framesAtOnce(*b_)}));
   Eigen::Index first = 0;
   while (first < frames.cols()) {
-    const auto a = blocksA.next(length);
-    const auto b = blocksB.next(length);
-    blocks_.push_back({name, first});
-    addBlock(evaluateStages(*passA, *a), evaluateStages(*passB, *b));
+    const auto a = blocksA.next(pace.frames());
+    const auto b = blocksB.next(pace.frames());
+    bool isDone = false;
+    pace.run([&] {
+      const std::optional<StageValues> valuesA = evaluateStages(*passA, *a);
+      const std::optional<StageValues> valuesB =
+          valuesA ? evaluateStages(*passB, *b) : std::nullopt;
+      isDone = valuesB.has_value();
+      if (!isDone) return;
+      blocks_.push_back({name, first});
+      addBlock(*valuesA, *valuesB);
+    });
+    if (!isDone) return false;
     first += a->cols();
-    progress.advance(static_cast<std::size_t>(a->cols()));
+    tell(watch, static_cast<std::size_t>(a->cols()));
   }
   ++recordings_;
   frames_ += static_cast<std::size_t>(frames.cols());
+  return true;
 }
 
 void BehaviourDiff::addBlock(const StageValues& a, const StageValues& b) {

@@ -9,14 +9,15 @@
 
 #include "analysis/Difference.h"
 #include "analysis/Stage.h"
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "inference/RecordingInputs.h"
 #include "model/MultiLayerNNModel.h"
-#include "tools/reports/Progress.h"
 
 namespace mlnn {
 
 // How far apart the models are at one stage (analysis/Stage.h) over all frames.
-struct StageDifference {
+struct MLNN_EXPORT StageDifference {
   std::string stage;
   Eigen::Index valuesA = 0;  // values for one frame
   Eigen::Index valuesB = 0;
@@ -33,15 +34,20 @@ struct FramePlace {
   Eigen::Index unit = 0;
 };
 
-class BehaviourDiff {
+class MLNN_EXPORT BehaviourDiff {
  public:
   // REQUIRES: both models outlive this object and do not change.
   BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b);
 
-  // Runs both models over the frames of recordings, each on the input vectors that its own
-  // description makes of them, and adds up the differences. Shows its progress.
-  // Throws: Failure when a recording cannot be read or a model cannot be run over it.
-  void addRecordings(const std::vector<std::string>& names, bool stacked);
+  // Runs both models over a recording, each on the input vectors that its own description makes of
+  // the frames, and adds up the differences. `name` is what FramePlace calls the recording. `watch`
+  // is told of frames.
+  // Returns: whether both models can be run; if not, after the forward pass's own message.
+  // On failure, and when the watch throws: a part of the recording is taken in.
+  // REQUIRES: the inputs were made for frames as wide as these, of a and of b.
+  bool addRecording(const std::string& name, const Eigen::Ref<const Eigen::MatrixXf>& frames,
+                    const RecordingInputs& inputsA, const RecordingInputs& inputsB,
+                    const Watch& watch = {});
 
   // The inputs, the layers that both models have, and the outputs, in this order.
   const std::vector<StageDifference>& stages() const { return stages_; }
@@ -64,12 +70,10 @@ class BehaviourDiff {
     Eigen::Index firstFrame;
   };
 
-  void addRecording(const std::string& name, const Eigen::MatrixXf& frames, bool stacked,
-                    Progress& progress);
   void addBlock(const StageValues& a, const StageValues& b);
 
-  MultiLayerNNModel& a_;
-  MultiLayerNNModel& b_;
+  MultiLayerNNModel* a_;
+  MultiLayerNNModel* b_;
   std::vector<StageDifference> stages_;
   std::vector<Block> blocks_;  // what Difference::Place calls a pair
   std::size_t recordings_ = 0;

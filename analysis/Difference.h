@@ -5,19 +5,23 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "features/EigenBorder.h"
+#include "features/Export.h"
+#include "features/Watch.h"
+
 namespace mlnn {
 
 // Two values are the same when they compare equal, or when neither is a number. Their
 // absolute difference is then 0; it is infinite where only one is a number, or only one is
 // finite.
-double absoluteDifference(float a, float b);
+MLNN_EXPORT double absoluteDifference(float a, float b);
 
 // The difference in units in the last place: how many floats lie between the two values, the
 // second one counted. 0 for the same values; 2^32 - 1 where only one is a number.
-uint32_t ulpDistance(float a, float b);
+MLNN_EXPORT uint32_t ulpDistance(float a, float b);
 
 // Sums up the differences of any number of pairs of arrays.
-class Difference {
+class MLNN_EXPORT Difference {
  public:
   // Where a value stands: in which pair of arrays, and there in which row and column, all
   // counted from 0.
@@ -27,9 +31,10 @@ class Difference {
     Eigen::Index col = 0;
   };
 
-  // Takes in another pair of arrays.
-  // REQUIRES: both have the same shape.
-  void add(const Eigen::Ref<const Eigen::MatrixXf>& a, const Eigen::Ref<const Eigen::MatrixXf>& b);
+  // Takes in another pair of arrays. `watch` is called with 0 steps; what it throws leaves a part
+  // of the pair taken in. REQUIRES: both have the same shape.
+  void add(const Eigen::Ref<const Eigen::MatrixXf>& a, const Eigen::Ref<const Eigen::MatrixXf>& b,
+           const Watch& watch = {});
 
   std::size_t count() const { return count_; }          // pairs of values taken in
   std::size_t differing() const { return differing_; }  // those that are not the same

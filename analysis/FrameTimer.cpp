@@ -10,9 +10,8 @@
 #include <vector>
 
 #include "inference/NNFwdPassFromFile.h"
+#include "inference/Evaluation.h"
 #include "model/StackOutputs.h"
-#include "tools/Failure.h"
-#include "tools/reports/Progress.h"
 
 namespace mlnn {
 namespace {
@@ -20,19 +19,11 @@ namespace {
 constexpr double kWarmUpShare = 0.2;       // of the whole time, before anything is measured
 constexpr double kMinMeasurement = 0.001;  // seconds; much longer than the clock's own steps
 constexpr std::size_t kMinMeasurements = 5;
-constexpr std::size_t kProgressSteps = 100;
 
 double processorSeconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
-// Makes sure that inputs take no more memory than the model's own file.
-// Throws: Failure.
-MultiLayerNNModel& withOutputs(MultiLayerNNModel& model) {
-  if (!model.layers.empty() && !hasOutputs(model.layers)) throw Failure(kNoOutputs);
-  return model;
 }
 
 // Some frames with values in 0..1, as normalised features have; the same ones every time.
@@ -49,16 +40,18 @@ Eigen::MatrixXf randomFrames(Eigen::Index width) {
 class Timer {
  public:
   explicit Timer(MultiLayerNNModel& model)
-      : pass_(withOutputs(model).createFwdPass()), frames_(randomFrames(model.numInputs())) {}
+      : pass_(model.createFwdPass()), frames_(randomFrames(model.numInputs())) {}
+
+  // Whether the model can be run at all; the first evaluation tells.
+  bool runs() { return pass_->evaluate(frames_.leftCols(1), outputs_) == 0; }
 
   // Evaluates `count` frames and returns the processor time that it took.
+  // REQUIRES: runs() was true.
   double evaluate(std::size_t count) {
     const double start = processorSeconds();
     for (std::size_t i = 0; i < count; ++i) {
       const Eigen::Index frame = evaluated_++ % frames_.cols();
-      if (pass_->evaluate(frames_.col(frame), outputs_) != 0) {
-        throw Failure("the model cannot be run");
-      }
+      pass_->evaluate(frames_.col(frame), outputs_);
     }
     return processorSeconds() - start;
   }
@@ -72,22 +65,22 @@ class Timer {
   Eigen::Index evaluated_ = 0;
 };
 
-// A bar that shows how much of some processor time is spent.
+// Tells a watch how much of some processor time is spent.
 class SpentTime {
  public:
-  explicit SpentTime(double seconds) : seconds_(seconds) {}
+  SpentTime(double seconds, const Watch& watch) : seconds_(seconds), watch_(watch) {}
 
   void add(double seconds) {
     spent_ += seconds;
     const double share = std::min(spent_ / seconds_, 1.0);
-    const auto steps = static_cast<std::size_t>(share * double{kProgressSteps});
-    progress_.advance(steps - shown_);
+    const auto steps = static_cast<std::size_t>(share * double{kTimingSteps});
+    tell(watch_, steps - shown_);
     shown_ = steps;
   }
 
  private:
-  Progress progress_{"measuring", kProgressSteps};
   double seconds_;
+  const Watch& watch_;
   double spent_ = 0;
   std::size_t shown_ = 0;
 };
@@ -117,10 +110,20 @@ FrameTime summary(std::vector<double> times, std::size_t frames) {
 
 }  // namespace
 
-FrameTime timeFrames(MultiLayerNNModel& model, double seconds) {
+std::optional<FrameTime> timeFrames(MultiLayerNNModel& model, double seconds, std::string& whyNot,
+                                    const Watch& watch) {
+  // Inputs must not take more memory than the model's own file.
+  if (!model.layers.empty() && !hasOutputs(model.layers)) {
+    whyNot = kNoOutputs;
+    return std::nullopt;
+  }
   Timer timer(model);
+  if (!timer.runs()) {
+    whyNot = kCannotBeRun;
+    return std::nullopt;
+  }
   const double warmUp = kWarmUpShare * seconds;
-  SpentTime shown(warmUp + seconds);
+  SpentTime shown(warmUp + seconds, watch);
   const std::size_t frames = framesInMeasurement(timer, warmUp, shown);
   const std::size_t before = timer.evaluated();
   std::vector<double> times;

@@ -2,7 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
+#include <string>
 
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -18,7 +22,12 @@ struct FrameTime {
 // Runs the model over random frames, one a call as when frames arrive one by one, for about
 // `seconds` of processor time after a warm-up. What counts is the time that the processor
 // spends here, so other programs that run at the same time disturb little.
-// Throws: Failure, after the forward pass's own message, when the model cannot be run.
-FrameTime timeFrames(MultiLayerNNModel& model, double seconds);
+// `watch` is told of kTimingSteps steps in all.
+// Returns: nothing, with `whyNot` set, when the model has no outputs or, after the forward pass's own
+// message, cannot be run.
+MLNN_EXPORT std::optional<FrameTime> timeFrames(MultiLayerNNModel& model, double seconds,
+                                                std::string& whyNot, const Watch& watch = {});
+
+inline constexpr std::size_t kTimingSteps = 100;
 
 }  // namespace mlnn

@@ -7,15 +7,29 @@
 namespace mlnn {
 namespace {
 
+// Calls `use(first, last)` for pieces of the values, and tells the watch of each.
+template <typename Use>
+void inPieces(const float* values, std::size_t count, const Watch& watch, Use use) {
+  constexpr std::size_t kPiece = std::size_t{1} << 20;
+  for (std::size_t done = 0; done < count;) {
+    const std::size_t piece = std::min(kPiece, count - done);
+    use(values + done, values + done + piece);
+    done += piece;
+    tell(watch, piece);
+  }
+}
+
 // The range of the finite values; of no width when there are none, or all are equal.
-void setRange(Histogram& histogram, const float* values, std::size_t count) {
+void setRange(Histogram& histogram, const float* values, std::size_t count, const Watch& watch) {
   double low = std::numeric_limits<double>::infinity();
   double high = -low;
-  for (std::size_t i = 0; i < count; ++i) {
-    if (!std::isfinite(values[i])) continue;
-    low = std::min(low, double{values[i]});
-    high = std::max(high, double{values[i]});
-  }
+  inPieces(values, count, watch, [&](const float* value, const float* last) {
+    for (; value != last; ++value) {
+      if (!std::isfinite(*value)) continue;
+      low = std::min(low, double{*value});
+      high = std::max(high, double{*value});
+    }
+  });
   if (low > high) return;
   histogram.low = low;
   histogram.high = high;
@@ -31,20 +45,23 @@ void widenEmptyRange(Histogram& histogram) {
 
 }  // namespace
 
-Histogram histogramOf(const float* values, std::size_t count, std::size_t bins) {
+Histogram histogramOf(const float* values, std::size_t count, std::size_t bins,
+                      const Watch& watch) {
   Histogram histogram;
   histogram.counts.resize(bins);
-  setRange(histogram, values, count);
+  setRange(histogram, values, count, watch);
   widenEmptyRange(histogram);
   const double binsPerUnit = static_cast<double>(bins) / (histogram.high - histogram.low);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (!std::isfinite(values[i])) {
-      ++histogram.notFinite;
-      continue;
+  inPieces(values, count, watch, [&](const float* value, const float* last) {
+    for (; value != last; ++value) {
+      if (!std::isfinite(*value)) {
+        ++histogram.notFinite;
+        continue;
+      }
+      const auto bin = static_cast<std::size_t>((double{*value} - histogram.low) * binsPerUnit);
+      ++histogram.counts[std::min(bin, bins - 1)];  // the largest value belongs to the last bin
     }
-    const auto bin = static_cast<std::size_t>((double{values[i]} - histogram.low) * binsPerUnit);
-    ++histogram.counts[std::min(bin, bins - 1)];  // the largest value belongs to the last bin
-  }
+  });
   return histogram;
 }
 

@@ -4,6 +4,9 @@
 #include <cstddef>
 #include <vector>
 
+#include "features/Export.h"
+#include "features/Watch.h"
+
 namespace mlnn {
 
 struct Histogram {
@@ -15,7 +18,9 @@ struct Histogram {
 
 // Counts `count` values into `bins` bins. Values that are all equal fall into the middle bin of
 // a range around them.
+// `watch` is told of values, each of which is looked at twice.
 // REQUIRES: bins is not 0.
-Histogram histogramOf(const float* values, std::size_t count, std::size_t bins);
+MLNN_EXPORT Histogram histogramOf(const float* values, std::size_t count, std::size_t bins,
+                                  const Watch& watch = {});
 
 }  // namespace mlnn

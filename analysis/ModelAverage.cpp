@@ -5,10 +5,13 @@
 #include <cstring>
 #include <utility>
 
+#include "layers/LayerArrays.h"
 #include "text/Numbers.h"
 
 namespace mlnn {
 namespace {
+
+constexpr std::size_t kValuesBetweenCalls = std::size_t{1} << 20;
 
 struct Values {
   float* data;
@@ -24,11 +27,9 @@ std::vector<Values> averagedArrays(const MultiLayerNNModel& model) {
   std::vector<Values> arrays;
   for (NNLayer* layer : model.layers) {
     arrays.push_back(valuesOf(layer->weights));
-    arrays.push_back(valuesOf(layer->bias));
-    if (!layer->isBatchNorm) continue;
-    for (Eigen::VectorXf* vector :
-         {&layer->gamma, &layer->beta, &layer->gamma_inf, &layer->beta_inf}) {
-      arrays.push_back(valuesOf(*vector));
+    for (const LayerVector& vector : kLayerVectors) {
+      if (layer->isBatchNorm || vector.isUsedBy(*layer))
+        arrays.push_back(valuesOf(vector.of(*layer)));
     }
   }
   return arrays;
@@ -44,12 +45,16 @@ bool sameBits(float a, float b) { return bitsOf(a) == bitsOf(b); }
 
 // Calls `use(a, b, index)` for each pair of parameters of two models that have a mean.
 template <typename Use>
-void forEachPair(const MultiLayerNNModel& a, const MultiLayerNNModel& b, Use use) {
+void forEachPair(const MultiLayerNNModel& a, const MultiLayerNNModel& b, const Watch& watch,
+                 Use use) {
   const std::vector<Values> inA = averagedArrays(a);
   const std::vector<Values> inB = averagedArrays(b);
   std::size_t index = 0;
   for (std::size_t i = 0; i < inA.size(); ++i) {
-    for (std::size_t k = 0; k < inA[i].count; ++k) use(inA[i].data[k], inB[i].data[k], index++);
+    for (std::size_t k = 0; k < inA[i].count; ++k) {
+      if (k % kValuesBetweenCalls == 0) tell(watch, 0);
+      use(inA[i].data[k], inB[i].data[k], index++);
+    }
   }
 }
 
@@ -96,19 +101,22 @@ std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& s
          onOrOff(first.useSoftmax);
 }
 
-void ModelAverage::add(MultiLayerNNModel model, float share) {
+void ModelAverage::add(MultiLayerNNModel model, float share, const Watch& watch) {
   if (isEmpty_) {
     sum_ = model;
+    tell(watch, 0);
     sum_ *= share;
     first_ = std::move(model);
+    tell(watch, 0);
     agrees_.assign(parameterCount(first_), true);
     isEmpty_ = false;
     return;
   }
-  forEachPair(first_, model, [this](float first, float other, std::size_t i) {
+  forEachPair(first_, model, watch, [this](float first, float other, std::size_t i) {
     if (!sameBits(first, other)) agrees_[i] = false;
   });
   model *= share;
+  tell(watch, 0);
   sum_ += model;
 }
 
@@ -117,7 +125,7 @@ bool ModelAverage::allAgree() const {
 }
 
 MultiLayerNNModel ModelAverage::take() {
-  forEachPair(first_, sum_, [this](float& first, float sum, std::size_t i) {
+  forEachPair(first_, sum_, {}, [this](float& first, float sum, std::size_t i) {
     if (!agrees_[i]) first = sum;
   });
   MultiLayerNNModel mean = std::move(first_);

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -13,7 +15,7 @@ namespace mlnn {
 // mean: in their number, or a layer in its kind, shape or activation; or that one of the models
 // has a softmax. Layers count from 1.
 // Returns: "" when nothing of this differs.
-std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& second);
+MLNN_EXPORT std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& second);
 
 // Adds up the models as they come, each times its share, by the models' own *= and +=; so three
 // models are in memory at most.
@@ -22,11 +24,13 @@ std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& s
 // shares are. (The sum alone would not see to that: three thirds of a float need not add up to
 // it.) The mean of two models with shares of one half is the exact one, rounded once, for
 // all but the smallest numbers (below 2^-125).
-class ModelAverage {
+class MLNN_EXPORT ModelAverage {
  public:
   // Takes in the next model. The first one gives the mean all that is not averaged.
+  // `watch` is called with 0 steps; what it throws leaves nothing that can still be used but
+  // assigned to or destroyed.
   // REQUIRES: whyNoMean() is "" for the first model and this one.
-  void add(MultiLayerNNModel model, float share);
+  void add(MultiLayerNNModel model, float share, const Watch& watch = {});
 
   // The first of the models, as it came; an empty one before that.
   const MultiLayerNNModel& first() const { return first_; }

@@ -3,35 +3,49 @@
 #include <memory>
 #include <ostream>
 #include <streambuf>
+#include <string>
 
 #include "analysis/WeightForms.h"
 #include "inference/CodedFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
-#include "tools/CapturedDiagnostics.h"
-#include "tools/Failure.h"
-#include "tools/ModelFit.h"
-#include "tools/files/ModelSaving.h"
+#include "layers/LayerArrays.h"
+#include "layers/Messages.h"
+#include "model/FormatFit.h"
+#include "text/Numbers.h"
 
 namespace mlnn {
 namespace {
 
-// Counts what is written to it.
+// Counts what is written to it, and tells a watch.
 class CountingBuffer : public std::streambuf {
  public:
+  explicit CountingBuffer(const Watch& watch) : watch_(watch) {}
+
   uint64_t count() const { return count_; }
 
  protected:
   std::streamsize xsputn(const char*, std::streamsize length) override {
-    count_ += static_cast<uint64_t>(length);
+    add(static_cast<uint64_t>(length));
     return length;
   }
   int_type overflow(int_type character) override {
-    ++count_;
+    add(1);
     return traits_type::not_eof(character);
   }
 
  private:
+  void add(uint64_t length) {
+    constexpr uint64_t kBytesBetweenCalls = uint64_t{1} << 18;
+    count_ += length;
+    if (count_ - told_ < kBytesBetweenCalls) return;
+    const uint64_t further = count_ - told_;
+    told_ = count_;
+    tell(watch_, static_cast<std::size_t>(further));
+  }
+
+  const Watch& watch_;
   uint64_t count_ = 0;
+  uint64_t told_ = 0;  // of which the watch knows
 };
 
 template <typename Array>
@@ -42,8 +56,8 @@ uint64_t lengthOf(const Array& array) {
 void add(const NNLayer& layer, ModelBudget& budget) {
   const uint64_t weights = lengthOf(layer.weights);
   const auto outputs = static_cast<uint64_t>(layer.weights.rows());
-  const uint64_t all = weights + lengthOf(layer.bias) + lengthOf(layer.gamma) +
-                       lengthOf(layer.beta) + lengthOf(layer.gamma_inf) + lengthOf(layer.beta_inf);
+  uint64_t all = 0;
+  forEachArray(layer, [&all](const char*, const auto& values) { all += lengthOf(values); });
   budget.parameterBytes += all * sizeof(float);
   budget.readBytes += (weights + (layer.isBatchNorm ? 2 : 1) * outputs) * sizeof(float);
   budget.multiplyAdds += weights + (layer.isBatchNorm ? outputs : 0);
@@ -57,29 +71,29 @@ MultiLayerNNModel wholeCopy(const MultiLayerNNModel& model) {
   return copy;
 }
 
-std::optional<uint64_t> imageSizeOf(MultiLayerNNModel model) {
-  const CapturedDiagnostics silence;
-  fitToFormat(model, ModelFormat::kBinary, kExactDigits);
-  const int length = model.binarySerializedLength();
+// The model as it is written in the format; nothing where that has no way to write it.
+std::optional<MultiLayerNNModel> readyFor(ModelFormat format, const MultiLayerNNModel& model,
+                                          const Watch& watch) {
+  MultiLayerNNModel copy = wholeCopy(model);
+  std::string whyNot;
+  if (!fitToFormat(copy, format, kExactDigits, whyNot, watch)) return std::nullopt;
+  return copy;
+}
+
+std::optional<uint64_t> imageSizeOf(const MultiLayerNNModel& model, const Watch& watch) {
+  const auto ready = readyFor(ModelFormat::kBinary, model, watch);
+  const int length = ready ? ready->binarySerializedLength() : -1;
   return length < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(length));
 }
 
-std::optional<uint64_t> textSizeOf(MultiLayerNNModel model) {
-  const CapturedDiagnostics silence;
-  fitToFormat(model, ModelFormat::kText, kExactDigits);
-  CountingBuffer buffer;
+std::optional<uint64_t> textSizeOf(const MultiLayerNNModel& model, const Watch& watch) {
+  const auto ready = readyFor(ModelFormat::kText, model, watch);
+  if (!ready) return std::nullopt;
+  CountingBuffer buffer(watch);
   std::ostream out(&buffer);
-  writeModel(model, ModelFormat::kText, kExactDigits, out);
+  out.exceptions(std::ios::badbit);  // so that what the watch throws passes through
+  writeText(*ready, kExactDigits, out);
   return buffer.count();
-}
-
-template <typename Size>
-std::optional<uint64_t> ifPossible(Size size, const MultiLayerNNModel& model) {
-  try {
-    return size(wholeCopy(model));
-  } catch (const Failure&) {
-    return std::nullopt;
-  }
 }
 
 }  // namespace
@@ -93,14 +107,15 @@ ModelBudget budgetOf(const MultiLayerNNModel& model) {
   return budget;
 }
 
-CodedSize codedSizeOf(const MultiLayerNNModel& model, int bits) {
+std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits) {
   const std::unique_ptr<CodedFwdPass> pass = CodedFwdPass::create(model, bits, CodesFor::kMemory);
-  if (pass == nullptr) throw Failure("the model cannot be run");
-  return {pass->weightBytes(), pass->numCodedLayers()};
+  if (pass == nullptr) return std::nullopt;
+  return CodedSize{pass->weightBytes(), pass->numCodedLayers()};
 }
 
-FileSizes fileSizesOf(const MultiLayerNNModel& model) {
-  return {ifPossible(imageSizeOf, model), ifPossible(textSizeOf, model)};
+FileSizes fileSizesOf(const MultiLayerNNModel& model, const Watch& watch) {
+  const CollectedMessages silence;
+  return {imageSizeOf(model, watch), textSizeOf(model, watch)};
 }
 
 }  // namespace mlnn

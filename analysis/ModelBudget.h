@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -28,7 +30,7 @@ struct ModelBudget {
   std::string weightForms;
 };
 
-ModelBudget budgetOf(const MultiLayerNNModel& model);
+MLNN_EXPORT ModelBudget budgetOf(const MultiLayerNNModel& model);
 
 // What a forward pass over codes holds in place of the model's arrays.
 struct CodedSize {
@@ -37,16 +39,17 @@ struct CodedSize {
 };
 
 // REQUIRES: bits is 1 to 8.
-// Throws: Failure, after the forward pass's own message, when the model cannot be run.
-CodedSize codedSizeOf(const MultiLayerNNModel& model, int bits);
+// Returns: nothing, after the forward pass's own message, when the model cannot be run.
+MLNN_EXPORT std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits);
 
-// The sizes of the files that `mlnn convert` makes of a model: an image, and a text with nine
-// digits. Nothing where the format has no way to write the model.
+// The sizes of the files that a model is saved to (model/FormatFit.h): an image, and a text with
+// nine digits. Nothing where the format has no way to write the model.
 struct FileSizes {
   std::optional<uint64_t> image;
   std::optional<uint64_t> text;
 };
 
-FileSizes fileSizesOf(const MultiLayerNNModel& model);
+// `watch` is told of the bytes of the text.
+MLNN_EXPORT FileSizes fileSizesOf(const MultiLayerNNModel& model, const Watch& watch = {});
 
 }  // namespace mlnn

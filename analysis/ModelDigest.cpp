@@ -6,25 +6,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <ostream>
-#include <sstream>
 
+#include "layers/LayerArrays.h"
 #include "model/LayerStack.h"
 #include "text/Escape.h"
-#include "tools/Failure.h"
-#include "tools/files/InputFile.h"
-#include "tools/reports/FormatText.h"
 
 namespace mlnn {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-// What a print begins with. The number changes whenever the same model gets other digests.
-constexpr char kTitle[] = "mlnn digest 1";
-constexpr int kVersion = 1;
-constexpr char kFormatName[] = "format";
 
 constexpr char kLayerPrefix[] = "layer ";
 constexpr char kUnusedArrays[] = "unused arrays";
@@ -84,25 +72,13 @@ std::string digestOf(const DbnFeatureDescription& desc) {
   return digestFrom([&desc](Hasher& hasher) { hasher.bytes(&desc, sizeof desc); });
 }
 
-void addBatchNormVectors(Hasher& hasher, const NNLayer& layer) {
-  for (const Eigen::VectorXf* values :
-       {&layer.gamma, &layer.beta, &layer.gamma_inf, &layer.beta_inf}) {
-    hasher.floats(*values);
-  }
-}
-
 std::string digestOf(const NNLayer& layer) {
   return digestFrom([&layer](Hasher& hasher) {
     hasher.number(layer.isBatchNorm ? 1 : 0);
     hasher.number(static_cast<uint64_t>(layer.actFn));
     hasher.number(static_cast<uint64_t>(layer.weights.rows()));
     hasher.number(static_cast<uint64_t>(layer.weights.cols()));
-    hasher.floats(layer.weights);
-    if (layer.isBatchNorm) {
-      addBatchNormVectors(hasher, layer);
-    } else {
-      hasher.floats(layer.bias);
-    }
+    forEachUsedArray(layer, [&hasher](const char*, const auto& values) { hasher.floats(values); });
   });
 }
 
@@ -110,10 +86,8 @@ std::string digestOfUnusedArrays(const std::vector<NNLayer*>& layers) {
   return digestFrom([&layers](Hasher& hasher) {
     for (const NNLayer* entry : layers) {
       const NNLayer& layer = layerOrEmpty(entry);
-      if (layer.isBatchNorm) {
-        hasher.floats(layer.bias);
-      } else {
-        addBatchNormVectors(hasher, layer);
+      for (const LayerVector& vector : kLayerVectors) {
+        if (!vector.isUsedBy(layer)) hasher.floats(vector.of(layer));
       }
     }
   });
@@ -145,75 +119,18 @@ void addTextSections(const MultiLayerNNModel& model, std::vector<DigestSection>&
   }
 }
 
-void addLayerSections(const std::vector<NNLayer*>& layers, std::vector<DigestSection>& sections) {
+void addLayerSections(const std::vector<NNLayer*>& layers, const Watch& watch,
+                      std::vector<DigestSection>& sections) {
   std::vector<std::string> digests;
   digests.reserve(layers.size());
-  for (const NNLayer* layer : layers) digests.push_back(digestOf(layerOrEmpty(layer)));
+  for (const NNLayer* layer : layers) {
+    digests.push_back(digestOf(layerOrEmpty(layer)));
+    tell(watch, 1);
+  }
   sections.push_back({"layers", digestOf(digests)});
   for (std::size_t i = 0; i < digests.size(); ++i) {
     sections.push_back({kLayerPrefix + std::to_string(i + 1), digests[i]});
   }
-}
-
-// --- Prints ---
-
-[[noreturn]] void failToParse(const std::string& fileName) {
-  throw Failure(inputName(fileName) + " is no print of digests: it does not begin with " +
-                inQuotes(kTitle) + ", and is no JSON from this command with --digest");
-}
-
-ModelFormat formatFrom(const std::string& word, const std::string& fileName) {
-  if (word == kTextFormatWord) return ModelFormat::kText;
-  if (word == kBinaryFormatWord) return ModelFormat::kBinary;
-  throw Failure(inputName(fileName) + " tells digests of an unknown format, " + inQuotes(word));
-}
-
-// "NAME   WORD", where the name may have blanks.
-DigestSection parseLine(const std::string& line, const std::string& fileName) {
-  const std::size_t blank = line.rfind(' ');
-  const std::size_t end = line.find_last_not_of(' ', blank);
-  if (blank == std::string::npos || end == std::string::npos || blank + 1 == line.size()) {
-    throw Failure(inputName(fileName) + " has a line that is no digest: " + inQuotes(line));
-  }
-  return {line.substr(0, end + 1), line.substr(blank + 1)};
-}
-
-ModelDigest parseText(const std::string& text, const std::string& fileName) {
-  std::istringstream in(text);
-  std::string line;
-  if (!std::getline(in, line) || line != kTitle) failToParse(fileName);
-  ModelDigest digest;
-  if (!std::getline(in, line)) failToParse(fileName);
-  const DigestSection format = parseLine(line, fileName);
-  if (format.name != kFormatName) failToParse(fileName);
-  digest.format = formatFrom(format.digest, fileName);
-  while (std::getline(in, line)) digest.sections.push_back(parseLine(line, fileName));
-  return digest;
-}
-
-// The document; one whose values nest deeper than any print's is refused. Copies of a value, which
-// its parser makes as well, call themselves for each level.
-Json documentIn(const std::string& text, const std::string& fileName) {
-  constexpr int kMaxDepth = 32;
-  return Json::parse(text, [&fileName](int depth, Json::parse_event_t, const Json&) {
-    if (depth > kMaxDepth) failToParse(fileName);
-    return true;
-  });
-}
-
-ModelDigest parseJson(const std::string& text, const std::string& fileName) {
-  ModelDigest digest;
-  try {
-    const Json json = documentIn(text, fileName).at("digest");
-    if (json.at("version") != kVersion) failToParse(fileName);
-    digest.format = formatFrom(json.at(kFormatName).get<std::string>(), fileName);
-    for (const auto& [name, value] : json.at("sections").items()) {
-      digest.sections.push_back({name, value.get<std::string>()});
-    }
-  } catch (const Json::exception&) {
-    failToParse(fileName);
-  }
-  return digest;
 }
 
 // --- Comparison ---
@@ -261,7 +178,7 @@ std::string differenceText(const DigestSection& section, const Index& before) {
 
 }  // namespace
 
-ModelDigest digestOf(const ModelFile& file) {
+ModelDigest digestOf(const ModelFile& file, const Watch& watch) {
   const MultiLayerNNModel& model = file.model;
   MelDeltasNorm norm = model.deltasNorm;
   norm.allocIfNeeded();
@@ -271,32 +188,11 @@ ModelDigest digestOf(const ModelFile& file) {
                      {"minvals", digestOfFloats(norm.minvals)},
                      {"normvals", digestOfFloats(norm.normvals)}};
   if (file.format == ModelFormat::kText) addTextSections(model, digest.sections);
-  addLayerSections(model.layers, digest.sections);
+  addLayerSections(model.layers, watch, digest.sections);
   if (file.format == ModelFormat::kBinary) {
     digest.sections.push_back({kUnusedArrays, digestOfUnusedArrays(model.layers)});
   }
   return digest;
-}
-
-void printDigest(const ModelDigest& digest, std::ostream& out) {
-  std::size_t width = 0;
-  for (const DigestSection& section : digest.sections) width = std::max(width, section.name.size());
-  const auto line = [width, &out](const std::string& name, const std::string& word) {
-    out << name << std::string(width + 2 - name.size(), ' ') << word << "\n";
-  };
-  out << kTitle << "\n";
-  line(kFormatName, formatWord(digest.format));
-  for (const DigestSection& section : digest.sections) line(section.name, section.digest);
-}
-
-Json jsonOf(const ModelDigest& digest) {
-  Json sections = Json::object();
-  for (const DigestSection& section : digest.sections) sections[section.name] = section.digest;
-  return {{"version", kVersion}, {kFormatName, formatWord(digest.format)}, {"sections", sections}};
-}
-
-ModelDigest parseDigest(const std::string& text, const std::string& fileName) {
-  return text.compare(0, 1, "{") == 0 ? parseJson(text, fileName) : parseText(text, fileName);
 }
 
 DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& before) {

@@ -11,11 +11,11 @@
 // layers carry without computing with them.
 #pragma once
 
-#include <iosfwd>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "model/ModelFile.h"
 
 namespace mlnn {
@@ -32,15 +32,11 @@ struct ModelDigest {
 
 // Returns the digests of all sections that the file's format holds. Activations that the file
 // does not record count as they have been set (model/ModelFile.h).
-ModelDigest digestOf(const ModelFile& file);
+// `watch` is told of layers.
+MLNN_EXPORT ModelDigest digestOf(const ModelFile& file, const Watch& watch = {});
 
-// Prints the digests, one a line.
-void printDigest(const ModelDigest& digest, std::ostream& out);
-nlohmann::ordered_json jsonOf(const ModelDigest& digest);
-
-// Reads what printDigest printed, or JSON that has what jsonOf makes as its "digest".
-// Throws: Failure that names the file where it is neither.
-ModelDigest parseDigest(const std::string& text, const std::string& fileName);
+// Changes whenever the same model gets other digests.
+inline constexpr int kDigestVersion = 1;
 
 // What became of the sections of an earlier digest.
 struct DigestComparison {
@@ -52,6 +48,6 @@ struct DigestComparison {
   std::vector<std::string> notCompared;  // sections that only one of two formats holds
 };
 
-DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& before);
+MLNN_EXPORT DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& before);
 
 }  // namespace mlnn

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "layers/FilledColumns.h"
+#include "layers/LayerArrays.h"
 #include "model/LayerStack.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
@@ -15,6 +16,8 @@ namespace mlnn {
 namespace {
 
 using Eigen::Index;
+
+constexpr Index kColumnsBetweenCalls = 64;
 
 std::size_t sizeOf(Index index) { return static_cast<std::size_t>(index); }
 
@@ -37,7 +40,8 @@ std::string list(const std::vector<Index>& numbers) {
 
 class Finder {
  public:
-  explicit Finder(const ModelFile& file) : file_(file), model_(file.model) {}
+  Finder(const ModelFile& file, const Watch& watch)
+      : file_(file), model_(file.model), watch_(watch) {}
 
   std::vector<Suspicion> run() {
     features();
@@ -45,6 +49,7 @@ class Finder {
     stack();
     for (number_ = 1; number_ <= model_.layers.size(); ++number_) {
       layer(layerOrEmpty(model_.layers[number_ - 1]));
+      tell(watch_, 1);
     }
     number_ = 0;
     activations();
@@ -73,6 +78,7 @@ class Finder {
 
   const ModelFile& file_;
   const MultiLayerNNModel& model_;
+  const Watch& watch_;
   std::size_t number_ = 0;  // of the layer that is looked at, from 1
   std::vector<Suspicion> found_;
 };
@@ -210,26 +216,18 @@ void Finder::layer(const NNLayer& layer) {
 // An array that the kind of layer uses has a value for each output; others may be empty.
 void Finder::lengths(const NNLayer& layer) {
   const Index rows = layer.weights.rows();
-  const auto check = [this, rows](const char* name, const Eigen::VectorXf& values, bool isUsed) {
-    if (values.size() == rows || (!isUsed && values.size() == 0)) return;
-    add("array_length", std::string(name) + " has " + text(values.size()) + " values for " +
+  for (const LayerVector& vector : kLayerVectors) {
+    const Index size = vector.of(layer).size();
+    if (size == rows || (!vector.isUsedBy(layer) && size == 0)) continue;
+    add("array_length", std::string(vector.name) + " has " + text(size) + " values for " +
                             counted(sizeOf(rows), "output"))
-        .array = name;
-  };
-  check("bias", layer.bias, !layer.isBatchNorm);
-  check("gamma", layer.gamma, layer.isBatchNorm);
-  check("beta", layer.beta, layer.isBatchNorm);
-  check("gamma_inf", layer.gamma_inf, layer.isBatchNorm);
-  check("beta_inf", layer.beta_inf, layer.isBatchNorm);
+        .array = vector.name;
+  }
 }
 
 void Finder::values(const NNLayer& layer) {
-  notFinite("weights", layer.weights);
-  notFinite("bias", layer.bias);
-  notFinite("gamma", layer.gamma);
-  notFinite("beta", layer.beta);
-  notFinite("gamma_inf", layer.gamma_inf);
-  notFinite("beta_inf", layer.beta_inf);
+  forEachArray(layer,
+               [this](const char* name, const auto& values) { this->notFinite(name, values); });
 }
 
 void Finder::notFinite(const std::string& array, const Eigen::Ref<const Eigen::MatrixXf>& values) {
@@ -237,6 +235,7 @@ void Finder::notFinite(const std::string& array, const Eigen::Ref<const Eigen::M
   Index row = values.rows();  // of the first one in the order in which a text has them
   Index column = 0;
   for (Index c = 0; c < filledColumns(values); ++c) {
+    if (c % kColumnsBetweenCalls == 0) tell(watch_, 0);
     for (Index r = 0; r < values.rows(); ++r) {
       if (std::isfinite(values(r, c))) continue;
       ++count;
@@ -246,7 +245,7 @@ void Finder::notFinite(const std::string& array, const Eigen::Ref<const Eigen::M
     }
   }
   if (count == 0) return;
-  const bool isMatrix = array == "weights";
+  const bool isMatrix = array == kWeightsName;
   const std::string place = isMatrix ? "row " + text(row + 1) + ", column " + text(column + 1)
                                      : "number " + text(row + 1);
   Suspicion& suspicion =
@@ -272,7 +271,7 @@ void Finder::deadUnits(const NNLayer& layer) {
       add("units_without_weights", text(static_cast<Index>(units.size())) + " of " +
                                        counted(sizeOf(layer.weights.rows()), "unit") +
                                        " can never fire, all weights are 0: " + list(units));
-  suspicion.array = "weights";
+  suspicion.array = kWeightsName;
   suspicion.row = sizeOf(units.front());
   suspicion.count = units.size();
 }
@@ -354,6 +353,8 @@ void Finder::softmax() {
 
 }  // namespace
 
-std::vector<Suspicion> suspicionsOf(const ModelFile& file) { return Finder(file).run(); }
+std::vector<Suspicion> suspicionsOf(const ModelFile& file, const Watch& watch) {
+  return Finder(file, watch).run();
+}
 
 }  // namespace mlnn

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "analysis/Suspicion.h"
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "model/ModelFile.h"
 
 namespace mlnn {
@@ -11,6 +13,7 @@ namespace mlnn {
 // Returns what can hardly be meant in a model: what would make it give nonsense, or nothing,
 // without any message. The activations that its file does not record have been set, where the
 // property names one (model/ModelFile.h).
-std::vector<Suspicion> suspicionsOf(const ModelFile& file);
+// `watch` is told of layers.
+MLNN_EXPORT std::vector<Suspicion> suspicionsOf(const ModelFile& file, const Watch& watch = {});
 
 }  // namespace mlnn

@@ -3,29 +3,28 @@
 #include <algorithm>
 
 #include "layers/FilledColumns.h"
+#include "layers/LayerArrays.h"
 
 namespace mlnn {
 namespace {
 
 using Eigen::Index;
 
-struct NamedArray {
-  const char* name;
-  Eigen::VectorXf NNLayer::*values;
-  bool inBatchNorm;  // the kind of layer that uses it
-};
+// Adds up the differences of arrays, and tells a watch meanwhile.
+class Comparison {
+ public:
+  Comparison(LayerDifference& found, const Watch& watch) : found_(found), watch_(watch) {}
 
-constexpr NamedArray kVectors[] = {
-    {"bias", &NNLayer::bias, false},        {"gamma", &NNLayer::gamma, true},
-    {"beta", &NNLayer::beta, true},         {"gamma_inf", &NNLayer::gamma_inf, true},
-    {"beta_inf", &NNLayer::beta_inf, true},
-};
+  void add(const std::string& array, const Eigen::Ref<const Eigen::MatrixXf>& a,
+           const Eigen::Ref<const Eigen::MatrixXf>& b) {
+    found_.arrays.push_back({array, {}});
+    found_.arrays.back().difference.add(a, b, watch_);
+  }
 
-void add(LayerDifference& found, const std::string& array,
-         const Eigen::Ref<const Eigen::MatrixXf>& a, const Eigen::Ref<const Eigen::MatrixXf>& b) {
-  found.arrays.push_back({array, {}});
-  found.arrays.back().difference.add(a, b);
-}
+ private:
+  LayerDifference& found_;
+  const Watch& watch_;
+};
 
 // An array with one value for each output; zeros where the layer has none.
 Eigen::VectorXf complete(const Eigen::VectorXf& values, Index outputs) {
@@ -34,14 +33,14 @@ Eigen::VectorXf complete(const Eigen::VectorXf& values, Index outputs) {
 
 bool isZero(const Eigen::VectorXf& values) { return (values.array() == 0).all(); }
 
-void compareArrays(const NNLayer& a, const NNLayer& b, LayerDifference& found) {
-  add(found, "weights", a.weights, b.weights);
-  for (const NamedArray& array : kVectors) {
-    const bool isUsed = array.inBatchNorm == a.isBatchNorm;
-    const Eigen::VectorXf valuesA = complete(a.*array.values, a.weights.rows());
-    const Eigen::VectorXf valuesB = complete(b.*array.values, b.weights.rows());
+void compareArrays(const NNLayer& a, const NNLayer& b, Comparison& found) {
+  found.add(kWeightsName, a.weights, b.weights);
+  for (const LayerVector& vector : kLayerVectors) {
+    const bool isUsed = vector.isUsedBy(a);
+    const Eigen::VectorXf valuesA = complete(vector.of(a), a.weights.rows());
+    const Eigen::VectorXf valuesB = complete(vector.of(b), b.weights.rows());
     if (!isUsed && isZero(valuesA) && isZero(valuesB)) continue;
-    add(found, std::string(array.name) + (isUsed ? "" : " (unused)"), valuesA, valuesB);
+    found.add(std::string(vector.name) + (isUsed ? "" : " (unused)"), valuesA, valuesB);
   }
 }
 
@@ -54,22 +53,24 @@ const Eigen::VectorXf& effectiveBias(const NNLayer& layer) {
   return layer.isBatchNorm ? layer.beta_inf : layer.bias;
 }
 
-void compareMaps(const NNLayer& a, const NNLayer& b, LayerDifference& found) {
-  add(found, "weights", a.weights, b.weights);
-  add(found, "effective weights", effectiveWeights(a), effectiveWeights(b));
-  add(found, "effective bias", effectiveBias(a), effectiveBias(b));
+void compareMaps(const NNLayer& a, const NNLayer& b, Comparison& found) {
+  found.add(kWeightsName, a.weights, b.weights);
+  found.add("effective weights", effectiveWeights(a), effectiveWeights(b));
+  found.add("effective bias", effectiveBias(a), effectiveBias(b));
 }
 
-LayerDifference compareLayers(const NNLayer& a, const NNLayer& b, std::size_t number) {
+LayerDifference compareLayers(const NNLayer& a, const NNLayer& b, std::size_t number,
+                              const Watch& watch) {
   LayerDifference found;
   found.layer = number;
   found.sameShape = a.weights.rows() == b.weights.rows() && a.weights.cols() == b.weights.cols();
   found.sameKind = a.isBatchNorm == b.isBatchNorm;
   if (!found.sameShape) return found;
+  Comparison comparison(found, watch);
   if (found.sameKind) {
-    compareArrays(a, b, found);
+    compareArrays(a, b, comparison);
   } else {
-    compareMaps(a, b, found);
+    compareMaps(a, b, comparison);
   }
   return found;
 }
@@ -83,11 +84,12 @@ bool LayerDifference::isSame() const {
          });
 }
 
-std::vector<LayerDifference> compareNumbers(const MultiLayerNNModel& a,
-                                            const MultiLayerNNModel& b) {
+std::vector<LayerDifference> compareNumbers(const MultiLayerNNModel& a, const MultiLayerNNModel& b,
+                                            const Watch& watch) {
   std::vector<LayerDifference> layers;
   for (std::size_t i = 0; i < std::min(a.layers.size(), b.layers.size()); ++i) {
-    layers.push_back(compareLayers(*a.layers[i], *b.layers[i], i + 1));
+    layers.push_back(compareLayers(*a.layers[i], *b.layers[i], i + 1, watch));
+    tell(watch, 1);
   }
   return layers;
 }

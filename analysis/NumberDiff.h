@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "analysis/Difference.h"
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -15,7 +17,7 @@ struct ArrayDifference {
   Difference difference;
 };
 
-struct LayerDifference {
+struct MLNN_EXPORT LayerDifference {
   std::size_t layer = 0;  // counted from 1
   bool sameShape = true;  // otherwise there are no arrays
   bool sameKind = true;
@@ -34,6 +36,11 @@ struct LayerDifference {
 // maps that they compute are compared, as folding would write them down: the "effective
 // weights" of a batch-norm layer are its weights, each multiplied once by its row's gamma_inf,
 // its "effective bias" is beta_inf; those of a plain layer are its weights and bias.
-std::vector<LayerDifference> compareNumbers(const MultiLayerNNModel& a, const MultiLayerNNModel& b);
+//
+// `watch` is told of layers.
+// REQUIRES: no layer is missing.
+MLNN_EXPORT std::vector<LayerDifference> compareNumbers(const MultiLayerNNModel& a,
+                                                        const MultiLayerNNModel& b,
+                                                        const Watch& watch = {});
 
 }  // namespace mlnn

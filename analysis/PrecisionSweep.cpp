@@ -5,17 +5,19 @@
 
 #include "analysis/Difference.h"
 #include "inference/Evaluation.h"
-#include "tools/SilencedStderr.h"
-#include "tools/files/InputFile.h"
+#include "layers/FilledColumns.h"
+#include "layers/Messages.h"
 
 namespace mlnn {
 namespace {
 
 using Eigen::Index;
 
+constexpr Index kColumnsBetweenCalls = 64;
+
 MultiLayerNNModel reduced(const MultiLayerNNModel& model, int bits) {
   MultiLayerNNModel copy(model);
-  const SilencedStderr silence;  // the range is the same for every number of bits
+  const CollectedMessages silence;  // the range is the same for every number of bits
   copy.retainPrecisionBits(bits);
   return copy;
 }
@@ -24,8 +26,9 @@ MultiLayerNNModel reduced(const MultiLayerNNModel& model, int bits) {
 class Errors {
  public:
   void add(const Eigen::Ref<const Eigen::MatrixXf>& exact,
-           const Eigen::Ref<const Eigen::MatrixXf>& found) {
-    for (Index c = 0; c < exact.cols(); ++c) {
+           const Eigen::Ref<const Eigen::MatrixXf>& found, const Watch& watch) {
+    for (Index c = 0; c < filledColumns(exact); ++c) {
+      if (c % kColumnsBetweenCalls == 0) tell(watch, 0);
       for (Index r = 0; r < exact.rows(); ++r) {
         const double error = absoluteDifference(exact(r, c), found(r, c));
         largest_ = std::max(largest_, error);
@@ -45,12 +48,13 @@ class Errors {
 };
 
 // A batch-norm layer does not compute with its bias, and its own vectors are not reduced.
-Errors errorsOf(const MultiLayerNNModel& exact, const MultiLayerNNModel& found) {
+Errors errorsOf(const MultiLayerNNModel& exact, const MultiLayerNNModel& found,
+                const Watch& watch) {
   Errors errors;
   for (std::size_t i = 0; i < exact.layers.size(); ++i) {
     const NNLayer& layer = *exact.layers[i];
-    errors.add(layer.weights, found.layers[i]->weights);
-    if (!layer.isBatchNorm) errors.add(layer.bias, found.layers[i]->bias);
+    errors.add(layer.weights, found.layers[i]->weights, watch);
+    if (!layer.isBatchNorm) errors.add(layer.bias, found.layers[i]->bias, watch);
   }
   return errors;
 }
@@ -67,25 +71,28 @@ void addOutputs(const Eigen::MatrixXf& exact, const Eigen::MatrixXf& found, Prec
 
 }  // namespace
 
-void PrecisionSweep::addRecording(const std::string& name, Eigen::MatrixXf frames, bool stacked,
-                                  std::optional<Index> knownClass, Progress& progress) {
-  const Inputs inputs = Inputs::forFrames(model_, frames.rows(), stacked, inputName(name));
-  Eigen::MatrixXf outputs = evaluateFrames(model_, frames, inputs, progress);
+bool PrecisionSweep::addRecording(Eigen::MatrixXf frames, const RecordingInputs& inputs,
+                                  std::optional<Index> knownClass, const Watch& watch) {
+  std::optional<Eigen::MatrixXf> outputs = evaluateFrames(model_, frames, inputs, watch);
+  if (!outputs) return false;
   frames_ += static_cast<std::size_t>(frames.cols());
-  if (knownClass && recordingClass(outputs) == *knownClass) ++rightRecordings_;
-  recordings_.push_back({std::move(frames), inputs, std::move(outputs), knownClass});
+  if (knownClass && recordingClass(*outputs) == *knownClass) ++rightRecordings_;
+  recordings_.push_back({std::move(frames), inputs, *std::move(outputs), knownClass});
+  return true;
 }
 
-PrecisionLoss PrecisionSweep::measure(int bits, Progress& progress) const {
+PrecisionLoss PrecisionSweep::measure(int bits, const Watch& watch) const {
   MultiLayerNNModel model = reduced(model_, bits);
+  tell(watch, 0);
   PrecisionLoss loss;
   loss.bits = bits;
-  const Errors errors = errorsOf(model_, model);
+  const Errors errors = errorsOf(model_, model, watch);
   loss.largestWeightError = errors.largest();
   loss.meanWeightError = errors.mean();
   for (const Recording& recording : recordings_) {
+    // A reduced model has the shape of the one that was run over the recording.
     const Eigen::MatrixXf outputs =
-        evaluateFrames(model, recording.frames, recording.inputs, progress);
+        evaluateFrames(model, recording.frames, recording.inputs, watch).value();
     addOutputs(recording.outputs, outputs, loss);
     if (recording.knownClass && recordingClass(outputs) == *recording.knownClass) {
       ++loss.rightRecordings;

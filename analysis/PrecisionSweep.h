@@ -4,12 +4,12 @@
 #include <Eigen/Core>
 #include <cstddef>
 #include <optional>
-#include <string>
 #include <vector>
 
+#include "features/Export.h"
+#include "features/Watch.h"
 #include "inference/RecordingInputs.h"
 #include "model/MultiLayerNNModel.h"
-#include "tools/reports/Progress.h"
 
 namespace mlnn {
 
@@ -23,19 +23,22 @@ struct PrecisionLoss {
   std::size_t rightRecordings = 0;     // of those whose class is known
 };
 
-class PrecisionSweep {
+class MLNN_EXPORT PrecisionSweep {
  public:
   // REQUIRES: the model outlives this object and does not change.
   explicit PrecisionSweep(MultiLayerNNModel& model) : model_(model) {}
 
-  // Takes in a recording, and runs the model as it is over it. `knownClass` counts from 0,
-  // `progress` is told of frames.
-  // Throws: Failure when the model cannot be run over it.
-  void addRecording(const std::string& name, Eigen::MatrixXf frames, bool stacked,
-                    std::optional<Eigen::Index> knownClass, Progress& progress);
+  // Takes in a recording, and runs the model as it is over it. `knownClass` counts from 0.
+  // `watch` is told of frames.
+  // Returns: whether the model can be run; if not, after the forward pass's own message, and
+  // nothing is taken in.
+  // REQUIRES: the inputs were made for frames of the model as wide as these.
+  bool addRecording(Eigen::MatrixXf frames, const RecordingInputs& inputs,
+                    std::optional<Eigen::Index> knownClass, const Watch& watch = {});
 
-  // Reduces a copy of the model and runs it over all recordings. `progress` is told of frames.
-  PrecisionLoss measure(int bits, Progress& progress) const;
+  // Reduces a copy of the model and runs it over all recordings. `watch` is told of frames.
+  // REQUIRES: bits is 0 to 31.
+  PrecisionLoss measure(int bits, const Watch& watch = {}) const;
 
   std::size_t recordings() const { return recordings_.size(); }
   std::size_t frames() const { return frames_; }
@@ -46,7 +49,7 @@ class PrecisionSweep {
  private:
   struct Recording {
     Eigen::MatrixXf frames;
-    Inputs inputs;
+    RecordingInputs inputs;
     Eigen::MatrixXf outputs;  // of the model as it is
     std::optional<Eigen::Index> knownClass;
   };

@@ -4,10 +4,7 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
-#include <optional>
 #include <utility>
-
-#include "tools/Failure.h"
 
 namespace mlnn {
 namespace {
@@ -77,12 +74,10 @@ Eigen::Index framesAtOnce(const MultiLayerNNModel& model) {
   return kValues / outputs;
 }
 
-StageValues evaluateStages(NNFwdPassFromFile& pass,
-                           const Eigen::Ref<const Eigen::MatrixXf>& inputs) {
+std::optional<StageValues> evaluateStages(NNFwdPassFromFile& pass,
+                                          const Eigen::Ref<const Eigen::MatrixXf>& inputs) {
   StageValues values;
-  if (pass.evaluateLayers(inputs, values.outputs, values.layers) != 0) {
-    throw Failure("the model cannot be run");
-  }
+  if (pass.evaluateLayers(inputs, values.outputs, values.layers) != 0) return std::nullopt;
   values.inputs = inputs;
   return values;
 }

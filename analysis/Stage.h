@@ -3,9 +3,12 @@
 
 #include <Eigen/Core>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
+#include "inference/LayerResult.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -14,17 +17,17 @@ namespace mlnn {
 // In the order in which they are computed: "inputs"; for each layer K from 1 on
 // "layer-K-affine" and "layer-K", before and after its activation; "outputs", after the softmax
 // if the model has one.
-std::vector<std::string> stageNames(std::size_t layers);
+MLNN_EXPORT std::vector<std::string> stageNames(std::size_t layers);
 
 // Whether some model has a stage of that name.
-bool isStageName(const std::string& name);
+MLNN_EXPORT bool isStageName(const std::string& name);
 
 // Whether stage `a` is computed before stage `b`.
 // REQUIRES: both are names of stages.
-bool comesBefore(const std::string& a, const std::string& b);
+MLNN_EXPORT bool comesBefore(const std::string& a, const std::string& b);
 
 // The values of all stages, one frame a column.
-struct StageValues {
+struct MLNN_EXPORT StageValues {
   Eigen::MatrixXf inputs;
   std::vector<LayerResult> layers;
   Eigen::MatrixXf outputs;
@@ -35,11 +38,11 @@ struct StageValues {
 
 // Returns how many frames to compute at once so that the values of all stages stay some
 // megabytes, unless a single frame has more.
-Eigen::Index framesAtOnce(const MultiLayerNNModel& model);
+MLNN_EXPORT Eigen::Index framesAtOnce(const MultiLayerNNModel& model);
 
 // Computes the values of all stages.
-// Throws: Failure, after the forward pass's own message, when the model cannot be run.
-StageValues evaluateStages(NNFwdPassFromFile& pass,
-                           const Eigen::Ref<const Eigen::MatrixXf>& inputs);
+// Returns: nothing, after the forward pass's own message, when the model cannot be run.
+MLNN_EXPORT std::optional<StageValues> evaluateStages(
+    NNFwdPassFromFile& pass, const Eigen::Ref<const Eigen::MatrixXf>& inputs);
 
 }  // namespace mlnn

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -22,7 +23,7 @@ struct StatementDifference {
 // Notes that both have at the beginning or at the end are left out; those between are listed
 // line by line. No normalisation and one that changes nothing say the same.
 // The texts may hold any bytes that a model file does.
-std::vector<StatementDifference> compareStatements(const MultiLayerNNModel& a,
-                                                   const MultiLayerNNModel& b);
+MLNN_EXPORT std::vector<StatementDifference> compareStatements(const MultiLayerNNModel& a,
+                                                               const MultiLayerNNModel& b);
 
 }  // namespace mlnn

@@ -2,15 +2,18 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "analysis/Difference.h"
+#include "features/Export.h"
+#include "features/Watch.h"
 
 namespace mlnn {
 
-struct StageComparison {
-  // What one folder holds of a stage; nothing when it has no file for it.
+struct MLNN_EXPORT StageComparison {
+  // What one trace has of a stage; nothing when it does not have it.
   struct Side {
     bool isPresent = false;
     Eigen::Index frames = 0;
@@ -26,21 +29,22 @@ struct StageComparison {
   bool isInBoth() const { return a.isPresent && b.isPresent; }
   bool sameShape() const { return a.frames == b.frames && a.values == b.values; }
 
-  // Whether the results part here: only one folder has the stage, the shapes differ, or a
+  // Whether the results part here: only one trace has the stage, the shapes differ, or a
   // difference is over `tolerance`.
   bool isBeyond(double tolerance) const;
 };
 
-struct TraceComparison {
-  std::string recording;  // the folder of a trace among several; "" for a single one
-  std::vector<StageComparison> stages;
+// One side of a comparison: the stages that are there, in the order in which they are computed
+// (analysis/Stage.h), and what gives the values of one, frames as columns.
+struct Trace {
+  std::vector<std::string> stages;
+  std::function<Eigen::MatrixXf(const std::string& stage)> values;
 };
 
-// Compares two folders, each the trace of one recording or a folder of such traces
-// (tools/files/TraceWriter.h). Stages and traces that only one of them has are left out when
-// `commonOnly` says so.
-// Throws: Failure when a folder or a file cannot be read, or nothing is in both.
-std::vector<TraceComparison> compareTraces(const std::string& a, const std::string& b,
-                                           bool commonOnly);
+// Compares two traces. Only the values of one stage of each are in memory at a time. Stages that
+// only one of them has are left out when `commonOnly` says so. `watch` is told of stages. What the
+// functions of the traces throw passes through.
+MLNN_EXPORT std::vector<StageComparison> compareTraces(const Trace& a, const Trace& b,
+                                                       bool commonOnly, const Watch& watch = {});
 
 }  // namespace mlnn

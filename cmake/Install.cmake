@@ -12,6 +12,14 @@ install(TARGETS mlnn EXPORT mlnnTargets
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn COMPONENT development
   FILE_SET c_headers DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn)
+if(TARGET mlnn_analysis)
+  install(TARGETS mlnn_analysis EXPORT mlnnTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT library
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn COMPONENT development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mlnn)
+endif()
 install(EXPORT mlnnTargets NAMESPACE mlnn:: DESTINATION ${MLNN_CMAKE_DIR} COMPONENT development)
 
 configure_package_config_file(cmake/mlnnConfig.cmake.in
@@ -39,3 +47,8 @@ list(JOIN definitions " " MLNN_PC_DEFINITIONS)
 configure_file(cmake/mlnn.pc.in ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/mlnn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
+if(TARGET mlnn_analysis)
+  configure_file(cmake/mlnn-analysis.pc.in ${CMAKE_CURRENT_BINARY_DIR}/mlnn-analysis.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/mlnn-analysis.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endif()

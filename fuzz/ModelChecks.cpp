@@ -57,8 +57,6 @@ Limits textLimits(std::size_t length) { return {length, kTextMultiple, kTextCons
 
 Limits imageLimits(std::size_t length) { return {length, kImageMultiple, kImageConstant}; }
 
-bool isImage(std::string_view bytes) { return bytes.substr(0, kMagicLength) == kMagic; }
-
 std::string textOf(const MultiLayerNNModel& model) {
   std::ostringstream out;
   out.precision(9);

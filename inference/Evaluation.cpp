@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "inference/NNFwdPassFromFile.h"
-#include "tools/Failure.h"
+#include "inference/Pace.h"
 
 namespace mlnn {
 namespace {
@@ -26,23 +26,29 @@ Index largest(const Vector& values) {
 
 }  // namespace
 
-Eigen::MatrixXf evaluateFrames(MultiLayerNNModel& model, const Eigen::MatrixXf& frames,
-                               const Inputs& inputs, Progress& progress) {
+std::optional<Eigen::MatrixXf> evaluateFrames(MultiLayerNNModel& model,
+                                              const Eigen::Ref<const Eigen::MatrixXf>& frames,
+                                              const RecordingInputs& inputs, const Watch& watch) {
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
-  return evaluateFrames(*pass, frames, inputs, progress);
+  return evaluateFrames(*pass, frames, inputs, watch);
 }
 
-Eigen::MatrixXf evaluateFrames(FwdPass& pass, const Eigen::MatrixXf& frames, const Inputs& inputs,
-                               Progress& progress) {
+std::optional<Eigen::MatrixXf> evaluateFrames(FwdPass& pass,
+                                              const Eigen::Ref<const Eigen::MatrixXf>& frames,
+                                              const RecordingInputs& inputs, const Watch& watch) {
   Eigen::MatrixXf outputs(pass.numOutputs(), frames.cols());
   Eigen::MatrixXf blockOutputs;
+  RecordingInputs::Blocks blocks(inputs, frames);
+  Pace pace(watch, blocks.maxLength());
   Index done = 0;
-  inputs.forEachBlock(frames, [&](const Eigen::Ref<const Eigen::MatrixXf>& block) {
-    if (pass.evaluate(block, blockOutputs) != 0) throw Failure("the model cannot be run");
-    outputs.middleCols(done, block.cols()) = blockOutputs;
-    done += block.cols();
-    progress.advance(static_cast<std::size_t>(block.cols()));
-  });
+  while (const auto block = blocks.next(pace.frames())) {
+    int result = 0;
+    pace.run([&] { result = pass.evaluate(*block, blockOutputs); });
+    if (result != 0) return std::nullopt;
+    outputs.middleCols(done, block->cols()) = blockOutputs;
+    done += block->cols();
+    tell(watch, static_cast<std::size_t>(block->cols()));
+  }
   return outputs;
 }
 

@@ -8,20 +8,11 @@
 
 #include "features/Export.h"
 #include "inference/FwdPass.h"
+#include "inference/LayerResult.h"
 #include "inference/PassMemory.h"
 #include "layers/NNLayer.h"
 
 class MultiLayerNNModel;
-
-namespace mlnn {
-
-// What one layer computed, one frame a column: outputs x frames each.
-struct LayerResult {
-  Eigen::MatrixXf affine;     // before the activation
-  Eigen::MatrixXf activated;  // after it; in the last layer before the softmax
-};
-
-}  // namespace mlnn
 
 // Reads the model's own arrays at every call, so an edit of the model shows in the next
 // one. Keeps only scratch memory of its own: what two layers as wide as the widest hold for up

@@ -6,7 +6,6 @@
 #include "features/FrameWidth.h"
 #include "model/StackOutputs.h"
 #include "text/Numbers.h"
-#include "tools/Failure.h"
 
 namespace mlnn {
 namespace {
@@ -45,17 +44,6 @@ std::string expectedWidths(const InputSide& network) {
          std::to_string(windowLength(network.featureDesc)) + " do not make as many";
 }
 
-ContextWindow makeWindow(const InputSide& network, int width, const std::string& what) {
-  std::string whyNot;
-  std::optional<ContextWindow> window =
-      ContextWindow::create(network.featureDesc, network.deltasNorm, width, whyNot);
-  if (!window) throw Failure(what + " cannot be stacked: " + whyNot);
-  if (network.featureDesc.useLineKernels) {
-    printWarning("the feature description asks for line kernels, which are not applied to " + what);
-  }
-  return *std::move(window);
-}
-
 }  // namespace
 
 int frameWidth(const MultiLayerNNModel& model) { return widthOfFrames(InputSide::of(model)); }
@@ -64,38 +52,46 @@ InputSide InputSide::of(const MultiLayerNNModel& model) {
   return {model.featureDesc, model.deltasNorm, model.numInputs(), mlnn::hasOutputs(model.layers)};
 }
 
-Inputs Inputs::forFrames(const InputSide& network, Index width, bool stacked,
-                         const std::string& what) {
-  if (!network.hasOutputs) throw Failure(kNoOutputs);
+std::optional<RecordingInputs> RecordingInputs::forFrames(const InputSide& network, Index width,
+                                                          bool stacked, const std::string& what,
+                                                          std::string& whyNot) {
+  if (!network.hasOutputs) {
+    whyNot = kNoOutputs;
+    return std::nullopt;
+  }
   const int single = widthOfFrames(network);
   // The window is as long as a row of weights, so a file cannot ask for more memory with it
   // than it fills itself.
   if (!stacked && width == single && makesInputs(network, single)) {
-    return Inputs(makeWindow(network, single, what));
+    auto window = ContextWindow::create(network.featureDesc, network.deltasNorm, single, whyNot);
+    if (window) return RecordingInputs(std::move(window), network.featureDesc.useLineKernels);
+    whyNot = what + " cannot be stacked: " + whyNot;
+    return std::nullopt;
   }
-  if (width == network.numInputs) return Inputs(std::nullopt);
+  if (width == network.numInputs) return RecordingInputs(std::nullopt, false);
   const std::string expected =
       stacked ? std::to_string(network.numInputs) + " (input vectors)" : expectedWidths(network);
-  throw Failure(what + " has " + counted(static_cast<std::size_t>(width), "value") +
-                " in a frame; expected " + expected);
+  whyNot = what + " has " + counted(static_cast<std::size_t>(width), "value") +
+           " in a frame; expected " + expected;
+  return std::nullopt;
 }
 
-void Inputs::forEachBlock(const Eigen::MatrixXf& frames,
+void RecordingInputs::forEachBlock(const Eigen::Ref<const Eigen::MatrixXf>& frames,
                           const std::function<void(const Block&)>& use) const {
   Blocks blocks(*this, frames);
   while (const std::optional<Block> block = blocks.next(blocks.maxLength())) use(*block);
 }
 
-Inputs::Blocks::Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames)
+RecordingInputs::Blocks::Blocks(const RecordingInputs& inputs, const Eigen::Ref<const Eigen::MatrixXf>& frames)
     : frames_(frames), window_(inputs.window_) {
   if (!window_) return;
   const Index inputLen = window_->inputLen();
   block_.resize(inputLen, blockLength(inputLen, frames.cols()));
 }
 
-Index Inputs::Blocks::maxLength() const { return window_ ? block_.cols() : kMaxBlock; }
+Index RecordingInputs::Blocks::maxLength() const { return window_ ? block_.cols() : kMaxBlock; }
 
-std::optional<Block> Inputs::Blocks::next(Index most) {
+std::optional<Block> RecordingInputs::Blocks::next(Index most) {
   const Index length = std::min(most, maxLength());
   if (!window_) {
     const Index first = done_;
@@ -109,7 +105,7 @@ std::optional<Block> Inputs::Blocks::next(Index most) {
   return block_.leftCols(filled);
 }
 
-bool Inputs::Blocks::nextVector(float* vector) {
+bool RecordingInputs::Blocks::nextVector(float* vector) {
   while (done_ < frames_.cols()) {
     if (window_->push(frames_.col(done_++).data(), vector)) return true;
   }

@@ -1,18 +1,20 @@
-// Inputs — how the frames of a file become the input vectors of a model.
+// RecordingInputs — how the frames of a recording become the input vectors of a model.
 #pragma once
 
 #include <Eigen/Core>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "features/ContextWindow.h"
+#include "features/Export.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
 
 // What a network asks of its inputs, loaded or not.
-struct InputSide {
+struct MLNN_EXPORT InputSide {
   const DbnFeatureDescription& featureDesc;
   const MelDeltasNorm& deltasNorm;
   int numInputs;
@@ -24,37 +26,42 @@ struct InputSide {
 // Returns the width of a single frame that the model's feature description states. Where that
 // states no bands: the 120 values of the normalisation, if they times the window give the
 // model's inputs. 0 where neither tells.
-int frameWidth(const MultiLayerNNModel& model);
+MLNN_EXPORT int frameWidth(const MultiLayerNNModel& model);
 
-class Inputs {
+class MLNN_EXPORT RecordingInputs {
  public:
-  // Decides by the width of a file's frames what they are: single frames, which are normalised
-  // and stacked as the model says, or input vectors already. Where both fit they are single
-  // frames unless `stacked` says otherwise.
-  // `what` names the frames in messages.
-  // Throws: Failure that names both widths when neither fits.
-  static Inputs forFrames(const InputSide& network, Eigen::Index width, bool stacked,
-                          const std::string& what);
-  static Inputs forFrames(const MultiLayerNNModel& model, Eigen::Index width, bool stacked,
-                          const std::string& what) {
-    return forFrames(InputSide::of(model), width, stacked, what);
+  // Decides by the width of a recording's frames what they are: single frames, which are
+  // normalised and stacked as the model says, or input vectors already. Where both fit they are
+  // single frames unless `stacked` says otherwise.
+  // Returns: nothing when neither fits, or the frames cannot be stacked. `whyNot` then has a text
+  // that tells what would fit; `what` names the frames in it.
+  static std::optional<RecordingInputs> forFrames(const InputSide& network, Eigen::Index width,
+                                                  bool stacked, const std::string& what,
+                                                  std::string& whyNot);
+  static std::optional<RecordingInputs> forFrames(const MultiLayerNNModel& model,
+                                                  Eigen::Index width, bool stacked,
+                                                  const std::string& what, std::string& whyNot) {
+    return forFrames(InputSide::of(model), width, stacked, what, whyNot);
   }
 
   // Whether the frames are input vectors already.
   bool areStacked() const { return !window_; }
 
+  // Whether the description asks for line kernels, which are not applied to these frames.
+  bool leavesOutLineKernels() const { return leavesOutLineKernels_; }
+
   // Hands the input vectors of a recording to `use` in order, in blocks of some hundred, so
   // that a long recording is never stacked as a whole. Each column is one vector.
   // REQUIRES: frames as wide as was said to forFrames.
-  void forEachBlock(const Eigen::MatrixXf& frames,
+  void forEachBlock(const Eigen::Ref<const Eigen::MatrixXf>& frames,
                     const std::function<void(const Eigen::Ref<const Eigen::MatrixXf>&)>& use) const;
 
   // The same blocks, one at a time when asked for, so that several models can be run over one
   // recording in step.
-  class Blocks {
+  class MLNN_EXPORT Blocks {
    public:
     // REQUIRES: frames as wide as was said to forFrames. `frames` must outlive this object.
-    Blocks(const Inputs& inputs, const Eigen::MatrixXf& frames);
+    Blocks(const RecordingInputs& inputs, const Eigen::Ref<const Eigen::MatrixXf>& frames);
 
     // How many vectors a block has at most.
     Eigen::Index maxLength() const;
@@ -67,16 +74,18 @@ class Inputs {
    private:
     bool nextVector(float* vector);
 
-    const Eigen::MatrixXf& frames_;
+    const Eigen::Ref<const Eigen::MatrixXf> frames_;
     std::optional<ContextWindow> window_;
     Eigen::MatrixXf block_;  // where vectors are stacked
     Eigen::Index done_ = 0;  // frames that were taken
   };
 
  private:
-  explicit Inputs(std::optional<ContextWindow> window) : window_(std::move(window)) {}
+  RecordingInputs(std::optional<ContextWindow> window, bool leavesOutLineKernels)
+      : window_(std::move(window)), leavesOutLineKernels_(leavesOutLineKernels) {}
 
-  std::optional<ContextWindow> window_;
+  std::optional<ContextWindow> window_;  // nothing for input vectors
+  bool leavesOutLineKernels_;
 };
 
 }  // namespace mlnn

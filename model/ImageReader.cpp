@@ -18,7 +18,7 @@ std::string shorterThanHead(std::size_t length) {
 
 int ImageReader::read() {
   if (length_ < kMinImageLength) return -1;
-  if (std::memcmp(head_, kMagic, kMagicLength) != 0) {
+  if (!isImage({head_, kMagicLength})) {
     report({"ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'"});
     return -1;
   }

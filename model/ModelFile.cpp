@@ -22,12 +22,12 @@ constexpr std::size_t kVersion1Length = sizeof kHeaderVersion1 - 1;
 // Takes the format and the version from the first bytes of a file, of which there are as many as
 // the header of version 1 and its line end have, or all.
 void tellFormat(const char* head, std::size_t length, ModelFile& file) {
-  const bool isImage = length >= kMagicLength && std::memcmp(head, kMagic, kMagicLength) == 0;
+  const bool isBinary = isImage({head, length});
   const bool isVersion1 = length > kVersion1Length &&
                           std::memcmp(head, kHeaderVersion1, kVersion1Length) == 0 &&
                           head[kVersion1Length] == '\n';
-  file.format = isImage ? ModelFormat::kBinary : ModelFormat::kText;
-  file.textVersion = isImage ? 0 : (isVersion1 ? 1 : 2);
+  file.format = isBinary ? ModelFormat::kBinary : ModelFormat::kText;
+  file.textVersion = isBinary ? 0 : (isVersion1 ? 1 : 2);
 }
 
 // Reads what a stream that can seek holds from its first byte on.

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "features/DbnFeatureDescription.h"
 #include "features/MelDeltasNorm.h"
@@ -37,6 +38,10 @@ inline constexpr char kFeatDescToolMarker[] = "nn_tune";
 // Binary format: the head of an image, all fields at fixed offsets.
 inline constexpr char kMagic[] = "MLNN";
 inline constexpr std::size_t kMagicLength = 4;
+
+// Whether a file that begins so is an image.
+inline bool isImage(std::string_view bytes) { return bytes.substr(0, kMagicLength) == kMagic; }
+
 inline constexpr int kFeatureDescLength = sizeof(DbnFeatureDescription);
 inline constexpr int kDeltasNormLength = static_cast<int>(MelDeltasNorm::kLength);
 inline constexpr std::size_t kDeltasNormBytes = kDeltasNormLength * sizeof(float);

@@ -34,7 +34,7 @@ int MultiLayerNNModel::deserialize(std::istream& in) {
     mlnn::report({"ERROR: MultiLayerNNModel: Could not read header"});
     return 1;
   }
-  if (std::memcmp(start, mlnn::kMagic, sizeof start) == 0) return loadImage(*this, in);
+  if (mlnn::isImage({start, sizeof start})) return loadImage(*this, in);
   in.seekg(0);
   return deserializeAscii(in);
 }

@@ -4,8 +4,10 @@
 
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace mlnn {
 
@@ -21,6 +23,14 @@ class UsageError : public Failure {
  public:
   using Failure::Failure;
 };
+
+// Returns what an operation of the library gave.
+// Throws: Failure with the text where that is nothing.
+template <typename Value>
+Value orFail(std::optional<Value> value, const std::string& whyNot) {
+  if (!value) throw Failure(whyNot);
+  return *std::move(value);
+}
 
 // Why something was not written: the text of a Failure. `error` is an errno, 0 for unknown.
 inline std::string cannotWrite(const std::string& what, int error) {

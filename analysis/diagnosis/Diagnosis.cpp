@@ -22,10 +22,10 @@ Misfit tooShort(std::string_view file) {
 
 }  // namespace
 
-std::optional<Misfit> diagnose(std::string_view file) {
+std::optional<Misfit> diagnose(std::string_view file, const Watch& watch) {
   if (file.size() < kMagicLength) return tooShort(file);
-  if (file.substr(0, kMagicLength) == kMagic) return diagnoseImage(file);
-  return diagnoseText(file);
+  if (isImage(file)) return diagnoseImage(file);
+  return diagnoseText(file, watch);
 }
 
 std::string describe(const Misfit& misfit) {

@@ -9,6 +9,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "analysis/Suspicion.h"
+#include "features/Export.h"
+#include "features/Watch.h"
 
 namespace mlnn {
 
@@ -24,11 +29,17 @@ struct Misfit {
 };
 
 // Returns the first misfit of a file of either format, nothing when there is none.
-std::optional<Misfit> diagnose(std::string_view file);
+// `watch` is told of bytes.
+MLNN_EXPORT std::optional<Misfit> diagnose(std::string_view file, const Watch& watch = {});
 
 // Returns "line 31, column 5: layer 2, row 3, weight 7: expected a number, found 'abc'", with
 // "byte 1000" in place of line and column for an image.
-std::string describe(const Misfit& misfit);
+MLNN_EXPORT std::string describe(const Misfit& misfit);
+
+// Returns the lines of a text model file that the reader takes, but not as they seem to be
+// meant: text that it leaves out, and note lines that do not set what they mean to. `watch` is told
+// of bytes.
+MLNN_EXPORT std::vector<Suspicion> suspiciousLines(std::string_view text, const Watch& watch = {});
 
 // What is found where a file is over.
 inline constexpr char kEndOfFile[] = "the end of the file";

@@ -7,11 +7,11 @@
 
 #include "features/TrainingNotes.h"
 #include "features/string_split.h"
+#include "layers/Messages.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 #include "text/Escape.h"
 #include "text/TextParts.h"
-#include "tools/CapturedDiagnostics.h"
 
 namespace mlnn {
 namespace {
@@ -25,7 +25,7 @@ bool isNumber(const std::string& word) {
 
 // What the reader says of a normalisation line when that is all there is in a model.
 std::string readerOn(const std::string& line) {
-  const CapturedDiagnostics captured;
+  const CollectedMessages captured;
   std::istringstream in(std::string(kHeaderVersion1) + "\n" + line + "\n" + kNumLayersKeyword +
                         " 0\n");
   MultiLayerNNModel().deserializeAscii(in);

@@ -30,14 +30,14 @@ void walkOver(TextFindings& findings) {
 
 }  // namespace
 
-std::optional<Misfit> diagnoseText(std::string_view text) {
-  TextFindings findings(text);
+std::optional<Misfit> diagnoseText(std::string_view text, const Watch& watch) {
+  TextFindings findings(text, watch);
   walkOver(findings);
   return findings.misfit();
 }
 
-std::vector<Suspicion> suspiciousLines(std::string_view text) {
-  TextFindings findings(text);
+std::vector<Suspicion> suspiciousLines(std::string_view text, const Watch& watch) {
+  TextFindings findings(text, watch);
   walkOver(findings);
   return findings.remarks();
 }

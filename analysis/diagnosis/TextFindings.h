@@ -11,13 +11,15 @@
 #include "analysis/diagnosis/Diagnosis.h"
 #include "analysis/diagnosis/PlacedStream.h"
 #include "analysis/diagnosis/TextPlace.h"
+#include "features/Watch.h"
 
 namespace mlnn {
 
-// The text must outlive it.
+// The text and the watch must outlive it.
 class TextFindings {
  public:
-  explicit TextFindings(std::string_view text) : source(text), text_(text), remarkLines_(text) {}
+  TextFindings(std::string_view text, const Watch& watch)
+      : source(text), text_(text), watch_(watch), remarkLines_(text) {}
 
   // What is read from; its place is where the walk is.
   PlacedStream source;
@@ -25,6 +27,15 @@ class TextFindings {
   std::string_view text() const { return text_; }
   const std::optional<Misfit>& misfit() const { return misfit_; }
   const std::vector<Suspicion>& remarks() const { return remarks_; }
+
+  // Tells the watch how far the walk is, now and then; to be called often.
+  void tellPlace() {
+    constexpr std::size_t kBytesBetweenCalls = std::size_t{1} << 18;
+    const std::size_t further = source.position() - told_;
+    if (further < kBytesBetweenCalls) return;
+    told_ += further;
+    tell(watch_, further);
+  }
 
   // Each keeps a misfit, the last one that is to be, and returns false. They refuse what is found
   // at an offset; the word that was read last; or that word where it should be a number:
@@ -46,6 +57,8 @@ class TextFindings {
 
  private:
   std::string_view text_;
+  const Watch& watch_;
+  std::size_t told_ = 0;  // bytes of which the watch knows
   std::optional<Misfit> misfit_;
   std::vector<Suspicion> remarks_;
   LineCounter remarkLines_;

@@ -150,6 +150,7 @@ bool HeadWalk::curveFits(const char* keyword) {
   if (!countFits(keyword)) return false;
   float value = 0;
   for (int i = 0; i < count_; ++i) {
+    findings_.tellPlace();
     if (source_.read(value)) continue;
     return findings_.refuseNumber(std::string(keyword) + ", value " + std::to_string(i + 1),
                                   "a number");

@@ -104,6 +104,7 @@ bool TextLayersWalk::rowsFit(int number, int numValues, NameOf nameOf) {
     std::size_t begin = 0;
     for (int i = 0; i < numValues; ++i) {
       if (!source_.read(value)) return refuseValue(r, i);
+      findings_.tellPlace();
       if (i == 0) begin = source_.start();
     }
     raggedRow_.note(begin, source_.position(), number, numValues);

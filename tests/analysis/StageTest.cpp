@@ -6,7 +6,6 @@
 #include "analysis/Stage.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
-#include "tools/Failure.h"
 
 namespace {
 
@@ -45,7 +44,7 @@ TEST(StageValues, areThoseOfTheForwardPass) {
   MultiLayerNNModel model = modelOf({plainLayer(4, 3, 1), plainLayer(3, 2, 2)});
   const Eigen::MatrixXf inputs = someValues(4, 5, 3);
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
-  const StageValues values = mlnn::evaluateStages(*pass, inputs);
+  const StageValues values = mlnn::evaluateStages(*pass, inputs).value();
   Eigen::MatrixXf outputs;
   ASSERT_EQ(pass->evaluate(inputs, outputs), 0);
   ASSERT_EQ(values.inOrder().size(), mlnn::stageNames(2).size());
@@ -59,7 +58,7 @@ TEST(StageValues, areRefusedForAModelThatCannotBeRun) {
   MultiLayerNNModel model;
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
   const std::string messages = mlnn::test::stderrOf(
-      [&pass] { EXPECT_THROW(mlnn::evaluateStages(*pass, Eigen::MatrixXf(0, 1)), mlnn::Failure); });
+      [&pass] { EXPECT_FALSE(mlnn::evaluateStages(*pass, Eigen::MatrixXf(0, 1))); });
   EXPECT_EQ(messages, "ERROR: NNFwdPassFromFile::evaluate: model has no layers\n");
 }
 

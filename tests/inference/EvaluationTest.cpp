@@ -6,7 +6,6 @@
 #include "inference/Evaluation.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
-#include "tools/Failure.h"
 
 namespace {
 
@@ -18,26 +17,52 @@ using mlnn::test::someValues;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
+mlnn::RecordingInputs inputsFor(const MultiLayerNNModel& model, Eigen::Index width) {
+  std::string whyNot;
+  return mlnn::RecordingInputs::forFrames(model, width, false, "F", whyNot).value();
+}
+
 TEST(EvaluationTest, givesWhatTheForwardPassGives) {
   MultiLayerNNModel model = modelOf({plainLayer(5, 4), plainLayer(4, 3)});
   const Eigen::MatrixXf frames = someValues(5, 600, 9);
-  const mlnn::Inputs inputs = mlnn::Inputs::forFrames(model, 5, false, "F");
-  mlnn::Progress progress("F", 600);
+  const mlnn::RecordingInputs inputs = inputsFor(model, 5);
   Eigen::MatrixXf expected;
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
   ASSERT_EQ(pass->evaluate(frames, expected), 0);
-  EXPECT_TRUE(sameBits(mlnn::evaluateFrames(model, frames, inputs, progress), expected));
+  EXPECT_TRUE(sameBits(mlnn::evaluateFrames(model, frames, inputs).value(), expected));
 }
 
 TEST(EvaluationTest, failsWhereTheModelCannotBeRun) {
   MultiLayerNNModel model = modelOf({plainLayer(5, 4), plainLayer(3, 3)});
-  const mlnn::Inputs inputs = mlnn::Inputs::forFrames(model, 5, false, "F");
-  mlnn::Progress progress("F", 1);
+  const mlnn::RecordingInputs inputs = inputsFor(model, 5);
+  const std::string messages = mlnn::test::stderrOf(
+      [&] { EXPECT_FALSE(mlnn::evaluateFrames(model, someValues(5, 1, 9), inputs).has_value()); });
+  EXPECT_EQ(messages, "ERROR: NNFwdPassFromFile::evaluate: layer 2 does not fit the model\n");
+}
+
+// How many frames go through at once is nobody's business but the watcher's.
+TEST(EvaluationTest, givesTheSameWhileItIsWatched) {
+  MultiLayerNNModel model = modelOf({plainLayer(5, 4), plainLayer(4, 3)});
+  const Eigen::MatrixXf frames = someValues(5, 1000, 9);
+  const mlnn::RecordingInputs inputs = inputsFor(model, 5);
+  std::size_t steps = 0;
+  const auto watched = mlnn::evaluateFrames(model, frames, inputs,
+                                            [&steps](std::size_t further) { steps += further; });
+  EXPECT_EQ(steps, 1000u);
+  EXPECT_TRUE(sameBits(watched.value(), mlnn::evaluateFrames(model, frames, inputs).value()));
+}
+
+TEST(EvaluationTest, stopsWhereTheWatchThrows) {
+  struct Stopped {};
+  MultiLayerNNModel model = modelOf({plainLayer(5, 4)});
+  std::size_t calls = 0;
   const auto evaluate = [&] {
-    EXPECT_THROW(mlnn::evaluateFrames(model, someValues(5, 1, 9), inputs, progress), mlnn::Failure);
+    mlnn::evaluateFrames(model, someValues(5, 1000, 9), inputsFor(model, 5), [&](std::size_t) {
+      if (++calls == 2) throw Stopped();
+    });
   };
-  EXPECT_EQ(mlnn::test::stderrOf(evaluate),
-            "ERROR: NNFwdPassFromFile::evaluate: layer 2 does not fit the model\n");
+  EXPECT_THROW(evaluate(), Stopped);
+  EXPECT_EQ(calls, 2u);
 }
 
 TEST(EvaluationTest, bestClassIsTheFirstOfTheLargest) {

@@ -4,13 +4,11 @@
 #include <string>
 
 #include "inference/RecordingInputs.h"
-#include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
-#include "tools/Failure.h"
 
 namespace {
 
-using mlnn::Inputs;
+using mlnn::RecordingInputs;
 using mlnn::test::modelOf;
 using mlnn::test::plainLayer;
 using mlnn::test::sameBits;
@@ -25,43 +23,46 @@ MultiLayerNNModel modelWith(int bands, int left, int right, int numInputs) {
   return model;
 }
 
+RecordingInputs inputsFor(const MultiLayerNNModel& model, Eigen::Index width,
+                          bool stacked = false) {
+  std::string whyNot;
+  return RecordingInputs::forFrames(model, width, stacked, "F", whyNot).value();
+}
+
 std::string refusalOf(const MultiLayerNNModel& model, Eigen::Index width, bool stacked = false) {
-  try {
-    Inputs::forFrames(model, width, stacked, "F");
-  } catch (const mlnn::Failure& failure) {
-    return failure.what();
-  }
-  return "";
+  std::string whyNot;
+  RecordingInputs::forFrames(model, width, stacked, "F", whyNot);
+  return whyNot;
 }
 
-TEST(InputsTest, theWidthTellsWhatFramesAre) {
+TEST(RecordingInputs, theWidthTellsWhatFramesAre) {
   const MultiLayerNNModel model = modelWith(4, 2, 1, 16);
-  EXPECT_FALSE(Inputs::forFrames(model, 4, false, "F").areStacked());
-  EXPECT_TRUE(Inputs::forFrames(model, 16, false, "F").areStacked());
-  EXPECT_TRUE(Inputs::forFrames(model, 16, true, "F").areStacked());
+  EXPECT_FALSE(inputsFor(model, 4).areStacked());
+  EXPECT_TRUE(inputsFor(model, 16).areStacked());
+  EXPECT_TRUE(inputsFor(model, 16, true).areStacked());
 }
 
-TEST(InputsTest, otherWidthsAreRefusedWithBothWidths) {
+TEST(RecordingInputs, otherWidthsAreRefusedWithBothWidths) {
   const MultiLayerNNModel model = modelWith(4, 2, 1, 16);
   EXPECT_EQ(refusalOf(model, 5),
             "F has 5 values in a frame; expected 4 (single frames) or 16 (input vectors)");
   EXPECT_EQ(refusalOf(model, 4, true), "F has 4 values in a frame; expected 16 (input vectors)");
 }
 
-TEST(InputsTest, whereBothFitTheyAreSingleFrames) {
+TEST(RecordingInputs, whereBothFitTheyAreSingleFrames) {
   const MultiLayerNNModel model = modelWith(4, 0, 0, 4);
-  EXPECT_FALSE(Inputs::forFrames(model, 4, false, "F").areStacked());
-  EXPECT_TRUE(Inputs::forFrames(model, 4, true, "F").areStacked());
+  EXPECT_FALSE(inputsFor(model, 4).areStacked());
+  EXPECT_TRUE(inputsFor(model, 4, true).areStacked());
 }
 
-TEST(InputsTest, deltasMakeFramesThreeTimesAsWide) {
+TEST(RecordingInputs, deltasMakeFramesThreeTimesAsWide) {
   MultiLayerNNModel model = modelWith(4, 1, 0, 24);
   model.featureDesc.useDeltas = true;
   EXPECT_EQ(mlnn::frameWidth(model), 12);
-  EXPECT_FALSE(Inputs::forFrames(model, 12, false, "F").areStacked());
+  EXPECT_FALSE(inputsFor(model, 12).areStacked());
 }
 
-TEST(InputsTest, withoutBandsAFrameHas120ValuesWhereThatGivesTheInputs) {
+TEST(RecordingInputs, withoutBandsAFrameHas120ValuesWhereThatGivesTheInputs) {
   EXPECT_EQ(mlnn::frameWidth(modelWith(0, 2, 2, 600)), 120);
   EXPECT_EQ(mlnn::frameWidth(modelWith(0, 0, 0, 120)), 120);
   EXPECT_EQ(mlnn::frameWidth(modelWith(0, 2, 2, 595)), 0);
@@ -74,16 +75,16 @@ TEST(InputsTest, withoutBandsAFrameHas120ValuesWhereThatGivesTheInputs) {
   EXPECT_EQ(mlnn::frameWidth(modelWith(0, most, most, 0)), 0);
 }
 
-TEST(InputsTest, aDescriptionThatDoesNotFitMakesNoWindow) {
+TEST(RecordingInputs, aDescriptionThatDoesNotFitMakesNoWindow) {
   const MultiLayerNNModel model = modelWith(4, 2, 2, 16);
-  EXPECT_TRUE(Inputs::forFrames(model, 16, false, "F").areStacked());
+  EXPECT_TRUE(inputsFor(model, 16).areStacked());
   EXPECT_EQ(refusalOf(model, 4),
             "F has 4 values in a frame; expected 16 (input vectors); 4 (single frames) in a "
             "window of 5 do not make as many");
 }
 
 // An image can ask for a window of any size; nothing of that size may be made.
-TEST(InputsTest, aHugeWindowIsRefusedBeforeItIsMade) {
+TEST(RecordingInputs, aHugeWindowIsRefusedBeforeItIsMade) {
   const int most = std::numeric_limits<int>::max();
   EXPECT_EQ(refusalOf(modelWith(1, most, most, 16), 1),
             "F has 1 value in a frame; expected 16 (input vectors); 1 (single frames) in a "
@@ -93,7 +94,7 @@ TEST(InputsTest, aHugeWindowIsRefusedBeforeItIsMade) {
 }
 
 // Its first layer takes half a million inputs without holding a number.
-TEST(InputsTest, aModelWithoutOutputsIsRefusedBeforeItsWindowIsMade) {
+TEST(RecordingInputs, aModelWithoutOutputsIsRefusedBeforeItsWindowIsMade) {
   MultiLayerNNModel model = modelWith(1, 499999, 0, 500000);
   model.layers[0]->weights.resize(0, 500000);
   EXPECT_EQ(refusalOf(model, 1), "the model has no outputs");
@@ -101,9 +102,9 @@ TEST(InputsTest, aModelWithoutOutputsIsRefusedBeforeItsWindowIsMade) {
 }
 
 // A block of long vectors holds fewer of them.
-TEST(InputsTest, blocksStayInProportion) {
+TEST(RecordingInputs, blocksStayInProportion) {
   const MultiLayerNNModel model = modelWith(1, 2999999, 0, 3000000);
-  const Inputs inputs = Inputs::forFrames(model, 1, false, "F");
+  const RecordingInputs inputs = inputsFor(model, 1);
   const Eigen::MatrixXf frames = someValues(1, 3, 5);
   Eigen::Index done = 0;
   inputs.forEachBlock(frames, [&](const Eigen::Ref<const Eigen::MatrixXf>& block) {
@@ -113,7 +114,7 @@ TEST(InputsTest, blocksStayInProportion) {
   EXPECT_EQ(done, 3);
 }
 
-TEST(InputsTest, saysWhyFramesCannotBeStacked) {
+TEST(RecordingInputs, saysWhyFramesCannotBeStacked) {
   MultiLayerNNModel model = modelWith(130, 0, 0, 130);
   model.deltasNorm.allocIfNeeded();
   model.deltasNorm.minvals[0] = 1;
@@ -121,16 +122,16 @@ TEST(InputsTest, saysWhyFramesCannotBeStacked) {
             "F cannot be stacked: the normalisation has 120 values, but a frame has 130");
 }
 
-TEST(InputsTest, warnsOfLineKernels) {
+TEST(RecordingInputs, tellsThatLineKernelsAreLeftOut) {
   MultiLayerNNModel model = modelWith(4, 2, 1, 16);
+  EXPECT_FALSE(inputsFor(model, 4).leavesOutLineKernels());
   model.featureDesc.useLineKernels = true;
-  EXPECT_EQ(mlnn::test::stderrOf([&model] { Inputs::forFrames(model, 4, false, "F"); }),
-            "Warning: the feature description asks for line kernels, which are not applied to F\n");
-  EXPECT_EQ(mlnn::test::stderrOf([&model] { Inputs::forFrames(model, 16, false, "F"); }), "");
+  EXPECT_TRUE(inputsFor(model, 4).leavesOutLineKernels());
+  EXPECT_FALSE(inputsFor(model, 16).leavesOutLineKernels());
 }
 
 // All blocks of a recording beside each other.
-Eigen::MatrixXf allBlocks(const Inputs& inputs, const Eigen::MatrixXf& frames,
+Eigen::MatrixXf allBlocks(const RecordingInputs& inputs, const Eigen::MatrixXf& frames,
                           Eigen::Index inputLen) {
   Eigen::MatrixXf all(inputLen, frames.cols());
   Eigen::Index done = 0;
@@ -143,14 +144,14 @@ Eigen::MatrixXf allBlocks(const Inputs& inputs, const Eigen::MatrixXf& frames,
   return all;
 }
 
-TEST(InputsTest, blocksGiveTheSameVectorsAsTheWholeRecording) {
+TEST(RecordingInputs, blocksGiveTheSameVectorsAsTheWholeRecording) {
   MultiLayerNNModel model = modelWith(4, 3, 2, 24);
   model.deltasNorm.allocIfNeeded();
   model.deltasNorm.minvals.setConstant(0.25f);
   std::string whyNot;
   const auto window = mlnn::ContextWindow::create(model.featureDesc, model.deltasNorm, 4, whyNot);
   ASSERT_TRUE(window);
-  const Inputs inputs = Inputs::forFrames(model, 4, false, "F");
+  const RecordingInputs inputs = inputsFor(model, 4);
   for (const Eigen::Index length : {1, 2, 3, 255, 256, 257, 258, 259, 512, 700}) {
     const Eigen::MatrixXf frames = someValues(4, length, 5);
     Eigen::MatrixXf expected;
@@ -159,8 +160,8 @@ TEST(InputsTest, blocksGiveTheSameVectorsAsTheWholeRecording) {
   }
 }
 
-TEST(InputsTest, inputVectorsPassUnchanged) {
-  const Inputs inputs = Inputs::forFrames(modelWith(4, 3, 2, 24), 24, false, "F");
+TEST(RecordingInputs, inputVectorsPassUnchanged) {
+  const RecordingInputs inputs = inputsFor(modelWith(4, 3, 2, 24), 24);
   const Eigen::MatrixXf frames = someValues(24, 600, 5);
   EXPECT_TRUE(sameBits(allBlocks(inputs, frames, 24), frames));
 }

@@ -35,7 +35,7 @@ using mlnn::test::sourcePath;
 
 // What loading a damaged file may take, as docs/text-format.md and docs/binary-format.md promise.
 std::size_t memoryFor(const std::string& bytes) {
-  const bool isImage = bytes.compare(0, mlnn::kMagicLength, mlnn::kMagic) == 0;
+  const bool isImage = mlnn::isImage(bytes);
   constexpr std::size_t kMiB = std::size_t{1} << 20;
   return isImage ? 8 * bytes.size() + kMiB : 64 * bytes.size() + 4 * kMiB;
 }

@@ -5,10 +5,13 @@
 
 #include "analysis/FrameTimer.h"
 #include "analysis/ModelBudget.h"
+#include "inference/Evaluation.h"
 #include "text/Numbers.h"
+#include "tools/Failure.h"
 #include "tools/commands/NumberRange.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/reports/Json.h"
+#include "tools/reports/Progress.h"
 #include "tools/shell/Tool.h"
 
 namespace mlnn {
@@ -127,12 +130,23 @@ Json budgetJson(const std::string& name, const ModelBudget& budget, const CodedS
             {"core_share", time.median * rate}}}};
 }
 
+FrameTime measure(MultiLayerNNModel& model, double seconds) {
+  Progress progress("measuring", kTimingSteps);
+  std::string whyNot;
+  const std::optional<FrameTime> time = timeFrames(model, seconds, whyNot, progress.watch());
+  return orFail(time, whyNot);
+}
+
+CodedSize codesOf(const MultiLayerNNModel& model, int bits) {
+  return orFail(codedSizeOf(model, bits), kCannotBeRun);
+}
+
 int run(const Options& options) {
   ModelFile file = loadModel(options.model, options.load);
-  const FrameTime time = timeFrames(file.model, options.seconds);
+  const FrameTime time = measure(file.model, options.seconds);
   const ModelBudget budget = budgetOf(file.model);
-  const CodedSizes codes{file.model.layers.size(), codedSizeOf(file.model, 8),
-                         codedSizeOf(file.model, 4)};
+  const CodedSizes codes{file.model.layers.size(), codesOf(file.model, 8),
+                         codesOf(file.model, 4)};
   const FileSizes files = fileSizesOf(file.model);
   if (options.json) {
     const Json json = budgetJson(file.name, budget, codes, files, time, options.rate);

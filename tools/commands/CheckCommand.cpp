@@ -3,25 +3,24 @@
 #include <algorithm>
 #include <iostream>
 #include <optional>
-#include <sstream>
+#include <string>
+#include <vector>
 
 #include "analysis/ModelDigest.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/diagnosis/Diagnosis.h"
-#include "analysis/diagnosis/TextDiagnosis.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
+#include "tools/reports/DigestReport.h"
 #include "tools/reports/FormatText.h"
 #include "tools/reports/Json.h"
 #include "tools/shell/Tool.h"
 
 namespace mlnn {
 namespace {
-
-constexpr char kInfoPrefix[] = "info: ";
 
 struct Options {
   std::vector<std::string> models;
@@ -68,8 +67,8 @@ CommandHelp help() {
 struct Findings {
   ModelFile file;
   bool loads = false;
-  std::string messages;          // the reader's own
-  std::optional<Misfit> misfit;  // of a file that does not load
+  std::vector<Message> messages;  // the reader's own
+  std::optional<Misfit> misfit;   // of a file that does not load
   std::vector<Suspicion> suspicions;
   std::optional<ModelDigest> digest;
   std::optional<DigestComparison> comparison;
@@ -108,13 +107,6 @@ Findings examine(const std::string& name, const Options& options) {
         compareDigests(*findings.digest, parseDigest(readInput(options.against), options.against));
   }
   return findings;
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(escaped(line));
-  return lines;
 }
 
 // --- JSON ---
@@ -167,7 +159,7 @@ Json jsonOf(const Findings& findings, const Options& options) {
   json["bytes"] = file.length;
   json["loads"] = findings.loads;
   if (findings.misfit) json["misfit"] = jsonOf(*findings.misfit);
-  json["messages"] = linesOf(findings.messages);
+  json["messages"] = linesOf(findings.messages, true);
   json["suspicions"] = Json::array();
   for (const Suspicion& suspicion : findings.suspicions) {
     json["suspicions"].push_back(jsonOf(suspicion));
@@ -181,9 +173,8 @@ Json jsonOf(const Findings& findings, const Options& options) {
 
 // Information lines are shown only when they are asked for.
 void printMessages(const Findings& findings, const Options& options, std::ostream& out) {
-  for (const std::string& line : linesOf(findings.messages)) {
-    const bool isInfo = line.compare(0, std::size(kInfoPrefix) - 1, kInfoPrefix) == 0;
-    if (!isInfo || options.load.verbose) out << "the reader says: " << line << "\n";
+  for (const std::string& line : linesOf(findings.messages, options.load.verbose)) {
+    out << "the reader says: " << line << "\n";
   }
 }
 

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <iostream>
 
-#include "analysis/TraceComparison.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
+#include "tools/files/TraceFolders.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/reports/DifferenceReport.h"
 #include "tools/reports/Json.h"
@@ -149,7 +149,7 @@ void printJson(const std::vector<TraceComparison>& traces, const Options& option
 
 int run(const Options& options) {
   const std::vector<TraceComparison> traces =
-      compareTraces(options.a, options.b, options.commonOnly);
+      compareTraceFolders(options.a, options.b, options.commonOnly);
   const bool isSame =
       std::all_of(traces.begin(), traces.end(), [&options](const TraceComparison& trace) {
         return firstBeyond(trace, options.tolerance) == nullptr;

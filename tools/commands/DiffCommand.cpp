@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "tools/commands/Recordings.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
@@ -74,8 +75,7 @@ int run(const Options& options) {
   diff.statements = compareStatements(a.model, b.model);
   diff.layers = compareNumbers(a.model, b.model);
   if (!options.frames.empty()) {
-    diff.behaviour.emplace(a.model, b.model);
-    diff.behaviour->addRecordings(options.frames, options.stacked);
+    diff.behaviour = compareBehaviour(a.model, b.model, options.frames, options.stacked);
   }
   if (options.json) {
     printJson(diffJson(diff));

@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "analysis/BehaviourDiff.h"
+#include "layers/LayerArrays.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
+#include "tools/commands/Recordings.h"
 #include "tools/commands/Tolerance.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
@@ -116,8 +118,7 @@ void printJson(const BehaviourDiff& diff, const Options& options) {
 }
 
 void prove(MultiLayerNNModel& before, MultiLayerNNModel& after, const Options& options) {
-  BehaviourDiff diff(before, after);
-  diff.addRecordings(options.frames, options.stacked);
+  const BehaviourDiff diff = compareBehaviour(before, after, options.frames, options.stacked);
   if (options.json) {
     printJson(diff, options);
   } else {
@@ -141,9 +142,8 @@ void prove(MultiLayerNNModel& before, MultiLayerNNModel& after, const Options& o
 // What the layers were folded from is of no use to them any more.
 void dropBatchNormVectors(const std::vector<NNLayer*>& layers) {
   for (NNLayer* layer : layers) {
-    for (Eigen::VectorXf* vector :
-         {&layer->gamma, &layer->beta, &layer->gamma_inf, &layer->beta_inf}) {
-      vector->resize(0);
+    for (const LayerVector& vector : kLayerVectors) {
+      if (vector.inBatchNorm) vector.of(*layer).resize(0);
     }
   }
 }

@@ -2,6 +2,7 @@
 
 #include <sstream>
 #include <utility>
+#include <vector>
 
 #include "text/Escape.h"
 #include "tools/Failure.h"
@@ -17,7 +18,7 @@ bool readBack(const MultiLayerNNModel& model, MultiLayerNNModel& read) {
   std::ostringstream out;
   writeModel(model, ModelFormat::kText, kExactDigits, out);
   ModelFile file;
-  std::string messages;
+  std::vector<Message> messages;
   if (!parseModel(out.str(), file, messages)) return false;
   read = std::move(file.model);
   return true;

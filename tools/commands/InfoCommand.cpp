@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "analysis/WeightForms.h"
+#include "analysis/ModelSummary.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
@@ -45,46 +45,7 @@ CommandHelp help() {
   return help;
 }
 
-std::size_t length(const Eigen::VectorXf& values) {
-  return static_cast<std::size_t>(values.size());
-}
-
-// The numbers that a layer computes with.
-std::size_t parametersOf(const NNLayer& layer) {
-  const auto weights = static_cast<std::size_t>(layer.weights.size());
-  if (!layer.isBatchNorm) return weights + length(layer.bias);
-  return weights + length(layer.gamma) + length(layer.beta) + length(layer.gamma_inf) +
-         length(layer.beta_inf);
-}
-
-std::size_t bytesOf(const NNLayer& layer) {
-  const std::size_t unused = layer.isBatchNorm
-                                 ? length(layer.bias)
-                                 : length(layer.gamma) + length(layer.beta) +
-                                       length(layer.gamma_inf) + length(layer.beta_inf);
-  return sizeof(NNLayer) + (parametersOf(layer) + unused) * sizeof(float);
-}
-
-std::size_t parametersOf(const MultiLayerNNModel& model) {
-  std::size_t sum = 0;
-  for (const NNLayer* layer : model.layers) sum += parametersOf(*layer);
-  return sum;
-}
-
-// What the model takes in memory, to within what the allocator adds.
-std::size_t bytesOf(const MultiLayerNNModel& model) {
-  std::size_t sum = sizeof(MultiLayerNNModel);
-  for (const NNLayer* layer : model.layers) sum += sizeof(void*) + bytesOf(*layer);
-  sum += (length(model.deltasNorm.minvals) + length(model.deltasNorm.normvals)) * sizeof(float);
-  sum += (model.loss.size() + model.accuracy.size()) * sizeof(float);
-  for (const std::string& note : model.notes.lines) sum += sizeof(std::string) + note.size();
-  for (const auto& [key, value] : model.props) {
-    sum += 2 * sizeof(std::string) + key.size() + value.size();
-  }
-  return sum;
-}
-
-const char* kindOf(const NNLayer& layer) { return layer.isBatchNorm ? "batch norm" : "plain"; }
+const char* kindOf(const LayerSummary& layer) { return layer.isBatchNorm ? "batch norm" : "plain"; }
 
 std::string textOf(const DbnFeatureDescription& desc) {
   std::string text;
@@ -94,15 +55,15 @@ std::string textOf(const DbnFeatureDescription& desc) {
 
 // --- JSON ---
 
-Json layersJson(const MultiLayerNNModel& model) {
+Json layersJson(const ModelSummary& summary) {
   Json layers = Json::array();
-  for (const NNLayer* layer : model.layers) {
-    layers.push_back({{"kind", layer->isBatchNorm ? "batch_norm" : "plain"},
-                      {"inputs", layer->weights.cols()},
-                      {"outputs", layer->weights.rows()},
-                      {"activation", ActFn::actFnToString(layer->actFn)},
-                      {"parameters", parametersOf(*layer)},
-                      {"image_weights", weightForm(*layer)}});
+  for (const LayerSummary& layer : summary.layers) {
+    layers.push_back({{"kind", layer.isBatchNorm ? "batch_norm" : "plain"},
+                      {"inputs", layer.inputs},
+                      {"outputs", layer.outputs},
+                      {"activation", ActFn::actFnToString(layer.actFn)},
+                      {"parameters", layer.parameters},
+                      {"image_weights", layer.imageWeights}});
   }
   return layers;
 }
@@ -135,13 +96,14 @@ Json headJson(const ModelFile& file) {
 // finite become null.
 Json jsonOf(const ModelFile& file) {
   const MultiLayerNNModel& model = file.model;
+  const ModelSummary summary = summaryOf(model);
   Json json = headJson(file);
   json["inputs"] = model.numInputs();
   json["outputs"] = model.numOutputs();
   json["softmax"] = model.useSoftmax;
-  json["layers"] = layersJson(model);
-  json["parameters"] = parametersOf(model);
-  json["memory_bytes"] = bytesOf(model);
+  json["layers"] = layersJson(summary);
+  json["parameters"] = summary.parameters;
+  json["memory_bytes"] = summary.memoryBytes;
   json["checksum"] = model.checksum();
   json["features"] = featuresJson(model.featureDesc);
   json["normalisation"] = {{"minvals", valuesJson(model.deltasNorm.minvals)},
@@ -190,28 +152,28 @@ std::string featuresText(const DbnFeatureDescription& desc) {
   return textOf(desc) + " (" + length + ")";
 }
 
-void printLayers(const MultiLayerNNModel& model) {
+void printLayers(const ModelSummary& summary) {
   using Align = Table::Align;
   Table table({Align::kRight, Align::kRight, Align::kRight, Align::kLeft, Align::kLeft,
                Align::kRight, Align::kLeft},
               {"layer", "inputs", "outputs", "kind", "activation", "parameters", "image weights"});
-  for (std::size_t i = 0; i < model.layers.size(); ++i) {
-    const NNLayer& layer = *model.layers[i];
-    table.addRow({std::to_string(i + 1), std::to_string(layer.weights.cols()),
-                  std::to_string(layer.weights.rows()), kindOf(layer),
-                  ActFn::actFnToString(layer.actFn), std::to_string(parametersOf(layer)),
-                  weightForm(layer)});
+  for (std::size_t i = 0; i < summary.layers.size(); ++i) {
+    const LayerSummary& layer = summary.layers[i];
+    table.addRow({std::to_string(i + 1), std::to_string(layer.inputs),
+                  std::to_string(layer.outputs), kindOf(layer), ActFn::actFnToString(layer.actFn),
+                  std::to_string(layer.parameters), layer.imageWeights});
   }
   table.print(std::cout);
 }
 
 void printText(const ModelFile& file) {
   const MultiLayerNNModel& model = file.model;
+  const ModelSummary summary = summaryOf(model);
   printField("file", escaped(file.name));
   printField("format", formatText(file) + ", " + std::to_string(file.length) + " bytes");
   printField("shape", model.debug_description());
-  printField("parameters", std::to_string(parametersOf(model)) + ", " +
-                               std::to_string(bytesOf(model)) + " bytes in memory");
+  printField("parameters", std::to_string(summary.parameters) + ", " +
+                               std::to_string(summary.memoryBytes) + " bytes in memory");
   printField("checksum", checksumText(model));
   printField("softmax", model.useSoftmax ? "on" : "off");
   printField("features", featuresText(model.featureDesc));
@@ -219,7 +181,7 @@ void printText(const ModelFile& file) {
   printField("loss", curveText(model.loss));
   printField("accuracy", curveText(model.accuracy));
   std::cout << "\n";
-  printLayers(model);
+  printLayers(summary);
   if (!model.props.empty()) std::cout << "\nproperties\n";
   for (const auto& [key, value] : model.props) {
     std::cout << "  " << shortened(key) << " = " << shortened(value) << "\n";

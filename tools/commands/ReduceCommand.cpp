@@ -14,6 +14,7 @@
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
+#include "tools/commands/Recordings.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
@@ -156,12 +157,17 @@ class KnownClasses {
   std::vector<std::string> classes_;
 };
 
-void addRecordings(const Options& options, const KnownClasses& classes, PrecisionSweep& sweep) {
+void addRecordings(const Options& options, const KnownClasses& classes, const InputSide& network,
+                   PrecisionSweep& sweep) {
   Progress progress(options.frames.size());
   for (const std::string& name : options.frames) {
     Eigen::MatrixXf frames = readRecording(name);
     progress.beginPart(escaped(name), static_cast<std::size_t>(frames.cols()));
-    sweep.addRecording(name, std::move(frames), options.stacked, classes.of(name), progress);
+    const std::optional<Eigen::Index> known = classes.of(name);
+    const RecordingInputs inputs = inputsFor(network, frames.rows(), options.stacked, name);
+    if (!sweep.addRecording(std::move(frames), inputs, known, progress.watch())) {
+      throw Failure(kCannotBeRun);
+    }
   }
 }
 
@@ -169,7 +175,7 @@ SweepFindings sweep(const Options& options, MultiLayerNNModel& model) {
   const Widths widths = widthsOf(options.sweep);
   const KnownClasses classes(options.labels, model);
   PrecisionSweep sweep(model);
-  addRecordings(options, classes, sweep);
+  addRecordings(options, classes, InputSide::of(model), sweep);
   SweepFindings found;
   found.keep = options.keep;
   found.isPosterior = model.useSoftmax;
@@ -179,7 +185,7 @@ SweepFindings sweep(const Options& options, MultiLayerNNModel& model) {
   const auto steps = static_cast<std::size_t>(widths.last - widths.first) + 1;
   Progress progress("trying widths", steps * sweep.frames());
   for (int bits = widths.first; bits <= widths.last; ++bits) {
-    found.add(sweep.measure(bits, progress));
+    found.add(sweep.measure(bits, progress.watch()));
   }
   return found;
 }

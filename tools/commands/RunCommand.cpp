@@ -9,10 +9,10 @@
 
 #include "inference/CodedFwdPass.h"
 #include "inference/Evaluation.h"
-#include "inference/RecordingInputs.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/commands/NetworkOptions.h"
+#include "tools/commands/Recordings.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
@@ -163,19 +163,18 @@ std::unique_ptr<FwdPass> codedPass(RunnableModel& model, const Options& options)
   if (options.bits == 0) return nullptr;
   std::unique_ptr<FwdPass> pass =
       CodedFwdPass::create(model.model(), options.bits, CodesFor::kMemory);
-  if (pass == nullptr) throw Failure("the model cannot be run");
+  if (pass == nullptr) throw Failure(kCannotBeRun);
   return pass;
 }
 
 Eigen::MatrixXf evaluate(RunnableModel& model, FwdPass& pass, const Options& options,
                          const Job& job, Progress& progress) {
   const Eigen::MatrixXf frames = readRecording(job.frames);
-  const Inputs inputs =
-      Inputs::forFrames(model.inputSide(), frames.rows(), options.stacked, inputName(job.frames));
-  const auto length = static_cast<std::size_t>(frames.cols());
-  progress.beginPart(escaped(job.frames), job.trace.empty() ? length : 2 * length);
-  if (!job.trace.empty()) writeTrace(model.model(), inputs, frames, job.trace, progress);
-  return evaluateFrames(pass, frames, inputs, progress);
+  const RecordingInputs inputs =
+      inputsFor(model.inputSide(), frames.rows(), options.stacked, job.frames);
+  progress.beginPart(escaped(job.frames), static_cast<std::size_t>(frames.cols()));
+  if (!job.trace.empty()) return writeTrace(model.model(), inputs, frames, job.trace, progress);
+  return orFail(evaluateFrames(pass, frames, inputs, progress.watch()), kCannotBeRun);
 }
 
 // What the jobs of a command line have found, told as they are done or, as JSON, at the end.

@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <cstring>
 #include <limits>
+#include <vector>
 
+#include "layers/Messages.h"
 #include "model/ModelFormat.h"
-#include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
 #include "tools/files/FileDescriptor.h"
 #include "tools/files/InputFile.h"
@@ -43,13 +43,13 @@ std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) 
   ImageFile image;
   image.file_ = MappedFile(file.get(), *length, name);
   const void* const data = image.file_.data();
-  if (data == nullptr || std::memcmp(data, kMagic, kMagicLength) != 0) return std::nullopt;
+  if (data == nullptr || !isImage({static_cast<const char*>(data), *length})) return std::nullopt;
   int result;
-  std::string messages;
+  std::vector<Message> messages;
   {
-    const CapturedDiagnostics captured;
+    const CollectedMessages said;
     result = image.pass_.open(data, *length);
-    messages = captured.text();
+    messages = said.messages();
   }
   showMessages(messages, verbose);
   if (result != 0) throw Failure("could not load the model " + inputName(name));

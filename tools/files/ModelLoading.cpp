@@ -7,15 +7,11 @@
 #include "model/ImageReader.h"
 #include "model/ModelFormat.h"
 #include "text/Escape.h"
-#include "text/TextParts.h"
-#include "tools/CapturedDiagnostics.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 
 namespace mlnn {
 namespace {
-
-constexpr char kInfoPrefix[] = "info: ";
 
 // How messages of the library call the file and the option.
 OpenOptions openOptions(const ModelFile& file, const std::string& hiddenActFn) {
@@ -47,17 +43,24 @@ void addLoadOptions(CommandLine& command, LoadOptions& options) {
   command.addFlag("-v,--verbose", options.verbose, "Show what the reader says while it reads");
 }
 
-void showMessages(const std::string& messages, bool verbose) {
-  std::istringstream in(messages);
-  for (std::string line; std::getline(in, line);) {
-    if (verbose || !startsWith(line, kInfoPrefix)) std::cerr << escaped(line) + "\n";
+std::vector<std::string> linesOf(const std::vector<Message>& messages, bool verbose) {
+  std::vector<std::string> lines;
+  for (const Message& message : messages) {
+    if (message.severity == Severity::kInfo && !verbose) continue;
+    std::istringstream in(message.text);
+    for (std::string line; std::getline(in, line);) lines.push_back(escaped(line));
   }
+  return lines;
 }
 
-bool parseModel(const std::string& bytes, ModelFile& file, std::string& messages) {
-  const CapturedDiagnostics captured;
+void showMessages(const std::vector<Message>& messages, bool verbose) {
+  for (const std::string& line : linesOf(messages, verbose)) std::cerr << line + "\n";
+}
+
+bool parseModel(const std::string& bytes, ModelFile& file, std::vector<Message>& messages) {
+  const CollectedMessages said;
   const bool done = readModel(bytes.data(), bytes.size(), file) == 0;
-  messages = captured.text();
+  messages = said.messages();
   return done;
 }
 
@@ -68,7 +71,7 @@ void setHiddenActivations(ModelFile& file, const std::string& given) {
 ModelFile loadModel(const std::string& name, const LoadOptions& options) {
   ModelFile file;
   file.name = name;
-  std::string messages;
+  std::vector<Message> messages;
   const bool done = parseModel(readInput(name), file, messages);
   showMessages(messages, options.verbose);
   if (!done) throw Failure("could not load the model " + inputName(name) + untoldReason(file));

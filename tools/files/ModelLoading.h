@@ -2,7 +2,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
+#include "layers/Messages.h"
 #include "model/ModelFile.h"
 #include "tools/shell/CommandLine.h"
 
@@ -32,14 +34,16 @@ void addLoadOptions(CommandLine& command, LoadOptions& options);
 // Throws: Failure, after the reader's own messages.
 ModelFile loadModel(const std::string& name, const LoadOptions& options = {});
 
-// Shows what a reader printed, with control characters escaped; information lines only where
-// `verbose` asks for them.
-void showMessages(const std::string& messages, bool verbose);
+// Returns the lines of what a reader said, with control characters escaped; those of information
+// only where `verbose` asks for them.
+std::vector<std::string> linesOf(const std::vector<Message>& messages, bool verbose);
 
-// Reads a model from memory. What the reader prints goes into `messages` instead of being
-// shown.
+// Shows these lines.
+void showMessages(const std::vector<Message>& messages, bool verbose);
+
+// Reads a model from memory. What the reader says goes into `messages` instead of being shown.
 // Returns: whether it could be read. `file.name` is left alone.
-bool parseModel(const std::string& bytes, ModelFile& file, std::string& messages);
+bool parseModel(const std::string& bytes, ModelFile& file, std::vector<Message>& messages);
 
 // Sets the activations that the file does not record, as loadModel does: to `given`, or where
 // that is "" to what the property says. Prints what it did.

@@ -1,12 +1,13 @@
 #include "tools/files/ModelSaving.h"
 
 #include <filesystem>
-#include <locale>
+#include <optional>
 #include <ostream>
+#include <utility>
 
+#include "model/FormatFit.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
-#include "tools/ModelFit.h"
 #include "tools/files/CArray.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/OutputFile.h"
@@ -15,17 +16,10 @@
 namespace mlnn {
 namespace {
 
-std::vector<char> imageOf(const MultiLayerNNModel& model) {
-  const int length = model.binarySerializedLength();
-  if (length < 0) throw Failure("the model cannot be written as a binary image");
-  std::vector<char> image(static_cast<std::size_t>(length));
-  model.serializeBinary(image.data());
-  return image;
-}
-
-void writeImage(const MultiLayerNNModel& model, std::ostream& out) {
-  const std::vector<char> image = imageOf(model);
-  out.write(image.data(), static_cast<std::streamsize>(image.size()));
+std::vector<char> imageBytes(const MultiLayerNNModel& model) {
+  std::string whyNot;
+  std::optional<std::vector<char>> image = imageOf(model, whyNot);
+  return orFail(std::move(image), whyNot);
 }
 
 // Whether the file is to be a C source that holds the image.
@@ -88,15 +82,16 @@ void refuseLossOfModels(const std::vector<std::string>& models, const std::strin
 
 void writeModel(const MultiLayerNNModel& model, ModelFormat format, int precision,
                 std::ostream& out) {
-  if (format == ModelFormat::kBinary) return writeImage(model, out);
-  out.imbue(std::locale::classic());
-  out.precision(precision);
-  model.serializeAscii(out);
+  if (format == ModelFormat::kText) return writeText(model, precision, out);
+  const std::vector<char> image = imageBytes(model);
+  out.write(image.data(), static_cast<std::streamsize>(image.size()));
 }
 
 void saveModel(MultiLayerNNModel& model, const std::string& name, ModelFormat format,
                const SaveOptions& options) {
-  const Fit fit = fitToFormat(model, format, options.precision);
+  std::string whyNot;
+  std::optional<Fit> fitted = fitToFormat(model, format, options.precision, whyNot);
+  const Fit fit = orFail(std::move(fitted), whyNot);
   for (const std::string& line : fit.lost)
     printWarning(describe(format) + " does not hold " + line);
   if (options.strict && !fit.lost.empty()) {
@@ -106,7 +101,7 @@ void saveModel(MultiLayerNNModel& model, const std::string& name, ModelFormat fo
   for (const std::string& line : fit.done) printInfo(line);
   OutputFile file(name);
   if (isCArray(name, options)) {
-    writeCArray(imageOf(model), options.symbol.empty() ? arrayName(name) : options.symbol,
+    writeCArray(imageBytes(model), options.symbol.empty() ? arrayName(name) : options.symbol,
                 file.stream());
   } else {
     writeModel(model, format, options.precision, file.stream());

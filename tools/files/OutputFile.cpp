@@ -16,7 +16,6 @@
 #include <utility>
 
 #include "text/Escape.h"
-#include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 
 namespace fs = std::filesystem;
@@ -81,6 +80,9 @@ bool reachesDisk(int descriptor) {
 
 }  // namespace
 
+WriteFailure::WriteFailure(const std::string& what, int error)
+    : Failure(cannotWrite(what, error)), error_(error) {}
+
 OutputFile::OutputFile(const std::string& name)
     : name_(name), descriptor_(open()), buffer_(descriptor_.get()), stream_(&buffer_) {}
 
@@ -132,7 +134,7 @@ void OutputFile::finish() {
 // `error` is an errno, 0 where it is not known.
 void OutputFile::fail(int error) const {
   const bool isStandard = name_ == kStandardStream;
-  throw Failure(cannotWrite(isStandard ? "to standard output" : inQuotes(name_), error));
+  throw WriteFailure(isStandard ? "to standard output" : inQuotes(name_), error);
 }
 
 }  // namespace mlnn

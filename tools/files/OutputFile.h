@@ -6,11 +6,23 @@
 #include <ostream>
 #include <string>
 
+#include "tools/Failure.h"
 #include "tools/files/DescriptorBuffer.h"
 #include "tools/files/FileDescriptor.h"
 #include "tools/files/UnfinishedFile.h"
 
 namespace mlnn {
+
+// A file could not be written.
+class WriteFailure : public Failure {
+ public:
+  WriteFailure(const std::string& what, int error);
+
+  int error() const { return error_; }  // an errno; 0 where it is not known
+
+ private:
+  int error_;
+};
 
 // Writes beside the file, in the same folder, and takes its name at the end, when all is on the
 // disk; until then, and after a failure, whatever had that name is untouched. A file that is
@@ -25,13 +37,13 @@ namespace mlnn {
 // An interrupt (SIGINT, SIGTERM, SIGHUP) removes the unfinished file as well.
 class OutputFile {
  public:
-  // Throws: Failure that names the file and the reason.
+  // Throws: WriteFailure that names the file and the reason.
   explicit OutputFile(const std::string& name);
 
   std::ostream& stream() { return stream_; }
 
   // Makes sure that everything is written, and gives the file its name.
-  // Throws: Failure; then nothing is left behind.
+  // Throws: WriteFailure; then nothing is left behind.
   void finish();
 
  private:

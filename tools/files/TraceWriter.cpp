@@ -4,8 +4,10 @@
 #include <filesystem>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "analysis/Stage.h"
+#include "inference/Evaluation.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
@@ -47,14 +49,15 @@ std::vector<Eigen::MatrixXf> roomFor(const std::vector<const Eigen::MatrixXf*>& 
   return room;
 }
 
-std::vector<Eigen::MatrixXf> evaluateRecording(MultiLayerNNModel& model, const Inputs& inputs,
+std::vector<Eigen::MatrixXf> evaluateRecording(MultiLayerNNModel& model,
+                                               const RecordingInputs& inputs,
                                                const Eigen::MatrixXf& frames, Progress& progress) {
   const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
-  Inputs::Blocks blocks(inputs, frames);
+  RecordingInputs::Blocks blocks(inputs, frames);
   std::vector<Eigen::MatrixXf> stages;
   Index done = 0;
   while (const auto block = blocks.next(blocks.maxLength())) {
-    const StageValues values = evaluateStages(*pass, *block);
+    const StageValues values = orFail(evaluateStages(*pass, *block), kCannotBeRun);
     const std::vector<const Eigen::MatrixXf*> results = values.inOrder();
     if (stages.empty()) stages = roomFor(results, frames.cols());
     for (std::size_t i = 0; i < stages.size(); ++i) {
@@ -94,15 +97,17 @@ void refuseTraceOf(const OwnInputs& inputs, const std::string& folder) {
   for (const std::string& stage : stagesIn(folder)) inputs.refuse(stagePath(folder, stage));
 }
 
-void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
-                const std::string& folder, Progress& progress) {
+Eigen::MatrixXf writeTrace(MultiLayerNNModel& model, const RecordingInputs& inputs,
+                           const Eigen::MatrixXf& frames, const std::string& folder,
+                           Progress& progress) {
   const std::vector<std::string> names = stageNames(model.layers.size());
-  const std::vector<Eigen::MatrixXf> stages = evaluateRecording(model, inputs, frames, progress);
+  std::vector<Eigen::MatrixXf> stages = evaluateRecording(model, inputs, frames, progress);
   makeFolder(folder);
   refuseForeignStages(folder, names);
   for (std::size_t i = 0; i < names.size(); ++i) {
     writeFrames(stagePath(folder, names[i]), stages[i]);
   }
+  return std::move(stages.back());
 }
 
 std::vector<std::string> stagesIn(const std::string& folder) {

@@ -26,11 +26,13 @@ void refuseTraceOf(const OwnInputs& inputs, const std::string& folder);
 
 // Runs the model over the frames of a recording, and writes what each stage computed into the
 // folder, which is made if it is not there. `progress` is told of frames.
+// Returns: the outputs, the last of the stages.
 // Throws: Failure; also when the folder holds the trace of a deeper model, with which the files
 // would be mixed up.
 // On failure: each file is new or as it was, and whole.
-void writeTrace(MultiLayerNNModel& model, const Inputs& inputs, const Eigen::MatrixXf& frames,
-                const std::string& folder, Progress& progress);
+Eigen::MatrixXf writeTrace(MultiLayerNNModel& model, const RecordingInputs& inputs,
+                           const Eigen::MatrixXf& frames, const std::string& folder,
+                           Progress& progress);
 
 // Returns the stages that the folder holds, in the order in which they are computed. Other files
 // are passed over.

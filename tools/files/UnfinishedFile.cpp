@@ -19,6 +19,8 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 // What a signal handler removes; handlers reach nothing but globals.
 std::atomic<const char*> fileToRemove{nullptr};
 
+std::atomic<bool> areSignalsHandled{true};
+
 extern "C" void removeAndDie(int signal) {
   UnfinishedFile::removeAny();
   std::signal(signal, SIG_DFL);
@@ -27,6 +29,7 @@ extern "C" void removeAndDie(int signal) {
 
 // A signal that the caller had ignored (as nohup does) stays ignored.
 void handleSignals(void (*handler)(int)) {
+  if (!areSignalsHandled) return;
   for (const int signal : kSignals) {
     if (std::signal(signal, handler) == SIG_IGN) std::signal(signal, SIG_IGN);
   }
@@ -60,6 +63,8 @@ UnfinishedFile::~UnfinishedFile() {
   unlink(path_.c_str());
   release();
 }
+
+void UnfinishedFile::leaveSignalsAlone() { areSignalsHandled = false; }
 
 // Nothing that takes memory stands behind the making of the file.
 FileDescriptor UnfinishedFile::makeIn(const std::string& folder) {

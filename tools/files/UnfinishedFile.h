@@ -16,6 +16,9 @@ class UnfinishedFile {
   UnfinishedFile(const UnfinishedFile&) = delete;
   UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
+  // From now on signals are not handled: for a process that is not ours.
+  static void leaveSignalsAlone();
+
   // Makes an empty file of a new name in the folder, and holds it: no signal comes between.
   // Returns: its descriptor; one that is not open where that cannot be, which errno tells.
   FileDescriptor makeIn(const std::string& folder);

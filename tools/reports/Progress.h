@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "features/Watch.h"
+
 namespace mlnn {
 
 // Shows nothing unless the standard error stream is a terminal and the work has taken a
@@ -30,6 +32,11 @@ class Progress {
 
   // `steps` more are done.
   void advance(std::size_t steps = 1);
+
+  // Returns what advances this object, which must outlive it.
+  Watch watch() {
+    return [this](std::size_t steps) { advance(steps); };
+  }
 
   // Takes the bar away, so that something can be printed elsewhere; the next step shows it
   // again.

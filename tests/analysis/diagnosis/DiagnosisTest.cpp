@@ -7,10 +7,10 @@
 
 #include "analysis/diagnosis/Diagnosis.h"
 #include "analysis/diagnosis/TextDiagnosis.h"
+#include "layers/Messages.h"
 #include "model/ModelFormat.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/TestModels.h"
-#include "tools/CapturedDiagnostics.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ constexpr char kVersion1[] =
     "1e-3 2 3\n";
 
 bool loads(const std::string& file) {
-  const mlnn::CapturedDiagnostics captured;
+  const mlnn::CollectedMessages captured;
   std::istringstream in(file);
   MultiLayerNNModel model;
   return model.deserialize(in) == 0;

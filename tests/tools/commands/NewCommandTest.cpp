@@ -37,8 +37,8 @@ MultiLayerNNModel madeWith(const std::vector<std::string>& arguments) {
   const ToolResult result = make(arguments);
   EXPECT_EQ(result.status, 0) << result.err;
   mlnn::ModelFile file;
-  std::string messages;
-  EXPECT_TRUE(mlnn::parseModel(result.out, file, messages)) << messages;
+  std::vector<mlnn::Message> messages;
+  EXPECT_TRUE(mlnn::parseModel(result.out, file, messages));
   return std::move(file.model);
 }
 

@@ -1,0 +1,32 @@
+// ModelSummary — a model in numbers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "features/Export.h"
+#include "layers/ActFn.h"
+#include "model/MultiLayerNNModel.h"
+
+namespace mlnn {
+
+struct LayerSummary {
+  bool isBatchNorm = false;
+  Eigen::Index inputs = 0;
+  Eigen::Index outputs = 0;
+  ActFn::ActFn actFn = ActFn::linear;
+  std::size_t parameters = 0;     // the numbers that it computes or is trained with
+  const char* imageWeights = "";  // how an image stores its weights (analysis/WeightForms.h)
+};
+
+struct ModelSummary {
+  std::vector<LayerSummary> layers;
+  std::size_t parameters = 0;   // of all layers
+  std::size_t memoryBytes = 0;  // what the model takes in memory, to within what the allocator adds
+};
+
+// REQUIRES: no layer is missing.
+MLNN_EXPORT ModelSummary summaryOf(const MultiLayerNNModel& model);
+
+}  // namespace mlnn

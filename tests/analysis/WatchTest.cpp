@@ -1,0 +1,88 @@
+// Every analysis that takes a while is stopped by what its watch throws.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
+
+#include "analysis/FrameTimer.h"
+#include "analysis/Histogram.h"
+#include "analysis/ModelAverage.h"
+#include "analysis/ModelBudget.h"
+#include "analysis/ModelDigest.h"
+#include "analysis/ModelSuspicions.h"
+#include "analysis/NumberDiff.h"
+#include "analysis/diagnosis/Diagnosis.h"
+#include "features/Watch.h"
+#include "model/FormatFit.h"
+#include "tests/support/TestModels.h"
+
+namespace {
+
+using mlnn::Watch;
+
+struct Stopped {};
+
+// Whether the work ends by what the watch throws when it is called for the `number`th time.
+bool isStopped(const std::function<void(const Watch&)>& work, int number = 1) {
+  try {
+    work([&number](std::size_t) {
+      if (--number == 0) throw Stopped();
+    });
+  } catch (const Stopped&) {
+    return true;
+  }
+  return false;
+}
+
+// Large enough for a text of more than a megabyte.
+MultiLayerNNModel largeModel() {
+  return mlnn::test::modelOf({mlnn::test::plainLayer(400, 500), mlnn::test::plainLayer(500, 10)});
+}
+
+std::string textOf(const MultiLayerNNModel& model) {
+  std::ostringstream out;
+  mlnn::writeText(model, 9, out);
+  return out.str();
+}
+
+TEST(Watch, stopsEveryAnalysis) {
+  MultiLayerNNModel model = largeModel();
+  mlnn::ModelFile file;
+  file.model = model;
+  const std::string text = textOf(model);
+  std::string whyNot;
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::diagnose(text, watch); }, 3));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::suspiciousLines(text, watch); }, 3));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::suspicionsOf(file, watch); }, 3));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::digestOf(file, watch); }, 2));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::compareNumbers(model, model, watch); }, 3));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::fileSizesOf(model, watch); }, 2));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::timeFrames(model, 0.01, whyNot, watch); }));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) {
+    MultiLayerNNModel copy = model;
+    mlnn::fitToFormat(copy, mlnn::ModelFormat::kText, 4, whyNot, watch);
+  }));
+  EXPECT_TRUE(
+      isStopped([&](const Watch& watch) { mlnn::ModelAverage().add(largeModel(), 1, watch); }, 2));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) {
+    const Eigen::MatrixXf& weights = model.layers[0]->weights;
+    mlnn::histogramOf(weights.data(), static_cast<std::size_t>(weights.size()), 8, watch);
+  }));
+}
+
+TEST(Watch, isToldOfTheWholeWork) {
+  const MultiLayerNNModel model = largeModel();
+  mlnn::ModelFile file;
+  file.model = model;
+  const std::string text = textOf(model);
+  std::size_t steps = 0;
+  const Watch watch = [&steps](std::size_t further) { steps += further; };
+  mlnn::suspicionsOf(file, watch);
+  EXPECT_EQ(steps, 2u);
+  steps = 0;
+  mlnn::diagnose(text, watch);
+  EXPECT_GT(steps, text.size() - (std::size_t{1} << 19));
+  EXPECT_LE(steps, text.size());
+}
+
+}  // namespace
