@@ -11,6 +11,7 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -25,12 +26,19 @@
 
 #include "features/ContextWindow.h"
 #include "features/Version.h"
+#include "inference/Evaluation.h"
+#include "inference/RecordingInputs.h"
+#include "layers/LayerArrays.h"
 #include "layers/Messages.h"
+#include "model/FormatFit.h"
 #include "model/ImageReader.h"
-#include "model/MemoryStream.h"
+#include "model/ModelFile.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/StackOutputs.h"
+#include "text/Numbers.h"
+#include "tools/files/OutputFile.h"
+#include "tools/files/UnfinishedFile.h"
 
 namespace py = pybind11;
 
@@ -40,8 +48,6 @@ using Eigen::Index;
 using Frames = py::array_t<float>;  // frames x values
 using Columns = Eigen::Map<const Eigen::MatrixXf, 0, Eigen::OuterStride<>>;
 using Said = std::pair<int, py::list>;
-
-constexpr int kTextDigits = 9;  // with as many, every float reads back exactly
 
 class LayerHandle;
 
@@ -221,12 +227,18 @@ py::bytes recordOf(const LayerHandle& handle) {
 }
 
 Eigen::VectorXf& vectorOf(NNLayer& layer, const std::string& name) {
-  if (name == "bias") return layer.bias;
-  if (name == "gamma") return layer.gamma;
-  if (name == "beta") return layer.beta;
-  if (name == "gamma_inf") return layer.gamma_inf;
-  if (name == "beta_inf") return layer.beta_inf;
-  throw py::key_error(name);
+  const mlnn::LayerVector* const vector = mlnn::layerVector(name);
+  if (vector == nullptr) throw py::key_error(name);
+  return vector->of(layer);
+}
+
+// The names of the vectors, each with whether it is a batch-norm layer's.
+py::list layerVectors() {
+  py::list vectors;
+  for (const mlnn::LayerVector& vector : mlnn::kLayerVectors) {
+    vectors.append(py::make_tuple(vector.name, vector.inBatchNorm));
+  }
+  return vectors;
 }
 
 // A NumPy array over the layer's own values, outputs x inputs.
@@ -267,21 +279,24 @@ std::shared_ptr<Core> copyOf(Core& core) {
   });
 }
 
-// Return a new model, the result of reading it, and what was said. Never read into a model that
-// Python holds: that would take arrays away under its views.
-template <typename Deserialize>
-py::tuple readNew(Deserialize deserialize) {
-  auto core = std::make_shared<Core>();
-  const Said said = heard<Writing>(*core, deserialize);
-  return py::make_tuple(std::move(core), said.first, said.second);
-}
-
-py::tuple parse(const py::bytes& bytes) {
+// Opens a model as the command does: activations that it does not record are set to `actFn`, or
+// where that is "" to what its property says.
+// Returns a new model, the result, and what was said. Never read into a model that Python holds:
+// that would take arrays away under its views.
+py::tuple open(const py::bytes& bytes, const std::string& actFn) {
   const std::string_view view = bytes;
-  return readNew([view](MultiLayerNNModel& model) {
-    mlnn::MemoryStream in(view.data(), view.size());
-    return model.deserialize(in);
+  auto core = std::make_shared<Core>();
+  const Said said = heard<Writing>(*core, [&](MultiLayerNNModel& model) {
+    mlnn::ModelFile file;
+    if (mlnn::readModel(view.data(), view.size(), file) != 0) return 1;
+    // Whoever gives an activation for many files means those that record none.
+    if (!mlnn::layersWithoutActivation(file).empty()) {
+      mlnn::setHiddenActivations(file, {actFn, "act_fn", "the file"});
+    }
+    model = std::move(file.model);
+    return 0;
   });
+  return py::make_tuple(std::move(core), said.first, said.second);
 }
 
 // Returns what the library says of a file that cannot be opened.
@@ -291,26 +306,60 @@ py::bytes openingError(const std::string& path) {
   return said.messages().empty() ? std::string() : said.messages().back().text;
 }
 
-py::tuple image(Core& core) {
-  std::string bytes;
-  const Said said = heard<Reading>(core, [&bytes](const MultiLayerNNModel& shared) {
-    const MultiLayerNNModel model(shared);  // as for recordOf
-    const int length = model.binarySerializedLength();
-    if (length < 0) return 1;
-    bytes.resize(static_cast<std::size_t>(length));
-    return model.serializeBinary(bytes.data()) == length ? 0 : 1;
-  });
-  return py::make_tuple(said.first, said.second, py::bytes(bytes));
+// Writes a file that appears when it is complete.
+// Returns: 0, or an errno.
+int writeFile(const std::string& path, const py::bytes& bytes) {
+  const std::string_view view = bytes;
+  const py::gil_scoped_release othersRun;
+  try {
+    mlnn::OutputFile file(path);
+    file.stream().write(view.data(), static_cast<std::streamsize>(view.size()));
+    file.finish();
+  } catch (const mlnn::WriteFailure& failure) {
+    return failure.error() == 0 ? EIO : failure.error();
+  }
+  return 0;
 }
 
-py::bytes text(Core& core) {
-  return py::bytes(read(core, [](const MultiLayerNNModel& model) {
+mlnn::ModelFormat formatOf(const std::string& word) {
+  if (word == "text") return mlnn::ModelFormat::kText;
+  if (word == "image") return mlnn::ModelFormat::kBinary;
+  throw py::value_error("no format '" + word + "'");
+}
+
+// The model in the bytes of a file, after it was made ready for the format.
+std::string bytesOf(const MultiLayerNNModel& model, mlnn::ModelFormat format, std::string& whyNot) {
+  if (format == mlnn::ModelFormat::kText) {
     std::ostringstream out;
-    out.imbue(std::locale::classic());
-    out.precision(kTextDigits);
-    model.serializeAscii(out);
+    mlnn::writeText(model, mlnn::kExactDigits, out);
     return out.str();
-  }));
+  }
+  const std::optional<std::vector<char>> image = mlnn::imageOf(model, whyNot);
+  return image ? std::string(image->begin(), image->end()) : std::string();
+}
+
+// Writes a copy of the model, made ready for the format.
+// Returns: the bytes, what the format cannot hold, and why the model cannot be written; "" where it
+// can.
+py::tuple written(Core& core, const std::string& formatWord) {
+  const mlnn::ModelFormat format = formatOf(formatWord);
+  std::string bytes;
+  std::string whyNot;
+  std::vector<std::string> lost;
+  read(core, [&](const MultiLayerNNModel& model) {
+    const mlnn::CollectedMessages silence;
+    MultiLayerNNModel ready = model.clone();  // as for recordOf
+    const std::optional<mlnn::Fit> fit =
+        mlnn::fitToFormat(ready, format, mlnn::kExactDigits, whyNot);
+    if (!fit) return;
+    for (const std::string& line : fit->lost) {
+      lost.push_back(mlnn::describe(format) + " does not hold " + line);
+    }
+    bytes = bytesOf(ready, format, whyNot);
+  });
+  py::list lines;
+  for (const std::string& line : lost) lines.append(py::bytes(line));
+  return py::make_tuple(py::bytes(bytes), lines, py::bytes(whyNot));
 }
 
 // --- Operations on two models ---
@@ -357,15 +406,6 @@ py::array handOver(std::unique_ptr<Eigen::MatrixXf> matrix) {
                             {held->rows() * size, size}, held->data(), owner);
 }
 
-py::tuple evaluate(Core& core, const Frames& inputs) {
-  auto outputs = std::make_unique<Eigen::MatrixXf>();
-  const Columns columns = columnsOf(inputs);
-  const Said said = heard<Reading>(core, [&](MultiLayerNNModel& model) {
-    return NNFwdPassFromFile(model).evaluate(columns, *outputs);
-  });
-  return py::make_tuple(said.first, said.second, handOver(std::move(outputs)));
-}
-
 // Makes the window in which frames of that many values become the model's inputs.
 mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
   if (!mlnn::hasOutputs(model.layers)) throw py::value_error(mlnn::kNoOutputs);
@@ -382,39 +422,28 @@ mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
   return *std::move(window);
 }
 
-// One recording: normalised, stacked and evaluated, block by block.
-int evaluateRecording(MultiLayerNNModel& model, const Columns& frames, Eigen::MatrixXf& outputs) {
-  constexpr Index kFrames = 256;  // that a forward pass takes at once
-  constexpr Index kValues = Index{1}
-                            << 22;  // that are stacked at once, unless one frame makes more
-  mlnn::ContextWindow window = windowFor(model, frames.rows());
-  NNFwdPassFromFile pass(model);
-  const Index most = std::clamp<Index>(kValues / window.inputLen(), 1, kFrames);
-  Eigen::MatrixXf block(window.inputLen(), std::clamp<Index>(frames.cols(), 1, most));
-  Eigen::MatrixXf results;
-  outputs.resize(model.numOutputs(), frames.cols());
-  Index taken = 0;
-  const auto next = [&](float* input) {
-    while (taken < frames.cols()) {
-      if (window.push(frames.col(taken++).data(), input)) return true;
-    }
-    return window.finish(input);
-  };
-  for (Index done = 0; done < frames.cols();) {
-    const Index count = std::min(block.cols(), frames.cols() - done);
-    for (Index i = 0; i < count; ++i) next(block.col(i).data());
-    if (pass.evaluate(block.leftCols(count), results) != 0) return 1;
-    outputs.middleCols(done, count) = results;
-    done += count;
-  }
-  return 0;
-}
-
-py::tuple evaluateFrames(Core& core, const Frames& frames) {
+// Runs the model over one recording. `stacked` says whether the frames are input vectors, nothing
+// where their width is to tell.
+// Returns: what was said, and the outputs; None where frames of that width are not taken.
+py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacked) {
   auto outputs = std::make_unique<Eigen::MatrixXf>();
   const Columns columns = columnsOf(frames);
-  const Said said = heard<Reading>(
-      core, [&](MultiLayerNNModel& model) { return evaluateRecording(model, columns, *outputs); });
+  bool isTaken = true;
+  const Said said = heard<Reading>(core, [&](MultiLayerNNModel& model) {
+    NNFwdPassFromFile pass(model);
+    if (model.layers.empty()) return pass.evaluate(columns, *outputs);  // says so
+    if (!mlnn::hasOutputs(model.layers)) throw py::value_error(mlnn::kNoOutputs);
+    std::string whyNot;
+    const auto inputs = mlnn::RecordingInputs::forFrames(
+        model, columns.rows(), stacked.value_or(false), "the recording", whyNot);
+    isTaken = inputs && !(inputs->areStacked() && stacked == false);
+    if (!isTaken) return 0;
+    std::optional<Eigen::MatrixXf> results = mlnn::evaluateFrames(pass, columns, *inputs);
+    if (!results) return 1;
+    *outputs = *std::move(results);
+    return 0;
+  });
+  if (!isTaken) return py::none();
   return py::make_tuple(said.first, said.second, handOver(std::move(outputs)));
 }
 
@@ -646,6 +675,7 @@ void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
   core.def("num_layers", reader<std::size_t>([](Model m) { return m.layers.size(); }))
       .def("layer", &layerAt)
       .def("num_inputs", reader<int>([](Model m) { return m.numInputs(); }))
+      .def("frame_width", reader<int>([](Model m) { return mlnn::frameWidth(m); }))
       .def("num_outputs", reader<int>([](Model m) { return m.numOutputs(); }))
       .def("softmax", reader<bool>([](Model m) { return m.useSoftmax; }))
       .def("type", reader<int>([](Model m) { return m.type(); }))
@@ -674,24 +704,21 @@ PYBIND11_MODULE(_mlnn, module) {
   module.attr("version") = mlnn::version();
   module.attr("IMAGE_MAGIC") = py::bytes(mlnn::kMagic);
   module.attr("NORM_LENGTH") = static_cast<int>(MelDeltasNorm::kLength);
-  module.attr("MINVALS_MARKER") = mlnn::kMinvalsMarker;
-  module.attr("NORMVALS_MARKER") = mlnn::kNormvalsMarker;
-  module.attr("FEAT_DESC_MARKER") = mlnn::kFeatDescMarker;
-  module.attr("FEAT_DESC_TOOL_MARKER") = mlnn::kFeatDescToolMarker;
   module.def("act_fns", &actFnNames);
+  module.def("layer_vectors", &layerVectors);
   module.def("describe", &describe);
   module.def("seed_random", &seedRandom);
   module.def("opening_error", &openingError);
-  module.def("parse", &parse);
+  mlnn::UnfinishedFile::leaveSignalsAlone();  // they are Python's
+  module.def("open", &open);
+  module.def("write_file", &writeFile);
   module.def("shorter_than_head", &mlnn::shorterThanHead);
   bindLayer(module);
   py::class_<Core, std::shared_ptr<Core>> core(module, "Core");
   core.def(py::init<>())
       .def("copy", &copyOf)
-      .def("image", &image)
-      .def("text", &text)
+      .def("written", &written)
       .def("evaluate", &evaluate)
-      .def("evaluate_frames", &evaluateFrames)
       .def("stack", &stack);
   bindOperations(core);
   bindValues(core);

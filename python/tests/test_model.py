@@ -226,6 +226,17 @@ def test_what_an_image_leaves_out_is_warned_of_and_refused_when_strict(model, tm
     assert (tmp_path / "m.mlnn").read_bytes() == model.to_bytes()
 
 
+def test_a_softmax_that_is_off_is_not_lost_in_silence(tmp_path):
+    model = mlnn.Model.from_arrays([(np.eye(2, dtype=np.float32), np.zeros(2))], softmax=False)
+    model.normalisation = np.zeros(120), np.ones(120)
+    with pytest.raises(mlnn.Error, match="a binary image does not hold that the softmax is off$"):
+        model.save(tmp_path / "m.mlnn", strict=True)
+    assert list(tmp_path.iterdir()) == []
+    with pytest.warns(mlnn.Warning, match="does not hold that the softmax is off$"):
+        model.save(tmp_path / "m.mlnn")
+    assert mlnn.load(tmp_path / "m.mlnn").softmax
+
+
 def test_what_a_text_leaves_out_is_warned_of(model, tmp_path):
     model.notes.append("NVP is no note")
     model.props["two words"] = "x"
@@ -235,17 +246,18 @@ def test_what_a_text_leaves_out_is_warned_of(model, tmp_path):
         model.save(tmp_path / "m.txt")
     assert [str(w.message).removeprefix("the text format does not hold ") for w in warned] == [
         "1 note line", "1 property (two words)",
-        f"the feature description {model.features}, which becomes {model.features}",
+        "the reserved byte of the feature description (7)",
         "the unused bias of batch-norm layer 1"]
 
 
 def test_texts_that_could_not_be_read_are_refused(model):
     model.loss[0] = float("nan")
-    with pytest.raises(mlnn.Error, match="^the loss curve: the text format has no way to write"):
+    with pytest.raises(mlnn.Error, match="^the text format cannot hold values that are not finite: "
+                       "there is 1 in the training curves$"):
         model.to_text()
     model.loss = []
     model.layers[1].weights[0, 0] = np.inf
-    with pytest.raises(mlnn.Error, match="^weights of layer 2: the text format has no way"):
+    with pytest.raises(mlnn.Error, match="there is 1 in layer 2$"):
         model.to_text()
     model.layers[1].weights[0, 0] = 0
     model.notes = ["a\nlayer"]

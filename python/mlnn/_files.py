@@ -1,0 +1,27 @@
+"""Whole files in and out."""
+from __future__ import annotations
+
+import contextlib
+import os
+
+from . import _mlnn
+
+
+
+@contextlib.contextmanager
+def _told_of(path: str):
+    """What fails within is told of this file, whichever was at work."""
+    try:
+        yield
+    except OSError as error:
+        raise OSError(error.errno, error.strerror, path) from None
+
+
+def _write_whole(path, data: bytes) -> None:
+    """Writes a file that appears when it is complete. What is there but no regular file, like a
+    pipe or a device, is written into. Raises OSError, and leaves an older file then."""
+    name = os.fsencode(path)
+    # "-" is a file here, and no standard output.
+    error = _mlnn.write_file(b"./-" if name == b"-" else name, data)
+    if error:
+        raise OSError(error, os.strerror(error), os.fsdecode(path))

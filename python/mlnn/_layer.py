@@ -1,0 +1,98 @@
+"""The layers of a model."""
+from __future__ import annotations
+
+from collections.abc import Sequence
+
+from . import _mlnn
+from ._values import _IN_BATCH_NORM, _VECTORS, _act_fn, _integer
+from ._views import _Array
+
+
+
+class Layer:
+    """One layer of a model: `act_fn(weights @ x + bias)`, or in a batch-norm layer
+    `act_fn(gamma_inf * (weights @ x) + beta_inf)`.
+
+    The arrays are views, float32 and writable, of the model's own values: `weights` is
+    outputs x inputs, the vectors have a value for each output or none. A view keeps the layer
+    alive, and a layer its model. A layer that was removed from its model goes on living alone.
+    Shapes are fixed, so a view never goes stale; only an empty vector can be given its values.
+    """
+
+    weights = _Array()
+    bias = _Array()
+    gamma = _Array()
+    beta = _Array()
+    gamma_inf = _Array()
+    beta_inf = _Array()
+
+    def __init__(self):
+        raise TypeError("layers are made by Model.from_arrays and Model.add_layer")
+
+    @classmethod
+    def _of(cls, held: _mlnn.Layer) -> Layer:
+        layer = cls.__new__(cls)
+        layer._layer = held
+        return layer
+
+    @property
+    def act_fn(self) -> str:
+        """The name of the activation, one of `ACT_FNS`."""
+        return self._layer.act_fn
+
+    @act_fn.setter
+    def act_fn(self, name: str) -> None:
+        self._layer.act_fn = _act_fn(name)
+
+    @property
+    def batch_norm(self) -> bool:
+        """Whether the layer is a batch-norm layer."""
+        return self._layer.batch_norm
+
+    def _used(self) -> tuple[str, ...]:
+        """The arrays that a layer of this kind computes or is trained with."""
+        return ("weights", *(name for name in _VECTORS if _IN_BATCH_NORM[name] == self.batch_norm))
+
+    def _unused(self) -> tuple[str, ...]:
+        return tuple(name for name in _VECTORS if name not in self._used())
+
+    @property
+    def num_inputs(self) -> int:
+        """The columns of `weights`."""
+        return self.weights.shape[1]
+
+    @property
+    def num_outputs(self) -> int:
+        """The rows of `weights`."""
+        return self.weights.shape[0]
+
+    def __eq__(self, other):
+        return isinstance(other, Layer) and self._layer is other._layer
+
+    def __hash__(self):
+        return hash(self._layer)
+
+    def __repr__(self):
+        kind = "batch norm" if self.batch_norm else "plain"
+        return f"<mlnn.Layer {self.num_inputs} -> {self.num_outputs}, {kind}, {self.act_fn}>"
+
+
+class _Layers(Sequence):
+    """The layers of a model, from its inputs to its outputs."""
+
+    def __init__(self, core):
+        self._core = core
+
+    def __len__(self):
+        return self._core.num_layers()
+
+    def __getitem__(self, index):
+        count = len(self)
+        if isinstance(index, slice):
+            return [self[i] for i in range(*index.indices(count))]
+        if not -count <= _integer(index, "layer") < count:
+            raise IndexError(f"layer {index} of {count}")
+        return Layer._of(self._core.layer(index % count))
+
+    def __repr__(self):
+        return repr(list(self))

@@ -1,0 +1,435 @@
+"""The model."""
+from __future__ import annotations
+
+import os
+from collections.abc import Iterable, Mapping, MutableMapping, MutableSequence, Sequence
+
+import numpy as np
+
+from . import _mlnn
+from ._features import FeatureDescription
+from ._files import _told_of, _write_whole
+from ._layer import Layer, _Layers
+from ._messages import Error, _str, _warn, _hear, _says_error
+from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _act_fn, _bytes, _float32,
+                      _frames, _integer, _single, _size)
+from ._views import _Lines, _Props
+
+
+_TEXT_SUFFIXES = {".txt"}
+_IMAGE_SUFFIXES = {".mlnn", ".bin"}
+
+
+class Model:
+    """A feed-forward network with its features, notes, properties and training curves."""
+
+    def __init__(self):
+        """A model without layers; its softmax is on."""
+        self._core = _mlnn.Core()
+
+    @classmethod
+    def _of(cls, core: _mlnn.Core) -> Model:
+        model = cls.__new__(cls)
+        model._core = core
+        return model
+
+    # --- Reading and writing ---
+
+    @classmethod
+    def load(cls, path: str | os.PathLike, act_fn: str | None = None) -> Model:
+        """Reads a text model or a binary image, from a file, a pipe or a device.
+
+        Activations that a file does not record (version 1, batch-norm layers of texts) are set
+        on all layers but the last to `act_fn`, else to what the property hidden_act_fn says;
+        without either there is a warning, and they stay linear.
+        Raises OSError where the file cannot be read, Error where it is no model.
+        """
+        path = os.fspath(path)  # so a number is no descriptor
+        try:
+            file = open(path, "rb")
+        except IsADirectoryError:
+            raise
+        except OSError as error:
+            text = _str(_mlnn.opening_error(os.fsencode(path))) or error.strerror
+            raise OSError(error.errno, text, path) from None
+        with file, _told_of(path):
+            data = file.read()
+        return cls.from_bytes(data, act_fn)
+
+    @classmethod
+    def from_bytes(cls, data: bytes, act_fn: str | None = None) -> Model:
+        """Reads a model of either format from memory, as load does from a file."""
+        data = data if isinstance(data, bytes) else bytes(memoryview(data))
+        core, result, messages = _mlnn.open(data, "" if act_fn is None else _act_fn(act_fn))
+        if result != 0 and not messages and data.startswith(_mlnn.IMAGE_MAGIC):
+            raise Error(_mlnn.shorter_than_head(len(data)))
+        _hear(result, messages)
+        return cls._of(core)
+
+    def to_bytes(self) -> bytes:
+        """The binary image: features, normalisation and layers, and nothing else.
+
+        A normalisation that is not set becomes one that changes nothing, without which the
+        image could not be read. Raises Error for a model above 2^31 - 1 bytes.
+        """
+        return self._written("image")[0]
+
+    def to_text(self) -> bytes:
+        """The text, as save writes it; numbers read back exactly.
+
+        What a text has only in lines of notes and properties is put there: the feature
+        description, the normalisation, the activation of hidden batch-norm layers. What it
+        cannot hold at all is left out; save tells what that is.
+        Raises Error where the text could not be read again, as with values that are not finite.
+        """
+        return self._written("text")[0]
+
+    def save(self, path: str | os.PathLike, format: str | None = None,
+             strict: bool = False) -> None:
+        """Writes a file: "text" or "image", or as the name's suffix says (.txt; .mlnn, .bin).
+
+        Warns of what the format cannot hold; with `strict` that raises Error, and nothing is
+        written. The file appears when it is complete; where that fails, an older one stays.
+        A pipe or a device is written into. Raises OSError with the name of the file.
+        """
+        suffix = os.path.splitext(os.fsdecode(path))[1]
+        if format is None:
+            format = ("text" if suffix in _TEXT_SUFFIXES else
+                      "image" if suffix in _IMAGE_SUFFIXES else None)
+        if format not in ("text", "image"):
+            raise ValueError('format must be "text" or "image", or the suffix .txt, .mlnn or .bin')
+        data, lost = self._written(format)
+        if lost and strict:
+            raise Error("nothing written: " + "; ".join(lost))
+        _write_whole(path, data)
+        for line in lost:
+            _warn(line)
+
+    def _written(self, format: str) -> tuple[bytes, list[str]]:
+        data, lost, why_not = self._core.written(format)
+        if why_not:
+            raise Error(_str(why_not))
+        return data, [_str(line) for line in lost]
+
+    @classmethod
+    def from_arrays(cls, layers: Iterable, softmax: bool = True) -> Model:
+        """Makes a model of arrays, which are copied.
+
+        Each layer is `(weights, bias)`, `(weights, bias, act_fn)`, or a mapping with `weights`
+        (outputs x inputs) and any of `bias`, `gamma`, `beta`, `gamma_inf`, `beta_inf`, `act_fn`
+        and `batch_norm`, which is true by default where `gamma_inf` is given.
+        Raises ValueError where shapes do not fit each other.
+        """
+        model = cls()
+        for number, layer in enumerate(layers, 1):
+            try:
+                model._append(_as_mapping(layer))
+            except (KeyError, TypeError, ValueError) as error:
+                raise type(error)(f"layer {number}: {error}") from None
+        model._core.restore_softmax(bool(softmax))
+        return model
+
+    def _append(self, layer: Mapping) -> None:
+        unknown = set(layer) - {"weights", "act_fn", "batch_norm", *_VECTORS}
+        if unknown:
+            raise ValueError(f"unknown {', '.join(sorted(unknown))}")
+        if "weights" not in layer:
+            raise ValueError("weights are missing")
+        act_fn = _act_fn(layer.get("act_fn", "linear"))
+        vectors = {name: _float32(layer[name], 1, name) for name in _VECTORS
+                   if layer.get(name) is not None}
+        weights = _float32(layer["weights"], 2, "weights")
+        outputs, inputs = weights.shape
+        if len(self.layers) and inputs != self.num_outputs:
+            raise ValueError(f"{inputs} inputs after {self.num_outputs} outputs")
+        for name, values in vectors.items():
+            if values.shape != (outputs,):
+                raise ValueError(f"{name} has {values.size} values for {outputs} outputs")
+        batch_norm = bool(layer.get("batch_norm", "gamma_inf" in vectors))
+        if batch_norm and not {"gamma_inf", "beta_inf"} <= set(vectors):
+            raise ValueError("a batch-norm layer needs gamma_inf and beta_inf")
+        self._core.append(inputs, outputs, batch_norm)
+        added = self.layers[-1]
+        added.weights = weights
+        for name, values in vectors.items():
+            setattr(added, name, values)
+        added.act_fn = act_fn
+
+    def copy(self) -> Model:
+        """A model of its own with the same values, properties included."""
+        return self._of(self._core.copy())
+
+    __copy__ = copy
+
+    def __deepcopy__(self, memo):
+        return self.copy()
+
+    def _take_surroundings(self, other: Model) -> None:
+        """Takes over everything of another model but its layers."""
+        self._core.restore_softmax(other.softmax)
+        self.features, self.normalisation = other.features, other.normalisation
+        self.props, self.notes = other.props, other.notes
+        for name in _CURVES:
+            self._core.set_curve(name, other._core.curve(name))
+
+    def __getstate__(self) -> dict:
+        core = self._core
+        return {
+            "version": 1,
+            "layers": [layer._layer.record() for layer in self.layers],
+            "softmax": self.softmax,
+            "features": core.features(),
+            "norm": tuple(core.norm(name).tobytes() for name in _NORM),
+            "props": core.props(),
+            "notes": core.notes(),
+            "curves": tuple(core.curve(name).tobytes() for name in _CURVES),
+        }
+
+    def __setstate__(self, state: dict) -> None:
+        if state["version"] != 1:
+            raise Error(f"a pickle of version {state['version']}, expected 1")
+        self._core = core = _mlnn.Core()
+        for record in state["layers"]:
+            core.append_record(record)
+        core.restore_softmax(state["softmax"])
+        core.set_features(state["features"])
+        for name, data in zip(_NORM, state["norm"]):
+            core.set_norm(name, np.frombuffer(data, np.float32))
+        core.set_props(state["props"])
+        core.set_notes(state["notes"])
+        for name, data in zip(_CURVES, state["curves"]):
+            core.set_curve(name, np.frombuffer(data, np.float32))
+
+    # --- What a model holds ---
+
+    @property
+    def layers(self) -> Sequence[Layer]:
+        """The layers, from the inputs to the outputs."""
+        return _Layers(self._core)
+
+    @property
+    def props(self) -> MutableMapping[str, str]:
+        """The properties. Changes go to the model."""
+        return _Props(self._core)
+
+    @props.setter
+    def props(self, props: Mapping[str, str]) -> None:
+        _Props(self._core)._set(props)
+
+    @property
+    def notes(self) -> MutableSequence[str]:
+        """The lines of the model's history. Changes go to the model."""
+        return _Lines(lambda: [_str(line) for line in self._core.notes()],
+                      self._set_notes)
+
+    @notes.setter
+    def notes(self, lines: Iterable[str]) -> None:
+        if isinstance(lines, str):
+            raise TypeError("notes: expected lines, got a string")
+        self._set_notes(lines)
+
+    def _set_notes(self, lines: Iterable[str]) -> None:
+        self._core.set_notes([_bytes(line, "a note") for line in lines])
+
+    def _curve(self, name: str) -> _Lines:
+        return _Lines(lambda: self._core.curve(name).tolist(),
+                      lambda values: self._core.set_curve(name, _float32(values, 1, name)))
+
+    @property
+    def loss(self) -> MutableSequence[float]:
+        """The loss values of training, kept in single precision. Changes go to the model."""
+        return self._curve("loss")
+
+    @loss.setter
+    def loss(self, values: Iterable[float]) -> None:
+        self._core.set_curve("loss", _float32(list(values), 1, "loss"))
+
+    @property
+    def accuracy(self) -> MutableSequence[float]:
+        """The accuracy values of training, likewise."""
+        return self._curve("accuracy")
+
+    @accuracy.setter
+    def accuracy(self, values: Iterable[float]) -> None:
+        self._core.set_curve("accuracy", _float32(list(values), 1, "accuracy"))
+
+    @property
+    def normalisation(self) -> tuple[np.ndarray, np.ndarray] | None:
+        """Copies of (minvals, normvals): a frame becomes (x - minvals) * normvals. None: unset.
+
+        Setting copies two arrays of `NORM_LENGTH` values, or removes both by None. Others, and
+        half of it, raise ValueError.
+        """
+        minvals, normvals = (self._core.norm(name) for name in _NORM)
+        return (minvals, normvals) if minvals.size and normvals.size else None
+
+    @normalisation.setter
+    def normalisation(self, values) -> None:
+        empty = np.zeros(0, np.float32)
+        arrays = ([empty, empty] if values is None else
+                  [_float32(array, 1, "normalisation") for array in values])
+        sizes = [array.size for array in arrays]
+        if values is not None and sizes != [NORM_LENGTH, NORM_LENGTH]:
+            raise ValueError(f"normalisation: expected two arrays of {NORM_LENGTH} values, got "
+                             f"{' and '.join(map(str, sizes)) or 'none'}")
+        for name, array in zip(_NORM, arrays):
+            self._core.set_norm(name, array)
+
+    @property
+    def features(self) -> FeatureDescription:
+        """What the model expects on its input."""
+        return FeatureDescription._unpack(self._core.features())
+
+    @features.setter
+    def features(self, description: FeatureDescription) -> None:
+        if not isinstance(description, FeatureDescription):
+            raise TypeError(f"features: expected a FeatureDescription, got {description!r}")
+        self._core.set_features(description._pack())
+
+    @property
+    def softmax(self) -> bool:
+        """Whether a softmax is applied to the outputs. Switching it on makes the last layer linear."""
+        return self._core.softmax()
+
+    @softmax.setter
+    def softmax(self, on: bool) -> None:
+        _hear(*self._core.set_softmax(bool(on)))
+
+    @property
+    def num_inputs(self) -> int:
+        """The values of an input vector: the first layer's inputs; 0 without layers."""
+        return self._core.num_inputs()
+
+    @property
+    def num_outputs(self) -> int:
+        """The last layer's outputs; 0 without layers."""
+        return self._core.num_outputs()
+
+    @property
+    def checksum(self) -> int:
+        """The number of layers plus the sum of their checksums, modulo 2^32."""
+        return self._core.checksum()
+
+    @property
+    def description(self) -> str:
+        """The widths, as in "360,512,40"."""
+        return self._core.description()
+
+    # --- Operations ---
+
+    def fold(self) -> Model:
+        """Turns batch-norm layers into plain ones that compute the same. Returns the model.
+
+        Raises Error at a layer whose gamma_inf sums to zero; the layers before it are folded then.
+        """
+        _hear(*self._core.fold())
+        return self
+
+    def retain_precision_bits(self, bits: int) -> Model:
+        """Snaps weights and biases to one grid of 2^bits steps, downwards. Returns the model."""
+        _hear(*self._core.retain_bits(_integer(bits, "bits")), failed=_says_error)
+        return self
+
+    def zeros(self) -> Model:
+        """Sets all parameters to 0. Returns the model."""
+        _hear(*self._core.zeros())
+        return self
+
+    def set_act_fn(self, name: str) -> Model:
+        """Sets the activation of all layers; under softmax the last one's becomes linear."""
+        _hear(*self._core.set_act_fn(_act_fn(name)))
+        return self
+
+    def create_first_layer(self, num_inputs: int, num_outputs: int, init_scale: float = 0.1,
+                           batch_norm: bool = False) -> Layer:
+        """Makes the first layer, of random weights (see seed_random)."""
+        _hear(*self._core.create_first(
+            _size(num_inputs, "num_inputs"), _size(num_outputs, "num_outputs"),
+            _single(init_scale, "init_scale"), bool(batch_norm)))
+        return self.layers[-1]
+
+    def add_layer(self, num_outputs: int, init_scale: float = 0.1,
+                  batch_norm: bool = False) -> Layer:
+        """Adds a layer of random weights at the output end, and notes it."""
+        _hear(*self._core.add_random(_size(num_outputs, "num_outputs"),
+                                     _single(init_scale, "init_scale"), bool(batch_norm)))
+        return self.layers[-1]
+
+    def delete_layers(self, count: int) -> Model:
+        """Removes layers from the output end. Those that are held elsewhere go on living alone.
+
+        Returns the model. Raises Error where there are fewer layers; nothing changes then.
+        """
+        count = _integer(count, "count")
+        if not 0 <= count <= len(self.layers):
+            raise Error(f"cannot delete {count} of {len(self.layers)} layers")
+        _hear(*self._core.delete_layers(count))
+        return self
+
+    def __iadd__(self, other: Model) -> Model:
+        """Adds the other model's parameters. Raises Error for layers of another shape or kind,
+        which stay as they are; the others are added."""
+        if not isinstance(other, Model):
+            return NotImplemented
+        _hear(*self._core.add(other._core), failed=_says_error)
+        return self
+
+    def __imul__(self, factor: float) -> Model:
+        _hear(*self._core.scale(_single(factor, "factor")))
+        return self
+
+    # --- Running ---
+
+    @property
+    def frame_width(self) -> int:
+        """The values of a single frame; 0 where the model does not tell.
+
+        Where the description states no bands, the length of the normalisation counts if it
+        makes the model's inputs.
+        """
+        return self._core.frame_width()
+
+    def __call__(self, frames, stacked: bool | None = None) -> np.ndarray:
+        """Runs the model over one recording: frames x values in, frames x outputs out, float32.
+
+        Frames as wide as `frame_width` are single ones: they are normalised, and stacked with
+        their neighbours. Frames as wide as `num_inputs` are input vectors already; where both
+        fit they are single, unless `stacked` is true. `stacked=False` refuses input vectors.
+        A float32 array whose frames' values lie side by side is not copied, nor is the result.
+        Other threads of Python run meanwhile.
+        Raises ValueError for frames of another width, Error where the layers do not fit each other.
+        """
+        frames = _frames(frames)
+        found = self._core.evaluate(frames, None if stacked is None else bool(stacked))
+        if found is None:
+            raise ValueError(f"frames of {frames.shape[1]} values; "
+                             f"expected {self._expected(stacked)}")
+        result, messages, outputs = found
+        _hear(result, messages)
+        return outputs
+
+    def _expected(self, stacked: bool | None) -> str:
+        single = f"{self.frame_width} (single frames)" if self.frame_width else None
+        vector = f"{self.num_inputs} (input vectors)"
+        wanted = {True: [vector], False: [single], None: [single, vector]}[stacked]
+        return " or ".join(filter(None, wanted)) or "nothing: the model tells no width of frames"
+
+    def stack(self, frames) -> np.ndarray:
+        """The input vectors of one recording's single frames: normalised, with their context.
+
+        Frames x values in, frames x inputs out, float32; frames before the first or after the
+        last repeat it. Raises ValueError where such frames do not make the model's inputs.
+        """
+        return self._core.stack(_frames(frames))
+
+    def __repr__(self):
+        return f"<mlnn.Model {self._core.debug_description()}>"
+
+
+def _as_mapping(layer) -> Mapping:
+    if isinstance(layer, Mapping):
+        return layer
+    parts = tuple(layer)
+    if not 2 <= len(parts) <= 3:
+        raise ValueError("expected (weights, bias) or (weights, bias, act_fn)")
+    return dict(zip(("weights", "bias", "act_fn"), parts))

@@ -1,0 +1,72 @@
+"""Values of Python as the library takes them."""
+from __future__ import annotations
+
+import operator
+
+import numpy as np
+
+from . import _mlnn
+
+
+ACT_FNS = tuple(_mlnn.act_fns())  # the names of the activations, in the order of their codes
+NORM_LENGTH = _mlnn.NORM_LENGTH   # values in each of the two arrays of a normalisation
+
+_IN_BATCH_NORM = dict(_mlnn.layer_vectors())  # by the names of the arrays, in their order
+_VECTORS = tuple(_IN_BATCH_NORM)
+_NORM = ("minvals", "normvals")
+_CURVES = ("loss", "accuracy")
+
+
+def _bytes(text: str, what: str) -> bytes:
+    if not isinstance(text, str):
+        raise TypeError(f"{what}: expected a string, got {text!r}")
+    return text.encode("utf-8", "surrogateescape")
+
+
+def _integer(value, what: str, low: int = -2**31, high: int = 2**31 - 1) -> int:
+    """The value as one of the integers that the library takes; 32 bits by default."""
+    try:
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{what}: expected an integer, got {value!r}") from None
+    if not low <= number <= high:
+        raise ValueError(f"{what}: expected {low} to {high}, got {number}")
+    return number
+
+
+def _size(value, what: str) -> int:
+    return _integer(value, what, 0)
+
+
+def _float32(values, dimensions: int, what: str) -> np.ndarray:
+    """The values as float32; the array itself where it is one already."""
+    array = np.asarray(values)
+    if array.ndim != dimensions:
+        raise ValueError(f"{what}: expected {dimensions} dimensions, got shape {array.shape}")
+    if array.dtype.kind not in "fiub":
+        raise TypeError(f"{what}: expected numbers, got {array.dtype}")
+    with np.errstate(over="ignore"):
+        single = np.require(array, np.float32, "A")
+    if single is not array and (np.isinf(single) & np.isfinite(array)).any():
+        raise ValueError(f"{what}: a value is too large for single precision")
+    return single
+
+
+def _frames(values) -> np.ndarray:
+    """The same for frames, whose values must also lie side by side."""
+    array = _float32(values, 2, "frames")
+    side_by_side = array.shape[1] <= 1 or array.strides[1] == array.itemsize
+    apart = array.shape[0] <= 1 or array.strides[0] >= array.shape[1] * array.itemsize
+    whole = array.strides[0] % array.itemsize == 0
+    return array if side_by_side and apart and whole else np.ascontiguousarray(array)
+
+
+def _single(value, what: str) -> float:
+    """The same for one number."""
+    return float(_float32(value, 0, what))
+
+
+def _act_fn(name: str) -> str:
+    if name not in ACT_FNS:
+        raise ValueError(f"no activation {name!r}; there are {', '.join(ACT_FNS)}")
+    return name
