@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "inference/NNFwdPassFromFile.h"
 #include "inference/Evaluation.h"
+#include "inference/NNFwdPassFromFile.h"
 #include "model/StackOutputs.h"
 
 namespace mlnn {

@@ -23,8 +23,8 @@ struct FrameTime {
 // `seconds` of processor time after a warm-up. What counts is the time that the processor
 // spends here, so other programs that run at the same time disturb little.
 // `watch` is told of kTimingSteps steps in all.
-// Returns: nothing, with `whyNot` set, when the model has no outputs or, after the forward pass's own
-// message, cannot be run.
+// Returns: nothing, with `whyNot` set, when the model has no outputs or, after the forward pass's
+// own message, cannot be run.
 MLNN_EXPORT std::optional<FrameTime> timeFrames(MultiLayerNNModel& model, double seconds,
                                                 std::string& whyNot, const Watch& watch = {});
 

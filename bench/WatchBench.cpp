@@ -84,7 +84,7 @@ int main() {
     const Eigen::MatrixXf& weights = model.layers.back()->weights;
     mlnn::histogramOf(weights.data(), static_cast<std::size_t>(weights.size()), 64, watch);
   });
-  measure("time", [&](const Watch& watch) { mlnn::timeFrames(model, 0.5, watch); });
+  measure("time", [&](const Watch& watch) { mlnn::timeFrames(model, 0.5, whyNot, watch); });
   measure("file sizes", [&](const Watch& watch) { mlnn::fileSizesOf(model, watch); });
   std::ostringstream out;
   mlnn::writeText(model, 9, out);

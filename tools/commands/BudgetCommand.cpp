@@ -145,8 +145,7 @@ int run(const Options& options) {
   ModelFile file = loadModel(options.model, options.load);
   const FrameTime time = measure(file.model, options.seconds);
   const ModelBudget budget = budgetOf(file.model);
-  const CodedSizes codes{file.model.layers.size(), codesOf(file.model, 8),
-                         codesOf(file.model, 4)};
+  const CodedSizes codes{file.model.layers.size(), codesOf(file.model, 8), codesOf(file.model, 4)};
   const FileSizes files = fileSizesOf(file.model);
   if (options.json) {
     const Json json = budgetJson(file.name, budget, codes, files, time, options.rate);
