@@ -1,6 +1,7 @@
 // runTool — starts the tool as a process of its own, as a person or a script would.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,8 @@ struct ToolResult {
   int status;       // exit status; 128 + N when a signal N ended it
   std::string out;  // standard output, whole
   std::string err;  // standard error, whole
+  double processorSeconds = 0;
+  std::size_t peakBytes = 0;  // the most memory that it had at one time
 };
 
 // Runs the tool with these arguments, `input` on its standard input, in the folder `folder`
@@ -19,6 +22,10 @@ struct ToolResult {
 // Throws std::system_error when the process cannot be started.
 ToolResult runTool(const std::vector<std::string>& arguments, const std::string& input = "",
                    const std::string& folder = "");
+
+// The same; after so many seconds of processor time a signal ends it.
+ToolResult runToolAtMost(unsigned processorSeconds, const std::vector<std::string>& arguments,
+                         const std::string& folder);
 
 // Runs a line of shell in which `mlnn` is the tool.
 ToolResult runShell(const std::string& line, const std::string& folder = "");
