@@ -68,7 +68,7 @@ MLNN_API const char* mlnn_status_name(mlnn_status status);
 
 /* --- Version --- */
 
-/** Returns the version of the library that runs, as "0.1.0"; the macros tell that of the headers.
+/** Returns the version of the library that runs, as "0.2.0"; the macros tell that of the headers.
  */
 MLNN_API const char* mlnn_version(void);
 

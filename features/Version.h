@@ -4,7 +4,7 @@
 /* Of the headers that a program is compiled with. They say what the project's version in
    CMakeLists.txt says; CMake stops where they do not. */
 #define MLNN_VERSION_MAJOR 0
-#define MLNN_VERSION_MINOR 1
+#define MLNN_VERSION_MINOR 2
 #define MLNN_VERSION_PATCH 0
 
 #define MLNN_VERSION_JOINED_(major, minor, patch) #major "." #minor "." #patch
@@ -17,7 +17,7 @@
 
 namespace mlnn {
 
-// Returns the version of the library that runs, like "0.1.0"; a shared one may be another than the
+// Returns the version of the library that runs, like "0.2.0"; a shared one may be another than the
 // headers were of.
 MLNN_EXPORT const char* version();
 
