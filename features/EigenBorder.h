@@ -14,14 +14,16 @@
 
 namespace mlnn {
 
-// One way of allocating arrays: Eigen's release, the bytes that an array's address is a multiple of,
-// and whether malloc's result is used as it is. The library defines the function, which does nothing,
-// for its own way.
+// One way of allocating arrays: Eigen's release, the bytes that an array's address is a multiple
+// of, and whether malloc's result is used as it is. The library defines the function, which does
+// nothing, for its own way.
 template <int kEigenWorld, int kEigenMajor, int kAlignment, bool kPlainMalloc>
 struct MLNN_EXPORT EigenArrays {
+  // Does nothing.
   static void define_EIGEN_MAX_ALIGN_BYTES_as_mlnn_does_in_its_CMake_target_and_pkg_config();
 };
 
+// The way of whoever includes this.
 using EigenArraysHere = EigenArrays<EIGEN_WORLD_VERSION, EIGEN_MAJOR_VERSION,
                                     EIGEN_DEFAULT_ALIGN_BYTES, EIGEN_MALLOC_ALREADY_ALIGNED != 0>;
 

@@ -25,12 +25,13 @@ inline constexpr bool kHasWholeColumns = int(Matrix::RowsAtCompileTime) == 1 ||
 // Frames to read: value v of frame f is values[f * frameStride + v * valueStride]. Strides may be
 // anything, so that frames may overlap, stand in rows, be the same one, or run backwards.
 struct InputFrames {
-  const float* values;
+  const float* values;         // the first one
   std::ptrdiff_t width;        // values in a frame
   std::ptrdiff_t frames;       // their number
   std::ptrdiff_t frameStride;  // floats from one frame to the next
   std::ptrdiff_t valueStride;  // floats from one value of a frame to the next
 
+  // Frames with strides.
   InputFrames(const float* values_, std::ptrdiff_t width_, std::ptrdiff_t frames_,
               std::ptrdiff_t frameStride_, std::ptrdiff_t valueStride_ = 1)
       : values(values_),
@@ -43,6 +44,7 @@ struct InputFrames {
   InputFrames(const float* values_, std::ptrdiff_t width_, std::ptrdiff_t frames_)
       : InputFrames(values_, width_, frames_, width_) {}
 
+  // The columns of a matrix.
   template <typename Matrix, std::enable_if_t<kAreFloatsInMemory<Matrix>, int> = 0>
   InputFrames(const Eigen::DenseBase<Matrix>& matrix)  // NOLINT(google-explicit-constructor)
       : InputFrames(matrix.derived().data(), matrix.rows(), matrix.cols(),
@@ -51,11 +53,12 @@ struct InputFrames {
 
 // Room for frames to write: value v of frame f becomes values[f * frameStride + v].
 struct OutputFrames {
-  float* values;
+  float* values;               // the first one
   std::ptrdiff_t width;        // values in a frame
   std::ptrdiff_t frames;       // their number
   std::ptrdiff_t frameStride;  // floats from one frame to the next; at least `width`
 
+  // Frames with a stride.
   OutputFrames(float* values_, std::ptrdiff_t width_, std::ptrdiff_t frames_,
                std::ptrdiff_t frameStride_)
       : values(values_), width(width_), frames(frames_), frameStride(frameStride_) {}

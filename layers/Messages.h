@@ -24,9 +24,10 @@ enum class Severity {
   kInfo,     // "info: ", and the line that begins "v_range "
 };
 
+// One line for one event.
 struct Message {
-  Severity severity;
-  std::string text;  // with its beginning, without the line feed at its end
+  Severity severity;  // as the beginning of the text tells
+  std::string text;   // with its beginning, without the line feed at its end
 };
 
 // Takes a message. `text` is as in Message and has a zero byte behind it; it holds until the call

@@ -22,8 +22,8 @@ struct RowQuantization {
   static constexpr int kMinBits = 2;  // of a code
   static constexpr int kMaxBits = 8;  // of a code
 
-  int bits = kMaxBits;
-  RowScale scale = RowScale::kLargest;
+  int bits = kMaxBits;                  // of a code
+  RowScale scale = RowScale::kLargest;  // how a row's scale is found
 
   // A layer stays as it is where its relative error would be larger.
   double largestError = std::numeric_limits<double>::infinity();
