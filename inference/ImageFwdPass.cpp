@@ -42,6 +42,7 @@ void ImageFwdPass::Layers::prepare() {
     view.weights = inPlace ? reinterpret_cast<const float*>(record.plainWeights) : nullptr;
     view.scale = isBatchNorm ? vectors_.at(record.gammaInf, view.rows) : nullptr;
     view.shift = vectors_.at(isBatchNorm ? record.betaInf : record.bias, view.rows);
+    if (hasRowScales(head.form)) view.rowCodes = &record.rowCodes;
     views_.push_back(view);
   }
 }

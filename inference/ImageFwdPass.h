@@ -25,7 +25,8 @@ enum class ImageChecksum { kVerified, kDeclined };
 // An image is best at an address that is a multiple of 4, as memory from the system, a mapped
 // file or the array that `mlnn convert --to c-array` writes is. Elsewhere, and where weights are
 // stored as codes, each evaluation unpacks some rows of a layer at a time, at most 256 KiB or
-// 96 rows; the weights of a coded layer are never all in memory as floats.
+// 96 rows; the weights of a coded layer are never all in memory as floats. One frame meets weights
+// that are stored by rows where they lie: nothing is unpacked, at any address.
 //
 // Lifetime: the image must stay where it is, and unchanged, while the pass is in use.
 // Thread-safety: one object serves one thread at a time; several objects over one image may run

@@ -13,6 +13,7 @@
 #include "inference/Activations-inl.h"
 #include "inference/Kernels.h"
 #include "inference/Processor.h"
+#include "inference/RowCodes-inl.h"
 #include "inference/ScalarOps.h"
 #include "layers/BuiltForSize.h"
 #if MLNN_BUILT_FOR_SIZE
@@ -27,8 +28,14 @@ namespace mlnn {
 namespace HWY_NAMESPACE {
 
 const Kernels& kernels() {
-  static const Kernels kKernels = {
-      hwy::TargetName(HWY_TARGET), kFuses, kLanes, matrixVector, matrixFrames, activate, softmax};
+  static const Kernels kKernels = {hwy::TargetName(HWY_TARGET),
+                                   kFuses,
+                                   kLanes,
+                                   matrixVector,
+                                   rowCodesVector,
+                                   matrixFrames,
+                                   activate,
+                                   softmax};
   return kKernels;
 }
 

@@ -26,7 +26,10 @@ struct Kernels {
   // y = actFn(scale .* (weights * x) + shift) for one frame. `scratch` is that of one frame.
   void (*matrixVector)(const LayerView& layer, const float* x, float* y, float* scratch);
 
-  // The same for several frames; the strides lead from one frame to the next. Gives the same
+  // The same where the weights are layer.rowCodes; it needs no scratch. Gives the same bits.
+  void (*rowCodesVector)(const LayerView& layer, const float* x, float* y);
+
+  // As matrixVector for several frames; the strides lead from one frame to the next. Gives the same
   // bits as matrixVector.
   // REQUIRES: x and y do not overlap.
   void (*matrixFrames)(const LayerView& layer, const float* x, std::size_t xStride, float* y,

@@ -35,6 +35,7 @@ Index framesAtOnce(Index widest) {
 // What the two parts of the memory take for some frames at once, with room to start at a cache
 // line.
 Index scratchLength(Index widest, Index frames) {
+  if (widest < 0) return 0;
   return static_cast<Index>(
              scratchFloats(static_cast<std::size_t>(widest), static_cast<std::size_t>(frames))) +
          kFloatsInCacheLine;
@@ -77,16 +78,24 @@ struct StackWidths {
   std::size_t layers;
   Index widest;    // that goes through the memory between layers
   Index outputs;   // of the last layer
+  Index swept;     // the widest layer that takes scratch memory; -1 for none
   Index unpacked;  // floats of the largest block of rows that is unpacked
 };
 
-StackWidths widthsOf(const LayerSource& stack) {
-  StackWidths widths{stack.count(), 0, 0, 0};
+// One frame meets codes of rows where they lie.
+bool isReadInPlace(const LayerView& layer, Index frames) {
+  return layer.rowCodes != nullptr && frames == 1;
+}
+
+StackWidths widthsOf(const LayerSource& stack, Index frames) {
+  StackWidths widths{stack.count(), 0, 0, -1, 0};
   std::size_t unpacked = 0;
   for (std::size_t i = 0; i < widths.layers; ++i) {
     const LayerView layer = stack.layer(i);
     widths.outputs = static_cast<Index>(layer.rows);
     widths.widest = std::max(widths.widest, widths.outputs);
+    if (isReadInPlace(layer, frames)) continue;
+    widths.swept = std::max(widths.swept, widths.outputs);
     if (isInMemory(layer)) continue;
     unpacked =
         std::max(unpacked, std::min(rowsUnpackedAtOnce(layer) + kFewRows, layer.rows) * layer.cols);
@@ -109,6 +118,7 @@ void evaluateLayer(const LayerView& layer, const float* x, Index xStride, const 
 // The same for layer `index` of the stack, whose weights may have to be unpacked.
 void evaluateLayer(const LayerSource& stack, std::size_t index, const LayerView& layer,
                    const float* x, Index xStride, const Frames& y, PassMemory& memory) {
+  if (isReadInPlace(layer, y.count)) return bestKernels().rowCodesVector(layer, x, y.first);
   float* const scratch = atCacheLine(memory.scratch.data());
   if (isInMemory(layer)) return evaluateLayer(layer, x, xStride, y, scratch);
   float* const unpacked = atCacheLine(memory.unpacked.data());
@@ -190,10 +200,10 @@ void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
 
 // Makes room for what evaluateAll needs, and returns the widths with which it finds it.
 StackWidths prepare(const LayerSource& stack, const InputFrames& inputs, PassMemory& memory) {
-  StackWidths widths = widthsOf(stack);
+  StackWidths widths = widthsOf(stack, inputs.frames);
   if (mustBeGathered(inputs)) widths.widest = std::max(widths.widest, inputs.width);
   const Index together = std::min(inputs.frames, framesAtOnce(widths.widest));
-  growTo(memory.scratch, scratchLength(widths.widest, together));
+  growTo(memory.scratch, scratchLength(widths.swept, together));
   growTo(memory.between, betweenLength(widths.widest, together));
   growTo(memory.unpacked, widths.unpacked);
   return widths;
@@ -225,9 +235,9 @@ OutputFrames evaluateApart(const LayerSource& stack, const StackWidths& widths,
 void LayerSource::unpack(std::size_t, std::size_t, std::size_t, float*) const {}
 
 std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
-  const StackWidths widths = widthsOf(stack);
+  const StackWidths widths = widthsOf(stack, frames);
   const Index together = std::min(frames, framesAtOnce(widths.widest));
-  const Index length = scratchLength(widths.widest, together) +
+  const Index length = scratchLength(widths.swept, together) +
                        betweenLength(widths.widest, together) + widths.unpacked;
   return static_cast<std::size_t>(length) * sizeof(float);
 }

@@ -5,6 +5,7 @@
 
 #include "inference/GridCodes.h"
 #include "layers/ActFn.h"
+#include "layers/RowCodes.h"
 
 namespace mlnn {
 
@@ -15,7 +16,8 @@ struct LayerView {
   const float* scale;    // a factor for each output, or null for none
   const float* shift;    // an addend for each output
   ActFn::ActFn actFn;
-  const GridCodes* coded = nullptr;  // in place of `weights`, unless null
+  const GridCodes* coded = nullptr;        // in place of `weights`, unless null
+  const RowCodesView* rowCodes = nullptr;  // likewise, for one frame; more need them unpacked
 };
 
 // The order of additions (docs/forward-pass.md): the products of a row are summed in chains

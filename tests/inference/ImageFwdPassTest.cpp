@@ -10,6 +10,7 @@
 #include "inference/ImageFwdPass.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "model/RowQuantization.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
@@ -113,6 +114,52 @@ TEST(ImageFwdPassValues, doNotDependOnHowCodesAreUnpacked) {
       ImageFwdPass pass;
       openQuietly(pass, image.bytes().data(), image.size());
       EXPECT_TRUE(sameBits(evaluated(pass, inputs), byLoading(image, inputs))) << rows << " rows";
+    }
+  }
+}
+
+MultiLayerNNModel quantizedNetwork(const std::vector<int>& widths, int bits) {
+  MultiLayerNNModel model = network(widths, 0);
+  mlnn::RowQuantization options;
+  options.bits = bits;
+  EXPECT_EQ(mlnn::quantizeRows(model, options), 0);
+  return model;
+}
+
+TEST(ImageFwdPassValues, areThoseOfTheModelWhereWeightsAreStoredByRows) {
+  const std::vector<int> shapes[] = {{4, 3}, {17, 33, 9, 40}, {120, 64, 65, 10}, {700, 97, 3, 130}};
+  for (const std::vector<int>& widths : shapes) {
+    for (const int bits : {4, 8}) {
+      const ByteImage image = ByteImage::of(quantizedNetwork(widths, bits));
+      for (const Index frames : {1, 2, 9, 257}) {
+        const MatrixXf inputs = someValues(widths.front(), frames, 77);
+        const MatrixXf expected = byLoading(image, inputs);
+        for (const std::size_t offset : {0, 1}) {
+          const GuardedBytes bytes(std::string(offset, ' ') + image.bytes());
+          ImageFwdPass pass;
+          openQuietly(pass, bytes.data() + offset, image.size());
+          EXPECT_TRUE(sameBits(evaluated(pass, inputs), expected))
+              << widths.size() << " widths, " << bits << " bits, " << frames << " frames";
+        }
+      }
+    }
+  }
+}
+
+// What a pass keeps for one frame, with weights of 8 or 4 bits.
+TEST(ImageFwdPass, oneFrameTakesTheWidestLayerThreeTimes) {
+  for (const int bits : {4, 8}) {
+    for (const std::vector<int>& widths :
+         {std::vector<int>{600, 64, 48, 10}, {600, 256, 256, 256, 40}, {2048, 1000, 2048, 500}}) {
+      const ByteImage image = ByteImage::of(quantizedNetwork(widths, bits));
+      const int widest = *std::max_element(widths.begin() + 1, widths.end());
+      const MatrixXf inputs = someValues(widths.front(), 1, 5);
+      MatrixXf outputs(widths.back(), 1);
+      ImageFwdPass pass;
+      openQuietly(pass, image.bytes().data(), image.size());
+      const mlnn::test::AllocationWatch watch;
+      EXPECT_EQ(pass.evaluate(inputs, outputs), 0);
+      EXPECT_LE(watch.peak(), 3 * sizeof(float) * static_cast<std::size_t>(widest) + 64);
     }
   }
 }

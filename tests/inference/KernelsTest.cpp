@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "inference/Kernels.h"
+#include "layers/RowCodes.h"
 #include "tests/support/OrderedPass.h"
 #include "tests/support/TestModels.h"
 
@@ -140,6 +141,48 @@ TEST(KernelsMatrixVector, keepsTheOrderWhereWeightsStreamThrough) {
     for (const auto& [rows, cols] :
          {std::pair{512, 512}, {1999, 511}, {2000, 300}, {6000, 129}, {30, 30003}}) {
       ASSERT_NO_FATAL_FAILURE(expectVector(*kernels, Layer(rows, cols)));
+    }
+  }
+}
+
+// Makes the weights whole numbers up to `largest` times a scale for each row.
+void useRowCodes(Layer& layer, int largest) {
+  for (Eigen::Index r = 0; r < layer.weights.rows(); ++r) {
+    const float scale = std::ldexp(0x1.8642p-7f, static_cast<int>(r % 8));
+    for (Eigen::Index c = 0; c < layer.weights.cols(); ++c) {
+      float& weight = layer.weights(r, c);
+      weight = std::nearbyint(weight * static_cast<float>(largest)) * scale + 0.0f;
+    }
+  }
+}
+
+TEST(KernelsRowCodes, giveTheBitsThatTheWeightsGive) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const int largest : {7, 127}) {
+      for (const int rows : {1, 3, 10, 15, 16, 17, 31, 32, 33, 64, 100, 257}) {
+        for (const int cols : {1, 2, 3, 4, 15, 16, 17, 63, 127, 128, 129, 300}) {
+          SCOPED_TRACE(testing::Message() << kernels->name << " " << rows << "x" << cols);
+          Layer layer(rows, cols, rows % 2 == 0 ? ActFn::tanh : ActFn::linear);
+          useRowCodes(layer, largest);
+          if (cols % 2 == 0) layer.useBatchNorm();
+          const auto codes =
+              mlnn::RowCodes::find(layer.weights.data(), layer.view.rows, layer.view.cols);
+          ASSERT_TRUE(codes);
+          const mlnn::RowCodesView view = codes->view();
+          LayerView coded = layer.view;
+          coded.weights = nullptr;
+          coded.rowCodes = &view;
+          const Eigen::MatrixXf x = someValues(cols, 1, 4);
+          std::vector<float> expected(layer.view.rows + 1, kMarker);
+          std::vector<float> found(layer.view.rows + 1, kMarker);
+          Scratch scratch(layer.view.rows, 1);
+          kernels->matrixVector(layer.view, x.data(), expected.data(), scratch.data());
+          kernels->rowCodesVector(coded, x.data(), found.data());
+          for (std::size_t i = 0; i < found.size(); ++i) {
+            ASSERT_EQ(bitsOf(found[i]), bitsOf(expected[i])) << i;
+          }
+        }
+      }
     }
   }
 }
