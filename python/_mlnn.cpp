@@ -26,6 +26,7 @@
 
 #include "features/ContextWindow.h"
 #include "features/Version.h"
+#include "inference/BiasCorrection.h"
 #include "inference/Evaluation.h"
 #include "inference/RecordingInputs.h"
 #include "layers/LayerArrays.h"
@@ -35,6 +36,7 @@
 #include "model/ModelFile.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "model/RowQuantization.h"
 #include "model/StackOutputs.h"
 #include "text/Numbers.h"
 #include "tools/files/OutputFile.h"
@@ -406,6 +408,23 @@ py::array handOver(std::unique_ptr<Eigen::MatrixXf> matrix) {
                             {held->rows() * size, size}, held->data(), owner);
 }
 
+// REQUIRES: the two are not the same.
+Said correctBiases(Core& core, Core& original, const Frames& inputs) {
+  const Columns columns = columnsOf(inputs);
+  std::vector<mlnn::Message> messages;
+  int result = 0;
+  {
+    const py::gil_scoped_release othersRun;
+    Writing mine(core.mutex, std::defer_lock);
+    Reading theirs(original.mutex, std::defer_lock);
+    std::lock(mine, theirs);
+    const mlnn::CollectedMessages said;
+    result = mlnn::correctBiases(original.model, core.model, columns);
+    messages = said.messages();
+  }
+  return {result, listOf(messages)};
+}
+
 // Makes the window in which frames of that many values become the model's inputs.
 mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
   if (!mlnn::hasOutputs(model.layers)) throw py::value_error(mlnn::kNoOutputs);
@@ -630,6 +649,16 @@ void bindOperations(py::class_<Core, std::shared_ptr<Core>>& core) {
            [](Core& c, int bits) {
              return heardDone(c, [bits](MultiLayerNNModel& m) { m.retainPrecisionBits(bits); });
            })
+      .def("quantize",
+           [](Core& c, int bits, bool leastSquares, double largestError) {
+             mlnn::RowQuantization options;
+             options.bits = bits;
+             if (leastSquares) options.scale = mlnn::RowScale::kLeastSquares;
+             options.largestError = largestError;
+             return heard<Writing>(
+                 c, [&options](MultiLayerNNModel& m) { return quantizeRows(m, options); });
+           })
+      .def("correct_biases", &correctBiases)
       .def("add", &add)
       .def("scale",
            [](Core& c, float f) { return heardDone(c, [f](MultiLayerNNModel& m) { m *= f; }); })

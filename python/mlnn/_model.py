@@ -330,6 +330,27 @@ class Model:
         _hear(*self._core.retain_bits(_integer(bits, "bits")), failed=_says_error)
         return self
 
+    def quantize(self, bits: int = 8, *, least_squares: bool = False,
+                 largest_error: float | None = None, correct=None) -> Model:
+        """Rounds weights to 2^bits - 1 whole multiples of a scale for each output; 2 to 8 bits.
+
+        The model keeps ordinary floats; its image takes 8 or 4 bits a weight. Scales come from an
+        output's largest weight, or with `least_squares` are those of the least squared error. A
+        layer stays as it is where its relative error would be over `largest_error`. `correct` are
+        input vectors, as `stack` gives, over which the mean error is taken out of the biases.
+        Returns the model. Raises Error for other bits and for weights that are not finite.
+        """
+        inputs = None if correct is None else _frames(correct)
+        if inputs is not None and inputs.shape[1] != self.num_inputs:
+            raise ValueError(f"correct: input vectors of {inputs.shape[1]} values; "
+                             f"expected {self.num_inputs}")
+        most = float("inf") if largest_error is None else float(largest_error)
+        original = None if inputs is None else self.copy()
+        _hear(*self._core.quantize(_integer(bits, "bits"), bool(least_squares), most))
+        if inputs is not None:
+            _hear(*self._core.correct_biases(original._core, inputs))
+        return self
+
     def zeros(self) -> Model:
         """Sets all parameters to 0. Returns the model."""
         _hear(*self._core.zeros())

@@ -521,6 +521,45 @@ def test_the_range_of_a_reduction_is_not_printed(model, caplog):
         model.retain_precision_bits(32)
 
 
+def test_quantized_weights_are_whole_multiples_of_a_scale(rng=np.random.default_rng(3)):
+    weights = rng.normal(size=(20, 30)).astype(np.float32)
+    model = mlnn.Model.from_arrays([(weights, np.zeros(20))], softmax=False)
+    plain = model.copy()
+    assert model.quantize() is model
+    scales = np.abs(weights).max(axis=1) / 127
+    codes = model.layers[0].weights / scales[:, None]
+    assert np.abs(codes - np.round(codes)).max() < 1e-2
+    assert np.abs(model.layers[0].weights - weights).max() <= scales.max() * 0.501
+    assert (plain.copy().quantize(bits=8).layers[0].weights == model.layers[0].weights).all()
+    four = plain.copy().quantize(4, least_squares=True)
+    assert all(len(np.unique(row)) <= 15 for row in four.layers[0].weights)
+    left = plain.copy().quantize(2, largest_error=0.1)
+    assert (left.layers[0].weights == weights).all()
+
+
+def test_quantize_takes_the_mean_error_out(rng=np.random.default_rng(3)):
+    weights = rng.normal(size=(5, 30)).astype(np.float32)
+    model = mlnn.Model.from_arrays([(weights, np.zeros(5))], softmax=False)
+    inputs = rng.uniform(size=(50, 30)).astype(np.float32)
+    corrected = model.copy().quantize(3, correct=inputs)
+    errors = (corrected(inputs) - model(inputs)).mean(axis=0)
+    assert np.abs(errors).max() < 1e-5
+    assert np.abs((model.copy().quantize(3)(inputs) - model(inputs)).mean(axis=0)).max() > 1e-2
+
+
+def test_quantize_refuses_what_it_cannot_do(model):
+    before = model.copy()
+    for bits in (1, 9):
+        with pytest.raises(mlnn.Error, match=f"bits must be 2 to 8, got {bits}"):
+            model.quantize(bits)
+    with pytest.raises(ValueError, match="correct: input vectors of 99 values"):
+        model.quantize(correct=np.zeros((3, 99), np.float32))
+    assert (model.layers[0].weights == before.layers[0].weights).all()
+    model.layers[0].weights[0, 0] = np.nan
+    with pytest.raises(mlnn.Error, match="layer 1 has a weight that is not finite"):
+        model.quantize()
+
+
 def test_sums_scales_and_zeros(model):
     other, twice = model.copy(), model.copy()
     twice += other
