@@ -55,11 +55,14 @@ void Difference::addValues(float a, float b, Place place) {
     place_ = place;
   }
   largestUlps_ = std::max(largestUlps_, ulpDistance(a, b));
+  sum_ += difference;
   squares_ += difference * difference;
   aa_ += double{a} * a;
   bb_ += double{b} * b;
   ab_ += double{a} * b;
 }
+
+double Difference::mean() const { return count_ == 0 ? 0 : sum_ / static_cast<double>(count_); }
 
 double Difference::rootMeanSquare() const {
   return count_ == 0 ? 0 : std::sqrt(squares_ / static_cast<double>(count_));

@@ -46,6 +46,9 @@ class MLNN_EXPORT Difference {
 
   uint32_t largestUlps() const { return largestUlps_; }
 
+  // The mean of the absolute differences; 0 without values.
+  double mean() const;
+
   // The root of the mean square of the absolute differences; 0 without values.
   double rootMeanSquare() const;
 
@@ -62,6 +65,7 @@ class MLNN_EXPORT Difference {
   double largest_ = 0;
   Place place_;
   uint32_t largestUlps_ = 0;
+  double sum_ = 0;      // of the absolute differences
   double squares_ = 0;  // sums over all pairs: (a - b)^2, a a, b b, a b
   double aa_ = 0;
   double bb_ = 0;

@@ -12,6 +12,7 @@
 #include "tools/commands/NewCommand.h"
 #include "tools/commands/OnnxCommands.h"
 #include "tools/commands/PlotCommand.h"
+#include "tools/commands/QuantizeCommand.h"
 #include "tools/commands/ReduceCommand.h"
 #include "tools/commands/RunCommand.h"
 
@@ -25,6 +26,7 @@ void addCommands(Tool& tool) {
   addConvertCommand(tool);
   addFoldCommand(tool);
   addReduceCommand(tool);
+  addQuantizeCommand(tool);
   addAverageCommand(tool);
   addEditCommand(tool);
   addNewCommand(tool);

@@ -1,7 +1,6 @@
 #include "tools/commands/ReduceCommand.h"
 
 #include <algorithm>
-#include <charconv>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -14,12 +13,14 @@
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
+#include "tools/commands/CoarseGrid.h"
+#include "tools/commands/KnownClasses.h"
 #include "tools/commands/Recordings.h"
+#include "tools/commands/Widths.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/files/ModelSaving.h"
-#include "tools/files/RecordingLabels.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/Progress.h"
 #include "tools/reports/SweepReport.h"
@@ -71,27 +72,7 @@ CommandHelp help() {
   return help;
 }
 
-struct Widths {
-  int first;
-  int last;
-};
-
-// Parses "8" or "2..16".
-Widths widthsOf(const std::string& text) {
-  const char* const end = text.data() + text.size();
-  int first = -1;
-  int last = -1;
-  std::from_chars_result result = std::from_chars(text.data(), end, first);
-  if (result.ec == std::errc() && result.ptr == end) {
-    last = first;
-  } else if (text.compare(static_cast<std::size_t>(result.ptr - text.data()), 2, "..") == 0) {
-    result = std::from_chars(result.ptr + 2, end, last);
-  }
-  const bool isRange = result.ec == std::errc() && result.ptr == end;
-  if (isRange && first >= 0 && first <= last && last <= kMaxBits) return {first, last};
-  throw UsageError("--sweep: expected a range within 0..31, as in 2..16, but found " +
-                   inQuotes(text));
-}
+Widths widthsOf(const std::string& text) { return parseWidths(text, 0, kMaxBits, "2..16"); }
 
 void checkUsage(const Options& options) {
   if (options.bits.has_value() == !options.sweep.empty()) {
@@ -120,6 +101,7 @@ std::vector<std::string> inputsOf(const Options& options) {
 }
 
 int reduce(const Options& options, ModelFile& file) {
+  warnOfCoarseGrid(file.model, *options.bits);
   file.model.retainPrecisionBits(*options.bits);
   const ModelFormat format = formatToSave(options.out, options.save, file.format);
   saveModel(file.model, options.out, format, options.save);
@@ -127,35 +109,6 @@ int reduce(const Options& options, ModelFile& file) {
 }
 
 // --- The sweep ---
-
-class KnownClasses {
- public:
-  KnownClasses(const std::string& labels, const MultiLayerNNModel& model) {
-    if (labels.empty()) return;
-    if (!model.useSoftmax) {
-      throw Failure("--labels needs a model with a softmax, whose outputs are posteriors");
-    }
-    labels_ = RecordingLabels::read(labels);
-    classes_ = classLabels(model);
-  }
-
-  bool areKnown() const { return labels_.has_value(); }
-
-  std::optional<Eigen::Index> of(const std::string& recording) const {
-    if (!labels_) return std::nullopt;
-    const std::string& label = labels_->of(recording);
-    const auto found = std::find(classes_.begin(), classes_.end(), label);
-    if (found == classes_.end()) {
-      throw Failure("the label " + inQuotes(label) + " of " + inQuotes(recording) +
-                    " is no class of the model");
-    }
-    return found - classes_.begin();
-  }
-
- private:
-  std::optional<RecordingLabels> labels_;
-  std::vector<std::string> classes_;
-};
 
 void addRecordings(const Options& options, const KnownClasses& classes, const InputSide& network,
                    PrecisionSweep& sweep) {

@@ -11,6 +11,7 @@
 #include "inference/Evaluation.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
+#include "tools/commands/CoarseGrid.h"
 #include "tools/commands/NetworkOptions.h"
 #include "tools/commands/Recordings.h"
 #include "tools/files/Frames.h"
@@ -161,6 +162,7 @@ void makeFolder(const std::string& name) {
 // The forward pass over few bits, where the options ask for one.
 std::unique_ptr<FwdPass> codedPass(RunnableModel& model, const Options& options) {
   if (options.bits == 0) return nullptr;
+  warnOfCoarseGrid(model.model(), options.bits);
   std::unique_ptr<FwdPass> pass =
       CodedFwdPass::create(model.model(), options.bits, CodesFor::kMemory);
   if (pass == nullptr) throw Failure(kCannotBeRun);

@@ -312,7 +312,7 @@ TEST(ImageDiagnosis, placesTheHead) {
 
 TEST(ImageDiagnosis, placesEveryWordOfARecordHead) {
   EXPECT_EQ(saidOf(image().setInt32At(kLayer2, 7).bytes()),
-            "byte 1104: layer 2, form of the weights: expected 0 to 2, found 7");
+            "byte 1104: layer 2, form of the weights: expected 0 to 4, found 7");
   EXPECT_EQ(saidOf(image().setInt32At(kLayer2 + 4, -5).bytes()),
             "byte 1108: layer 2, number of outputs: expected 0 or more, found -5");
   EXPECT_EQ(saidOf(image().setInt32At(kLayer2 + 8, -5).bytes()),

@@ -61,6 +61,8 @@ TEST_F(ReduceCommandTest, warnsOfBatchNormVectors) {
   EXPECT_EQ(result.err,
             "Warning: the vectors of 1 batch-norm layer keep all their bits (fold the model "
             "before)\n"
+            "Warning: 50 % of the weights are smaller than a step of 1 bit and become zero or the "
+            "same; see what that loses with 'mlnn reduce --sweep', or use 'mlnn quantize'\n"
             "v_range 0.000000 - 1.000000 (1.000000), p_range 2\n");
   EXPECT_NE(result.out.find("\n1\t0\ngamma_beta\n0.300000012\t0.300000012\t"), std::string::npos)
       << result.out;
