@@ -15,11 +15,12 @@ namespace mlnn {
 
 // What a network asks of its inputs, loaded or not.
 struct MLNN_EXPORT InputSide {
-  const DbnFeatureDescription& featureDesc;
-  const MelDeltasNorm& deltasNorm;
-  int numInputs;
-  bool hasOutputs;  // in its first layer, and in its last
+  const DbnFeatureDescription& featureDesc;  // of the model
+  const MelDeltasNorm& deltasNorm;           // of the model
+  int numInputs;                             // values in an input vector
+  bool hasOutputs;                           // in its first layer, and in its last
 
+  // That of a loaded model, which must outlive it.
   static InputSide of(const MultiLayerNNModel& model);
 };
 
