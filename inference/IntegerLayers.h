@@ -11,7 +11,7 @@
 #include "inference/IntegerStackPass.h"
 
 class MultiLayerNNModel;
-struct NNLayer;
+class NNLayer;
 
 namespace mlnn {
 

@@ -466,7 +466,7 @@ MultiLayerNNModel modelOfAllForms() {
 TEST(IntegerFwdPassOfAnImage, givesTheBitsOfItsModelAtAnyAddress) {
   MultiLayerNNModel model = modelOfAllForms();
   const MatrixXf inputs = someValues(90, 20, 9);
-  for (const std::size_t past : {0, 1, 2, 3, 4, 16, 20, 44, 60}) {
+  for (const std::size_t past : std::vector<std::size_t>{0, 1, 2, 3, 4, 16, 20, 44, 60}) {
     const std::vector<char> bytes = imageOf(model, past);
     for (const WideInputs wideInputs : kWidths) {
       const auto pass = passOf(bytes, past, wideInputs);
