@@ -6,11 +6,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <exception>
 #include <istream>
 #include <limits>
 #include <locale>
 #include <memory>
+#include <new>
 #include <sstream>
+#include <streambuf>
 
 #include "features/string_split.h"
 #include "layers/FreshMemory.h"
@@ -137,6 +140,19 @@ struct SizeLine {
   bool isBatchNorm() const { return keyword == mlnn::kBatchNormLayerKeyword; }
 };
 
+// Appends characters up to a line end, which is taken too. Returns what becomes of the stream.
+std::ios::iostate takeLine(std::streambuf& in, std::string& line) {
+  using Traits = std::streambuf::traits_type;
+  for (auto c = in.sgetc(); !Traits::eq_int_type(c, Traits::eof()); c = in.snextc()) {
+    if (c == '\n') {
+      in.sbumpc();
+      return std::ios::goodbit;
+    }
+    line.push_back(Traits::to_char_type(c));
+  }
+  return line.empty() ? std::ios::eofbit | std::ios::failbit : std::ios::eofbit;
+}
+
 class AsciiReader {
  public:
   AsciiReader(std::istream& in, MultiLayerNNModel& model) : in_(in), floats_(in), model_(model) {}
@@ -191,10 +207,22 @@ class AsciiReader {
   std::vector<float> row_;
 };
 
-// Returns the rest of the current line; empty when nothing can be read.
+// Returns the rest of the current line; empty when nothing can be read. Leaves the stream as
+// std::getline does. That one takes memory that runs out for a stream that has gone bad, and what
+// it has read so far for the line; here std::bad_alloc passes through.
 std::string AsciiReader::readLine() {
   std::string line;
-  std::getline(in_, line);
+  const std::istream::sentry ready(in_, true);
+  if (!ready) return line;
+  std::ios::iostate state = std::ios::goodbit;
+  try {
+    state = takeLine(*in_.rdbuf(), line);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {  // what a stream's buffer throws
+    state = std::ios::badbit;
+  }
+  in_.setstate(state);
   return line;
 }
 
