@@ -39,9 +39,9 @@ class MLNN_EXPORT ContextWindow {
   int delay() const { return right_; }        // frames that an input vector waits for
 
   // Makes the input vectors of a whole recording.
-  // Shapes:   frames: frameLen x n; inputs becomes inputLen x n. It may be the matrix behind `frames`.
-  // Returns:  true; false where the frames are of another length, with `inputs` unchanged.
-  // Does not touch what push has gathered.
+  // Shapes:   frames: frameLen x n; inputs becomes inputLen x n. It may be the matrix behind
+  // `frames`. Returns:  true; false where the frames are of another length, with `inputs`
+  // unchanged. Does not touch what push has gathered.
   bool stack(const Eigen::Ref<const Eigen::MatrixXf>& frames, Eigen::MatrixXf& inputs) const;
 
   // Takes the next frame (frameLen values). Once delay() further frames have come after a

@@ -29,7 +29,8 @@ enum class CodesFor { kSpeed, kMemory };
 // cannot say what the grid made of the weights stay float, and for the sake of speed so do those
 // of less than 2^18 weights, which floats are quick to read of; weightBytes() counts what there is.
 //
-// Thread-safety: one object serves one thread at a time; another() makes one for each further thread.
+// Thread-safety: one object serves one thread at a time; another() makes one for each further
+// thread.
 class MLNN_EXPORT CodedFwdPass : public FwdPass {
  public:
   static constexpr int kMinBits = 1;  // of a code

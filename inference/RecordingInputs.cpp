@@ -77,12 +77,13 @@ std::optional<RecordingInputs> RecordingInputs::forFrames(const InputSide& netwo
 }
 
 void RecordingInputs::forEachBlock(const Eigen::Ref<const Eigen::MatrixXf>& frames,
-                          const std::function<void(const Block&)>& use) const {
+                                   const std::function<void(const Block&)>& use) const {
   Blocks blocks(*this, frames);
   while (const std::optional<Block> block = blocks.next(blocks.maxLength())) use(*block);
 }
 
-RecordingInputs::Blocks::Blocks(const RecordingInputs& inputs, const Eigen::Ref<const Eigen::MatrixXf>& frames)
+RecordingInputs::Blocks::Blocks(const RecordingInputs& inputs,
+                                const Eigen::Ref<const Eigen::MatrixXf>& frames)
     : frames_(frames), window_(inputs.window_) {
   if (!window_) return;
   const Index inputLen = window_->inputLen();

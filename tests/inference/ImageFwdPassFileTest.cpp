@@ -133,8 +133,7 @@ TEST(ImageFwdPassFile, afterARefusalThereIsNoImage) {
   const std::string good = folder.write("good", imageOf(4, 3));
   const std::string text = "MultiLayerNNModel\nnum_layers 0\n";
   for (const auto& [content, message] : std::vector<std::pair<std::string, std::string>>{
-           {"MLNN123",
-            "ERROR: ImageFwdPass: image of 7 bytes is shorter than its head (1004)\n"},
+           {"MLNN123", "ERROR: ImageFwdPass: image of 7 bytes is shorter than its head (1004)\n"},
            {text, "ERROR: MultiLayerNNModel::deserializeBinary: could not find header 'MLNN'\n"}}) {
     ImageFwdPass pass;
     stderrOf([&] { ASSERT_EQ(pass.openFile(good.c_str()), 0); });

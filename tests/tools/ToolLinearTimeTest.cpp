@@ -76,7 +76,7 @@ class DiagnosisLinearTime : public testing::TestWithParam<Input> {};
 
 TEST_P(DiagnosisLinearTime, isFound) {
   EXPECT_TRUE(takesLinearTime(GetParam().ofLength, [](const std::string& text) {
-    EXPECT_TRUE(mlnn::diagnoseText(text).has_value());
+    EXPECT_TRUE(mlnn::diagnoseText(text, {}).has_value());
     mlnn::suspiciousLines(text);
   }));
 }

@@ -95,7 +95,9 @@ void printDigest(const ModelDigest& digest, std::ostream& out) {
 Json jsonOf(const ModelDigest& digest) {
   Json sections = Json::object();
   for (const DigestSection& section : digest.sections) sections[section.name] = section.digest;
-  return {{"version", kDigestVersion}, {kFormatName, formatWord(digest.format)}, {"sections", sections}};
+  return {{"version", kDigestVersion},
+          {kFormatName, formatWord(digest.format)},
+          {"sections", sections}};
 }
 
 ModelDigest parseDigest(const std::string& text, const std::string& fileName) {
