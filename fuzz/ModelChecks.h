@@ -17,9 +17,6 @@ std::string imageOf(const MultiLayerNNModel& model);
 Limits textLimits(std::size_t length);
 Limits imageLimits(std::size_t length);
 
-// Whether bytes are taken for an image rather than a text.
-bool isImage(std::string_view bytes);
-
 // What the text reader did with a text.
 struct TextReading {
   int result = -1;

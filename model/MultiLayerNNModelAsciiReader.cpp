@@ -220,7 +220,7 @@ std::string AsciiReader::readLine() {
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception&) {  // what a stream's buffer throws
-    state = std::ios::badbit;
+    state = line.empty() ? std::ios::badbit | std::ios::failbit : std::ios::badbit;
   }
   in_.setstate(state);
   return line;

@@ -6,6 +6,7 @@
 
 #include "fuzz/ModelChecks.h"
 #include "fuzz/Support.h"
+#include "model/ModelFormat.h"
 #include "tests/support/ModelDifference.h"
 
 namespace {
@@ -60,7 +61,7 @@ class PieceBuffer : public std::streambuf {
 };
 
 int directly(const std::string& bytes, MultiLayerNNModel& model) {
-  if (mlnn::fuzz::isImage(bytes)) {
+  if (mlnn::isImage(bytes)) {
     return mlnn::fuzz::readImage(bytes, model) == static_cast<int>(bytes.size()) ? 0 : 1;
   }
   mlnn::fuzz::TextReading reading;
@@ -87,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     PieceBuffer buffer(bytes, behaviour);
     std::istream in(&buffer);
     mlnn::fuzz::Diagnostics diagnostics;
-    const bool isImage = mlnn::fuzz::isImage(bytes);
+    const bool isImage = mlnn::isImage(bytes);
     const mlnn::fuzz::Limits limits =
         isImage ? mlnn::fuzz::imageLimits(bytes.size()) : mlnn::fuzz::textLimits(bytes.size());
     result = model.deserialize(in);
