@@ -311,4 +311,11 @@ RecordResult writeRecord(const NNLayer& layer, const WeightsPlan& plan, char* ds
   return writer.result();
 }
 
+uint32_t emptyRecordChecksum() {
+  const LayerRecordHead head = headOf(NNLayer(), WeightsPlan());
+  Crc32c crc;
+  crc.add(&head, sizeof head);
+  return crc.value();
+}
+
 }  // namespace mlnn

@@ -72,6 +72,10 @@ void writeRecord(const NNLayer& layer, const WeightsPlan& plan, ByteSink& sink);
 // REQUIRES: recordLength() fits an int, and `dst` has room for as many bytes.
 RecordResult writeRecord(const NNLayer& layer, const WeightsPlan& plan, char* dst);
 
+// Returns the checksum of the record of a layer without inputs and outputs, as NNLayer::checksum
+// does of a new layer; what calls this takes none of the writer along.
+uint32_t emptyRecordChecksum();
+
 // Reads one record of at most `available` bytes into the layer, and takes its checksum on the
 // way. From a stream, plain weights are read straight into the layer's array.
 // On failure, and on std::bad_alloc: the layer is unchanged; the stream stands somewhere in the
