@@ -46,12 +46,14 @@ const std::map<std::string, Words> kValues = {
     {"against", {kDigestName}},
     {"bins", {"10"}},
     {"bits", {"4", "8"}},
+    {"correct", {kFramesName}},
     {"delete-layers", {"1"}},
     {"features", {"mel_deltas:bands=1,left=1,right=1,deltas=0,line_kernels=0,line_kernel_width=0"}},
     {"frames", {kFramesName}},
     {"init-scale", {"0.5"}},
     {"keep", {"0.5"}},
     {"labels", {kLabelsName}},
+    {"leave", {"0.5"}},
     {"note", {"a note"}},
     {"out", {kResultName}},
     {"precision", {"17"}},
@@ -59,11 +61,12 @@ const std::map<std::string, Words> kValues = {
     {"python", {"python3"}},
     {"rate", {"50"}},
     {"scale", {"0.5"}},
+    {"scales", {"largest", "squares"}},
     {"seconds", {"0.001"}},
     {"seed", {"7"}},
     {"set", {"key=value"}},
     {"softmax", {"off"}},
-    {"sweep", {"1..2"}},
+    {"sweep", {"2..3"}},
     {"symbol", {"weights"}},
     {"to", {"ascii", "binary", "c-array"}},
     {"tolerance", {"0.5"}},
@@ -79,8 +82,14 @@ const std::map<std::string, Words> kAlways = {{"budget", {"--seconds", "0.001"}}
                                               {"reduce", {"--bits", "4"}}};
 
 // What an option makes no sense without, though the parser does not know.
-const std::map<std::string, Words> kTogether = {{"--sweep", {"--frames", kFramesName}},
-                                                {"--symbol", {"--to", "c-array"}}};
+struct Company {
+  std::string command;
+  std::string option;
+  Words more;
+};
+const std::vector<Company> kTogether = {{"convert", "--symbol", {"--to", "c-array"}},
+                                        {"quantize", "--sweep", {"--prove", kFramesName}},
+                                        {"reduce", "--sweep", {"--frames", kFramesName}}};
 
 const Words& valuesOf(const std::map<std::string, Words>& known, const std::string& name,
                       const std::string& command) {
@@ -131,8 +140,8 @@ CommandLine lineOf(const CLI::App& command, const Words& options) {
   const bool asks = always != kAlways.end() && !contains(options, always->second.front());
   if (asks && !isSweep(options)) append(line.arguments, always->second);
   append(line.arguments, options);
-  for (const auto& [option, more] : kTogether) {
-    if (contains(options, option)) append(line.arguments, more);
+  for (const auto& [with, option, more] : kTogether) {
+    if (name == with && contains(options, option)) append(line.arguments, more);
   }
   for (const std::string& word : options) line.name += " " + word;
   return line;
