@@ -4,15 +4,16 @@
 #include <string>
 #include <vector>
 
+#include "features/Export.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
 
 // Returns the names of the model's outputs: the property `labels`, split at commas, when it has
 // as many entries as there are outputs, else "0", "1", ... They come from the file as they are.
-std::vector<std::string> classLabels(const MultiLayerNNModel& model);
+MLNN_EXPORT std::vector<std::string> classLabels(const MultiLayerNNModel& model);
 
 // The same for a network of so many outputs that has no properties.
-std::vector<std::string> classLabels(int numOutputs);
+MLNN_EXPORT std::vector<std::string> classLabels(int numOutputs);
 
 }  // namespace mlnn

@@ -165,6 +165,10 @@ QuantizedLayer quantize(NNLayer& layer, const RowQuantization& options) {
   return result;
 }
 
+bool areFinite(const Eigen::MatrixXf& weights) {
+  return weights.leftCols(filledColumns(weights)).allFinite();
+}
+
 bool isRefused(const MultiLayerNNModel& model, int bits) {
   if (bits < RowQuantization::kMinBits || bits > RowQuantization::kMaxBits) {
     report({"ERROR: quantizeRows: bits must be ", RowQuantization::kMinBits, " to ",
@@ -172,7 +176,7 @@ bool isRefused(const MultiLayerNNModel& model, int bits) {
     return true;
   }
   for (std::size_t i = 0; i < model.layers.size(); ++i) {
-    if (model.layers[i] == nullptr || model.layers[i]->weights.allFinite()) continue;
+    if (model.layers[i] == nullptr || areFinite(model.layers[i]->weights)) continue;
     report({"ERROR: quantizeRows: layer ", i + 1, " has a weight that is not finite"});
     return true;
   }

@@ -134,7 +134,7 @@ TEST(ImageFwdPassValues, areThoseOfTheModelWhereWeightsAreStoredByRows) {
       for (const Index frames : {1, 2, 9, 257}) {
         const MatrixXf inputs = someValues(widths.front(), frames, 77);
         const MatrixXf expected = byLoading(image, inputs);
-        for (const std::size_t offset : {0, 1}) {
+        for (const std::size_t offset : {std::size_t{0}, std::size_t{1}}) {
           const GuardedBytes bytes(std::string(offset, ' ') + image.bytes());
           ImageFwdPass pass;
           openQuietly(pass, bytes.data() + offset, image.size());
