@@ -63,6 +63,7 @@ CALLS = {
     "copy": lambda m: m.copy(),
     "fold": lambda m: m.fold(),
     "retain_precision_bits": lambda m: m.retain_precision_bits(4),
+    "quantize": lambda m: m.quantize(8, least_squares=True, correct=frames_for(m)),
     "zeros": lambda m: m.zeros(),
     "set_act_fn": lambda m: m.set_act_fn("tanh"),
     "create_first_layer": lambda m: m.create_first_layer(1, 1),

@@ -48,7 +48,11 @@ def test_the_stubs_declare_the_parameters(name):
         if not isinstance(function, ast.FunctionDef) or isinstance(actual, property):
             continue
         parameters = inspect.signature(getattr(actual, "__func__", actual)).parameters
-        assert [a.arg for a in function.args.args] == list(parameters), function.name
+        keywords = {p.name for p in parameters.values() if p.kind is p.KEYWORD_ONLY}
+        declared_keywords = [a.arg for a in function.args.kwonlyargs]
+        assert set(declared_keywords) == keywords, function.name
+        assert ([a.arg for a in function.args.args] + declared_keywords
+                == list(parameters)), function.name
 
 
 def test_everything_public_is_described():
