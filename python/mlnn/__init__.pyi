@@ -8,6 +8,9 @@ import numpy as np
 import numpy.typing as npt
 import onnx
 
+from . import _mlnn
+from ._views import _Array
+
 _Path = str | os.PathLike[str]
 _Floats = npt.NDArray[np.float32]
 
@@ -33,11 +36,6 @@ class FeatureDescription:
     @property
     def feat_len(self) -> int: ...
 
-class _Array:
-    def __set_name__(self, owner: Any, name: str) -> None: ...
-    def __get__(self, layer: Layer, owner: Any = ...) -> _Floats: ...
-    def __set__(self, layer: Layer, values: npt.ArrayLike) -> None: ...
-
 # A property at run time; this way its values may be set from more than it gives.
 class _Normalisation:
     def __get__(self, model: Model, owner: Any = ...) -> tuple[_Floats, _Floats] | None: ...
@@ -45,7 +43,7 @@ class _Normalisation:
                 values: tuple[npt.ArrayLike, npt.ArrayLike] | None) -> None: ...
 
 class Layer:
-    _layer: Any
+    _layer: _mlnn.Layer
     def _used(self) -> tuple[str, ...]: ...
     def _unused(self) -> tuple[str, ...]: ...
     weights: _Array
@@ -63,9 +61,9 @@ class Layer:
     def num_outputs(self) -> int: ...
 
 class Model:
-    _core: Any
+    _core: _mlnn.Core
     @classmethod
-    def _of(cls, core: Any) -> Model: ...
+    def _of(cls, core: _mlnn.Core) -> Model: ...
     def _take_surroundings(self, other: Model) -> None: ...
     def __init__(self) -> None: ...
     @classmethod
@@ -141,7 +139,6 @@ def to_onnx(model: Model, path: _Path | None = None) -> onnx.ModelProto: ...
 def from_onnx(source: _Path | bytes | onnx.ModelProto) -> Model: ...
 
 # What the other modules of the package use.
-_mlnn: Any
 _VECTORS: tuple[str, ...]
 _NORM: tuple[str, ...]
 _CURVES: tuple[str, ...]

@@ -7,7 +7,6 @@ import struct
 from . import _mlnn
 
 
-
 @dataclasses.dataclass(frozen=True)
 class FeatureDescription:
     """What a model expects on its input. `dataclasses.replace` makes a changed one."""

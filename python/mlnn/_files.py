@@ -3,13 +3,13 @@ from __future__ import annotations
 
 import contextlib
 import os
+from collections.abc import Iterator
 
 from . import _mlnn
 
 
-
 @contextlib.contextmanager
-def _told_of(path: str):
+def _told_of(path: str) -> Iterator[None]:
     """What fails within is told of this file, whichever was at work."""
     try:
         yield
@@ -17,7 +17,7 @@ def _told_of(path: str):
         raise OSError(error.errno, error.strerror, path) from None
 
 
-def _write_whole(path, data: bytes) -> None:
+def _write_whole(path: str | os.PathLike[str], data: bytes) -> None:
     """Writes a file that appears when it is complete. What is there but no regular file, like a
     pipe or a device, is written into. Raises OSError, and leaves an older file then."""
     name = os.fsencode(path)

@@ -2,11 +2,11 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
+from typing import Any
 
 from . import _mlnn
 from ._values import _IN_BATCH_NORM, _VECTORS, _act_fn, _integer
 from ._views import _Array
-
 
 
 class Layer:
@@ -19,6 +19,8 @@ class Layer:
     Shapes are fixed, so a view never goes stale; only an empty vector can be given its values.
     """
 
+    _layer: _mlnn.Layer
+
     weights = _Array()
     bias = _Array()
     gamma = _Array()
@@ -26,7 +28,7 @@ class Layer:
     gamma_inf = _Array()
     beta_inf = _Array()
 
-    def __init__(self):
+    def __init__(self) -> None:
         raise TypeError("layers are made by Model.from_arrays and Model.add_layer")
 
     @classmethod
@@ -66,27 +68,27 @@ class Layer:
         """The rows of `weights`."""
         return self.weights.shape[0]
 
-    def __eq__(self, other):
+    def __eq__(self, other: object) -> bool:
         return isinstance(other, Layer) and self._layer is other._layer
 
-    def __hash__(self):
+    def __hash__(self) -> int:
         return hash(self._layer)
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         kind = "batch norm" if self.batch_norm else "plain"
         return f"<mlnn.Layer {self.num_inputs} -> {self.num_outputs}, {kind}, {self.act_fn}>"
 
 
-class _Layers(Sequence):
+class _Layers(Sequence[Layer]):
     """The layers of a model, from its inputs to its outputs."""
 
-    def __init__(self, core):
+    def __init__(self, core: _mlnn.Core) -> None:
         self._core = core
 
-    def __len__(self):
+    def __len__(self) -> int:
         return self._core.num_layers()
 
-    def __getitem__(self, index):
+    def __getitem__(self, index: int | slice) -> Any:
         count = len(self)
         if isinstance(index, slice):
             return [self[i] for i in range(*index.indices(count))]
@@ -94,5 +96,5 @@ class _Layers(Sequence):
             raise IndexError(f"layer {index} of {count}")
         return Layer._of(self._core.layer(index % count))
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         return repr(list(self))

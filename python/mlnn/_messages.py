@@ -4,6 +4,7 @@ from __future__ import annotations
 import logging
 import sys
 import warnings
+from collections.abc import Callable
 
 
 _BEGINNINGS = {"warning": "Warning: ", "info": "info: "}  # of messages that are not errors
@@ -34,7 +35,8 @@ def _warn(text: str) -> None:
 
 
 def _hear(result: int, messages: _Messages,
-          failed=lambda result, messages: result != 0) -> None:
+          failed: Callable[[int, _Messages], bool] = lambda result, messages: result != 0
+          ) -> None:
     """Makes Python's what a call said: an exception, warnings, lines of a log."""
     if failed(result, messages):
         told = [_str(text) for severity, text in messages if severity != "info"]

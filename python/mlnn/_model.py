@@ -3,15 +3,17 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterable, Mapping, MutableMapping, MutableSequence, Sequence
+from typing import Any
 
 import numpy as np
+import numpy.typing as npt
 
 from . import _mlnn
 from ._features import FeatureDescription
 from ._files import _told_of, _write_whole
 from ._layer import Layer, _Layers
 from ._messages import Error, _str, _warn, _hear, _says_error
-from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _act_fn, _bytes, _float32,
+from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _Floats, _act_fn, _bytes, _float32,
                       _frames, _integer, _single, _size)
 from ._views import _Lines, _Props
 
@@ -23,7 +25,7 @@ _IMAGE_SUFFIXES = {".mlnn", ".bin"}
 class Model:
     """A feed-forward network with its features, notes, properties and training curves."""
 
-    def __init__(self):
+    def __init__(self) -> None:
         """A model without layers; its softmax is on."""
         self._core = _mlnn.Core()
 
@@ -36,7 +38,7 @@ class Model:
     # --- Reading and writing ---
 
     @classmethod
-    def load(cls, path: str | os.PathLike, act_fn: str | None = None) -> Model:
+    def load(cls, path: str | os.PathLike[str], act_fn: str | None = None) -> Model:
         """Reads a text model or a binary image, from a file, a pipe or a device.
 
         Activations that a file does not record (version 1, batch-norm layers of texts) are set
@@ -84,7 +86,7 @@ class Model:
         """
         return self._written("text")[0]
 
-    def save(self, path: str | os.PathLike, format: str | None = None,
+    def save(self, path: str | os.PathLike[str], format: str | None = None,
              strict: bool = False) -> None:
         """Writes a file: "text" or "image", or as the name's suffix says (.txt; .mlnn, .bin).
 
@@ -112,7 +114,8 @@ class Model:
         return data, [_str(line) for line in lost]
 
     @classmethod
-    def from_arrays(cls, layers: Iterable, softmax: bool = True) -> Model:
+    def from_arrays(cls, layers: Iterable[Mapping[str, Any] | Sequence[Any]],
+                    softmax: bool = True) -> Model:
         """Makes a model of arrays, which are copied.
 
         Each layer is `(weights, bias)`, `(weights, bias, act_fn)`, or a mapping with `weights`
@@ -129,7 +132,7 @@ class Model:
         model._core.restore_softmax(bool(softmax))
         return model
 
-    def _append(self, layer: Mapping) -> None:
+    def _append(self, layer: Mapping[str, Any]) -> None:
         unknown = set(layer) - {"weights", "act_fn", "batch_norm", *_VECTORS}
         if unknown:
             raise ValueError(f"unknown {', '.join(sorted(unknown))}")
@@ -161,7 +164,7 @@ class Model:
 
     __copy__ = copy
 
-    def __deepcopy__(self, memo):
+    def __deepcopy__(self, memo: dict[int, Any]) -> Model:
         return self.copy()
 
     def _take_surroundings(self, other: Model) -> None:
@@ -172,7 +175,7 @@ class Model:
         for name in _CURVES:
             self._core.set_curve(name, other._core.curve(name))
 
-    def __getstate__(self) -> dict:
+    def __getstate__(self) -> dict[str, Any]:
         core = self._core
         return {
             "version": 1,
@@ -185,7 +188,7 @@ class Model:
             "curves": tuple(core.curve(name).tobytes() for name in _CURVES),
         }
 
-    def __setstate__(self, state: dict) -> None:
+    def __setstate__(self, state: dict[str, Any]) -> None:
         if state["version"] != 1:
             raise Error(f"a pickle of version {state['version']}, expected 1")
         self._core = core = _mlnn.Core()
@@ -231,9 +234,12 @@ class Model:
     def _set_notes(self, lines: Iterable[str]) -> None:
         self._core.set_notes([_bytes(line, "a note") for line in lines])
 
-    def _curve(self, name: str) -> _Lines:
-        return _Lines(lambda: self._core.curve(name).tolist(),
-                      lambda values: self._core.set_curve(name, _float32(values, 1, name)))
+    def _curve(self, name: str) -> _Lines[float]:
+        def get() -> list[float]:
+            values: list[float] = self._core.curve(name).tolist()
+            return values
+
+        return _Lines(get, lambda values: self._core.set_curve(name, _float32(values, 1, name)))
 
     @property
     def loss(self) -> MutableSequence[float]:
@@ -254,7 +260,7 @@ class Model:
         self._core.set_curve("accuracy", _float32(list(values), 1, "accuracy"))
 
     @property
-    def normalisation(self) -> tuple[np.ndarray, np.ndarray] | None:
+    def normalisation(self) -> tuple[_Floats, _Floats] | None:
         """Copies of (minvals, normvals): a frame becomes (x - minvals) * normvals. None: unset.
 
         Setting copies two arrays of `NORM_LENGTH` values, or removes both by None. Others, and
@@ -264,7 +270,7 @@ class Model:
         return (minvals, normvals) if minvals.size and normvals.size else None
 
     @normalisation.setter
-    def normalisation(self, values) -> None:
+    def normalisation(self, values: Iterable[npt.ArrayLike] | None) -> None:
         empty = np.zeros(0, np.float32)
         arrays = ([empty, empty] if values is None else
                   [_float32(array, 1, "normalisation") for array in values])
@@ -331,7 +337,8 @@ class Model:
         return self
 
     def quantize(self, bits: int = 8, *, least_squares: bool = False,
-                 largest_error: float | None = None, correct=None) -> Model:
+                 largest_error: float | None = None,
+                 correct: npt.ArrayLike | None = None) -> Model:
         """Rounds weights to 2^bits - 1 whole multiples of a scale for each output; 2 to 8 bits.
 
         The model keeps ordinary floats; its image takes 8 or 4 bits a weight. Scales come from an
@@ -345,7 +352,7 @@ class Model:
             raise ValueError(f"correct: input vectors of {inputs.shape[1]} values; "
                              f"expected {self.num_inputs}")
         most = float("inf") if largest_error is None else float(largest_error)
-        original = None if inputs is None else self.copy()
+        original = self if inputs is None else self.copy()
         _hear(*self._core.quantize(_integer(bits, "bits"), bool(least_squares), most))
         if inputs is not None:
             _hear(*self._core.correct_biases(original._core, inputs))
@@ -410,7 +417,7 @@ class Model:
         """
         return self._core.frame_width()
 
-    def __call__(self, frames, stacked: bool | None = None) -> np.ndarray:
+    def __call__(self, frames: npt.ArrayLike, stacked: bool | None = None) -> _Floats:
         """Runs the model over one recording: frames x values in, frames x outputs out, float32.
 
         Frames as wide as `frame_width` are single ones: they are normalised, and stacked with
@@ -420,10 +427,10 @@ class Model:
         Other threads of Python run meanwhile.
         Raises ValueError for frames of another width, Error where the layers do not fit each other.
         """
-        frames = _frames(frames)
-        found = self._core.evaluate(frames, None if stacked is None else bool(stacked))
+        given = _frames(frames)
+        found = self._core.evaluate(given, None if stacked is None else bool(stacked))
         if found is None:
-            raise ValueError(f"frames of {frames.shape[1]} values; "
+            raise ValueError(f"frames of {given.shape[1]} values; "
                              f"expected {self._expected(stacked)}")
         result, messages, outputs = found
         _hear(result, messages)
@@ -432,10 +439,11 @@ class Model:
     def _expected(self, stacked: bool | None) -> str:
         single = f"{self.frame_width} (single frames)" if self.frame_width else None
         vector = f"{self.num_inputs} (input vectors)"
-        wanted = {True: [vector], False: [single], None: [single, vector]}[stacked]
-        return " or ".join(filter(None, wanted)) or "nothing: the model tells no width of frames"
+        wanted: dict[bool | None, list[str | None]] = {
+            True: [vector], False: [single], None: [single, vector]}
+        return " or ".join(filter(None, wanted[stacked])) or "nothing: the model tells no width of frames"
 
-    def stack(self, frames) -> np.ndarray:
+    def stack(self, frames: npt.ArrayLike) -> _Floats:
         """The input vectors of one recording's single frames: normalised, with their context.
 
         Frames x values in, frames x inputs out, float32; frames before the first or after the
@@ -443,11 +451,11 @@ class Model:
         """
         return self._core.stack(_frames(frames))
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         return f"<mlnn.Model {self._core.debug_description()}>"
 
 
-def _as_mapping(layer) -> Mapping:
+def _as_mapping(layer: Mapping[str, Any] | Sequence[Any]) -> Mapping[str, Any]:
     if isinstance(layer, Mapping):
         return layer
     parts = tuple(layer)

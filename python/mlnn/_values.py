@@ -2,8 +2,10 @@
 from __future__ import annotations
 
 import operator
+from typing import Any
 
 import numpy as np
+import numpy.typing as npt
 
 from . import _mlnn
 
@@ -16,6 +18,8 @@ _VECTORS = tuple(_IN_BATCH_NORM)
 _NORM = ("minvals", "normvals")
 _CURVES = ("loss", "accuracy")
 
+_Floats = npt.NDArray[np.float32]
+
 
 def _bytes(text: str, what: str) -> bytes:
     if not isinstance(text, str):
@@ -23,7 +27,7 @@ def _bytes(text: str, what: str) -> bytes:
     return text.encode("utf-8", "surrogateescape")
 
 
-def _integer(value, what: str, low: int = -2**31, high: int = 2**31 - 1) -> int:
+def _integer(value: Any, what: str, low: int = -2**31, high: int = 2**31 - 1) -> int:
     """The value as one of the integers that the library takes; 32 bits by default."""
     try:
         number = operator.index(value)
@@ -34,11 +38,11 @@ def _integer(value, what: str, low: int = -2**31, high: int = 2**31 - 1) -> int:
     return number
 
 
-def _size(value, what: str) -> int:
+def _size(value: Any, what: str) -> int:
     return _integer(value, what, 0)
 
 
-def _float32(values, dimensions: int, what: str) -> np.ndarray:
+def _float32(values: npt.ArrayLike, dimensions: int, what: str) -> _Floats:
     """The values as float32; the array itself where it is one already."""
     array = np.asarray(values)
     if array.ndim != dimensions:
@@ -52,7 +56,7 @@ def _float32(values, dimensions: int, what: str) -> np.ndarray:
     return single
 
 
-def _frames(values) -> np.ndarray:
+def _frames(values: npt.ArrayLike) -> _Floats:
     """The same for frames, whose values must also lie side by side."""
     array = _float32(values, 2, "frames")
     side_by_side = array.shape[1] <= 1 or array.strides[1] == array.itemsize
@@ -61,7 +65,7 @@ def _frames(values) -> np.ndarray:
     return array if side_by_side and apart and whole else np.ascontiguousarray(array)
 
 
-def _single(value, what: str) -> float:
+def _single(value: npt.ArrayLike, what: str) -> float:
     """The same for one number."""
     return float(_float32(value, 0, what))
 

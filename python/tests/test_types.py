@@ -45,8 +45,16 @@ WRONG = {
     'mlnn.nothing': "attr-defined",
 }
 
+MODULES = {path.stem for path in PACKAGE.iterdir() if path.suffix in (".py", ".pyi")}
+CLEAN = f"Success: no issues found in {len(MODULES) + 1} source files\n"  # with the package's use
 
-CLEAN = "Success: no issues found in 6 source files\n"  # of the package and its use
+# What stubtest finds beside the package: classes of the standard library that its modules import,
+# and that classes of the binding are made by a metaclass which no stub can name.
+ALLOWED = r"""
+mlnn\._\w+\.(Callable|Iterable|Protocol|Sequence)(\..*)?
+mlnn\._\w+\.(Mapping|MutableMapping|ItemsView|ValuesView)(\..*)?
+mlnn\._mlnn\.(Core|Layer|Layer\.__init__)
+"""
 
 
 @pytest.fixture(scope="module")
@@ -84,6 +92,8 @@ def test_wrong_use_is_found(mypy, tmp_path):
     assert [line.split("  [")[1] for line in found] == [f"{code}]" for code in WRONG.values()]
 
 
-def test_the_stubs_describe_what_is_there(mypy):
-    status, out = mypy("mypy.stubtest", "--mypy-config-file", CONFIGURATION, "mlnn")
+def test_the_stubs_describe_what_is_there(mypy, tmp_path):
+    (tmp_path / "allowed").write_text(ALLOWED)
+    status, out = mypy("mypy.stubtest", "--mypy-config-file", CONFIGURATION,
+                       "--allowlist", tmp_path / "allowed", "mlnn")
     assert status == 0, out
