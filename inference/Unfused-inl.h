@@ -91,7 +91,7 @@ HWY_INLINE int32_t largestBits(const float* x, std::size_t count) {
   for (; i + kLanes <= count; i += kLanes) {
     largest = hn::Max(largest, hn::And(hn::BitCast(d, hn::LoadU(Tag(), x + i)), mask));
   }
-  if (i < count) {
+  if (kLanes > 1 && i < count) {
     const Vec rest = FirstLanes(count - i).load(x + i);
     largest = hn::Max(largest, hn::And(hn::BitCast(d, rest), mask));
   }
@@ -127,7 +127,7 @@ HWY_INLINE IntVec nearestIntegers(Vec x) {
 // Writes the bytes of some lanes, which are no more than a vector has.
 HWY_INLINE void storeBytes(IntVec integers, std::size_t count, int8_t* to) {
   const auto bytes = hn::DemoteTo(ByteTag(), integers);
-  if (count == kLanes) return hn::StoreU(bytes, ByteTag(), to);
+  if (kLanes == 1 || count == kLanes) return hn::StoreU(bytes, ByteTag(), to);
   HWY_ALIGN int8_t lanes[hn::MaxLanes(ByteTag())];
   hn::StoreU(bytes, ByteTag(), lanes);
   std::memcpy(to, lanes, count);
