@@ -56,6 +56,9 @@ std::string quoted(const std::vector<std::string>& words) {
   return line;
 }
 
+// Whether two runs of the line say different things because they took different times.
+bool tellsTimes(const CommandLine& line) { return line.arguments.front() == "budget"; }
+
 class CommandFaults : public testing::TestWithParam<std::string> {
  protected:
   // Runs the line in a folder that has what it had at first, while a call fails; 0 for none.
@@ -88,7 +91,8 @@ class CommandFaults : public testing::TestWithParam<std::string> {
       EXPECT_TRUE(failed.status <= 2 || failed.status == killed) << failed.status;
       EXPECT_TRUE(result() == kOld || result() == wholeResult);
       EXPECT_EQ(names(), wholeNames);
-      const bool passed = failed.status == whole.status && failed.out == whole.out;
+      const bool saysTheSame = failed.out == whole.out || tellsTimes(line);
+      const bool passed = failed.status == whole.status && saysTheSame;
       passes = passed ? passes + 1 : 0;  // the closing of an input may fail unnoticed
     }
   }
