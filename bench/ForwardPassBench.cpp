@@ -10,7 +10,7 @@
 
 #include "bench/Contender.h"
 #include "bench/Networks.h"
-#include "inference/Kernels.h"
+#include "inference/kernels/Kernels.h"
 
 namespace mlnn::bench {
 namespace {

@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "bench/Contender.h"
-#include "inference/Activation.h"
 #include "inference/CodedFwdPass.h"
 #include "inference/ImageFwdPass.h"
 #include "inference/IntegerFwdPass.h"
-#include "inference/Kernels.h"
 #include "inference/NNFwdPassFromFile.h"
+#include "inference/kernels/Activation.h"
+#include "inference/kernels/Kernels.h"
 #include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"

@@ -12,7 +12,7 @@
 
 #include "bench/Contender.h"
 #include "bench/Networks.h"
-#include "inference/IntegerDots.h"
+#include "inference/kernels/IntegerDots.h"
 
 namespace mlnn::bench {
 namespace {

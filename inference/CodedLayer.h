@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "inference/GridCodes.h"
-#include "inference/LayerView.h"
+#include "inference/kernels/GridCodes.h"
+#include "inference/kernels/LayerView.h"
 #include "layers/NNLayer.h"
 #include "model/PrecisionGrid.h"
 

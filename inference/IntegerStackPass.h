@@ -8,9 +8,9 @@
 #include <cstdint>
 
 #include "inference/Frames.h"
-#include "inference/IntegerDots.h"
-#include "inference/LayerView.h"
-#include "inference/UnfusedKernels.h"
+#include "inference/kernels/IntegerDots.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/UnfusedKernels.h"
 #include "layers/RowCodes.h"
 
 namespace mlnn {

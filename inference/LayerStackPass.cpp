@@ -5,10 +5,10 @@
 #include <utility>
 
 #include "features/EigenAssign.h"
-#include "inference/Activation.h"
 #include "inference/FrameMemory.h"
-#include "inference/KernelChoice.h"
-#include "inference/Kernels.h"
+#include "inference/kernels/Activation.h"
+#include "inference/kernels/KernelChoice.h"
+#include "inference/kernels/Kernels.h"
 
 namespace mlnn {
 namespace {

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "inference/Frames.h"
-#include "inference/LayerView.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "inference/PassMemory.h"
+#include "inference/kernels/LayerView.h"
 
 namespace mlnn {
 

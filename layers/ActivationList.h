@@ -5,7 +5,8 @@
 #include "layers/ActFn.h"
 
 // Calls DO(name, formula) for each activation, in the order of the codes: the name of its
-// enumerator, which is its keyword too, and of its function in inference/ActivationFormulas-inl.h.
+// enumerator, which is its keyword too, and of its function in
+// inference/kernels/ActivationFormulas-inl.h.
 #define MLNN_FOR_EACH_ACTIVATION(DO) \
   DO(linear, linear)                 \
   DO(sigmoid, sigmoid)               \

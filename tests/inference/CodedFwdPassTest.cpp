@@ -11,8 +11,8 @@
 
 #include "inference/CodedFwdPass.h"
 #include "inference/CodedLayer.h"
-#include "inference/Kernels.h"
 #include "inference/NNFwdPassFromFile.h"
+#include "inference/kernels/Kernels.h"
 #include "model/LayerStack.h"
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/AllocationWatch.h"

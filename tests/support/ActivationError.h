@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "inference/Kernels.h"
+#include "inference/kernels/Kernels.h"
 
 namespace mlnn::test {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "inference/Kernels.h"
+#include "inference/kernels/Kernels.h"
 
 namespace mlnn::test {
 namespace {

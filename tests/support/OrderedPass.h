@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "inference/LayerView.h"
+#include "inference/kernels/LayerView.h"
 
 namespace mlnn::test {
 

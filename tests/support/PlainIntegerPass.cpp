@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "inference/UnfusedKernels.h"
+#include "inference/kernels/UnfusedKernels.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn::test {

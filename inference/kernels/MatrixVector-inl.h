@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "inference/Activations-inl.h"
-#include "inference/GridCodes-inl.h"
-#include "inference/LayerView.h"
-#include "inference/MatrixSweep-inl.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/Activations-inl.h"
+#include "inference/kernels/GridCodes-inl.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/MatrixSweep-inl.h"
+#include "inference/kernels/VectorOps-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {

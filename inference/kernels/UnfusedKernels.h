@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "inference/LayerView.h"
+#include "inference/kernels/LayerView.h"
 #include "layers/ActFn.h"
 
 namespace mlnn {

@@ -3,24 +3,24 @@
 // Highway provides the vectors, and includes this file once for each instruction set. Only
 // its headers are used: its own choice at run time would need its library.
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "inference/Kernels.cpp"
-#include "inference/VectorTargets.h"
+#define HWY_TARGET_INCLUDE "inference/kernels/Kernels.cpp"
+#include "inference/kernels/VectorTargets.h"
 //
 #include "hwy/foreach_target.h"
 //
 #include <array>
 
-#include "inference/Activations-inl.h"
-#include "inference/Kernels.h"
-#include "inference/Processor.h"
-#include "inference/RowCodes-inl.h"
-#include "inference/ScalarOps.h"
+#include "inference/kernels/Activations-inl.h"
+#include "inference/kernels/Kernels.h"
+#include "inference/kernels/Processor.h"
+#include "inference/kernels/RowCodes-inl.h"
+#include "inference/kernels/ScalarOps.h"
 #include "layers/BuiltForSize.h"
 #if MLNN_BUILT_FOR_SIZE
-#include "inference/MatrixForSize-inl.h"
+#include "inference/kernels/MatrixForSize-inl.h"
 #else
-#include "inference/MatrixFrames-inl.h"
-#include "inference/MatrixVector-inl.h"
+#include "inference/kernels/MatrixFrames-inl.h"
+#include "inference/kernels/MatrixVector-inl.h"
 #endif
 
 HWY_BEFORE_NAMESPACE();

@@ -11,10 +11,10 @@
 #include <cstring>
 #include <utility>
 
-#include "inference/ActivationFormulas-inl.h"
-#include "inference/Softmax-inl.h"
-#include "inference/UnfusedKernels.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/ActivationFormulas-inl.h"
+#include "inference/kernels/Softmax-inl.h"
+#include "inference/kernels/UnfusedKernels.h"
+#include "inference/kernels/VectorOps-inl.h"
 #include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();

@@ -10,9 +10,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "inference/Activations-inl.h"
-#include "inference/LayerView.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/Activations-inl.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/VectorOps-inl.h"
 #include "layers/RowCodes.h"
 
 HWY_BEFORE_NAMESPACE();

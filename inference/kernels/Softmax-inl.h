@@ -6,7 +6,7 @@
 #define MLNN_SOFTMAX_INL_H
 #endif
 
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/VectorOps-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {

@@ -9,11 +9,11 @@
 #define MLNN_MATRIX_FOR_SIZE_INL_H
 #endif
 
-#include "inference/Activations-inl.h"
-#include "inference/GridCodes-inl.h"
-#include "inference/LayerView.h"
-#include "inference/MatrixSweep-inl.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/Activations-inl.h"
+#include "inference/kernels/GridCodes-inl.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/MatrixSweep-inl.h"
+#include "inference/kernels/VectorOps-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {

@@ -6,8 +6,8 @@
 #include <limits>
 #include <vector>
 
-#include "inference/Activation.h"
-#include "inference/Kernels.h"
+#include "inference/kernels/Activation.h"
+#include "inference/kernels/Kernels.h"
 #include "tests/support/ReferencePass.h"
 #include "tests/support/TestModels.h"
 

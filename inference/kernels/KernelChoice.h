@@ -19,7 +19,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "inference/LayerView.h"
+#include "inference/kernels/LayerView.h"
 #include "layers/BuiltForSize.h"
 
 namespace mlnn {

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "inference/GridCodes.h"
+#include "inference/kernels/GridCodes.h"
 #include "layers/ActFn.h"
 #include "layers/RowCodes.h"
 

@@ -1,17 +1,17 @@
 // Compiles the floats of the integer pass for every instruction set, as Kernels.cpp does with the
 // other kernels.
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "inference/UnfusedKernels.cpp"
-#include "inference/VectorTargets.h"
+#define HWY_TARGET_INCLUDE "inference/kernels/UnfusedKernels.cpp"
+#include "inference/kernels/VectorTargets.h"
 //
 #include "hwy/foreach_target.h"
 //
 #include <array>
 
-#include "inference/Processor.h"
-#include "inference/ScalarOps.h"
-#include "inference/Unfused-inl.h"
-#include "inference/UnfusedKernels.h"
+#include "inference/kernels/Processor.h"
+#include "inference/kernels/ScalarOps.h"
+#include "inference/kernels/Unfused-inl.h"
+#include "inference/kernels/UnfusedKernels.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {

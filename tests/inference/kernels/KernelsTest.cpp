@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "inference/Kernels.h"
+#include "inference/kernels/Kernels.h"
 #include "layers/RowCodes.h"
 #include "tests/support/OrderedPass.h"
 #include "tests/support/TestModels.h"

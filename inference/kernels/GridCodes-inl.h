@@ -9,10 +9,10 @@
 
 #include <algorithm>
 
-#include "inference/Activations-inl.h"
-#include "inference/GridCodes.h"
-#include "inference/LayerView.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/Activations-inl.h"
+#include "inference/kernels/GridCodes.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/VectorOps-inl.h"
 #include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "inference/LayerView.h"
+#include "inference/kernels/LayerView.h"
 #include "layers/ActFn.h"
 
 namespace mlnn {

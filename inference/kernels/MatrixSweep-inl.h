@@ -10,11 +10,11 @@
 
 #include <algorithm>
 
-#include "inference/Activations-inl.h"
-#include "inference/KernelChoice.h"
-#include "inference/Kernels.h"
-#include "inference/LayerView.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/Activations-inl.h"
+#include "inference/kernels/KernelChoice.h"
+#include "inference/kernels/Kernels.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/VectorOps-inl.h"
 #include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();

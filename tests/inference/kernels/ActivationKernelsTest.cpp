@@ -5,8 +5,8 @@
 #include <limits>
 #include <vector>
 
-#include "inference/Activation.h"
-#include "inference/Kernels.h"
+#include "inference/kernels/Activation.h"
+#include "inference/kernels/Kernels.h"
 #include "tests/support/ActivationError.h"
 
 namespace {

@@ -1,6 +1,6 @@
-#include "inference/Activation.h"
+#include "inference/kernels/Activation.h"
 
-#include "inference/Kernels.h"
+#include "inference/kernels/Kernels.h"
 
 void mlnn::applyActivation(ActFn::ActFn fn, Eigen::Ref<Eigen::VectorXf> values) {
   bestKernels().activate(fn, values.data(), static_cast<std::size_t>(values.size()));

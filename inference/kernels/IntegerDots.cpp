@@ -1,12 +1,12 @@
 // The products of 8-bit values that each instruction set has. Highway has none of four of them, so
 // these are the compilers' own intrinsics, chosen by the same tests as the other kernels.
-#include "inference/IntegerDots.h"
+#include "inference/kernels/IntegerDots.h"
 
 #include <array>
 #include <cstring>
 
 #include "hwy/base.h"
-#include "inference/Processor.h"
+#include "inference/kernels/Processor.h"
 #include "layers/BuiltForSize.h"
 
 #if HWY_ARCH_X86
@@ -165,7 +165,7 @@ struct Vectors {
   }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 constexpr DotKernels kDots = {"SSE2", {4, framesOf(3)}, {4, framesOf(3)}, 2, arrangeInPairs, dots};
 
@@ -213,7 +213,7 @@ struct Vectors {
   }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 constexpr DotKernels kDots = {"AVX2", {4, framesOf(4)}, {4, framesOf(4)}, 2, arrangeInPairs, dots};
 
@@ -262,7 +262,7 @@ struct Vectors {
   static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 constexpr DotKernels kDots = {"AVX-512", {4, framesOf(8)}, {4, framesOf(8)},
                               2,         arrangeInPairs,   dots};
@@ -308,7 +308,7 @@ struct Vectors {
   }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 constexpr DotKernels kDots = {"AVX-VNNI", {4, framesOf(3)}, {4, framesOf(3)},
                               1,          stayAsTheyAre,    dots};
@@ -350,7 +350,7 @@ struct Vectors {
   static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 // One frame over codes that do not begin at a cache line, as those of an image seldom do: every
 // load would take two lines. Here the loads are the lines themselves, and a group of codes is put
@@ -488,7 +488,7 @@ struct Vectors {
   }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 constexpr DotTile kTile = {4, Vectors::kFrames};
 constexpr DotKernels kDots = {"NEON", kTile, kTile, 1, stayAsTheyAre, dots};
@@ -534,7 +534,7 @@ struct Vectors {
   static HWY_INLINE void store(Sums sums, int32_t* to) { vst1q_s32(to, sums); }
 };
 
-#include "inference/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTiles-inl.h"
 
 constexpr DotTile kTile = {4, Vectors::kFrames};
 constexpr DotKernels kDots = {"NEON dot products", kTile, kTile, 1, stayAsTheyAre, dots};

@@ -10,10 +10,10 @@
 #include <cstddef>
 #include <utility>
 
-#include "inference/ActivationFormulas-inl.h"
-#include "inference/LayerView.h"
-#include "inference/Softmax-inl.h"
-#include "inference/VectorOps-inl.h"
+#include "inference/kernels/ActivationFormulas-inl.h"
+#include "inference/kernels/LayerView.h"
+#include "inference/kernels/Softmax-inl.h"
+#include "inference/kernels/VectorOps-inl.h"
 #include "layers/BuiltForSize.h"
 
 HWY_BEFORE_NAMESPACE();
