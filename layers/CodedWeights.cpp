@@ -463,6 +463,15 @@ void CodedWeights::expandBlock(std::size_t first, std::size_t rows, std::size_t 
   }
 }
 
+// From the first weight on, each is written where no code stands that comes after its own: codes
+// are no longer than weights, and end where these do. What is before the codes is kept.
+void CodedWeights::expandOver(void* floats) const {
+  const std::vector<char> positions(rarePositions_, rarePositions_ + rareCount_ * kWord);
+  CodedWeights kept = *this;
+  kept.rarePositions_ = positions.data();
+  kept.expand(0, count_, floats);
+}
+
 void CodedWeights::putRareValues(std::size_t first, std::size_t count, char* floats) const {
   std::size_t low = 0;  // the first of the positions from `first` on
   for (std::size_t high = rareCount_; low < high;) {

@@ -104,6 +104,10 @@ class CodedWeights {
     expandBlock(first, count, 0, 1, floats);
   }
 
+  // Writes all weights to an array of floats of which these codes may be the last bytes, up to its
+  // end; there is no view of them afterwards.
+  void expandOver(void* floats) const;
+
   // Writes a block of `rows` weights in each of `columns` columns, which are `stride` weights
   // apart and start with the weight `first`; the block has no gaps.
   void expandBlock(std::size_t first, std::size_t rows, std::size_t stride, std::size_t columns,

@@ -120,8 +120,48 @@ bool readRest(NNLayer& layer, const char* start, std::size_t startLength, std::s
          readRecord(layer, record.get(), length).length > 0;
 }
 
-// Reads the record into memory first: codes take at most a quarter of what the weights will, or
-// little where row scales and what fills up their blocks count.
+bool expandOver(const LayerRecordHead& head, const char* codes, std::size_t length,
+                float* weights) {
+  if (hasTable(head.form)) {
+    CodedWeights view;
+    if (!view.view(head.form, numWeights(head), codes, length)) return false;
+    view.expandOver(weights);
+    return true;
+  }
+  RowCodesView view;
+  const auto rows = uint64_t(head.rows);
+  const auto cols = uint64_t(head.cols);
+  if (!viewRowCodes(head.form, rows, cols, codes, length, view)) return false;
+  view.unpackOver(weights);
+  return true;
+}
+
+// Reads codes, of `length` bytes, to the end of the memory of the weights that they stand for. So
+// both take no more than the weights alone, which is eight times as much as codes of half a byte.
+bool readOverCodes(NNLayer& layer, const LayerRecordHead& head, const char* prefix,
+                   std::size_t length, StreamBytes& bytes) {
+  NNLayer fresh;
+  shape(fresh, head);
+  supplyPages(fresh.weights.data(), bytesOf(fresh.weights));
+  char* const codes = reinterpret_cast<char*>(fresh.weights.data() + fresh.weights.size()) - length;
+  std::memcpy(codes, prefix, kCodedPrefixLength);
+  if (!bytes.take(codes + kCodedPrefixLength, length - kCodedPrefixLength)) return false;
+  for (const LayerVector& vector : kLayerVectors) {
+    Eigen::VectorXf& values = vector.of(fresh);
+    if (!bytes.take(values.data(), bytesOf(values))) return false;
+  }
+  if (!expandOver(head, codes, length, fresh.weights.data())) return false;
+  layer = std::move(fresh);
+  return true;
+}
+
+// Whether weights with the codes beside them take more than eight times what the codes do.
+bool areCodesShort(const LayerRecordHead& head, uint64_t length) {
+  return numWeights(head) * sizeof(float) > 7 * length;
+}
+
+// Reads the record into memory first where that takes little beside the weights, as codes of a byte
+// do, or where what fills up the blocks of row codes counts.
 bool readCoded(NNLayer& layer, const LayerRecordHead& head, StreamBytes& bytes,
                std::size_t available) {
   constexpr std::size_t kStart = sizeof head + kCodedPrefixLength;
@@ -139,6 +179,9 @@ bool readCoded(NNLayer& layer, const LayerRecordHead& head, StreamBytes& bytes,
     weights = rowScaledLength(head.form, uint64_t(head.rows), uint64_t(head.cols));
   }
   if (weights < kCodedPrefixLength || weights > left) return false;
+  if (areCodesShort(head, weights)) {
+    return readOverCodes(layer, head, prefix, static_cast<std::size_t>(weights), bytes);
+  }
   return readRest(layer, start, kStart, sizeof head + static_cast<std::size_t>(weights) + vectors,
                   bytes);
 }

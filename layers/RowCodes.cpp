@@ -365,6 +365,50 @@ void RowCodesView::unpack(std::size_t row, std::size_t rowCount, std::size_t col
   }
 }
 
+namespace {
+
+std::size_t codesLengthOf(const RowCodesView& view) {
+  return static_cast<std::size_t>(rowCodesLength(view.rows, view.cols, view.bits));
+}
+
+// Leaves the first columns out, whole blocks of them, and moves the codes of the others to the end
+// of where the codes are: from the last panel on, so that none is overwritten before it is moved.
+void dropColumns(RowCodesView& view, std::size_t cols) {
+  const std::size_t before = codesLengthOf(view);
+  const std::size_t panels = static_cast<std::size_t>(rowCodePanels(view.rows));
+  auto* const end = const_cast<unsigned char*>(view.codes) + before;
+  view.cols -= cols;
+  const std::size_t after = codesLengthOf(view);
+  for (std::size_t behind = 0; behind < panels; ++behind) {
+    const std::size_t length = after / panels;
+    std::memmove(end - (behind + 1) * length, end - behind * (before / panels) - length, length);
+  }
+  view.codes = end - after;
+}
+
+}  // namespace
+
+// What fits before the codes is written there, again and again. Of a few columns at last, the codes
+// are copied.
+void RowCodesView::unpackOver(float* weights) const {
+  const std::vector<char> keptScales(scales, scales + rows * sizeof(float));
+  RowCodesView left = *this;
+  left.scales = keptScales.data();
+  for (;;) {
+    const std::size_t room =
+        static_cast<std::size_t>(left.codes - reinterpret_cast<const unsigned char*>(weights));
+    const std::size_t some =
+        room / (rows * sizeof(float)) / kRowCodeGroup * kRowCodeGroup;  // columns
+    if (some == 0) break;
+    left.unpack(0, rows, 0, some, weights);
+    weights += some * rows;
+    dropColumns(left, some);
+  }
+  const std::vector<unsigned char> rest(left.codes, left.codes + codesLengthOf(left));
+  left.codes = rest.data();
+  left.unpack(0, rows, 0, left.cols, weights);
+}
+
 bool RowCodesView::isCanonical() const {
   if (rows == 0 || cols == 0) return false;
   int largest = 0;

@@ -82,6 +82,11 @@ struct RowCodesView {
   void unpack(std::size_t row, std::size_t rowCount, std::size_t col, std::size_t colCount,
               float* weights) const;
 
+  // Writes all weights to an array of which these scales and codes are the last bytes, up to its
+  // end; there is no view of them afterwards.
+  // REQUIRES: they take no more than half of the array.
+  void unpackOver(float* weights) const;
+
   // Returns whether these are, to the byte, the scales and codes that are found for the weights
   // that they stand for.
   // REQUIRES: rowCodesLength() bytes are there.

@@ -7,6 +7,7 @@
 #include <streambuf>
 
 #include "model/MultiLayerNNModel.h"
+#include "model/RowQuantization.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
@@ -281,10 +282,27 @@ TEST(MultiLayerNNModelLoad, streamThatEndsBeforeItsLengthIsRefused) {
   EXPECT_TRUE(sameModel(model, fullModel()));
 }
 
+// A layer whose weights are codes of half a byte and a scale for each row.
+NNLayer quantizedLayer(int inputs, int outputs) {
+  MultiLayerNNModel model = modelOf({plainLayer(inputs, outputs)});
+  EXPECT_EQ(mlnn::quantizeRows(model, {4}), 0);
+  return *model.layers[0];
+}
+
+// A layer of 17 different weights, of which the one that is rarest has no code of its own.
+NNLayer rareValueLayer(int inputs, int outputs) {
+  NNLayer layer = fewValuesLayer(inputs, outputs, 16);
+  layer.weights(0, 0) = 1234;
+  layer.weights(outputs - 1, inputs - 1) = 1234;
+  return layer;
+}
+
 // An image with weights of every form.
 MultiLayerNNModel codedModel() {
-  MultiLayerNNModel model = modelOf({plainLayer(3, 2), fewValuesLayer(2, 40, 5),
-                                     fewValuesLayer(40, 1, 5), fewValuesLayer(1, 70, 20)});
+  MultiLayerNNModel model =
+      modelOf({plainLayer(3, 2), fewValuesLayer(2, 40, 5), fewValuesLayer(40, 1, 5),
+               fewValuesLayer(1, 60, 5), fewValuesLayer(60, 50, 5), quantizedLayer(50, 32),
+               fewValuesLayer(32, 70, 20)});
   model.deltasNorm.allocIfNeeded();
   return model;
 }
@@ -320,13 +338,51 @@ TEST(MultiLayerNNModelLoad, everyCutImageIsRefusedAsFromMemory) {
   }
 }
 
+// Codes of half a byte are read to the end of the weights' memory, and make weights there.
+TEST(MultiLayerNNModelLoad, codesOfHalfAByteComeBackToTheBitFromAStream) {
+  for (const auto& [inputs, outputs] : {std::pair{1000, 1},
+                                        {999, 1},
+                                        {33, 77},
+                                        {64, 64},
+                                        {107, 16},
+                                        {109, 15},
+                                        {7, 500},
+                                        {8, 512},
+                                        {2000, 33},
+                                        {4000, 16}}) {
+    MultiLayerNNModel model =
+        modelOf({fewValuesLayer(inputs, outputs, 16), fewValuesLayer(inputs, outputs, 3),
+                 rareValueLayer(inputs, outputs), quantizedLayer(inputs, outputs)});
+    model.deltasNorm.allocIfNeeded();
+    std::istringstream stream(ByteImage::of(model).bytes());
+    MultiLayerNNModel read;
+    stderrOf([&] { EXPECT_EQ(read.deserialize(stream), 0); });
+    EXPECT_TRUE(sameLayers(read, model)) << inputs << " x " << outputs;
+  }
+}
+
+TEST(MultiLayerNNModelLoad, everyChangedCodeIsRefusedAsFromMemory) {
+  MultiLayerNNModel model = modelOf({rareValueLayer(50, 40), quantizedLayer(40, 32)});
+  model.deltasNorm.allocIfNeeded();
+  ByteImage image = ByteImage::of(model);
+  for (std::size_t bit = 8 * kHeadLength; bit < 8 * image.size(); bit += 3) {
+    image.flipBit(bit);
+    MultiLayerNNModel fromMemory;
+    MultiLayerNNModel fromStream;
+    const std::string expected = stderrOf([&] { image.readInto(fromMemory); });
+    std::istringstream stream(image.bytes());
+    ASSERT_EQ(stderrOf([&] { EXPECT_EQ(fromStream.deserialize(stream), 1); }), expected) << bit;
+    image.flipBit(bit);
+  }
+}
+
 // --- Memory ---
 
 struct Shape {
   const char* name;
   int layers;
   NNLayer layer;
-  double bytesPerByte;  // that reading may take, besides 1 MiB
+  double bytesPerByte = 8;  // that reading may take, besides 1 MiB
 };
 
 void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
@@ -364,10 +420,13 @@ TEST_P(MultiLayerNNModelLoadMemory, isInProportionToTheImage) {
 
 INSTANTIATE_TEST_SUITE_P(
     Image, MultiLayerNNModelLoadMemory,
-    testing::Values(Shape{"empty", 100000, NNLayer(), 8},
-                    Shape{"floats", 1, plainLayer(700, 1000), 8},
-                    Shape{"row_codes", 1, fewValuesLayer(3000, 1000, 200), 9},
-                    Shape{"half_byte_codes", 1, fewValuesLayer(5000, 1000, 16), 9},
+    testing::Values(Shape{"empty", 100000, NNLayer()}, Shape{"floats", 1, plainLayer(700, 1000)},
+                    Shape{"row_codes", 1, fewValuesLayer(3000, 1000, 200)},
+                    Shape{"half_byte_codes", 1, fewValuesLayer(5000, 1000, 16)},
+                    Shape{"half_byte_codes_and_a_rare_value", 1, rareValueLayer(3000, 1000)},
+                    Shape{"half_byte_codes_by_rows", 1, quantizedLayer(4000, 1000)},
+                    Shape{"half_byte_codes_of_few_rows", 1, quantizedLayer(200000, 16)},
+                    Shape{"half_byte_codes_of_few_columns", 1, quantizedLayer(8, 200000)},
                     Shape{"one_value_an_array", 40000, smallestFoldedLayer(), 12}),
     [](const auto& instance) { return instance.param.name; });
 
