@@ -187,6 +187,15 @@ def _refuse_what_it_does_besides(name: str, step: Any) -> None:
         raise Error(f"{name}: has a forward function of its own, which cannot be represented")
 
 
+def _refuse_hooks_of_the_process() -> None:
+    """Refuses what every module of the process does besides."""
+    from torch.nn.modules import module
+    for hooks in "_global_forward_pre_hooks", "_global_forward_hooks":
+        if getattr(module, hooks, None):
+            raise Error("modules of this process have forward hooks (register_module_forward_hook), "
+                        "which cannot be represented")
+
+
 def _add_torch(network: Network, path: str, step: Any) -> None:
     from torch import nn
     kind = type(step)
@@ -252,6 +261,7 @@ def from_torch(module: Any) -> Model:
     from torch import nn
     if type(module) is not nn.Sequential:
         raise Error(f"{type(module).__name__} cannot be represented; expected a Sequential")
+    _refuse_hooks_of_the_process()
     network = Network()
     _add_torch(network, "", module)
     return network.model()

@@ -137,6 +137,19 @@ def test_torch_steps_that_would_compute_something_else_are_refused(torch, make, 
     assert str(caught.value) == message
 
 
+@pytest.mark.parametrize("register", ["register_module_forward_hook",
+                                      "register_module_forward_pre_hook"])
+def test_hooks_of_the_whole_process_are_refused(torch, register):
+    module = torch.nn.Sequential(torch.nn.Linear(2, 2))
+    handle = getattr(torch.nn.modules.module, register)(lambda *arguments: None)
+    try:
+        with pytest.raises(mlnn.Error, match="^modules of this process have forward hooks"):
+            mlnn.from_torch(module)
+    finally:
+        handle.remove()
+    assert mlnn.from_torch(module).num_outputs == 2
+
+
 def test_a_torch_step_that_stands_twice_counts_twice(torch):
     nn = torch.nn
     relu, linear = nn.ReLU(), nn.Linear(4, 4)
@@ -562,6 +575,17 @@ def test_graphs_that_are_no_chain_are_refused(model):
     with pytest.raises(mlnn.Error, match=r"twice \(Add\) cannot be represented"):
         mlnn.from_onnx(exported)
     exported = mlnn.to_onnx(model)
-    exported.graph.output[0].name = "layer1.affine"
-    with pytest.raises(mlnn.Error, match="layer1.affine is not where the chain ends"):
+    exported.graph.output[0].name = "layer1.weights"
+    with pytest.raises(mlnn.Error, match="layer1.weights is not where the chain ends"):
         mlnn.from_onnx(exported)
+
+
+def test_a_graph_ends_where_its_output_is(model):
+    exported = mlnn.to_onnx(model)
+    exported.graph.output[0].name = "layer1.affine"
+    with pytest.raises(mlnn.Error, match="^broken metadata 'mlnn': "):  # of more layers
+        mlnn.from_onnx(exported)
+    del exported.metadata_props[:]
+    layer, = mlnn.from_onnx(exported).layers
+    assert not layer.batch_norm and layer.act_fn == "linear"
+    assert (layer.weights == model.layers[0].weights).all()
