@@ -1,79 +1,57 @@
 #include "tests/support/LinearTime.h"
 
-#include <time.h>
+#include <valgrind/callgrind.h>
 
 #include <algorithm>
-#include <limits>
-#include <utility>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
 
 namespace mlnn::test {
 namespace {
 
-constexpr std::size_t kLeastLength = std::size_t{1} << 16;
-constexpr std::size_t kMostLength = std::size_t{1} << 18;
-constexpr double kMeasurable = 2e-3;  // seconds
-constexpr double kNothing = 1e-3;     // seconds
-constexpr double kMostGrowth = 8;
-constexpr int kRuns = 3;
-constexpr int kTries = 4;
-constexpr int kSteps = 3;
-constexpr double kHopeless = 0.25;  // seconds: with a power, the next step would take many
+constexpr std::size_t kShortLength = std::size_t{1} << 16;
+constexpr std::size_t kLongLength = 4 * kShortLength;
+constexpr std::uint64_t kNothing = 1000000;
+constexpr std::uint64_t kMostGrowth = 6;
 
-double processorTime() {
-  timespec time = {};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+// The first line of the last file that callgrind wrote that tells the number of instructions; the
+// files are called NAME.1, NAME.2 and so on. Removes it.
+std::uint64_t takeTotal(const std::string& file) {
+  const std::string begin = "summary: ";
+  std::ifstream in(file);
+  std::string line;
+  while (std::getline(in, line) && line.compare(0, begin.size(), begin) != 0) continue;
+  if (!in) throw std::runtime_error(file + ": no line begins with '" + begin + "'");
+  std::remove(file.c_str());
+  return std::stoull(line.substr(begin.size()));
 }
 
-double secondsOf(const WorkOnInput& work, const std::string& input) {
-  const double start = processorTime();
+std::uint64_t instructionsOf(const WorkOnInput& work, const std::string& input) {
+  static int dumps = 0;
+  CALLGRIND_ZERO_STATS;
   work(input);
-  return processorTime() - start;
-}
-
-struct Growth {
-  double shortTime = std::numeric_limits<double>::max();
-  double longTime = std::numeric_limits<double>::max();
-
-  bool isLinear() const { return longTime <= std::max(kMostGrowth * shortTime, kNothing); }
-};
-
-// Measures until the growth is linear, some times at most; returns what came last.
-Growth growthOf(const WorkOnInput& work, const std::string& shortInput,
-                const std::string& longInput) {
-  Growth growth;
-  int tries = 0;
-  do {
-    growth = Growth();
-    for (int run = 0; run < kRuns; ++run) {
-      growth.shortTime = std::min(growth.shortTime, secondsOf(work, shortInput));
-      growth.longTime = std::min(growth.longTime, secondsOf(work, longInput));
-    }
-  } while (!growth.isLinear() && ++tries < kTries);
-  return growth;
-}
-
-std::size_t measurableLength(const InputOfLength& input, const WorkOnInput& work) {
-  std::size_t length = kLeastLength;
-  while (length < kMostLength && secondsOf(work, input(length)) < kMeasurable) length *= 2;
-  return length;
+  CALLGRIND_DUMP_STATS;
+  return takeTotal(std::getenv("CALLGRIND_OUT_FILE") + ("." + std::to_string(++dumps)));
 }
 
 }  // namespace
 
 ::testing::AssertionResult takesLinearTime(const InputOfLength& input, const WorkOnInput& work) {
-  ::testing::AssertionResult failure = ::testing::AssertionFailure();
-  std::string shortInput = input(measurableLength(input, work));
-  for (int step = 0; step < kSteps; ++step) {
-    std::string longInput = input(4 * shortInput.size());
-    const Growth growth = growthOf(work, shortInput, longInput);
-    if (growth.isLinear()) return ::testing::AssertionSuccess();
-    failure << longInput.size() << " bytes take " << growth.longTime << " s, " << shortInput.size()
-            << " bytes " << growth.shortTime << " s\n";
-    if (growth.longTime > kHopeless) break;
-    shortInput = std::move(longInput);
+  if (RUNNING_ON_VALGRIND == 0 || std::getenv("CALLGRIND_OUT_FILE") == nullptr) {
+    return ::testing::AssertionFailure() << "not run by callgrind: see scripts/checks/linear-time";
   }
-  return failure;
+  const std::string shortInput = input(kShortLength);
+  const std::string longInput = input(kLongLength);
+  work(shortInput);  // whatever is made at first use only
+  const std::uint64_t few = instructionsOf(work, shortInput);
+  const std::uint64_t many = instructionsOf(work, longInput);
+  if (many <= std::max(kMostGrowth * few, kNothing)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << longInput.size() << " bytes take " << many << " instructions, " << shortInput.size()
+         << " bytes " << few;
 }
 
 }  // namespace mlnn::test

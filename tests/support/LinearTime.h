@@ -14,15 +14,13 @@ namespace mlnn::test {
 using InputOfLength = std::function<std::string(std::size_t)>;
 using WorkOnInput = std::function<void(const std::string&)>;
 
-// Measures the work's processor time at some length and at four times that length, which in
-// linear time takes four times as long, and in quadratic time sixteen times. The length is
-// 256 KiB, or less where that takes some milliseconds already. Up to 8 times as long is taken for
-// linear, since memory is slower where more of it is in use; and so is less than a millisecond for
-// the longer input.
-// Noise makes work slower and never faster, so the least of three runs counts, and where that
-// grows too much, all is measured again, some times. What then still grows too much is measured at
-// four and at sixteen times the length: where arrays reach some size, the system's part in making
-// them takes longer at one go, which happens once, while a power grows at every step.
+// Counts the instructions that the work takes for 64 KiB and for four times as much, which in
+// linear time takes four times as many, and in quadratic time sixteen times. Up to 6 times as many
+// is taken for linear, since arrays that grow are copied a few times; and so is less than a million
+// for the longer input.
+// Counted, not timed: the same on every machine, busy or not. Whoever runs this must run the
+// program by callgrind with --callgrind-out-file=FILE and give FILE as $CALLGRIND_OUT_FILE;
+// without, the result is a failure that says so.
 ::testing::AssertionResult takesLinearTime(const InputOfLength& input, const WorkOnInput& work);
 
 }  // namespace mlnn::test
