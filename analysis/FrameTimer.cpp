@@ -39,11 +39,10 @@ Eigen::MatrixXf randomFrames(Eigen::Index width) {
 
 class Timer {
  public:
-  explicit Timer(MultiLayerNNModel& model)
-      : pass_(model.createFwdPass()), frames_(randomFrames(model.numInputs())) {}
+  explicit Timer(FwdPass& pass) : pass_(pass), frames_(randomFrames(pass.numInputs())) {}
 
   // Whether the model can be run at all; the first evaluation tells.
-  bool runs() { return pass_->evaluate(frames_.leftCols(1), outputs_) == 0; }
+  bool runs() { return pass_.evaluate(frames_.leftCols(1), outputs_) == 0; }
 
   // Evaluates `count` frames and returns the processor time that it took.
   // REQUIRES: runs() was true.
@@ -51,7 +50,7 @@ class Timer {
     const double start = processorSeconds();
     for (std::size_t i = 0; i < count; ++i) {
       const Eigen::Index frame = evaluated_++ % frames_.cols();
-      pass_->evaluate(frames_.col(frame), outputs_);
+      pass_.evaluate(frames_.col(frame), outputs_);
     }
     return processorSeconds() - start;
   }
@@ -59,7 +58,7 @@ class Timer {
   std::size_t evaluated() const { return static_cast<std::size_t>(evaluated_); }
 
  private:
-  std::unique_ptr<NNFwdPassFromFile> pass_;
+  FwdPass& pass_;
   Eigen::MatrixXf frames_;
   Eigen::MatrixXf outputs_;
   Eigen::Index evaluated_ = 0;
@@ -117,7 +116,17 @@ std::optional<FrameTime> timeFrames(MultiLayerNNModel& model, double seconds, st
     whyNot = kNoOutputs;
     return std::nullopt;
   }
-  Timer timer(model);
+  const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
+  return timeFrames(*pass, seconds, whyNot, watch);
+}
+
+std::optional<FrameTime> timeFrames(FwdPass& pass, double seconds, std::string& whyNot,
+                                    const Watch& watch) {
+  if (pass.numOutputs() == 0 && pass.numInputs() > 0) {
+    whyNot = kNoOutputs;
+    return std::nullopt;
+  }
+  Timer timer(pass);
   if (!timer.runs()) {
     whyNot = kCannotBeRun;
     return std::nullopt;

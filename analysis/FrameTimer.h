@@ -7,6 +7,7 @@
 
 #include "features/Export.h"
 #include "features/Watch.h"
+#include "inference/FwdPass.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -27,6 +28,10 @@ struct FrameTime {
 // own message, cannot be run.
 MLNN_EXPORT std::optional<FrameTime> timeFrames(MultiLayerNNModel& model, double seconds,
                                                 std::string& whyNot, const Watch& watch = {});
+
+// The same of a forward pass.
+MLNN_EXPORT std::optional<FrameTime> timeFrames(FwdPass& pass, double seconds, std::string& whyNot,
+                                                const Watch& watch = {});
 
 inline constexpr std::size_t kTimingSteps = 100;
 

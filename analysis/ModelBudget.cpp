@@ -7,6 +7,7 @@
 
 #include "analysis/WeightForms.h"
 #include "inference/CodedFwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "layers/LayerArrays.h"
 #include "layers/Messages.h"
@@ -103,6 +104,7 @@ ModelBudget budgetOf(const MultiLayerNNModel& model) {
   for (const NNLayer* layer : model.layers) add(*layer, budget);
   budget.workingBytes = NNFwdPassFromFile::workingBytes(model, 1);
   budget.weightForms = weightForms(model);
+  budget.quantized = quantizedText(model);
   if (model.useSoftmax) budget.activations += static_cast<uint64_t>(model.numOutputs());
   return budget;
 }
@@ -111,6 +113,12 @@ std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits) {
   const std::unique_ptr<CodedFwdPass> pass = CodedFwdPass::create(model, bits, CodesFor::kMemory);
   if (pass == nullptr) return std::nullopt;
   return CodedSize{pass->weightBytes(), pass->numCodedLayers()};
+}
+
+std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model) {
+  const std::unique_ptr<IntegerFwdPass> pass = IntegerFwdPass::create(model);
+  if (pass == nullptr) return std::nullopt;
+  return IntegerSize{pass->weightBytes(), pass->workingBytes(1), pass->numIntegerLayers()};
 }
 
 FileSizes fileSizesOf(const MultiLayerNNModel& model, const Watch& watch) {

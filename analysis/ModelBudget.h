@@ -28,6 +28,9 @@ struct ModelBudget {
 
   // How an image stores the weights of each layer, in words.
   std::string weightForms;
+
+  // What there is to say of layers that are quantised by rows (analysis/WeightForms.h).
+  std::string quantized;
 };
 
 MLNN_EXPORT ModelBudget budgetOf(const MultiLayerNNModel& model);
@@ -41,6 +44,16 @@ struct CodedSize {
 // REQUIRES: bits is 1 to 8.
 // Returns: nothing, after the forward pass's own message, when the model cannot be run.
 MLNN_EXPORT std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits);
+
+// What a pass in integers (inference/IntegerFwdPass.h) needs.
+struct IntegerSize {
+  uint64_t bytes = 0;             // that it holds in place of the model's arrays
+  uint64_t workingBytes = 0;      // that it keeps besides, when it is given one frame at a time
+  std::size_t integerLayers = 0;  // the others are computed in floats
+};
+
+// Returns: nothing, after the pass's own message, when the model cannot be run.
+MLNN_EXPORT std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model);
 
 // The sizes of the files that a model is saved to (model/FormatFit.h): an image, and a text with
 // nine digits. Nothing where the format has no way to write the model.

@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "analysis/WeightForms.h"
 #include "layers/LayerArrays.h"
 
 namespace mlnn {
@@ -39,7 +38,7 @@ LayerSummary summaryOf(const NNLayer& layer) {
   summary.actFn = layer.actFn;
   forEachUsedArray(
       layer, [&summary](const char*, const auto& array) { summary.parameters += length(array); });
-  summary.imageWeights = weightForm(layer);
+  summary.imageWeights = storedWeights(layer);
   return summary;
 }
 

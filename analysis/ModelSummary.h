@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "analysis/WeightForms.h"
 #include "features/Export.h"
 #include "layers/ActFn.h"
 #include "model/MultiLayerNNModel.h"
@@ -16,8 +17,8 @@ struct LayerSummary {
   Eigen::Index inputs = 0;
   Eigen::Index outputs = 0;
   ActFn::ActFn actFn = ActFn::linear;
-  std::size_t parameters = 0;     // the numbers that it computes or is trained with
-  const char* imageWeights = "";  // how an image stores its weights (analysis/WeightForms.h)
+  std::size_t parameters = 0;  // the numbers that it computes or is trained with
+  StoredWeights imageWeights;  // how an image stores its weights
 };
 
 struct ModelSummary {

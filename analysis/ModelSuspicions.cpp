@@ -1,6 +1,7 @@
 #include "analysis/ModelSuspicions.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "layers/FilledColumns.h"
 #include "layers/LayerArrays.h"
+#include "layers/RowCodes.h"
 #include "model/LayerStack.h"
 #include "text/Escape.h"
 #include "text/Numbers.h"
@@ -36,6 +38,35 @@ std::string list(const std::vector<Index>& numbers) {
   }
   if (shown == numbers.size()) return out;
   return out + " and " + std::to_string(numbers.size() - shown) + " more";
+}
+
+// How often each size of a code occurs in a row.
+using CodeSizes = std::array<std::size_t, largestRowCode(8) + 1>;
+
+// Counts them in some neighbouring rows together, column by column as the weights lie.
+// REQUIRES: the scales are those of the weights.
+std::vector<CodeSizes> codeSizes(const Eigen::MatrixXf& weights, const RowScales& scales,
+                                 Index first, Index rows) {
+  std::vector<CodeSizes> sizes(sizeOf(rows), CodeSizes{});
+  for (Index c = 0; c < weights.cols(); ++c) {
+    for (Index r = 0; r < rows; ++r) {
+      const float scale = scales.values[sizeOf(first + r)];
+      const float size = scale == 0 ? 0 : std::fabs(weights(first + r, c)) / scale;
+      ++sizes[sizeOf(r)][static_cast<std::size_t>(size)];
+    }
+  }
+  return sizes;
+}
+
+// Whether so many of a row's codes have the largest size that they must have been cut there. Of few
+// sizes, or of few weights, that cannot be told.
+bool isClipped(const CodeSizes& sizes, Index inputs) {
+  constexpr std::size_t kFewestSizes = 3;
+  constexpr std::size_t kFewestWeights = 16;
+  std::size_t largest = sizes.size() - 1;
+  while (largest > 0 && sizes[largest] == 0) --largest;
+  const std::size_t notZero = sizeOf(inputs) - sizes[0];
+  return largest >= kFewestSizes && notZero >= kFewestWeights && 2 * sizes[largest] >= notZero;
 }
 
 class Finder {
@@ -71,6 +102,7 @@ class Finder {
   void values(const NNLayer& layer);
   void notFinite(const std::string& array, const Eigen::Ref<const Eigen::MatrixXf>& values);
   void deadUnits(const NNLayer& layer);
+  void clippedUnits(const NNLayer& layer);
   void batchNorm(const NNLayer& layer);
   void activations();
   void unrecordedActivations(std::size_t number);
@@ -210,6 +242,7 @@ void Finder::layer(const NNLayer& layer) {
   lengths(layer);
   values(layer);
   deadUnits(layer);
+  clippedUnits(layer);
   if (layer.isBatchNorm) batchNorm(layer);
 }
 
@@ -271,6 +304,34 @@ void Finder::deadUnits(const NNLayer& layer) {
       add("units_without_weights", text(static_cast<Index>(units.size())) + " of " +
                                        counted(sizeOf(layer.weights.rows()), "unit") +
                                        " can never fire, all weights are 0: " + list(units));
+  suspicion.array = kWeightsName;
+  suspicion.row = sizeOf(units.front());
+  suspicion.count = units.size();
+}
+
+// Of weights that were quantised by rows, those whose scale was too small for them.
+void Finder::clippedUnits(const NNLayer& layer) {
+  constexpr Index kRows = 16;  // at a time, so that each column is read a cache line at once
+  const Eigen::MatrixXf& weights = layer.weights;
+  const auto scales = findRowScales(weights.data(), sizeOf(weights.rows()), sizeOf(weights.cols()));
+  if (!scales) return;
+  std::vector<Index> units;
+  for (Index first = 0; first < weights.rows(); first += kRows) {
+    tell(watch_, 0);
+    Index unit = first;
+    const Index rows = std::min(kRows, weights.rows() - first);
+    for (const CodeSizes& sizes : codeSizes(weights, *scales, first, rows)) {
+      ++unit;
+      if (isClipped(sizes, weights.cols())) units.push_back(unit);
+    }
+  }
+  if (units.empty()) return;
+  Suspicion& suspicion =
+      add("units_clipped", text(static_cast<Index>(units.size())) + " of " +
+                               counted(sizeOf(weights.rows()), "unit") +
+                               " have half of their weights or more at the largest value, as a "
+                               "scale that is too small leaves them: " +
+                               list(units));
   suspicion.array = kWeightsName;
   suspicion.row = sizeOf(units.front());
   suspicion.count = units.size();

@@ -317,14 +317,10 @@ RecordResult readRecord(NNLayer& layer, std::istream& in, std::size_t available)
   return result;
 }
 
-namespace {
-
 WeightsRef weightsOf(const NNLayer& layer) {
   return {layer.weights.data(), static_cast<std::size_t>(layer.weights.rows()),
           static_cast<std::size_t>(layer.weights.cols())};
 }
-
-}  // namespace
 
 WeightsPlan planRecord(const NNLayer& layer) { return planWeights(weightsOf(layer)); }
 

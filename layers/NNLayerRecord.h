@@ -59,6 +59,8 @@ struct RecordResult {
   std::size_t taken = 0;  // bytes that were taken from a stream, refused or not
 };
 
+WeightsRef weightsOf(const NNLayer& layer);
+
 // Returns how the layer's record stores its weights, for the functions below.
 WeightsPlan planRecord(const NNLayer& layer);
 

@@ -4,7 +4,10 @@
 #include <sstream>
 
 #include "analysis/ModelBudget.h"
+#include "inference/IntegerFwdPass.h"
 #include "model/FormatFit.h"
+#include "model/RowQuantization.h"
+#include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
 #include "text/Numbers.h"
 
@@ -25,6 +28,7 @@ using mlnn::test::foldedLayer;
 using mlnn::test::fullModel;
 using mlnn::test::modelOf;
 using mlnn::test::plainLayer;
+using mlnn::test::stderrOf;
 
 TEST(ModelBudget, ofPlainLayers) {
   MultiLayerNNModel model = modelOf({plainLayer(5, 4), plainLayer(4, 2)});
@@ -104,6 +108,23 @@ TEST(FileSizes, ofWhatCannotBeWrittenAreMissing) {
   const FileSizes sizes = fileSizesOf(modelOf({batchNormLayer(0, 2)}));
   EXPECT_TRUE(sizes.image.has_value());
   EXPECT_FALSE(sizes.text.has_value());
+}
+
+TEST(ModelBudget, ofAnIntegerPassIsWhatThePassSays) {
+  MultiLayerNNModel model = modelOf({plainLayer(50, 16), plainLayer(16, 5)});
+  mlnn::RowQuantization options;
+  ASSERT_EQ(quantizeRows(model, options), 0);
+  model.layers[1]->weights(0, 0) = 0.123456f;  // no whole multiple of its row's scale
+  const auto size = mlnn::integerSizeOf(model);
+  const auto pass = mlnn::IntegerFwdPass::create(model);
+  ASSERT_TRUE(size);
+  EXPECT_EQ(size->bytes, pass->weightBytes());
+  EXPECT_EQ(size->workingBytes, pass->workingBytes(1));
+  EXPECT_EQ(size->integerLayers, 1u);
+  EXPECT_EQ(budgetOf(model).quantized,
+            "8 bits a weight in layer 1, and a scale a row: 896 bytes in place of 3200, 28 %");
+  EXPECT_EQ(stderrOf([] { EXPECT_FALSE(mlnn::integerSizeOf(MultiLayerNNModel())); }),
+            "ERROR: IntegerFwdPass::create: model has no layers\n");
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ TEST(ModelSummary, tellsOfEachLayer) {
   EXPECT_EQ(plain.outputs, 4);
   EXPECT_EQ(plain.actFn, ActFn::relu);
   EXPECT_EQ(plain.parameters, 24u);
-  EXPECT_EQ(std::string(plain.imageWeights), "floats");
+  EXPECT_EQ(std::string(plain.imageWeights.form), "floats");
   EXPECT_TRUE(summary.layers[1].isBatchNorm);
   EXPECT_EQ(summary.layers[1].parameters, 24u);
   EXPECT_EQ(summary.parameters, 48u);

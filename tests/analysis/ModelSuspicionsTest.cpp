@@ -106,6 +106,51 @@ TEST(ModelSuspicions, nameUnitsWithoutWeights) {
             "2, 3, 4, 5, 6, 7 and 13 more\n");
 }
 
+// A file with these codes, of 3 bits, in the two rows of its only layer; scales are 0.5 and 0.25.
+ModelFile quantisedFile(const std::vector<float>& first, const std::vector<float>& second) {
+  const auto inputs = static_cast<Eigen::Index>(first.size());
+  ModelFile file = soundFile();
+  file.model = modelOf({plainLayer(static_cast<int>(inputs), 2)});
+  file.model.layers[0]->actFn = ActFn::linear;
+  file.model.featureDesc.numBands = static_cast<int>(inputs);
+  file.model.deltasNorm = soundFile().model.deltasNorm;
+  Eigen::MatrixXf& weights = file.model.layers[0]->weights;
+  for (Eigen::Index c = 0; c < inputs; ++c) {
+    weights(0, c) = first[static_cast<std::size_t>(c)] * 0.5f;
+    weights(1, c) = second[static_cast<std::size_t>(c)] * 0.25f;
+  }
+  return file;
+}
+
+// Half of the weights that are not 0 at the largest size, or nearly so.
+TEST(ModelSuspicions, nameUnitsWhoseQuantisedWeightsWereCut) {
+  const std::vector<float> half = {3, -3, 3, 3, -3, 3, 3, 3, 1, 2, -1, 2, 1, -2, 1, 2, 0, 0};
+  std::vector<float> less = half;
+  less[0] = 2;
+  EXPECT_EQ(
+      said(quantisedFile(less, half)),
+      "units_clipped: layer 1: 1 of 2 units have half of their weights or more at the largest "
+      "value, as a scale that is too small leaves them: 2\n");
+  EXPECT_EQ(
+      said(quantisedFile(half, half)),
+      "units_clipped: layer 1: 2 of 2 units have half of their weights or more at the largest "
+      "value, as a scale that is too small leaves them: 1 and 2\n");
+  EXPECT_EQ(said(quantisedFile(less, less)), "");
+  const Suspicion suspicion = suspicionsOf(quantisedFile(less, half)).at(0);
+  EXPECT_EQ(suspicion.layer, 1u);
+  EXPECT_EQ(suspicion.array, "weights");
+  EXPECT_EQ(suspicion.row, 2u);
+  EXPECT_EQ(suspicion.count, 1u);
+}
+
+// With 2 bits there is but one size, and few weights may all be of one.
+TEST(ModelSuspicions, doNotCallFewSizesOrFewWeightsCut) {
+  const std::vector<float> twoBits = {1, -1, 1, 1, 0, 1, -1, 1, 0, 1, 1, 1, 0, 1, -1, 1, 1, 1};
+  EXPECT_EQ(said(quantisedFile(twoBits, twoBits)), "");
+  const std::vector<float> few = {3, -3, 3, 3, 3, 2, 3};
+  EXPECT_EQ(said(quantisedFile(few, few)), "");
+}
+
 TEST(ModelSuspicions, nameBatchNormThatWasNeverFilled) {
   EXPECT_EQ(saidAfter([](MultiLayerNNModel& model) { model.layers[1]->gamma_inf.setZero(); }),
             "batch_norm_not_filled: layer 2: the inference values of the batch normalisation were "

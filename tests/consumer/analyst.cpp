@@ -15,8 +15,10 @@
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
 #include "analysis/PrecisionSweep.h"
+#include "analysis/QuantizationDiff.h"
 #include "analysis/StatementDiff.h"
 #include "analysis/TraceComparison.h"
+#include "analysis/WeightForms.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "inference/Evaluation.h"
 #include "model/FormatFit.h"
@@ -54,6 +56,10 @@ void examine(const mlnn::ModelFile& file) {
   expect(mlnn::budgetOf(file.model).multiplyAdds == 4, "budget");
   expect(mlnn::fileSizesOf(file.model).text.has_value(), "file sizes");
   expect(mlnn::codedSizeOf(file.model, 8).has_value(), "codes");
+  expect(mlnn::integerSizeOf(file.model).has_value(), "integers");
+  expect(mlnn::storedWeights(*file.model.layers[0]).bytes == 16, "stored weights");
+  expect(mlnn::weightForms(file.model) == "floats in layer 1", "weight forms");
+  expect(mlnn::quantizedText(file.model).empty(), "quantised layers");
   const Eigen::MatrixXf& weights = file.model.layers[0]->weights;
   expect(mlnn::histogramOf(weights.data(), 4, 2).counts.size() == 2, "histogram");
 }
@@ -66,6 +72,7 @@ void compare(MultiLayerNNModel& model, const Eigen::MatrixXf& frames) {
   const auto inputs = mlnn::RecordingInputs::forFrames(model, 2, true, "frames", whyNot);
   expect(mlnn::compareStatements(model, other).empty(), "statements");
   expect(!mlnn::compareNumbers(model, other)[0].isSame(), "numbers");
+  expect(!mlnn::findQuantization(model, other), "quantisation");
   mlnn::BehaviourDiff diff(model, other);
   expect(diff.addRecording("r", frames, *inputs, *inputs) && diff.firstBeyond(0.5) != nullptr,
          "behaviour");

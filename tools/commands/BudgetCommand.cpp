@@ -2,10 +2,13 @@
 
 #include <cmath>
 #include <iostream>
+#include <memory>
+#include <optional>
 
 #include "analysis/FrameTimer.h"
 #include "analysis/ModelBudget.h"
 #include "inference/Evaluation.h"
+#include "inference/IntegerFwdPass.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 #include "tools/commands/NumberRange.h"
@@ -38,6 +41,9 @@ CommandHelp help() {
       "given\n"
       "one frame at a time. The files are those that `mlnn convert` makes, the text with nine\n"
       "digits. Codes are what `mlnn run --bits` holds; layers where they save little stay.\n"
+      "Where layers are quantised by rows (`mlnn quantize`), two lines tell what a pass in "
+      "integers\n"
+      "needs.\n"
       "\n"
       "The time is measured on this machine with this build: the processor time of one frame a\n"
       "call, median over many runs after a warm-up, over random input vectors and with the\n"
@@ -61,6 +67,21 @@ struct CodedSizes {
   CodedSize ofFourBits;
 };
 
+// What a pass in integers needs.
+struct IntegerNeeds {
+  IntegerSize size;
+  FrameTime time;
+};
+
+// What the command tells.
+struct Needs {
+  ModelBudget budget;
+  CodedSizes codes;
+  FileSizes files;
+  FrameTime time;
+  std::optional<IntegerNeeds> integers;  // where layers are quantised by rows
+};
+
 // --- Text ---
 
 void printField(const std::string& name, const std::string& value) {
@@ -81,22 +102,36 @@ std::string codesText(const CodedSize& size, std::size_t layers) {
          std::to_string(size.codedLayers) + " of " + counted(layers, "layer") + " coded";
 }
 
-void printText(const ModelBudget& budget, const CodedSizes& codes, const FileSizes& files,
-               const FrameTime& time, double rate) {
+std::string timeText(const FrameTime& time) {
+  return microseconds(time.median) + " us a frame (median; fastest " + microseconds(time.fastest) +
+         ", slowest " + microseconds(time.slowest) + ", " + counted(time.frames, "frame") + ")";
+}
+
+void printIntegers(const IntegerNeeds& needs, std::size_t layers) {
+  printField("in integers", bytesText(needs.size.bytes) +
+                                " in place of what a forward pass reads, working memory " +
+                                bytesText(needs.size.workingBytes) + ", " +
+                                std::to_string(needs.size.integerLayers) + " of " +
+                                counted(layers, "layer"));
+  printField("time in integers", timeText(needs.time));
+}
+
+void printText(const Needs& needs, double rate) {
+  const ModelBudget& budget = needs.budget;
   printField("parameters", bytesText(budget.parameterBytes) + ", of which a forward pass reads " +
                                std::to_string(budget.readBytes));
   printField("working memory", bytesText(budget.workingBytes) + " for a forward pass");
-  printField("image file", fileText(files.image));
+  printField("image file", fileText(needs.files.image));
   printField("image weights", budget.weightForms);
-  printField("text file", fileText(files.text));
+  if (!budget.quantized.empty()) printField("quantised", budget.quantized);
+  printField("text file", fileText(needs.files.text));
   printField("multiply-adds", std::to_string(budget.multiplyAdds) + " a frame");
   printField("activations", std::to_string(budget.activations) + " a frame");
-  printField("codes of 8 bits", codesText(codes.ofEightBits, codes.layers));
-  printField("codes of 4 bits", codesText(codes.ofFourBits, codes.layers));
-  printField("time", microseconds(time.median) + " us a frame (median; fastest " +
-                         microseconds(time.fastest) + ", slowest " + microseconds(time.slowest) +
-                         ", " + counted(time.frames, "frame") + ")");
-  printField("load", generalNumber(100 * time.median * rate, kDigits) + " % of one core at " +
+  printField("codes of 8 bits", codesText(needs.codes.ofEightBits, needs.codes.layers));
+  printField("codes of 4 bits", codesText(needs.codes.ofFourBits, needs.codes.layers));
+  if (needs.integers) printIntegers(*needs.integers, needs.codes.layers);
+  printField("time", timeText(needs.time));
+  printField("load", generalNumber(100 * needs.time.median * rate, kDigits) + " % of one core at " +
                          generalNumber(rate, kExactDigits) + " frames a second");
 }
 
@@ -108,32 +143,46 @@ Json codesJson(const CodedSize& size) {
   return {{"bytes", size.bytes}, {"coded_layers", size.codedLayers}};
 }
 
-Json budgetJson(const std::string& name, const ModelBudget& budget, const CodedSizes& codes,
-                const FileSizes& files, const FrameTime& time, double rate) {
+Json timeJson(const FrameTime& time, double rate) {
+  return {{"median_seconds", time.median},
+          {"fastest_seconds", time.fastest},
+          {"slowest_seconds", time.slowest},
+          {"frames", time.frames},
+          {"rate", rate},
+          {"core_share", time.median * rate}};
+}
+
+Json integersJson(const std::optional<IntegerNeeds>& needs, double rate) {
+  if (!needs) return nullptr;
+  return {{"bytes", needs->size.bytes},
+          {"working_bytes", needs->size.workingBytes},
+          {"integer_layers", needs->size.integerLayers},
+          {"time", timeJson(needs->time, rate)}};
+}
+
+Json budgetJson(const std::string& name, const Needs& needs, double rate) {
+  const ModelBudget& budget = needs.budget;
   return {{"file", name},
           {"parameter_bytes", budget.parameterBytes},
           {"read_bytes", budget.readBytes},
           {"working_bytes", budget.workingBytes},
-          {"image_bytes", fileJson(files.image)},
+          {"image_bytes", fileJson(needs.files.image)},
           {"image_weights", budget.weightForms},
-          {"text_bytes", fileJson(files.text)},
+          {"text_bytes", fileJson(needs.files.text)},
           {"multiply_adds", budget.multiplyAdds},
           {"activations", budget.activations},
-          {"codes_of_8_bits", codesJson(codes.ofEightBits)},
-          {"codes_of_4_bits", codesJson(codes.ofFourBits)},
-          {"time",
-           {{"median_seconds", time.median},
-            {"fastest_seconds", time.fastest},
-            {"slowest_seconds", time.slowest},
-            {"frames", time.frames},
-            {"rate", rate},
-            {"core_share", time.median * rate}}}};
+          {"codes_of_8_bits", codesJson(needs.codes.ofEightBits)},
+          {"codes_of_4_bits", codesJson(needs.codes.ofFourBits)},
+          {"in_integers", integersJson(needs.integers, rate)},
+          {"time", timeJson(needs.time, rate)}};
 }
 
-FrameTime measure(MultiLayerNNModel& model, double seconds) {
+// Measures a model, or a pass.
+template <typename Runs>
+FrameTime measure(Runs& runs, double seconds) {
   Progress progress("measuring", kTimingSteps);
   std::string whyNot;
-  const std::optional<FrameTime> time = timeFrames(model, seconds, whyNot, progress.watch());
+  const std::optional<FrameTime> time = timeFrames(runs, seconds, whyNot, progress.watch());
   return orFail(time, whyNot);
 }
 
@@ -141,17 +190,29 @@ CodedSize codesOf(const MultiLayerNNModel& model, int bits) {
   return orFail(codedSizeOf(model, bits), kCannotBeRun);
 }
 
+IntegerNeeds integersOf(const MultiLayerNNModel& model, double seconds) {
+  const std::unique_ptr<IntegerFwdPass> pass = IntegerFwdPass::create(model);
+  if (pass == nullptr) throw Failure(kCannotBeRun);
+  return {orFail(integerSizeOf(model), kCannotBeRun), measure(*pass, seconds)};
+}
+
+Needs needsOf(MultiLayerNNModel& model, double seconds) {
+  Needs needs;
+  needs.time = measure(model, seconds);
+  needs.budget = budgetOf(model);
+  needs.codes = {model.layers.size(), codesOf(model, 8), codesOf(model, 4)};
+  needs.files = fileSizesOf(model);
+  if (!needs.budget.quantized.empty()) needs.integers = integersOf(model, seconds);
+  return needs;
+}
+
 int run(const Options& options) {
   ModelFile file = loadModel(options.model, options.load);
-  const FrameTime time = measure(file.model, options.seconds);
-  const ModelBudget budget = budgetOf(file.model);
-  const CodedSizes codes{file.model.layers.size(), codesOf(file.model, 8), codesOf(file.model, 4)};
-  const FileSizes files = fileSizesOf(file.model);
+  const Needs needs = needsOf(file.model, options.seconds);
   if (options.json) {
-    const Json json = budgetJson(file.name, budget, codes, files, time, options.rate);
-    mlnn::printJson(json);
+    printJson(budgetJson(file.name, needs, options.rate));
   } else {
-    printText(budget, codes, files, time, options.rate);
+    printText(needs, options.rate);
   }
   return kDone;
 }

@@ -40,7 +40,8 @@ CommandHelp help() {
       "the root-mean-square difference, the largest in units in the last place, and the cosine.\n"
       "Of a batch-norm layer and a plain one, which store different arrays, the affine maps are\n"
       "compared too: weights times gamma_inf and beta_inf against weights and bias. They count as\n"
-      "different in numbers all the same.\n"
+      "different in numbers all the same. Where the numbers of one model are those of the other,\n"
+      "quantised as by `mlnn quantize`, a line says so, and to how many bits.\n"
       "\n"
       "Behaviour, with --frames: both models run over the recordings, each on the input vectors\n"
       "that its own description makes of them. It is the same when the outputs agree within the\n"
@@ -74,6 +75,7 @@ int run(const Options& options) {
   diff.tolerance = options.tolerance;
   diff.statements = compareStatements(a.model, b.model);
   diff.layers = compareNumbers(a.model, b.model);
+  diff.quantization = quantizationBetween(a.model, b.model);
   if (!options.frames.empty()) {
     diff.behaviour = compareBehaviour(a.model, b.model, options.frames, options.stacked);
   }

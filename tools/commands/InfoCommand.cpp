@@ -33,8 +33,9 @@ CommandHelp help() {
       "Several models are told of one after another, with --json as an array.\n"
       "\n"
       "In an image, weights that take few different values, as after `mlnn reduce`, are stored as\n"
-      "a table and a byte or half a byte for each; the last column says how those of a layer are,\n"
-      "or would be.";
+      "a table and a byte or half a byte for each, and those that were quantised as a scale for\n"
+      "each row and a byte or half a byte for each weight; the last column says how those of a\n"
+      "layer are, or would be. The line `quantised` says to how many bits.";
   help.examples =
       "mlnn info model.txt\n"
       "mlnn info --json model.mlnn | jq .layers";
@@ -55,6 +56,11 @@ std::string textOf(const DbnFeatureDescription& desc) {
 
 // --- JSON ---
 
+// The bits of a weight, where there is a scale for each row.
+Json rowBitsJson(const StoredWeights& weights) {
+  return weights.rowBits == 0 ? Json() : Json(weights.rowBits);
+}
+
 Json layersJson(const ModelSummary& summary) {
   Json layers = Json::array();
   for (const LayerSummary& layer : summary.layers) {
@@ -63,7 +69,9 @@ Json layersJson(const ModelSummary& summary) {
                       {"outputs", layer.outputs},
                       {"activation", ActFn::actFnToString(layer.actFn)},
                       {"parameters", layer.parameters},
-                      {"image_weights", layer.imageWeights}});
+                      {"image_weights", layer.imageWeights.form},
+                      {"image_weight_bytes", layer.imageWeights.bytes},
+                      {"row_bits", rowBitsJson(layer.imageWeights)}});
   }
   return layers;
 }
@@ -161,7 +169,7 @@ void printLayers(const ModelSummary& summary) {
     const LayerSummary& layer = summary.layers[i];
     table.addRow({std::to_string(i + 1), std::to_string(layer.inputs),
                   std::to_string(layer.outputs), kindOf(layer), ActFn::actFnToString(layer.actFn),
-                  std::to_string(layer.parameters), layer.imageWeights});
+                  std::to_string(layer.parameters), layer.imageWeights.form});
   }
   table.print(std::cout);
 }
@@ -174,6 +182,8 @@ void printText(const ModelFile& file) {
   printField("shape", model.debug_description());
   printField("parameters", std::to_string(summary.parameters) + ", " +
                                std::to_string(summary.memoryBytes) + " bytes in memory");
+  const std::string quantized = quantizedText(model);
+  if (!quantized.empty()) printField("quantised", quantized);
   printField("checksum", checksumText(model));
   printField("softmax", model.useSoftmax ? "on" : "off");
   printField("features", featuresText(model.featureDesc));

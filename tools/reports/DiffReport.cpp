@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <utility>
 
 #include "text/Escape.h"
 #include "text/Numbers.h"
@@ -78,6 +79,12 @@ void printNumbers(const ModelDiff& diff, std::ostream& out) {
   }
 }
 
+void printQuantization(const Quantization& found, std::ostream& out) {
+  out << "quantised: the numbers of the " << (found.isOfB ? "second" : "first")
+      << " model are those of the " << (found.isOfB ? "first" : "second") << ", rounded by rows to "
+      << describe(found.layers) << "\n";
+}
+
 // --- Text: their behaviour ---
 
 void addRow(const StageDifference& stage, DifferenceTable& table) {
@@ -148,6 +155,25 @@ Json numbersJson(const ModelDiff& diff) {
   return {{"same", diff.sameNumbers()}, {"layers", layers}};
 }
 
+Json scalesWord(const LayerQuantization& layer) {
+  if (layer.bits == 0) return nullptr;
+  return layer.scale == RowScale::kLargest ? "largest" : "squares";
+}
+
+Json quantizationJson(const std::optional<Quantization>& found) {
+  if (!found) return nullptr;
+  Json layers = Json::array();
+  for (std::size_t i = 0; i < found->layers.size(); ++i) {
+    const LayerQuantization& layer = found->layers[i];
+    layers.push_back({{"layer", i + 1},
+                      {"bits", layer.bits == 0 ? Json() : Json(layer.bits)},
+                      {"scales", scalesWord(layer)},
+                      {"folded", layer.isFolded},
+                      {"other_bias", layer.isShifted}});
+  }
+  return {{"quantised", found->isOfB ? "b" : "a"}, {"layers", layers}};
+}
+
 Json stageJson(const BehaviourDiff& behaviour, const StageDifference& stage, double tolerance) {
   Json json = {{"stage", stage.stage},
                {"diverges", stage.isBeyond(tolerance)},
@@ -179,6 +205,13 @@ Json behaviourJson(const ModelDiff& diff) {
 
 }  // namespace
 
+std::optional<Quantization> quantizationBetween(const MultiLayerNNModel& a,
+                                                const MultiLayerNNModel& b) {
+  if (auto layers = findQuantization(a, b)) return Quantization{true, std::move(*layers)};
+  if (auto layers = findQuantization(b, a)) return Quantization{false, std::move(*layers)};
+  return std::nullopt;
+}
+
 bool ModelDiff::sameNumbers() const {
   return std::all_of(layers.begin(), layers.end(),
                      [](const LayerDifference& layer) { return layer.isSame(); });
@@ -192,6 +225,7 @@ void printDiff(const ModelDiff& diff, std::ostream& out) {
   out << "--- " << escaped(diff.nameA) << "\n+++ " << escaped(diff.nameB) << "\n";
   printStatements(diff, out);
   printNumbers(diff, out);
+  if (diff.quantization) printQuantization(*diff.quantization, out);
   if (diff.behaviour) printBehaviour(diff, out);
 }
 
@@ -201,6 +235,7 @@ nlohmann::ordered_json diffJson(const ModelDiff& diff) {
           {"same", diff.isSame()},
           {"statements", statementsJson(diff)},
           {"numbers", numbersJson(diff)},
+          {"quantisation", quantizationJson(diff.quantization)},
           {"behaviour", behaviourJson(diff)}};
 }
 

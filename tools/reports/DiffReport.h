@@ -9,15 +9,27 @@
 
 #include "analysis/BehaviourDiff.h"
 #include "analysis/NumberDiff.h"
+#include "analysis/QuantizationDiff.h"
 #include "analysis/StatementDiff.h"
 
 namespace mlnn {
+
+// What was done to one of two models to make the other one.
+struct Quantization {
+  bool isOfB = true;  // the second model was made of the first; else the other way round
+  std::vector<LayerQuantization> layers;
+};
+
+// Returns nothing where neither was made of the other so.
+std::optional<Quantization> quantizationBetween(const MultiLayerNNModel& a,
+                                                const MultiLayerNNModel& b);
 
 struct ModelDiff {
   std::string nameA;  // of the files
   std::string nameB;
   std::vector<StatementDifference> statements;
-  std::vector<LayerDifference> layers;     // those that both models have
+  std::vector<LayerDifference> layers;  // those that both models have
+  std::optional<Quantization> quantization;
   std::optional<BehaviourDiff> behaviour;  // when there were frames to look at it
   double tolerance = 0;                    // for the behaviour
 

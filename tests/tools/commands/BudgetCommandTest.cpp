@@ -75,6 +75,32 @@ TEST(BudgetCommandTest, saysHowAnImageStoresTheWeightsOfEachLayer) {
   EXPECT_EQ(formsAfter("3"), "half bytes in layers 1-3");
 }
 
+TEST(BudgetCommandTest, saysWhatAPassInIntegersNeedsOfQuantisedLayers) {
+  const TempFolder folder;
+  const std::string quantised = folder.path("quantised.txt");
+  const std::string digits = sourcePath("examples/digits/synth.txt");
+  ASSERT_EQ(runTool({"quantize", digits, quantised, "--bits", "4"}).status, 0);
+  const std::string number = "[0-9.e+-]+";
+  EXPECT_THAT(
+      budget({quantised}).out,
+      ::testing::ContainsRegex(
+          "\nquantised         4 bits a weight in layers 1-3, and a scale a row: 22312 bytes "
+          "in place of 172544, 12.9 %\n"));
+  EXPECT_THAT(budget({quantised}).out,
+              ::testing::ContainsRegex(
+                  "\nin integers       [0-9]+ bytes in place of what a forward pass reads, working "
+                  "memory [0-9]+ bytes, 3 of 3 layers\n"
+                  "time in integers  " +
+                  number + " us a frame \\(median; fastest " + number + ", slowest " + number +
+                  ", [0-9]+ frames\\)\ntime "));
+  const Json integers = Json::parse(budget({"--json", quantised}).out)["in_integers"];
+  EXPECT_EQ(integers["integer_layers"], 3);
+  EXPECT_GT(integers["bytes"], 22312);
+  EXPECT_LT(integers["bytes"], 24000);
+  EXPECT_GT(integers["time"]["median_seconds"], 0.0);
+  EXPECT_EQ(Json::parse(budget({"--json", digits}).out)["in_integers"], nullptr);
+}
+
 TEST(BudgetCommandTest, givesTheShareOfOneCoreAtTheRate) {
   const Json json = Json::parse(budget({"--json", "--rate", "62.5", "-"}, kModel).out);
   EXPECT_EQ(json["file"], "-");

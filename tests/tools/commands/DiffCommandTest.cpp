@@ -207,6 +207,31 @@ TEST_F(DiffCommandTest, seesWhatIsNotANumber) {
   EXPECT_EQ(stage["difference"]["largest"], nullptr);
 }
 
+constexpr char kWide[] =
+    "MultiLayerNNModel_v2\nsoftmax 0\nnum_layers 1\nlayer 1 size 1 4\nact_fn linear\n"
+    "0.5 7 1.2 -3\n";
+
+TEST_F(DiffCommandTest, tellsThatAModelIsTheOtherQuantised) {
+  folder_.write("wide", kWide);
+  ASSERT_EQ(runTool({"quantize", "wide", "small", "--bits", "4"}, "", folder_.path()).status, 0);
+  const ToolResult result = diff({"wide", "small"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out.substr(result.out.find("quantised")),
+            "quantised: the numbers of the second model are those of the first, rounded by rows to "
+            "4 bits in layer 1\n");
+  EXPECT_NE(diff({"small", "wide"})
+                .out.find("\nquantised: the numbers of the first model are those of the second, "
+                          "rounded by rows to 4 bits in layer 1\n"),
+            std::string::npos);
+  EXPECT_EQ(diff({"model", "other"}).out.find("quantised"), std::string::npos);
+
+  const Json json = Json::parse(diff({"wide", "small", "--json"}).out);
+  EXPECT_EQ(json["quantisation"], Json::parse(R"({"quantised": "b", "layers": [
+                {"layer": 1, "bits": 4, "scales": "largest", "folded": false,
+                 "other_bias": false}]})"));
+  EXPECT_EQ(Json::parse(diff({"model", "other", "--json"}).out)["quantisation"], nullptr);
+}
+
 TEST_F(DiffCommandTest, reportsInJson) {
   const ToolResult result = diff({"model", "other", "--json", "--frames", "frames"});
   EXPECT_EQ(result.status, 1);

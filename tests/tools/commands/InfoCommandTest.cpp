@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tests/support/ByteImage.h"
+#include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/ToolProcess.h"
 
@@ -89,9 +90,9 @@ TEST(InfoCommandTest, printsTheSameAsJson) {
     "inputs": 4, "outputs": 1, "softmax": false,
     "layers": [
       {"kind": "plain", "inputs": 4, "outputs": 3, "activation": "relu", "parameters": 15,
-        "image_weights": "half bytes"},
+        "image_weights": "half bytes", "image_weight_bytes": 32, "row_bits": null},
       {"kind": "batch_norm", "inputs": 3, "outputs": 1, "activation": "linear", "parameters": 7,
-        "image_weights": "floats"}],
+        "image_weights": "floats", "image_weight_bytes": 12, "row_bits": null}],
     "parameters": 22,
     "features": {"text": "mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,line_kernel_width=0",
       "type": 0, "bands": 2, "left": 1, "right": 0, "deltas": false, "line_kernels": false,
@@ -101,6 +102,23 @@ TEST(InfoCommandTest, printsTheSameAsJson) {
     "notes": ["made by \u001b]0;hand\u0007",
       "nn_tune feat_desc mel_deltas:bands=2,left=1,right=0,deltas=0,line_kernels=0,line_kernel_width=0"],
     "loss": [0.5, 0.25], "accuracy": [0.75]})"));
+}
+
+TEST(InfoCommandTest, saysToHowManyBitsWeightsAreQuantised) {
+  const mlnn::test::TempFolder folder;
+  const std::string quantised = folder.path("quantised.mlnn");
+  const std::string digits = mlnn::test::sourcePath("examples/digits/synth.txt");
+  ASSERT_EQ(runTool({"quantize", digits, quantised, "--bits", "6"}).status, 0);
+  EXPECT_NE(
+      runTool({"info", quantised})
+          .out.find("\nquantised       6 bits a weight in layers 1-3, and a scale a row: 44072 "
+                    "bytes in place of 172544, 25.5 %\n"),
+      std::string::npos);
+  const Json layer = Json::parse(runTool({"info", "--json", quantised}).out)["layers"][2];
+  EXPECT_EQ(layer["image_weights"], "bytes by rows");
+  EXPECT_EQ(layer["image_weight_bytes"], 10 * 4 + 64 * 16);
+  EXPECT_EQ(layer["row_bits"], 6);
+  EXPECT_EQ(runTool({"info", digits}).out.find("quantised"), std::string::npos);
 }
 
 TEST(InfoCommandTest, saysWhatIsInAnImage) {
