@@ -31,6 +31,7 @@
 #include "inference/RecordingInputs.h"
 #include "layers/LayerArrays.h"
 #include "layers/Messages.h"
+#include "layers/RowCodes.h"
 #include "model/FormatFit.h"
 #include "model/ImageReader.h"
 #include "model/ModelFile.h"
@@ -269,6 +270,28 @@ void growVector(const LayerHandle& handle, const std::string& name) {
     Eigen::VectorXf& vector = vectorOf(*handle.layer, name);
     if (vector.size() == 0) vector = Eigen::VectorXf::Zero(handle.layer->weights.rows());
   });
+}
+
+// Returns the layer's weights as whole numbers, outputs x inputs, and a scale for each output; None
+// where they are no such numbers.
+py::object rowCodesOf(const LayerHandle& handle) {
+  const auto found = read(*handle.core, [&handle](const MultiLayerNNModel&) {
+    const Eigen::MatrixXf weights = handle.layer->weights;  // as for recordOf
+    return mlnn::RowCodes::find(weights.data(), static_cast<std::size_t>(weights.rows()),
+                                static_cast<std::size_t>(weights.cols()));
+  });
+  if (!found) return py::none();
+  py::array_t<int8_t> codes({found->rows, found->cols});
+  int8_t* code = codes.mutable_data();
+  const mlnn::RowCodesView view = found->view();
+  for (std::size_t row = 0; row < found->rows; ++row) {
+    for (std::size_t col = 0; col < found->cols; ++col) {
+      *code++ = static_cast<int8_t>(view.code(row, col));
+    }
+  }
+  Frames scales(static_cast<py::ssize_t>(found->scales.size()));
+  std::copy(found->scales.begin(), found->scales.end(), scales.mutable_data());
+  return py::make_tuple(codes, scales);
 }
 
 // --- Reading and writing ---
@@ -611,6 +634,7 @@ void bindLayer(py::module_& module) {
       .def("vector", &vectorView)
       .def("grow", &growVector)
       .def("record", &recordOf)
+      .def("row_codes", &rowCodesOf)
       .def_property(
           "act_fn",
           [](const LayerHandle& handle) {

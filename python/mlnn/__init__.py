@@ -55,10 +55,10 @@ def from_sklearn(estimator) -> Model:
     return convert.from_sklearn(estimator)
 
 
-def to_onnx(model: Model, path=None):
+def to_onnx(model: Model, path=None, *, quantized: bool = False):
     """Exports a model as ONNX; see mlnn.onnx."""
     from . import onnx
-    return onnx.to_onnx(model, path)
+    return onnx.to_onnx(model, path, quantized=quantized)
 
 
 def from_onnx(source) -> Model:

@@ -16,6 +16,8 @@ def _parser() -> argparse.ArgumentParser:
     export.add_argument("out", help="ONNX file to write")
     export.add_argument("--act-fn", choices=mlnn.ACT_FNS,
                         help="activation of hidden layers whose file records none")
+    export.add_argument("--quantized", action="store_true",
+                        help="write weights that were quantised by rows in 8 bits")
     fetch = commands.add_parser("import-onnx", help="write an ONNX file as a model")
     fetch.add_argument("onnx", help="ONNX file to read")
     fetch.add_argument("out", help="model to write: .txt, or .mlnn or .bin")
@@ -53,7 +55,8 @@ def main(arguments: list[str] | None = None) -> int:
     warnings.simplefilter("always", mlnn.Warning)
     try:
         if options.command == "export-onnx":
-            mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out)
+            mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out,
+                         quantized=options.quantized)
         else:
             mlnn.from_onnx(options.onnx).save(options.out)
     except (ImportError, MemoryError, OSError, ValueError) as error:

@@ -4,8 +4,11 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import Any
 
+import numpy as np
+import numpy.typing as npt
+
 from . import _mlnn
-from ._values import _IN_BATCH_NORM, _VECTORS, _act_fn, _integer
+from ._values import _IN_BATCH_NORM, _VECTORS, _Floats, _act_fn, _integer
 from ._views import _Array
 
 
@@ -57,6 +60,12 @@ class Layer:
 
     def _unused(self) -> tuple[str, ...]:
         return tuple(name for name in _VECTORS if name not in self._used())
+
+    @property
+    def row_codes(self) -> tuple[npt.NDArray[np.int8], _Floats] | None:
+        """The weights as whole numbers, outputs x inputs, and a scale for each output, whose
+        products they are without any rounding; as Model.quantize makes them. None for others."""
+        return self._layer.row_codes()
 
     @property
     def num_inputs(self) -> int:

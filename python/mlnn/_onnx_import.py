@@ -20,6 +20,7 @@ ACT_FNS = {"Sigmoid": "sigmoid", "Tanh": "tanh", "Relu": "relu", "LeakyRelu": "l
 _BROADCASTS = 7         # shapes are broadcast as NumPy does, and operators are for inference
 _DROPS_BY_INPUT = 12    # Dropout has an input for training
 _SOFTMAX_OF_LAST = 13   # Softmax is over one axis, the last by default
+_SCALES_BY_AXIS = 13    # DequantizeLinear has an axis
 _TRAINS_BY_MODE = 14    # BatchNormalization has an attribute for training
 
 _Array = npt.NDArray[Any]
@@ -75,6 +76,9 @@ class _Importer:
             result = _constant(name, node)
         elif node.op_type == "Identity" and len(values) == 1:
             result = values[0]
+        elif node.op_type == "DequantizeLinear" and 2 <= len(values) <= 3:
+            result = _dequantized(name, values, attributes_of(node),
+                                  self._graph.opset >= _SCALES_BY_AXIS)
         elif node.op_type == "Transpose" and len(values) == 1 and values[0].ndim == 2:
             order = attributes_of(node).get("perm", [1, 0])
             result = values[0].T if list(order) == [1, 0] else values[0]
@@ -232,6 +236,30 @@ def _constant(name: str, node: NodeProto) -> _Array:
     if tensor is None:
         raise Error(f"{name}: only a tensor is read")
     return values_of(name, tensor)
+
+
+def _dequantized(name: str, values: Sequence[_Array], attributes: dict[str, Any],
+                 by_axis: bool) -> _Array:
+    """Whole numbers times their scale: of all, or along an axis. Each is rounded once."""
+    codes, scale = values[:2]
+    zero = values[2] if len(values) > 2 else np.zeros(scale.shape, codes.dtype)
+    if codes.dtype not in (np.int8, np.uint8, np.int32) or zero.dtype != codes.dtype:
+        raise Error(f"{name}: {codes.dtype} less {zero.dtype} cannot be represented")
+    if attributes.get("block_size", 0):
+        raise Error(f"{name}: block_size cannot be represented")
+    if zero.shape != scale.shape:
+        raise Error(f"{name}: zero points of shape {zero.shape} for scales of shape {scale.shape}")
+    if scale.ndim:
+        axis = attributes.get("axis", 1)
+        if not by_axis or scale.shape != (codes.shape[axis],):
+            raise Error(f"{name}: scales of shape {scale.shape} for values of shape {codes.shape}")
+        along = [1] * codes.ndim
+        along[axis] = -1
+        scale, zero = scale.reshape(along), zero.reshape(along)
+    steps = codes.astype(np.int64) - zero
+    with np.errstate(over="ignore"):
+        products: _Array = (steps * real(name, scale).astype(np.float64)).astype(scale.dtype)
+    return products
 
 
 def _matrix(name: str, weights: _Array) -> _Array:

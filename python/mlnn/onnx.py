@@ -28,22 +28,27 @@ _Array = npt.NDArray[Any]
 
 # --- Export ---
 
-def to_onnx(model: Model, path: str | os.PathLike[str] | None = None) -> onnx.ModelProto:
+def to_onnx(model: Model, path: str | os.PathLike[str] | None = None, *,
+            quantized: bool = False) -> onnx.ModelProto:
     """Exports a model, and writes it to a file where a path is given.
 
     Plain layers become Gemm, batch-norm layers Gemm and BatchNormalization of mean 0 and
     variance 1. The input "inputs" takes input vectors: normalised frames with their context,
-    which Model.stack makes.
-    Raises Error for a model without layers, or with layers that do not fit each other, and OSError
-    with the file's name where it cannot be written; an older file stays then.
+    which Model.stack makes. With `quantized`, weights that were quantised by rows become whole
+    numbers of 8 bits and DequantizeLinear with a scale for each row, which gives them back exactly.
+    Raises Error for a model without layers, or with layers that do not fit each other, with
+    `quantized` for one without such weights, and OSError with the file's name where it cannot be
+    written; an older file stays then.
     """
     if not len(model.layers):
         raise Error("a model without layers cannot be exported")
+    if quantized and not any(layer.row_codes for layer in model.layers):
+        raise Error("no layer has weights that were quantised by rows")
     nodes: list[NodeProto] = []
     constants: list[TensorProto] = []
     value = "inputs"
     for number, layer in enumerate(model.layers, 1):
-        value = _export_layer(layer, f"layer{number}", value, nodes, constants)
+        value = _export_layer(layer, f"layer{number}", value, nodes, constants, quantized)
     if model.softmax:
         nodes.append(helper.make_node("Softmax", [value], ["softmax"], "softmax", axis=1))
     nodes[-1].output[0] = "outputs"
@@ -63,7 +68,7 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | None = None) -> onnx.Mo
 
 
 def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
-                  constants: list[TensorProto]) -> str:
+                  constants: list[TensorProto], quantized: bool) -> str:
     """Appends a layer's nodes and constants, and returns the name of its output."""
     def constant(what: str, array: _Array) -> str:
         constants.append(numpy_helper.from_array(np.ascontiguousarray(array), f"{name}.{what}"))
@@ -78,7 +83,14 @@ def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
     for what in needed:
         if getattr(layer, what).size != layer.num_outputs:
             raise Error(f"{name}: {what} does not fit the weights")
-    inputs = [value, constant("weights", layer.weights)]
+    codes = layer.row_codes if quantized else None
+    if codes is None:
+        inputs = [value, constant("weights", layer.weights)]
+    else:
+        whole, scales = codes
+        zeros = np.zeros(layer.num_outputs, np.int8)
+        inputs = [value, node("DequantizeLinear", [constant("codes", whole), constant("scales", scales),
+                                                   constant("zeros", zeros)], "weights", axis=0)]
     if not layer.batch_norm:
         inputs.append(constant("bias", layer.bias))
     value = node("Gemm", inputs, "affine", transB=1)

@@ -476,6 +476,8 @@ def recompute(torch, graph, inputs):
         "Relu": lambda a, x: torch.relu(x), "Softplus": lambda a, x: functional.softplus(x),
         "LeakyRelu": lambda a, x: functional.leaky_relu(x, a["alpha"]),
         "Elu": lambda a, x: functional.elu(x, a["alpha"]), "Mul": lambda a, x, y: x * y,
+        "DequantizeLinear": lambda a, codes, scales, zeros:
+            (codes - zeros[:, None]) * scales[:, None],
         "Softmax": lambda a, x: torch.softmax(x, a["axis"])}
     for node in graph.node:
         attributes = {a.name: ONNX.helper.get_attribute_value(a) for a in node.attribute}
@@ -495,6 +497,52 @@ def test_pytorch_recomputes_the_digits_from_the_export(torch, digits, name):
     print(f"{name}: PyTorch differs from double precision by {exact:.1e}, from mlnn by {worst:.1e}")
     assert exact < 1e-6  # leaves what 0.01 as a single-precision slope does
     assert worst < 2 * TOLERANCE
+
+
+@pytest.mark.parametrize("bits", [8, 4])
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_a_quantised_model_is_exported_in_whole_numbers(torch, digits, tmp_path, name, bits):
+    model = mlnn.load(digits / f"{name}.txt").quantize(bits)
+    exported = mlnn.to_onnx(model, tmp_path / "q.onnx", quantized=True)
+    codes = [ONNX.numpy_helper.to_array(t) for t in exported.graph.initializer
+             if t.name.endswith(".codes")]
+    assert len(codes) == len(model.layers) and all(c.dtype == np.int8 for c in codes)
+    assert max(np.abs(c).max() for c in codes) == (127 if bits == 8 else 7)
+    worst = 0
+    for inputs in recordings(digits, model):
+        worst = max(worst, np.abs(recompute(torch, exported.graph, inputs) - naive(model, inputs)).max())
+    print(f"{name}, {bits} bits: PyTorch differs from double precision by {worst:.1e}")
+    assert worst < 1e-6
+    assert state(mlnn.from_onnx(tmp_path / "q.onnx")) == state(model)
+    plain = mlnn.to_onnx(model)
+    assert {node.op_type for node in plain.graph.node} == (
+        {node.op_type for node in exported.graph.node} - {"DequantizeLinear"})
+    assert exported.ByteSize() < 0.35 * plain.ByteSize()
+
+
+def test_layers_that_are_no_whole_numbers_stay_floats_in_a_quantised_export(model, tmp_path):
+    with pytest.raises(mlnn.Error, match="^no layer has weights that were quantised by rows$"):
+        mlnn.to_onnx(model, tmp_path / "q.onnx", quantized=True)
+    assert list(tmp_path.iterdir()) == []
+    model.layers[0].weights = [[1, -2, 0, 127], [0, 0, 0, 0], [0.5, 0.25, 0, 0]]
+    codes, scales = model.layers[0].row_codes
+    assert codes.tolist() == [[1, -2, 0, 127], [0, 0, 0, 0], [2, 1, 0, 0]]
+    assert scales.tolist() == [1, 0, 0.25] and codes.dtype == np.int8
+    assert model.layers[1].row_codes is None
+    exported = mlnn.to_onnx(model, quantized=True)
+    assert [node.op_type for node in exported.graph.node].count("DequantizeLinear") == 1
+    assert state(mlnn.from_onnx(exported)) == state(model)
+
+
+def test_the_commands_export_whole_numbers(digits, tmp_path, command):
+    mlnn.load(digits / "synth.txt").quantize().save(tmp_path / "q.txt")
+    out, back = tmp_path / "q.onnx", tmp_path / "back.txt"
+    assert command("export-onnx", "--quantized", tmp_path / "q.txt", out) == (0, "", "")
+    assert any(node.op_type == "DequantizeLinear" for node in ONNX.load(str(out)).graph.node)
+    assert command("import-onnx", out, back) == (0, "", "")
+    assert back.read_bytes() == (tmp_path / "q.txt").read_bytes()
+    assert command("export-onnx", "--quantized", digits / "synth.txt", out) == (
+        1, "", "ERROR: no layer has weights that were quantised by rows\n")
 
 
 @pytest.mark.parametrize("act_fn", mlnn.ACT_FNS)

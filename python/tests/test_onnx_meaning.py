@@ -201,6 +201,60 @@ def test_an_input_without_dimensions_is_refused():
         mlnn.from_onnx(proto)
 
 
+# --- Whole numbers ---
+
+def whole(kind, *shape):
+    limits = np.iinfo(kind)
+    return np.random.default_rng(7).integers(limits.min, limits.max, shape, kind, endpoint=True)
+
+
+def dequantised(opset, codes, *scale_and_zero, transposed=1, **attributes):
+    """A Gemm of weights that are whole numbers."""
+    builder = Builder(opset, codes.shape[transposed])
+    names = [builder.constant(values) for values in (codes, *scale_and_zero)]
+    builder.nodes.append(helper.make_node("DequantizeLinear", names, ["w"], "codes", **attributes))
+    builder.nodes.append(helper.make_node("Gemm", ["x", "w"], ["y"], "map", transB=transposed))
+    builder.value = "y"
+    return builder
+
+
+SCALES = np.float32([0.1, 1e-3, 7.25])
+
+
+@pytest.mark.parametrize("opset, kind, zero, scale, attributes", [
+    (13, np.int8, None, SCALES, {"axis": 0}), (13, np.int8, [0, 0, 0], SCALES, {"axis": 0}),
+    (13, np.int8, [5, -128, 127], SCALES, {"axis": -2}),
+    (13, np.uint8, [128, 0, 255], SCALES, {"axis": 0}), (13, np.int8, 3, SCALES[0], {}),
+    (12, np.uint8, 200, SCALES[1], {}), (12, np.int8, None, SCALES[2], {}),
+    (17, np.int32, None, SCALES, {"axis": 0}),
+])
+def test_whole_numbers_become_weights_exactly(opset, kind, zero, scale, attributes):
+    codes = whole(kind, 3, 4)
+    given = [scale] if zero is None else [scale, np.asarray(zero, kind)]
+    builder = dequantised(opset, codes, *given, **attributes)
+    zeros = np.float64(0 if zero is None else zero)
+    exact = (codes - zeros.reshape(zeros.shape + (1,) * zeros.ndim)) * np.float64(scale).reshape(
+        scale.shape + (1,) * scale.ndim)
+    weights = mlnn.from_onnx(builder.proto()).layers[0].weights
+    assert (weights == exact.astype(np.float32)).all()
+    assert difference(builder) < TOLERANCE
+
+
+@pytest.mark.parametrize("opset, codes, more, attributes, message", [
+    (13, whole(np.int8, 3, 4), (SCALES,), {},
+     "scales of shape (3,) for values of shape (3, 4)"),  # the axis is 1 by default
+    (12, whole(np.int8, 3, 4), (SCALES,), {}, "scales of shape (3,) for values of shape (3, 4)"),
+    (13, whole(np.int8, 3, 4), (SCALES, np.int8(0)), {"axis": 0},
+     "zero points of shape () for scales of shape (3,)"),
+    (13, whole(np.int8, 3, 4), (SCALES[0], np.uint8(0)), {}, "int8 less uint8 cannot be represented"),
+    (13, whole(np.int16, 3, 4), (SCALES[0],), {}, "int16 less int16 cannot be represented"),
+    (13, whole(np.int8, 3, 4), (np.int8(1),), {}, "expected real numbers, found int8"),
+])
+def test_whole_numbers_without_a_meaning_are_refused(opset, codes, more, attributes, message):
+    assert refusal(dequantised(opset, codes, *more, **attributes)) == (
+        f"codes (DequantizeLinear): {message}")
+
+
 # --- Graphs as a whole ---
 
 @pytest.mark.parametrize("versions, message", [

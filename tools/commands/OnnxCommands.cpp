@@ -34,6 +34,7 @@ struct Options {
   std::string out;
   std::string python = "python3";
   std::string actFn;  // "" when not given
+  bool quantized = false;
 };
 
 // Becomes the interpreter that runs the command of the Python package. Returns never.
@@ -65,7 +66,8 @@ CommandHelp exportHelp() {
   help.details =
       "The graph maps input vectors (normalised frames with their context) to outputs. Notes,\n"
       "properties, curves, the normalisation and the feature description travel as metadata, so\n"
-      "that import-onnx gives the model back.\n"
+      "that import-onnx gives the model back. With --quantized, weights that mlnn quantize made become\n"
+      "whole numbers of 8 bits and DequantizeLinear with a scale for each row.\n"
       "\n" +
       std::string(kNeedsPython);
   help.examples = "mlnn export-onnx model.txt model.onnx";
@@ -89,6 +91,7 @@ CommandHelp importHelp() {
 int runExport(const Options& options) {
   std::vector<std::string> command = {"export-onnx"};
   if (!options.actFn.empty()) command.push_back("--act-fn=" + options.actFn);
+  if (options.quantized) command.push_back("--quantized");
   command.insert(command.end(), {"--", options.in, options.out});
   return runPython(options.python, command);
 }
@@ -107,6 +110,7 @@ void addExportOnnxCommand(Tool& tool) {
   command.add("--act-fn", options->actFn, "Activation of the hidden layers whose file records none")
       .check(notEmpty)
       .type("NAME");
+  command.addFlag("--quantized", options->quantized, "Write quantised weights in 8 bits");
   addPythonOption(command, *options);
 }
 

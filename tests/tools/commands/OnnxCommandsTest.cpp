@@ -33,6 +33,9 @@ TEST_F(OnnxCommandsTest, handOverToThePackageAndReturnItsStatus) {
   EXPECT_EQ(exported.status, 3);
   EXPECT_EQ(exported.out, "-c\nexport-onnx --act-fn=relu -- a.txt b.onnx\n");
   EXPECT_EQ(exported.err, "");
+  const ToolResult quantized =
+      runTool({"export-onnx", "--quantized", "--python", python_, "a.txt", "b.onnx"});
+  EXPECT_EQ(quantized.out, "-c\nexport-onnx --quantized -- a.txt b.onnx\n");
   const ToolResult imported = runTool({"import-onnx", "--python", python_, "a.onnx", "b.txt"});
   EXPECT_EQ(imported.status, 3);
   EXPECT_EQ(imported.out, "-c\nimport-onnx -- a.onnx b.txt\n");
