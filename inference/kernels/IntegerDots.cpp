@@ -230,6 +230,8 @@ struct Vectors {
   };
   using Inputs = Codes;
   using Sums = __m512i;
+  using Line = __m512i;
+  using Lanes = __mmask16;
   static constexpr int kParts = 1;
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
@@ -238,13 +240,12 @@ struct Vectors {
   static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
+  static constexpr int kSeamPanels = 4;
+  static constexpr int kSeamChains = 2;
 
   static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
-    if (bits == 8) {
-      const __m512i v = _mm512_loadu_si512(group);
-      return {_mm512_and_si512(v, _mm512_set1_epi16(255)), _mm512_srli_epi16(v, 8)};
-    }
+    if (bits == 8) return codesOf(line(group));
     const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
     const __m512i v =
         _mm512_maskz_inserti64x4(0xff, _mm512_castsi256_si512(low), _mm256_srli_epi16(low, 4), 1);
@@ -260,12 +261,32 @@ struct Vectors {
   }
   static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
   static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
+
+  static HWY_INLINE Lanes lanesFrom(int lane) { return static_cast<Lanes>(0xffffU << lane); }
+  static HWY_INLINE Lanes lanesBefore(int lane) { return static_cast<Lanes>((1U << lane) - 1); }
+  static HWY_INLINE Line line(const uint8_t* at) { return _mm512_loadu_si512(at); }
+  static HWY_INLINE Line lineOf(Lanes lanes, const uint8_t* at) {
+    return _mm512_maskz_loadu_epi32(lanes, at);
+  }
+  static HWY_INLINE Codes codesOf(Line line) {
+    return {_mm512_and_si512(line, _mm512_set1_epi16(255)), _mm512_srli_epi16(line, 8)};
+  }
+  static HWY_INLINE Inputs mixed(Lanes lanes, Inputs a, Inputs b) {
+    return {_mm512_mask_mov_epi32(a.even, lanes, b.even),
+            _mm512_mask_mov_epi32(a.odd, lanes, b.odd)};
+  }
+  static HWY_INLINE void storeTurned(const Sums (&sums)[kParts], int lanes, int32_t* to) {
+    const __m512i order = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const __m512i places = _mm512_add_epi32(order, _mm512_set1_epi32(lanes));
+    store(_mm512_maskz_permutexvar_epi32(0xffff, places, sums[0]), to);
+  }
 };
 
 #include "inference/kernels/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTilesAnywhere-inl.h"
 
 constexpr DotKernels kDots = {"AVX-512", {4, framesOf(8)}, {4, framesOf(8)},
-                              2,         arrangeInPairs,   dots};
+                              2,         arrangeInPairs,   dotsAnywhere};
 
 }  // namespace avx512
 HWY_POP_ATTRIBUTES
@@ -279,6 +300,8 @@ struct Vectors {
   using Codes = __m256i;
   using Inputs = __m256i;
   using Sums = __m256i;
+  using Line = __m256i;
+  using Lanes = __m256i;
   static constexpr int kParts = 2;
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
@@ -287,6 +310,8 @@ struct Vectors {
   static constexpr int partsFor(int) { return 4; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
+  static constexpr int kSeamPanels = 2;
+  static constexpr int kSeamChains = 2;
 
   static HWY_INLINE Sums splat(int32_t value) { return _mm256_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
@@ -306,12 +331,40 @@ struct Vectors {
   static HWY_INLINE void store(Sums sums, int32_t* to) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), sums);
   }
+
+  static HWY_INLINE Lanes lanesFrom(int lane) {
+    return _mm256_cmpgt_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7),
+                              _mm256_set1_epi32(lane - 1));
+  }
+  static HWY_INLINE Lanes lanesBefore(int lane) {
+    return _mm256_cmpgt_epi32(_mm256_set1_epi32(lane), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+  }
+  static HWY_INLINE Line line(const uint8_t* at) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+  }
+  static HWY_INLINE Line lineOf(Lanes lanes, const uint8_t* at) {
+    return _mm256_maskload_epi32(reinterpret_cast<const int*>(at), lanes);
+  }
+  static HWY_INLINE Codes codesOf(Line line) { return line; }
+  static HWY_INLINE Inputs mixed(Lanes lanes, Inputs a, Inputs b) {
+    return _mm256_blendv_epi8(a, b, lanes);
+  }
+  static HWY_INLINE void storeTurned(const Sums (&sums)[kParts], int lanes, int32_t* to) {
+    const __m256i order = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256i places = _mm256_add_epi32(order, _mm256_set1_epi32(lanes));
+    const __m256i low = _mm256_permutevar8x32_epi32(sums[0], places);
+    const __m256i high = _mm256_permutevar8x32_epi32(sums[1], places);
+    const __m256i crossed = _mm256_cmpgt_epi32(places, _mm256_set1_epi32(7));
+    store(_mm256_blendv_epi8(low, high, crossed), to);
+    store(_mm256_blendv_epi8(high, low, crossed), to + 8);
+  }
 };
 
 #include "inference/kernels/IntegerTiles-inl.h"
+#include "inference/kernels/IntegerTilesAnywhere-inl.h"
 
 constexpr DotKernels kDots = {"AVX-VNNI", {4, framesOf(3)}, {4, framesOf(3)},
-                              1,          stayAsTheyAre,    dots};
+                              1,          stayAsTheyAre,    dotsAnywhere};
 
 }  // namespace avxvnni
 HWY_POP_ATTRIBUTES
@@ -323,14 +376,18 @@ struct Vectors {
   using Codes = __m512i;
   using Inputs = __m512i;
   using Sums = __m512i;
+  using Line = __m512i;
+  using Lanes = __mmask16;
   static constexpr int kParts = 1;
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 4;
   static constexpr int kFrames = framesOf(8);
   static constexpr int partsFor(int frames) { return frames > 6 ? 3 : 4; }
-  static constexpr int kLineParts = 2;
-  static constexpr int kLineChains = 4;
+  static constexpr int kLineParts = 4;
+  static constexpr int kLineChains = 2;
+  static constexpr int kSeamPanels = 4;
+  static constexpr int kSeamChains = 2;
 
   static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
@@ -348,84 +405,29 @@ struct Vectors {
   }
   static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
   static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
+
+  static HWY_INLINE Lanes lanesFrom(int lane) { return static_cast<Lanes>(0xffffU << lane); }
+  static HWY_INLINE Lanes lanesBefore(int lane) { return static_cast<Lanes>((1U << lane) - 1); }
+  static HWY_INLINE Line line(const uint8_t* at) { return _mm512_loadu_si512(at); }
+  static HWY_INLINE Line lineOf(Lanes lanes, const uint8_t* at) {
+    return _mm512_maskz_loadu_epi32(lanes, at);
+  }
+  static HWY_INLINE Codes codesOf(Line line) { return line; }
+  static HWY_INLINE Inputs mixed(Lanes lanes, Inputs a, Inputs b) {
+    return _mm512_mask_mov_epi32(a, lanes, b);
+  }
+  static HWY_INLINE void storeTurned(const Sums (&sums)[kParts], int lanes, int32_t* to) {
+    const __m512i order = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const __m512i places = _mm512_add_epi32(order, _mm512_set1_epi32(lanes));
+    store(_mm512_maskz_permutexvar_epi32(0xffff, places, sums[0]), to);
+  }
 };
 
 #include "inference/kernels/IntegerTiles-inl.h"
-
-// One frame over codes that do not begin at a cache line, as those of an image seldom do: every
-// load would take two lines. Here the loads are the lines themselves, and a group of codes is put
-// together from two of them, all of a layer in the same way. Lanes of other panels, or of what lies
-// around the codes, are masked out of a load and so not read.
-struct SeamLines {
-  __m512i places;
-  __mmask16 behind;  // the lanes of a panel's first line that are its own
-  std::size_t before;
-
-  explicit HWY_INLINE SeamLines(const uint8_t* codes)
-      : before(reinterpret_cast<std::uintptr_t>(codes) % 64 / 4) {
-    const __m512i lanes = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    places = _mm512_add_epi32(lanes, _mm512_set1_epi32(static_cast<int>(before)));
-    behind = static_cast<__mmask16>(0xffffU << before);
-  }
-  HWY_INLINE const uint8_t* firstLine(const uint8_t* panel) const { return panel - 4 * before; }
-  HWY_INLINE __m512i first(const uint8_t* line) const {
-    return _mm512_maskz_loadu_epi32(behind, line);
-  }
-  HWY_INLINE __m512i last(const uint8_t* line) const {
-    return _mm512_maskz_loadu_epi32(static_cast<__mmask16>(~behind), line);
-  }
-  HWY_INLINE __m512i group(__m512i line, __m512i next) const {
-    return _mm512_permutex2var_epi32(line, places, next);
-  }
-};
-
-// Four chains of sums of one panel.
-void seamPanel(const SeamLines& seam, const uint8_t* panel, std::size_t groups, const int8_t* x,
-               const CodesAhead& ahead, int32_t start, int32_t* to) {
-  constexpr std::size_t kChains = 4;
-  constexpr std::size_t kLineAhead = 8192;
-  __m512i sums[kChains] = {Vectors::splat(start), Vectors::splat(0), Vectors::splat(0),
-                           Vectors::splat(0)};
-  const uint8_t* at = seam.firstLine(panel);
-  __m512i line = seam.first(at);
-  std::size_t g = 0;
-  for (; g + kChains < groups; g += kChains) {
-    HWY_UNROLL(4)
-    for (std::size_t c = 0; c < kChains; ++c) {
-      at += 64;
-      if (ahead.stream) __builtin_prefetch(at + kLineAhead, 0, 2);
-      const __m512i next = _mm512_loadu_si512(at);
-      sums[c] = Vectors::dot(sums[c], seam.group(line, next), Vectors::inputs(x + 4 * (g + c)));
-      line = next;
-    }
-  }
-  for (; g < groups; ++g) {
-    at += 64;
-    const __m512i next = g + 1 < groups ? _mm512_loadu_si512(at) : seam.last(at);
-    sums[0] = Vectors::dot(sums[0], seam.group(line, next), Vectors::inputs(x + 4 * g));
-    line = next;
-  }
-  const __m512i low = Vectors::add(sums[0], sums[1]);
-  Vectors::store(Vectors::add(low, Vectors::add(sums[2], sums[3])), to);
-}
-
-void dotsInPlace(const RowCodesView& codes, std::size_t first, std::size_t panels,
-                 const ByteFrames& x, const CodesAhead& ahead, int32_t* sums) {
-  const std::uintptr_t place = reinterpret_cast<std::uintptr_t>(codes.codes) % 64;
-  if (kBuiltForSize || x.frames > 1 || codes.bits == 4 || place == 0 || place % 4 != 0) {
-    return dots(codes, first, panels, x, ahead, sums);
-  }
-  const std::size_t groups = groupsOf(codes);
-  const SeamLines seam(codes.codes);
-  const auto start = static_cast<int32_t>(0 - 128U * static_cast<uint32_t>(x.sums[0]));
-  for (std::size_t p = 0; p < panels; ++p) {
-    const uint8_t* const panel = codes.codes + (first + p) * groups * rowCodeBlockBytes(8);
-    seamPanel(seam, panel, groups, x.bytes, ahead, start, sums + p * kRowCodePanel);
-  }
-}
+#include "inference/kernels/IntegerTilesAnywhere-inl.h"
 
 constexpr DotKernels kDots = {"AVX-512 VNNI", {3, framesOf(8)}, {4, framesOf(6)}, 1,
-                              stayAsTheyAre,  dotsInPlace};
+                              stayAsTheyAre,  dotsAnywhere};
 
 }  // namespace avx512vnni
 HWY_POP_ATTRIBUTES

@@ -74,9 +74,35 @@ struct FetchedPanels {
   }
 };
 
+// The same for one frame, which reads each code once: what lies a fixed way ahead, in the panels
+// of the R parts that are summed together or, near their end, in as many behind them.
+template <int R>
+struct LinesAhead {
+  static constexpr std::size_t kPanels = R > Vectors::kParts ? R / Vectors::kParts : 1;
+
+  std::size_t groups;
+  std::size_t panelBytes;
+  std::size_t distance;  // groups
+  std::size_t bytes;
+
+  HWY_INLINE LinesAhead(std::size_t groupsOfPanel, std::size_t groupBytes)
+      : groups(groupsOfPanel),
+        panelBytes(groupsOfPanel * groupBytes),
+        distance(groupsOfPanel < 8192 / groupBytes ? groupsOfPanel : 8192 / groupBytes),
+        bytes(distance * groupBytes) {}
+  // The bytes from group g, which is to be summed, to what is to be fetched.
+  HWY_INLINE std::size_t from(std::size_t g) const {
+    return g + distance < groups ? bytes : bytes + (kPanels - 1) * panelBytes;
+  }
+  HWY_INLINE void fetch(const uint8_t* at) const {
+    HWY_UNROLL(4)
+    for (std::size_t p = 0; p < kPanels; ++p) __builtin_prefetch(at + p * panelBytes, 0, 2);
+  }
+};
+
 // The sums of R parts, from part `first` on, and F frames. Each has as many chains, which take
 // turns with the inputs, so that none waits for the addition before.
-template <int kBits, int R, int F, int kChains>
+template <int kBits, int R, int F, int kChains, bool kStreams>
 HWY_INLINE void sumTile(const RowCodesView& codes, const uint8_t* panel, int first,
                         const ByteFrames& x, FetchedPanels ahead, const int32_t* start,
                         const TilePlace& to) {
@@ -96,11 +122,17 @@ HWY_INLINE void sumTile(const RowCodesView& codes, const uint8_t* panel, int fir
     }
   }
   const int8_t* input = x.bytes;
+  const LinesAhead<R> line(groups, kGroupBytes);
   std::size_t g = 0;
   for (; g + kRound <= groups; g += kRound) {
+    const std::size_t lineAhead = line.from(g);
     HWY_UNROLL(8)
     for (int c = 0; c < kChains; ++c) {
-      if (ahead.panels > 0) ahead.fetch(kStep * kGroupBytes);
+      if (F == 1) {
+        if (kStreams) line.fetch(panel + lineAhead);
+      } else if (ahead.panels > 0) {
+        ahead.fetch(kStep * kGroupBytes);
+      }
       addGroups<kBits, R, F, kStep>(panel, panelBytes, first, input, x.stride, sums[c]);
       panel += kStep * kGroupBytes;
       input += kStep * Vectors::kInputBytes;
@@ -125,22 +157,21 @@ HWY_INLINE void sumTile(const RowCodesView& codes, const uint8_t* panel, int fir
 }
 
 // The sums of as many whole panels as kParts says; a tile may be less than a panel.
-template <int kBits, int kParts, int F, int kChains, int kTile>
+template <int kBits, int kParts, int F, int kChains, int kTile, bool kStreams>
 void sumPanels(const RowCodesView& codes, const uint8_t* panel, const ByteFrames& x,
                FetchedPanels ahead, const int32_t* start, const TilePlace& to) {
   HWY_UNROLL(1)
   for (int first = 0; first < kParts; first += kTile) {
-    sumTile<kBits, kTile, F, kChains>(codes, panel, first, x, ahead, start, to);
+    sumTile<kBits, kTile, F, kChains, kStreams>(codes, panel, first, x, ahead, start, to);
     ahead.panels = 0;
   }
 }
 
 // Panels in tiles of some parts, as long as they last, then one by one. One frame reads each code
 // once, so what it fetches lies a fixed way ahead.
-template <int kBits, int F, int kTile, int kChains>
+template <int kBits, int F, int kTile, int kChains, bool kStreams>
 void sumFrames(const RowCodesView& codes, std::size_t first, std::size_t panels,
                const ByteFrames& x, const CodesAhead& ahead, int32_t* sums) {
-  constexpr std::size_t kLineAhead = 8192;
   constexpr int kParts = Vectors::kParts;
   constexpr int kPanels = kTile > kParts ? kTile / kParts : 1;
   constexpr uint32_t kBias = Vectors::kSigned ? 0 : rowCodeBias(kBits);
@@ -155,16 +186,15 @@ void sumFrames(const RowCodesView& codes, std::size_t first, std::size_t panels,
   constexpr auto kAtOnce = static_cast<std::size_t>(kPanels);
   std::size_t p = 0;
   for (; p + kAtOnce <= panels; p += kAtOnce) {
-    if (F == 1) fetched = {panel + kLineAhead, panelBytes, ahead.stream ? kAtOnce : 0};
-    sumPanels<kBits, kPanels * kParts, F, kChains, kTile>(codes, panel, x, fetched, start,
-                                                          {sums + p * kRowCodePanel, stride});
+    sumPanels<kBits, kPanels * kParts, F, kChains, kTile, kStreams>(
+        codes, panel, x, fetched, start, {sums + p * kRowCodePanel, stride});
     fetched.panels = 0;
     panel += kAtOnce * panelBytes;
   }
   constexpr int kRest = kTile < kParts ? kTile : kParts;
   for (; p < panels; ++p) {
-    sumPanels<kBits, kParts, F, kChains, kRest>(codes, panel, x, fetched, start,
-                                                {sums + p * kRowCodePanel, stride});
+    sumPanels<kBits, kParts, F, kChains, kRest, kStreams>(codes, panel, x, fetched, start,
+                                                          {sums + p * kRowCodePanel, stride});
     fetched.panels = 0;
     panel += panelBytes;
   }
@@ -175,11 +205,13 @@ template <int kBits, int F>
 void sumUpTo(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
              const CodesAhead& ahead, int32_t* sums) {
   if constexpr (F == 1) {
-    sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains>(codes, first, panels, x, ahead,
-                                                                   sums);
+    const auto sum = ahead.stream
+                         ? sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains, true>
+                         : sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains, false>;
+    sum(codes, first, panels, x, ahead, sums);
   } else {
     if (x.frames < F) return sumUpTo<kBits, F - 1>(codes, first, panels, x, ahead, sums);
-    sumFrames<kBits, F, Vectors::partsFor(F), 1>(codes, first, panels, x, ahead, sums);
+    sumFrames<kBits, F, Vectors::partsFor(F), 1, false>(codes, first, panels, x, ahead, sums);
   }
 }
 
