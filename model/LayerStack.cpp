@@ -14,8 +14,9 @@ void fillMissingLayers(std::vector<NNLayer*>& layers) {
 }
 
 const NNLayer& layerOrEmpty(const NNLayer* layer) {
+  if (layer != nullptr) return *layer;
   static const NNLayer empty;
-  return layer != nullptr ? *layer : empty;
+  return empty;
 }
 
 std::optional<ValueRange> parameterRange(const std::vector<NNLayer*>& layers) {
