@@ -12,6 +12,7 @@
 
 #include "inference/kernels/Activations-inl.h"
 #include "inference/kernels/Kernels.h"
+#include "inference/kernels/LeaveVectors-inl.h"
 #include "inference/kernels/Processor.h"
 #include "inference/kernels/RowCodes-inl.h"
 #include "inference/kernels/ScalarOps.h"
@@ -31,11 +32,11 @@ const Kernels& kernels() {
   static const Kernels kKernels = {hwy::TargetName(HWY_TARGET),
                                    kFuses,
                                    kLanes,
-                                   matrixVector,
-                                   rowCodesVector,
-                                   matrixFrames,
-                                   activate,
-                                   softmax};
+                                   asKernel<matrixVector>(),
+                                   asKernel<rowCodesVector>(),
+                                   asKernel<matrixFrames>(),
+                                   asKernel<activate>(),
+                                   asKernel<softmax>()};
   return kKernels;
 }
 

@@ -8,6 +8,7 @@
 //
 #include <array>
 
+#include "inference/kernels/LeaveVectors-inl.h"
 #include "inference/kernels/Processor.h"
 #include "inference/kernels/ScalarOps.h"
 #include "inference/kernels/Unfused-inl.h"
@@ -18,8 +19,10 @@ namespace mlnn {
 namespace HWY_NAMESPACE {
 
 const UnfusedKernels& unfusedKernels() {
-  static const UnfusedKernels kKernels = {
-      hwy::TargetName(HWY_TARGET), toBytes, toWords, finish, multiply, unfusedSoftmax, giveOneNaN};
+  static const UnfusedKernels kKernels = {hwy::TargetName(HWY_TARGET), asKernel<toBytes>(),
+                                          asKernel<toWords>(),         asKernel<finish>(),
+                                          asKernel<multiply>(),        asKernel<unfusedSoftmax>(),
+                                          asKernel<giveOneNaN>()};
   return kKernels;
 }
 

@@ -8,31 +8,38 @@
 namespace mlnn::test {
 namespace {
 
-float chainOf(const LayerView& layer, const float* x, std::size_t row, std::size_t from,
-              std::size_t to) {
-  float sum = 0;
+// The chains of all rows, over the columns from `from` to `to`: column by column, as the weights
+// lie.
+void chainsOf(const LayerView& layer, const float* x, std::size_t from, std::size_t to,
+              std::vector<float>& chains) {
+  std::fill(chains.begin(), chains.end(), 0.0f);
   for (std::size_t c = from; c < to; ++c) {
-    sum = std::fma(layer.weights[row + c * layer.rows], x[c], sum);
+    const float* const column = layer.weights + c * layer.rows;
+    for (std::size_t row = 0; row < layer.rows; ++row) {
+      chains[row] = std::fma(column[row], x[c], chains[row]);
+    }
   }
-  return sum;
 }
 
-float sumOf(const LayerView& layer, const float* x, std::size_t row) {
+std::vector<float> sumsOf(const LayerView& layer, const float* x) {
   const std::size_t length = layer.rows <= 32 ? 16 : 128;
-  float sum = 0;
+  std::vector<float> sums(layer.rows);
+  std::vector<float> chains(layer.rows);
   for (std::size_t from = 0; from < layer.cols; from += length) {
-    const float chain = chainOf(layer, x, row, from, std::min(from + length, layer.cols));
-    sum = from == 0 ? chain : sum + chain;
+    chainsOf(layer, x, from, std::min(from + length, layer.cols), chains);
+    for (std::size_t row = 0; row < layer.rows; ++row) {
+      sums[row] = from == 0 ? chains[row] : sums[row] + chains[row];
+    }
   }
-  return sum;
+  return sums;
 }
 
 }  // namespace
 
 std::vector<float> orderedLayer(const LayerView& layer, const float* x) {
-  std::vector<float> y(layer.rows);
+  std::vector<float> y = sumsOf(layer, x);
   for (std::size_t row = 0; row < layer.rows; ++row) {
-    const float sum = sumOf(layer, x, row);
+    const float sum = y[row];
     const float affine = layer.scale == nullptr ? sum + layer.shift[row]
                                                 : std::fma(layer.scale[row], sum, layer.shift[row]);
     y[row] = activated(layer.actFn, affine);
