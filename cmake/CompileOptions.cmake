@@ -20,8 +20,8 @@ endif()
 set(MLNN_COMPILE_OPTIONS ${MLNN_WARNINGS} ${MLNN_FLOAT_OPTIONS})
 
 # Reads the headers that nearly every source of a target includes once for all of them; that takes half
-# of the time of most. -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON does without, and so does whoever builds the
-# library as a part of another project, which finds an include that is missing.
+# of the time of most. -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON does without and finds an include that is missing,
+# as check-all's abi does; so does whoever builds the library as a part of another project.
 function(mlnn_precompile target)
   if(PROJECT_IS_TOP_LEVEL)
     target_precompile_headers(${target} PRIVATE <Eigen/Core> <string> <vector> ${ARGN})
