@@ -1,9 +1,5 @@
 // _mlnn — the thin binding under the Python package `mlnn`, which gives it its face.
 //
-// Every call on a model takes the model's lock, so threads of Python may share one. No thread
-// asks for one of the two locks, the model's and the interpreter's, while it holds the other:
-// so they cannot wait for each other, and Python's other threads run on while one waits.
-//
 // A call that can fail returns (result, messages): what the library returned, and a list of what
 // it said, each message as (severity, text).
 #include <pybind11/numpy.h>
@@ -39,31 +35,13 @@
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"
 #include "model/StackOutputs.h"
+#include "python/Arrays.h"
+#include "python/Core.h"
 #include "text/Numbers.h"
 #include "tools/files/OutputFile.h"
 #include "tools/files/UnfinishedFile.h"
 
-namespace py = pybind11;
-
-namespace {
-
-using Eigen::Index;
-using Frames = py::array_t<float>;  // frames x values
-using Columns = Eigen::Map<const Eigen::MatrixXf, 0, Eigen::OuterStride<>>;
-using Said = std::pair<int, py::list>;
-
-class LayerHandle;
-
-// A model, its lock, and the layers that Python holds.
-struct Core {
-  MultiLayerNNModel model;
-  std::shared_mutex mutex;
-  std::mutex handlesMutex;  // taken after the other one where both are
-  std::map<NNLayer*, std::weak_ptr<LayerHandle>> handles;
-};
-
-using Reading = std::shared_lock<std::shared_mutex>;
-using Writing = std::unique_lock<std::shared_mutex>;
+namespace mlnn::python {
 
 // What Python holds of a layer. It keeps the model alive, and the arrays that Python sees keep
 // it alive. A layer that is removed from its model goes on living in its handle. As no
@@ -84,64 +62,13 @@ class LayerHandle {
   std::unique_ptr<NNLayer> removed;  // `layer`, once the model has given it up
 };
 
-// Runs `action(model)` under a lock of the model, without the interpreter's.
-// REQUIRES: neither the action nor what it returns touches an object of Python.
-template <typename Lock, typename Action>
-auto locked(Core& core, Action action) {
-  const py::gil_scoped_release othersRun;
-  const Lock lock(core.mutex);
-  return action(core.model);
-}
+}  // namespace mlnn::python
 
-// The same for an action that reads, and for one that writes.
-template <typename Action>
-auto read(Core& core, Action action) {
-  return locked<Reading>(core, action);
-}
-template <typename Action>
-auto write(Core& core, Action action) {
-  return locked<Writing>(core, action);
-}
+namespace {
 
-const char* nameOf(mlnn::Severity severity) {
-  switch (severity) {
-    case mlnn::Severity::kError:
-      return "error";
-    case mlnn::Severity::kWarning:
-      return "warning";
-    case mlnn::Severity::kInfo:
-      break;
-  }
-  return "info";
-}
-
-py::list listOf(const std::vector<mlnn::Message>& messages) {
-  py::list list;
-  for (const mlnn::Message& message : messages) {
-    list.append(py::make_tuple(nameOf(message.severity), py::bytes(message.text)));
-  }
-  return list;
-}
-
-// The same, and collects what the library says.
-template <typename Lock, typename Action>
-Said heard(Core& core, Action action) {
-  const auto [result, messages] = locked<Lock>(core, [&action](MultiLayerNNModel& model) {
-    const mlnn::CollectedMessages said;
-    const int done = action(model);
-    return std::make_pair(done, said.messages());
-  });
-  return {result, listOf(messages)};
-}
-
-// The same for an action without a result.
-template <typename Action>
-Said heardDone(Core& core, Action action) {
-  return heard<Writing>(core, [&action](MultiLayerNNModel& model) {
-    action(model);
-    return 0;
-  });
-}
+namespace py = pybind11;
+using namespace mlnn::python;
+using Eigen::Index;
 
 // --- Layers ---
 
@@ -297,11 +224,9 @@ py::object rowCodesOf(const LayerHandle& handle) {
 // --- Reading and writing ---
 
 std::shared_ptr<Core> copyOf(Core& core) {
-  return read(core, [](const MultiLayerNNModel& model) {
-    auto copy = std::make_shared<Core>();
-    copy->model = model.clone();
-    return copy;
-  });
+  auto copy = std::make_shared<Core>();
+  read(core, [&copy](const MultiLayerNNModel& model) { copy->model = model.clone(); });
+  return copy;
 }
 
 // Opens a model as the command does: activations that it does not record are set to `actFn`, or
@@ -391,6 +316,7 @@ py::tuple written(Core& core, const std::string& formatWord) {
 
 Said add(Core& core, Core& other) {
   if (&core == &other) return heardDone(core, [](MultiLayerNNModel& model) { model += model; });
+  refuseWhileRunning(core);
   std::vector<mlnn::Message> messages;
   {
     const py::gil_scoped_release othersRun;
@@ -406,34 +332,10 @@ Said add(Core& core, Core& other) {
 
 // --- The forward pass ---
 
-// Sees an array of frames x values as the matrix of values x frames that it is.
-Columns columnsOf(const Frames& frames) {
-  if (frames.ndim() != 2) throw py::value_error("frames must have two dimensions");
-  const py::ssize_t values = frames.shape(1);
-  if (frames.shape(0) == 0) {  // NumPy gives any strides then
-    return Columns(frames.data(), values, 0, Eigen::OuterStride<>(values));
-  }
-  const py::ssize_t step = frames.strides(0) / static_cast<py::ssize_t>(sizeof(float));
-  const bool fits = values <= 1 || frames.strides(1) == static_cast<py::ssize_t>(sizeof(float));
-  const bool apart = frames.shape(0) == 1 || (step >= values && frames.strides(0) % 4 == 0);
-  if (!fits || !apart) throw py::value_error("the values of a frame must lie side by side");
-  return Columns(frames.data(), values, frames.shape(0),
-                 Eigen::OuterStride<>(std::max(step, values)));
-}
-
-// Hands a matrix of values x frames to Python as an array of frames x values, uncopied.
-py::array handOver(std::unique_ptr<Eigen::MatrixXf> matrix) {
-  Eigen::MatrixXf* const held = matrix.get();
-  const py::capsule owner(matrix.release(),
-                          [](void* p) { delete static_cast<Eigen::MatrixXf*>(p); });
-  const py::ssize_t size = sizeof(float);
-  return py::array_t<float>({py::ssize_t{held->cols()}, py::ssize_t{held->rows()}},
-                            {held->rows() * size, size}, held->data(), owner);
-}
-
 // REQUIRES: the two are not the same.
 Said correctBiases(Core& core, Core& original, const Frames& inputs) {
   const Columns columns = columnsOf(inputs);
+  refuseWhileRunning(core);
   std::vector<mlnn::Message> messages;
   int result = 0;
   {
@@ -480,7 +382,8 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
         model, columns.rows(), stacked.value_or(false), "the recording", whyNot);
     isTaken = inputs && !(inputs->areStacked() && stacked == false);
     if (!isTaken) return 0;
-    std::optional<Eigen::MatrixXf> results = mlnn::evaluateFrames(pass, columns, *inputs);
+    std::optional<Eigen::MatrixXf> results =
+        mlnn::evaluateFrames(pass, columns, *inputs, interruptedBySignals(core));
     if (!results) return 1;
     *outputs = *std::move(results);
     return 0;
@@ -539,10 +442,8 @@ void setNotes(Core& core, const std::vector<std::string>& notes) {
   write(core, [&notes](MultiLayerNNModel& model) { model.notes.lines = notes; });
 }
 
-Frames arrayOf(const float* values, std::size_t count) {
-  Frames array(static_cast<py::ssize_t>(count));
-  if (count > 0) std::memcpy(array.mutable_data(), values, count * sizeof(float));
-  return array;
+void appendNote(Core& core, const std::string& line) {
+  write(core, [&line](MultiLayerNNModel& model) { model.notes.lines.push_back(line); });
 }
 
 std::vector<float>& curveOf(MultiLayerNNModel& model, const std::string& name) {
@@ -562,6 +463,10 @@ void setCurve(Core& core, const std::string& name,
   const float* const first = values.data();
   const float* const last = first + values.size();
   write(core, [&](MultiLayerNNModel& model) { curveOf(model, name).assign(first, last); });
+}
+
+void appendToCurve(Core& core, const std::string& name, float value) {
+  write(core, [&](MultiLayerNNModel& model) { curveOf(model, name).push_back(value); });
 }
 
 Eigen::VectorXf& normOf(MultiLayerNNModel& model, const std::string& name) {
@@ -652,12 +557,6 @@ void bindLayer(py::module_& module) {
       });
 }
 
-// Guards the random source that all new layers share.
-std::mutex& randomSource() {
-  static std::mutex mutex;
-  return mutex;
-}
-
 void seedRandom(uint32_t seed) {
   const py::gil_scoped_release othersRun;
   const std::lock_guard<std::mutex> alone(randomSource());
@@ -744,8 +643,10 @@ void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {
       .def("set_props", &setProps)
       .def("notes", &notesOf)
       .def("set_notes", &setNotes)
+      .def("append_note", &appendNote)
       .def("curve", &curve)
       .def("set_curve", &setCurve)
+      .def("append_to_curve", &appendToCurve)
       .def("norm", &norm)
       .def("set_norm", &setNorm);
 }
@@ -762,6 +663,7 @@ PYBIND11_MODULE(_mlnn, module) {
   module.def("describe", &describe);
   module.def("seed_random", &seedRandom);
   module.def("opening_error", &openingError);
+  guardForks();
   mlnn::UnfinishedFile::leaveSignalsAlone();  // they are Python's
   module.def("open", &open);
   module.def("write_file", &writeFile);

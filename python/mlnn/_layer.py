@@ -22,6 +22,8 @@ class Layer:
     Shapes are fixed, so a view never goes stale; only an empty vector can be given its values.
     """
 
+    __slots__ = ("_layer", "__weakref__")  # so a misspelt name is no new attribute
+
     _layer: _mlnn.Layer
 
     weights = _Array()

@@ -15,7 +15,7 @@ from ._layer import Layer, _Layers
 from ._messages import Error, _str, _warn, _hear, _says_error
 from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _Floats, _act_fn, _bytes, _float32,
                       _frames, _integer, _single, _size)
-from ._views import _Lines, _Props
+from ._views import _Curve, _Lines, _Props
 
 
 _TEXT_SUFFIXES = {".txt"}
@@ -23,7 +23,14 @@ _IMAGE_SUFFIXES = {".mlnn", ".bin"}
 
 
 class Model:
-    """A feed-forward network with its features, notes, properties and training curves."""
+    """A feed-forward network with its features, notes, properties and training curves.
+
+    Two models are equal where all that they hold has the same bits; `is` tells whether they are one.
+    """
+
+    __slots__ = ("_core", "__weakref__")  # so a misspelt name is no new attribute
+
+    _core: _mlnn.Core
 
     def __init__(self) -> None:
         """A model without layers; its softmax is on."""
@@ -164,6 +171,12 @@ class Model:
 
     __copy__ = copy
 
+    def __eq__(self, other: object) -> bool:  # and so no hash
+        if not isinstance(other, Model):
+            return NotImplemented
+        return self._core is other._core or (
+            self.description == other.description and self.__getstate__() == other.__getstate__())
+
     def __deepcopy__(self, memo: dict[int, Any]) -> Model:
         return self.copy()
 
@@ -223,7 +236,7 @@ class Model:
     def notes(self) -> MutableSequence[str]:
         """The lines of the model's history. Changes go to the model."""
         return _Lines(lambda: [_str(line) for line in self._core.notes()],
-                      self._set_notes)
+                      self._set_notes, lambda line: self._core.append_note(_bytes(line, "a note")))
 
     @notes.setter
     def notes(self, lines: Iterable[str]) -> None:
@@ -234,17 +247,10 @@ class Model:
     def _set_notes(self, lines: Iterable[str]) -> None:
         self._core.set_notes([_bytes(line, "a note") for line in lines])
 
-    def _curve(self, name: str) -> _Lines[float]:
-        def get() -> list[float]:
-            values: list[float] = self._core.curve(name).tolist()
-            return values
-
-        return _Lines(get, lambda values: self._core.set_curve(name, _float32(values, 1, name)))
-
     @property
     def loss(self) -> MutableSequence[float]:
         """The loss values of training, kept in single precision. Changes go to the model."""
-        return self._curve("loss")
+        return _Curve(self._core, "loss")
 
     @loss.setter
     def loss(self, values: Iterable[float]) -> None:
@@ -253,7 +259,7 @@ class Model:
     @property
     def accuracy(self) -> MutableSequence[float]:
         """The accuracy values of training, likewise."""
-        return self._curve("accuracy")
+        return _Curve(self._core, "accuracy")
 
     @accuracy.setter
     def accuracy(self, values: Iterable[float]) -> None:

@@ -44,7 +44,9 @@ def _size(value: Any, what: str) -> int:
 
 def _float32(values: npt.ArrayLike, dimensions: int, what: str) -> _Floats:
     """The values as float32; the array itself where it is one already."""
-    array = np.asarray(values)
+    if isinstance(values, np.ma.MaskedArray):
+        raise TypeError(f"{what}: a masked array would lose its mask; fill it first")
+    array = np.asarray(_detached(values))
     if array.ndim != dimensions:
         raise ValueError(f"{what}: expected {dimensions} dimensions, got shape {array.shape}")
     if array.dtype.kind not in "fiub":
@@ -54,6 +56,13 @@ def _float32(values: npt.ArrayLike, dimensions: int, what: str) -> _Floats:
     if single is not array and (np.isinf(single) & np.isfinite(array)).any():
         raise ValueError(f"{what}: a value is too large for single precision")
     return single
+
+
+def _detached(values: npt.ArrayLike) -> npt.ArrayLike:
+    """The values of a tensor of PyTorch, which may have a gradient; anything else as it is."""
+    detach = None if isinstance(values, np.ndarray) else getattr(values, "detach", None)
+    result: npt.ArrayLike = values if detach is None else detach().cpu().numpy()
+    return result
 
 
 def _frames(values: npt.ArrayLike) -> _Floats:

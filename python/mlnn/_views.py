@@ -9,7 +9,7 @@ import numpy.typing as npt
 
 from . import _mlnn
 from ._messages import _str
-from ._values import _Floats, _bytes, _float32
+from ._values import _Floats, _bytes, _float32, _single
 
 _Item = TypeVar("_Item")
 
@@ -17,9 +17,9 @@ _Item = TypeVar("_Item")
 class _Lines(MutableSequence[_Item]):
     """A list that lives in a model: every change goes there."""
 
-    def __init__(self, get: Callable[[], list[_Item]],
-                 set_: Callable[[list[_Item]], None]) -> None:
-        self._get, self._set = get, set_
+    def __init__(self, get: Callable[[], list[_Item]], set_: Callable[[list[_Item]], None],
+                 add: Callable[[_Item], None]) -> None:
+        self._get, self._set, self._add = get, set_, add
 
     def __len__(self) -> int:
         return len(self._get())
@@ -41,6 +41,9 @@ class _Lines(MutableSequence[_Item]):
     def insert(self, index: int, value: _Item) -> None:
         self._change(lambda items: items.insert(index, value))
 
+    def append(self, value: _Item) -> None:
+        self._add(value)  # without a look at the others
+
     def extend(self, values: Iterable[_Item]) -> None:
         added = list(values)
         self._change(lambda items: items.extend(added))
@@ -55,6 +58,28 @@ class _Lines(MutableSequence[_Item]):
 
     def __repr__(self) -> str:
         return repr(list(self))
+
+
+class _Curve(_Lines[float]):
+    """A curve of a model, whose values are looked at without making a list of all."""
+
+    def __init__(self, core: _mlnn.Core, name: str) -> None:
+        super().__init__(self._all, lambda values: core.set_curve(name, _float32(values, 1, name)),
+                         lambda value: core.append_to_curve(name, _single(value, name)))
+        self._core, self._name = core, name
+
+    def _values(self) -> _Floats:
+        return self._core.curve(self._name)
+
+    def _all(self) -> list[float]:
+        values: list[float] = self._values().tolist()
+        return values
+
+    def __len__(self) -> int:
+        return len(self._values())
+
+    def __getitem__(self, index: int | slice) -> Any:
+        return self._values()[index].tolist()
 
 
 class _Props(MutableMapping[str, str]):

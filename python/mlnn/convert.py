@@ -46,6 +46,8 @@ class Network:
             raise Error(f"{name}: expected weights of two dimensions, found shape {weights.shape}")
         if self._layers and weights.shape[1] != self.num_outputs:
             raise Error(f"{name}: takes {weights.shape[1]} inputs after {self.num_outputs} outputs")
+        if 0 in weights.shape:
+            raise Error(f"{name}: weights of shape {weights.shape} compute nothing")
         _single(name, "weights", weights, weights)
         if bias is not None:
             bias = _vector(name, "bias", bias, len(weights))
@@ -128,6 +130,8 @@ class Network:
 
 
 def _numbers(name: str, what: str, values: npt.ArrayLike) -> _Array:
+    if isinstance(values, np.ma.MaskedArray):
+        raise Error(f"{name}: {what}: a masked array cannot be represented")
     array = np.asarray(values)
     if array.dtype.kind not in "fiu":
         raise Error(f"{name}: {what}: expected real numbers, found {array.dtype}")

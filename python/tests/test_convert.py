@@ -170,6 +170,14 @@ def test_torch_parameters_of_other_precisions_come_as_they_are(torch):
         assert (model.layers[0].bias == module[0].bias.detach().float().numpy()).all()
 
 
+def test_tensors_with_gradients_are_frames(torch):
+    model = mlnn.Model.from_arrays([(np.eye(3), np.zeros(3))], softmax=False)
+    frames = torch.ones(2, 3, requires_grad=True)
+    assert (model(frames) == 1).all()
+    model.layers[0].bias = torch.full((3,), 2.0, requires_grad=True)
+    assert model.layers[0].bias.tolist() == [2, 2, 2]
+
+
 # --- scikit-learn ---
 
 @pytest.mark.filterwarnings("ignore::UserWarning")  # the training is cut short
@@ -391,6 +399,14 @@ def test_the_commands_say_that_memory_runs_out(digits, tmp_path):
             "mlnn.load = load; sys.exit(main(['export-onnx', 'model', 'out']))")
     done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True)
     assert (done.returncode, done.stdout, done.stderr) == (1, "", "ERROR: out of memory\n")
+
+
+@pytest.mark.parametrize("shape", [(0, 2**31 - 1), (2**31 - 1, 0), (0, 0)])
+def test_weights_without_values_take_no_memory(shape):
+    before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+    with pytest.raises(mlnn.Error, match=r"^map \(Gemm\): weights of shape \(\d+, \d+\) compute nothing$"):
+        mlnn.from_onnx(gemm(np.zeros(shape), 5))
+    assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss < before + 100_000  # KiB
 
 
 @pytest.mark.parametrize("dims", [(0, 1 << 40), (-1, 2), (1 << 31, 0)])

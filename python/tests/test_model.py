@@ -5,6 +5,7 @@ import dataclasses
 import gc
 import os
 import pickle
+import signal
 import subprocess
 import sys
 import threading
@@ -366,11 +367,51 @@ def test_arrays_that_make_no_model_are_refused(layers, message):
     assert str(caught.value).startswith(message)
 
 
+@pytest.mark.parametrize("operation, kind, message", [
+    (lambda m: setattr(m, "sofmax", True), AttributeError, "'Model' object has no attribute 'sofmax'"),
+    (lambda m: setattr(m.layers[0], "weight", 0), AttributeError,
+     "'Layer' object has no attribute 'weight'"),
+    (lambda m: m(np.ma.masked_array(np.zeros((1, 4)), True)), TypeError,
+     "frames: a masked array would lose its mask; fill it first"),
+    (lambda m: setattr(m.layers[0], "gamma", np.ma.masked_array([1, 2, 3], [0, 0, 1])), TypeError,
+     "gamma: a masked array would lose its mask; fill it first"),
+    (lambda m: mlnn.Model.from_arrays([(np.ma.masked_array(np.zeros((1, 4)), True), [0])]), TypeError,
+     "layer 1: weights: a masked array would lose its mask; fill it first"),
+])
+def test_what_would_be_lost_in_silence_is_refused(model, operation, kind, message):
+    before = state(model)
+    with pytest.raises(kind) as caught:
+        operation(model)
+    assert str(caught.value) == message
+    assert state(model) == before
+
+
+# --- Equality ---
+
+def test_models_are_equal_where_all_bits_are(model):
+    assert model == model and model == model.copy() and not model != copy.copy(model)
+    model.layers[0].weights[0, 0] = np.nan
+    assert model == model.copy()
+    for change in (lambda m: m.layers[1].bias.__setitem__(0, -0.0), lambda m: m.notes.append("more"),
+                   lambda m: m.props.clear(), lambda m: m.loss.append(1),
+                   lambda m: m.delete_layers(1), lambda m: setattr(m, "softmax", not m.softmax),
+                   lambda m: setattr(m, "features", mlnn.FeatureDescription()),
+                   lambda m: setattr(m, "normalisation", (np.zeros(120), np.ones(120)))):
+        model.layers[1].bias[0] = 0.0
+        other = model.copy()
+        change(other)
+        assert other != model
+    assert model != "model" and not model == None  # noqa: E711
+    with pytest.raises(TypeError, match="unhashable type: 'Model'"):
+        hash(model)
+
+
 # --- Pickles and copies ---
 
 def test_pickles_and_copies_are_exact(model):
     model.layers[0].weights[0, 0] = np.array([0x7FC12345], np.uint32).view(np.float32)[0]
-    for again in pickle.loads(pickle.dumps(model)), copy.deepcopy(model), model.copy():
+    for again in (pickle.loads(pickle.dumps(model)), copy.deepcopy(model), copy.copy(model),
+                  model.copy()):
         assert state(again) == state(model)
         again.layers[0].weights[:] = 0
         assert model.layers[0].weights[1, 1] != 0
@@ -695,7 +736,9 @@ def processor_time(work):
     lambda model: [model.props[key] for key in list(model.props)],
     lambda model: [model.props.__setitem__(key, "new") for key in list(model.props)],
     lambda model: mlnn.from_onnx(mlnn.to_onnx(model)),
-], ids=["to_text", "dict", "items", "copy", "look", "set", "onnx"])
+    lambda model: [model.loss.append(1) for _ in range(len(model.props) + len(model.notes))],
+    lambda model: [model.notes.append("more") for _ in list(model.props)],
+], ids=["to_text", "dict", "items", "copy", "look", "set", "onnx", "curve", "add"])
 @pytest.mark.parametrize("kind", ["props", "notes"])
 def test_time_is_linear_in_properties_and_notes(model, work, kind):
     """Eight times as many take sixteen times as long at most, not sixty-four."""
@@ -708,6 +751,79 @@ def test_time_is_linear_in_properties_and_notes(model, work, kind):
         return processor_time(lambda: work(model))
 
     assert any(time_of(4000) < 16 * time_of(500) + 0.002 for _ in range(5))
+
+
+def in_child(action):
+    """Forks, and tells whether the child came to the end of the action."""
+    child = os.fork()
+    if child == 0:
+        try:
+            signal.alarm(120)  # ends it where it waits for a lock that nobody holds
+            action()
+            os._exit(0)
+        finally:
+            os._exit(1)
+    return os.waitpid(child, 0)[1] == 0
+
+
+def test_children_go_on_where_another_thread_was_at_work():
+    model = mlnn.Model()
+    model.create_first_layer(200, 400)
+    model.add_layer(40)
+    other = model.copy()
+    inputs = np.ones((1000, 200), np.float32)
+    over = threading.Event()
+
+    def run():
+        while not over.is_set():
+            model(inputs, stacked=True)
+
+    def change():
+        while not over.is_set():
+            other.zeros()
+
+    def use():
+        assert not model.zeros().layers[0].weights.any()
+        other.add_layer(3)
+        assert other(inputs[:1], stacked=True).shape == (1, 3)
+
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        running = [pool.submit(work) for work in (run, change)]
+        try:
+            assert [in_child(use) for _ in range(10)] == [True] * 10
+        finally:
+            over.set()
+        for done in running:
+            done.result()
+    assert model(inputs[:2], stacked=True).shape == (2, 40)
+
+
+def test_a_signal_is_handled_while_a_model_runs():
+    model = mlnn.Model()
+    model.create_first_layer(200, 400)
+    model.add_layer(40)
+    inputs = np.ones((20000, 200), np.float32)
+    told = []
+
+    def handle(*_):
+        try:
+            model.zeros()
+        except RuntimeError as error:
+            assert model(inputs[:1], stacked=True).shape == (1, 40)  # reading is allowed
+            told.append(str(error))
+            raise KeyboardInterrupt from None
+
+    before = signal.signal(signal.SIGALRM, handle)
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            while True:  # until the signal comes while the library is at work
+                signal.setitimer(signal.ITIMER_REAL, 0.05)
+                model(inputs, stacked=True)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, before)
+    assert told == ["the model cannot be changed while this thread runs it"]
+    assert not model.zeros().layers[0].weights.any()
 
 
 def test_threads_share_a_model_while_one_changes_it(model):
