@@ -20,6 +20,8 @@ class MLNN_EXPORT FwdPass {
   // Shapes:   inputs: numInputs x frames; outputs becomes numOutputs x frames.
   // Returns:  0 done; 1 refused, after an error line.
   // On failure: `outputs` is unchanged.
+  // A matrix whose shape changes is given new memory, as Eigen's arrays are; frames in the caller's
+  // memory (below) have none to be given.
   virtual int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                        Eigen::MatrixXf& outputs) = 0;
 

@@ -12,6 +12,7 @@
 #include "layers/NNLayerRecord.h"
 #include "layers/Report.h"
 #include "model/ImageReader.h"
+#include "model/ModelFormat.h"
 
 namespace mlnn {
 namespace {
@@ -105,11 +106,19 @@ ImageFwdPass::~ImageFwdPass() = default;
 ImageFwdPass::ImageFwdPass(ImageFwdPass&& other) noexcept = default;
 ImageFwdPass& ImageFwdPass::operator=(ImageFwdPass&& other) noexcept = default;
 
-int ImageFwdPass::open(const void* image, std::size_t length, ImageChecksum checksum) {
+void ImageFwdPass::close() {
   layers_.reset();
   file_.reset();
   featureDesc_ = DbnFeatureDescription(DbnFeatureDescription::FeatType::MelDeltas);
   deltasNorm_ = MelDeltasNorm();
+}
+
+int ImageFwdPass::open(const void* image, std::size_t length, ImageChecksum checksum) {
+  close();
+  if (length < kMinImageLength) {
+    report({"ERROR: ImageFwdPass: ", shorterThanHead(length)});
+    return 1;
+  }
   if (length > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
     report({"ERROR: MultiLayerNNModel: model is too large for a binary image"});
     return 1;

@@ -42,7 +42,8 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   // Checks the image and takes it for further evaluations. It must be the whole memory: bytes
   // behind the last layer are refused.
   // Returns: 0 done; 1 refused.
-  // Prints: the lines that MultiLayerNNModel::deserialize prints for an image with these bytes.
+  // Prints: the lines that MultiLayerNNModel::deserialize prints for an image with these bytes; an
+  // error line for less than 8 bytes, which that refuses without a word.
   // On failure, and on std::bad_alloc: as if newly made, but for the softmax.
   int open(const void* image, std::size_t length,
            ImageChecksum checksum = ImageChecksum::kVerified);
@@ -56,7 +57,7 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   // unless it has its own. Where that can happen, read the file into memory and give that to open.
   // Returns: 0 done; 1 refused.
   // Prints: the lines of open, or an error line that tells why the file cannot be mapped: only
-  // regular files can. Too short an image is refused with an error line here.
+  // regular files can.
   // On failure, and on std::bad_alloc: as if newly made, but for the softmax.
   int openFile(const char* fileName, ImageChecksum checksum = ImageChecksum::kVerified);
 
@@ -88,6 +89,7 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   friend class IntegerFwdPass;
   class Layers;
 
+  void close();
   int evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) override;
   bool canEvaluate(const char* operation) const;
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,

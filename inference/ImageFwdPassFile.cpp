@@ -6,8 +6,6 @@
 #include "inference/FileMapping.h"
 #include "inference/ImageFwdPass.h"
 #include "layers/Report.h"
-#include "model/ImageReader.h"
-#include "model/ModelFormat.h"
 
 namespace mlnn {
 
@@ -20,15 +18,9 @@ std::shared_ptr<const FileMapping> mapImageFile(const char* fileName) {
 }
 
 int ImageFwdPass::openFile(const char* fileName, ImageChecksum checksum) {
-  open(nullptr, 0);  // refused without a word
+  close();
   const std::shared_ptr<const FileMapping> file = mapImageFile(fileName);
-  if (!file) return 1;
-  if (open(file->data(), file->length(), checksum) != 0) {
-    if (file->length() < kMinImageLength) {
-      report({"ERROR: ImageFwdPass: ", shorterThanHead(file->length())});
-    }
-    return 1;
-  }
+  if (!file || open(file->data(), file->length(), checksum) != 0) return 1;
   file_ = file;
   return 0;
 }

@@ -352,6 +352,10 @@ struct Verdict {
 
 // What loading a file with these bytes gives: all of the image must be consumed.
 Verdict verdictOfTheReader(const ByteImage& image) {
+  if (image.size() < 8) {  // which the reader refuses without a word
+    return {1, "ERROR: ImageFwdPass: image of " + std::to_string(image.size()) +
+                   " bytes is shorter than its head (1004)\n"};
+  }
   MultiLayerNNModel model;
   Verdict verdict;
   verdict.messages = stderrOf(
