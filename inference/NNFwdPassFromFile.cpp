@@ -12,10 +12,11 @@ constexpr char kEvaluate[] = "NNFwdPassFromFile::evaluate";
 
 }  // namespace
 
-NNFwdPassFromFile::NNFwdPassFromFile(const MultiLayerNNModel& model) : model_(&model) {}
+NNFwdPassFromFile::NNFwdPassFromFile(const MultiLayerNNModel& model)
+    : model_(std::shared_ptr<const MultiLayerNNModel>(), &model) {}
 
 NNFwdPassFromFile::NNFwdPassFromFile(std::shared_ptr<const MultiLayerNNModel> model)
-    : owned_(std::move(model)), model_(owned_.get()) {}
+    : model_(std::move(model)) {}
 
 int NNFwdPassFromFile::numInputs() const { return model_ == nullptr ? 0 : model_->numInputs(); }
 
@@ -41,7 +42,7 @@ std::size_t NNFwdPassFromFile::workingBytes(const MultiLayerNNModel& model, Eige
 
 int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
                                       const mlnn::OutputFrames& outputs) {
-  if (!mlnn::canBeEvaluated(model_, kEvaluate)) return 1;
+  if (!mlnn::canBeEvaluated(model_.get(), kEvaluate)) return 1;
   if (!mlnn::framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
   mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_);
   return 0;
@@ -49,7 +50,7 @@ int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
 
 int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs, std::vector<mlnn::LayerResult>* trace) {
-  if (!mlnn::canBeEvaluated(model_, kEvaluate)) return 1;
+  if (!mlnn::canBeEvaluated(model_.get(), kEvaluate)) return 1;
   if (!mlnn::inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
   mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace);
   return 0;

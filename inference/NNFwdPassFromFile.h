@@ -30,7 +30,8 @@ class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
   explicit NNFwdPassFromFile(const MultiLayerNNModel& model);
   explicit NNFwdPassFromFile(const MultiLayerNNModel&& model) = delete;  // it would be gone
 
-  // Shares the model and so keeps it. A null pointer counts as a model without layers.
+  // Shares the model and so keeps it. A null pointer counts as a model without layers, and so does
+  // what a pass has whose contents were moved to another.
   explicit NNFwdPassFromFile(std::shared_ptr<const MultiLayerNNModel> model);
 
   int numInputs() const override;
@@ -63,7 +64,6 @@ class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
   int run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
           std::vector<mlnn::LayerResult>* trace);
 
-  std::shared_ptr<const MultiLayerNNModel> owned_;  // null where somebody else keeps the model
-  const MultiLayerNNModel* model_;                  // null where there is none
+  std::shared_ptr<const MultiLayerNNModel> model_;  // keeps nothing where somebody else does
   mlnn::PassMemory memory_;
 };

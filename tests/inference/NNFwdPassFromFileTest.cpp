@@ -455,6 +455,28 @@ TEST(NNFwdPassModel, thatIsMissingHasNoLayers) {
   EXPECT_TRUE(sameBits(outputs, before));
 }
 
+// Shared or not: what was moved from has no model, and takes another pass.
+TEST(NNFwdPassModel, goesAlongWhenAPassIsMoved) {
+  const auto model =
+      std::make_shared<const MultiLayerNNModel>(network({6, 5, 3}, ActFn::tanh, true));
+  const MatrixXf inputs = someValues(6, 4, 5);
+  MatrixXf expected, outputs;
+  ASSERT_EQ(NNFwdPassFromFile(*model).evaluate(inputs, expected), 0);
+  for (NNFwdPassFromFile first : {NNFwdPassFromFile(model), NNFwdPassFromFile(*model)}) {
+    NNFwdPassFromFile second(std::move(first));
+    EXPECT_EQ(first.numInputs(), 0);
+    EXPECT_EQ(first.numOutputs(), 0);
+    EXPECT_EQ(stderrOf([&] { EXPECT_EQ(first.evaluate(inputs, outputs), 1); }),
+              kPrefix + "model has no layers\n");
+    EXPECT_EQ(second.evaluate(inputs, outputs), 0);
+    EXPECT_TRUE(sameBits(outputs, expected));
+    first = std::move(second);
+    EXPECT_EQ(first.evaluate(inputs, outputs), 0);
+    EXPECT_TRUE(sameBits(outputs, expected));
+  }
+  EXPECT_EQ(model.use_count(), 1);
+}
+
 TEST(NNFwdPassModel, isNotChanged) {
   MultiLayerNNModel model = mlnn::test::fullModel();
   evaluated(model, someValues(4, 5, 1));
