@@ -13,15 +13,10 @@
 #include "tools/files/FileDescriptor.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
+#include "tools/files/RegularFile.h"
 
 namespace mlnn {
 namespace {
-
-// Tells a pipe without opening it: whoever writes into it would find its only reader gone.
-bool isRegularFile(const std::string& name) {
-  struct stat status;
-  return stat(name.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-}
 
 // The length of a regular file; nothing for anything else, or what memory could not hold.
 std::optional<std::size_t> lengthOf(int descriptor) {
@@ -36,7 +31,7 @@ std::optional<std::size_t> lengthOf(int descriptor) {
 }  // namespace
 
 std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) {
-  if (name == kStandardStream || !isRegularFile(name)) return std::nullopt;
+  if (!identityOfRegularFile(name)) return std::nullopt;
   const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   const std::optional<std::size_t> length = lengthOf(file.get());
   if (!length || *length < kMinImageLength) return std::nullopt;

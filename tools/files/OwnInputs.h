@@ -1,10 +1,10 @@
 // OwnInputs — the files that a command reads, which its results must not replace.
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <string>
-#include <utility>
+
+#include "tools/files/RegularFile.h"
 
 namespace mlnn {
 
@@ -20,11 +20,7 @@ class OwnInputs {
   void refuse(const std::string& result) const;
 
  private:
-  // Device and number of a file. The system's own types have another width where a program is
-  // built for short numbers of files.
-  using Identity = std::pair<uint64_t, uint64_t>;
-
-  std::map<Identity, std::string> inputs_;  // as messages call them
+  std::map<FileIdentity, std::string> inputs_;  // as messages call them
 };
 
 }  // namespace mlnn
