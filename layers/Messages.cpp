@@ -121,6 +121,13 @@ void setMessageSink(MessageSink sink, void* data) {
   pthread_mutex_unlock(&sinkMutex);
 }
 
+void printProblems(Severity severity, std::string_view text, void*) {
+  if (severity == Severity::kInfo) return;
+  Text message({std::string(text)});
+  const std::string_view line = message.endingIn('\n');
+  linePrinter.load()(line.data(), line.size() + 1);
+}
+
 CollectedMessages::CollectedMessages() : outer_(collected) { collected = &messages_; }
 
 CollectedMessages::~CollectedMessages() { collected = outer_; }

@@ -43,6 +43,11 @@ using MessageSink = void (*)(Severity severity, std::string_view text, void* dat
 // Thread-safety: from any thread at any time.
 MLNN_EXPORT void setMessageSink(MessageSink sink, void* data);
 
+// A sink for programs that want to hear of problems only, setMessageSink(mlnn::printProblems,
+// nullptr): errors and warnings go to the standard error stream as they do without a sink, and
+// information goes nowhere.
+MLNN_EXPORT void printProblems(Severity severity, std::string_view text, void* data);
+
 // Collects what the library says on this thread while the object lives; other threads are not
 // touched. Objects nest: the innermost collects alone. Where there is no memory for a message,
 // std::bad_alloc passes through the operation that made it.

@@ -44,8 +44,10 @@ struct OpenOptions {
 // Returns: 0 done; 1 refused, after an error line: a file that cannot be read, that is no model, or
 // an option that names no activation. On failure: `file` is left as far as reading got. Prints:
 // what deserialize prints; then an information line that tells which activation was set, or a
-// warning where hidden layers stay linear, or where the given activation changes nothing.
-// Thread-safety: any number of threads may open models at the same time.
+// warning where hidden layers stay linear, or where the given activation changes nothing. What the
+// reader says for information goes with the other messages, unlike the command's, which shows it
+// with --verbose only: mlnn::printProblems (layers/Messages.h) is the sink for who wants none of
+// it. Thread-safety: any number of threads may open models at the same time.
 MLNN_EXPORT int openModel(const std::string& fileName, ModelFile& file,
                           const OpenOptions& options = {});
 

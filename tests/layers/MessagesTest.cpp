@@ -352,6 +352,21 @@ TEST_F(MessageSink, givesBackTheStandardErrorStream) {
   EXPECT_TRUE(heard.messages.empty());
 }
 
+TEST_F(MessageSink, thatPrintsProblemsLeavesOutInformation) {
+  mlnn::setMessageSink(mlnn::printProblems, nullptr);
+  EXPECT_EQ(streamed([] {
+              mlnn::report({"info: some"});
+              mlnn::report({"Warning: one"});
+              mlnn::report({"v_range 1"});
+              mlnn::report({"ERRROR: another"});
+              mlnn::report({"ERROR: ", std::string(1000, 'x')});
+            }),
+            "Warning: one\nERRROR: another\nERROR: " + std::string(1000, 'x') + "\n");
+  mlnn::test::CaptureStderr captured;
+  makeModelSpeak();
+  EXPECT_EQ(captured.text(), std::string(kError) + "\n");
+}
+
 TEST_F(MessageSink, hearsEveryThreadWhileItIsExchanged) {
   constexpr int kThreads = 4;
   constexpr std::size_t kRounds = 1000;
