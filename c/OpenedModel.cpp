@@ -5,9 +5,7 @@
 #include "layers/Messages.h"
 #include "layers/Report.h"
 #include "model/ClassLabels.h"
-#include "model/ImageReader.h"
 #include "model/LayerStack.h"
-#include "model/ModelFormat.h"
 
 namespace mlnn {
 namespace {
@@ -19,6 +17,30 @@ std::vector<int> widthsOf(const MultiLayerNNModel& model) {
     widths.push_back(static_cast<int>(layerOrEmpty(layer).weights.rows()));
   }
   return widths;
+}
+
+// A model whose passes are all made from one, with which they share the weights.
+template <typename SharingPass>
+class ConvertedModel final : public OpenedModel {
+ public:
+  // `kept` is what the pass reads from and does not keep itself; maybe null.
+  ConvertedModel(const OpenedModel& source, std::unique_ptr<const SharingPass> pass,
+                 std::shared_ptr<const void> kept = nullptr)
+      : OpenedModel(source), kept_(std::move(kept)), pass_(std::move(pass)) {}
+
+  std::unique_ptr<FwdPass> makePass() const override { return pass_->another(); }
+
+ private:
+  std::shared_ptr<const void> kept_;  // goes last
+  std::unique_ptr<const SharingPass> pass_;
+};
+
+// Makes one of the model `source`; null where there is no pass.
+template <typename SharingPass>
+std::shared_ptr<OpenedModel> converted(const OpenedModel& source, std::unique_ptr<SharingPass> pass,
+                                       std::shared_ptr<const void> kept = nullptr) {
+  if (!pass) return nullptr;
+  return std::make_shared<ConvertedModel<SharingPass>>(source, std::move(pass), std::move(kept));
 }
 
 class LoadedModel final : public OpenedModel {
@@ -33,6 +55,14 @@ class LoadedModel final : public OpenedModel {
 
   std::unique_ptr<FwdPass> makePass() const override {
     return std::make_unique<NNFwdPassFromFile>(model_);
+  }
+
+  std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const override {
+    return converted(*this, CodedFwdPass::create(model_, bits, codesFor));
+  }
+
+  std::shared_ptr<OpenedModel> toIntegers(WideInputs wideInputs) const override {
+    return converted(*this, IntegerFwdPass::create(model_, wideInputs));
   }
 
  private:
@@ -52,13 +82,34 @@ class ImageModel final : public OpenedModel {
   }
 
   std::unique_ptr<FwdPass> makePass() const override {
-    const CollectedMessages saidBefore;
     auto pass = std::make_unique<ImageFwdPass>();
-    pass->open(image_, length_, ImageChecksum::kDeclined);
+    openAgain(*pass);
     return pass;
   }
 
+  // The codes are made from a model, which is there only meanwhile.
+  std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const override {
+    ModelFile file;
+    {
+      const CollectedMessages saidBefore;
+      readModel(image_, length_, file);
+    }
+    return converted(*this, CodedFwdPass::create(file.model, bits, codesFor));
+  }
+
+  std::shared_ptr<OpenedModel> toIntegers(WideInputs wideInputs) const override {
+    ImageFwdPass pass;
+    openAgain(pass);
+    return converted(*this, IntegerFwdPass::create(pass, wideInputs), file_);
+  }
+
  private:
+  // What is to say of the image was said when it was opened first.
+  void openAgain(ImageFwdPass& pass) const {
+    const CollectedMessages saidBefore;
+    pass.open(image_, length_, ImageChecksum::kDeclined);
+  }
+
   const void* image_;
   std::size_t length_;
   std::shared_ptr<const FileMapping> file_;
@@ -67,10 +118,12 @@ class ImageModel final : public OpenedModel {
 std::shared_ptr<OpenedModel> openImage(const void* image, std::size_t length,
                                        std::shared_ptr<const FileMapping> file) {
   ImageFwdPass pass;
-  if (pass.open(image, length) == 0) {
-    return std::make_shared<ImageModel>(pass, image, length, std::move(file));
-  }
-  if (length < kMinImageLength) report({"ERROR: ImageFwdPass: ", shorterThanHead(length)});
+  if (pass.open(image, length) != 0) return nullptr;
+  return std::make_shared<ImageModel>(pass, image, length, std::move(file));
+}
+
+std::shared_ptr<OpenedModel> notAgain() {
+  report({"ERROR: the model was converted already: convert the one that it was made from"});
   return nullptr;
 }
 
@@ -83,6 +136,10 @@ OpenedModel::OpenedModel(const DbnFeatureDescription& featureDesc, MelDeltasNorm
       widths_(widths.begin(), widths.end()) {
   featureDesc_.serialize(featureText_);
 }
+
+std::shared_ptr<OpenedModel> OpenedModel::toCodes(int, CodesFor) const { return notAgain(); }
+
+std::shared_ptr<OpenedModel> OpenedModel::toIntegers(WideInputs) const { return notAgain(); }
 
 std::shared_ptr<OpenedModel> openedModelOf(MultiLayerNNModel model) {
   return std::make_shared<LoadedModel>(std::move(model));

@@ -10,8 +10,10 @@
 
 #include "features/DbnFeatureDescription.h"
 #include "features/MelDeltasNorm.h"
+#include "inference/CodedFwdPass.h"
 #include "inference/FileMapping.h"
 #include "inference/FwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "model/ModelFile.h"
 
 namespace mlnn {
@@ -23,11 +25,15 @@ class OpenedModel {
   using Property = std::pair<std::string, std::string>;
 
   virtual ~OpenedModel() = default;
-  OpenedModel(const OpenedModel&) = delete;
   OpenedModel& operator=(const OpenedModel&) = delete;
 
   // Returns a new pass over the model, which must outlive it.
   virtual std::unique_ptr<FwdPass> makePass() const = 0;
+
+  // Make a model whose passes are CodedFwdPasses over one set of codes, or IntegerFwdPasses.
+  // Return: null where that cannot be done, after an error line.
+  virtual std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const;
+  virtual std::shared_ptr<OpenedModel> toIntegers(WideInputs wideInputs) const;
 
   // The inputs, and the outputs of each layer; none without layers.
   const std::vector<std::size_t>& widths() const { return widths_; }
@@ -44,6 +50,7 @@ class OpenedModel {
  protected:
   OpenedModel(const DbnFeatureDescription& featureDesc, MelDeltasNorm deltasNorm,
               const std::vector<int>& widths);
+  OpenedModel(const OpenedModel&) = default;
 
   std::vector<Property> properties_;
   std::vector<std::string> labels_;

@@ -264,6 +264,9 @@ void handOn(mlnn::Severity severity, std::string_view text, void* data) {
 static_assert(static_cast<int>(mlnn::Severity::kError) == MLNN_SEVERITY_ERROR);
 static_assert(static_cast<int>(mlnn::Severity::kWarning) == MLNN_SEVERITY_WARNING);
 static_assert(static_cast<int>(mlnn::Severity::kInfo) == MLNN_SEVERITY_INFO);
+static_assert(static_cast<int>(mlnn::WideInputs::kNone) == MLNN_WIDE_INPUTS_NONE);
+static_assert(static_cast<int>(mlnn::WideInputs::kFirst) == MLNN_WIDE_INPUTS_FIRST);
+static_assert(static_cast<int>(mlnn::WideInputs::kAll) == MLNN_WIDE_INPUTS_ALL);
 
 // Puts the outputs for the input vector of a stream where they belong.
 mlnn_status runStream(Stream& stream, float* outputs, int* hasOutputs) {
@@ -313,6 +316,13 @@ mlnn_status mlnn_set_message_function(mlnn_message_function function, void* data
   });
 }
 
+void mlnn_print_problems(mlnn_severity severity, const char* text, void*) {
+  try {
+    if (text != nullptr) mlnn::printProblems(static_cast<mlnn::Severity>(severity), text, nullptr);
+  } catch (...) {  // no memory for the line
+  }
+}
+
 // --- Models ---
 
 mlnn_status mlnn_model_open(const char* path, const char* hidden_act_fn, mlnn_model* model) {
@@ -340,6 +350,32 @@ mlnn_status mlnn_model_open_image(const void* image, size_t length, mlnn_model* 
 mlnn_status mlnn_model_map_image(const char* path, mlnn_model* model) {
   return openBy(__func__, path, nullptr, model,
                 [&] { return mlnn::openedModelOf(mlnn::mapImageFile(path)); });
+}
+
+mlnn_status mlnn_model_to_codes(mlnn_model model, int32_t bits, int32_t codes_for,
+                                mlnn_model* codes) {
+  const char* const function = __func__;
+  return withModel(function, model, codes, [&](const OpenedModel& opened) {
+    if (bits < mlnn::CodedFwdPass::kMinBits || bits > mlnn::CodedFwdPass::kMaxBits) {
+      return refuse(MLNN_ERROR_ARGUMENT, function, "bits must be 1 to 8");
+    }
+    if (codes_for != MLNN_CODES_FOR_SPEED && codes_for != MLNN_CODES_FOR_MEMORY) {
+      return refuse(MLNN_ERROR_ARGUMENT, function, "codes_for is no value that there is");
+    }
+    const bool isForSpeed = codes_for == MLNN_CODES_FOR_SPEED;
+    return hand(opened.toCodes(bits, isForSpeed ? mlnn::CodesFor::kSpeed : mlnn::CodesFor::kMemory),
+                codes);
+  });
+}
+
+mlnn_status mlnn_model_to_integers(mlnn_model model, int32_t wide_inputs, mlnn_model* integers) {
+  const char* const function = __func__;
+  return withModel(function, model, integers, [&](const OpenedModel& opened) {
+    if (wide_inputs < MLNN_WIDE_INPUTS_NONE || wide_inputs > MLNN_WIDE_INPUTS_ALL) {
+      return refuse(MLNN_ERROR_ARGUMENT, function, "wide_inputs is no value that there is");
+    }
+    return hand(opened.toIntegers(static_cast<mlnn::WideInputs>(wide_inputs)), integers);
+  });
 }
 
 mlnn_status mlnn_model_close(mlnn_model model) {

@@ -91,6 +91,11 @@ typedef void (*mlnn_message_function)(mlnn_severity severity, const char* text, 
  * earlier function. */
 MLNN_API mlnn_status mlnn_set_message_function(mlnn_message_function function, void* data);
 
+/** A function for mlnn_set_message_function: errors and warnings go to the standard error stream,
+ * each line in one write, and what is for information only goes nowhere. `data` is not looked at.
+ */
+MLNN_API void mlnn_print_problems(mlnn_severity severity, const char* text, void* data);
+
 /* --- Models --- */
 
 /** A model that is open. */
@@ -120,6 +125,34 @@ MLNN_API mlnn_status mlnn_model_map_image(const char* path, mlnn_model* model);
 
 /** Ends the handle. */
 MLNN_API mlnn_status mlnn_model_close(mlnn_model model);
+
+/** Which layers mlnn_model_to_codes holds as codes. */
+enum {
+  MLNN_CODES_FOR_SPEED = 0, /**< those that run faster so, which are large ones */
+  MLNN_CODES_FOR_MEMORY = 1 /**< all for which it saves half of the memory or more */
+};
+
+/** Makes another model, whose passes and streams give what the model gives after its parameters
+ * are reduced to `bits` bits, 1 to 8: with a quarter of the memory or less. They share one set of
+ * codes; the model may be closed. `codes_for` is one of MLNN_CODES_FOR_SPEED and
+ * MLNN_CODES_FOR_MEMORY. */
+MLNN_API mlnn_status mlnn_model_to_codes(mlnn_model model, int32_t bits, int32_t codes_for,
+                                         mlnn_model* codes);
+
+/** Which layers of mlnn_model_to_integers take their inputs as integers of 16 bits. */
+enum {
+  MLNN_WIDE_INPUTS_NONE = 0,  /**< none: all take 8 bits */
+  MLNN_WIDE_INPUTS_FIRST = 1, /**< the first */
+  MLNN_WIDE_INPUTS_ALL = 2    /**< all */
+};
+
+/** Makes another model, whose passes and streams compute layers in integers whose weights were
+ * quantised by rows, as `mlnn quantize` does: faster, and with the same bits on every processor,
+ * which are not those of floats (docs/integer-pass.md). They share the weights, which for an image
+ * that is run from where it lies stay there; the model may be closed. `wide_inputs` is one of
+ * MLNN_WIDE_INPUTS_NONE, MLNN_WIDE_INPUTS_FIRST and MLNN_WIDE_INPUTS_ALL. */
+MLNN_API mlnn_status mlnn_model_to_integers(mlnn_model model, int32_t wide_inputs,
+                                            mlnn_model* integers);
 
 /** The values in an input vector. */
 MLNN_API mlnn_status mlnn_model_inputs(mlnn_model model, size_t* inputs);

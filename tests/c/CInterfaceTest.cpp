@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -12,7 +13,10 @@
 #include <vector>
 
 #include "features/ContextWindow.h"
+#include "inference/CodedFwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "model/ModelFile.h"
+#include "model/RowQuantization.h"
 #include "tests/c/from_c.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
@@ -117,6 +121,16 @@ class CInterface : public testing::Test {
     return model;
   }
 
+  // What a pass over the model makes of the inputs.
+  MatrixXf run(mlnn_model model) const {
+    mlnn_pass pass;
+    MatrixXf outputs(2, 50);
+    EXPECT_EQ(mlnn_pass_create(model, &pass), MLNN_OK);
+    EXPECT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, outputs.data(), 2, 2), MLNN_OK);
+    EXPECT_EQ(mlnn_pass_close(pass), MLNN_OK);
+    return outputs;
+  }
+
   TempFolder folder_;
   MultiLayerNNModel model_;
   std::string text_;
@@ -156,6 +170,99 @@ TEST_F(CInterface, refusesModelsThatCannotBeRun) {
       EXPECT_EQ(mlnn_model_close(model), MLNN_OK);
     });
   }
+}
+
+// Whatever the model was opened from, and after it was closed: the bits of the C++ passes.
+TEST_F(CInterface, modelsOfCodesAndIntegersGiveTheBitsOfTheirPasses) {
+  ASSERT_EQ(mlnn::quantizeRows(model_, {}), 0);
+  text_ = textOf(model_);
+  image_ = mlnn::test::ByteImage::of(model_).bytes();
+  std::memcpy(imageWords_.data(), image_.data(), image_.size());
+  imagePath_ = folder_.write("quantised", image_);
+  const std::vector<std::function<mlnn_status(mlnn_model*)>> waysToOpen = {
+      [&](mlnn_model* m) { return mlnn_model_open_memory(text_.data(), text_.size(), nullptr, m); },
+      [&](mlnn_model* m) { return mlnn_model_open(imagePath_.c_str(), nullptr, m); },
+      [&](mlnn_model* m) { return mlnn_model_open_image(imageWords_.data(), image_.size(), m); },
+      [&](mlnn_model* m) { return mlnn_model_map_image(imagePath_.c_str(), m); }};
+  const auto outputsOf = [&](FwdPass& pass) {
+    MatrixXf outputs;
+    EXPECT_EQ(pass.evaluate(inputs_, outputs), 0);
+    return outputs;
+  };
+  const MatrixXf coded = outputsOf(*mlnn::CodedFwdPass::create(model_, 5, mlnn::CodesFor::kMemory));
+  const MatrixXf integer =
+      outputsOf(*mlnn::IntegerFwdPass::create(model_, mlnn::WideInputs::kFirst));
+  EXPECT_FALSE(mlnn::test::sameBits(coded, integer));
+  for (const auto& open : waysToOpen) {
+    stderrOf([&] {
+      mlnn_model model, codes, integers;
+      ASSERT_EQ(open(&model), MLNN_OK);
+      ASSERT_EQ(mlnn_model_to_codes(model, 5, MLNN_CODES_FOR_MEMORY, &codes), MLNN_OK);
+      ASSERT_EQ(mlnn_model_to_integers(model, MLNN_WIDE_INPUTS_FIRST, &integers), MLNN_OK);
+      EXPECT_EQ(mlnn_model_close(model), MLNN_OK);
+      EXPECT_TRUE(mlnn::test::sameBits(run(codes), coded));
+      EXPECT_TRUE(mlnn::test::sameBits(run(integers), integer));
+      for (const mlnn_model converted : {codes, integers}) {
+        size_t layers = 0;
+        EXPECT_EQ(mlnn_model_layers(converted, &layers), MLNN_OK);
+        EXPECT_EQ(layers, 3u);
+        mlnn_model again = {7};
+        EXPECT_EQ(mlnn_model_to_codes(converted, 5, 0, &again), MLNN_ERROR_MODEL);
+        EXPECT_EQ(mlnn_model_to_integers(converted, 0, &again), MLNN_ERROR_MODEL);
+        EXPECT_STREQ(
+            mlnn_last_error(),
+            "ERROR: the model was converted already: convert the one that it was made from");
+        EXPECT_EQ(again.id, 7u);
+        EXPECT_EQ(mlnn_model_close(converted), MLNN_OK);
+      }
+    });
+  }
+}
+
+TEST_F(CInterface, passesOverAModelOfCodesShareThem) {
+  MultiLayerNNModel large = mlnn::test::modelOf({plainLayer(2000, 1000)});
+  large.deltasNorm.allocIfNeeded();
+  const std::string image = mlnn::test::ByteImage::of(large).bytes();
+  stderrOf([&] {
+    mlnn_model model, codes;
+    ASSERT_EQ(mlnn_model_open_memory(image.data(), image.size(), nullptr, &model), MLNN_OK);
+    ASSERT_EQ(mlnn_model_to_codes(model, 8, MLNN_CODES_FOR_SPEED, &codes), MLNN_OK);
+    ASSERT_EQ(mlnn_model_close(model), MLNN_OK);
+    const AllocationWatch watch;
+    mlnn_pass passes[8];
+    for (mlnn_pass& pass : passes) EXPECT_EQ(mlnn_pass_create(codes, &pass), MLNN_OK);
+    EXPECT_LT(watch.total(), 2000u * 1000u / 2);  // the codes take 2,000,000 once
+    for (const mlnn_pass pass : passes) EXPECT_EQ(mlnn_pass_close(pass), MLNN_OK);
+    EXPECT_EQ(mlnn_model_close(codes), MLNN_OK);
+  });
+}
+
+TEST_F(CInterface, modelsThatCannotBeRunAreNotConverted) {
+  const std::string text = "MultiLayerNNModel\nnum_layers 0\n";
+  stderrOf([&] {
+    mlnn_model model, other = {7};
+    ASSERT_EQ(mlnn_model_open_memory(text.data(), text.size(), nullptr, &model), MLNN_OK);
+    EXPECT_EQ(mlnn_model_to_codes(model, 8, MLNN_CODES_FOR_SPEED, &other), MLNN_ERROR_MODEL);
+    EXPECT_STREQ(mlnn_last_error(), "ERROR: CodedFwdPass::create: model has no layers");
+    EXPECT_EQ(mlnn_model_to_integers(model, MLNN_WIDE_INPUTS_NONE, &other), MLNN_ERROR_MODEL);
+    EXPECT_STREQ(mlnn_last_error(), "ERROR: IntegerFwdPass::create: model has no layers");
+    EXPECT_EQ(other.id, 7u);
+    EXPECT_EQ(mlnn_model_close(model), MLNN_OK);
+  });
+}
+
+TEST_F(CInterface, thePrinterOfProblemsLeavesOutInformation) {
+  EXPECT_EQ(mlnn_set_message_function(&mlnn_print_problems, nullptr), MLNN_OK);
+  EXPECT_EQ(stderrOf([&] {
+              mlnn_model model;
+              EXPECT_EQ(mlnn_model_open(textPath_.c_str(), nullptr, &model), MLNN_OK);
+              EXPECT_EQ(mlnn_model_close(model), MLNN_OK);
+              EXPECT_EQ(mlnn_model_close(model), MLNN_ERROR_HANDLE);
+              mlnn_print_problems(MLNN_SEVERITY_WARNING, "Warning: own", nullptr);
+              mlnn_print_problems(MLNN_SEVERITY_WARNING, nullptr, nullptr);
+            }),
+            "ERROR: mlnn_model_close: the handle is closed, or is not one\nWarning: own\n");
+  EXPECT_EQ(mlnn_set_message_function(nullptr, nullptr), MLNN_OK);
 }
 
 TEST_F(CInterface, anImageIsRunWithoutACopy) {

@@ -1,0 +1,419 @@
+// Every parameter of every function of the C interface, as the header lists them, with a wrong
+// value.
+#include <gtest/gtest.h>
+#include <mlnn.h>
+
+#include <cstring>
+#include <functional>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "layers/Messages.h"
+#include "tests/support/ByteImage.h"
+#include "tests/support/CaptureStderr.h"
+#include "tests/support/DigitsFolder.h"
+#include "tests/support/SourceTree.h"
+#include "tests/support/TempFolder.h"
+#include "tests/support/TestModels.h"
+
+namespace {
+
+using mlnn::test::plainLayer;
+using mlnn::test::stderrOf;
+using mlnn::test::TempFolder;
+
+// What a function of the header takes and gives.
+struct Declaration {
+  std::string result;
+  std::string name;
+  std::vector<std::string> parameters;
+};
+
+std::vector<std::string> parametersIn(const std::string& list) {
+  static const std::regex kParameter(R"((\w+)\s*(?:,|$))");
+  std::vector<std::string> names;
+  for (std::sregex_iterator it(list.begin(), list.end(), kParameter), end; it != end; ++it) {
+    if ((*it)[1] != "void") names.push_back((*it)[1]);
+  }
+  return names;
+}
+
+std::vector<Declaration> declarationsOfTheHeader() {
+  static const std::regex kFunction(R"(MLNN_API ([\w ]+[ *]+)(mlnn_\w+)\(([^)]*)\);)");
+  const std::string header = mlnn::test::contentOf(mlnn::test::sourcePath("c/mlnn.h"));
+  std::vector<Declaration> found;
+  for (std::sregex_iterator it(header.begin(), header.end(), kFunction), end; it != end; ++it) {
+    found.push_back({(*it)[1], (*it)[2], parametersIn((*it)[3])});
+  }
+  return found;
+}
+
+// These return no status: they cannot refuse.
+const std::set<std::string> kNeverRefuse = {"mlnn_last_error", "mlnn_status_name", "mlnn_version",
+                                            "mlnn_print_problems"};
+// These take any value.
+const std::set<std::string> kTakeAll = {"mlnn_set_message_function function",
+                                        "mlnn_set_message_function data"};
+
+// Whatever functions fill.
+struct Results {
+  mlnn_model model = {1};
+  mlnn_pass pass = {2};
+  mlnn_stream stream = {3};
+  mlnn_features features = {4, 4, 4, 4, 4, 4, 4};
+  size_t count = 5;
+  int flag = 6;
+  const char* text = nullptr;
+  const char* other = nullptr;
+  float outputs[8] = {7, 7, 7, 7, 7, 7, 7, 7};
+};
+
+bool areSame(const Results& a, const Results& b) {
+  return a.model.id == b.model.id && a.pass.id == b.pass.id && a.stream.id == b.stream.id &&
+         std::memcmp(&a.features, &b.features, sizeof a.features) == 0 && a.count == b.count &&
+         a.flag == b.flag && a.text == b.text && a.other == b.other &&
+         std::memcmp(a.outputs, b.outputs, sizeof a.outputs) == 0;
+}
+
+std::string imageOfANetwork() {
+  MultiLayerNNModel model = mlnn::test::modelOf({plainLayer(4, 2)});
+  model.deltasNorm.allocIfNeeded();
+  return mlnn::test::ByteImage::of(model).bytes();
+}
+
+class CRefusals : public testing::Test {
+ protected:
+  CRefusals()
+      : image_(imageOfANetwork()),
+        path_(folder_.write("image", image_)) {
+    stderrOf([&] {
+      mlnn_model_open(path_.c_str(), nullptr, &model_);
+      mlnn_pass_create(model_, &pass_);
+      mlnn_stream_create(model_, 4, &stream_);
+      mlnn_model closed;
+      mlnn_model_open(path_.c_str(), nullptr, &closed);
+      mlnn_model_close(closed);
+      closed_ = closed.id;
+    });
+  }
+
+  ~CRefusals() override {
+    mlnn_stream_close(stream_);
+    mlnn_pass_close(pass_);
+    mlnn_model_close(model_);
+  }
+
+  // Makes a call with one wrong value, and looks at all that it leaves behind.
+  void expect(mlnn_status status, const std::string& function, const std::string& parameter,
+              const std::function<mlnn_status()>& call) {
+    SCOPED_TRACE(function + " " + parameter);
+    tried_.insert(function + " " + parameter);
+    const Results before = results_;
+    mlnn::clearLastError();
+    const std::string said = stderrOf([&] { EXPECT_EQ(call(), status); });
+    const std::string why = mlnn_last_error();
+    const bool isOwn = status != MLNN_ERROR_MODEL;
+    EXPECT_EQ(why.find(isOwn ? "ERROR: " + function + ": " : "ERROR: "), 0u) << why;
+    EXPECT_EQ(said.substr(said.size() - std::min(said.size(), why.size() + 1)), why + "\n");
+    EXPECT_TRUE(areSame(results_, before));
+  }
+
+  // The same with every kind of wrong handle. `notOne` is of another kind.
+  template <typename Handle>
+  void expectNoHandle(const std::string& function, const std::string& parameter, uint64_t notOne,
+                      const std::function<mlnn_status(Handle)>& call) {
+    for (const uint64_t id : {uint64_t{0}, uint64_t{1}, closed_, notOne, UINT64_MAX}) {
+      expect(MLNN_ERROR_HANDLE, function, parameter, [&] { return call(Handle{id}); });
+    }
+  }
+  void expectNoModel(const std::string& function,
+                     const std::function<mlnn_status(mlnn_model)>& call) {
+    expectNoHandle<mlnn_model>(function, "model", pass_.id, call);
+  }
+  void expectNoStream(const std::string& function,
+                      const std::function<mlnn_status(mlnn_stream)>& call) {
+    expectNoHandle<mlnn_stream>(function, "stream", model_.id, call);
+  }
+
+  void tryOpening();
+  void tryConverting();
+  void tryQuestions();
+  void tryProperties();
+  void tryPasses();
+  void tryStreams();
+
+  TempFolder folder_;
+  std::string image_;
+  std::string path_;
+  mlnn_model model_ = {0};
+  mlnn_pass pass_ = {0};
+  mlnn_stream stream_ = {0};
+  uint64_t closed_ = 0;
+  const float inputs_[8] = {};
+  Results results_;
+  std::set<std::string> tried_;  // as "function parameter"
+};
+
+void CRefusals::tryOpening() {
+  const char* const path = path_.c_str();
+  const void* const bytes = image_.data();
+  Results& r = results_;
+  std::string name = "mlnn_model_open";
+  expect(MLNN_ERROR_ARGUMENT, name, "path",
+         [&] { return mlnn_model_open(nullptr, nullptr, &r.model); });
+  expect(MLNN_ERROR_MODEL, name, "path",
+         [&] { return mlnn_model_open("no/such/file", nullptr, &r.model); });
+  expect(MLNN_ERROR_MODEL, name, "path", [&] { return mlnn_model_open("", nullptr, &r.model); });
+  expect(MLNN_ERROR_MODEL, name, "path",
+         [&] { return mlnn_model_open(folder_.path().c_str(), nullptr, &r.model); });
+  expect(MLNN_ERROR_ARGUMENT, name, "hidden_act_fn",
+         [&] { return mlnn_model_open(path, "", &r.model); });
+  expect(MLNN_ERROR_ARGUMENT, name, "model",
+         [&] { return mlnn_model_open(path, nullptr, nullptr); });
+
+  name = "mlnn_model_open_memory";
+  const auto openMemory = [&](const void* where, size_t length) {
+    return [&r, where, length] { return mlnn_model_open_memory(where, length, nullptr, &r.model); };
+  };
+  expect(MLNN_ERROR_ARGUMENT, name, "bytes", openMemory(nullptr, image_.size()));
+  for (const size_t length : {size_t{0}, size_t{4}, size_t{7}, size_t{8}, image_.size() - 1}) {
+    expect(MLNN_ERROR_MODEL, name, "length", openMemory(bytes, length));
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "hidden_act_fn",
+         [&] { return mlnn_model_open_memory(bytes, image_.size(), "none", &r.model); });
+  expect(MLNN_ERROR_ARGUMENT, name, "model",
+         [&] { return mlnn_model_open_memory(bytes, image_.size(), nullptr, nullptr); });
+
+  name = "mlnn_model_open_image";
+  const auto openImage = [&](const void* where, size_t length) {
+    return [&r, where, length] { return mlnn_model_open_image(where, length, &r.model); };
+  };
+  expect(MLNN_ERROR_ARGUMENT, name, "image", openImage(nullptr, image_.size()));
+  for (const size_t length : {size_t{0}, size_t{4}, size_t{7}, size_t{8}, image_.size() - 1}) {
+    expect(MLNN_ERROR_MODEL, name, "length", openImage(bytes, length));
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "model",
+         [&] { return mlnn_model_open_image(bytes, image_.size(), nullptr); });
+
+  name = "mlnn_model_map_image";
+  expect(MLNN_ERROR_ARGUMENT, name, "path",
+         [&] { return mlnn_model_map_image(nullptr, &r.model); });
+  expect(MLNN_ERROR_MODEL, name, "path",
+         [&] { return mlnn_model_map_image("no/such/file", &r.model); });
+  expect(MLNN_ERROR_MODEL, name, "path",
+         [&] { return mlnn_model_map_image(folder_.path().c_str(), &r.model); });
+  expect(MLNN_ERROR_ARGUMENT, name, "model", [&] { return mlnn_model_map_image(path, nullptr); });
+  expectNoModel("mlnn_model_close", [&](mlnn_model m) { return mlnn_model_close(m); });
+}
+
+void CRefusals::tryConverting() {
+  Results& r = results_;
+  std::string name = "mlnn_model_to_codes";
+  const auto toCodes = [&](int32_t bits, int32_t codesFor) {
+    return [this, &r, bits, codesFor] {
+      return mlnn_model_to_codes(model_, bits, codesFor, &r.model);
+    };
+  };
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_model_to_codes(m, 8, 0, &r.model); });
+  for (const int32_t bits : {0, 9, -1, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "bits", toCodes(bits, MLNN_CODES_FOR_SPEED));
+  }
+  for (const int32_t codesFor : {-1, 2}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "codes_for", toCodes(8, codesFor));
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "codes",
+         [&] { return mlnn_model_to_codes(model_, 8, 0, nullptr); });
+
+  name = "mlnn_model_to_integers";
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_model_to_integers(m, 0, &r.model); });
+  for (const int32_t wide : {-1, 3}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "wide_inputs",
+           [&] { return mlnn_model_to_integers(model_, wide, &r.model); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "integers",
+         [&] { return mlnn_model_to_integers(model_, 0, nullptr); });
+}
+
+void CRefusals::tryQuestions() {
+  Results& r = results_;
+  expectNoModel("mlnn_model_inputs", [&](mlnn_model m) { return mlnn_model_inputs(m, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_inputs", "inputs",
+         [&] { return mlnn_model_inputs(model_, nullptr); });
+  expectNoModel("mlnn_model_outputs",
+                [&](mlnn_model m) { return mlnn_model_outputs(m, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_outputs", "outputs",
+         [&] { return mlnn_model_outputs(model_, nullptr); });
+  expectNoModel("mlnn_model_layers", [&](mlnn_model m) { return mlnn_model_layers(m, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_layers", "layers",
+         [&] { return mlnn_model_layers(model_, nullptr); });
+  expectNoModel("mlnn_model_softmax", [&](mlnn_model m) { return mlnn_model_softmax(m, &r.flag); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_softmax", "softmax",
+         [&] { return mlnn_model_softmax(model_, nullptr); });
+  expectNoModel("mlnn_model_features",
+                [&](mlnn_model m) { return mlnn_model_features(m, &r.features); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_features", "features",
+         [&] { return mlnn_model_features(model_, nullptr); });
+  expectNoModel("mlnn_model_feature_text",
+                [&](mlnn_model m) { return mlnn_model_feature_text(m, &r.text); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_feature_text", "text",
+         [&] { return mlnn_model_feature_text(model_, nullptr); });
+
+  std::string name = "mlnn_model_layer_outputs";
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_model_layer_outputs(m, 0, &r.count); });
+  for (const size_t layer : {size_t{1}, SIZE_MAX}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "layer",
+           [&] { return mlnn_model_layer_outputs(model_, layer, &r.count); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "outputs",
+         [&] { return mlnn_model_layer_outputs(model_, 0, nullptr); });
+
+  name = "mlnn_model_label";
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_model_label(m, 0, &r.text); });
+  for (const size_t output : {size_t{2}, SIZE_MAX}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "output",
+           [&] { return mlnn_model_label(model_, output, &r.text); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "label", [&] { return mlnn_model_label(model_, 0, nullptr); });
+}
+
+void CRefusals::tryProperties() {
+  Results& r = results_;
+  expectNoModel("mlnn_model_properties",
+                [&](mlnn_model m) { return mlnn_model_properties(m, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_model_properties", "properties",
+         [&] { return mlnn_model_properties(model_, nullptr); });
+
+  std::string name = "mlnn_model_property";
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_model_property(m, "labels", &r.text); });
+  expect(MLNN_ERROR_ARGUMENT, name, "name",
+         [&] { return mlnn_model_property(model_, nullptr, &r.text); });
+  expect(MLNN_ERROR_ARGUMENT, name, "value",
+         [&] { return mlnn_model_property(model_, "labels", nullptr); });
+
+  name = "mlnn_model_property_at";
+  expectNoModel(name,
+                [&](mlnn_model m) { return mlnn_model_property_at(m, 0, &r.text, &r.other); });
+  for (const size_t index : {size_t{0}, SIZE_MAX}) {  // an image has none
+    expect(MLNN_ERROR_ARGUMENT, name, "index",
+           [&] { return mlnn_model_property_at(model_, index, &r.text, &r.other); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "name",
+         [&] { return mlnn_model_property_at(model_, 0, nullptr, &r.other); });
+  expect(MLNN_ERROR_ARGUMENT, name, "value",
+         [&] { return mlnn_model_property_at(model_, 0, &r.text, nullptr); });
+}
+
+void CRefusals::tryPasses() {
+  Results& r = results_;
+  expectNoModel("mlnn_pass_create", [&](mlnn_model m) { return mlnn_pass_create(m, &r.pass); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_pass_create", "pass",
+         [&] { return mlnn_pass_create(model_, nullptr); });
+  expectNoHandle<mlnn_pass>("mlnn_pass_close", "pass", stream_.id,
+                            [&](mlnn_pass p) { return mlnn_pass_close(p); });
+
+  const std::string name = "mlnn_pass_run";
+  float* const to = r.outputs;
+  expectNoHandle<mlnn_pass>(name, "pass", stream_.id, [&](mlnn_pass p) {
+    return mlnn_pass_run(p, 1, inputs_, 4, 4, to, 2, 2);
+  });
+  expect(MLNN_ERROR_SIZE, name, "frames",
+         [&] { return mlnn_pass_run(pass_, SIZE_MAX, inputs_, 4, 4, to, 2, 2); });
+  expect(MLNN_ERROR_ARGUMENT, name, "inputs",
+         [&] { return mlnn_pass_run(pass_, 1, nullptr, 4, 4, to, 2, 2); });
+  for (const size_t width : {size_t{0}, size_t{3}, size_t{5}, SIZE_MAX}) {
+    expect(MLNN_ERROR_SIZE, name, "input_width",
+           [&] { return mlnn_pass_run(pass_, 1, inputs_, width, 4, to, 2, 2); });
+    expect(MLNN_ERROR_SIZE, name, "output_width",
+           [&] { return mlnn_pass_run(pass_, 1, inputs_, 4, 4, to, width, 2); });
+  }
+  for (const size_t stride : {size_t{0}, size_t{1}, SIZE_MAX}) {
+    expect(MLNN_ERROR_SIZE, name, "input_stride",
+           [&] { return mlnn_pass_run(pass_, 2, inputs_, 4, stride, to, 2, 2); });
+    expect(MLNN_ERROR_SIZE, name, "output_stride",
+           [&] { return mlnn_pass_run(pass_, 2, inputs_, 4, 4, to, 2, stride); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "outputs",
+         [&] { return mlnn_pass_run(pass_, 1, inputs_, 4, 4, nullptr, 2, 2); });
+}
+
+void CRefusals::tryStreams() {
+  Results& r = results_;
+  std::string name = "mlnn_stream_create";
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_stream_create(m, 4, &r.stream); });
+  for (const size_t width : {size_t{3}, SIZE_MAX}) {
+    expect(MLNN_ERROR_SIZE, name, "frame_width",
+           [&] { return mlnn_stream_create(model_, width, &r.stream); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "stream",
+         [&] { return mlnn_stream_create(model_, 4, nullptr); });
+  expectNoStream("mlnn_stream_close", [&](mlnn_stream s) { return mlnn_stream_close(s); });
+  expectNoStream("mlnn_stream_reset", [&](mlnn_stream s) { return mlnn_stream_reset(s); });
+  expectNoStream("mlnn_stream_delay",
+                 [&](mlnn_stream s) { return mlnn_stream_delay(s, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, "mlnn_stream_delay", "frames",
+         [&] { return mlnn_stream_delay(stream_, nullptr); });
+  name = "mlnn_stream_frame_width";
+  expectNoStream(name, [&](mlnn_stream s) { return mlnn_stream_frame_width(s, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, name, "frame_width",
+         [&] { return mlnn_stream_frame_width(stream_, nullptr); });
+
+  name = "mlnn_stream_push";
+  float* const to = r.outputs;
+  expectNoStream(name,
+                 [&](mlnn_stream s) { return mlnn_stream_push(s, inputs_, 4, to, 2, &r.flag); });
+  expect(MLNN_ERROR_ARGUMENT, name, "frame",
+         [&] { return mlnn_stream_push(stream_, nullptr, 4, to, 2, &r.flag); });
+  expect(MLNN_ERROR_ARGUMENT, name, "outputs",
+         [&] { return mlnn_stream_push(stream_, inputs_, 4, nullptr, 2, &r.flag); });
+  expect(MLNN_ERROR_ARGUMENT, name, "has_outputs",
+         [&] { return mlnn_stream_push(stream_, inputs_, 4, to, 2, nullptr); });
+  for (const size_t width : {size_t{0}, size_t{3}, SIZE_MAX}) {
+    expect(MLNN_ERROR_SIZE, name, "frame_width",
+           [&] { return mlnn_stream_push(stream_, inputs_, width, to, 2, &r.flag); });
+    expect(MLNN_ERROR_SIZE, name, "output_width",
+           [&] { return mlnn_stream_push(stream_, inputs_, 4, to, width, &r.flag); });
+    expect(MLNN_ERROR_SIZE, "mlnn_stream_finish", "output_width",
+           [&] { return mlnn_stream_finish(stream_, to, width, &r.flag); });
+  }
+  name = "mlnn_stream_finish";
+  expectNoStream(name, [&](mlnn_stream s) { return mlnn_stream_finish(s, to, 2, &r.flag); });
+  expect(MLNN_ERROR_ARGUMENT, name, "outputs",
+         [&] { return mlnn_stream_finish(stream_, nullptr, 2, &r.flag); });
+  expect(MLNN_ERROR_ARGUMENT, name, "has_outputs",
+         [&] { return mlnn_stream_finish(stream_, to, 2, nullptr); });
+}
+
+TEST_F(CRefusals, haveACodeAndATextForEveryParameterOfTheHeader) {
+  tryOpening();
+  tryConverting();
+  tryQuestions();
+  tryProperties();
+  tryPasses();
+  tryStreams();
+  const std::vector<Declaration> declarations = declarationsOfTheHeader();
+  EXPECT_GT(declarations.size(), 30u);
+  std::set<std::string> expected;
+  for (const Declaration& declaration : declarations) {
+    if (kNeverRefuse.count(declaration.name) != 0) continue;
+    EXPECT_EQ(declaration.result, "mlnn_status ") << declaration.name;
+    for (const std::string& parameter : declaration.parameters) {
+      const std::string one = declaration.name + " " + parameter;
+      if (kTakeAll.count(one) == 0) expected.insert(one);
+    }
+  }
+  EXPECT_EQ(tried_, expected);
+}
+
+// Each function that the library shows to C is one that the header declares.
+TEST_F(CRefusals, knowEveryFunctionOfTheHeader) {
+  const std::string header = mlnn::test::contentOf(mlnn::test::sourcePath("c/mlnn.h"));
+  std::size_t exported = 0;
+  for (std::size_t at = 0; (at = header.find("MLNN_API ", at)) != std::string::npos; ++at)
+    ++exported;
+  // Beside the functions it is defined, once empty.
+  EXPECT_EQ(declarationsOfTheHeader().size(), exported - 1);
+}
+
+}  // namespace
