@@ -9,6 +9,7 @@
 
 #include "inference/CodedFwdPass.h"
 #include "inference/Evaluation.h"
+#include "inference/IntegerFwdPass.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/commands/CoarseGrid.h"
@@ -37,10 +38,15 @@ struct Options {
   std::string trace;
   bool stacked = false;
   bool json = false;
-  int bits = 0;                 // of the weights; 0 for the model itself
+  int bits = 0;  // of the weights; 0 for the model itself
+  bool integers = false;
+  std::string words;            // the layers that take words in integers; "" for none
   std::optional<bool> softmax;  // as the model says without it
   LoadOptions load;
 };
+
+constexpr char kFirstLayer[] = "first";
+constexpr char kAllLayers[] = "all";
 
 // One recording: where its frames come from, where the outputs go ("" for the table), and the
 // folder for what every layer computes ("" for none).
@@ -80,12 +86,18 @@ CommandHelp help() {
       "otherwise.\n"
       "\n"
       "With --bits the weights are held as codes of so many bits, and the results are those of\n"
-      "`mlnn reduce` with as many.";
+      "`mlnn reduce` with as many.\n"
+      "\n"
+      "With --integers layers that `mlnn quantize` has rounded are computed in integers: inputs\n"
+      "are rounded to 8 bits, with a scale for each frame, and the results are the same to the "
+      "bit\n"
+      "on every processor. --words gives the inputs of the first layer, or of all, 16 bits.";
   help.examples =
       "mlnn run model.txt word.npy\n"
       "mlnn run model.mlnn word.npy -o posteriors.npy\n"
       "mlnn run model.mlnn words/*.npy -o posteriors/\n"
       "mlnn run model.mlnn word.npy --trace traced/\n"
+      "mlnn run quantised.mlnn word.npy --integers\n"
       "mlnn run --json model.mlnn words/*.npy | jq -r .recordings[].recording.label\n"
       "extract-features word.wav | mlnn run model.mlnn -";
   help.exitStatus =
@@ -159,12 +171,30 @@ void makeFolder(const std::string& name) {
   }
 }
 
-// The forward pass over few bits, where the options ask for one.
-std::unique_ptr<FwdPass> codedPass(RunnableModel& model, const Options& options) {
-  if (options.bits == 0) return nullptr;
-  warnOfCoarseGrid(model.model(), options.bits);
-  std::unique_ptr<FwdPass> pass =
-      CodedFwdPass::create(model.model(), options.bits, CodesFor::kMemory);
+std::unique_ptr<FwdPass> codedPass(RunnableModel& model, int bits) {
+  warnOfCoarseGrid(model.model(), bits);
+  return CodedFwdPass::create(model.model(), bits, CodesFor::kMemory);
+}
+
+WideInputs wideInputsOf(const std::string& words) {
+  if (words.empty()) return WideInputs::kNone;
+  return words == kAllLayers ? WideInputs::kAll : WideInputs::kFirst;
+}
+
+std::unique_ptr<FwdPass> integerPass(const RunnableModel& model, WideInputs wideInputs) {
+  std::unique_ptr<IntegerFwdPass> pass = model.integerPass(wideInputs);
+  if (pass != nullptr && pass->numIntegerLayers() == 0) {
+    printWarning(
+        "no layer is quantised by rows, so all are computed in floats; see 'mlnn quantize'");
+  }
+  return pass;
+}
+
+// The forward pass over few bits or in integers, where the options ask for one.
+std::unique_ptr<FwdPass> otherPass(RunnableModel& model, const Options& options) {
+  if (options.bits == 0 && !options.integers) return nullptr;
+  std::unique_ptr<FwdPass> pass = options.integers ? integerPass(model, wideInputsOf(options.words))
+                                                   : codedPass(model, options.bits);
   if (pass == nullptr) throw Failure(kCannotBeRun);
   return pass;
 }
@@ -219,8 +249,8 @@ class Report {
 
 int runJobs(const std::vector<Job>& jobs, const Options& options, RunnableModel& model) {
   int status = kDone;
-  const std::unique_ptr<FwdPass> coded = codedPass(model, options);
-  FwdPass& pass = coded ? *coded : model.pass();
+  const std::unique_ptr<FwdPass> other = otherPass(model, options);
+  FwdPass& pass = other ? *other : model.pass();
   Report report(options, model.outputSide());
   Progress progress(jobs.size());
   for (const Job& job : jobs) {
@@ -248,6 +278,9 @@ void checkUsage(const Options& options) {
   }
   if (options.bits != 0 && !options.trace.empty()) {
     throw UsageError("a trace shows the model itself, so --trace does not go with --bits");
+  }
+  if (options.integers && !options.trace.empty()) {
+    throw UsageError("a trace shows floats, so --trace does not go with --integers");
   }
 }
 
@@ -277,9 +310,16 @@ void addRunCommand(Tool& tool) {
       .type("DIR");
   command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
   command.addFlag("--json", options->json, "Print the classes as JSON");
-  command.add("--bits", options->bits, "Hold the weights as codes of so many bits")
-      .inRange(CodedFwdPass::kMinBits, CodedFwdPass::kMaxBits)
-      .type("BITS");
+  Option bits = command.add("--bits", options->bits, "Hold the weights as codes of so many bits")
+                    .inRange(CodedFwdPass::kMinBits, CodedFwdPass::kMaxBits)
+                    .type("BITS");
+  Option integers =
+      command.addFlag("--integers", options->integers, "Compute quantised layers in integers");
+  integers.excludes(bits);
+  command.add("--words", options->words, "Layers whose inputs take 16 bits in integers: first, all")
+      .oneOf({kFirstLayer, kAllLayers})
+      .needs(integers)
+      .type("LAYERS");
   addOnOffOption(command, "--softmax", options->softmax,
                  "Whether a softmax goes over the outputs (default: as the model says)");
   addLoadOptions(command, options->load);

@@ -31,4 +31,9 @@ OutputSide RunnableModel::outputSide() const {
   return {classLabels(file_.model), file_.model.useSoftmax};
 }
 
+std::unique_ptr<IntegerFwdPass> RunnableModel::integerPass(WideInputs wideInputs) const {
+  if (image_) return IntegerFwdPass::create(image_->pass(), wideInputs);
+  return IntegerFwdPass::create(file_.model, wideInputs);
+}
+
 }  // namespace mlnn

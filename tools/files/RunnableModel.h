@@ -6,6 +6,7 @@
 #include <string>
 
 #include "inference/FwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "inference/RecordingInputs.h"
 #include "tools/files/ImageFile.h"
 #include "tools/files/ModelLoading.h"
@@ -27,6 +28,10 @@ class RunnableModel {
   OutputSide outputSide() const;
 
   FwdPass& pass() { return image_ ? static_cast<FwdPass&>(image_->pass()) : *loadedPass_; }
+
+  // Makes a pass in integers over what it runs; an image is read where it lies.
+  // Returns: null, after an error line, where that cannot be run.
+  std::unique_ptr<IntegerFwdPass> integerPass(WideInputs wideInputs) const;
 
   // REQUIRES: it was made for one who needs the model.
   MultiLayerNNModel& model() { return file_.model; }

@@ -3,13 +3,18 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "inference/Evaluation.h"
+#include "inference/IntegerFwdPass.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/CommandFixture.h"
+#include "tools/files/Frames.h"
+#include "tools/files/ModelLoading.h"
 
 namespace {
 
@@ -311,6 +316,63 @@ TEST_F(RunCommandTest, refusesBitsThatNoCodeHas) {
                 "ERROR: a trace shows the model itself, so --trace does not go with --bits\n");
 }
 
+// --- Integers ---
+
+Eigen::MatrixXf integerOutputs(const MultiLayerNNModel& model, const Eigen::MatrixXf& frames,
+                               mlnn::WideInputs wideInputs) {
+  std::string whyNot;
+  const auto inputs = mlnn::RecordingInputs::forFrames(model, frames.rows(), false, "it", whyNot);
+  EXPECT_TRUE(inputs) << whyNot;
+  const auto pass = mlnn::IntegerFwdPass::create(model, wideInputs);
+  return *mlnn::evaluateFrames(*pass, frames, *inputs);
+}
+
+// As the library computes them, from a text and from an image where it lies.
+TEST_F(RunCommandTest, computesQuantisedLayersInIntegers) {
+  const std::string digits = sourcePath("examples/digits/synth.txt");
+  const std::string frames = sourcePath("examples/digits/frames/3_en-us_f4.npy");
+  ASSERT_EQ(runTool({"quantize", digits, folder_.path("text")}).status, 0);
+  ASSERT_EQ(runTool({"convert", "text", "image.mlnn"}, "", folder_.path()).status, 0);
+  const std::vector<std::pair<std::vector<std::string>, mlnn::WideInputs>> ways = {
+      {{}, mlnn::WideInputs::kNone},
+      {{"--words", "first"}, mlnn::WideInputs::kFirst},
+      {{"--words", "all"}, mlnn::WideInputs::kAll}};
+  const mlnn::ModelFile text = mlnn::loadModel(folder_.path("text"));
+  for (const auto& [options, wideInputs] : ways) {
+    const Eigen::MatrixXf expected =
+        integerOutputs(text.model, mlnn::readRecording(frames), wideInputs);
+    mlnn::writeFrames(folder_.path("expected"), expected);
+    for (const std::string name : {"text", "image.mlnn"}) {
+      std::vector<std::string> line = {name, frames, "--integers", "-o", "-"};
+      line.insert(line.end(), options.begin(), options.end());
+      const ToolResult result = run(line);
+      EXPECT_EQ(result.status, 0);
+      EXPECT_EQ(result.err, "");
+      EXPECT_EQ(result.out, contentOf(folder_.path("expected"))) << name;
+    }
+  }
+}
+
+TEST_F(RunCommandTest, saysWhereNothingCanBeComputedInIntegers) {
+  folder_.write("floats",
+                "MultiLayerNNModel_v2\nsoftmax 0\nnum_layers 1\nlayer 1 size 2 3\n"
+                "act_fn linear\n0 1 0.3\n0 0.7 1\n");
+  const ToolResult result = run({"floats", "-", "--integers", "-o", "-"}, "1 2\n");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err,
+            "Warning: no layer is quantised by rows, so all are computed in floats; see 'mlnn "
+            "quantize'\n");
+  EXPECT_EQ(result.out, run({"floats", "-", "-o", "-"}, "1 2\n").out);
+}
+
+TEST_F(RunCommandTest, refusesIntegersWithWhatTheyDoNotGoWith) {
+  expectRefused({"pair", "frames.txt", "--integers", "--trace", "traced"}, 2,
+                "ERROR: a trace shows floats, so --trace does not go with --integers\n");
+  EXPECT_EQ(run({"pair", "frames.txt", "--integers", "--bits", "8"}).status, 2);
+  EXPECT_EQ(run({"pair", "frames.txt", "--words", "all"}).status, 2);
+  EXPECT_EQ(run({"pair", "frames.txt", "--integers", "--words", "some"}).status, 2);
+}
+
 TEST_F(RunCommandTest, saysWhyAFolderCannotBeMade) {
   folder_.write("more.txt", "7\n");
   const ToolResult result = run({"pair", "frames.txt", "more.txt", "-o", "softmax"});
@@ -370,6 +432,8 @@ TEST_F(RunCommandTest, anImageCanBeSaidToHaveNoSoftmax) {
   }
   EXPECT_EQ(run({"pair.mlnn", "frames.txt", "--softmax", "off"}).out,
             run({"pair", "frames.txt"}).out);
+  EXPECT_EQ(run({"pair.mlnn", "frames.txt", "--softmax", "off", "--integers"}).out,
+            run({"pair", "frames.txt", "--integers"}).out);
 }
 
 TEST_F(RunCommandTest, softmaxCountsForTextsToo) {
