@@ -24,6 +24,7 @@
 #include "features/Version.h"
 #include "inference/BiasCorrection.h"
 #include "inference/Evaluation.h"
+#include "inference/IntegerFwdPass.h"
 #include "inference/RecordingInputs.h"
 #include "layers/LayerArrays.h"
 #include "layers/Messages.h"
@@ -366,16 +367,37 @@ mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
   return *std::move(window);
 }
 
+// Which layers take words in integers, as Python says it; nothing for a pass in floats.
+std::optional<mlnn::WideInputs> wideInputsOf(const std::optional<std::string>& words) {
+  if (!words) return std::nullopt;
+  if (*words == "first") return mlnn::WideInputs::kFirst;
+  return *words == "all" ? mlnn::WideInputs::kAll : mlnn::WideInputs::kNone;
+}
+
+// REQUIRES: the model can be evaluated.
+std::optional<Eigen::MatrixXf> outputsOf(const MultiLayerNNModel& model, const Columns& columns,
+                                         const mlnn::RecordingInputs& inputs,
+                                         std::optional<mlnn::WideInputs> integers,
+                                         const mlnn::Watch& watch) {
+  if (!integers) {
+    NNFwdPassFromFile pass(model);
+    return mlnn::evaluateFrames(pass, columns, inputs, watch);
+  }
+  const std::unique_ptr<mlnn::IntegerFwdPass> pass = mlnn::IntegerFwdPass::create(model, *integers);
+  if (pass == nullptr) return std::nullopt;
+  return mlnn::evaluateFrames(*pass, columns, inputs, watch);
+}
+
 // Runs the model over one recording. `stacked` says whether the frames are input vectors, nothing
-// where their width is to tell.
+// where their width is to tell; `integers` which layers take words in integers.
 // Returns: what was said, and the outputs; None where frames of that width are not taken.
-py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacked) {
+py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacked,
+                    const std::optional<std::string>& integers) {
   auto outputs = std::make_unique<Eigen::MatrixXf>();
   const Columns columns = columnsOf(frames);
   bool isTaken = true;
   const Said said = heard<Reading>(core, [&](MultiLayerNNModel& model) {
-    NNFwdPassFromFile pass(model);
-    if (model.layers.empty()) return pass.evaluate(columns, *outputs);  // says so
+    if (model.layers.empty()) return NNFwdPassFromFile(model).evaluate(columns, *outputs);
     if (!mlnn::hasOutputs(model.layers)) throw py::value_error(mlnn::kNoOutputs);
     std::string whyNot;
     const auto inputs = mlnn::RecordingInputs::forFrames(
@@ -383,7 +405,7 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
     isTaken = inputs && !(inputs->areStacked() && stacked == false);
     if (!isTaken) return 0;
     std::optional<Eigen::MatrixXf> results =
-        mlnn::evaluateFrames(pass, columns, *inputs, interruptedBySignals(core));
+        outputsOf(model, columns, *inputs, wideInputsOf(integers), interruptedBySignals(core));
     if (!results) return 1;
     *outputs = *std::move(results);
     return 0;

@@ -423,7 +423,8 @@ class Model:
         """
         return self._core.frame_width()
 
-    def __call__(self, frames: npt.ArrayLike, stacked: bool | None = None) -> _Floats:
+    def __call__(self, frames: npt.ArrayLike, stacked: bool | None = None, *,
+                 integers: bool = False, words: str | None = None) -> _Floats:
         """Runs the model over one recording: frames x values in, frames x outputs out, float32.
 
         Frames as wide as `frame_width` are single ones: they are normalised, and stacked with
@@ -431,10 +432,18 @@ class Model:
         fit they are single, unless `stacked` is true. `stacked=False` refuses input vectors.
         A float32 array whose frames' values lie side by side is not copied, nor is the result.
         Other threads of Python run meanwhile.
+        With `integers` layers that `quantize` has rounded are computed in integers: inputs are
+        rounded to 8 bits, or to 16 in the "first" layer or in "all" as `words` says, and results
+        are the same to the bit on every processor.
         Raises ValueError for frames of another width, Error where the layers do not fit each other.
         """
+        if words not in (None, "first", "all"):
+            raise ValueError(f"words: expected 'first', 'all' or None, got {words!r}")
+        if words is not None and not integers:
+            raise ValueError("words: given without integers")
         given = _frames(frames)
-        found = self._core.evaluate(given, None if stacked is None else bool(stacked))
+        found = self._core.evaluate(given, None if stacked is None else bool(stacked),
+                                    (words or "none") if integers else None)
         if found is None:
             raise ValueError(f"frames of {given.shape[1]} values; "
                              f"expected {self._expected(stacked)}")

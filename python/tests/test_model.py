@@ -647,6 +647,47 @@ def test_the_forward_pass_agrees_with_numpy(model, act_fn):
     assert np.abs(outputs - naive(model, inputs)).max() < 1e-6
 
 
+def in_integers(weights, bias, scales, inputs, most):
+    """A linear layer as docs/integer-pass.md defines it."""
+    one = np.float32
+    largest = np.abs(inputs).max(axis=1, keepdims=True)
+    integers = np.rint(inputs * (one(most) / largest)).astype(np.int64)
+    sums = integers @ np.rint(weights / scales[:, None]).astype(np.int64).T
+    if most > 127:
+        low = ((integers + 128) % 256 - 128)
+        lows = low @ np.rint(weights / scales[:, None]).astype(np.int64).T
+        sums = ((sums - lows) // 256).astype(one) * one(256) + lows.astype(one)
+    return sums.astype(one) * (largest / one(most)) * scales + bias
+
+
+@pytest.mark.parametrize("words, most", [(None, 127), ("first", 32639), ("all", 32639)])
+def test_integers_are_those_of_the_definition(words, most):
+    random = np.random.default_rng(11)
+    codes = random.integers(-127, 128, (5, 40))
+    codes[:, 0] = 127
+    scales = np.float32([0.5, 0.25, 3, 1, 0.125])
+    bias = random.normal(size=5).astype(np.float32)
+    weights = (codes * scales[:, None]).astype(np.float32)
+    model = mlnn.Model.from_arrays([(weights, bias, "linear")])
+    model.softmax = False
+    inputs = random.normal(size=(9, 40)).astype(np.float32)
+    outputs = model(inputs, stacked=True, integers=True, words=words)
+    assert outputs.tobytes() == in_integers(weights, bias, scales, inputs, most).tobytes()
+    assert (outputs != model(inputs, stacked=True)).any()
+
+
+def test_integers_refuse_what_they_do_not_know(model):
+    inputs = np.ones((2, 4), np.float32)
+    with pytest.raises(ValueError, match="words: expected 'first', 'all' or None, got 'some'"):
+        model(inputs, stacked=True, integers=True, words="some")
+    with pytest.raises(ValueError, match="words: given without integers"):
+        model(inputs, stacked=True, words="all")
+    with pytest.raises(ValueError, match="frames of 5 values"):
+        model(np.ones((2, 5)), integers=True)
+    with pytest.raises(mlnn.Error):
+        mlnn.Model()(inputs, integers=True)
+
+
 def test_every_layout_and_type_gives_the_same(model):
     inputs = np.random.default_rng(4).normal(size=(6, 4)).astype(np.float32)
     expected = model(inputs, stacked=True)
