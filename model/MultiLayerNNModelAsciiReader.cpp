@@ -153,6 +153,40 @@ std::ios::iostate takeLine(std::streambuf& in, std::string& line) {
   return line.empty() ? std::ios::eofbit | std::ios::failbit : std::ios::eofbit;
 }
 
+std::ios::iostate takeWord(std::streambuf& in, const std::ctype<char>& characters,
+                           std::size_t longest, std::string& word) {
+  using Traits = std::streambuf::traits_type;
+  for (auto c = in.sgetc(); word.size() < longest; c = in.snextc()) {
+    if (Traits::eq_int_type(c, Traits::eof())) {
+      return word.empty() ? std::ios::eofbit | std::ios::failbit : std::ios::eofbit;
+    }
+    const char character = Traits::to_char_type(c);
+    if (characters.is(std::ctype_base::space, character)) break;
+    word.push_back(character);
+  }
+  return word.empty() ? std::ios::failbit : std::ios::goodbit;
+}
+
+// Reads a word as stream extraction does, which takes memory that runs out for a stream that has
+// gone bad; here std::bad_alloc passes through.
+void readWord(std::istream& in, std::string& word) {
+  const std::istream::sentry ready(in);
+  if (!ready) return;
+  word.clear();
+  const std::streamsize width = in.width(0);
+  const std::size_t longest = width > 0 ? static_cast<std::size_t>(width) : word.max_size();
+  std::ios::iostate state = std::ios::goodbit;
+  try {
+    const std::locale locale = in.getloc();
+    state = takeWord(*in.rdbuf(), std::use_facet<std::ctype<char>>(locale), longest, word);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {  // what a stream's buffer throws
+    state = std::ios::badbit;
+  }
+  in.setstate(state);
+}
+
 class AsciiReader {
  public:
   AsciiReader(std::istream& in, MultiLayerNNModel& model) : in_(in), floats_(in), model_(model) {}
@@ -262,7 +296,8 @@ bool AsciiReader::readSoftmax() {
   words.imbue(std::locale::classic());
   std::string keyword;
   int flag = 0;  // stays 0 without a number
-  words >> keyword >> flag;
+  readWord(words, keyword);
+  words >> flag;
   if (keyword != mlnn::kSoftmaxKeyword) {
     return refuse("Expected to find '", mlnn::kSoftmaxKeyword, "' in a version 2 model file");
   }
@@ -327,7 +362,8 @@ bool AsciiReader::readFeatureDescription(const std::string& line) {
 // there keeps its value, as stream extraction leaves it.
 void AsciiReader::readKeyword(std::string& word, int& count) {
   word.clear();
-  in_ >> word >> count;
+  readWord(in_, word);
+  in_ >> count;
 }
 
 bool AsciiReader::readCurvesAndLayerCount(int& numLayers) {
@@ -387,7 +423,10 @@ void AsciiReader::readGluedNotes() {
 }
 
 bool AsciiReader::readSizeLine(SizeLine& line, int number) {
-  in_ >> line.keyword >> line.index >> line.sizeKeyword >> line.rows >> line.columns;
+  readWord(in_, line.keyword);
+  in_ >> line.index;
+  readWord(in_, line.sizeKeyword);
+  in_ >> line.rows >> line.columns;
   const bool isLayer = line.keyword == mlnn::kLayerKeyword || line.isBatchNorm();
   if (!isLayer || line.sizeKeyword != mlnn::kSizeKeyword) {
     return refuse("expected either '", mlnn::kLayerKeyword, "' or '", mlnn::kBatchNormLayerKeyword,
@@ -472,7 +511,8 @@ bool AsciiReader::readActivation(NNLayer& layer) {
   words.imbue(std::locale::classic());
   std::string keyword;
   std::string name;
-  words >> keyword >> name;
+  readWord(words, keyword);
+  readWord(words, name);
   if (keyword != mlnn::kActFnKeyword) {
     return refuse("Expected to find '", mlnn::kActFnKeyword, "' in a version 2 model file, found '",
                   keyword, "'");
@@ -486,7 +526,7 @@ bool AsciiReader::readActivation(NNLayer& layer) {
 bool AsciiReader::checkEnd() {
   if (in_.eof()) return refuse("unexpected end of input after reading all layers");
   std::string word;
-  in_ >> word;
+  readWord(in_, word);
   if (!in_.eof()) return refuse("unexpected extra data at end of file: '", word, "'");
   const int featLen = model_.featureDesc.featLen();
   const int numInputs = model_.numInputs();

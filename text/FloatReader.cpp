@@ -4,8 +4,11 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <exception>
+#include <iterator>
 #include <limits>
 #include <locale>
+#include <new>
 #include <streambuf>
 
 namespace mlnn {
@@ -189,6 +192,24 @@ bool convertExactly(const Decimal& number, float& value) {
   return true;
 }
 
+// Reads a number as stream extraction does, which takes memory that runs out for a stream that has
+// gone bad; here std::bad_alloc passes through.
+void extract(std::istream& in, float& value) {
+  using Characters = std::istreambuf_iterator<char>;
+  const std::istream::sentry ready(in);
+  if (!ready) return;
+  std::ios::iostate state = std::ios::goodbit;
+  try {
+    const std::locale locale = in.getloc();
+    std::use_facet<std::num_get<char>>(locale).get(Characters(in), Characters(), in, state, value);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {  // what a stream's buffer throws
+    state |= std::ios::badbit;
+  }
+  in.setstate(state);
+}
+
 }  // namespace
 
 const char* parsePlainFloat(const char* text, const char* end, float& value) {
@@ -215,7 +236,7 @@ std::size_t FloatReader::read(float* values, std::size_t count) {
   while (done < count) {
     if (isPlain_ && in_.good()) done += readBuffered(values + done, count - done);
     if (done == count) break;
-    in_ >> values[done++];
+    extract(in_, values[done++]);
     if (!in_) break;
   }
   return done;
