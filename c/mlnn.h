@@ -135,7 +135,8 @@ enum {
 /** Makes another model, whose passes and streams give what the model gives after its parameters
  * are reduced to `bits` bits, 1 to 8: with a quarter of the memory or less. They share one set of
  * codes; the model may be closed. `codes_for` is one of MLNN_CODES_FOR_SPEED and
- * MLNN_CODES_FOR_MEMORY. */
+ * MLNN_CODES_FOR_MEMORY. All layers have one grid, which is too coarse for some networks:
+ * `mlnn reduce --sweep` tells what a width keeps. */
 MLNN_API mlnn_status mlnn_model_to_codes(mlnn_model model, int32_t bits, int32_t codes_for,
                                          mlnn_model* codes);
 
