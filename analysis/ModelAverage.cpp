@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "analysis/ModelCopy.h"
 #include "layers/LayerArrays.h"
 #include "text/Numbers.h"
 
@@ -103,9 +104,9 @@ std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& s
 
 void ModelAverage::add(MultiLayerNNModel model, float share, const Watch& watch) {
   if (isEmpty_) {
-    sum_ = model;
-    tell(watch, 0);
-    sum_ *= share;
+    MultiLayerNNModel sum = copyOf(model, watch);
+    sum *= share;
+    sum_ = std::move(sum);
     first_ = std::move(model);
     tell(watch, 0);
     agrees_.assign(parameterCount(first_), true);

@@ -5,6 +5,7 @@
 #include <streambuf>
 #include <string>
 
+#include "analysis/ModelCopy.h"
 #include "analysis/WeightForms.h"
 #include "inference/CodedFwdPass.h"
 #include "inference/IntegerFwdPass.h"
@@ -65,17 +66,10 @@ void add(const NNLayer& layer, ModelBudget& budget) {
   if (layer.actFn != ActFn::linear) budget.activations += outputs;
 }
 
-// A copy with everything, the properties included.
-MultiLayerNNModel wholeCopy(const MultiLayerNNModel& model) {
-  MultiLayerNNModel copy(model);
-  copy.props = model.props;
-  return copy;
-}
-
 // The model as it is written in the format; nothing where that has no way to write it.
 std::optional<MultiLayerNNModel> readyFor(ModelFormat format, const MultiLayerNNModel& model,
                                           const Watch& watch) {
-  MultiLayerNNModel copy = wholeCopy(model);
+  MultiLayerNNModel copy = copyOf(model, watch);
   std::string whyNot;
   if (!fitToFormat(copy, format, kExactDigits, whyNot, watch)) return std::nullopt;
   return copy;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <utility>
 
@@ -295,9 +296,12 @@ void Finder::notFinite(const std::string& array, const Eigen::Ref<const Eigen::M
 // A unit without weights gives the same whatever comes in.
 void Finder::deadUnits(const NNLayer& layer) {
   if (layer.weights.cols() == 0) return;
-  std::vector<Index> units;
-  for (Index r = 0; r < layer.weights.rows(); ++r) {
-    if ((layer.weights.row(r).array() == 0).all()) units.push_back(r + 1);
+  std::vector<Index> units(sizeOf(layer.weights.rows()));  // those without weights so far
+  std::iota(units.begin(), units.end(), Index{1});
+  for (Index c = 0; c < layer.weights.cols() && !units.empty(); ++c) {
+    if (c % kColumnsBetweenCalls == 0) tell(watch_, 0);
+    const auto fires = [&layer, c](Index unit) { return layer.weights(unit - 1, c) != 0; };
+    units.erase(std::remove_if(units.begin(), units.end(), fires), units.end());
   }
   if (units.empty()) return;
   Suspicion& suspicion =

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "analysis/Difference.h"
+#include "analysis/ModelCopy.h"
 #include "inference/Evaluation.h"
 #include "layers/FilledColumns.h"
 #include "layers/Messages.h"
@@ -15,8 +16,8 @@ using Eigen::Index;
 
 constexpr Index kColumnsBetweenCalls = 64;
 
-MultiLayerNNModel reduced(const MultiLayerNNModel& model, int bits) {
-  MultiLayerNNModel copy(model);
+MultiLayerNNModel reduced(const MultiLayerNNModel& model, int bits, const Watch& watch) {
+  MultiLayerNNModel copy = copyOf(model, watch);
   const CollectedMessages silence;  // the range is the same for every number of bits
   copy.retainPrecisionBits(bits);
   return copy;
@@ -82,7 +83,7 @@ bool PrecisionSweep::addRecording(Eigen::MatrixXf frames, const RecordingInputs&
 }
 
 PrecisionLoss PrecisionSweep::measure(int bits, const Watch& watch) const {
-  MultiLayerNNModel model = reduced(model_, bits);
+  MultiLayerNNModel model = reduced(model_, bits, watch);
   tell(watch, 0);
   PrecisionLoss loss;
   loss.bits = bits;

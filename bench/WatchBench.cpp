@@ -7,6 +7,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "analysis/BehaviourDiff.h"
 #include "analysis/FrameTimer.h"
@@ -84,10 +85,11 @@ int main() {
     sweep.addRecording(frames.leftCols(20), inputs, std::nullopt, watch);
     sweep.measure(8, watch);
   });
+  MultiLayerNNModel first = model;
   measure("average", [&](const Watch& watch) {
     mlnn::ModelAverage average;
-    average.add(model, 0.5f, watch);
-    average.add(other, 0.5f, watch);
+    average.add(std::move(first), 0.5f, watch);
+    average.add(std::move(other), 0.5f, watch);
   });
   measure("histogram", [&](const Watch& watch) {
     const Eigen::MatrixXf& weights = model.layers.back()->weights;
