@@ -93,12 +93,13 @@ std::optional<uint64_t> textSizeOf(const MultiLayerNNModel& model, const Watch& 
 
 }  // namespace
 
-ModelBudget budgetOf(const MultiLayerNNModel& model) {
+ModelBudget budgetOf(const MultiLayerNNModel& model, const Watch& watch) {
+  const Watch between = [&watch](std::size_t) { tell(watch, 0); };
   ModelBudget budget;
   for (const NNLayer* layer : model.layers) add(*layer, budget);
   budget.workingBytes = NNFwdPassFromFile::workingBytes(model, 1);
-  budget.weightForms = weightForms(model);
-  budget.quantized = quantizedText(model);
+  budget.weightForms = weightForms(model, between);
+  budget.quantized = quantizedText(model, between);
   if (model.useSoftmax) budget.activations += static_cast<uint64_t>(model.numOutputs());
   return budget;
 }

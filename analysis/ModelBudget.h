@@ -33,7 +33,8 @@ struct ModelBudget {
   std::string quantized;
 };
 
-MLNN_EXPORT ModelBudget budgetOf(const MultiLayerNNModel& model);
+// `watch` is called with 0 steps.
+MLNN_EXPORT ModelBudget budgetOf(const MultiLayerNNModel& model, const Watch& watch = {});
 
 // What a forward pass over codes holds in place of the model's arrays.
 struct CodedSize {
@@ -42,6 +43,7 @@ struct CodedSize {
 };
 
 // REQUIRES: bits is 1 to 8.
+// Makes the pass, which takes as long as that does and cannot be stopped.
 // Returns: nothing, after the forward pass's own message, when the model cannot be run.
 MLNN_EXPORT std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits);
 
@@ -52,6 +54,7 @@ struct IntegerSize {
   std::size_t integerLayers = 0;  // the others are computed in floats
 };
 
+// Makes the pass, as codedSizeOf does.
 // Returns: nothing, after the pass's own message, when the model cannot be run.
 MLNN_EXPORT std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model);
 

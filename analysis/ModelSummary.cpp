@@ -44,13 +44,14 @@ LayerSummary summaryOf(const NNLayer& layer) {
 
 }  // namespace
 
-ModelSummary summaryOf(const MultiLayerNNModel& model) {
+ModelSummary summaryOf(const MultiLayerNNModel& model, const Watch& watch) {
   ModelSummary summary;
   summary.memoryBytes = bytesAround(model);
   for (const NNLayer* layer : model.layers) {
     summary.layers.push_back(summaryOf(*layer));
     summary.parameters += summary.layers.back().parameters;
     summary.memoryBytes += sizeof(void*) + bytesOf(*layer);
+    tell(watch, 1);
   }
   return summary;
 }

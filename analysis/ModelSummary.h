@@ -7,6 +7,7 @@
 
 #include "analysis/WeightForms.h"
 #include "features/Export.h"
+#include "features/Watch.h"
 #include "layers/ActFn.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -27,7 +28,8 @@ struct ModelSummary {
   std::size_t memoryBytes = 0;  // what the model takes in memory, to within what the allocator adds
 };
 
+// `watch` is told of layers.
 // REQUIRES: no layer is missing.
-MLNN_EXPORT ModelSummary summaryOf(const MultiLayerNNModel& model);
+MLNN_EXPORT ModelSummary summaryOf(const MultiLayerNNModel& model, const Watch& watch = {});
 
 }  // namespace mlnn

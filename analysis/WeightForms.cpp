@@ -15,18 +15,25 @@ std::size_t sizeOf(int number) { return static_cast<std::size_t>(number); }
 
 using AllWeights = std::vector<StoredWeights>;
 
-AllWeights storedWeightsOf(const MultiLayerNNModel& model) {
+AllWeights storedWeightsOf(const MultiLayerNNModel& model, const Watch& watch) {
   AllWeights all;
-  for (const NNLayer* layer : model.layers) all.push_back(storedWeights(*layer));
+  for (const NNLayer* layer : model.layers) {
+    all.push_back(storedWeights(*layer));
+    tell(watch, 1);
+  }
   return all;
 }
 
 // The largest code, which no division rounds.
 int largestCode(const RowScales& scales, const NNLayer& layer) {
+  Eigen::VectorXf sizes = Eigen::VectorXf::Zero(layer.weights.rows());
+  for (Eigen::Index c = 0; c < layer.weights.cols(); ++c) {
+    sizes = sizes.cwiseMax(layer.weights.col(c).cwiseAbs());
+  }
   int largest = 0;
   for (std::size_t r = 0; r < scales.values.size(); ++r) {
     if (scales.values[r] == 0) continue;
-    const float size = layer.weights.row(static_cast<Eigen::Index>(r)).cwiseAbs().maxCoeff();
+    const float size = sizes[static_cast<Eigen::Index>(r)];
     largest = std::max(largest, static_cast<int>(size / scales.values[r]));
   }
   return largest;
@@ -55,15 +62,15 @@ StoredWeights storedWeights(const NNLayer& layer) {
 
 const char* weightForm(const NNLayer& layer) { return storedWeights(layer).form; }
 
-std::string weightForms(const MultiLayerNNModel& model) {
-  const AllWeights layers = storedWeightsOf(model);
+std::string weightForms(const MultiLayerNNModel& model, const Watch& watch) {
+  const AllWeights layers = storedWeightsOf(model, watch);
   const std::string text =
       saidOfLayers(layers.size(), [&](std::size_t i) { return std::string(layers[i].form); });
   return text.empty() ? "none" : text;
 }
 
-std::string quantizedText(const MultiLayerNNModel& model) {
-  const AllWeights layers = storedWeightsOf(model);
+std::string quantizedText(const MultiLayerNNModel& model, const Watch& watch) {
+  const AllWeights layers = storedWeightsOf(model, watch);
   const std::string text = saidOfLayers(layers.size(), [&](std::size_t i) {
     return layers[i].rowBits == 0 ? "" : counted(sizeOf(layers[i].rowBits), "bit") + " a weight";
   });

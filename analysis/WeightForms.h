@@ -5,6 +5,7 @@
 #include <string>
 
 #include "features/Export.h"
+#include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -26,11 +27,12 @@ MLNN_EXPORT StoredWeights storedWeights(const NNLayer& layer);
 MLNN_EXPORT const char* weightForm(const NNLayer& layer);
 
 // Returns it for all layers, as in "floats in layer 1, bytes in layers 2-4"; "none" without layers.
-MLNN_EXPORT std::string weightForms(const MultiLayerNNModel& model);
+// `watch` is told of layers.
+MLNN_EXPORT std::string weightForms(const MultiLayerNNModel& model, const Watch& watch = {});
 
 // Returns to how many bits the layers with weights by rows are quantised, and what an image takes
 // for their weights: "8 bits a weight in layers 1-3, and a scale a row: 44432 bytes in place of
-// 172544, 25.8 %". Returns "" where there is no such layer.
-MLNN_EXPORT std::string quantizedText(const MultiLayerNNModel& model);
+// 172544, 25.8 %". Returns "" where there is no such layer. `watch` is told of layers.
+MLNN_EXPORT std::string quantizedText(const MultiLayerNNModel& model, const Watch& watch = {});
 
 }  // namespace mlnn

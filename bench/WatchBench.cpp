@@ -15,6 +15,7 @@
 #include "analysis/ModelAverage.h"
 #include "analysis/ModelBudget.h"
 #include "analysis/ModelDigest.h"
+#include "analysis/ModelSummary.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
 #include "analysis/PrecisionSweep.h"
@@ -97,6 +98,10 @@ int main() {
   });
   measure("time", [&](const Watch& watch) { mlnn::timeFrames(model, 0.5, whyNot, watch); });
   measure("file sizes", [&](const Watch& watch) { mlnn::fileSizesOf(model, watch); });
+  measure("summary", [&](const Watch& watch) { mlnn::summaryOf(model, watch); });
+  measure("budget", [&](const Watch& watch) { mlnn::budgetOf(model, watch); });
+  measure("coded size", [&](const Watch&) { mlnn::codedSizeOf(model, 8); });
+  measure("integer size", [&](const Watch&) { mlnn::integerSizeOf(model); });
   std::ostringstream out;
   mlnn::writeText(model, 9, out);
   const std::string text = out.str();

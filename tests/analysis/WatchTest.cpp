@@ -9,8 +9,10 @@
 #include "analysis/ModelAverage.h"
 #include "analysis/ModelBudget.h"
 #include "analysis/ModelDigest.h"
+#include "analysis/ModelSummary.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
+#include "analysis/WeightForms.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "features/Watch.h"
 #include "model/FormatFit.h"
@@ -57,6 +59,10 @@ TEST(Watch, stopsEveryAnalysis) {
   EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::digestOf(file, watch); }, 2));
   EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::compareNumbers(model, model, watch); }, 3));
   EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::fileSizesOf(model, watch); }, 2));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::budgetOf(model, watch); }, 4));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::summaryOf(model, watch); }, 2));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::weightForms(model, watch); }, 2));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::quantizedText(model, watch); }, 2));
   EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::timeFrames(model, 0.01, whyNot, watch); }));
   EXPECT_TRUE(isStopped([&](const Watch& watch) {
     MultiLayerNNModel copy = model;
