@@ -72,8 +72,9 @@ bool isClipped(const CodeSizes& sizes, Index inputs) {
 
 class Finder {
  public:
-  Finder(const ModelFile& file, const Watch& watch)
-      : file_(file), model_(file.model), watch_(watch) {}
+  // `file` is null for a model in memory.
+  Finder(const ModelFile* file, const MultiLayerNNModel& model, const Watch& watch)
+      : file_(file), model_(model), watch_(watch) {}
 
   std::vector<Suspicion> run() {
     features();
@@ -109,7 +110,7 @@ class Finder {
   void unrecordedActivations(std::size_t number);
   void softmax();
 
-  const ModelFile& file_;
+  const ModelFile* file_;
   const MultiLayerNNModel& model_;
   const Watch& watch_;
   std::size_t number_ = 0;  // of the layer that is looked at, from 1
@@ -373,7 +374,8 @@ void Finder::activations() {
   const auto isLinear = [](const NNLayer* layer) {
     return layerOrEmpty(layer).actFn == ActFn::linear;
   };
-  const std::vector<NNLayer*> unrecorded = layersWithoutActivation(file_);
+  const std::vector<NNLayer*> unrecorded =
+      file_ == nullptr ? std::vector<NNLayer*>() : layersWithoutActivation(*file_);
   const auto linear = std::count_if(unrecorded.begin(), unrecorded.end(), isLinear);
   if (linear > 0) {
     unrecordedActivations(static_cast<std::size_t>(linear));
@@ -401,7 +403,7 @@ void Finder::unrecordedActivations(std::size_t number) {
 
 void Finder::softmax() {
   if (!model_.useSoftmax || model_.layers.empty()) return;
-  const std::string unsaid = file_.format == ModelFormat::kBinary
+  const std::string unsaid = file_ != nullptr && file_->format == ModelFormat::kBinary
                                  ? " (an image does not record the softmax; it is taken as on)"
                                  : "";
   const NNLayer& last = layerOrEmpty(model_.layers.back());
@@ -419,7 +421,11 @@ void Finder::softmax() {
 }  // namespace
 
 std::vector<Suspicion> suspicionsOf(const ModelFile& file, const Watch& watch) {
-  return Finder(file, watch).run();
+  return Finder(&file, file.model, watch).run();
+}
+
+std::vector<Suspicion> suspicionsOf(const MultiLayerNNModel& model, const Watch& watch) {
+  return Finder(nullptr, model, watch).run();
 }
 
 }  // namespace mlnn

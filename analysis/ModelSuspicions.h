@@ -16,4 +16,8 @@ namespace mlnn {
 // `watch` is told of layers.
 MLNN_EXPORT std::vector<Suspicion> suspicionsOf(const ModelFile& file, const Watch& watch = {});
 
+// The same of a model in memory, all of whose activations are known, as is its softmax.
+MLNN_EXPORT std::vector<Suspicion> suspicionsOf(const MultiLayerNNModel& model,
+                                                const Watch& watch = {});
+
 }  // namespace mlnn

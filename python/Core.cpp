@@ -62,11 +62,12 @@ void inChild() {
 // Handlers run in this thread alone.
 bool isMainThread() { return getpid() == syscall(SYS_gettid); }
 
-void letHandlersRun(const Core& core) {
+void letHandlersRun(const std::vector<const Core*>& models) {
   const py::gil_scoped_acquire python;
-  runningHere.push_back(&core);
+  const std::size_t before = runningHere.size();
+  runningHere.insert(runningHere.end(), models.begin(), models.end());
   const int raised = PyErr_CheckSignals();
-  runningHere.pop_back();
+  runningHere.resize(before);
   if (raised != 0) throw py::error_already_set();
 }
 
@@ -101,14 +102,14 @@ std::mutex& randomSource() {
   return mutex;
 }
 
-Watch interruptedBySignals(const Core& core) {
+Watch interruptedBySignals(std::vector<const Core*> models) {
   if (!isMainThread()) return {};
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kBetweenLooks{20};
-  return [&core, last = Clock::now()](std::size_t) mutable {
+  return [models = std::move(models), last = Clock::now()](std::size_t) mutable {
     const Clock::time_point now = Clock::now();
     if (now - last < kBetweenLooks) return;
-    letHandlersRun(core);
+    letHandlersRun(models);
     last = now;
   };
 }

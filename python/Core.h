@@ -52,10 +52,10 @@ void guardForks();
 // Guards the random source that all new layers share. Taken after a model's lock where both are.
 std::mutex& randomSource();
 
-// Returns a watch for work that reads the model under its lock, which lets Python's handlers of
+// Returns a watch for work that reads the models under their locks, which lets Python's handlers of
 // signals run, and throws what they raise: KeyboardInterrupt at Ctrl-C. A handler that would
-// change this model then gets a RuntimeError.
-Watch interruptedBySignals(const Core& core);
+// change one of these models then gets a RuntimeError.
+Watch interruptedBySignals(std::vector<const Core*> models);
 
 // Throws: std::runtime_error where this thread is running the model, and so would wait for itself.
 void refuseWhileRunning(const Core& core);

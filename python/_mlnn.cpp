@@ -36,6 +36,7 @@
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"
 #include "model/StackOutputs.h"
+#include "python/Analysis.h"
 #include "python/Arrays.h"
 #include "python/Core.h"
 #include "text/Numbers.h"
@@ -405,7 +406,7 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
     isTaken = inputs && !(inputs->areStacked() && stacked == false);
     if (!isTaken) return 0;
     std::optional<Eigen::MatrixXf> results =
-        outputsOf(model, columns, *inputs, wideInputsOf(integers), interruptedBySignals(core));
+        outputsOf(model, columns, *inputs, wideInputsOf(integers), interruptedBySignals({&core}));
     if (!results) return 1;
     *outputs = *std::move(results);
     return 0;
@@ -699,4 +700,5 @@ PYBIND11_MODULE(_mlnn, module) {
       .def("stack", &stack);
   bindOperations(core);
   bindValues(core);
+  bindAnalysis(module);
 }

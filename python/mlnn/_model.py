@@ -8,11 +8,12 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from . import _mlnn
+from . import _analysis, _mlnn
 from ._features import FeatureDescription
 from ._files import _told_of, _write_whole
 from ._layer import Layer, _Layers
 from ._messages import Error, _str, _warn, _hear, _says_error
+from ._results import Budget, Digest, Suspicion, Sweep, Trace
 from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _Floats, _act_fn, _bytes, _float32,
                       _frames, _integer, _single, _size)
 from ._views import _Curve, _Lines, _Props
@@ -465,6 +466,33 @@ class Model:
         last repeat it. Raises ValueError where such frames do not make the model's inputs.
         """
         return self._core.stack(_frames(frames))
+
+    # --- What one can know of it ---
+
+    def check(self) -> list[Suspicion]:
+        """What can hardly be meant in the model: what would make it give nonsense without a word."""
+        return _analysis.check(self._core)
+
+    def digest(self, format: str = "text") -> Digest:
+        """The digests of the model's parts, of those that a "text" or an "image" holds."""
+        return _analysis.digest(self._core, format)
+
+    def budget(self) -> Budget:
+        """What the model needs of whoever deploys it: bytes and operations."""
+        return _analysis.budget(self._core)
+
+    def trace(self, frames: npt.ArrayLike, stacked: bool = False) -> Trace:
+        """The values of every stage of the forward pass over one recording. Frames are taken as by
+        a call, and are input vectors with `stacked`. Raises ValueError for other frames."""
+        return _analysis.trace(self._core, frames, bool(stacked))
+
+    def sweep(self, recordings: Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike],
+              bits: Iterable[int] = range(1, 17), *, classes: Sequence[int | None] | None = None,
+              stacked: bool = False) -> Sweep:
+        """What the model would lose with each number of bits that retain_precision_bits left, over
+        these recordings: frames x values each, an iterable or a mapping from names. `classes` are
+        those of the recordings, from 0, None where it is not known. The model stays as it is."""
+        return _analysis.sweep(self._core, recordings, bits, classes, bool(stacked))
 
     def __repr__(self) -> str:
         return f"<mlnn.Model {self._core.debug_description()}>"

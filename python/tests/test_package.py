@@ -24,6 +24,8 @@ def declared(body):
             names.add(statement.name)
         elif isinstance(statement, ast.AnnAssign):
             names.add(statement.target.id)
+        elif isinstance(statement, ast.ImportFrom):  # those that it hands on
+            names.update(alias.asname for alias in statement.names if alias.asname)
     return public(names)
 
 

@@ -307,6 +307,17 @@ TEST(ModelSuspicions, nameHiddenLayersThatAreAllLinear) {
       "than one layer could\n");
 }
 
+TEST(ModelSuspicions, knowAllActivationsOfAModelInMemory) {
+  ModelFile file = soundFile();
+  for (NNLayer* layer : file.model.layers) layer->actFn = ActFn::linear;
+  const std::vector<Suspicion> ofFile = suspicionsOf(file);
+  ASSERT_EQ(ofFile.size(), 1u);
+  EXPECT_EQ(ofFile[0].kind, "activation_not_recorded");
+  const std::vector<Suspicion> inMemory = mlnn::suspicionsOf(file.model);
+  ASSERT_EQ(inMemory.size(), 1u);
+  EXPECT_EQ(inMemory[0].kind, "hidden_layers_linear");
+}
+
 TEST(ModelSuspicions, nameASoftmaxThatDoesNotFit) {
   ModelFile file = soundFile();
   file.model.layers[2]->actFn = ActFn::sigmoid;
