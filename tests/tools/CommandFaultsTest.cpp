@@ -35,7 +35,7 @@ constexpr bool kCanPreload = true;
 #endif
 
 const std::string kOld = "what was there before\n";
-const char* const kKinds[] = {"read",  "write",  "open",   "fsync",
+const char* const kKinds[] = {"read",  "write",  "open",   "fsync",    "syncfs",
                               "close", "rename", "malloc", "terminate"};
 
 bool isExhaustive() { return std::getenv("MLNN_EXHAUSTIVE") != nullptr; }

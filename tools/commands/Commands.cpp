@@ -14,7 +14,7 @@
 #include "tools/commands/PlotCommand.h"
 #include "tools/commands/QuantizeCommand.h"
 #include "tools/commands/ReduceCommand.h"
-#include "tools/commands/RunCommand.h"
+#include "tools/commands/run/RunCommand.h"
 
 namespace mlnn {
 

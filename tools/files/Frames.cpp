@@ -13,6 +13,7 @@
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/Npy.h"
+#include "tools/files/OutputBatch.h"
 #include "tools/files/OutputFile.h"
 
 namespace mlnn {
@@ -140,6 +141,15 @@ void writeText(const Eigen::MatrixXf& frames, std::ostream& out) {
   }
 }
 
+// In the format that the name asks for.
+void writeAs(const std::string& name, const Eigen::MatrixXf& frames, std::ostream& out) {
+  if (endsWith(name, kNpyEnding)) {
+    writeNpy(frames, out);
+  } else {
+    writeText(frames, out);
+  }
+}
+
 }  // namespace
 
 Eigen::MatrixXf readFrames(const std::string& name) {
@@ -162,12 +172,14 @@ Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what) {
 
 void writeFrames(const std::string& name, const Eigen::MatrixXf& frames) {
   OutputFile file(name);
-  if (endsWith(name, kNpyEnding)) {
-    writeNpy(frames, file.stream());
-  } else {
-    writeText(frames, file.stream());
-  }
+  writeAs(name, frames, file.stream());
   file.finish();
+}
+
+void writeFrames(const std::string& name, const Eigen::MatrixXf& frames, OutputBatch& batch) {
+  OutputFile file(name);
+  writeAs(name, frames, file.stream());
+  batch.add(file);
 }
 
 }  // namespace mlnn

@@ -6,6 +6,8 @@
 
 namespace mlnn {
 
+class OutputBatch;
+
 // Reads frames from a file, a pipe or the standard input ("-"). What begins with the magic of
 // a .npy file is one (tools/files/Npy.h), anything else is text: one frame a line, numbers
 // separated by blanks, tabs or one comma. Blank lines and lines that begin with "#" are skipped, a
@@ -25,5 +27,8 @@ Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what);
 // with nine digits, which is exact. The file appears when it is complete.
 // Throws: Failure.
 void writeFrames(const std::string& name, const Eigen::MatrixXf& frames);
+
+// The same for many files: each appears when the batch is committed.
+void writeFrames(const std::string& name, const Eigen::MatrixXf& frames, OutputBatch& batch);
 
 }  // namespace mlnn

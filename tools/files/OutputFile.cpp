@@ -78,6 +78,12 @@ bool reachesDisk(int descriptor) {
   return fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
 }
 
+// `error` is an errno, 0 where it is not known.
+[[noreturn]] void failToWrite(const std::string& name, int error) {
+  const bool isStandard = name == kStandardStream;
+  throw WriteFailure(isStandard ? "to standard output" : inQuotes(name), error);
+}
+
 }  // namespace
 
 WriteFailure::WriteFailure(const std::string& what, int error)
@@ -121,20 +127,35 @@ FileDescriptor OutputFile::openBeside(const struct stat* replaced) {
 }
 
 void OutputFile::finish() {
-  stream_.flush();
-  if (!stream_) fail(buffer_.error());
-  const bool isBeside = !unfinished_.path().empty();
-  if (isBeside && !reachesDisk(descriptor_.get())) fail(errno);
-  if (!descriptor_.close()) fail(errno);
-  if (!isBeside) return;
-  if (std::rename(unfinished_.path().c_str(), path_.c_str()) != 0) fail(errno);
-  unfinished_.release();
+  Whole file = whole();
+  file.waitForDisk();
+  file.takeName();
 }
 
-// `error` is an errno, 0 where it is not known.
-void OutputFile::fail(int error) const {
-  const bool isStandard = name_ == kStandardStream;
-  throw WriteFailure(isStandard ? "to standard output" : inQuotes(name_), error);
+OutputFile::Whole OutputFile::whole() {
+  stream_.flush();
+  if (!stream_) fail(buffer_.error());
+  return Whole(name_, path_, std::move(unfinished_), std::move(descriptor_));
+}
+
+void OutputFile::fail(int error) const { failToWrite(name_, error); }
+
+OutputFile::Whole::Whole(std::string name, std::string path, UnfinishedFile unfinished,
+                         FileDescriptor descriptor)
+    : name_(std::move(name)),
+      path_(std::move(path)),
+      unfinished_(std::move(unfinished)),
+      descriptor_(std::move(descriptor)) {}
+
+void OutputFile::Whole::waitForDisk() const {
+  if (hasNoName() && !reachesDisk(descriptor_.get())) failToWrite(name_, errno);
+}
+
+void OutputFile::Whole::takeName() {
+  if (!descriptor_.close()) failToWrite(name_, errno);
+  if (!hasNoName()) return;
+  if (std::rename(unfinished_.path().c_str(), path_.c_str()) != 0) failToWrite(name_, errno);
+  unfinished_.release();
 }
 
 }  // namespace mlnn

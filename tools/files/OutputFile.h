@@ -46,6 +46,32 @@ class OutputFile {
   // Throws: WriteFailure; then nothing is left behind.
   void finish();
 
+  // A file that is whole, but may not be on the disk and not have its name yet. It is removed with
+  // the object where it has none.
+  class Whole {
+   public:
+    // Whether it waits for its name: what is written to directly has it.
+    bool hasNoName() const { return !unfinished_.path().empty(); }
+    const std::string& path() const { return path_; }  // which it is to have
+
+    // Throws: WriteFailure; then nothing is left behind when the object goes.
+    void waitForDisk() const;
+    void takeName();
+
+   private:
+    friend class OutputFile;
+    Whole(std::string name, std::string path, UnfinishedFile unfinished, FileDescriptor descriptor);
+
+    std::string name_;
+    std::string path_;
+    UnfinishedFile unfinished_;
+    FileDescriptor descriptor_;
+  };
+
+  // The same in steps, for somebody who waits for the disk later. Only the destructor may follow.
+  // Throws: WriteFailure; then nothing is left behind.
+  Whole whole();
+
  private:
   FileDescriptor open();
   FileDescriptor copyOf(int descriptor);

@@ -72,16 +72,18 @@ std::vector<Eigen::MatrixXf> evaluateRecording(MultiLayerNNModel& model,
 }  // namespace
 
 std::vector<std::string> traceFolders(const std::string& folder,
-                                      const std::vector<std::string>& recordings) {
+                                      const std::vector<RecordingFile>& recordings) {
   if (recordings.size() == 1) return {folder};
   std::vector<std::string> folders;
   std::set<std::string> names;
-  for (const std::string& recording : recordings) {
-    const std::string name = fs::path(recording).stem().string();
-    if (recording == kStandardStream || isNoEntry(name)) {
-      throw UsageError("the trace of " + inputName(recording) + " has no name in the folder " +
+  for (const RecordingFile& recording : recordings) {
+    const fs::path path = recording.name;
+    const std::string stem = path.stem().string();
+    if (isNoEntry(stem)) {
+      throw UsageError("the trace of " + inputName(recording.file) + " has no name in the folder " +
                        inQuotes(folder));
     }
+    const std::string name = (path.parent_path() / stem).string();
     if (!names.insert(name).second) {
       throw UsageError("two traces would be called " + inQuotes(name) + " in the folder " +
                        inQuotes(folder));

@@ -10,6 +10,7 @@
 #include "inference/RecordingInputs.h"
 #include "model/MultiLayerNNModel.h"
 #include "tools/files/OwnInputs.h"
+#include "tools/files/RecordingFiles.h"
 #include "tools/reports/Progress.h"
 
 namespace mlnn {
@@ -18,7 +19,7 @@ namespace mlnn {
 // single one, else folders inside it called like the recordings without their endings.
 // Throws: UsageError when a recording has no name, or two have the same one.
 std::vector<std::string> traceFolders(const std::string& folder,
-                                      const std::vector<std::string>& recordings);
+                                      const std::vector<RecordingFile>& recordings);
 
 // Makes sure that no file of a trace in the folder, which need not exist, is an input.
 // Throws: UsageError when one is, Failure when the folder cannot be read.

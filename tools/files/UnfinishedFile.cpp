@@ -5,10 +5,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <utility>
 
 namespace mlnn {
@@ -16,8 +19,9 @@ namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// What a signal handler removes; handlers reach nothing but globals.
-std::atomic<const char*> fileToRemove{nullptr};
+// What a signal handler removes, null where there is nothing; handlers reach nothing but globals.
+std::array<std::atomic<const char*>, UnfinishedFile::kMost> filesToRemove{};
+std::size_t filesHeld = 0;
 
 std::atomic<bool> areSignalsHandled{true};
 
@@ -58,34 +62,51 @@ class SignalsWait {
 
 }  // namespace
 
+UnfinishedFile::UnfinishedFile(UnfinishedFile&& other) noexcept
+    : path_(std::move(other.path_)), place_(other.place_) {}
+
 UnfinishedFile::~UnfinishedFile() {
-  if (path_.empty()) return;
-  unlink(path_.c_str());
+  if (path_ == nullptr) return;
+  unlink(path_->c_str());
   release();
 }
 
 void UnfinishedFile::leaveSignalsAlone() { areSignalsHandled = false; }
 
+const std::string& UnfinishedFile::path() const {
+  static const std::string none;
+  return path_ != nullptr ? *path_ : none;
+}
+
 // Nothing that takes memory stands behind the making of the file.
 FileDescriptor UnfinishedFile::makeIn(const std::string& folder) {
-  std::string path = (std::filesystem::path(folder) / ".mlnn-XXXXXX").string();
+  const auto free = std::find(filesToRemove.begin(), filesToRemove.end(), nullptr);
+  if (free == filesToRemove.end()) {
+    errno = EMFILE;
+    return FileDescriptor();
+  }
+  auto path =
+      std::make_unique<std::string>((std::filesystem::path(folder) / ".mlnn-XXXXXX").string());
   const SignalsWait wait;
-  FileDescriptor descriptor(mkostemp(path.data(), O_CLOEXEC));
+  FileDescriptor descriptor(mkostemp(path->data(), O_CLOEXEC));
   if (!descriptor.isOpen()) return descriptor;
   path_ = std::move(path);
-  fileToRemove = path_.c_str();
-  handleSignals(removeAndDie);
+  place_ = static_cast<std::size_t>(free - filesToRemove.begin());
+  *free = path_->c_str();
+  if (filesHeld++ == 0) handleSignals(removeAndDie);
   return descriptor;
 }
 
 void UnfinishedFile::release() {
-  fileToRemove = nullptr;
-  handleSignals(SIG_DFL);
-  path_.clear();
+  filesToRemove[place_] = nullptr;
+  if (--filesHeld == 0) handleSignals(SIG_DFL);
+  path_.reset();
 }
 
 void UnfinishedFile::removeAny() noexcept {
-  if (const char* path = fileToRemove.load()) unlink(path);
+  for (const std::atomic<const char*>& file : filesToRemove) {
+    if (const char* path = file.load()) unlink(path);
+  }
 }
 
 }  // namespace mlnn

@@ -12,4 +12,7 @@ using Json = nlohmann::ordered_json;
 // not UTF-8 become U+FFFD, numbers that are not finite null.
 void printJson(const Json& json);
 
+// The same on one line, which leaves the process at once.
+void printJsonLine(const Json& json);
+
 }  // namespace mlnn

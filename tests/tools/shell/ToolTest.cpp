@@ -75,7 +75,6 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{{"diff", "a", "c", "b"}, "The following argument was not expected: b"},
         WrongUsage{{"diff", "a", "c", "\x1b[m"},
                    "The following argument was not expected: \\x1b[m"},
-        WrongUsage{{"run", "a"}, "FRAMES is required"},
         WrongUsage{{"convert", "a"}, "OUT is required"},
         WrongUsage{{"convert", "a", "b", "--to", "text"},
                    "--to: text not in {ascii,binary,c-array}"},

@@ -21,6 +21,7 @@ using Words = std::vector<std::string>;
 constexpr char kTraceName[] = "trace";
 constexpr char kDigestName[] = "model.digest";
 constexpr char kLabelsName[] = "labels.csv";
+constexpr char kListName[] = "recordings";
 constexpr char kOnnxName[] = "model.onnx";
 
 // What stands in the place of an argument.
@@ -49,6 +50,7 @@ const std::map<std::string, Words> kValues = {
     {"correct", {kFramesName}},
     {"delete-layers", {"1"}},
     {"features", {"mel_deltas:bands=1,left=1,right=1,deltas=0,line_kernels=0,line_kernel_width=0"}},
+    {"files-from", {kListName}},
     {"frames", {kFramesName}},
     {"init-scale", {"0.5"}},
     {"keep", {"0.5"}},
@@ -74,6 +76,7 @@ const std::map<std::string, Words> kValues = {
     {"unset", {"labels"}},
     {"weights", {"1,2"}},
     {"width", {"40"}},
+    {"words", {"first", "all"}},
 };
 
 // What a command is always given, unless it is what is tried.
@@ -203,6 +206,7 @@ void makeInputs(const TempFolder& folder) {
   folder.write(kFramesName, someFrames());
   folder.write(kDigestName, "");
   folder.write(kLabelsName, std::string("file,label\n") + kFramesName + ",0\n");
+  folder.write(kListName, std::string(kFramesName) + "\n");
   folder.write(kOnnxName, "");
   fs::create_directory(folder.path(kTraceName));
   folder.write(std::string(kTraceName) + "/outputs.npy", someFrames());

@@ -173,6 +173,11 @@ int fsync(int descriptor) {
   return done(next<int (*)(int)>("fsync")(descriptor));
 }
 
+int syncfs(int descriptor) {
+  if (mustFail("syncfs")) return fail(EIO);
+  return done(next<int (*)(int)>("syncfs")(descriptor));
+}
+
 int rename(const char* from, const char* to) noexcept {
   if (mustFail("rename")) return fail(EPERM);
   return done(next<int (*)(const char*, const char*)>("rename")(from, to));

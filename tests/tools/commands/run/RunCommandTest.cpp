@@ -269,14 +269,78 @@ TEST_F(RunCommandTest, refusesResultsThatWouldReplaceAnInput) {
 
 // "..npy" without its ending is the folder itself, "...npy" the one around it.
 TEST_F(RunCommandTest, refusesTracesOutsideTheirFolder) {
-  for (const std::string name : {"..txt", "...txt", ".", ".."}) {
-    if (name.size() > 2) folder_.write(name, "1\n");
+  for (const std::string name : {"..txt", "...txt"}) {
+    folder_.write(name, "1\n");
     expectRefused({"pair", "frames.txt", name, "--trace", "tr"}, 2,
                   "ERROR: the trace of '" + name + "' has no name in the folder 'tr'\n");
   }
-  for (const std::string name : {".", "..", "/"}) {
+  for (const std::string name : {"no/.", "no/..", "no/"}) {
     expectRefused({"pair", "frames.txt", name, "--out", "results"}, 2,
                   "ERROR: the result of '" + name + "' has no name in the folder 'results'\n");
+  }
+}
+
+TEST_F(RunCommandTest, goesThroughFoldersAndLists) {
+  for (const char* name : {"a", "b"}) {
+    fs::create_directory(folder_.path(name));
+    folder_.write(std::string(name) + "/same.txt", std::string(name) == "a" ? "1\n" : "2\n");
+  }
+  const ToolResult result = run({"pair", "a", "-0", "--files-from", "-", "-o", "out"},
+                                std::string("frames.txt\0b/\0", 14));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(contentOf(folder_.path("out/frames.txt")), "1 1\n1 2\n2 3\n");
+  EXPECT_EQ(contentOf(folder_.path("out/a/same.txt")), "1 1\n");
+  EXPECT_EQ(contentOf(folder_.path("out/b/same.txt")), "2 2\n");
+  ASSERT_EQ(run({"pair", "a", "frames.txt", "--trace", "tr"}).status, 0);
+  EXPECT_TRUE(fs::exists(folder_.path("tr/a/same/outputs.npy")));
+  EXPECT_TRUE(fs::exists(folder_.path("tr/frames/outputs.npy")));
+  expectRefused({"pair", "a", "frames.txt", "./a/", "-o", "out"}, 2,
+                "ERROR: two results would be called 'a/same.txt' in the folder 'out'\n");
+  expectRefused({"pair"}, 2, "ERROR: FRAMES is required, or --files-from with their names\n");
+  folder_.write("list", "-\n");
+  expectRefused({"-", "--files-from", "list"}, 2,
+                "ERROR: only one of the files can be the standard input\n");
+  expectRefused({"pair", "-", "--files-from", "-"}, 2,
+                "ERROR: only one of the files can be the standard input\n");
+}
+
+TEST_F(RunCommandTest, putsTheOnlyFileOfAFolderIntoAFolder) {
+  fs::create_directory(folder_.path("a"));
+  folder_.write("a/one.txt", "1\n");
+  ASSERT_EQ(run({"pair", "a", "-o", "out"}).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("out/a/one.txt")), "1 1\n");
+}
+
+// A line for each, in their order, whether it worked or not.
+TEST_F(RunCommandTest, printsALineOfJsonForEachRecording) {
+  folder_.write("wide.txt", "1 2 3 4\n");
+  const ToolResult result = run({"softmax", "-", "wide.txt", "--json-lines"}, "0 0\n");
+  EXPECT_EQ(result.status, 1);
+  const std::size_t end = result.out.find('\n');
+  EXPECT_EQ(result.out.substr(0, end + 1),
+            "{\"file\":\"-\",\"frames\":[{\"class\":0,\"label\":\"yes\",\"posterior\":0.5}],"
+            "\"recording\":{\"class\":0,\"label\":\"yes\","
+            "\"sum_of_log_posteriors\":-0.6931471805599453}}\n");
+  const Json second = Json::parse(result.out.substr(end + 1));
+  EXPECT_EQ(second["file"], "wide.txt");
+  EXPECT_EQ(result.err, "ERROR: " + second["error"].get<std::string>() + "\n");
+  expectRefused({"pair", "frames.txt", "--json-lines", "-o", "-"}, 2,
+                "ERROR: the JSON goes to standard output, so OUT cannot go there too\n");
+}
+
+// A result that fails at the very end, when it should take its name.
+TEST_F(RunCommandTest, tellsResultsThatFailAtTheEnd) {
+  fs::create_directories(folder_.path("out/b.txt"));
+  for (const char* name : {"a.txt", "b.txt", "c.txt"}) folder_.write(name, "1\n");
+  const std::string message = "cannot write 'out/b.txt': Is a directory";
+  for (const std::string form : {"--json", "--json-lines"}) {
+    const ToolResult result = run({"pair", "a.txt", "b.txt", "c.txt", "-o", "out", form});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "ERROR: " + message + "\n");
+    EXPECT_NE(result.out.find("\"error\":"), std::string::npos);
+    EXPECT_EQ(contentOf(folder_.path("out/a.txt")), "1 1\n");
+    EXPECT_EQ(contentOf(folder_.path("out/c.txt")), "1 1\n");
   }
 }
 

@@ -1,10 +1,8 @@
-#include "tools/commands/RunCommand.h"
+#include "tools/commands/run/RunCommand.h"
 
-#include <filesystem>
-#include <iostream>
+#include <chrono>
 #include <memory>
 #include <optional>
-#include <set>
 #include <utility>
 
 #include "inference/CodedFwdPass.h"
@@ -15,29 +13,29 @@
 #include "tools/commands/CoarseGrid.h"
 #include "tools/commands/NetworkOptions.h"
 #include "tools/commands/Recordings.h"
+#include "tools/commands/run/RunJobs.h"
+#include "tools/commands/run/RunResults.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
-#include "tools/files/OwnInputs.h"
+#include "tools/files/OutputBatch.h"
+#include "tools/files/RecordingFiles.h"
 #include "tools/files/RunnableModel.h"
 #include "tools/files/TraceWriter.h"
-#include "tools/reports/Json.h"
 #include "tools/reports/Progress.h"
-#include "tools/reports/RunReport.h"
 #include "tools/shell/Tool.h"
-
-namespace fs = std::filesystem;
 
 namespace mlnn {
 namespace {
 
 struct Options {
   std::string model;
-  std::vector<std::string> frames;
+  RecordingOptions recordings;
   std::string out;
   std::string trace;
   bool stacked = false;
   bool json = false;
+  bool jsonLines = false;
   int bits = 0;  // of the weights; 0 for the model itself
   bool integers = false;
   std::string words;            // the layers that take words in integers; "" for none
@@ -47,14 +45,6 @@ struct Options {
 
 constexpr char kFirstLayer[] = "first";
 constexpr char kAllLayers[] = "all";
-
-// One recording: where its frames come from, where the outputs go ("" for the table), and the
-// folder for what every layer computes ("" for none).
-struct Job {
-  std::string frames;
-  std::string out;
-  std::string trace;
-};
 
 CommandHelp help() {
   CommandHelp help;
@@ -74,7 +64,12 @@ CommandHelp help() {
       "--out.\n"
       "\n"
       "OUT is .npy when its name ends so, else text with nine digits. For several FRAMES, or when\n"
-      "it is a folder, each result goes into that folder under the name of its FRAMES.\n"
+      "it is a folder, each result goes into that folder under the name of its FRAMES. Results\n"
+      "reach the disk together, those of a second or of some hundred recordings at a time; an\n"
+      "interrupt leaves those whole that are there.\n"
+      "\n"
+      "A folder among FRAMES stands for the files in it, but for hidden ones; the result of\n"
+      "words/a.npy is called words/a.npy then.\n"
       "\n"
       "No result and no file of a trace may replace the model or FRAMES.\n"
       "\n"
@@ -99,6 +94,7 @@ CommandHelp help() {
       "mlnn run model.mlnn word.npy --trace traced/\n"
       "mlnn run quantised.mlnn word.npy --integers\n"
       "mlnn run --json model.mlnn words/*.npy | jq -r .recordings[].recording.label\n"
+      "find . -name '*.npy' -print0 | mlnn run model.mlnn -0 --files-from - --json-lines\n"
       "extract-features word.wav | mlnn run model.mlnn -";
   help.exitStatus =
       "0  done\n"
@@ -106,69 +102,6 @@ CommandHelp help() {
       "   recordings are done all the same\n"
       "2  wrong usage";
   return help;
-}
-
-// Whether the name is that of a folder, or asks for one.
-bool isFolder(const std::string& name) {
-  std::error_code error;
-  return fs::is_directory(name, error) || (!name.empty() && name.back() == '/');
-}
-
-bool isIntoFolder(const Options& options) {
-  return !options.out.empty() && (options.frames.size() > 1 || isFolder(options.out));
-}
-
-std::vector<Job> jobsInFolder(const Options& options) {
-  std::vector<Job> jobs;
-  std::set<std::string> names;
-  for (const std::string& frames : options.frames) {
-    const std::string name = fs::path(frames).filename().string();
-    if (frames == kStandardStream || isNoEntry(name)) {
-      throw UsageError("the result of " + inputName(frames) + " has no name in the folder " +
-                       inQuotes(options.out));
-    }
-    if (!names.insert(name).second) {
-      throw UsageError("two results would be called " + inQuotes(name) + " in the folder " +
-                       inQuotes(options.out));
-    }
-    jobs.push_back({frames, (fs::path(options.out) / name).string(), ""});
-  }
-  return jobs;
-}
-
-std::vector<Job> jobsOf(const Options& options) {
-  std::vector<Job> jobs;
-  if (options.out.empty()) {
-    for (const std::string& frames : options.frames) jobs.push_back({frames, "", ""});
-  } else if (isIntoFolder(options)) {
-    jobs = jobsInFolder(options);
-  } else {
-    jobs.push_back({options.frames.front(), options.out, ""});
-  }
-  return jobs;
-}
-
-void addTraces(const Options& options, std::vector<Job>& jobs) {
-  if (options.trace.empty()) return;
-  const std::vector<std::string> folders = traceFolders(options.trace, options.frames);
-  for (std::size_t i = 0; i < jobs.size(); ++i) jobs[i].trace = folders[i];
-}
-
-void refuseLossOfInputs(const Options& options, const std::vector<Job>& jobs) {
-  OwnInputs inputs;
-  inputs.add(options.model, "model");
-  for (const Job& job : jobs) inputs.add(job.frames, "frames");
-  for (const Job& job : jobs) {
-    inputs.refuse(job.out);
-    if (!job.trace.empty()) refuseTraceOf(inputs, job.trace);
-  }
-}
-
-void makeFolder(const std::string& name) {
-  std::error_code error;
-  if (!fs::create_directory(name, error) && error) {
-    throw Failure("cannot make the folder " + inQuotes(name) + ": " + error.message());
-  }
 }
 
 std::unique_ptr<FwdPass> codedPass(RunnableModel& model, int bits) {
@@ -200,7 +133,7 @@ std::unique_ptr<FwdPass> otherPass(RunnableModel& model, const Options& options)
 }
 
 Eigen::MatrixXf evaluate(RunnableModel& model, FwdPass& pass, const Options& options,
-                         const Job& job, Progress& progress) {
+                         const RunJob& job, Progress& progress) {
   const Eigen::MatrixXf frames = readRecording(job.frames);
   const RecordingInputs inputs =
       inputsFor(model.inputSide(), frames.rows(), options.stacked, job.frames);
@@ -209,71 +142,87 @@ Eigen::MatrixXf evaluate(RunnableModel& model, FwdPass& pass, const Options& opt
   return orFail(evaluateFrames(pass, frames, inputs, progress.watch()), kCannotBeRun);
 }
 
-// What the jobs of a command line have found, told as they are done or, as JSON, at the end.
-class Report {
+RunForm formOf(const Options& options) {
+  if (options.jsonLines) return RunForm::kJsonLines;
+  return options.json ? RunForm::kJson : RunForm::kTable;
+}
+
+// Runs the jobs in turn. Their results reach the disk together, as many as a batch takes or as a
+// second brings, so that an interrupt costs no more than that.
+class JobRunner {
  public:
-  Report(const Options& options, OutputSide network)
-      : options_(options), network_(std::move(network)) {
-    json_ = {{"model", options.model}, {"recordings", Json::array()}};
-  }
+  JobRunner(const Options& options, const std::vector<RunJob>& jobs, RunnableModel& model)
+      : options_(options),
+        jobs_(jobs),
+        model_(model),
+        other_(otherPass(model, options)),
+        results_(formOf(options), options.model, model.outputSide(), jobs.size() > 1),
+        progress_(jobs.size()) {}
 
-  void add(const Job& job, const Eigen::MatrixXf& outputs) {
-    if (options_.json) {
-      Json recording = {{"file", job.frames}};
-      recording.update(decisionsJson(network_, outputs));
-      json_["recordings"].push_back(std::move(recording));
-    } else if (job.out.empty()) {
-      if (options_.frames.size() > 1) {
-        std::cout << (isFirst_ ? "" : "\n") << escaped(job.frames) << "\n";
+  // Returns: the exit status.
+  int run() {
+    for (std::size_t i = 0; i < jobs_.size(); ++i) {
+      runOne(i);
+      if (jobs_[i].out.empty() || batch_.isFull() || Clock::now() > settled_ + kPatience) {
+        settle(i + 1);
       }
-      printDecisions(network_, outputs, std::cout);
     }
-    isFirst_ = false;
-  }
-
-  void addFailure(const Job& job, const Failure& failure) {
-    printError(failure.what());
-    json_["recordings"].push_back({{"file", job.frames}, {"error", failure.what()}});
-  }
-
-  void finish() const {
-    if (options_.json) printJson(json_);
+    settle(jobs_.size());
+    progress_.hide();
+    results_.finish();
+    return status_;
   }
 
  private:
-  const Options& options_;
-  OutputSide network_;
-  Json json_;
-  bool isFirst_ = true;
-};
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kPatience{1};
 
-int runJobs(const std::vector<Job>& jobs, const Options& options, RunnableModel& model) {
-  int status = kDone;
-  const std::unique_ptr<FwdPass> other = otherPass(model, options);
-  FwdPass& pass = other ? *other : model.pass();
-  Report report(options, model.outputSide());
-  Progress progress(jobs.size());
-  for (const Job& job : jobs) {
+  void runOne(std::size_t index) {
+    const RunJob& job = jobs_[index];
     try {
-      const Eigen::MatrixXf outputs = evaluate(model, pass, options, job, progress);
-      if (!job.out.empty()) writeFrames(job.out, outputs);
-      if (job.out.empty()) progress.hide();  // both may go to the same terminal
-      report.add(job, outputs);
+      FwdPass& pass = other_ ? *other_ : model_.pass();
+      const Eigen::MatrixXf outputs = evaluate(model_, pass, options_, job, progress_);
+      if (!job.out.empty()) {
+        writeFrames(job.out, outputs, batch_);
+        batched_.push_back(index);
+      }
+      if (job.out.empty()) progress_.hide();  // both may go to the same terminal
+      results_.add(job, outputs);
     } catch (const Failure& failure) {
-      report.addFailure(job, failure);
-      status = kRefused;
+      results_.addFailure(job, failure);
+      status_ = kRefused;
     }
   }
-  progress.hide();
-  report.finish();
-  return status;
-}
+
+  // What the jobs before this one have come to is final.
+  void settle(std::size_t done) {
+    for (const auto& [place, failure] : batch_.commit()) {
+      const std::size_t job = batched_[place];
+      results_.failAfterAll(job - firstUnsettled_, jobs_[job], failure);
+      status_ = kRefused;
+    }
+    batched_.clear();
+    firstUnsettled_ = done;
+    settled_ = Clock::now();
+    results_.settle();
+  }
+
+  const Options& options_;
+  const std::vector<RunJob>& jobs_;
+  RunnableModel& model_;
+  std::unique_ptr<FwdPass> other_;
+  RunResults results_;
+  Progress progress_;
+  OutputBatch batch_;
+  std::vector<std::size_t> batched_;  // the jobs whose results the batch holds
+  std::size_t firstUnsettled_ = 0;
+  Clock::time_point settled_ = Clock::now();
+  int status_ = kDone;
+};
 
 void checkUsage(const Options& options) {
-  std::vector<std::string> inputs = options.frames;
-  inputs.push_back(options.model);
-  refuseSecondStandardInput(inputs);
-  if (options.json && options.out == kStandardStream) {
+  refuseSecondStandardInput({options.model, options.recordings.filesFrom});
+  if ((options.json || options.jsonLines) && options.out == kStandardStream) {
     throw UsageError("the JSON goes to standard output, so OUT cannot go there too");
   }
   if (options.bits != 0 && !options.trace.empty()) {
@@ -284,15 +233,21 @@ void checkUsage(const Options& options) {
   }
 }
 
+std::vector<std::string> inputsOf(const Options& options, const std::vector<RunJob>& jobs) {
+  std::vector<std::string> inputs = {options.model, options.recordings.filesFrom};
+  for (const RunJob& job : jobs) inputs.push_back(job.frames);
+  return inputs;
+}
+
 int run(const Options& options) {
   checkUsage(options);
-  std::vector<Job> jobs = jobsOf(options);
-  addTraces(options, jobs);
-  refuseLossOfInputs(options, jobs);
+  const RunJobs jobs = runJobs(recordingFiles(options.recordings), options.out, options.trace);
+  refuseSecondStandardInput(inputsOf(options, jobs.jobs));
+  refuseLossOfInputs(options.model, jobs.jobs);
   const bool needsModel = !options.trace.empty() || options.bits != 0;
   RunnableModel model(options.model, options.load, needsModel, options.softmax);
-  if (isIntoFolder(options)) makeFolder(options.out);
-  return runJobs(jobs, options, model);
+  makeFolders(options.out, jobs);
+  return JobRunner(options, jobs.jobs, model).run();
 }
 
 }  // namespace
@@ -301,7 +256,15 @@ void addRunCommand(Tool& tool) {
   const auto options = std::make_shared<Options>();
   CommandLine command = tool.addCommand(help(), [options] { return run(*options); });
   command.add("MODEL", options->model, "Model of either format; - is standard input").required();
-  command.add("FRAMES", options->frames, "Recordings; - is standard input").required();
+  command.add("FRAMES", options->recordings.frames,
+              "Recordings, and folders of them; - is standard input");
+  command
+      .add("--files-from", options->recordings.filesFrom,
+           "File with the names of further FRAMES, one a line; - is standard input")
+      .check(notEmpty)
+      .type("FILE");
+  command.addFlag("-0,--null", options->recordings.nulSeparated,
+                  "The names in FILE end with NUL, as `find -print0` ends them");
   command.add("-o,--out", options->out, "File or folder for the outputs")
       .check(notEmpty)
       .type("OUT");
@@ -310,6 +273,8 @@ void addRunCommand(Tool& tool) {
       .type("DIR");
   command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames");
   command.addFlag("--json", options->json, "Print the classes as JSON");
+  command.addFlag("--json-lines", options->jsonLines,
+                  "Print them as JSON, a line for each recording as soon as it is done");
   Option bits = command.add("--bits", options->bits, "Hold the weights as codes of so many bits")
                     .inRange(CodedFwdPass::kMinBits, CodedFwdPass::kMaxBits)
                     .type("BITS");
