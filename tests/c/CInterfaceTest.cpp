@@ -177,6 +177,7 @@ TEST_F(CInterface, modelsOfCodesAndIntegersGiveTheBitsOfTheirPasses) {
   ASSERT_EQ(mlnn::quantizeRows(model_, {}), 0);
   text_ = textOf(model_);
   image_ = mlnn::test::ByteImage::of(model_).bytes();
+  imageWords_.assign((image_.size() + 3) / 4, 0);
   std::memcpy(imageWords_.data(), image_.data(), image_.size());
   imagePath_ = folder_.write("quantised", image_);
   const std::vector<std::function<mlnn_status(mlnn_model*)>> waysToOpen = {

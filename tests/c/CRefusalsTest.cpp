@@ -85,9 +85,7 @@ std::string imageOfANetwork() {
 
 class CRefusals : public testing::Test {
  protected:
-  CRefusals()
-      : image_(imageOfANetwork()),
-        path_(folder_.write("image", image_)) {
+  CRefusals() : image_(imageOfANetwork()), path_(folder_.write("image", image_)) {
     stderrOf([&] {
       mlnn_model_open(path_.c_str(), nullptr, &model_);
       mlnn_pass_create(model_, &pass_);

@@ -5,10 +5,12 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "c/HandleTable.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/TempFolder.h"
@@ -116,20 +118,22 @@ TEST_F(CThreads, shareOneSetOfCodesAndOfIntegers) {
 }
 
 TEST_F(CThreads, openAndCloseTheirOwn) {
-  EXPECT_EQ(wrongThreads([this] {
-              for (int i = 0; i < kRounds; ++i) {
-                mlnn_model own;
-                const mlnn_status opened = i % 2 == 0
-                                               ? mlnn_model_open(path_.c_str(), nullptr, &own)
-                                               : mlnn_model_map_image(path_.c_str(), &own);
-                if (opened != MLNN_OK || !runs(own) || mlnn_model_close(own) != MLNN_OK)
-                  return false;
-                size_t inputs;
-                if (mlnn_model_inputs(own, &inputs) != MLNN_ERROR_HANDLE) return false;
-              }
-              return true;
-            }),
-            0);
+  mlnn::test::stderrOf([&] {
+    EXPECT_EQ(wrongThreads([this] {
+                for (int i = 0; i < kRounds; ++i) {
+                  mlnn_model own;
+                  const mlnn_status opened = i % 2 == 0
+                                                 ? mlnn_model_open(path_.c_str(), nullptr, &own)
+                                                 : mlnn_model_map_image(path_.c_str(), &own);
+                  if (opened != MLNN_OK || !runs(own) || mlnn_model_close(own) != MLNN_OK)
+                    return false;
+                  size_t inputs;
+                  if (mlnn_model_inputs(own, &inputs) != MLNN_ERROR_HANDLE) return false;
+                }
+                return true;
+              }),
+              0);
+  });
 }
 
 // Whoever comes too late is told so, and passes that were made before go on.
@@ -177,6 +181,29 @@ TEST_F(CThreads, areRefusedEachWithItsOwnText) {
             }),
             0);
   EXPECT_EQ(heard, kThreads * kRounds);
+}
+
+// Each thread has objects of its own, and asks for those of others by numbers that come and go.
+TEST(HandleTableThreads, seeWhatIsThereAndNothingElse) {
+  mlnn::HandleTable<int, 1> table;
+  std::atomic<uint64_t> latest[kThreads] = {};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 500; ++round) {
+        const uint64_t id = table.add(std::make_shared<int>(t));
+        latest[t] = id;
+        const std::shared_ptr<int> other = table.share(latest[(t + 1) % kThreads]);
+        if (other && *other != (t + 1) % kThreads) ++wrong;
+        const int* const own = table.find(id);
+        if (own == nullptr || *own != t) ++wrong;
+        if (!table.take(id) || table.find(id) != nullptr) ++wrong;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

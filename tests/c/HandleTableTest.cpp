@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <set>
-#include <thread>
 #include <vector>
 
 #include "c/HandleTable.h"
@@ -124,30 +122,6 @@ TEST(HandleTable, isAsItWasWhereMemoryRunsOut) {
   EXPECT_EQ(object.use_count(), 65);
   for (const uint64_t id : ids) EXPECT_EQ(table.find(id), object.get());
   EXPECT_EQ(table.find(table.add(object)), object.get());
-}
-
-// Each thread has objects of its own, and asks for those of others by numbers that come and go.
-TEST(HandleTable, servesSeveralThreads) {
-  Numbers table;
-  constexpr int kThreads = 4;
-  std::atomic<uint64_t> latest[kThreads] = {};
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int round = 0; round < 500; ++round) {
-        const uint64_t id = table.add(std::make_shared<int>(t));
-        latest[t] = id;
-        const std::shared_ptr<int> other = table.share(latest[(t + 1) % kThreads]);
-        if (other && *other != (t + 1) % kThreads) ++wrong;
-        const int* const own = table.find(id);
-        if (own == nullptr || *own != t) ++wrong;
-        if (!table.take(id) || table.find(id) != nullptr) ++wrong;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace
