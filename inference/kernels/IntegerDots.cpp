@@ -2,11 +2,11 @@
 // these are the compilers' own intrinsics, chosen by the same tests as the other kernels.
 #include "inference/kernels/IntegerDots.h"
 
-#include <array>
 #include <cstring>
 
 #include "hwy/base.h"
 #include "inference/kernels/Processor.h"
+#include "inference/kernels/RunnableKernels.h"
 #include "layers/BuiltForSize.h"
 
 #if HWY_ARCH_X86
@@ -546,14 +546,7 @@ MLNN_POP_DOT_PRODUCTS
 
 #endif
 
-// The kernels that this processor runs, the best first. Found without the heap, since that
-// happens within the first forward pass.
-struct Runnable {
-  std::array<const DotKernels*, 6> kernels{};
-  std::size_t count = 0;
-
-  void add(const DotKernels& found) { kernels[count++] = &found; }
-};
+using Runnable = RunnableKernels<DotKernels, 6>;
 
 Runnable findRunnable() {
   Runnable found;
@@ -578,14 +571,10 @@ Runnable findRunnable() {
 
 }  // namespace
 
-std::vector<const DotKernels*> runnableDots() {
-  const Runnable runnable = findRunnable();
-  return {runnable.kernels.begin(),
-          runnable.kernels.begin() + static_cast<std::ptrdiff_t>(runnable.count)};
-}
+std::vector<const DotKernels*> runnableDots() { return findRunnable().all(); }
 
 const DotKernels& bestDots() {
-  static const DotKernels& best = *findRunnable().kernels.front();
+  static const DotKernels& best = findRunnable().best();
   return best;
 }
 

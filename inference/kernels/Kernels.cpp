@@ -8,13 +8,11 @@
 //
 #include "hwy/foreach_target.h"
 //
-#include <array>
-
 #include "inference/kernels/Activations-inl.h"
 #include "inference/kernels/Kernels.h"
 #include "inference/kernels/LeaveVectors-inl.h"
-#include "inference/kernels/Processor.h"
 #include "inference/kernels/RowCodes-inl.h"
+#include "inference/kernels/RunnableKernels.h"
 #include "inference/kernels/ScalarOps.h"
 #include "layers/BuiltForSize.h"
 #if MLNN_BUILT_FOR_SIZE
@@ -60,30 +58,9 @@ namespace mlnn {
 
 namespace {
 
-// The kernels that this processor runs, the best first. Found without the heap, since that
-// happens within the first forward pass.
-struct Runnable {
-  std::array<const Kernels*, 4> kernels{};
-  std::size_t count = 0;
-
-  void add(const Kernels& found) { kernels[count++] = &found; }
-};
-
-// What the compiler may use everywhere comes last, and needs no test.
-Runnable findRunnable() {
-  Runnable found;
-#if HWY_TARGETS & HWY_AVX3
-  if (hasAvx512()) found.add(N_AVX3::kernels());
-#endif
-#if HWY_TARGETS & HWY_AVX2
-  if (hasAvx2()) found.add(N_AVX2::kernels());
-#endif
-#if HWY_TARGETS & HWY_SSE4
-  if (hasSse4()) found.add(N_SSE4::kernels());
-#endif
-#if !(HWY_STATIC_TARGET & (HWY_AVX3 | HWY_AVX2 | HWY_SSE4))
-  found.add(HWY_STATIC_DISPATCH(kernels)());
-#endif
+RunnableKernels<Kernels, 4> findRunnable() {
+  RunnableKernels<Kernels, 4> found;
+  MLNN_ADD_RUNNABLE(found, kernels);
   return found;
 }
 
@@ -93,14 +70,10 @@ float activated(ActFn::ActFn fn, float x) { return HWY_STATIC_DISPATCH(scalarAct
 
 float singleExpOfNegative(float x) { return HWY_STATIC_DISPATCH(scalarExpOfNegative)(x); }
 
-std::vector<const Kernels*> runnableKernels() {
-  const Runnable runnable = findRunnable();
-  return {runnable.kernels.begin(),
-          runnable.kernels.begin() + static_cast<std::ptrdiff_t>(runnable.count)};
-}
+std::vector<const Kernels*> runnableKernels() { return findRunnable().all(); }
 
 const Kernels& bestKernels() {
-  static const Kernels& best = *findRunnable().kernels.front();
+  static const Kernels& best = findRunnable().best();
   return best;
 }
 

@@ -6,10 +6,8 @@
 //
 #include "hwy/foreach_target.h"
 //
-#include <array>
-
 #include "inference/kernels/LeaveVectors-inl.h"
-#include "inference/kernels/Processor.h"
+#include "inference/kernels/RunnableKernels.h"
 #include "inference/kernels/ScalarOps.h"
 #include "inference/kernels/Unfused-inl.h"
 #include "inference/kernels/UnfusedKernels.h"
@@ -53,30 +51,9 @@ namespace mlnn {
 
 namespace {
 
-// The kernels that this processor runs, the best first. Found without the heap, since that
-// happens within the first forward pass.
-struct Runnable {
-  std::array<const UnfusedKernels*, 4> kernels{};
-  std::size_t count = 0;
-
-  void add(const UnfusedKernels& found) { kernels[count++] = &found; }
-};
-
-// What the compiler may use everywhere comes last, and needs no test.
-Runnable findRunnable() {
-  Runnable found;
-#if HWY_TARGETS & HWY_AVX3
-  if (hasAvx512()) found.add(N_AVX3::unfusedKernels());
-#endif
-#if HWY_TARGETS & HWY_AVX2
-  if (hasAvx2()) found.add(N_AVX2::unfusedKernels());
-#endif
-#if HWY_TARGETS & HWY_SSE4
-  if (hasSse4()) found.add(N_SSE4::unfusedKernels());
-#endif
-#if !(HWY_STATIC_TARGET & (HWY_AVX3 | HWY_AVX2 | HWY_SSE4))
-  found.add(HWY_STATIC_DISPATCH(unfusedKernels)());
-#endif
+RunnableKernels<UnfusedKernels, 4> findRunnable() {
+  RunnableKernels<UnfusedKernels, 4> found;
+  MLNN_ADD_RUNNABLE(found, unfusedKernels);
   return found;
 }
 
@@ -88,14 +65,10 @@ float unfusedActivated(ActFn::ActFn fn, float x) {
 
 float unfusedExpOfNegative(float x) { return HWY_STATIC_DISPATCH(scalarUnfusedExpOfNegative)(x); }
 
-std::vector<const UnfusedKernels*> runnableUnfusedKernels() {
-  const Runnable runnable = findRunnable();
-  return {runnable.kernels.begin(),
-          runnable.kernels.begin() + static_cast<std::ptrdiff_t>(runnable.count)};
-}
+std::vector<const UnfusedKernels*> runnableUnfusedKernels() { return findRunnable().all(); }
 
 const UnfusedKernels& bestUnfusedKernels() {
-  static const UnfusedKernels& best = *findRunnable().kernels.front();
+  static const UnfusedKernels& best = findRunnable().best();
   return best;
 }
 
