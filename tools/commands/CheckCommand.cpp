@@ -12,6 +12,7 @@
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
+#include "tools/commands/EachFile.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/reports/DigestReport.h"
@@ -249,30 +250,12 @@ int checkOne(const Options& options) {
   return statusOf(findings, options);
 }
 
-// One after another, or as a JSON array; those that cannot be read are left out.
 int checkSeveral(const Options& options) {
-  int status = kDone;
-  bool isFirst = true;
-  Json array = Json::array();
-  for (const std::string& name : options.models) {
-    try {
-      const Findings findings = examine(name, options);
-      status = std::max(status, statusOf(findings, options));
-      if (options.json) {
-        array.push_back(jsonOf(findings, options));
-        continue;
-      }
-      if (!isFirst) std::cout << "\n";
-      isFirst = false;
-      printText(findings, options);
-      std::cout.flush();  // what is said of the next one comes after it
-    } catch (const Failure& failure) {
-      printError(failure.what());
-      status = kRefused;
-    }
-  }
-  if (options.json) printJson(array);
-  return status;
+  return tellOfEach(
+      options.models, options.json, [&](const std::string& name) { return examine(name, options); },
+      [&](const Findings& findings) { printText(findings, options); },
+      [&](const Findings& findings) { return jsonOf(findings, options); },
+      [&](const Findings& findings) { return statusOf(findings, options); });
 }
 
 void checkUsage(const Options& options) {

@@ -6,6 +6,7 @@
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
+#include "tools/commands/EachFile.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/reports/FormatText.h"
@@ -210,29 +211,12 @@ int showOne(const Options& options) {
   return kDone;
 }
 
-// One after another, or as a JSON array; those that do not load are left out.
 int showSeveral(const Options& options) {
-  int status = kDone;
-  bool isFirst = true;
-  Json array = Json::array();
-  for (const std::string& name : options.models) {
-    try {
-      const ModelFile file = loadModel(name, options.load);
-      if (options.json) {
-        array.push_back(jsonOf(file));
-        continue;
-      }
-      if (!isFirst) std::cout << "\n";
-      isFirst = false;
-      printText(file);
-      std::cout.flush();  // what is said of the next one comes after it
-    } catch (const Failure& failure) {
-      printError(failure.what());
-      status = kRefused;
-    }
-  }
-  if (options.json) printJson(array);
-  return status;
+  return tellOfEach(
+      options.models, options.json,
+      [&](const std::string& name) { return loadModel(name, options.load); },
+      [](const ModelFile& file) { printText(file); },
+      [](const ModelFile& file) { return jsonOf(file); }, [](const ModelFile&) { return kDone; });
 }
 
 int run(const Options& options) {
