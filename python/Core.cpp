@@ -91,6 +91,7 @@ Core::Core() {
 }
 
 Core::~Core() {
+  delete sparePass.load();
   const std::lock_guard<std::mutex> lock(live().mutex);
   live().cores.erase(this);
 }

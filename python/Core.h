@@ -11,6 +11,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "features/Watch.h"
+#include "inference/NNFwdPassFromFile.h"
 #include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -40,6 +42,10 @@ struct Core {
   std::shared_mutex mutex;
   std::mutex handlesMutex;  // taken after the other one where both are
   std::map<NNLayer*, std::weak_ptr<LayerHandle>> handles;
+
+  // A forward pass over the model that nobody uses just now, or null. Whoever takes it, leaves
+  // null.
+  std::atomic<NNFwdPassFromFile*> sparePass = nullptr;
 };
 
 using Reading = std::shared_lock<std::shared_mutex>;

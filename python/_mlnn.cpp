@@ -415,6 +415,77 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
   return py::make_tuple(said.first, said.second, handOver(std::move(outputs)));
 }
 
+// Where few frames are done in a moment, what a call sets up would take longer.
+constexpr py::ssize_t kFewFrames = 16;
+
+// Whether these are a few frames in an array whose values can be read where they are.
+bool areFewFrames(const py::object& frames) {
+  const auto* const arrayType =
+      reinterpret_cast<PyTypeObject*>(py::detail::npy_api::get().PyArray_Type_);
+  if (Py_TYPE(frames.ptr()) != arrayType || !Frames::check_(frames)) return false;
+  const auto array = py::reinterpret_borrow<Frames>(frames);
+  const py::ssize_t size = sizeof(float);
+  if (array.ndim() != 2 || array.shape(0) < 1 || array.shape(0) > kFewFrames) return false;
+  const py::ssize_t width = array.shape(1);
+  const py::ssize_t step = array.strides(0);
+  return width > 1 && array.strides(1) == size &&
+         (array.flags() & py::detail::npy_api::NPY_ARRAY_ALIGNED_) != 0 &&
+         (array.shape(0) == 1 || (step >= width * size && step % size == 0));
+}
+
+// Whether single frames of the model are its input vectors, as they are.
+bool areInputsThemselves(const MultiLayerNNModel& model) {
+  const MelDeltasNorm& norm = model.deltasNorm;
+  return model.featureDesc.winSizeLeft == 0 && model.featureDesc.winSizeRight == 0 &&
+         norm.minvals.size() == 0 && norm.normvals.size() == 0;
+}
+
+// Runs a pass over a few frames: input vectors where they are, others as evaluate() does.
+// Returns: whether that was all there is to it.
+bool runFew(NNFwdPassFromFile& pass, const MultiLayerNNModel& model, const Columns& frames,
+            bool stacked, const mlnn::OutputFrames& outputs) {
+  if (frames.rows() == model.numInputs() &&
+      (stacked || areInputsThemselves(model) || mlnn::frameWidth(model) != frames.rows())) {
+    return pass.evaluate(mlnn::InputFrames(frames), outputs) == 0;
+  }
+  std::string whyNot;
+  const auto inputs =
+      mlnn::RecordingInputs::forFrames(model, frames.rows(), stacked, "the recording", whyNot);
+  if (!inputs) return false;
+  const std::optional<Eigen::MatrixXf> results = mlnn::evaluateFrames(pass, frames, *inputs);
+  if (!results) return false;
+  std::copy_n(results->data(), results->size(), outputs.values);
+  return true;
+}
+
+int outputsOf(const MultiLayerNNModel& model) {
+  return !model.layers.empty() && mlnn::hasOutputs(model.layers) ? model.numOutputs() : 0;
+}
+
+// Runs a model over a few frames, as evaluate() does, without what that sets up.
+// Returns: the outputs; None, where there is more to it: then evaluate() gives them, or says why
+// not.
+py::object evaluateFew(Core& core, const py::object& frames, const py::object& stacked) {
+  const bool areStacked = stacked.ptr() == Py_True;
+  if (!areFewFrames(frames) || !(areStacked || stacked.is_none())) return py::none();
+  const Columns inputs = columnsOf(py::reinterpret_borrow<Frames>(frames));
+  const int numOutputs =
+      read(core, [](const MultiLayerNNModel& model) { return outputsOf(model); });
+  if (numOutputs == 0) return py::none();
+  Frames results({inputs.cols(), Index{numOutputs}});
+  const mlnn::OutputFrames outputs(results.mutable_data(), numOutputs, inputs.cols());
+  const bool isDone = read(core, [&](const MultiLayerNNModel& model) {
+    if (outputsOf(model) != numOutputs) return false;  // another thread has changed it
+    const mlnn::CollectedMessages said;
+    std::unique_ptr<NNFwdPassFromFile> pass(core.sparePass.exchange(nullptr));
+    if (!pass) pass = std::make_unique<NNFwdPassFromFile>(model);
+    const bool isAll = runFew(*pass, model, inputs, areStacked, outputs);
+    delete core.sparePass.exchange(pass.release());
+    return isAll && said.messages().empty();
+  });
+  return isDone ? py::object(results) : py::object(py::none());
+}
+
 py::array stack(Core& core, const Frames& frames) {
   const Columns columns = columnsOf(frames);
   auto inputs = std::make_unique<Eigen::MatrixXf>();
@@ -697,6 +768,7 @@ PYBIND11_MODULE(_mlnn, module) {
       .def("copy", &copyOf)
       .def("written", &written)
       .def("evaluate", &evaluate)
+      .def("evaluate_few", &evaluateFew)
       .def("stack", &stack);
   bindOperations(core);
   bindValues(core);

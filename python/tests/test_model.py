@@ -701,6 +701,43 @@ def test_every_layout_and_type_gives_the_same(model):
     assert (model(np.broadcast_to(inputs[:1], (3, 4)), stacked=True) == expected[0]).all()
 
 
+@pytest.mark.parametrize("normalised", [False, True])
+@pytest.mark.parametrize("window", [(0, 0), (1, 2), None])
+def test_few_frames_give_the_bits_of_many(normalised, window):
+    """A call with few frames takes a shorter way."""
+    rng = np.random.default_rng(8)
+    model = mlnn.Model()
+    frames = 1 + sum(window) if window else 1
+    model.create_first_layer(120 * frames, 7, 1.0)
+    model.add_layer(3, 1.0)
+    if window:
+        model.features = mlnn.FeatureDescription(num_bands=40, use_deltas=True, win_size_left=window[0],
+                                                 win_size_right=window[1])
+    if normalised:
+        model.normalisation = rng.normal(size=120), rng.normal(size=120)
+
+    def long_way(inputs, stacked):
+        return model._core.evaluate(inputs, stacked, None)[2]
+
+    for width in {120, 120 * frames}:
+        for count in 1, 2, 15, 16, 17:
+            wide = rng.normal(size=(count, width + 3)).astype(np.float32)
+            for given in wide[:, :width], np.ascontiguousarray(wide[:, 3:]):
+                for stacked in (None, True) if width == 120 * frames else (None,):
+                    assert (model(given, stacked) == long_way(given, stacked)).all()
+                    assert (model(given.astype(np.float64), stacked) == model(given, stacked)).all()
+            first = model(given)
+            model(given + 1)
+            assert (first == model(given)).all()  # whose memory is its own
+    with pytest.raises(ValueError, match="frames of 5 values; expected "):
+        model(np.zeros((1, 5), np.float32))
+    model.delete_layers(1)
+    assert model(given).shape == (17, 7) and model(given[:1]).shape == (1, 7)
+    model.delete_layers(1)
+    with pytest.raises(mlnn.Error, match="no layers"):
+        model(given[:1])
+
+
 def test_no_frames_give_no_outputs(digits):
     model = mlnn.load(digits / "synth.txt")
     for width in 120, 600:

@@ -73,6 +73,11 @@ CALLS = {
     "__imul__": lambda m: m.__imul__(2),
     "__getstate__": lambda m: pickle.loads(pickle.dumps(m)),
     "__repr__": repr,
+    "check": lambda m: m.check(),
+    "digest": lambda m: m.digest(),
+    "budget": lambda m: m.budget(),
+    "trace": lambda m: m.trace(frames_for(m)),
+    "sweep": lambda m: m.sweep([frames_for(m)], [4]),
     # These make models; from_bytes is what all are made by here.
     "from_bytes": lambda m: None, "load": lambda m: None, "from_arrays": lambda m: None,
 }
