@@ -19,6 +19,13 @@ namespace mlnn {
 template <typename Object, uint8_t kKind>
 class HandleTable {
  public:
+  HandleTable() = default;
+  HandleTable(const HandleTable&) = delete;
+  HandleTable& operator=(const HandleTable&) = delete;
+  ~HandleTable() {
+    for (std::atomic<Slot*>& block : blocks_) delete[] block.load();
+  }
+
   // Returns the number of an object from now on; never 0.
   // Throws: std::bad_alloc; then nothing has changed.
   uint64_t add(std::shared_ptr<Object> object) {
@@ -106,7 +113,7 @@ class HandleTable {
   }
 
   mutable std::mutex mutex_;
-  std::array<std::atomic<Slot*>, kBlocks> blocks_{};  // kept to the end of the process
+  std::array<std::atomic<Slot*>, kBlocks> blocks_{};  // kept to the table's end
   uint32_t count_ = 0;
   uint32_t free_ = kNone;
 };
