@@ -30,10 +30,14 @@ std::size_t wholeGroups(std::size_t width) {
 }
 
 // The frames that go through all layers before the next ones. Weights that stay in the second-level
-// cache leave room there for few frames; others pay off only with many.
-std::size_t framesAtOnce(std::size_t widest, bool streams) {
+// cache leave room there for few frames, and those that come from the third-level one leave room
+// for some; the memory is worth reading for many only.
+std::size_t framesAtOnce(std::size_t widest, std::size_t weightBytes) {
   constexpr std::size_t kFloats = std::size_t{1} << 24;
-  return std::clamp<std::size_t>(kFloats / floatStride(widest + 1), 1, streams ? 256 : 48);
+  const std::size_t most = weightBytes <= kSecondLevelBytes ? 48
+                           : weightBytes < kThirdLevelBytes ? 64
+                                                            : 256;
+  return std::clamp<std::size_t>(kFloats / floatStride(widest + 1), 1, most);
 }
 
 bool hasCodes(const IntegerLayerView& view) { return view.codes.codes != nullptr; }
@@ -84,7 +88,7 @@ StackNeeds needsOf(const IntegerSource& stack, std::size_t bytesPerInput, std::s
         needs.bytes, byteFramesOf(view) * strideOf(wholeGroups(view.layer.cols) * bytesPerInput));
   }
   needs.streams = stack.bytes() > kSecondLevelBytes;
-  needs.frames = std::min(frames, framesAtOnce(needs.widest, needs.streams));
+  needs.frames = std::min(frames, framesAtOnce(needs.widest, stack.bytes()));
   needs.bytes *= needs.frames;
   needs.byteFrames *= needs.frames;
   return needs;

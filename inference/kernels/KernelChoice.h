@@ -54,7 +54,6 @@ constexpr VectorLoops vectorLoopsFor(const LayerView& layer) {
 // page: in a panel of rows, every input would be read from another page. From the third-level cache
 // that costs less than keeping the chains.
 constexpr FramesLoops framesLoopsFor(const LayerView& layer, std::size_t frames) {
-  constexpr std::size_t kThirdLevelBytes = std::size_t{8} << 20;
   if (frames == 1 && streams(layer)) return FramesLoops::kSweep;
   const bool isLarge = layer.coded == nullptr && layer.rows >= kFloatsInPage &&
                        bytesOfFloats(layer) >= kThirdLevelBytes;

@@ -30,6 +30,9 @@ constexpr std::size_t kFewRows = 32;
 // Weights of so many bytes stream through the second-level cache of common processors.
 constexpr std::size_t kSecondLevelBytes = std::size_t{1} << 20;
 
+// Weights of so many bytes come from the memory, or cost as much.
+constexpr std::size_t kThirdLevelBytes = std::size_t{8} << 20;
+
 constexpr std::size_t chainLength(std::size_t rows) {
   return rows <= kFewRows ? kShortChainLength : kChainLength;
 }
