@@ -103,9 +103,9 @@ TEST(IntegerDots, areThoseOfThePlainLoopForLayersOfAllShapes) {
   std::mt19937 random(1);
   for (const unsigned bits : {8U, 4U}) {
     for (std::size_t cols = 1; cols < 90; cols += 1 + cols / 12) {
-      for (const std::size_t panels : {1, 2, 3, 5, 9}) {
+      for (const std::size_t panels : std::vector<std::size_t>{1, 2, 3, 5, 9}) {
         const Codes codes(16 * panels, cols, bits, random);
-        for (const std::size_t frames : {1, 2, 3, 4, 5, 6, 7, 8}) {
+        for (const std::size_t frames : std::vector<std::size_t>{1, 2, 3, 4, 5, 6, 7, 8}) {
           expectPlainSums(codes, 0, panels, frames, random);
         }
       }
@@ -116,8 +116,9 @@ TEST(IntegerDots, areThoseOfThePlainLoopForLayersOfAllShapes) {
 TEST(IntegerDots, takeSomePanelsOfALayer) {
   std::mt19937 random(2);
   const Codes codes(16 * 12, 300, 8, random);
-  for (const std::size_t first : {1, 4, 7}) {
-    for (const std::size_t panels : {1, 4, 5}) expectPlainSums(codes, first, panels, 1, random);
+  for (const std::size_t first : std::vector<std::size_t>{1, 4, 7}) {
+    for (const std::size_t panels : std::vector<std::size_t>{1, 4, 5})
+      expectPlainSums(codes, first, panels, 1, random);
   }
 }
 
