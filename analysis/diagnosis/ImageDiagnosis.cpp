@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "analysis/diagnosis/RowCodesMisfit.h"
 #include "layers/ByteIo.h"
 #include "layers/NNLayer.h"
 #include "layers/NNLayerRecord.h"
@@ -52,6 +53,7 @@ class ImageWalk {
   bool arraysFit(const std::string& layer, const LayerRecordHead& head);
   bool codesFit(const LayerRecordHead& head, std::size_t left);
   bool codesFit(const std::string& layer, const LayerRecordHead& head);
+  bool refuseRowCodes(const std::string& layer, const LayerRecordHead& head);
   bool refuseWeights(const std::string& layer, const LayerRecordHead& head);
   bool endFits();
   bool checksumFits();
@@ -155,15 +157,29 @@ bool ImageWalk::refuseWeights(const std::string& layer, const LayerRecordHead& h
     return refuse(position_ + offsetof(LayerRecordHead, form), layer + ", form of the weights",
                   "codes, which take fewer bytes for weights of so few different values", "floats");
   }
-  if (hasRowScales(head.form)) {
-    return refuse(position_ + sizeof head, layer + ", scales and codes of rows",
-                  "the largest scale that each row can have, codes within their range, zeros where "
-                  "they fill up, and no shorter form",
-                  "others");
-  }
+  if (hasRowScales(head.form)) return refuseRowCodes(layer, head);
   return refuse(position_ + sizeof head, layer + ", coded weights",
                 "a table of ascending values, codes that use each of them, and no shorter form",
                 "another one");
+}
+
+bool ImageWalk::refuseRowCodes(const std::string& layer, const LayerRecordHead& head) {
+  const std::size_t form = position_ + offsetof(LayerRecordHead, form);
+  if (head.rows == 0 || head.cols == 0) {
+    return refuse(form, layer + ", form of the weights",
+                  std::to_string(kPlainFloats) + ", since there are no weights",
+                  std::to_string(head.form));
+  }
+  RowCodesView view;
+  view.rows = static_cast<std::size_t>(head.rows);
+  view.cols = static_cast<std::size_t>(head.cols);
+  view.bits = codeBits(head.form);
+  view.scales = image_.data() + position_ + sizeof head;
+  view.codes = reinterpret_cast<const unsigned char*>(view.scales + view.rows * sizeof(float));
+  const RowCodesMisfit misfit = misfitOfRowCodes(view);
+  const auto* const place = static_cast<const char*>(misfit.place);
+  return refuse(place == nullptr ? form : static_cast<std::size_t>(place - image_.data()),
+                layer + ", " + misfit.field, misfit.expected, misfit.found);
 }
 
 // Whether so many bytes have room for the weights that the record announces.

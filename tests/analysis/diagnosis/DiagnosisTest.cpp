@@ -376,6 +376,108 @@ TEST(ImageDiagnosis, placesWhatIsWrongWithCodedWeights) {
             "the image is cut short, or the sizes at byte 1008 are wrong");
 }
 
+// An image of one layer with 18 rows of 5 weights by rows: the codes 1, -3, 2, 0 and `largest`
+// times 0.5. So 18 scales stand at byte 1044, and blocks of `largest` > 7 ? 64 : 32 bytes at byte
+// 1116.
+ByteImage rowCodes(int largest) {
+  NNLayer layer = mlnn::test::plainLayer(5, 18);
+  for (Eigen::Index r = 0; r < 18; ++r) layer.weights.row(r) << 1, -3, 2, 0, float(largest);
+  layer.weights *= 0.5f;
+  for (Eigen::Index r = 0; r < 18; ++r) {
+    layer.weights.row(r) *= 1 + float(r) / 64;  // so that a table would be longer
+  }
+  MultiLayerNNModel model = mlnn::test::modelOf({layer});
+  model.deltasNorm.allocIfNeeded();
+  const ByteImage image = ByteImage::of(model);
+  EXPECT_EQ(image.int32At(kLayer1), largest > 7 ? 3 : 4);
+  return image;
+}
+
+constexpr std::size_t kScales = kLayer1 + 40;
+constexpr std::size_t kCodes = kScales + 4 * 18;
+
+// What is said of the image with another byte.
+std::string saidWith(ByteImage image, std::size_t offset, unsigned char byte) {
+  return saidOf(image.setByteAt(offset, byte).bytes());
+}
+
+TEST(ImageDiagnosis, placesScalesThatAreNone) {
+  const std::string expected = "expected a number greater than 0, or 0 for a row of zeros, found ";
+  for (const auto& [bits, found] :
+       {std::pair(0x7FC00000, "nan"), std::pair(0x7F800000, "inf"),
+        std::pair(int32_t(0x80000000u), "-0"), std::pair(int32_t(0xBF000000u), "-0.5")}) {
+    for (const int largest : {7, 100}) {
+      EXPECT_EQ(saidOf(rowCodes(largest).setInt32At(kScales + 8, bits).bytes()),
+                "byte 1052: layer 1, scale of row 3: " + expected + found);
+    }
+  }
+}
+
+TEST(ImageDiagnosis, placesScalesThatDoNotFitTheirCodes) {
+  EXPECT_EQ(saidOf(rowCodes(100).setInt32At(kScales, 0).bytes()),
+            "byte 1044: layer 1, scale of row 1: expected a number greater than 0, since not all "
+            "codes of the row are 0, found 0");
+  EXPECT_EQ(saidOf(rowCodes(100).setInt32At(kScales, 0x3F000001).bytes()),
+            "byte 1044: layer 1, scale of row 1: expected one that gives a float with each code of "
+            "the row, found 0.50000006");
+  EXPECT_EQ(saidOf(rowCodes(100).setInt32At(kScales, 0x7F7FFF80).bytes()),
+            "byte 1044: layer 1, scale of row 1: expected one that gives a float with each code of "
+            "the row, found 3.40279771e+38");
+  // The first row's codes all 0, and then twice as large.
+  ByteImage image = rowCodes(100);
+  const unsigned char zeros[] = {128, 128, 128, 128};
+  const unsigned char doubled[] = {130, 122, 132, 128};
+  for (std::size_t i = 0; i < 4; ++i) image.setByteAt(kCodes + i, zeros[i]);
+  image.setByteAt(kCodes + 64, 128);
+  EXPECT_EQ(saidOf(image.bytes()),
+            "byte 1044: layer 1, scale of row 1: expected 0, since all codes of the row are 0, "
+            "found 0.5");
+  for (std::size_t i = 0; i < 4; ++i) image.setByteAt(kCodes + i, doubled[i]);
+  EXPECT_EQ(saidOf(image.bytes()),
+            "byte 1044: layer 1, scale of row 1: expected the largest one that the row can have, "
+            "found 0.5, where all codes are multiples of 2");
+}
+
+TEST(ImageDiagnosis, placesCodesBeyondTheirRange) {
+  EXPECT_EQ(saidWith(rowCodes(100), kCodes + 4 + 1, 0),
+            "byte 1121: layer 1, code of row 2, column 2: expected -127 to 127, found -128");
+  EXPECT_EQ(saidWith(rowCodes(7), kCodes + 4 + 1, 0x80),
+            "byte 1121: layer 1, code of row 2, column 2: expected -7 to 7, found -8");
+  EXPECT_EQ(saidWith(rowCodes(7), kCodes + 4 + 1, 0x08),
+            "byte 1121: layer 1, code of row 10, column 2: expected -7 to 7, found -8");
+}
+
+TEST(ImageDiagnosis, placesCodesThatOnlyFillUp) {
+  EXPECT_EQ(saidWith(rowCodes(100), kCodes + 64 + 3, 129),
+            "byte 1183: layer 1, code of row 1, column 8: expected 0, behind the last row or "
+            "column, found 1");
+  EXPECT_EQ(saidWith(rowCodes(7), kCodes + 2 * 32 + 8, 0x80 | 0x9),
+            "byte 1188: layer 1, code of row 19, column 1: expected 0, behind the last row or "
+            "column, found 1");
+}
+
+TEST(ImageDiagnosis, placesRowCodesWhereAnotherFormIsShorter) {
+  ByteImage image = rowCodes(100);
+  for (std::size_t row = 0; row < 18; ++row) {
+    const std::size_t panel = row / 16 * 2 * 64;
+    image.setByteAt(kCodes + panel + 64 + 4 * (row % 16), 128 + 7);
+  }
+  EXPECT_EQ(saidOf(image.bytes()),
+            "byte 1004: layer 1, form of the weights: expected the one that takes the fewest bytes "
+            "for these weights, found a longer one");
+  EXPECT_EQ(saidOf(rowCodes(7).setInt32At(kLayer1 + 8, 0).bytes()),
+            "byte 1004: layer 1, form of the weights: expected 0, since there are no weights, "
+            "found 4");
+}
+
+TEST(ImageDiagnosis, placesRowCodesThatAreCutShort) {
+  const ByteImage whole = rowCodes(100);
+  EXPECT_EQ(saidOf(ByteImage(whole).truncateTo(kCodes + 10).bytes()),
+            "byte 1044: layer 1, coded weights and vectors: expected codes for 18 x 5 weights, and "
+            "72 bytes of vectors, found the end of the file after 82 bytes\n"
+            "the image is cut short, or the sizes at byte 1008 are wrong");
+}
+
 TEST(ImageDiagnosis, placesFloatsWhereCodesWouldDo) {
   ByteImage floats = image();  // the first layer, 12 weights
   for (std::size_t i = 0; i < 12; ++i) floats.setInt32At(kLayer1 + 40 + 4 * i, 0);
