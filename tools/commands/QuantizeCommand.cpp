@@ -18,6 +18,7 @@
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 #include "tools/commands/KnownClasses.h"
+#include "tools/commands/NumberRange.h"
 #include "tools/commands/Recordings.h"
 #include "tools/commands/Widths.h"
 #include "tools/files/Frames.h"
@@ -236,6 +237,9 @@ class Trial {
     const std::optional<Eigen::MatrixXf> outputs =
         evaluateFrames(model_, frames, inputs, progress.watch());
     if (!outputs) throw Failure(kCannotBeRun);
+    if (!outputs->allFinite()) {
+      throw Failure(inQuotes(name) + ": the outputs are not finite, which proves nothing");
+    }
     found_.frames += static_cast<std::size_t>(frames.cols());
     if (known && recordingClass(*outputs) == *known) ++*found_.rightRecordings;
     recordings_.push_back({std::move(frames), inputs, bestClasses(*outputs), known});
@@ -340,7 +344,7 @@ void addProofOptions(CommandLine& command, Options& options) {
       .type("CSV");
   command.add("--keep", options.keep, "Share of decisions that a width has to keep")
       .needs(prove)
-      .inRange(0.0, 1.0)
+      .check(numberRange(0, 1))
       .type("SHARE")
       .showDefault();
   command.addFlag("--json", options.json, "Print what was found as JSON").needs(prove);
@@ -364,7 +368,7 @@ void addQuantizeCommand(Tool& tool) {
       .type("HOW")
       .showDefault();
   command.add("--leave", options->leave, "Leave layers with a larger relative error")
-      .inRange(0.0, std::numeric_limits<double>::max())
+      .check(numberRange(0))
       .type("ERROR");
   command.add("--correct", options->correct, "Recordings to correct the biases with")
       .type("FRAMES");

@@ -15,6 +15,7 @@
 #include "tools/Failure.h"
 #include "tools/commands/CoarseGrid.h"
 #include "tools/commands/KnownClasses.h"
+#include "tools/commands/NumberRange.h"
 #include "tools/commands/Recordings.h"
 #include "tools/commands/Widths.h"
 #include "tools/files/Frames.h"
@@ -182,6 +183,7 @@ void addReduceCommand(Tool& tool) {
   command.add("--keep", options->keep, "Share of best classes that a width has to keep")
       .needs(sweep)
       .inRange(0.0, 1.0)
+      .check(numberRange(0, 1))
       .type("SHARE")
       .showDefault();
   command.addFlag("--json", options->json, "Print the table as JSON").needs(sweep);

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "tests/support/ByteImage.h"
 #include "tests/support/DigitsFolder.h"
 #include "tests/support/SourceTree.h"
+#include "tests/support/TestModels.h"
 #include "tests/tools/support/CommandFixture.h"
 #include "tools/files/ModelLoading.h"
 
@@ -151,29 +154,116 @@ TEST_F(QuantizeCommandTest, wrongUsage) {
                 "ERROR: --sweep tries many widths, so --bits does not go with it\n");
   expectRefused({"in.txt", "--sweep", "1..8", "--prove", "x.txt"}, 2,
                 "ERROR: --sweep: expected a range within 2..8, as in 4..8, but found '1..8'\n");
-  for (const std::string bits : {"1", "9", "x"}) {
-    EXPECT_EQ(run({"in.txt", "-", "--bits", bits}).status, 2) << bits;
+}
+
+TEST_F(QuantizeCommandTest, numbersOutOfRange) {
+  for (const std::string bits : {"0", "1", "9", "-1", "2.5", "99999999999999999999"}) {
+    expectRefused({"in.txt", "out.txt", "--bits", bits}, 2,
+                  "ERROR: --bits: Value " + bits +
+                      " not in range 2 to 8\nRun with --help for more information.\n");
+  }
+  for (const std::string keep : {"nan", "-0.1", "1.1", "x"}) {
+    expectRefused({"in.txt", "out.txt", "--prove", "x.txt", "--keep", keep}, 2,
+                  "ERROR: --keep: expected a number from 0 to 1, found '" + keep +
+                      "'\nRun with --help for more information.\n");
+  }
+  for (const std::string most : {"nan", "-1", "x"}) {
+    expectRefused({"in.txt", "out.txt", "--leave", most}, 2,
+                  "ERROR: --leave: expected a number of at least 0, found '" + most +
+                      "'\nRun with --help for more information.\n");
+  }
+  for (const std::string widths : {"8..4", "4..9", "a..b", "4..", "..8", "4...8"}) {
+    expectRefused(
+        {"in.txt", "--sweep", widths, "--prove", "x.txt"}, 2,
+        "ERROR: --sweep: expected a range within 2..8, as in 4..8, but found '" + widths + "'\n");
   }
 }
 
 TEST_F(QuantizeCommandTest, weightsThatAreNotFinite) {
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  for (const float weight : {kInfinity, -kInfinity, std::numeric_limits<float>::quiet_NaN()}) {
+    const MultiLayerNNModel model = mlnn::test::imageModel();
+    model.layers[1]->weights(2, 1) = weight;
+    folder_.write("odd.mlnn", mlnn::test::ByteImage::of(model).bytes());
+    folder_.write("out.txt", "as it was");
+    expectRefused({"odd.mlnn", "out.txt"}, 1,
+                  "ERROR: quantizeRows: layer 2 has a weight that is not finite\n"
+                  "ERROR: the model cannot be quantised\n");
+    EXPECT_EQ(contentOf(folder_.path("out.txt")), "as it was");
+  }
+}
+
+TEST_F(QuantizeCommandTest, rowsOfZerosStayZeros) {
   std::string text = kModel;
-  text.replace(text.find("2.4000001"), 9, "inf");
-  folder_.write("inf.txt", text);
-  const ToolResult result = run({"inf.txt", "out.txt"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(folder_.names(), (Names{"in.txt", "inf.txt", "labels.csv", "x.txt", "y.txt"}));
+  text.replace(text.find("7\t1"), 3, "-0\t0");
+  folder_.write("zeros.txt", text);
+  const ToolResult result = run({"zeros.txt", "-", "--prove", "x.txt"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_NE(result.out.find("\n0.5\t0\t0\n"), std::string::npos) << result.out;
+}
+
+// Nothing could be told from them: NaN would be as far from itself as from anything.
+TEST_F(QuantizeCommandTest, recordingsWhoseOutputsAreNotFinite) {
+  folder_.write("nan.txt", "nan 0\n");
+  const std::string warning = "Warning: 'nan.txt' holds 1 value not finite\n";
+  expectRefused({"in.txt", "out.txt", "--prove", "x.txt", "nan.txt"}, 1,
+                warning + "ERROR: 'nan.txt': the outputs are not finite, which proves nothing\n");
+  // As a mean it is none, so that the biases stay as they are.
+  const ToolResult corrected = run({"in.txt", "-", "--bits", "2", "--correct", "nan.txt"});
+  EXPECT_EQ(corrected.status, 0);
+  EXPECT_EQ(corrected.err, warning);
+  EXPECT_EQ(corrected.out, kTwoBits);
+}
+
+TEST_F(QuantizeCommandTest, labelsThatDoNotFit) {
+  const auto refused = [this](const std::string& labels, const std::string& message) {
+    folder_.write("odd.csv", labels);
+    expectRefused({"in.txt", "out.txt", "--prove", "x.txt", "--labels", "odd.csv"}, 1,
+                  "ERROR: " + message + "\n");
+  };
+  refused("", "'odd.csv' is empty; expected a heading");
+  refused("name,label\nx.txt,x\n", "'odd.csv', line 1: expected a column called 'file'");
+  refused("file,label\ny.txt,y\n", "'odd.csv' has no label for 'x.txt'");
+  refused("file,label\nx.txt,z\n", "the label 'z' of 'x.txt' is no class of the model");
+  expectRefused({"in.txt", "out.txt", "--prove", "x.txt", "--labels", "absent.csv"}, 1,
+                "ERROR: cannot read 'absent.csv': No such file or directory\n");
+}
+
+TEST_F(QuantizeCommandTest, recordingsWithoutFrames) {
+  folder_.write("none.txt", "");
+  for (const std::string option : {"--prove", "--correct"}) {
+    expectRefused({"in.txt", "out.txt", option, "none.txt"}, 1,
+                  "ERROR: 'none.txt': holds no frames\n");
+  }
+}
+
+TEST_F(QuantizeCommandTest, filesThatCannotBeWritten) {
+  expectRefused({"in.txt", "absent/out.txt"}, 1,
+                "ERROR: cannot write 'absent/out.txt': No such file or directory\n");
+  expectRefused({"in.txt", "/dev/full"}, 1,
+                "ERROR: cannot write '/dev/full': No space left on device\n");
+  EXPECT_EQ(contentOf(folder_.path("in.txt")), kModel);
+}
+
+// The model's own file may be OUT: it is replaced when all is proved, and not before.
+TEST_F(QuantizeCommandTest, inIsReplacedWhereItIsOutAndEnoughIsKept) {
+  const Names arguments = {"in.txt", "in.txt", "--bits", "2", "--prove", "x.txt", "y.txt"};
+  EXPECT_EQ(run(arguments).status, 1);
+  EXPECT_EQ(contentOf(folder_.path("in.txt")), kModel);
+  Names lenient = arguments;
+  lenient.insert(lenient.end(), {"--keep", "0.2"});
+  EXPECT_EQ(run(lenient).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("in.txt")), kTwoBits);
 }
 
 TEST_F(QuantizeCommandTest, framesOfAnotherWidth) {
   folder_.write("wide.txt", "1 2 3\n");
   for (const std::string option : {"--prove", "--correct"}) {
-    const ToolResult result = run({"in.txt", "out.txt", option, "wide.txt"});
-    EXPECT_EQ(result.status, 1) << option;
-    EXPECT_NE(result.err.find("ERROR: "), std::string::npos) << result.err;
-    EXPECT_EQ(result.out, "");
+    expectRefused({"in.txt", "out.txt", option, "wide.txt"}, 1,
+                  "ERROR: 'wide.txt' has 3 values in a frame; expected 2 (input vectors); the "
+                  "model does not tell the width of single frames\n");
   }
-  EXPECT_EQ(folder_.names(), (Names{"in.txt", "labels.csv", "wide.txt", "x.txt", "y.txt"}));
 }
 
 // --- What it is for ---
