@@ -19,7 +19,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using mlnn::test::CommandLine;
 using mlnn::test::commandLines;
 using mlnn::test::commandNames;
 using mlnn::test::contentOf;
@@ -27,6 +26,7 @@ using mlnn::test::kResultName;
 using mlnn::test::runShell;
 using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
+using mlnn::test::TriedLine;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kCanPreload = false;
@@ -57,12 +57,12 @@ std::string quoted(const std::vector<std::string>& words) {
 }
 
 // Whether two runs of the line say different things because they took different times.
-bool tellsTimes(const CommandLine& line) { return line.arguments.front() == "budget"; }
+bool tellsTimes(const TriedLine& line) { return line.arguments.front() == "budget"; }
 
 class CommandFaults : public testing::TestWithParam<std::string> {
  protected:
   // Runs the line in a folder that has what it had at first, while a call fails; 0 for none.
-  ToolResult run(const CommandLine& line, const std::string& kind, int number) {
+  ToolResult run(const TriedLine& line, const std::string& kind, int number) {
     fs::remove_all(folder_.path("traced"));
     folder_.write(kResultName, kOld);
     return runShell("export LD_PRELOAD='" MLNN_FAILING_IO_PATH "' MLNN_FAIL='" + kind + " " +
@@ -79,7 +79,7 @@ class CommandFaults : public testing::TestWithParam<std::string> {
   std::string result() const { return contentOf(folder_.path(kResultName)); }
 
   // Lets each call of the kind fail in turn, up to the first that is not there.
-  void expectNothingLost(const CommandLine& line, const std::string& kind) {
+  void expectNothingLost(const TriedLine& line, const std::string& kind) {
     const ToolResult whole = run(line, kind, 0);
     const std::string wholeResult = result();
     const std::vector<std::string> wholeNames = names();
@@ -104,7 +104,7 @@ TEST_P(CommandFaults, loseNothingAndLeaveNothing) {
   if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
   if (startsPython(GetParam())) return;
   mlnn::test::makeInputs(folder_);
-  for (const CommandLine& line : commandLines(GetParam())) {
+  for (const TriedLine& line : commandLines(GetParam())) {
     for (const char* kind : kKinds) expectNothingLost(line, kind);
     if (!isExhaustive()) return;
   }

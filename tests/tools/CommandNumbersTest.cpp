@@ -26,7 +26,6 @@
 namespace {
 
 using mlnn::test::ByteImage;
-using mlnn::test::CommandLine;
 using mlnn::test::commandLines;
 using mlnn::test::commandNames;
 using mlnn::test::kFramesName;
@@ -34,6 +33,7 @@ using mlnn::test::kModelName;
 using mlnn::test::runToolAtMost;
 using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
+using mlnn::test::TriedLine;
 
 constexpr int kLargest = std::numeric_limits<int32_t>::max();
 
@@ -228,10 +228,11 @@ void addRest(int number, std::vector<Case>& cases) {
 
 // --- Commands ---
 
-// Those that become another program are tried without options and on fewer numbers: it starts slowly.
+// Those that become another program are tried without options and on fewer numbers: it starts
+// slowly.
 bool startsPython(const std::string& command) { return command.find("onnx") != std::string::npos; }
 
-bool readsModel(const CommandLine& line) {
+bool readsModel(const TriedLine& line) {
   for (const std::string& word : line.arguments) {
     if (word == kModelName || word == kFramesName) return true;
   }
@@ -249,7 +250,7 @@ class CommandNumbers : public testing::TestWithParam<std::string> {
  protected:
   CommandNumbers() { mlnn::test::makeInputs(folder_); }
 
-  void expectWithinBounds(const Case& numbers, const CommandLine& line, std::size_t base) {
+  void expectWithinBounds(const Case& numbers, const TriedLine& line, std::size_t base) {
     SCOPED_TRACE(line.name + ": " + numbers.name);
     folder_.write(kModelName, numbers.model);
     folder_.write(kFramesName, numbers.frames);
@@ -266,13 +267,13 @@ class CommandNumbers : public testing::TestWithParam<std::string> {
 };
 
 TEST_P(CommandNumbers, everyLineIsWellFormed) {
-  for (const CommandLine& line : commandLines(GetParam())) {
+  for (const TriedLine& line : commandLines(GetParam())) {
     EXPECT_NE(runToolAtMost(kMostSeconds, line.arguments, folder_.path()).status, 2) << line.name;
   }
 }
 
 TEST_P(CommandNumbers, costNoMoreThanTheFilesDo) {
-  for (const CommandLine& line : commandLines(GetParam())) {
+  for (const TriedLine& line : commandLines(GetParam())) {
     const bool isBare = line.name == GetParam();
     if (!readsModel(line) || (startsPython(GetParam()) && !isBare)) continue;
     // Else the odd shapes of the largest number.

@@ -129,9 +129,9 @@ bool contains(const Words& words, const std::string& word) {
 bool isSweep(const Words& options) { return contains(options, "--sweep"); }
 
 // Arguments come first: an option may take all that follows.
-CommandLine lineOf(const CLI::App& command, const Words& options) {
+TriedLine lineOf(const CLI::App& command, const Words& options) {
   const std::string name = command.get_name();
-  CommandLine line{name, {name}};
+  TriedLine line{name, {name}};
   for (const CLI::Option* argument : command.get_options()) {
     if (!argument->nonpositional() && argument->get_positional()) {
       const std::string what = argument->get_name();
@@ -187,9 +187,9 @@ std::vector<std::string> commandNames() {
   return names;
 }
 
-std::vector<CommandLine> commandLines(const std::string& name) {
+std::vector<TriedLine> commandLines(const std::string& name) {
   const CLI::App& command = *theTool().app().get_subcommand(name);
-  std::vector<CommandLine> lines{lineOf(command, {})};
+  std::vector<TriedLine> lines{lineOf(command, {})};
   for (const CLI::Option* option : command.get_options()) {
     if (option->get_positional() || option == command.get_help_ptr()) continue;
     const std::size_t values =

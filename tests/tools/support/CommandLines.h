@@ -10,7 +10,7 @@
 
 namespace mlnn::test {
 
-struct CommandLine {
+struct TriedLine {
   std::string name;                    // as in "reduce --bits 4"
   std::vector<std::string> arguments;  // the command's name first
 };
@@ -28,7 +28,7 @@ std::vector<std::string> commandNames();
 // The command as it stands, and with each of its options, once for each value to be tried.
 // Throws: std::logic_error for an argument or option whose value is not known: say it in
 // CommandLines.cpp.
-std::vector<CommandLine> commandLines(const std::string& command);
+std::vector<TriedLine> commandLines(const std::string& command);
 
 // Makes every file that the lines read: of a small model, and frames for it.
 void makeInputs(const TempFolder& folder);
