@@ -3,6 +3,7 @@
 #include <cmath>
 #include <optional>
 
+#include "analysis/WeightForms.h"
 #include "model/LayerStack.h"
 #include "model/PrecisionGrid.h"
 #include "text/Numbers.h"
@@ -29,13 +30,16 @@ double shareBelowAStep(const MultiLayerNNModel& model, int bits) {
 
 void warnOfCoarseGrid(const MultiLayerNNModel& model, int bits) {
   constexpr double kMany = 0.1;
+  const bool isQuantized = !quantizedText(model).empty();
+  if (isQuantized) {
+    printWarning("the weights are quantised by rows, which one grid for the whole model undoes");
+  }
   const double share = shareBelowAStep(model, bits);
   if (share < kMany) return;
-  printWarning(
-      fixedNumber(share * 100, 0) + " % of the weights are smaller than a step of " +
-      counted(static_cast<std::size_t>(bits), "bit") +
-      " and become zero or the same; see what that loses with 'mlnn reduce --sweep', or use "
-      "'mlnn quantize'");
+  printWarning(fixedNumber(share * 100, 0) + " % of the weights are smaller than a step of " +
+               counted(static_cast<std::size_t>(bits), "bit") +
+               " and become zero or the same; see what that loses with 'mlnn reduce --sweep'" +
+               (isQuantized ? "" : ", or use 'mlnn quantize'"));
 }
 
 }  // namespace mlnn

@@ -10,7 +10,8 @@ namespace mlnn {
 // REQUIRES: bits is 0 to 31.
 double shareBelowAStep(const MultiLayerNNModel& model, int bits);
 
-// Prints a warning where that is a tenth of them or more.
+// Prints a warning where that is a tenth of them or more, and another one where layers are
+// quantised by rows.
 void warnOfCoarseGrid(const MultiLayerNNModel& model, int bits);
 
 }  // namespace mlnn

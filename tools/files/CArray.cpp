@@ -81,14 +81,16 @@ bool isCName(const std::string& name) {
   return !isReserved && keywords().count(name) == 0;
 }
 
-void writeCArray(const std::vector<char>& image, const std::string& name, std::ostream& out) {
+void writeCArray(const std::vector<char>& image, const std::string& name, const std::string& remark,
+                 std::ostream& out) {
   const std::string declarations = "extern const uint32_t " + name +
                                    "[];\n"
                                    "extern const size_t " +
                                    name + "_length;\n";
   out << "/* The image of a model, written by mlnn: " << image.size()
       << " bytes, for little-endian machines.\n"
-         "   In C++ the declarations below need extern \"C\". */\n"
+      << (remark.empty() ? "" : "   " + remark + ".\n")
+      << "   In C++ the declarations below need extern \"C\". */\n"
          "#include <stddef.h>\n"
          "#include <stdint.h>\n\n"
          "#ifdef __cplusplus\nextern \"C\" {\n#endif\n\n"

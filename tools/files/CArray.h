@@ -18,7 +18,9 @@ bool isCName(const std::string& name);
 
 // Writes a C and C++ source that defines `name`, an array of 32-bit words, so that an image lies
 // where its floats may, and `name`_length, its length in bytes.
-// REQUIRES: the length is a multiple of 4, as that of every image is.
-void writeCArray(const std::vector<char>& image, const std::string& name, std::ostream& out);
+// `remark` is a line of its comment, "" for none.
+// REQUIRES: the length is a multiple of 4, as that of every image is. The remark ends no comment.
+void writeCArray(const std::vector<char>& image, const std::string& name, const std::string& remark,
+                 std::ostream& out);
 
 }  // namespace mlnn

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <utility>
 
+#include "analysis/WeightForms.h"
 #include "model/FormatFit.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
@@ -102,7 +103,7 @@ void saveModel(MultiLayerNNModel& model, const std::string& name, ModelFormat fo
   OutputFile file(name);
   if (isCArray(name, options)) {
     writeCArray(imageBytes(model), options.symbol.empty() ? arrayName(name) : options.symbol,
-                file.stream());
+                quantizedText(model), file.stream());
   } else {
     writeModel(model, format, options.precision, file.stream());
   }

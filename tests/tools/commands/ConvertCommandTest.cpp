@@ -191,6 +191,20 @@ TEST(ConvertCommandTest, cArrayIsASourceThatHoldsTheImage) {
   EXPECT_EQ(result.out.substr(result.out.size() - end.size()), end);
 }
 
+TEST(ConvertCommandTest, cArrayOfAQuantisedNetworkSaysSo) {
+  const TempFolder folder;
+  const std::string small = folder.path("small.mlnn");
+  const std::string source = folder.path("small.c");
+  ASSERT_EQ(runTool({"quantize", sample("synth.txt"), small, "--bits", "4"}).status, 0);
+  ASSERT_EQ(runTool({"convert", small, source}).status, 0);
+  const std::string start =
+      "/* The image of a model, written by mlnn: 23988 bytes, for little-endian machines.\n"
+      "   4 bits a weight in layers 1-3, and a scale a row: 22312 bytes in place of 172544, 12.9 "
+      "%.\n"
+      "   In C++ the declarations below need extern \"C\". */\n";
+  EXPECT_EQ(contentOf(source).substr(0, start.size()), start);
+}
+
 // A C compiler takes the source, and what it makes of it is the image.
 TEST(ConvertCommandTest, cArrayHoldsTheImageToTheByte) {
   const TempFolder folder;

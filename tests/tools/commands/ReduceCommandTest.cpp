@@ -54,6 +54,19 @@ TEST_F(ReduceCommandTest, writesTheReducedModel) {
             "act_fn linear\n0\t1\t0\n0\t0\t0.75\n");
 }
 
+TEST_F(ReduceCommandTest, warnsOfWeightsThatAreQuantisedByRows) {
+  const std::string digits = mlnn::test::sourcePath("examples/digits/synth.txt");
+  ASSERT_EQ(mlnn::test::runTool({"quantize", digits, folder_.path("rows.txt")}).status, 0);
+  const ToolResult result = run({"rows.txt", "out.txt", "--bits", "8"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err,
+            "Warning: the weights are quantised by rows, which one grid for the whole model "
+            "undoes\n"
+            "Warning: 61 % of the weights are smaller than a step of 8 bits and become zero or the "
+            "same; see what that loses with 'mlnn reduce --sweep'\n"
+            "v_range -193.347244 - 138.880997 (332.228241), p_range 256\n");
+}
+
 TEST_F(ReduceCommandTest, warnsOfBatchNormVectors) {
   folder_.write("bn.txt", kBatchNorm);
   const ToolResult result = run({"bn.txt", "-", "--bits", "1"});
