@@ -1,12 +1,15 @@
 #include "tools/files/InputFile.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 
 #include "text/Escape.h"
 #include "tools/Failure.h"
@@ -24,11 +27,38 @@ FileDescriptor openInput(const std::string& name) {
   throw Failure("cannot read " + inputName(name) + ": " + std::strerror(errno));
 }
 
-// What a regular file is going to need; 0 for anything else.
-std::size_t expectedLength(int descriptor) {
+constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
+
+// A quarter of the memory that this process may have: what is read grows by copies, and is parsed.
+std::size_t quarterOfMemory() {
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+  const uint64_t memory = static_cast<uint64_t>(std::max(0L, sysconf(_SC_PHYS_PAGES))) *
+                          static_cast<uint64_t>(std::max(0L, sysconf(_SC_PAGESIZE)));
+  const uint64_t most = std::min({memory, static_cast<uint64_t>(limit.rlim_cur),
+                                  static_cast<uint64_t>(kUnbounded)});
+  return static_cast<std::size_t>(most / 4);
+}
+
+// What an input is going to need, and may.
+struct Expected {
+  std::size_t length = 0;  // 0 where that is not known
+  std::size_t most = kUnbounded;
+};
+
+// Of a device that is no terminal, as /dev/zero is not, there is no end to wait for.
+Expected expectedOf(int descriptor) {
+  constexpr std::size_t kMostOfDevice = std::size_t{1} << 20;
   struct stat status;
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
-  return static_cast<std::size_t>(status.st_size);
+  if (fstat(descriptor, &status) != 0) return {};
+  if (S_ISREG(status.st_mode)) return {static_cast<std::size_t>(status.st_size), kUnbounded};
+  const bool isDevice = S_ISCHR(status.st_mode) && isatty(descriptor) == 0;
+  return {0, isDevice ? kMostOfDevice : quarterOfMemory()};
+}
+
+[[noreturn]] void failWithoutEnd(const std::string& name, std::size_t most) {
+  throw Failure("cannot read " + inputName(name) + ": it does not end within " +
+                std::to_string(most) + " bytes");
 }
 
 }  // namespace
@@ -50,7 +80,8 @@ std::string readInput(const std::string& name) {
   if (!file.isOpen()) failToRead(name);
   constexpr std::size_t kChunk = std::size_t{1} << 17;
   std::string bytes;
-  bytes.reserve(std::max(expectedLength(file.get()) + 1, kChunk));
+  const Expected expected = expectedOf(file.get());
+  bytes.reserve(std::max(expected.length + 1, kChunk));
   for (std::size_t length = 0;;) {
     // One byte more than the capacity makes the string double it.
     bytes.resize(std::max(length + 1, std::min(bytes.capacity(), length + kChunk)));
@@ -58,6 +89,7 @@ std::string readInput(const std::string& name) {
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) failToRead(name);
     length += static_cast<std::size_t>(count);
+    if (length > expected.most) failWithoutEnd(name, expected.most);
     if (count == 0) {
       bytes.resize(length);
       return bytes;

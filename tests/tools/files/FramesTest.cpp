@@ -109,4 +109,39 @@ TEST(FramesTest, writesArraysByTheirEnding) {
   EXPECT_TRUE(sameBits(mlnn::readFrames(folder.path("two.npy")), twoByTwo()));
 }
 
+constexpr char kSmallModel[] =
+    "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\nlayer 1 size 1 2\nact_fn linear\n1 2\n";
+
+TEST(FramesTest, refusesADeviceWithoutAnEnd) {
+  const TempFolder folder;
+  folder.write("model", kSmallModel);
+  for (const std::string& line :
+       {std::string("mlnn run model /dev/zero"), std::string("mlnn check /dev/urandom")}) {
+    const auto result = mlnn::test::runShell("ulimit -v 4000000; ulimit -t 60; " + line,
+                                             folder.path());
+    const std::string device = line.substr(line.find("/dev"));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "ERROR: cannot read '" + device + "': it does not end within 1048576 bytes\n");
+  }
+}
+
+TEST(FramesTest, readsADeviceThatEnds) {
+  EXPECT_EQ(mlnn::test::runTool({"check", "/dev/null"}).err.find("cannot read"), std::string::npos);
+}
+
+// What memory has room for is less in a process that may have little of it.
+TEST(FramesTest, refusesAPipeWithoutAnEnd) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer needs terabytes of addresses";
+#endif
+  const TempFolder folder;
+  folder.write("model", kSmallModel);
+  const auto result = mlnn::test::runShell(
+      "yes 1 2>/dev/null | (ulimit -v 400000; ulimit -t 60; exec mlnn run model -)", folder.path());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: cannot read standard input: it does not end within 102400000 bytes\n");
+}
+
 }  // namespace
