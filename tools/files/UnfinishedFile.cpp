@@ -17,7 +17,10 @@
 namespace mlnn {
 namespace {
 
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+// Those that others send and that end a process. What the process does to itself, as SIGSEGV and
+// SIGABRT, is not among them, and SIGPIPE is ignored.
+constexpr int kSignals[] = {SIGINT,  SIGTERM,   SIGHUP,  SIGQUIT, SIGXCPU, SIGALRM,  SIGUSR1,
+                            SIGUSR2, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR,  SIGSTKFLT};
 
 // What a signal handler removes, null where there is nothing; handlers reach nothing but globals.
 std::array<std::atomic<const char*>, UnfinishedFile::kMost> filesToRemove{};
@@ -98,6 +101,7 @@ FileDescriptor UnfinishedFile::makeIn(const std::string& folder) {
 }
 
 void UnfinishedFile::release() {
+  const SignalsWait wait;  // for a moment, ignored ones are not
   filesToRemove[place_] = nullptr;
   if (--filesHeld == 0) handleSignals(SIG_DFL);
   path_.reset();

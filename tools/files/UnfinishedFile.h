@@ -9,8 +9,8 @@
 
 namespace mlnn {
 
-// Removes the file that it holds when it goes, and when an interrupt (SIGINT, SIGTERM, SIGHUP)
-// ends the process. One thread has all these objects.
+// Removes the file that it holds when it goes, and when a signal from outside ends the process
+// (SIGINT, SIGTERM, SIGXCPU and such; not SIGKILL). One thread has all these objects.
 class UnfinishedFile {
  public:
   static constexpr std::size_t kMost = 512;  // that hold a file at a time

@@ -239,7 +239,8 @@ TEST(OutputFileTest, removesWhatDidNotFit) {
 
 // The child stops itself in the middle of its work.
 TEST(OutputFileTest, isRemovedOnInterrupt) {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2,
+                           SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR, SIGSTKFLT}) {
     const TempFolder folder;
     const pid_t child = fork();
     if (child == 0) {
