@@ -21,6 +21,7 @@
 #include "features/Version.h"
 #include "layers/Messages.h"
 #include "layers/Report.h"
+#include "model/StackOutputs.h"
 
 namespace {
 
@@ -222,8 +223,8 @@ mlnn_status makeWindow(const char* function, const OpenedModel& model, std::size
     return refuse(MLNN_ERROR_SIZE, function, "the model does not tell the width of its frames");
   }
   const std::size_t width = frameWidth == 0 ? own : frameWidth;
-  // The window is as long as a row of weights, so a file cannot ask for more memory with it than it
-  // fills itself.
+  // The window is as long as a row of weights, of which there is one at least (see below), so a
+  // file cannot ask for more memory with it than it fills itself.
   if (width > model.inputs() ||
       !mlnn::framesMakeInputs(model.featureDesc(), static_cast<int>(width),
                               static_cast<int>(model.inputs()))) {
@@ -231,6 +232,9 @@ mlnn_status makeWindow(const char* function, const OpenedModel& model, std::size
             mlnn::windowLength(model.featureDesc()), " do not make the model's ", model.inputs(),
             " inputs"});
     return MLNN_ERROR_SIZE;
+  }
+  if (!mlnn::hasOutputs(model.widths())) {
+    return refuse(MLNN_ERROR_MODEL, function, mlnn::kNoOutputs);
   }
   std::string whyNot;
   window = mlnn::ContextWindow::create(model.featureDesc(), model.deltasNorm(),

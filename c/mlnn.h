@@ -235,7 +235,7 @@ typedef struct mlnn_stream {
 } mlnn_stream;
 
 /** Makes a stream for frames of `frame_width` values, of which a window makes the model's inputs; 0
- * takes what the model tells. */
+ * takes what the model tells. Refused with MLNN_ERROR_MODEL where the model has no outputs. */
 MLNN_API mlnn_status mlnn_stream_create(mlnn_model model, size_t frame_width, mlnn_stream* stream);
 
 /** Ends the handle and frees the stream. */

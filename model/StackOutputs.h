@@ -2,6 +2,7 @@
 // first.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "layers/NNLayer.h"
@@ -16,6 +17,7 @@ bool hasOutputs(const std::vector<NNLayer*>& layers);
 
 // The same for the widths of a stack: its inputs, then the outputs of each layer.
 bool hasOutputs(const std::vector<int>& widths);
+bool hasOutputs(const std::vector<std::size_t>& widths);
 
 // What messages say of a model that has none.
 inline constexpr char kNoOutputs[] = "the model has no outputs";
