@@ -1,6 +1,7 @@
 """The numbers in a file, not only its length: every call of a model, on layers of every odd shape
-with sizes up to 2^31 - 1, within bounds of time and memory. The calls are those that the class has:
-a new one is tried, or this test says that it does not know what to give it. Where the environment sets
+with sizes up to 2^31 - 1, within bounds of time and memory; and so of what else the package has. The
+calls are those that the classes and the package have: a new one is tried, or this test says that it
+does not know what to give it. Where the environment sets
 MLNN_EXHAUSTIVE, all powers of two are tried."""
 import subprocess
 import sys
@@ -8,7 +9,7 @@ import sys
 import pytest
 
 CHILD = r"""
-import io, os, pickle, resource, struct, sys
+import dataclasses, os, pickle, resource, tempfile
 import numpy as np
 import mlnn
 
@@ -83,6 +84,44 @@ CALLS = {
 }
 
 
+# Of a layer and of a description of features; what has no entry is looked at.
+OF_OTHERS = {
+    "__repr__": repr, "__str__": str, "__hash__": hash, "__eq__": lambda x: x == x,
+}
+
+
+def look_at(thing):
+    for name in vars(type(thing)):
+        if name in OF_OTHERS:
+            OF_OTHERS[name](thing)
+        elif not name.startswith("_"):
+            getattr(thing, name)
+
+
+def describe(number):
+    for field in dataclasses.fields(mlnn.FeatureDescription):
+        try:
+            description = mlnn.FeatureDescription(**{field.name: number})
+            look_at(description)
+            mlnn.Model().features = description
+        except ValueError:
+            pass
+
+
+# What the package has, with a model of one of the shapes, the file that has it, and a size.
+PACKAGE = {
+    "load": lambda m, path, size: mlnn.load(path),
+    "Model": lambda m, path, size: None,  # all that it has is tried above
+    "Layer": lambda m, path, size: [look_at(layer) for layer in m.layers],
+    "FeatureDescription": lambda m, path, size: (look_at(m.features), describe(size)),
+    "seed_random": lambda m, path, size: mlnn.seed_random(size),
+    "ACT_FNS": lambda m, path, size: list(mlnn.ACT_FNS),
+    "Error": lambda m, path, size: mlnn.Error(), "Warning": lambda m, path, size: mlnn.Warning(),
+    # Other packages make what these take; test_convert.py tries them.
+    "from_onnx": None, "to_onnx": None, "from_torch": None, "from_sklearn": None,
+}
+
+
 def is_public(name):
     return not name.startswith("_") or (name in CALLS and name in vars(mlnn.Model))
 
@@ -93,6 +132,13 @@ def calls():
             yield name, lambda m, name=name: getattr(m, name)
         else:
             yield name, CALLS[name]  # KeyError: say above what to give it
+
+
+def package_calls(path, size):
+    for name in mlnn.__all__:
+        call = PACKAGE[name]  # KeyError: say above what to give it
+        if call is not None:
+            yield name, lambda m, call=call: call(m, path, size)
 
 
 def used():
@@ -106,12 +152,15 @@ def run():
     resource.setrlimit(resource.RLIMIT_CPU, (60, 60))
     resource.setrlimit(resource.RLIMIT_DATA, (used() + MEMORY,) * 2)
     tried = 0
+    path = os.path.join(tempfile.mkdtemp(), "model")
     for kind, outputs, inputs, layers in shapes():
         if kind == "plain" and inputs == LARGEST:
             continue  # its size line counts the bias as well
         for window in {0, inputs if inputs > 1 and layers == 1 else 0}:
             data = text(kind, outputs, inputs, layers, window)
-            for name, call in calls():
+            with open(path, "wb") as file:
+                file.write(data)
+            for name, call in (*calls(), *package_calls(path, max(outputs, inputs))):
                 where = f"{name} of {layers} {kind} {outputs} x {inputs}, window {window}"
                 try:
                     call(mlnn.Model.from_bytes(data))
@@ -120,6 +169,8 @@ def run():
                 except MemoryError:
                     raise SystemExit("out of memory: " + where)
                 tried += 1
+    os.remove(path)
+    os.rmdir(os.path.dirname(path))
     print("tried" if tried > 2000 else tried)
 
 
