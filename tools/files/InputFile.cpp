@@ -35,8 +35,8 @@ std::size_t quarterOfMemory() {
   getrlimit(RLIMIT_AS, &limit);
   const uint64_t memory = static_cast<uint64_t>(std::max(0L, sysconf(_SC_PHYS_PAGES))) *
                           static_cast<uint64_t>(std::max(0L, sysconf(_SC_PAGESIZE)));
-  const uint64_t most = std::min({memory, static_cast<uint64_t>(limit.rlim_cur),
-                                  static_cast<uint64_t>(kUnbounded)});
+  const uint64_t most =
+      std::min({memory, static_cast<uint64_t>(limit.rlim_cur), static_cast<uint64_t>(kUnbounded)});
   return static_cast<std::size_t>(most / 4);
 }
 

@@ -20,10 +20,9 @@ bool isNoEntry(const std::string& name);
 // Throws: UsageError.
 void refuseSecondStandardInput(const std::vector<std::string>& names);
 
-// Returns the bytes of the file, or of the standard input for "-". What does not end is refused: of a
-// device that is no terminal at most 1 MiB is read, of a pipe a quarter of the memory that the process
-// may have.
-// Throws: Failure that names the file and the reason.
+// Returns the bytes of the file, or of the standard input for "-". What does not end is refused: of
+// a device that is no terminal at most 1 MiB is read, of a pipe a quarter of the memory that the
+// process may have. Throws: Failure that names the file and the reason.
 std::string readInput(const std::string& name);
 
 }  // namespace mlnn

@@ -34,7 +34,8 @@ class WriteFailure : public Failure {
 // "-" is the standard output; that, whatever else is a descriptor's (/dev/stdout, /dev/fd/3), and
 // what is not a regular file (a pipe, a device), is written to directly.
 //
-// A signal from outside that ends the process, but for SIGKILL, removes the unfinished file as well.
+// A signal from outside that ends the process, but for SIGKILL, removes the unfinished file as
+// well.
 class OutputFile {
  public:
   // Throws: WriteFailure that names the file and the reason.
