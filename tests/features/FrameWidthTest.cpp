@@ -26,6 +26,7 @@ TEST(FrameWidth, windowCountsTheFrameItself) {
 
 TEST(FrameWidth, framesMakeInputsWhereTheyFillTheWindow) {
   EXPECT_TRUE(framesMakeInputs(description(2, 1, 1), 2, 6));
+  EXPECT_TRUE(framesMakeInputs(description(1, 1, 1), 1, 3));
   EXPECT_FALSE(framesMakeInputs(description(2, 1, 1), 2, 7));
   EXPECT_FALSE(framesMakeInputs(description(2, 1, 1), 0, 0));
   EXPECT_FALSE(framesMakeInputs(description(2, -1, 1), 6, 6));
