@@ -66,7 +66,8 @@ CommandHelp exportHelp() {
   help.details =
       "The graph maps input vectors (normalised frames with their context) to outputs. Notes,\n"
       "properties, curves, the normalisation and the feature description travel as metadata, so\n"
-      "that import-onnx gives the model back. With --quantized, weights that mlnn quantize made become\n"
+      "that import-onnx gives the model back. With --quantized, weights that mlnn quantize made "
+      "become\n"
       "whole numbers of 8 bits and DequantizeLinear with a scale for each row.\n"
       "\n" +
       std::string(kNeedsPython);
