@@ -5,6 +5,7 @@
 #include "analysis/LayerRanges.h"
 #include "layers/FilledColumns.h"
 #include "layers/LayerArrays.h"
+#include "model/LayerStack.h"
 #include "text/Numbers.h"
 
 namespace mlnn {
@@ -13,9 +14,11 @@ namespace {
 using Eigen::Index;
 using Layer = std::optional<LayerQuantization>;
 
+// Arrays without values are not looked through: one without rows may have 2^31 columns.
 template <typename Array>
 bool areSame(const Array& a, const Array& b) {
-  return a.rows() == b.rows() && a.cols() == b.cols() && (a.array() == b.array()).all();
+  if (a.rows() != b.rows() || a.cols() != b.cols()) return false;
+  return a.size() == 0 || (a.array() == b.array()).all();
 }
 
 bool isZero(const Eigen::VectorXf& values) { return (values.array() == 0).all(); }
@@ -125,7 +128,8 @@ Layer quantizationOf(const NNLayer& original, const NNLayer& changed) {
   const Eigen::MatrixXf& weights = original.weights;
   if (weights.rows() != changed.weights.rows()) return std::nullopt;
   if (weights.cols() != changed.weights.cols()) return std::nullopt;
-  if (!areFinite(original) || (weights.array() == 0).all()) return std::nullopt;
+  if (weights.size() == 0 || !areFinite(original)) return std::nullopt;
+  if ((weights.array() == 0).all()) return std::nullopt;
   return Trials(original, changed).find();
 }
 
@@ -146,7 +150,8 @@ std::optional<std::vector<LayerQuantization>> findQuantization(const MultiLayerN
   std::vector<LayerQuantization> layers;
   bool isAnyQuantized = false;
   for (std::size_t i = 0; i < original.layers.size(); ++i) {
-    const Layer layer = quantizationOf(*original.layers[i], *changed.layers[i]);
+    const Layer layer =
+        quantizationOf(layerOrEmpty(original.layers[i]), layerOrEmpty(changed.layers[i]));
     if (!layer) return std::nullopt;
     isAnyQuantized = isAnyQuantized || layer->bits > 0;
     layers.push_back(*layer);

@@ -117,6 +117,10 @@ PACKAGE = {
     "seed_random": lambda m, path, size: mlnn.seed_random(size),
     "ACT_FNS": lambda m, path, size: list(mlnn.ACT_FNS),
     "Error": lambda m, path, size: mlnn.Error(), "Warning": lambda m, path, size: mlnn.Warning(),
+    "average": lambda m, path, size: mlnn.average([m, m.copy()]),
+    "diff": lambda m, path, size: mlnn.diff(m, m.copy()),
+    "compare": lambda m, path, size: mlnn.compare(m.trace(frames_for(m)), m.trace(frames_for(m))),
+    "diagnose": lambda m, path, size: mlnn.diagnose(path),
     # Other packages make what these take; test_convert.py tries them.
     "from_onnx": None, "to_onnx": None, "from_torch": None, "from_sklearn": None,
 }

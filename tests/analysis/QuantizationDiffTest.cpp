@@ -132,4 +132,20 @@ TEST(QuantizationDiff, isNothingOfWeightsThatAreNotFinite) {
   EXPECT_EQ(stderrOf([&] { EXPECT_EQ(said(someModel(), nan), ""); }), "");
 }
 
+// Their columns are not counted out: the test would take minutes.
+TEST(QuantizationDiff, passesOverLayersWithoutValues) {
+  MultiLayerNNModel model = someModel();
+  MultiLayerNNModel changed = quantized(model, 6);
+  for (MultiLayerNNModel* each : {&model, &changed}) {
+    for (int i = 0; i < 100; ++i) {
+      each->layers.push_back(nullptr);
+      each->layers.push_back(new NNLayer());
+      each->layers.back()->weights.resize(0, std::numeric_limits<int>::max());
+    }
+  }
+  EXPECT_EQ(said(model, changed), "6 bits in layers 1-3");
+  changed.layers.back()->weights.resize(0, 1);
+  EXPECT_EQ(said(model, changed), "");
+}
+
 }  // namespace
