@@ -16,8 +16,8 @@ FileStream::FileStream() : buffer_(new char[kFileBuffer]) {}
 
 bool FileStream::open(const char* fileName) {
   in_.rdbuf()->pubsetbuf(buffer_.get(), kFileBuffer);
-  in_.open(fileName, std::ios::in);
-  if (!in_) {
+  if (fileName != nullptr) in_.open(fileName, std::ios::in);
+  if (fileName == nullptr || !in_) {
     report({"ERROR: MultiLayerNNModel: could not read file: ", fileName});
     return false;
   }
