@@ -53,7 +53,7 @@ std::vector<int> numbers() {
 
 std::string rowsOf(std::size_t rows, std::size_t values) {
   if (rows == 0 || values == 0) return "";
-  if (rows * values > kMostValues) return "1 ";
+  if (std::uint64_t{rows} * values > kMostValues) return "1 ";
   std::string row;
   for (std::size_t i = 0; i < values; ++i) row += "1 ";
   std::string text;
