@@ -17,8 +17,7 @@ constexpr std::size_t kLongLength = 4 * kShortLength;
 constexpr std::uint64_t kNothing = 1000000;
 constexpr std::uint64_t kMostGrowth = 6;
 
-// The first line of the last file that callgrind wrote that tells the number of instructions; the
-// files are called NAME.1, NAME.2 and so on. Removes it.
+// Returns the number of instructions that a file of callgrind's tells, and removes the file.
 std::uint64_t takeTotal(const std::string& file) {
   const std::string begin = "summary: ";
   std::ifstream in(file);
@@ -30,7 +29,7 @@ std::uint64_t takeTotal(const std::string& file) {
 }
 
 std::uint64_t instructionsOf(const WorkOnInput& work, const std::string& input) {
-  static int dumps = 0;
+  static int dumps = 0;  // callgrind numbers the files from 1 on, as long as the process runs
   CALLGRIND_ZERO_STATS;
   work(input);
   CALLGRIND_DUMP_STATS;
