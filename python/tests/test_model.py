@@ -3,6 +3,7 @@ import copy
 import csv
 import dataclasses
 import gc
+import itertools
 import os
 import pickle
 import signal
@@ -880,7 +881,7 @@ def test_a_signal_is_handled_while_a_model_runs():
     model = mlnn.Model()
     model.create_first_layer(200, 400)
     model.add_layer(40)
-    inputs = np.ones((20000, 200), np.float32)
+    inputs = np.ones((60000, 200), np.float32)
     told = []
 
     def handle(*_):
@@ -894,8 +895,9 @@ def test_a_signal_is_handled_while_a_model_runs():
     before = signal.signal(signal.SIGALRM, handle)
     try:
         with pytest.raises(KeyboardInterrupt):
-            while True:  # until the signal comes while the library is at work
-                signal.setitimer(signal.ITIMER_REAL, 0.05)
+            # Until the signal comes while the library is at work, for however short a time that is.
+            for delay in itertools.cycle((0.002, 0.005, 0.01, 0.02, 0.05)):
+                signal.setitimer(signal.ITIMER_REAL, delay)
                 model(inputs, stacked=True)
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
