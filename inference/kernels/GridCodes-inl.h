@@ -136,7 +136,7 @@ void multiplyStrip(const LayerView& layer, std::size_t panel, const Strip<kHalve
   const uint8_t* codes = coded.codes + panel * layer.cols * kColumnBytes;
   const LastPoints* last = coded.last + coded.lastOf[panel];
   const LastPoints* const lastEnd = coded.last + coded.lastOf[panel + 1];
-  const std::size_t length = chainLength(layer.rows);
+  const std::size_t length = chainLength(layer.allRows());
   for (std::size_t at = 0; at < layer.cols; at += length) {
     const std::size_t end = std::min(at + length, layer.cols);
     Vec acc[kCodedVectors];

@@ -10,7 +10,7 @@
 namespace mlnn {
 
 struct LayerView {
-  const float* weights;  // rows x cols, column-major, without gaps
+  const float* weights;  // rows x cols, column-major, the columns allRows() apart
   std::size_t rows;      // outputs
   std::size_t cols;      // inputs
   const float* scale;    // a factor for each output, or null for none
@@ -18,11 +18,14 @@ struct LayerView {
   ActFn::ActFn actFn;
   const GridCodes* coded = nullptr;        // in place of `weights`, unless null
   const RowCodesView* rowCodes = nullptr;  // likewise, for one frame; more need them unpacked
+  std::size_t ofRows = 0;  // outputs of the layer of which these are some; 0 where they are all
+
+  std::size_t allRows() const { return ofRows == 0 ? rows : ofRows; }
 };
 
 // The order of additions (docs/forward-pass.md): the products of a row are summed in chains
-// over this many consecutive inputs. A layer of few outputs has short chains, of which
-// several can be in flight where there are too few rows to keep a processor busy.
+// over this many consecutive inputs, by all rows of its layer. A layer of few outputs has short
+// chains, of which several can be in flight where there are too few rows to keep a processor busy.
 constexpr std::size_t kChainLength = 128;
 constexpr std::size_t kShortChainLength = 16;
 constexpr std::size_t kFewRows = 32;

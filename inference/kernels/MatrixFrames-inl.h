@@ -139,8 +139,9 @@ struct RowPanel {
 // Copies the weights of a panel, with zeros for the rows that it lacks.
 void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
   const Tag d;
-  const float* from = layer.weights + panel.input * layer.rows + panel.row;
-  for (std::size_t k = 0; k < panel.inputs; ++k, from += layer.rows) {
+  const std::size_t stride = layer.allRows();
+  const float* from = layer.weights + panel.input * stride + panel.row;
+  for (std::size_t k = 0; k < panel.inputs; ++k, from += stride) {
     std::size_t i = 0;
     for (; i + kLanes <= panel.count; i += kLanes, to += kLanes) {
       hn::Store(hn::LoadU(d, from + i), d, to);
@@ -199,16 +200,17 @@ void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t 
 // inputs, which may be fewer. Null behind the last one.
 HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& panel) {
   const std::size_t row = panel.row + panel.count;
-  if (row < layer.rows) return layer.weights + panel.input * layer.rows + row;
+  if (row < layer.rows) return layer.weights + panel.input * layer.allRows() + row;
   const std::size_t input = panel.input + panel.inputs;
-  return input < layer.cols ? layer.weights + input * layer.rows : nullptr;
+  return input < layer.cols ? layer.weights + input * layer.allRows() : nullptr;
 }
 
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
 void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
-  const std::size_t chain = chainLength(layer.rows);
+  const std::size_t stride = layer.allRows();
+  const std::size_t chain = chainLength(stride);
   const bool isCoded = layer.coded != nullptr;
   const FramesLoops loops = framesLoopsFor(layer, frames);
   if (loops == FramesLoops::kSweep) {
@@ -222,15 +224,15 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
     for (std::size_t row = 0; row < layer.rows; row += tileRows) {
       const std::size_t count = std::min(tileRows, layer.rows - row);
       const RowPanel panel{row, count, input, inputs, chain};
-      Tile tile{isCoded ? nullptr : layer.weights + input * layer.rows + row,
-                layer.rows,
+      Tile tile{isCoded ? nullptr : layer.weights + input * stride + row,
+                stride,
                 x + input,
                 xStride,
                 y + row,
                 yStride,
                 FirstLanes(kLanes - (panel.fullRows() - count)),
                 streams(layer) ? weightsAfter(layer, panel) : nullptr,
-                layer.rows,
+                stride,
                 0};
       if (isPacked(layer, frames, panel.isPartial() && !kLoadsParts)) {
         packPanel(layer, panel, scratch);

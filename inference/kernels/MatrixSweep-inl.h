@@ -77,8 +77,8 @@ HWY_INLINE void sweepStrip(LayerView layer, Sweep sweep, SweptColumns columns, s
       acc[f][r] = columns.starts ? hn::Zero(d) : loadRow<kPartial, R>(chain, r, last);
     }
   }
-  const std::size_t stride = layer.rows;
-  const float* const end = layer.weights + layer.cols * stride;
+  const std::size_t stride = layer.allRows();
+  const float* const end = layer.weights + (layer.cols - 1) * stride + layer.rows;
   const float* w = layer.weights + columns.first * stride + row;
   const float* x = sweep.x + columns.first;
   for (std::size_t k = 0; k < columns.count; ++k, w += stride, ++x) {
@@ -133,7 +133,7 @@ void sweepColumns(LayerView layer, Sweep sweep, SweptColumns columns, std::size_
 template <int F>
 void sweepRows(const LayerView& layer, const Sweep& sweep, float* scratch) {
   const std::size_t atOnce = F == 1 ? layer.rows : kPanelFloats / F / kLanes * kLanes;
-  const std::size_t length = chainLength(layer.rows);
+  const std::size_t length = chainLength(layer.allRows());
   for (std::size_t row = 0; row < layer.rows; row += atOnce) {
     const std::size_t rows = std::min(atOnce, layer.rows - row);
     for (std::size_t at = 0; at < layer.cols; at += length) {

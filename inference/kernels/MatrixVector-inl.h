@@ -177,15 +177,16 @@ HWY_INLINE void panelChains(const float* w, std::size_t stride, const float* x, 
 template <int R, int B, typename Rows>
 HWY_INLINE std::size_t nextChains(const LayerView& layer, std::size_t at, const float* w,
                                   const float* x, const PanelResults& results, const Rows& rows) {
-  const std::size_t length = chainLength(layer.rows);
+  const std::size_t stride = layer.allRows();
+  const std::size_t length = chainLength(stride);
   const std::size_t left = layer.cols - at;
   if constexpr (B > 1) {
     if (left <= length * (B - 1)) return nextChains<R, B / 2>(layer, at, w, x, results, rows);
   }
   const std::size_t last = std::min(left - length * (B - 1), length);
   const std::size_t inputs = length * (B - 1) + last;
-  panelChains<R, B>(w + at * layer.rows, layer.rows, x + at, length, last, at == 0, inputs == left,
-                    results, rows);
+  panelChains<R, B>(w + at * stride, stride, x + at, length, last, at == 0, inputs == left, results,
+                    rows);
   return inputs;
 }
 
@@ -210,9 +211,10 @@ HWY_INLINE void rowPanelOf(std::size_t vectors, const LayerView& layer, const fl
 }
 
 // The lanes by which the weights miss the vectors' natural places, where that is the same in all
-// columns and vectors that begin before the weights may be read in part; else 0.
+// columns, all rows are there, and vectors that begin before the weights may be read in part; else
+// 0.
 HWY_INLINE std::size_t misplacedLanes(const LayerView& layer) {
-  if (!kLoadsParts || layer.rows % kLanes != 0) return 0;
+  if (!kLoadsParts || layer.ofRows != 0 || layer.rows % kLanes != 0) return 0;
   return static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(layer.weights)) / sizeof(float) %
          kLanes;
 }

@@ -63,7 +63,7 @@ HWY_INLINE void rowCodesPanel(const LayerView& layer, std::size_t panel, const f
   const std::size_t first = panel * kRowCodePanel;
   const std::size_t lanes = std::min(kRowCodePanel, layer.rows - first);
   const PanelValues scales(view.scales, first, lanes);
-  const std::size_t length = chainLength(layer.rows);
+  const std::size_t length = chainLength(layer.allRows());
   const std::size_t blockBytes = rowCodeBlockBytes(view.bits);
   const unsigned char* const blocks =
       view.codes + panel * static_cast<std::size_t>(rowCodeGroups(layer.cols)) * blockBytes;

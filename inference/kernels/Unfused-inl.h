@@ -288,7 +288,7 @@ HWY_INLINE void multiplyTile(const LayerView& layer, std::size_t row, const Firs
       HWY_UNROLL(4)
       for (int r = 0; r < R; ++r) sums[r][f] = hn::Add(hn::Mul(w[r], in), sums[r][f]);
     }
-    column += layer.rows;
+    column += layer.allRows();
   }
   const Finish<Function> finish{layer.scale, layer.shift};
   for (int f = 0; f < F; ++f) {

@@ -271,6 +271,60 @@ TEST(KernelsMatrixFrames, keepTheOrderWhereWeightsComeFromTheMemory) {
   }
 }
 
+// Rows `first` to `last` of a layer, by themselves.
+LayerView someRows(const Layer& layer, std::size_t first, std::size_t last) {
+  LayerView some = layer.view;
+  some.weights += first;
+  some.rows = last - first;
+  some.ofRows = layer.view.rows;
+  some.scale = some.scale == nullptr ? nullptr : some.scale + first;
+  some.shift += first;
+  return some;
+}
+
+void expectSomeRows(const Kernels& kernels, const Layer& layer, std::size_t first, std::size_t last,
+                    std::size_t frames) {
+  SCOPED_TRACE(testing::Message() << kernels.name << " " << layer.view.rows << "x"
+                                  << layer.view.cols << ", rows " << first << " to " << last << ", "
+                                  << frames << " frames");
+  const std::size_t rows = layer.view.rows;
+  const LayerView some = someRows(layer, first, last);
+  const Eigen::MatrixXf x = someValues(layer.weights.cols(), static_cast<int>(frames), 4);
+  std::vector<float> whole(rows * frames, kMarker);
+  std::vector<float> found(rows * frames, kMarker);
+  Scratch scratch(rows, frames);
+  if (frames == 1) {
+    kernels.matrixVector(layer.view, x.data(), whole.data(), scratch.data());
+    kernels.matrixVector(some, x.data(), found.data() + first, scratch.data());
+  } else {
+    const std::size_t cols = layer.view.cols;
+    kernels.matrixFrames(layer.view, x.data(), cols, whole.data(), rows, frames, scratch.data());
+    kernels.matrixFrames(some, x.data(), cols, found.data() + first, rows, frames, scratch.data());
+  }
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    const bool isInside = i % rows >= first && i % rows < last;
+    ASSERT_EQ(bitsOf(found[i]), bitsOf(isInside ? whole[i] : kMarker)) << i;
+  }
+}
+
+TEST(Kernels, giveSomeRowsTheBitsThatTheyHaveInTheWholeLayer) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const auto& [rows, cols] :
+         {std::pair{20, 70}, {64, 150}, {67, 300}, {300, 40}, {1030, 300}}) {
+      Layer layer(rows, cols, ActFn::tanh);
+      if (rows % 2 == 0) layer.useBatchNorm();
+      const std::size_t all = layer.view.rows;
+      for (const std::size_t frames : std::vector<std::size_t>{1, 2, 7, 20, 200}) {
+        if (all * frames > 10000 && frames > 7) continue;
+        ASSERT_NO_FATAL_FAILURE(expectSomeRows(*kernels, layer, 0, all / 2, frames));
+        ASSERT_NO_FATAL_FAILURE(expectSomeRows(*kernels, layer, all / 2, all, frames));
+        ASSERT_NO_FATAL_FAILURE(expectSomeRows(*kernels, layer, 3, all - 16, frames));
+        ASSERT_NO_FATAL_FAILURE(expectSomeRows(*kernels, layer, all - 1, all, frames));
+      }
+    }
+  }
+}
+
 TEST(Kernels, scaleAndShiftWithOneRoundingThenActivate) {
   for (const Kernels* kernels : mlnn::runnableKernels()) {
     for (int32_t fn = 0; fn < ActFn::kCount; ++fn) {
