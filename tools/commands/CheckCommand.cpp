@@ -254,7 +254,9 @@ int checkSeveral(const Options& options) {
   return tellOfEach(
       options.models, options.json, [&](const std::string& name) { return examine(name, options); },
       [&](const Findings& findings) { printText(findings, options); },
-      [&](const Findings& findings) { return jsonOf(findings, options); },
+      [&](const Findings& findings, JsonPrinter& printer) {
+        printer.entry(jsonOf(findings, options));
+      },
       [&](const Findings& findings) { return statusOf(findings, options); });
 }
 

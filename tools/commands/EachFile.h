@@ -14,21 +14,21 @@ namespace mlnn {
 
 // Prints what there is to say of each file: one after another with an empty line between them, or
 // as a JSON array. Those of which `read` throws a Failure are left out, after its message.
-// `read(name)` returns what is known of a file, which `print` prints, `toJson` puts into JSON and
-// `statusOf` judges.
-// Returns: the worst status; kRefused where a file was left out.
-template <typename Read, typename Print, typename ToJson, typename StatusOf>
+// `read(name)` returns what is known of a file, which `print` prints, `printAsJson` as an entry of
+// the array, and `statusOf` judges. Returns: the worst status; kRefused where a file was left out.
+template <typename Read, typename Print, typename PrintAsJson, typename StatusOf>
 int tellOfEach(const std::vector<std::string>& names, bool asJson, const Read& read,
-               const Print& print, const ToJson& toJson, const StatusOf& statusOf) {
+               const Print& print, const PrintAsJson& printAsJson, const StatusOf& statusOf) {
   int status = kDone;
   bool isFirst = true;
-  Json array = Json::array();
+  JsonPrinter printer(std::cout);
+  if (asJson) printer.beginArray();
   for (const std::string& name : names) {
     try {
       const auto known = read(name);
       status = std::max(status, statusOf(known));
       if (asJson) {
-        array.push_back(toJson(known));
+        printAsJson(known, printer);
         continue;
       }
       if (!isFirst) std::cout << "\n";
@@ -40,7 +40,7 @@ int tellOfEach(const std::vector<std::string>& names, bool asJson, const Read& r
       status = kRefused;
     }
   }
-  if (asJson) printJson(array);
+  if (asJson) printer.end();
   return status;
 }
 

@@ -62,19 +62,15 @@ Json rowBitsJson(const StoredWeights& weights) {
   return weights.rowBits == 0 ? Json() : Json(weights.rowBits);
 }
 
-Json layersJson(const ModelSummary& summary) {
-  Json layers = Json::array();
-  for (const LayerSummary& layer : summary.layers) {
-    layers.push_back({{"kind", layer.isBatchNorm ? "batch_norm" : "plain"},
-                      {"inputs", layer.inputs},
-                      {"outputs", layer.outputs},
-                      {"activation", ActFn::actFnToString(layer.actFn)},
-                      {"parameters", layer.parameters},
-                      {"image_weights", layer.imageWeights.form},
-                      {"image_weight_bytes", layer.imageWeights.bytes},
-                      {"row_bits", rowBitsJson(layer.imageWeights)}});
-  }
-  return layers;
+Json layerJson(const LayerSummary& layer) {
+  return {{"kind", layer.isBatchNorm ? "batch_norm" : "plain"},
+          {"inputs", layer.inputs},
+          {"outputs", layer.outputs},
+          {"activation", ActFn::actFnToString(layer.actFn)},
+          {"parameters", layer.parameters},
+          {"image_weights", layer.imageWeights.form},
+          {"image_weight_bytes", layer.imageWeights.bytes},
+          {"row_bits", rowBitsJson(layer.imageWeights)}};
 }
 
 Json featuresJson(const DbnFeatureDescription& desc) {
@@ -94,34 +90,49 @@ Json valuesJson(const Eigen::VectorXf& values) {
   return std::vector<float>(values.data(), values.data() + values.size());
 }
 
-Json headJson(const ModelFile& file) {
-  Json json = {{"file", file.name}, {"format", formatWord(file.format)}};
-  json["version"] = file.format == ModelFormat::kText ? Json(file.textVersion) : Json();
-  json["bytes"] = file.length;
-  return json;
+void printHead(const ModelFile& file, JsonPrinter& printer) {
+  printer.member("file", file.name);
+  printer.member("format", formatWord(file.format));
+  printer.member("version", file.format == ModelFormat::kText ? Json(file.textVersion) : Json());
+  printer.member("bytes", file.length);
+}
+
+template <typename Values>
+void printArray(const char* key, const Values& values, JsonPrinter& printer) {
+  printer.array(key, values.size(), [&](std::size_t i) { return Json(values[i]); });
+}
+
+void printProperties(const MultiLayerNNModel& model, JsonPrinter& printer) {
+  printer.key("properties");
+  printer.beginObject();
+  for (const auto& [key, value] : model.props) printer.member(key, value);
+  printer.end();
 }
 
 // Bytes that are not UTF-8, which JSON cannot hold, become U+FFFD; numbers that are not
-// finite become null.
-Json jsonOf(const ModelFile& file) {
+// finite become null. What a file may have much of is printed one by one: as JSON in memory it
+// takes many times the file.
+void printObject(const ModelFile& file, JsonPrinter& printer) {
   const MultiLayerNNModel& model = file.model;
   const ModelSummary summary = summaryOf(model);
-  Json json = headJson(file);
-  json["inputs"] = model.numInputs();
-  json["outputs"] = model.numOutputs();
-  json["softmax"] = model.useSoftmax;
-  json["layers"] = layersJson(summary);
-  json["parameters"] = summary.parameters;
-  json["memory_bytes"] = summary.memoryBytes;
-  json["checksum"] = model.checksum();
-  json["features"] = featuresJson(model.featureDesc);
-  json["normalisation"] = {{"minvals", valuesJson(model.deltasNorm.minvals)},
-                           {"normvals", valuesJson(model.deltasNorm.normvals)}};
-  json["properties"] = model.props;
-  json["notes"] = model.notes.lines;
-  json["loss"] = model.loss;
-  json["accuracy"] = model.accuracy;
-  return json;
+  printer.beginObject();
+  printHead(file, printer);
+  printer.member("inputs", model.numInputs());
+  printer.member("outputs", model.numOutputs());
+  printer.member("softmax", model.useSoftmax);
+  printer.array("layers", summary.layers.size(),
+                [&](std::size_t i) { return layerJson(summary.layers[i]); });
+  printer.member("parameters", summary.parameters);
+  printer.member("memory_bytes", summary.memoryBytes);
+  printer.member("checksum", model.checksum());
+  printer.member("features", featuresJson(model.featureDesc));
+  printer.member("normalisation", {{"minvals", valuesJson(model.deltasNorm.minvals)},
+                                   {"normvals", valuesJson(model.deltasNorm.normvals)}});
+  printProperties(model, printer);
+  printArray("notes", model.notes.lines, printer);
+  printArray("loss", model.loss, printer);
+  printArray("accuracy", model.accuracy, printer);
+  printer.end();
 }
 
 // --- Text ---
@@ -204,7 +215,8 @@ void printText(const ModelFile& file) {
 int showOne(const Options& options) {
   const ModelFile file = loadModel(options.models.front(), options.load);
   if (options.json) {
-    printJson(jsonOf(file));
+    JsonPrinter printer(std::cout);
+    printObject(file, printer);
   } else {
     printText(file);
   }
@@ -216,7 +228,8 @@ int showSeveral(const Options& options) {
       options.models, options.json,
       [&](const std::string& name) { return loadModel(name, options.load); },
       [](const ModelFile& file) { printText(file); },
-      [](const ModelFile& file) { return jsonOf(file); }, [](const ModelFile&) { return kDone; });
+      [](const ModelFile& file, JsonPrinter& printer) { printObject(file, printer); },
+      [](const ModelFile&) { return kDone; });
 }
 
 int run(const Options& options) {

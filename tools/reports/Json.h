@@ -1,7 +1,11 @@
 // JSON as the tool's commands print it.
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <nlohmann/json.hpp>
+#include <ostream>
+#include <string>
 
 namespace mlnn {
 
@@ -14,5 +18,36 @@ void printJson(const Json& json);
 
 // The same on one line, which leaves the process at once.
 void printJsonLine(const Json& json);
+
+// Prints an object or an array piece by piece, to the byte as printJson does it with the whole, of
+// which there may be more than memory should hold.
+class JsonPrinter {
+ public:
+  explicit JsonPrinter(std::ostream& out) : out_(out) {}
+
+  void beginObject() { begin('{'); }
+  void beginArray() { begin('['); }
+  void end();  // of what began last
+
+  // What follows is the value of this member of an object.
+  void key(const std::string& key);
+
+  // Prints a member of an object, or an entry of an array.
+  void member(const std::string& key, const Json& value);
+  void entry(const Json& value);
+
+  // Prints an array of so many entries, which are made one by one.
+  void array(const std::string& key, std::size_t count,
+             const std::function<Json(std::size_t)>& entryAt);
+
+ private:
+  void begin(char bracket);
+  void beginEntry();
+
+  std::ostream& out_;
+  std::string open_;     // the brackets
+  bool isFirst_ = true;  // in the innermost of them
+  bool isBehindKey_ = false;
+};
 
 }  // namespace mlnn

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "tests/support/ByteImage.h"
 #include "tests/support/SourceTree.h"
+#include "tests/support/TempFolder.h"
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/ToolProcess.h"
 
@@ -196,6 +198,49 @@ TEST(InfoCommandTest, goesOnAfterAModelThatDoesNotLoad) {
   EXPECT_EQ(Json::parse(json.out).size(), 1u);
   EXPECT_EQ(json.err, missing);
   EXPECT_EQ(runTool({"info", "-", "-"}, kModel).status, 2);
+}
+
+// It is printed piece by piece, and must look as if it were not.
+TEST(InfoCommandTest, printsJsonAsTheLibraryWould) {
+  const std::string bad =
+      "MultiLayerNNModel_v2\nsoftmax 1\n# \xff\n# NVP \xff \xfe\nloss 1\n0.5\naccuracy 0\n"
+      "num_layers 0\n";
+  for (const std::string& model : {std::string(kModel), bad}) {
+    const ToolResult result = runTool({"info", "--json", "-"}, model);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, nlohmann::ordered_json::parse(result.out).dump(2, ' ', true) + "\n");
+  }
+  const mlnn::test::TempFolder folder;
+  folder.write("model", kModel);
+  for (const char* second : {"model", "absent"}) {
+    const ToolResult result = runTool({"info", "--json", "model", second}, "", folder.path());
+    EXPECT_EQ(result.out, nlohmann::ordered_json::parse(result.out).dump(2, ' ', true) + "\n");
+  }
+  EXPECT_EQ(runTool({"info", "--json", "absent", "absent"}).out, "[]\n");
+}
+
+TEST(InfoCommandTest, takesNoMoreMemoryForJsonThanForTheModel) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's memory comes on top";
+#endif
+  constexpr std::size_t kLayers = 100000;  // empty ones, of which a file has most
+  MultiLayerNNModel model = mlnn::test::modelOf(std::vector<NNLayer>(kLayers));
+  model.deltasNorm.allocIfNeeded();
+  const std::string image = ByteImage::of(model).bytes();
+  const mlnn::test::TempFolder folder;
+  folder.write("model", image);
+  std::string notes = "MultiLayerNNModel_v2\nsoftmax 1\n";
+  for (std::size_t i = 0; i < kLayers; ++i) notes += "# note\n# NVP k" + std::to_string(i) + " v\n";
+  folder.write("notes", notes + "num_layers 0\n");
+  const auto peak = [&](const char* name) {
+    const std::size_t before = runTool({"info", "--json", "-"}, kModel).peakBytes;
+    const std::size_t after =
+        mlnn::test::runToolAtMost(60, {"info", "--json", name}, folder.path()).peakBytes;
+    return after - std::min(before, after);
+  };
+  constexpr std::size_t kMiB = std::size_t{1} << 20;
+  EXPECT_LE(peak("model"), 16 * image.size() + 8 * kMiB);
+  EXPECT_LE(peak("notes"), 32 * notes.size() + 8 * kMiB);
 }
 
 }  // namespace
