@@ -46,6 +46,7 @@ bool BehaviourDiff::addRecording(const std::string& name,
     bool isDone = false;
     pace.run([&] {
       const std::optional<StageValues> valuesA = evaluateStages(*passA, *a);
+      tell(watch, 0);
       const std::optional<StageValues> valuesB =
           valuesA ? evaluateStages(*passB, *b) : std::nullopt;
       isDone = valuesB.has_value();

@@ -13,6 +13,7 @@
 #include "layers/LayerArrays.h"
 #include "layers/Messages.h"
 #include "model/FormatFit.h"
+#include "model/ModelImage.h"
 #include "text/Numbers.h"
 
 namespace mlnn {
@@ -77,7 +78,7 @@ std::optional<MultiLayerNNModel> readyFor(ModelFormat format, const MultiLayerNN
 
 std::optional<uint64_t> imageSizeOf(const MultiLayerNNModel& model, const Watch& watch) {
   const auto ready = readyFor(ModelFormat::kBinary, model, watch);
-  const int length = ready ? ready->binarySerializedLength() : -1;
+  const int length = ready ? imageLength(*ready, watch) : -1;
   return length < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(length));
 }
 
@@ -104,14 +105,16 @@ ModelBudget budgetOf(const MultiLayerNNModel& model, const Watch& watch) {
   return budget;
 }
 
-std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits) {
-  const std::unique_ptr<CodedFwdPass> pass = CodedFwdPass::create(model, bits, CodesFor::kMemory);
+std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits, const Watch& watch) {
+  const std::unique_ptr<CodedFwdPass> pass =
+      CodedFwdPass::create(model, bits, CodesFor::kMemory, watch);
   if (pass == nullptr) return std::nullopt;
   return CodedSize{pass->weightBytes(), pass->numCodedLayers()};
 }
 
-std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model) {
-  const std::unique_ptr<IntegerFwdPass> pass = IntegerFwdPass::create(model);
+std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model, const Watch& watch) {
+  const std::unique_ptr<IntegerFwdPass> pass =
+      IntegerFwdPass::create(model, WideInputs::kNone, watch);
   if (pass == nullptr) return std::nullopt;
   return IntegerSize{pass->weightBytes(), pass->workingBytes(1), pass->numIntegerLayers()};
 }

@@ -43,9 +43,10 @@ struct CodedSize {
 };
 
 // REQUIRES: bits is 1 to 8.
-// Makes the pass, which takes as long as that does and cannot be stopped.
+// Makes the pass. `watch` is called with 0 steps.
 // Returns: nothing, after the forward pass's own message, when the model cannot be run.
-MLNN_EXPORT std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits);
+MLNN_EXPORT std::optional<CodedSize> codedSizeOf(const MultiLayerNNModel& model, int bits,
+                                                 const Watch& watch = {});
 
 // What a pass in integers (inference/IntegerFwdPass.h) needs.
 struct IntegerSize {
@@ -54,9 +55,10 @@ struct IntegerSize {
   std::size_t integerLayers = 0;  // the others are computed in floats
 };
 
-// Makes the pass, as codedSizeOf does.
+// Makes the pass, as codedSizeOf does. `watch` is called with 0 steps.
 // Returns: nothing, after the pass's own message, when the model cannot be run.
-MLNN_EXPORT std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model);
+MLNN_EXPORT std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& model,
+                                                     const Watch& watch = {});
 
 // The sizes of the files that a model is saved to (model/FormatFit.h): an image, and a text with
 // nine digits. Nothing where the format has no way to write the model.

@@ -30,7 +30,7 @@ std::size_t bytesAround(const MultiLayerNNModel& model) {
   return sum;
 }
 
-LayerSummary summaryOf(const NNLayer& layer) {
+LayerSummary summaryOf(const NNLayer& layer, const Watch& watch) {
   LayerSummary summary;
   summary.isBatchNorm = layer.isBatchNorm;
   summary.inputs = layer.weights.cols();
@@ -38,7 +38,7 @@ LayerSummary summaryOf(const NNLayer& layer) {
   summary.actFn = layer.actFn;
   forEachUsedArray(
       layer, [&summary](const char*, const auto& array) { summary.parameters += length(array); });
-  summary.imageWeights = storedWeights(layer);
+  summary.imageWeights = storedWeights(layer, watch);
   return summary;
 }
 
@@ -48,7 +48,7 @@ ModelSummary summaryOf(const MultiLayerNNModel& model, const Watch& watch) {
   ModelSummary summary;
   summary.memoryBytes = bytesAround(model);
   for (const NNLayer* layer : model.layers) {
-    summary.layers.push_back(summaryOf(*layer));
+    summary.layers.push_back(summaryOf(*layer, watch));
     summary.parameters += summary.layers.back().parameters;
     summary.memoryBytes += sizeof(void*) + bytesOf(*layer);
     tell(watch, 1);

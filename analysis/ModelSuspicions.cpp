@@ -318,7 +318,8 @@ void Finder::deadUnits(const NNLayer& layer) {
 void Finder::clippedUnits(const NNLayer& layer) {
   constexpr Index kRows = 16;  // at a time, so that each column is read a cache line at once
   const Eigen::MatrixXf& weights = layer.weights;
-  const auto scales = findRowScales(weights.data(), sizeOf(weights.rows()), sizeOf(weights.cols()));
+  const auto scales =
+      findRowScales(weights.data(), sizeOf(weights.rows()), sizeOf(weights.cols()), watch_);
   if (!scales) return;
   std::vector<Index> units;
   for (Index first = 0; first < weights.rows(); first += kRows) {

@@ -71,9 +71,10 @@ Index firstRow(const NNLayer& layer) {
 class Trials {
  public:
   // REQUIRES: the weights of both are finite and of the same shape, and the first ones not all 0.
-  Trials(const NNLayer& original, const NNLayer& changed)
+  Trials(const NNLayer& original, const NNLayer& changed, const Watch& watch)
       : original_(original),
         changed_(changed),
+        watch_(watch),
         row_(firstRow(original)),
         originalRow_(rowOf(original, row_)) {}
 
@@ -94,8 +95,10 @@ class Trials {
     options.scale = scale;
     if (!rowFits(options)) return std::nullopt;
     MultiLayerNNModel model = modelOf(original_);
+    tell(watch_, 0);
     std::vector<QuantizedLayer> done;
-    if (quantizeRows(model, options, &done) != 0) return std::nullopt;
+    if (quantizeRows(model, options, &done, watch_) != 0) return std::nullopt;
+    tell(watch_, 0);
     const NNLayer& expected = *model.layers[0];
     if (!differAtMostInShift(expected, changed_)) return std::nullopt;
     return LayerQuantization{bits, scale, done[0].isFolded, !haveSameShift(expected, changed_)};
@@ -111,6 +114,7 @@ class Trials {
 
   const NNLayer& original_;
   const NNLayer& changed_;
+  const Watch& watch_;
   Index row_;
   NNLayer originalRow_;
 };
@@ -119,7 +123,7 @@ bool areFinite(const NNLayer& layer) {
   return layer.weights.leftCols(filledColumns(layer.weights)).allFinite();
 }
 
-Layer quantizationOf(const NNLayer& original, const NNLayer& changed) {
+Layer quantizationOf(const NNLayer& original, const NNLayer& changed, const Watch& watch) {
   if (differAtMostInShift(original, changed)) {
     LayerQuantization unchanged;
     unchanged.isShifted = !haveSameShift(original, changed);
@@ -130,7 +134,7 @@ Layer quantizationOf(const NNLayer& original, const NNLayer& changed) {
   if (weights.cols() != changed.weights.cols()) return std::nullopt;
   if (weights.size() == 0 || !areFinite(original)) return std::nullopt;
   if ((weights.array() == 0).all()) return std::nullopt;
-  return Trials(original, changed).find();
+  return Trials(original, changed, watch).find();
 }
 
 std::string wordsFor(const LayerQuantization& layer) {
@@ -147,11 +151,12 @@ std::optional<std::vector<LayerQuantization>> findQuantization(const MultiLayerN
                                                                const MultiLayerNNModel& changed,
                                                                const Watch& watch) {
   if (original.layers.size() != changed.layers.size()) return std::nullopt;
+  const Watch between = [&watch](std::size_t) { tell(watch, 0); };
   std::vector<LayerQuantization> layers;
   bool isAnyQuantized = false;
   for (std::size_t i = 0; i < original.layers.size(); ++i) {
     const Layer layer =
-        quantizationOf(layerOrEmpty(original.layers[i]), layerOrEmpty(changed.layers[i]));
+        quantizationOf(layerOrEmpty(original.layers[i]), layerOrEmpty(changed.layers[i]), between);
     if (!layer) return std::nullopt;
     isAnyQuantized = isAnyQuantized || layer->bits > 0;
     layers.push_back(*layer);

@@ -18,7 +18,7 @@ using AllWeights = std::vector<StoredWeights>;
 AllWeights storedWeightsOf(const MultiLayerNNModel& model, const Watch& watch) {
   AllWeights all;
   for (const NNLayer* layer : model.layers) {
-    all.push_back(storedWeights(*layer));
+    all.push_back(storedWeights(*layer, watch));
     tell(watch, 1);
   }
   return all;
@@ -51,10 +51,10 @@ uint64_t floatBytes(const NNLayer& layer) {
 
 }  // namespace
 
-StoredWeights storedWeights(const NNLayer& layer) {
+StoredWeights storedWeights(const NNLayer& layer, const Watch& watch) {
   static constexpr const char* kForms[kNumWeightForms] = {"floats", "bytes", "half bytes",
                                                           "bytes by rows", "half bytes by rows"};
-  const WeightsPlan plan = planRecord(layer);
+  const WeightsPlan plan = planRecord(layer, watch);
   StoredWeights stored{kForms[plan.form], weightsLength(plan, weightsOf(layer)), 0};
   if (hasRowScales(plan.form)) stored.rowBits = bitsFor(largestCode(plan.rowScales, layer));
   return stored;

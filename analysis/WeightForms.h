@@ -20,7 +20,8 @@ struct StoredWeights {
   int rowBits = 0;
 };
 
-MLNN_EXPORT StoredWeights storedWeights(const NNLayer& layer);
+// `watch` is called with 0 steps.
+MLNN_EXPORT StoredWeights storedWeights(const NNLayer& layer, const Watch& watch = {});
 
 // Returns how the layer's weights are stored in an image: "floats", "bytes", "half bytes", "bytes
 // by rows" or "half bytes by rows".

@@ -19,10 +19,15 @@
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
 #include "analysis/PrecisionSweep.h"
+#include "analysis/QuantizationDiff.h"
+#include "analysis/Stage.h"
+#include "analysis/StatementDiff.h"
+#include "analysis/TraceComparison.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "inference/Evaluation.h"
 #include "model/FormatFit.h"
 #include "model/ModelFile.h"
+#include "model/RowQuantization.h"
 
 namespace {
 
@@ -60,7 +65,9 @@ void measure(const char* name, const std::function<void(const Watch&)>& work) {
 
 MultiLayerNNModel largeModel() {
   int sizes[] = {1800, 2048, 2048, 2048, 2048, 2048, 6000};
-  return MultiLayerNNModel(sizes, 7);
+  MultiLayerNNModel model(sizes, 7);
+  for (NNLayer* layer : model.layers) layer->weights.setRandom();
+  return model;
 }
 
 }  // namespace
@@ -73,6 +80,8 @@ int main() {
   const Eigen::MatrixXf frames = Eigen::MatrixXf::Random(1800, 300);
   std::string whyNot;
   const auto inputs = mlnn::RecordingInputs::forFrames(model, 1800, true, "frames", whyNot).value();
+  mlnn::ModelFile quantised = file;
+  mlnn::quantizeRows(quantised.model, {});
   measure("suspicions", [&](const Watch& watch) { mlnn::suspicionsOf(file, watch); });
   measure("digest", [&](const Watch& watch) { mlnn::digestOf(file, watch); });
   measure("numbers", [&](const Watch& watch) { mlnn::compareNumbers(model, other, watch); });
@@ -100,11 +109,33 @@ int main() {
   measure("file sizes", [&](const Watch& watch) { mlnn::fileSizesOf(model, watch); });
   measure("summary", [&](const Watch& watch) { mlnn::summaryOf(model, watch); });
   measure("budget", [&](const Watch& watch) { mlnn::budgetOf(model, watch); });
-  measure("coded size", [&](const Watch&) { mlnn::codedSizeOf(model, 8); });
-  measure("integer size", [&](const Watch&) { mlnn::integerSizeOf(model); });
+  measure("coded size", [&](const Watch& watch) { mlnn::codedSizeOf(model, 8, watch); });
+  measure("integer size", [&](const Watch& watch) { mlnn::integerSizeOf(model, watch); });
+  // Models of which the weights have whole codes take another way.
+  const MultiLayerNNModel& codes = quantised.model;
+  measure("q: suspicions", [&](const Watch& watch) { mlnn::suspicionsOf(quantised, watch); });
+  measure("q: summary", [&](const Watch& watch) { mlnn::summaryOf(codes, watch); });
+  measure("q: budget", [&](const Watch& watch) { mlnn::budgetOf(codes, watch); });
+  measure("q: coded size", [&](const Watch& watch) { mlnn::codedSizeOf(codes, 8, watch); });
+  measure("q: integer size", [&](const Watch& watch) { mlnn::integerSizeOf(codes, watch); });
+  measure("q: file sizes", [&](const Watch& watch) { mlnn::fileSizesOf(codes, watch); });
+  measure("q: found", [&](const Watch& watch) { mlnn::findQuantization(model, codes, watch); });
+  mlnn::ModelFile reduced = file;
+  reduced.model.retainPrecisionBits(8);
+  measure("r: suspicions", [&](const Watch& watch) { mlnn::suspicionsOf(reduced, watch); });
+  measure("r: summary", [&](const Watch& watch) { mlnn::summaryOf(reduced.model, watch); });
+  measure("r: budget", [&](const Watch& watch) { mlnn::budgetOf(reduced.model, watch); });
+  measure("r: file sizes", [&](const Watch& watch) { mlnn::fileSizesOf(reduced.model, watch); });
+  measure("statements", [&](const Watch&) { mlnn::compareStatements(model, codes); });
+  measure("traces", [&](const Watch& watch) {
+    const auto values = [](const std::string&) { return Eigen::MatrixXf::Constant(6000, 300, 1); };
+    const mlnn::Trace trace{mlnn::stageNames(6), values};
+    mlnn::compareTraces(trace, trace, true, watch);
+  });
   std::ostringstream out;
   mlnn::writeText(model, 9, out);
   const std::string text = out.str();
+  measure("lines", [&](const Watch& watch) { mlnn::suspiciousLines(text, watch); });
   measure("diagnosis", [&](const Watch& watch) { mlnn::diagnose(text, watch); });
   return 0;
 }

@@ -21,10 +21,11 @@ constexpr char kEvaluate[] = "CodedFwdPass::evaluate";
 class CodedLayers final : public LayerSource {
  public:
   CodedLayers(const MultiLayerNNModel& model, const PrecisionGrid& grid, int bits,
-              std::size_t fewest)
+              std::size_t fewest, const Watch& watch)
       : endsInSoftmax_(model.useSoftmax) {
     layers_.reserve(model.layers.size());
-    for (const NNLayer* layer : model.layers) layers_.emplace_back(*layer, grid, bits, fewest);
+    for (const NNLayer* layer : model.layers)
+      layers_.emplace_back(*layer, grid, bits, fewest, watch);
   }
 
   std::size_t count() const override { return layers_.size(); }
@@ -40,6 +41,11 @@ class CodedLayers final : public LayerSource {
 
 std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& model, int bits,
                                                    CodesFor codesFor) {
+  return create(model, bits, codesFor, Watch());
+}
+
+std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& model, int bits,
+                                                   CodesFor codesFor, const Watch& watch) {
   constexpr std::size_t kStreaming = kSecondLevelBytes / sizeof(float);
   constexpr char kCreate[] = "CodedFwdPass::create";
   if (bits < kMinBits || bits > kMaxBits) {
@@ -48,8 +54,10 @@ std::unique_ptr<CodedFwdPass> CodedFwdPass::create(const MultiLayerNNModel& mode
   }
   if (!canBeEvaluated(model, kCreate)) return nullptr;
   const ValueRange range = parameterRange(model.layers).value_or(ValueRange{0.0f, 0.0f});
-  auto layers = std::make_shared<const CodedLayers>(model, PrecisionGrid(range, bits), bits,
-                                                    codesFor == CodesFor::kSpeed ? kStreaming : 1);
+  tell(watch, 0);
+  const std::size_t fewest = codesFor == CodesFor::kSpeed ? kStreaming : 1;
+  auto layers =
+      std::make_shared<const CodedLayers>(model, PrecisionGrid(range, bits), bits, fewest, watch);
   return std::unique_ptr<CodedFwdPass>(new CodedFwdPass(std::move(layers)));
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "features/Export.h"
+#include "features/Watch.h"
 #include "inference/FwdPass.h"
 #include "inference/PassMemory.h"
 
@@ -41,6 +42,10 @@ class MLNN_EXPORT CodedFwdPass : public FwdPass {
   // has no layers or has one that does not fit.
   static std::unique_ptr<CodedFwdPass> create(const MultiLayerNNModel& model, int bits,
                                               CodesFor codesFor = CodesFor::kSpeed);
+
+  // The same, which a watch can stop: it is called with 0 steps.
+  static std::unique_ptr<CodedFwdPass> create(const MultiLayerNNModel& model, int bits,
+                                              CodesFor codesFor, const Watch& watch);
 
   ~CodedFwdPass() override;
 

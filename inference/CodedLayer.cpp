@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "inference/WatchedPieces.h"
+
 namespace mlnn {
 namespace {
 
@@ -38,7 +40,7 @@ std::size_t bytesOf(const std::vector<T>& values) {
 }  // namespace
 
 CodedLayer::CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits,
-                       std::size_t fewest)
+                       std::size_t fewest, const Watch& watch)
     : rows_(static_cast<std::size_t>(layer.weights.rows())),
       cols_(static_cast<std::size_t>(layer.weights.cols())),
       actFn_(layer.actFn),
@@ -48,7 +50,7 @@ CodedLayer::CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits
   coded_.areHalfBytes = bits <= kHalfByteBits;
   coded_.origin = grid.origin;
   coded_.step = grid.step;
-  if (!pays(fewest) || !encode(layer, grid)) keepFloats(layer, grid);
+  if (!pays(fewest) || !encode(layer, grid, watch)) keepFloats(layer, grid, watch);
 }
 
 std::size_t CodedLayer::panels() const { return (rows_ + kCodedPanelRows - 1) / kCodedPanelRows; }
@@ -60,7 +62,7 @@ bool CodedLayer::pays(std::size_t fewest) const {
 }
 
 // Returns whether all weights have codes.
-bool CodedLayer::encode(const NNLayer& layer, const PrecisionGrid& grid) {
+bool CodedLayer::encode(const NNLayer& layer, const PrecisionGrid& grid, const Watch& watch) {
   const std::size_t panelBytes = cols_ * coded_.columnBytes();
   const std::size_t codeCount = coded_.areHalfBytes ? 16 : 256;
   for (std::size_t point = 0; point < codeCount; ++point) values_.push_back(valueOf(grid, point));
@@ -75,6 +77,7 @@ bool CodedLayer::encode(const NNLayer& layer, const PrecisionGrid& grid) {
       uint8_t* codes = codes_.data() + panel * panelBytes + input * coded_.columnBytes();
       if (!encodeColumn(column, rows, input, codes, grid)) return false;
     }
+    tell(watch, 0);
   }
   lastOf_.push_back(last_.size());
   last_.shrink_to_fit();
@@ -113,13 +116,15 @@ bool CodedLayer::encodeColumn(const float* weights, std::size_t rows, std::size_
   return true;
 }
 
-void CodedLayer::keepFloats(const NNLayer& layer, const PrecisionGrid& grid) {
+void CodedLayer::keepFloats(const NNLayer& layer, const PrecisionGrid& grid, const Watch& watch) {
   codes_ = {};
   values_ = {};
   last_ = {};
   lastOf_ = {};
-  weights_.assign(layer.weights.data(), layer.weights.data() + layer.weights.size());
-  grid.snap(weights_.data(), weights_.size());
+  weights_ = copyInPieces(layer.weights.data(), rows_ * cols_, watch);
+  inPieces(weights_.size(), watch, [&](std::size_t first, std::size_t count) {
+    grid.snap(weights_.data() + first, count);
+  });
 }
 
 LayerView CodedLayer::view() const {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "features/Watch.h"
 #include "inference/kernels/GridCodes.h"
 #include "inference/kernels/LayerView.h"
 #include "layers/NNLayer.h"
@@ -20,8 +21,10 @@ class CodedLayer {
   // Codes the weights of a layer, unless they are fewer than `fewest`, or codes would take more
   // than half of the memory, or a snapped weight is not one of the grid's 2^bits + 1 points (where
   // the range is not finite, say). Then it holds the snapped weights themselves.
+  // `watch` is called with 0 steps.
   // REQUIRES: bits is 1 to 8; `grid` has as many; the layer fits its arrays.
-  CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits, std::size_t fewest);
+  CodedLayer(const NNLayer& layer, const PrecisionGrid& grid, int bits, std::size_t fewest,
+             const Watch& watch = {});
 
   CodedLayer(CodedLayer&&) = default;
   CodedLayer& operator=(CodedLayer&&) = default;
@@ -37,10 +40,10 @@ class CodedLayer {
  private:
   std::size_t panels() const;
   bool pays(std::size_t fewest) const;
-  bool encode(const NNLayer& layer, const PrecisionGrid& grid);
+  bool encode(const NNLayer& layer, const PrecisionGrid& grid, const Watch& watch);
   bool encodeColumn(const float* weights, std::size_t rows, std::size_t input, uint8_t* codes,
                     const PrecisionGrid& grid);
-  void keepFloats(const NNLayer& layer, const PrecisionGrid& grid);
+  void keepFloats(const NNLayer& layer, const PrecisionGrid& grid, const Watch& watch);
 
   std::size_t rows_;
   std::size_t cols_;

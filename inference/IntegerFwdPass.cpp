@@ -21,8 +21,13 @@ IntegerKernels bestIntegerKernels() { return {bestDots(), bestUnfusedKernels()};
 
 std::unique_ptr<IntegerFwdPass> IntegerFwdPass::create(const MultiLayerNNModel& model,
                                                        WideInputs wideInputs) {
+  return create(model, wideInputs, Watch());
+}
+
+std::unique_ptr<IntegerFwdPass> IntegerFwdPass::create(const MultiLayerNNModel& model,
+                                                       WideInputs wideInputs, const Watch& watch) {
   if (!canBeEvaluated(model, kCreate)) return nullptr;
-  auto layers = std::make_shared<const IntegerLayers>(model, wideInputs);
+  auto layers = std::make_shared<const IntegerLayers>(model, wideInputs, watch);
   return std::unique_ptr<IntegerFwdPass>(new IntegerFwdPass(std::move(layers)));
 }
 

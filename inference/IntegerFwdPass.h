@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "features/Export.h"
+#include "features/Watch.h"
 #include "inference/FwdPass.h"
 
 class MultiLayerNNModel;
@@ -39,6 +40,10 @@ class MLNN_EXPORT IntegerFwdPass : public FwdPass {
   // Returns: null, after an error line, when the model has no layers or has one that does not fit.
   static std::unique_ptr<IntegerFwdPass> create(const MultiLayerNNModel& model,
                                                 WideInputs wideInputs = WideInputs::kNone);
+
+  // The same, which a watch can stop: it is called with 0 steps.
+  static std::unique_ptr<IntegerFwdPass> create(const MultiLayerNNModel& model,
+                                                WideInputs wideInputs, const Watch& watch);
 
   // The same from an open image, whose codes and floats stay where they lie; layers that are codes
   // by rows, but stand in another form there, are copied. Gives the bits of the image's model.

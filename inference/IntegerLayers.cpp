@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "inference/WatchedPieces.h"
 #include "layers/FreshMemory.h"
 #include "layers/NNLayer.h"
 #include "layers/RowCodes.h"
@@ -11,10 +12,6 @@
 
 namespace mlnn {
 namespace {
-
-std::vector<float> valuesOf(const Eigen::MatrixXf& array) {
-  return std::vector<float>(array.data(), array.data() + array.size());
-}
 
 std::vector<float> valuesOf(const Eigen::VectorXf& array) {
   return std::vector<float>(array.data(), array.data() + array.size());
@@ -35,15 +32,16 @@ class ArraySink final : public ByteSink {
 
 }  // namespace
 
-bool OwnRowCodes::find(const void* weights, std::size_t rows, std::size_t cols) {
+bool OwnRowCodes::find(const void* weights, std::size_t rows, std::size_t cols,
+                       const Watch& watch) {
   if (cols > kMostDotInputs) return false;
-  std::optional<RowScales> found = findRowScales(weights, rows, cols);
+  std::optional<RowScales> found = findRowScales(weights, rows, cols, watch);
   if (!found) return false;
   const auto length = static_cast<std::size_t>(rowCodesLength(rows, cols, found->bits));
   codes_.resize(static_cast<Eigen::Index>(length));
   adviseHugePages(codes_.data(), length);
   ArraySink sink(codes_.data());
-  writeRowCodes(*found, weights, rows, cols, sink);
+  writeRowCodes(*found, weights, rows, cols, sink, watch);
   scales_ = std::move(found->values);
   view_ = {rows, cols, found->bits, reinterpret_cast<const char*>(scales_.data()), codes_.data()};
   return true;
@@ -53,14 +51,16 @@ std::size_t OwnRowCodes::bytes() const {
   return scales_.size() * sizeof(float) + static_cast<std::size_t>(codes_.size());
 }
 
-IntegerLayer::IntegerLayer(const NNLayer& layer, bool takesWords)
+IntegerLayer::IntegerLayer(const NNLayer& layer, bool takesWords, const Watch& watch)
     : rows_(static_cast<std::size_t>(layer.weights.rows())),
       cols_(static_cast<std::size_t>(layer.weights.cols())),
       actFn_(layer.actFn),
       takesWords_(takesWords),
       scale_(layer.isBatchNorm ? valuesOf(layer.gamma_inf) : std::vector<float>()),
       shift_(valuesOf(layer.isBatchNorm ? layer.beta_inf : layer.bias)) {
-  if (!codes_.find(layer.weights.data(), rows_, cols_)) weights_ = valuesOf(layer.weights);
+  const float* const weights = layer.weights.data();
+  if (codes_.find(weights, rows_, cols_, watch)) return;
+  weights_ = copyInPieces(weights, rows_ * cols_, watch);
 }
 
 IntegerLayerView IntegerLayer::view() const {
@@ -79,11 +79,12 @@ std::size_t IntegerLayer::bytes() const {
   return (scale_.size() + shift_.size() + weights_.size()) * sizeof(float) + codes_.bytes();
 }
 
-IntegerLayers::IntegerLayers(const MultiLayerNNModel& model, WideInputs wideInputs)
+IntegerLayers::IntegerLayers(const MultiLayerNNModel& model, WideInputs wideInputs,
+                             const Watch& watch)
     : endsInSoftmax_(model.useSoftmax) {
   layers_.reserve(model.layers.size());
   for (const NNLayer* layer : model.layers) {
-    layers_.emplace_back(*layer, takesWords(wideInputs, layers_.size()));
+    layers_.emplace_back(*layer, takesWords(wideInputs, layers_.size()), watch);
   }
 }
 

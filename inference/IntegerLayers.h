@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "features/Watch.h"
 #include "inference/IntegerFwdPass.h"
 #include "inference/IntegerStackPass.h"
 
@@ -24,8 +25,8 @@ constexpr bool takesWords(WideInputs wideInputs, std::size_t index) {
 class OwnRowCodes {
  public:
   // Finds the codes of column-major weights at any address. Returns whether there are any, and sums
-  // of them do not overflow; else it stays as newly made.
-  bool find(const void* weights, std::size_t rows, std::size_t cols);
+  // of them do not overflow; else it stays as newly made. `watch` is called with 0 steps.
+  bool find(const void* weights, std::size_t rows, std::size_t cols, const Watch& watch = {});
 
   // Those of no layer where none were found.
   const RowCodesView& view() const { return view_; }
@@ -43,8 +44,9 @@ class OwnRowCodes {
 // Owns all of its arrays.
 class IntegerLayer {
  public:
+  // `watch` is called with 0 steps.
   // REQUIRES: the layer fits its arrays.
-  IntegerLayer(const NNLayer& layer, bool takesWords);
+  IntegerLayer(const NNLayer& layer, bool takesWords, const Watch& watch);
 
   IntegerLayer(IntegerLayer&&) = default;
   IntegerLayer& operator=(IntegerLayer&&) = default;
@@ -68,8 +70,9 @@ class IntegerLayer {
 
 class IntegerLayers final : public IntegerSource {
  public:
+  // `watch` is called with 0 steps.
   // REQUIRES: canBeEvaluated.
-  IntegerLayers(const MultiLayerNNModel& model, WideInputs wideInputs);
+  IntegerLayers(const MultiLayerNNModel& model, WideInputs wideInputs, const Watch& watch = {});
 
   std::size_t count() const override { return layers_.size(); }
   IntegerLayerView layer(std::size_t index) const override { return layers_[index].view(); }

@@ -93,11 +93,11 @@ SizedForm shortestForm(uint64_t count, std::size_t distinct, uint64_t rarest) {
 // How often each value occurs, in the order in which they come; none for too many values.
 class ValueCounts {
  public:
-  bool take(const void* weights, uint64_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::size_t number = numbers_.add(wordAt(weights, i));
-      if (number == ValueNumbers::kNone) return false;
-      ++counts_[i % 2][number];  // two, so that equal weights in a row do not wait for each other
+  bool take(const void* weights, uint64_t count, const Watch& watch = {}) {
+    constexpr uint64_t kSome = uint64_t{1} << 20;
+    for (uint64_t first = 0; first < count; first += kSome) {
+      if (!takeSome(weights, first, std::min(first + kSome, count))) return false;
+      tell(watch, 0);
     }
     return true;
   }
@@ -114,6 +114,15 @@ class ValueCounts {
   }
 
  private:
+  bool takeSome(const void* weights, uint64_t first, uint64_t end) {
+    for (auto i = static_cast<std::size_t>(first); i < end; ++i) {
+      const std::size_t number = numbers_.add(wordAt(weights, i));
+      if (number == ValueNumbers::kNone) return false;
+      ++counts_[i % 2][number];  // two, so that equal weights in a row do not wait for each other
+    }
+    return true;
+  }
+
   ValueNumbers numbers_;
   std::array<std::array<uint64_t, kMaxDistinct>, 2> counts_{};
 };
@@ -123,10 +132,10 @@ class ValueCounts {
 namespace {
 
 // The plan among the forms without row scales.
-WeightsPlan planTable(const void* weights, uint64_t count) {
+WeightsPlan planTable(const void* weights, uint64_t count, const Watch& watch = {}) {
   WeightsPlan plan;
   ValueCounts counts;
-  if (count == 0 || !counts.take(weights, count)) return plan;
+  if (count == 0 || !counts.take(weights, count, watch)) return plan;
   const std::size_t rarest = counts.rarest();
   plan.form = shortestForm(count, counts.size(), counts[rarest].count).form;
   if (plan.form == kPlainFloats) return plan;
@@ -145,11 +154,12 @@ WeightsPlan planTable(const void* weights, uint64_t count) {
 
 }  // namespace
 
-WeightsPlan planWeights(const WeightsRef& weights) {
-  WeightsPlan plan = planTable(weights.values, weights.count());
+WeightsPlan planWeights(const WeightsRef& weights, const Watch& watch) {
+  WeightsPlan plan = planTable(weights.values, weights.count(), watch);
   const uint64_t least = rowScaledLength(kHalfByteRowCodes, weights.rows, weights.cols);
   if (least >= weightsLength(plan, weights)) return plan;
-  std::optional<RowScales> scales = findRowScales(weights.values, weights.rows, weights.cols);
+  std::optional<RowScales> scales =
+      findRowScales(weights.values, weights.rows, weights.cols, watch);
   if (!scales) return plan;
   const uint32_t form = scales->bits == 8 ? kByteRowCodes : kHalfByteRowCodes;
   if (rowScaledLength(form, weights.rows, weights.cols) >= weightsLength(plan, weights)) {

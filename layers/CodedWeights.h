@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "features/Watch.h"
 #include "layers/ByteIo.h"
 #include "layers/RowCodes.h"
 
@@ -58,7 +59,8 @@ struct WeightsRef {
 
 // Returns the form that takes the fewest bytes; of two that take as many, the first one.
 // Looks at few weights when they have many different values, and are no multiples of anything.
-WeightsPlan planWeights(const WeightsRef& weights);
+// `watch` is called with 0 steps.
+WeightsPlan planWeights(const WeightsRef& weights, const Watch& watch = {});
 
 // Returns whether of the forms without row scales the first one, plain floats, takes the fewest
 // bytes: a record of plain floats may be older than row scales.

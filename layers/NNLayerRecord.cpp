@@ -322,7 +322,9 @@ WeightsRef weightsOf(const NNLayer& layer) {
           static_cast<std::size_t>(layer.weights.cols())};
 }
 
-WeightsPlan planRecord(const NNLayer& layer) { return planWeights(weightsOf(layer)); }
+WeightsPlan planRecord(const NNLayer& layer, const Watch& watch) {
+  return planWeights(weightsOf(layer), watch);
+}
 
 uint64_t recordLength(const NNLayer& layer, const WeightsPlan& plan) {
   uint64_t length = sizeof(LayerRecordHead) + weightsLength(plan, weightsOf(layer));

@@ -61,8 +61,9 @@ struct RecordResult {
 
 WeightsRef weightsOf(const NNLayer& layer);
 
-// Returns how the layer's record stores its weights, for the functions below.
-WeightsPlan planRecord(const NNLayer& layer);
+// Returns how the layer's record stores its weights, for the functions below. `watch` is called
+// with 0 steps.
+WeightsPlan planRecord(const NNLayer& layer, const Watch& watch = {});
 
 // Returns the length of the layer's record in bytes.
 uint64_t recordLength(const NNLayer& layer, const WeightsPlan& plan);

@@ -298,7 +298,8 @@ bool isRowCanonical(const RowCodesView& view, std::size_t row, int size) {
 
 }  // namespace
 
-std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols) {
+std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols,
+                                       const Watch& watch) {
   if (rows == 0 || cols == 0) return std::nullopt;
   RowScales scales{4, {}};
   for (std::size_t first = 0; first < rows; first += RowsSoFar::kMost) {
@@ -311,12 +312,13 @@ std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, st
       scales.values.push_back(found.scale(row));
       if (found.needsBytes(row)) scales.bits = 8;
     }
+    tell(watch, 0);
   }
   return scales;
 }
 
 void writeRowCodes(const RowScales& scales, const void* weights, std::size_t rows, std::size_t cols,
-                   ByteSink& sink) {
+                   ByteSink& sink, const Watch& watch) {
   const ScaledWeights source{static_cast<const char*>(weights), rows, cols, scales};
   const auto panels = static_cast<std::size_t>(rowCodePanels(rows));
   const auto groups = static_cast<std::size_t>(rowCodeGroups(cols));
@@ -329,6 +331,7 @@ void writeRowCodes(const RowScales& scales, const void* weights, std::size_t row
       sink.take(piece.data(), length);
       length = 0;
     }
+    tell(watch, 0);
   }
   sink.take(piece.data(), length);
 }

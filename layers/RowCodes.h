@@ -15,6 +15,7 @@
 #include <optional>
 #include <vector>
 
+#include "features/Watch.h"
 #include "layers/ByteIo.h"
 
 namespace mlnn {
@@ -56,13 +57,14 @@ struct RowScales {
 
 // Returns the scales of `rows` x `cols` floats, column-major, at any address; nothing where the
 // weights have no such form or there are none. Looks at few weights, and allocates nothing, where
-// they are no multiples of anything.
-std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols);
+// they are no multiples of anything. `watch` is called with 0 steps.
+std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols,
+                                       const Watch& watch = {});
 
-// Hands the bytes of the codes to the sink, piece by piece.
+// Hands the bytes of the codes to the sink, piece by piece. `watch` is called with 0 steps.
 // REQUIRES: the scales were found for these weights.
 void writeRowCodes(const RowScales& scales, const void* weights, std::size_t rows, std::size_t cols,
-                   ByteSink& sink);
+                   ByteSink& sink, const Watch& watch = {});
 
 // Codes as they lie in memory; it owns nothing.
 struct RowCodesView {

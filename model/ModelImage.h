@@ -1,9 +1,10 @@
-// Reading the image of a model from a stream.
+// Reading the image of a model from a stream, and how long one is.
 #pragma once
 
 #include <cstddef>
 #include <istream>
 
+#include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
 
 namespace mlnn {
@@ -17,5 +18,8 @@ namespace mlnn {
 // image, and on std::bad_alloc while the stream is read.
 // REQUIRES: length is at most what an int can hold.
 int readImage(MultiLayerNNModel& model, std::istream& in, std::size_t length);
+
+// Returns what MultiLayerNNModel::binarySerializedLength does. `watch` is called with 0 steps.
+int imageLength(const MultiLayerNNModel& model, const Watch& watch);
 
 }  // namespace mlnn

@@ -24,11 +24,11 @@ constexpr int64_t kMaxImageLength = std::numeric_limits<int>::max();
 // How the layers' records store their weights, in stack order.
 using Plans = std::vector<mlnn::WeightsPlan>;
 
-Plans plansOf(const MultiLayerNNModel& model) {
+Plans plansOf(const MultiLayerNNModel& model, const mlnn::Watch& watch = {}) {
   Plans plans;
   plans.reserve(model.layers.size());
   for (const NNLayer* layer : model.layers) {
-    plans.push_back(mlnn::planRecord(mlnn::layerOrEmpty(layer)));
+    plans.push_back(mlnn::planRecord(mlnn::layerOrEmpty(layer), watch));
   }
   return plans;
 }
@@ -184,6 +184,10 @@ class LoadedImageReader final : public ModelReader {
 }  // namespace
 
 int MultiLayerNNModel::binarySerializedLength() const { return imageLength(*this, plansOf(*this)); }
+
+int mlnn::imageLength(const MultiLayerNNModel& model, const Watch& watch) {
+  return ::imageLength(model, plansOf(model, watch));
+}
 
 uint32_t MultiLayerNNModel::checksum() const {
   auto sum = static_cast<uint32_t>(layers.size());

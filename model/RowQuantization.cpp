@@ -87,7 +87,8 @@ RowGrid gridFor(const Eigen::VectorXf& row, const RowQuantization& options) {
 }
 
 // Returns the layer's weights, each on a point of its row's grid.
-Eigen::MatrixXf snappedWeights(const Eigen::MatrixXf& weights, const RowQuantization& options) {
+Eigen::MatrixXf snappedWeights(const Eigen::MatrixXf& weights, const RowQuantization& options,
+                               const Watch& watch) {
   Eigen::MatrixXf snapped(weights.rows(), weights.cols());
   if (weights.size() == 0) return snapped;
   constexpr Index kRows = 16;  // at a time, so that each column is read a cache line at once
@@ -99,6 +100,7 @@ Eigen::MatrixXf snappedWeights(const Eigen::MatrixXf& weights, const RowQuantiza
       for (float& weight : rows.col(r)) weight = grid.snapped(weight);
     }
     snapped.middleRows(first, count) = rows.transpose();
+    tell(watch, 0);
   }
   return snapped;
 }
@@ -154,10 +156,11 @@ bool foldWhereExact(NNLayer& layer) {
 
 // --- The whole model ---
 
-QuantizedLayer quantize(NNLayer& layer, const RowQuantization& options) {
+QuantizedLayer quantize(NNLayer& layer, const RowQuantization& options, const Watch& watch) {
   QuantizedLayer result;
-  const Eigen::MatrixXf snapped = snappedWeights(layer.weights, options);
+  const Eigen::MatrixXf snapped = snappedWeights(layer.weights, options, watch);
   result.relativeError = relativeError(layer.weights, snapped);
+  tell(watch, 0);
   if (result.relativeError > options.largestError) return result;
   layer.weights = snapped;  // in place: others may look at the array
   result.isQuantized = true;
@@ -187,10 +190,15 @@ bool isRefused(const MultiLayerNNModel& model, int bits) {
 
 int quantizeRows(MultiLayerNNModel& model, const RowQuantization& options,
                  std::vector<QuantizedLayer>* layers) {
+  return quantizeRows(model, options, layers, Watch());
+}
+
+int quantizeRows(MultiLayerNNModel& model, const RowQuantization& options,
+                 std::vector<QuantizedLayer>* layers, const Watch& watch) {
   if (isRefused(model, options.bits)) return 1;
   std::vector<QuantizedLayer> results(model.layers.size());
   for (std::size_t i = 0; i < results.size(); ++i) {
-    if (model.layers[i] != nullptr) results[i] = quantize(*model.layers[i], options);
+    if (model.layers[i] != nullptr) results[i] = quantize(*model.layers[i], options, watch);
   }
   if (layers != nullptr) layers->swap(results);
   return 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "features/Export.h"
+#include "features/Watch.h"
 
 class MultiLayerNNModel;
 
@@ -45,5 +46,10 @@ struct QuantizedLayer {
 // Prints: an error line on failure.
 MLNN_EXPORT int quantizeRows(MultiLayerNNModel& model, const RowQuantization& options,
                              std::vector<QuantizedLayer>* layers = nullptr);
+
+// The same, which a watch can stop: it is called with 0 steps. Where it throws, some layers are
+// done.
+MLNN_EXPORT int quantizeRows(MultiLayerNNModel& model, const RowQuantization& options,
+                             std::vector<QuantizedLayer>* layers, const Watch& watch);
 
 }  // namespace mlnn

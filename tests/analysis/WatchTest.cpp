@@ -12,10 +12,12 @@
 #include "analysis/ModelSummary.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
+#include "analysis/QuantizationDiff.h"
 #include "analysis/WeightForms.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "features/Watch.h"
 #include "model/FormatFit.h"
+#include "model/RowQuantization.h"
 #include "tests/support/TestModels.h"
 
 namespace {
@@ -74,6 +76,54 @@ TEST(Watch, stopsEveryAnalysis) {
     const Eigen::MatrixXf& weights = model.layers[0]->weights;
     mlnn::histogramOf(weights.data(), static_cast<std::size_t>(weights.size()), 8, watch);
   }));
+}
+
+int callsOf(const std::function<void(const Watch&)>& work) {
+  int calls = 0;
+  work([&calls](std::size_t) { ++calls; });
+  return calls;
+}
+
+// A layer of many outputs is looked at a few rows or columns at a time.
+TEST(Watch, isCalledWithinLayers) {
+  const MultiLayerNNModel model = mlnn::test::modelOf({mlnn::test::plainLayer(3, 6400)});
+  MultiLayerNNModel codes = model;
+  ASSERT_EQ(mlnn::quantizeRows(codes, {}), 0);
+  EXPECT_GE(callsOf([&](const Watch& watch) { mlnn::codedSizeOf(model, 8, watch); }), 100);
+  EXPECT_GE(callsOf([&](const Watch& watch) { mlnn::integerSizeOf(codes, watch); }), 200);
+  EXPECT_GE(callsOf([&](const Watch& watch) { mlnn::summaryOf(codes, watch); }), 100);
+  EXPECT_GE(callsOf([&](const Watch& watch) { mlnn::fileSizesOf(codes, watch); }), 100);
+  EXPECT_GE(callsOf([&](const Watch& watch) { mlnn::suspicionsOf(codes, watch); }), 500);
+  EXPECT_GE(callsOf([&](const Watch& watch) { mlnn::findQuantization(model, codes, watch); }), 400);
+}
+
+// Plain floats are copied in pieces.
+TEST(Watch, isCalledWhileWeightsAreCopied) {
+  const MultiLayerNNModel model = mlnn::test::modelOf({mlnn::test::plainLayer(2000, 1100)});
+  EXPECT_EQ(callsOf([&](const Watch& watch) { mlnn::integerSizeOf(model, watch); }), 3);
+}
+
+TEST(Watch, stopsWhatMakesAPass) {
+  const MultiLayerNNModel model = largeModel();
+  MultiLayerNNModel codes = model;
+  ASSERT_EQ(mlnn::quantizeRows(codes, {}), 0);
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::codedSizeOf(model, 8, watch); }, 3));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::integerSizeOf(model, watch); }));
+  EXPECT_TRUE(isStopped([&](const Watch& watch) { mlnn::integerSizeOf(codes, watch); }, 12));
+}
+
+// Those before it have their new weights, as its header says.
+TEST(Watch, stopsQuantizingBetweenLayersOrWithin) {
+  const MultiLayerNNModel model = largeModel();
+  MultiLayerNNModel stopped = model;
+  MultiLayerNNModel whole = model;
+  ASSERT_EQ(mlnn::quantizeRows(whole, {}), 0);
+  const int callsOfTheFirst = (500 + 15) / 16 + 1;
+  EXPECT_TRUE(
+      isStopped([&](const Watch& watch) { mlnn::quantizeRows(stopped, {}, nullptr, watch); },
+                callsOfTheFirst + 1));
+  EXPECT_EQ(stopped.layers[0]->weights, whole.layers[0]->weights);
+  EXPECT_EQ(stopped.layers[1]->weights, model.layers[1]->weights);
 }
 
 TEST(Watch, isToldOfTheWholeWork) {
