@@ -1,5 +1,6 @@
 #include "analysis/ModelBudget.h"
 
+#include <algorithm>
 #include <memory>
 #include <ostream>
 #include <streambuf>
@@ -8,6 +9,7 @@
 #include "analysis/ModelCopy.h"
 #include "analysis/WeightForms.h"
 #include "inference/CodedFwdPass.h"
+#include "inference/DeviceMemory.h"
 #include "inference/IntegerFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "layers/LayerArrays.h"
@@ -67,6 +69,14 @@ void add(const NNLayer& layer, ModelBudget& budget) {
   if (layer.actFn != ActFn::linear) budget.activations += outputs;
 }
 
+uint64_t deviceBytesOf(const MultiLayerNNModel& model) {
+  int widest = 0;
+  for (const NNLayer* layer : model.layers) {
+    widest = std::max(widest, static_cast<int>(layer->weights.rows()));
+  }
+  return deviceMemoryBytes(std::max(model.numInputs(), 0), widest);
+}
+
 // The model as it is written in the format; nothing where that has no way to write it.
 std::optional<MultiLayerNNModel> readyFor(ModelFormat format, const MultiLayerNNModel& model,
                                           const Watch& watch) {
@@ -99,6 +109,7 @@ ModelBudget budgetOf(const MultiLayerNNModel& model, const Watch& watch) {
   ModelBudget budget;
   for (const NNLayer* layer : model.layers) add(*layer, budget);
   budget.workingBytes = NNFwdPassFromFile::workingBytes(model, 1);
+  budget.deviceBytes = deviceBytesOf(model);
   budget.weightForms = weightForms(model, between);
   budget.quantized = quantizedText(model, between);
   if (model.useSoftmax) budget.activations += static_cast<uint64_t>(model.numOutputs());

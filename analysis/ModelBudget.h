@@ -20,6 +20,9 @@ struct ModelBudget {
   // Bytes that a forward pass keeps beside the model when it is given one frame at a time.
   uint64_t workingBytes = 0;
 
+  // Bytes that a mlnn::DevicePass is given, on every processor.
+  uint64_t deviceBytes = 0;
+
   // For one frame: the products of weights and inputs, each added up, and in batch-norm layers
   // of scales and sums; the values that go through an activation that is not linear, or
   // through the softmax.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "features/EigenAssign.h"
+#include "features/FrameRing.h"
 
 namespace mlnn {
 namespace {
@@ -64,11 +65,8 @@ ContextWindow::ContextWindow(int left, int right, int frameLen, Eigen::VectorXf 
       ring_(frameLen, left + 1 + right) {}
 
 void ContextWindow::normalise(const float* frame, float* out) const {
-  if (minvals_.size() == 0) {
-    std::copy_n(frame, frameLen_, out);
-    return;
-  }
-  for (Index i = 0; i < frameLen_; ++i) out[i] = (frame[i] - minvals_[i]) * normvals_[i];
+  const float* const minvals = minvals_.size() == 0 ? nullptr : minvals_.data();
+  normaliseFrame(frame, static_cast<std::size_t>(frameLen_), minvals, normvals_.data(), out);
 }
 
 bool ContextWindow::stack(const Eigen::Ref<const Eigen::MatrixXf>& frames,
@@ -89,19 +87,14 @@ bool ContextWindow::stack(const Eigen::Ref<const Eigen::MatrixXf>& frames,
   return true;
 }
 
-// Gives out the input vector of frame `emitted_` from the frames received so far; those not
-// there repeat the first or the last.
+// Gives out the input vector of frame `emitted_` from the frames received so far.
 void ContextWindow::emit(float* input) {
-  const int64_t last = received_ - 1;
-  for (int offset = -left_; offset <= right_; ++offset) {
-    const int64_t source = std::clamp<int64_t>(emitted_ + offset, 0, last);
-    input = std::copy_n(slot(source), frameLen_, input);
-  }
+  FrameRing{ring_.data(), left_, right_, frameLen_}.copyWindow(emitted_, received_ - 1, input);
   ++emitted_;
 }
 
 float* ContextWindow::slot(int64_t frame) {
-  return ring_.col(static_cast<Index>(frame % ring_.cols())).data();
+  return FrameRing{ring_.data(), left_, right_, frameLen_}.slot(frame);
 }
 
 bool ContextWindow::push(const float* frame, float* input) {

@@ -11,7 +11,7 @@
 #include "layers/Crc32c.h"
 #include "layers/NNLayerRecord.h"
 #include "layers/Report.h"
-#include "model/ImageReader.h"
+#include "model/ImageHeadReader.h"
 #include "model/ModelFormat.h"
 
 namespace mlnn {
@@ -66,11 +66,11 @@ namespace {
 
 // Reads the records where they lie.
 template <typename Layers>
-class InPlaceReader final : public ImageReader {
+class InPlaceReader final : public ImageHeadReader {
  public:
   InPlaceReader(const char* image, std::size_t length, DbnFeatureDescription& featureDesc,
                 MelDeltasNorm& deltasNorm, Layers& layers, ImageChecksum checksum)
-      : ImageReader(image, length, featureDesc, deltasNorm),
+      : ImageHeadReader(image, length, featureDesc, deltasNorm),
         image_(image),
         layers_(layers),
         isVerified_(checksum == ImageChecksum::kVerified) {

@@ -11,14 +11,10 @@
 #include "features/Export.h"
 #include "features/MelDeltasNorm.h"
 #include "inference/FwdPass.h"
+#include "inference/ImageChecksum.h"
 #include "inference/NNFwdPassFromFile.h"
 
 namespace mlnn {
-
-// Whether an image's checksum is computed when it is opened. To decline it saves a walk over the
-// whole image, which may have been verified elsewhere. All else is checked all the same, so that
-// whatever the bytes are, nothing outside the image is read.
-enum class ImageChecksum { kVerified, kDeclined };
 
 // Gives the same bits as the NNFwdPassFromFile of the model that the image holds.
 //

@@ -262,15 +262,21 @@ uint64_t lengthWithoutRowScales(const RowCodesView& view) {
 
 }  // namespace
 
-bool viewRowCodes(uint32_t form, uint64_t rows, uint64_t cols, const char* src,
-                  std::size_t available, RowCodesView& view) {
-  const uint64_t length = rowScaledLength(form, rows, cols);
-  if (rows == 0 || cols == 0 || length > available) return false;
+RowCodesView rowCodesAt(uint32_t form, uint64_t rows, uint64_t cols, const char* src) {
+  RowCodesView view;
   view.rows = static_cast<std::size_t>(rows);  // each takes a byte at least, and so on
   view.cols = static_cast<std::size_t>(cols);
   view.bits = codeBits(form);
   view.scales = src;
   view.codes = reinterpret_cast<const unsigned char*>(src) + view.rows * sizeof(float);
+  return view;
+}
+
+bool viewRowCodes(uint32_t form, uint64_t rows, uint64_t cols, const char* src,
+                  std::size_t available, RowCodesView& view) {
+  const uint64_t length = rowScaledLength(form, rows, cols);
+  if (rows == 0 || cols == 0 || length > available) return false;
+  view = rowCodesAt(form, rows, cols, src);
   return view.isCanonical() && length < lengthWithoutRowScales(view);
 }
 

@@ -86,6 +86,9 @@ void writeCoded(const WeightsPlan& plan, const WeightsRef& weights, ByteSink& si
 bool viewRowCodes(uint32_t form, uint64_t rows, uint64_t cols, const char* src,
                   std::size_t available, RowCodesView& view);
 
+// Returns that view without looking at the bytes, which must be there.
+RowCodesView rowCodesAt(uint32_t form, uint64_t rows, uint64_t cols, const char* src);
+
 // Returns the length of the weights with a table that start with these kCodedPrefixLength bytes; 0
 // where no plan has such a start, or they take more than `available` bytes.
 std::size_t codedLength(uint32_t form, uint64_t count, const char* prefix, std::size_t available);

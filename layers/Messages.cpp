@@ -6,15 +6,13 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <memory>
 
+#include "layers/MessageText.h"
 #include "layers/Report.h"
 
 namespace mlnn {
 namespace {
-
-constexpr std::size_t kLastErrorSize = 512;
 
 void printByStdio(const char* line, std::size_t length) { std::fwrite(line, 1, length, stderr); }
 
@@ -40,16 +38,6 @@ Sink currentSink() {
   const Sink present = processSink;
   pthread_mutex_unlock(&sinkMutex);
   return present;
-}
-
-bool startsWith(std::string_view text, std::string_view start) {
-  return text.substr(0, start.size()) == start;
-}
-
-// "ERRROR" is fixed by the format's users.
-Severity severityOf(std::string_view text) {
-  if (startsWith(text, "ERROR: ") || startsWith(text, "ERRROR: ")) return Severity::kError;
-  return startsWith(text, "Warning: ") ? Severity::kWarning : Severity::kInfo;
 }
 
 void remember(std::string_view error) {
@@ -98,16 +86,6 @@ void deliver(std::initializer_list<MessagePiece> pieces, LinePrinter print) {
 }
 
 }  // namespace
-
-MessagePiece::MessagePiece(bool isNegative, uint64_t magnitude) {
-  char* start = std::end(digits_);
-  do {
-    *--start = static_cast<char>('0' + magnitude % 10);
-    magnitude /= 10;
-  } while (magnitude != 0);
-  if (isNegative) *--start = '-';
-  text_ = {start, static_cast<std::size_t>(std::end(digits_) - start)};
-}
 
 void report(std::initializer_list<MessagePiece> pieces) { deliver(pieces, linePrinter.load()); }
 

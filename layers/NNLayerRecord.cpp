@@ -222,6 +222,26 @@ class RecordWriter final : public ByteSink {
 
 }  // namespace
 
+namespace {
+
+// Places the vectors, which follow the weights.
+void viewVectors(const char* src, const char* behindWeights, LayerRecordView& view) {
+  const char* behind = behindWeights;
+  const auto take = [&behind](int32_t length) {
+    const char* const values = behind;
+    behind += static_cast<std::size_t>(length) * sizeof(float);
+    return values;
+  };
+  view.bias = take(view.head.biasLength);
+  view.gamma = take(view.head.gammaLength);
+  view.beta = take(view.head.betaLength);
+  view.gammaInf = take(view.head.gammaInfLength);
+  view.betaInf = take(view.head.betaInfLength);
+  view.length = static_cast<std::size_t>(behind - src);
+}
+
+}  // namespace
+
 bool viewRecord(const char* src, std::size_t available, LayerRecordView& view) {
   if (available < sizeof view.head) return false;
   ByteReader reader(src, available);
@@ -248,17 +268,30 @@ bool viewRecord(const char* src, std::size_t available, LayerRecordView& view) {
     if (!viewRowCodes(head.form, rows, cols, weights, left, view.rowCodes)) return false;
     behind += rowScaledLength(head.form, rows, cols);
   }
-  const auto take = [&behind](int32_t length) {
-    const char* const values = behind;
-    behind += static_cast<std::size_t>(length) * sizeof(float);
-    return values;
-  };
-  view.bias = take(head.biasLength);
-  view.gamma = take(head.gammaLength);
-  view.beta = take(head.betaLength);
-  view.gammaInf = take(head.gammaInfLength);
-  view.betaInf = take(head.betaInfLength);
-  view.length = static_cast<std::size_t>(behind - src);
+  viewVectors(src, behind, view);
+  return true;
+}
+
+bool viewLayout(const char* src, std::size_t available, LayerRecordView& view) {
+  if (available < sizeof view.head) return false;
+  ByteReader(src, available).bytes(&view.head, sizeof view.head);
+  const LayerRecordHead& head = view.head;
+  if (!isWellFormed(head) || hasTable(head.form)) return false;
+  const char* const weights = src + sizeof head;
+  const std::size_t left = available - sizeof head;
+  view.plainWeights = head.form == kPlainFloats ? weights : nullptr;
+  if (head.form == kPlainFloats) {
+    if (!plainArraysFit(head, left)) return false;
+    viewVectors(src, weights + numWeights(head) * sizeof(float), view);
+    return true;
+  }
+  const auto rows = uint64_t(head.rows);
+  const auto cols = uint64_t(head.cols);
+  const uint64_t length = rowScaledLength(head.form, rows, cols);
+  if (rows == 0 || cols == 0 || vectorsLength(head) > left) return false;
+  if (length > left - vectorsLength(head)) return false;
+  view.rowCodes = rowCodesAt(head.form, rows, cols, weights);
+  viewVectors(src, weights + length, view);
   return true;
 }
 

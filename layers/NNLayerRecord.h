@@ -52,6 +52,11 @@ void unpackWeights(const LayerRecordView& view, std::size_t first, std::size_t r
 // Returns: whether it is whole and one that the writer writes; else `view` is unspecified.
 bool viewRecord(const char* src, std::size_t available, LayerRecordView& view);
 
+// Looks at the lengths of a record alone, and takes no memory.
+// Returns: whether it is whole and its weights are no codes of a table. They may be in another form
+// than the writer's. Else `view` is unspecified.
+bool viewLayout(const char* src, std::size_t available, LayerRecordView& view);
+
 // What became of a record that was read or written.
 struct RecordResult {
   int length = -1;        // bytes; -1 when the record was refused

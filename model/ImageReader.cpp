@@ -1,7 +1,6 @@
 #include "model/ImageReader.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <string>
 
@@ -10,10 +9,15 @@
 #include "model/ModelFormat.h"
 
 namespace mlnn {
+namespace {
+
+constexpr char kImageOf[] = "image of ";
+constexpr char kShorterThanHead[] = " bytes is shorter than its head (";
+
+}  // namespace
 
 std::string shorterThanHead(std::size_t length) {
-  return "image of " + std::to_string(length) + " bytes is shorter than its head (" +
-         std::to_string(kHeadLength) + ")";
+  return kImageOf + std::to_string(length) + kShorterThanHead + std::to_string(kHeadLength) + ")";
 }
 
 int ImageReader::read() {
@@ -29,7 +33,8 @@ int ImageReader::read() {
 
 bool ImageReader::has(std::size_t offset, std::size_t count) const {
   if (offset + count <= length_) return true;
-  report({"ERROR: MultiLayerNNModel::deserializeBinary: ", shorterThanHead(length_)});
+  report({"ERROR: MultiLayerNNModel::deserializeBinary: ", kImageOf, length_, kShorterThanHead,
+          kHeadLength, ")"});
   return false;
 }
 
@@ -46,10 +51,7 @@ bool ImageReader::readFeatureDescription() {
     return false;
   }
   if (!has(kFeatureDescOffset, kFeatureDescLength)) return false;
-  featureDesc_ = featureDescriptionFromBytes(head_ + kFeatureDescOffset);
-  std::string text;
-  featureDesc_.serialize(text);
-  report({"info: deserializeBinary: feature desc: ", text});
+  takeFeatureDescription(featureDescriptionFromBytes(head_ + kFeatureDescOffset));
   return true;
 }
 
@@ -63,8 +65,7 @@ bool ImageReader::readNormalisation() {
     return false;
   }
   if (!has(kMinvalsOffset, kDeltasNormBytes)) return false;
-  deltasNorm_.allocIfNeeded();
-  std::memcpy(deltasNorm_.minvals.data(), head_ + kMinvalsOffset, kDeltasNormBytes);
+  takeMinvals(head_ + kMinvalsOffset);
 
   if (!has(kNormvalsLengthOffset, sizeof(int32_t))) return false;
   const int32_t normvalsLength = int32At(kNormvalsLengthOffset);
@@ -74,7 +75,7 @@ bool ImageReader::readNormalisation() {
     return false;
   }
   if (!has(kNormvalsOffset, kDeltasNormBytes)) return false;
-  std::memcpy(deltasNorm_.normvals.data(), head_ + kNormvalsOffset, kDeltasNormBytes);
+  takeNormvals(head_ + kNormvalsOffset);
   return true;
 }
 

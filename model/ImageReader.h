@@ -8,7 +8,6 @@
 #include <string>
 
 #include "features/DbnFeatureDescription.h"
-#include "features/MelDeltasNorm.h"
 #include "layers/NNLayerRecord.h"
 
 namespace mlnn {
@@ -20,9 +19,7 @@ std::string shorterThanHead(std::size_t length);
 class ImageReader {
  public:
   // `head` is the first kHeadLength bytes of an image of `length` bytes, or all of a shorter one.
-  ImageReader(const char* head, std::size_t length, DbnFeatureDescription& featureDesc,
-              MelDeltasNorm& deltasNorm)
-      : head_(head), length_(length), featureDesc_(featureDesc), deltasNorm_(deltasNorm) {}
+  ImageReader(const char* head, std::size_t length) : head_(head), length_(length) {}
 
   // Whether the checksum is computed and compared; the default is that it is.
   void checkSum(bool isChecked) { checksSum_ = isChecked; }
@@ -34,6 +31,12 @@ class ImageReader {
   ~ImageReader() = default;
 
  private:
+  virtual void takeFeatureDescription(const DbnFeatureDescription& featureDesc) = 0;
+
+  // Each takes the MelDeltasNorm::kLength floats at `values`, at any address.
+  virtual void takeMinvals(const char* values) = 0;
+  virtual void takeNormvals(const char* values) = 0;
+
   // Makes room for so many layers, which are empty or hold what they held.
   virtual void prepareLayers(std::size_t count) = 0;
 
@@ -55,8 +58,6 @@ class ImageReader {
 
   const char* head_;
   std::size_t length_;
-  DbnFeatureDescription& featureDesc_;
-  MelDeltasNorm& deltasNorm_;
   bool checksSum_ = true;
   std::size_t layerCount_ = 0;
   std::size_t layersRead_ = 0;

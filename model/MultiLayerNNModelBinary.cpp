@@ -11,7 +11,7 @@
 #include "layers/FreshMemory.h"
 #include "layers/NNLayerRecord.h"
 #include "layers/Report.h"
-#include "model/ImageReader.h"
+#include "model/ImageHeadReader.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/ModelImage.h"
@@ -52,10 +52,10 @@ void writeArray(mlnn::ByteWriter& writer, const Eigen::VectorXf& values) {
 }
 
 // What both ways of reading an image do with the model.
-class ModelReader : public mlnn::ImageReader {
+class ModelReader : public mlnn::ImageHeadReader {
  public:
   ModelReader(const char* head, std::size_t length, MultiLayerNNModel& model)
-      : ImageReader(head, length, model.featureDesc, model.deltasNorm), model_(model) {}
+      : ImageHeadReader(head, length, model.featureDesc, model.deltasNorm), model_(model) {}
 
  protected:
   ~ModelReader() = default;

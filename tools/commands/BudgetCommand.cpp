@@ -121,6 +121,7 @@ void printText(const Needs& needs, double rate) {
   printField("parameters", bytesText(budget.parameterBytes) + ", of which a forward pass reads " +
                                std::to_string(budget.readBytes));
   printField("working memory", bytesText(budget.workingBytes) + " for a forward pass");
+  printField("on a device", bytesText(budget.deviceBytes) + " for frames that come one by one");
   printField("image file", fileText(needs.files.image));
   printField("image weights", budget.weightForms);
   if (!budget.quantized.empty()) printField("quantised", budget.quantized);
@@ -166,6 +167,7 @@ Json budgetJson(const std::string& name, const Needs& needs, double rate) {
           {"parameter_bytes", budget.parameterBytes},
           {"read_bytes", budget.readBytes},
           {"working_bytes", budget.workingBytes},
+          {"device_bytes", budget.deviceBytes},
           {"image_bytes", fileJson(needs.files.image)},
           {"image_weights", budget.weightForms},
           {"text_bytes", fileJson(needs.files.text)},

@@ -35,6 +35,7 @@ TEST(BudgetCommandTest, printsWhatAModelNeeds) {
   const std::string expected(
       "parameters        32 bytes, of which a forward pass reads 32\n"
       "working memory    [0-9]+ bytes for a forward pass\n"
+      "on a device       320 bytes for frames that come one by one\n"
       "image file        [0-9]+ bytes\n"
       "image weights     floats in layer 1\n"
       "text file         [0-9]+ bytes\n"
