@@ -1,23 +1,29 @@
-// KernelChoice — by which loops a layer's weights are multiplied with how many frames. What is
-// chosen changes speed alone: all loops give the same bits.
+// KernelChoice — by which loops a layer's weights are multiplied with how many frames, and in which
+// blocks. What is chosen changes speed alone: all loops give the same bits.
 //
 //   frames      weights                                         loops
 //   ----------  ----------------------------------------------  -----------------------------------
 //   1           codes                                           codesVector (GridCodes-inl.h)
 //   1           floats that stream                              sweepLayer (MatrixSweep-inl.h)
 //   1           other floats                                    multiplyPanels (MatrixVector-inl.h)
-//   2 to 8      8 MiB of floats or more in 1024 rows or more    sweepLayer
-//   6 to 8      other floats that stream                        wide tiles (MatrixFrames-inl.h)
+//   2 to 8      floats from the memory, columns of a page       sweepLayer
+//   some        other floats                                    wide tiles (MatrixFrames-inl.h)
 //   any other   any other                                       tiles (MatrixFrames-inl.h)
 //
-// Built for size (layers/BuiltForSize.h) there are codesVector and sweepLayer alone
-// (MatrixForSize-inl.h). Layers whose weights do not lie in memory as floats or as codes are
-// unpacked some rows at a time first, and are floats then (LayerStackPass.cpp). Among instruction
-// sets bestKernels() chooses (Kernels.cpp).
+// From which sizes on weights stream or come from the memory, how large tiles are, and which
+// numbers of frames take wide ones, is the shape of the loops, which follows the processor
+// (kernelShape).
+//
+// Built for size (layers/BuiltForSize.h) there is no shape to choose, and there are codesVector and
+// sweepLayer alone (MatrixForSize-inl.h). Layers whose weights do not lie in memory as floats or as
+// codes are unpacked some rows at a time first, and are floats then (LayerStackPass.cpp). Among
+// instruction sets bestKernels() chooses (Kernels.cpp).
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <string_view>
 
 #include "inference/kernels/LayerView.h"
 #include "layers/BuiltForSize.h"
@@ -29,8 +35,74 @@ constexpr std::size_t kFloatsInPage = 1024;
 // Frames that a sweep takes at most, and those of the two kinds of tiles, of which wide ones have
 // fewer rows.
 constexpr std::size_t kSweepFrames = 8;
-constexpr int kTileFrames = 5;
+constexpr int kMostTileFrames = 6;
 constexpr int kWideTileFrames = 8;
+
+// Which layers of floats meet up to kWideTileFrames frames in one wide tile, where they are too
+// many for another.
+enum class WideTiles { kNone, kStreaming, kAll };
+
+// How the loops over floats go through a layer.
+struct KernelShape {
+  const char* name;
+  std::size_t tileFrames;  // of a tile at most: 1 to kMostTileFrames
+  WideTiles wideTiles;
+  std::size_t inputsAtOnce;  // of all rows: a multiple of kChainLength, kMostInputsAtOnce at most
+  std::size_t secondLevelBytes;  // weights of so many bytes stream through the nearer caches
+  std::size_t thirdLevelBytes;   // weights of so many bytes come from the memory, or cost as much
+};
+
+constexpr std::size_t kMostInputsAtOnce = 256;
+
+// All shapes, for common sizes of caches. Tiles of six frames read fewer weights for each product,
+// which processors with two fused units need, and cost the others nothing. Few inputs at once touch
+// fewer pages of weights, which counts where rows lie pages apart.
+constexpr std::array<KernelShape, 4> kKernelShapes = {{
+    {"six", 6, WideTiles::kStreaming, 128, kSecondLevelBytes, kThirdLevelBytes},
+    {"five", 5, WideTiles::kStreaming, 256, kSecondLevelBytes, kThirdLevelBytes},
+    {"wide", 6, WideTiles::kAll, 128, kSecondLevelBytes, kThirdLevelBytes},
+    {"narrow", 6, WideTiles::kNone, 256, kSecondLevelBytes, kThirdLevelBytes},
+}};
+
+// Sizes in bytes; 0 where they are not known.
+struct CacheSizes {
+  std::size_t secondLevel;
+  std::size_t thirdLevel;
+};
+
+// Returns the shape for a processor, or where `name` is that of a shape, that one.
+constexpr KernelShape kernelShapeFor(const CacheSizes& caches, std::string_view name) {
+  for (const KernelShape& shape : kKernelShapes) {
+    if (name == shape.name) return shape;
+  }
+  KernelShape shape = kKernelShapes.front();
+  // Half of a large cache holds a layer beside what else goes through; in a small one all layers of
+  // more than its size stream. Of a third-level cache that others share a part counts alone.
+  const std::size_t half = caches.secondLevel / 2;
+  if (half > 0) shape.secondLevelBytes = std::max(std::min(2 * half, kSecondLevelBytes), half);
+  const std::size_t quarter = caches.thirdLevel / 4;
+  if (quarter > 0) shape.thirdLevelBytes = std::min(quarter, kThirdLevelBytes);
+  return shape;
+}
+
+#if MLNN_BUILT_FOR_SIZE
+
+// The one shape: sweeps of four frames, eight inputs at once.
+constexpr KernelShape kernelShape() { return {"small", 4, WideTiles::kNone, 8, 0, 0}; }
+
+#else
+
+// Returns the shape in use: the one that was fixed; else the one that MLNN_KERNEL_SHAPE in the
+// environment names; else the one for this processor. The environment and the processor are looked
+// at once. May be called by several threads.
+const KernelShape& kernelShape();
+
+// Fixes the shape for all passes, or where it is null, sets it free again. Results do not depend on
+// it, so it may change while passes run.
+// REQUIRES: the shape outlives its use.
+void fixKernelShape(const KernelShape* shape);
+
+#endif
 
 enum class VectorLoops { kCodes, kSweep, kPanels };
 enum class FramesLoops { kSweep, kTiles, kWideTiles };
@@ -40,26 +112,32 @@ constexpr std::size_t bytesOfFloats(const LayerView& layer) {
 }
 
 // Whether floats pass through the second-level cache without staying there.
-constexpr bool streams(const LayerView& layer) {
-  return layer.coded == nullptr && bytesOfFloats(layer) >= kSecondLevelBytes;
+constexpr bool streams(const LayerView& layer, const KernelShape& shape) {
+  return layer.coded == nullptr && bytesOfFloats(layer) >= shape.secondLevelBytes;
 }
 
 // For one frame.
-constexpr VectorLoops vectorLoopsFor(const LayerView& layer) {
+constexpr VectorLoops vectorLoopsFor(const LayerView& layer, const KernelShape& shape) {
   if (layer.coded != nullptr) return VectorLoops::kCodes;
-  return streams(layer) ? VectorLoops::kSweep : VectorLoops::kPanels;
+  return streams(layer, shape) ? VectorLoops::kSweep : VectorLoops::kPanels;
+}
+
+constexpr bool takesWideTile(const LayerView& layer, std::size_t frames, const KernelShape& shape) {
+  if (frames <= shape.tileFrames || frames > kWideTileFrames) return false;
+  if (shape.wideTiles == WideTiles::kAll) return true;
+  return shape.wideTiles == WideTiles::kStreaming && streams(layer, shape);
 }
 
 // For several frames. A sweep is best where weights come from the memory and each column fills a
 // page: in a panel of rows, every input would be read from another page. From the third-level cache
 // that costs less than keeping the chains.
-constexpr FramesLoops framesLoopsFor(const LayerView& layer, std::size_t frames) {
-  if (frames == 1 && streams(layer)) return FramesLoops::kSweep;
+constexpr FramesLoops framesLoopsFor(const LayerView& layer, std::size_t frames,
+                                     const KernelShape& shape) {
+  if (frames == 1 && streams(layer, shape)) return FramesLoops::kSweep;
   const bool isLarge = layer.coded == nullptr && layer.rows >= kFloatsInPage &&
-                       bytesOfFloats(layer) >= kThirdLevelBytes;
+                       bytesOfFloats(layer) >= shape.thirdLevelBytes;
   if (frames > 1 && frames <= kSweepFrames && isLarge) return FramesLoops::kSweep;
-  const bool isWide = streams(layer) && frames > kTileFrames && frames <= kWideTileFrames;
-  return isWide ? FramesLoops::kWideTiles : FramesLoops::kTiles;
+  return takesWideTile(layer, frames, shape) ? FramesLoops::kWideTiles : FramesLoops::kTiles;
 }
 
 // How many of so many frames are swept together: as many as there are, up to kSweepFrames. Built

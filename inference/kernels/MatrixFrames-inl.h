@@ -21,8 +21,7 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
-// The sums of a tile stay in registers: kTileVectors vectors of rows times kTileFrames frames.
-// With 16 registers two vectors of rows leave room for six frames.
+// The sums of a tile stay in registers: kTileVectors vectors of rows times kMostTileFrames frames.
 constexpr int kTileVectors = kManyRegisters ? 4 : 2;
 constexpr int kWideTileVectors = kManyRegisters ? 3 : 1;  // for frames that just fit one tile
 constexpr std::size_t kTileRows = kTileVectors * kLanes;
@@ -102,7 +101,7 @@ HWY_INLINE TileChain tileChainOf(std::size_t frames) {
   static constexpr TileChain kChains[kWideTileFrames] = {
       tileChain<R, 1, kFetches, kPartial>,     tileChain<R, 2, kFetches, kPartial>,
       tileChain<R, 3, kFetches, kPartial>,     tileChain<R, 4, kFetches, kPartial>,
-      tileChain<R, 5, kFetches, kPartial>,     tileChain<kWide, 6, kFetches, kPartial>,
+      tileChain<R, 5, kFetches, kPartial>,     tileChain<R, 6, kFetches, kPartial>,
       tileChain<kWide, 7, kFetches, kPartial>, tileChain<kWide, 8, kFetches, kPartial>};
   return kChains[frames - 1];
 }
@@ -118,9 +117,7 @@ HWY_INLINE TileChain tileChainFor(std::size_t vectors, std::size_t frames) {
                       : tileChainOf<1, kFetches, kPartial>(frames);
 }
 
-// Inputs that are worked off for all rows before the next ones: a multiple of both chain lengths.
-constexpr std::size_t kInputsAtOnce = 256;
-static_assert(kTileRows * kInputsAtOnce <= kPanelFloats, "a packed panel fits the scratch");
+static_assert(kTileRows * kMostInputsAtOnce <= kPanelFloats, "a packed panel fits the scratch");
 static_assert(kCodedPanelRows % kTileRows == 0, "a tile lies in one panel of codes");
 
 // A row panel of at most kTileRows rows, and some inputs.
@@ -212,15 +209,16 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
   const std::size_t stride = layer.allRows();
   const std::size_t chain = chainLength(stride);
   const bool isCoded = layer.coded != nullptr;
-  const FramesLoops loops = framesLoopsFor(layer, frames);
+  const KernelShape& shape = kernelShape();
+  const FramesLoops loops = framesLoopsFor(layer, frames, shape);
   if (loops == FramesLoops::kSweep) {
     return sweepLayer(layer, {x, xStride, y, yStride, frames}, scratch);
   }
   const bool isWide = loops == FramesLoops::kWideTiles;
   const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
-  const std::size_t tileFrames = isWide ? kWideTileFrames : kTileFrames;
-  for (std::size_t input = 0; input < layer.cols; input += kInputsAtOnce) {
-    const std::size_t inputs = std::min(kInputsAtOnce, layer.cols - input);
+  const std::size_t tileFrames = isWide ? kWideTileFrames : shape.tileFrames;
+  for (std::size_t input = 0; input < layer.cols; input += shape.inputsAtOnce) {
+    const std::size_t inputs = std::min(shape.inputsAtOnce, layer.cols - input);
     for (std::size_t row = 0; row < layer.rows; row += tileRows) {
       const std::size_t count = std::min(tileRows, layer.rows - row);
       const RowPanel panel{row, count, input, inputs, chain};
@@ -231,7 +229,7 @@ void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, f
                 y + row,
                 yStride,
                 FirstLanes(kLanes - (panel.fullRows() - count)),
-                streams(layer) ? weightsAfter(layer, panel) : nullptr,
+                streams(layer, shape) ? weightsAfter(layer, panel) : nullptr,
                 stride,
                 0};
       if (isPacked(layer, frames, panel.isPartial() && !kLoadsParts)) {

@@ -12,6 +12,7 @@
 
 #include "inference/kernels/Activations-inl.h"
 #include "inference/kernels/GridCodes-inl.h"
+#include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/MatrixSweep-inl.h"
 #include "inference/kernels/VectorOps-inl.h"
@@ -253,7 +254,7 @@ void multiplyPanels(const LayerView& layer, const float* x, float* y) {
 // The results of a layer for one frame. `scratch` has room for a value for each row.
 void matrixVector(const LayerView& layer, const float* x, float* y, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, 0, 1);
-  const VectorLoops loops = vectorLoopsFor(layer);
+  const VectorLoops loops = vectorLoopsFor(layer, kernelShape());
   if (loops == VectorLoops::kCodes) return codesVector(layer, x, y);
   if (loops == VectorLoops::kSweep) return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
   multiplyPanels(layer, x, y);

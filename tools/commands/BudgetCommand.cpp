@@ -9,6 +9,8 @@
 #include "analysis/ModelBudget.h"
 #include "inference/Evaluation.h"
 #include "inference/IntegerFwdPass.h"
+#include "inference/kernels/KernelChoice.h"
+#include "inference/kernels/Kernels.h"
 #include "text/Numbers.h"
 #include "tools/Failure.h"
 #include "tools/commands/NumberRange.h"
@@ -44,6 +46,10 @@ CommandHelp help() {
       "Where layers are quantised by rows (`mlnn quantize`), two lines tell what a pass in "
       "integers\n"
       "needs.\n"
+      "\n"
+      "Kernels are the vectors of the forward pass and the shape of its loops, which follow the\n"
+      "processor; MLNN_KERNEL_SHAPE=NAME in the environment takes another shape. Results do not\n"
+      "depend on it.\n"
       "\n"
       "The time is measured on this machine with this build: the processor time of one frame a\n"
       "call, median over many runs after a warm-up, over random input vectors and with the\n"
@@ -116,6 +122,12 @@ void printIntegers(const IntegerNeeds& needs, std::size_t layers) {
   printField("time in integers", timeText(needs.time));
 }
 
+std::string shapeText(const KernelShape& shape) {
+  return std::string("shape ") + shape.name + " (tiles of " + std::to_string(shape.tileFrames) +
+         " frames, " + std::to_string(shape.inputsAtOnce) +
+         " inputs at once; weights stream from " + bytesText(shape.secondLevelBytes) + " on)";
+}
+
 void printText(const Needs& needs, double rate) {
   const ModelBudget& budget = needs.budget;
   printField("parameters", bytesText(budget.parameterBytes) + ", of which a forward pass reads " +
@@ -130,6 +142,7 @@ void printText(const Needs& needs, double rate) {
   printField("activations", std::to_string(budget.activations) + " a frame");
   printField("codes of 8 bits", codesText(needs.codes.ofEightBits, needs.codes.layers));
   printField("codes of 4 bits", codesText(needs.codes.ofFourBits, needs.codes.layers));
+  printField("kernels", std::string(bestKernels().name) + ", " + shapeText(kernelShape()));
   if (needs.integers) printIntegers(*needs.integers, needs.codes.layers);
   printField("time", timeText(needs.time));
   printField("load", generalNumber(100 * needs.time.median * rate, kDigits) + " % of one core at " +
@@ -151,6 +164,14 @@ Json timeJson(const FrameTime& time, double rate) {
           {"frames", time.frames},
           {"rate", rate},
           {"core_share", time.median * rate}};
+}
+
+Json kernelsJson(const KernelShape& shape) {
+  return {{"vectors", bestKernels().name},
+          {"shape", shape.name},
+          {"tile_frames", shape.tileFrames},
+          {"inputs_at_once", shape.inputsAtOnce},
+          {"streaming_bytes", shape.secondLevelBytes}};
 }
 
 Json integersJson(const std::optional<IntegerNeeds>& needs, double rate) {
@@ -176,6 +197,7 @@ Json budgetJson(const std::string& name, const Needs& needs, double rate) {
           {"codes_of_8_bits", codesJson(needs.codes.ofEightBits)},
           {"codes_of_4_bits", codesJson(needs.codes.ofFourBits)},
           {"in_integers", integersJson(needs.integers, rate)},
+          {"kernels", kernelsJson(kernelShape())},
           {"time", timeJson(needs.time, rate)}};
 }
 

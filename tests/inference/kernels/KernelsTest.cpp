@@ -8,7 +8,9 @@
 #include <limits>
 #include <vector>
 
+#include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
+#include "layers/BuiltForSize.h"
 #include "layers/RowCodes.h"
 #include "tests/support/OrderedPass.h"
 #include "tests/support/TestModels.h"
@@ -324,6 +326,82 @@ TEST(Kernels, giveSomeRowsTheBitsThatTheyHaveInTheWholeLayer) {
     }
   }
 }
+
+#if !MLNN_BUILT_FOR_SIZE
+
+// Fixes a shape as long as it lives.
+class FixedShape {
+ public:
+  explicit FixedShape(const mlnn::KernelShape& shape) { mlnn::fixKernelShape(&shape); }
+  FixedShape(const FixedShape&) = delete;
+  FixedShape& operator=(const FixedShape&) = delete;
+  ~FixedShape() { mlnn::fixKernelShape(nullptr); }
+};
+
+// Every shape with the caches' sizes that it comes with, and with caches so small that every layer
+// streams, and those with columns of a page come from the memory.
+std::vector<mlnn::KernelShape> shapesToTry() {
+  std::vector<mlnn::KernelShape> shapes(mlnn::kKernelShapes.begin(), mlnn::kKernelShapes.end());
+  for (mlnn::KernelShape shape : mlnn::kKernelShapes) {
+    shape.secondLevelBytes = shape.thirdLevelBytes = 0;
+    shapes.push_back(shape);
+  }
+  return shapes;
+}
+
+// A layer with inputs, and what the plain loop makes of them.
+struct Example {
+  static constexpr int kFrames = 13;
+
+  Example(int rows, int cols)
+      : layer(rows, cols, ActFn::tanh), x(someValues(cols, kFrames, 4)), expected(rows, kFrames) {
+    for (Eigen::Index frame = 0; frame < kFrames; ++frame) {
+      const std::vector<float> plain = mlnn::test::orderedLayer(layer.view, x.col(frame).data());
+      std::copy(plain.begin(), plain.end(), expected.col(frame).data());
+    }
+  }
+
+  // Compares the first frames.
+  void expectBy(const Kernels& kernels, int frames) const {
+    Eigen::MatrixXf y(layer.weights.rows(), frames);
+    Scratch scratch(layer.view.rows, 2);
+    kernels.matrixFrames(layer.view, x.data(), layer.view.cols, y.data(), layer.view.rows,
+                         static_cast<std::size_t>(frames), scratch.data());
+    for (Eigen::Index frame = 0; frame < frames; ++frame) {
+      if (kernels.fuses) {
+        const std::size_t bytes = layer.view.rows * sizeof(float);
+        ASSERT_EQ(std::memcmp(expected.col(frame).data(), y.col(frame).data(), bytes), 0) << frame;
+      } else {
+        const double error = (expected.col(frame) - y.col(frame)).cwiseAbs().maxCoeff();
+        ASSERT_LE(error, allowed(frame)) << frame;
+      }
+    }
+  }
+
+  double allowed(Eigen::Index frame) const { return allowedError(layer, x.col(frame)); }
+
+  Layer layer;
+  Eigen::MatrixXf x;
+  Eigen::MatrixXf expected;
+};
+
+TEST(KernelShapes, giveTheBitsOfThePlainLoop) {
+  for (const auto& [rows, cols] : {std::pair{12, 64}, {33, 257}, {130, 260}, {1030, 33}}) {
+    const Example example(rows, cols);
+    for (const mlnn::KernelShape& shape : shapesToTry()) {
+      const FixedShape fixed(shape);
+      for (const Kernels* kernels : mlnn::runnableKernels()) {
+        SCOPED_TRACE(testing::Message() << shape.name << ", streams from " << shape.secondLevelBytes
+                                        << ", " << kernels->name << ", " << rows << "x" << cols);
+        for (const int frames : {1, 2, 5, 6, 7, 8, 13}) {
+          ASSERT_NO_FATAL_FAILURE(example.expectBy(*kernels, frames));
+        }
+      }
+    }
+  }
+}
+
+#endif
 
 TEST(Kernels, scaleAndShiftWithOneRoundingThenActivate) {
   for (const Kernels* kernels : mlnn::runnableKernels()) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -43,6 +44,8 @@ TEST(BudgetCommandTest, printsWhatAModelNeeds) {
       "activations       2 a frame\n"
       "codes of 8 bits   32 bytes in place of what a forward pass reads, 0 of 1 layer coded\n"
       "codes of 4 bits   32 bytes in place of what a forward pass reads, 0 of 1 layer coded\n"
+      "kernels           [A-Z0-9]+, shape [a-z]+ \\(tiles of [0-9] frames, [0-9]+ inputs at once; "
+      "weights stream from [0-9]+ bytes on\\)\n"
       "time              " +
       number + " us a frame \\(median; fastest " + number + ", slowest " + number +
       ", [0-9]+ frames\\)\n"
@@ -100,6 +103,17 @@ TEST(BudgetCommandTest, saysWhatAPassInIntegersNeedsOfQuantisedLayers) {
   EXPECT_LT(integers["bytes"], 24000);
   EXPECT_GT(integers["time"]["median_seconds"], 0.0);
   EXPECT_EQ(Json::parse(budget({"--json", digits}).out)["in_integers"], nullptr);
+}
+
+TEST(BudgetCommandTest, tellsTheShapeThatTheEnvironmentNames) {
+  ASSERT_EQ(setenv("MLNN_KERNEL_SHAPE", "five", 1), 0);
+  const Json kernels = Json::parse(budget({"--json", "-"}, kModel).out)["kernels"];
+  ASSERT_EQ(unsetenv("MLNN_KERNEL_SHAPE"), 0);
+  if (kernels["shape"] == "small") GTEST_SKIP() << "built for size, there is one shape";
+  EXPECT_EQ(kernels["shape"], "five");
+  EXPECT_EQ(kernels["tile_frames"], 5);
+  EXPECT_EQ(kernels["inputs_at_once"], 256);
+  EXPECT_EQ(kernels["streaming_bytes"], 1 << 20);
 }
 
 TEST(BudgetCommandTest, givesTheShareOfOneCoreAtTheRate) {
