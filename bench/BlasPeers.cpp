@@ -31,9 +31,10 @@ class LayerByLayer : public Contender {
   std::size_t frames() const { return frames_; }
 
  private:
-  const Network& network_;
+  const Network
+      network_;  // a copy, as the other contenders have one: none finds it in a cache for another
   std::size_t frames_;
-  std::vector<std::vector<float>> values_;
+  std::vector<Floats> values_;
 };
 
 class OpenBlas final : public LayerByLayer {

@@ -6,16 +6,40 @@
 
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
+namespace mlnn {
+struct KernelShape;
+}
+
 namespace mlnn::bench {
+
+// Begins at a cache line, so that no contender's vectors cross lines that another's do not.
+template <typename T>
+struct AtCacheLine {
+  using value_type = T;
+  static constexpr std::align_val_t kLine{64};
+
+  AtCacheLine() = default;
+  template <typename Other>
+  AtCacheLine(const AtCacheLine<Other>&) {}
+  T* allocate(std::size_t count) {
+    return static_cast<T*>(::operator new(count * sizeof(T), kLine));
+  }
+  void deallocate(T* values, std::size_t) { ::operator delete(values, kLine); }
+  bool operator==(const AtCacheLine&) const { return true; }
+  bool operator!=(const AtCacheLine&) const { return false; }
+};
+
+using Floats = std::vector<float, AtCacheLine<float>>;
 
 struct DenseLayer {
   std::size_t rows;
   std::size_t cols;
-  std::vector<float> weights;  // rows x cols, column-major
-  std::vector<float> bias;
+  Floats weights;  // rows x cols, column-major
+  Floats bias;
 };
 
 enum class Hidden { kSigmoid, kRelu };
@@ -39,8 +63,10 @@ class Contender {
 
 using ContenderPtr = std::unique_ptr<Contender>;
 
-// Each keeps a reference to the network, and is made for one number of frames.
+// Each has weights of its own, so that none finds another's in a cache, and is made for one number
+// of frames. Some keep a reference to the network besides.
 ContenderPtr makeMlnn(const Network& network, std::size_t frames);
+ContenderPtr makeMlnnOfShape(const Network& network, std::size_t frames, const KernelShape& shape);
 ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnInIntegers(const Network& network, std::size_t frames);

@@ -11,6 +11,7 @@
 #include "inference/IntegerFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "inference/kernels/Activation.h"
+#include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
 #include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
@@ -58,6 +59,23 @@ class Mlnn final : public Contender {
   std::ptrdiff_t frames_;
 };
 
+// Another contender with the loops in one shape.
+class OfShape final : public Contender {
+ public:
+  OfShape(ContenderPtr contender, const KernelShape& shape)
+      : contender_(std::move(contender)), shape_(shape) {}
+
+  void run(const float* x, float* y) override {
+    fixKernelShape(&shape_);
+    contender_->run(x, y);
+    fixKernelShape(nullptr);
+  }
+
+ private:
+  ContenderPtr contender_;
+  const KernelShape& shape_;
+};
+
 // The network with the model's parameters in place of its own.
 Network withParametersOf(const MultiLayerNNModel& model, Network network) {
   for (std::size_t i = 0; i < network.layers.size(); ++i) {
@@ -103,6 +121,10 @@ ContenderPtr makeMlnn(const Network& network, std::size_t frames) {
   auto model = modelOf(network);
   std::unique_ptr<FwdPass> pass(model->createFwdPass());
   return std::make_unique<Mlnn>(frames, std::move(model), std::move(pass));
+}
+
+ContenderPtr makeMlnnOfShape(const Network& network, std::size_t frames, const KernelShape& shape) {
+  return std::make_unique<OfShape>(makeMlnn(network, frames), shape);
 }
 
 ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames) {

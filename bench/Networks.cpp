@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <fstream>
 #include <random>
 
 namespace mlnn::bench {
@@ -80,14 +78,6 @@ double medianOf(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
-}
-
-void warnUnlessIdle() {
-  double load = 0;
-  std::ifstream("/proc/loadavg") >> load;
-  if (load > 0.5) {
-    std::printf("WARNING: the machine is not idle (load %.1f); only ratios mean something\n", load);
-  }
 }
 
 }  // namespace mlnn::bench

@@ -34,8 +34,4 @@ double secondsOf(Contender& contender, const float* x, float* y, std::size_t rep
 
 double medianOf(std::vector<double> values);
 
-// Prints a warning where others use the machine: a busy process takes its part of the memory
-// bandwidth, and often of the core.
-void warnUnlessIdle();
-
 }  // namespace mlnn::bench

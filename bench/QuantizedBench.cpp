@@ -7,10 +7,10 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <string>
 
 #include "bench/Contender.h"
+#include "bench/Machine.h"
 #include "bench/Networks.h"
 #include "inference/kernels/IntegerDots.h"
 
@@ -109,14 +109,6 @@ class Row {
   std::vector<ContenderPtr> contenders_;
   std::vector<std::vector<double>> times_;
 };
-
-std::string processorName() {
-  std::ifstream info("/proc/cpuinfo");
-  for (std::string line; std::getline(info, line);) {
-    if (line.rfind("model name", 0) == 0) return line.substr(line.find(':') + 2);
-  }
-  return "unknown processor";
-}
 
 void printHead() {
   std::printf("%s, products of %s; microseconds a frame on one thread, sigmoid\n\n",
