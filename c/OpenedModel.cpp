@@ -45,28 +45,32 @@ std::shared_ptr<OpenedModel> converted(const OpenedModel& source, std::unique_pt
 
 class LoadedModel final : public OpenedModel {
  public:
-  explicit LoadedModel(MultiLayerNNModel model)
-      : OpenedModel(model.featureDesc, model.deltasNorm, widthsOf(model)),
-        model_(std::move(model)) {
-    properties_.assign(model_.props.begin(), model_.props.end());
-    labels_ = classLabels(model_);
-    hasSoftmax_ = model_.useSoftmax;
+  explicit LoadedModel(std::shared_ptr<const ModelFile> file)
+      : OpenedModel(file->model.featureDesc, file->model.deltasNorm, widthsOf(file->model)),
+        file_(std::move(file)) {
+    properties_.assign(model().props.begin(), model().props.end());
+    labels_ = classLabels(model());
+    hasSoftmax_ = model().useSoftmax;
   }
 
+  std::shared_ptr<const ModelFile> file() const override { return file_; }
+
   std::unique_ptr<FwdPass> makePass() const override {
-    return std::make_unique<NNFwdPassFromFile>(model_);
+    return std::make_unique<NNFwdPassFromFile>(model());
   }
 
   std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const override {
-    return converted(*this, CodedFwdPass::create(model_, bits, codesFor));
+    return converted(*this, CodedFwdPass::create(model(), bits, codesFor));
   }
 
   std::shared_ptr<OpenedModel> toIntegers(WideInputs wideInputs) const override {
-    return converted(*this, IntegerFwdPass::create(model_, wideInputs));
+    return converted(*this, IntegerFwdPass::create(model(), wideInputs));
   }
 
  private:
-  MultiLayerNNModel model_;
+  const MultiLayerNNModel& model() const { return file_->model; }
+
+  std::shared_ptr<const ModelFile> file_;
 };
 
 class ImageModel final : public OpenedModel {
@@ -87,14 +91,16 @@ class ImageModel final : public OpenedModel {
     return pass;
   }
 
+  std::shared_ptr<const ModelFile> file() const override {
+    const CollectedMessages saidBefore;
+    auto read = std::make_shared<ModelFile>();
+    readModel(image_, length_, *read);
+    return read;
+  }
+
   // The codes are made from a model, which is there only meanwhile.
   std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const override {
-    ModelFile file;
-    {
-      const CollectedMessages saidBefore;
-      readModel(image_, length_, file);
-    }
-    return converted(*this, CodedFwdPass::create(file.model, bits, codesFor));
+    return converted(*this, CodedFwdPass::create(file()->model, bits, codesFor));
   }
 
   std::shared_ptr<OpenedModel> toIntegers(WideInputs wideInputs) const override {
@@ -141,8 +147,8 @@ std::shared_ptr<OpenedModel> OpenedModel::toCodes(int, CodesFor) const { return 
 
 std::shared_ptr<OpenedModel> OpenedModel::toIntegers(WideInputs) const { return notAgain(); }
 
-std::shared_ptr<OpenedModel> openedModelOf(MultiLayerNNModel model) {
-  return std::make_shared<LoadedModel>(std::move(model));
+std::shared_ptr<OpenedModel> openedModelOf(ModelFile file) {
+  return std::make_shared<LoadedModel>(std::make_shared<const ModelFile>(std::move(file)));
 }
 
 std::shared_ptr<OpenedModel> openedModelOf(const void* image, std::size_t length) {

@@ -30,6 +30,10 @@ class OpenedModel {
   // Returns a new pass over the model, which must outlive it.
   virtual std::unique_ptr<FwdPass> makePass() const = 0;
 
+  // The model with what its file says besides; null where there is none, because the weights were
+  // converted. An image that is run from where it lies is read for each call.
+  virtual std::shared_ptr<const ModelFile> file() const { return nullptr; }
+
   // Make a model whose passes are CodedFwdPasses over one set of codes, or IntegerFwdPasses.
   // Return: null where that cannot be done, after an error line.
   virtual std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const;
@@ -64,7 +68,7 @@ class OpenedModel {
 };
 
 // Makes one of a model that was loaded.
-std::shared_ptr<OpenedModel> openedModelOf(MultiLayerNNModel model);
+std::shared_ptr<OpenedModel> openedModelOf(ModelFile file);
 
 // Makes one of an image, which must stay where it is.
 // Returns: null when the image is refused, after an error line.

@@ -2,18 +2,17 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <exception>
 #include <limits>
 #include <list>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "c/Calls.h"
 #include "c/HandleTable.h"
 #include "c/OpenedModel.h"
 #include "features/ContextWindow.h"
@@ -25,7 +24,11 @@
 
 namespace {
 
+using mlnn::guarded;
+using mlnn::isActivation;
 using mlnn::OpenedModel;
+using mlnn::refuse;
+using mlnn::refuseNull;
 using mlnn::report;
 
 std::ptrdiff_t signedOf(std::size_t count) { return static_cast<std::ptrdiff_t>(count); }
@@ -93,19 +96,6 @@ Handles& handles() {
 
 // --- Refusals ---
 
-// Says why `function` refuses, and returns the status.
-mlnn_status refuse(mlnn_status status, const char* function, const char* why) noexcept {
-  try {
-    report({"ERROR: ", function, ": ", why});
-  } catch (...) {  // no memory for who collects messages
-  }
-  return status;
-}
-
-mlnn_status refuseNull(const char* function) {
-  return refuse(MLNN_ERROR_ARGUMENT, function, "a pointer is null");
-}
-
 mlnn_status refuseHandle(const char* function) {
   return refuse(MLNN_ERROR_HANDLE, function, "the handle is closed, or is not one");
 }
@@ -114,20 +104,6 @@ mlnn_status refuseWidth(const char* function, const char* what, std::size_t expe
                         std::size_t found) {
   report({"ERROR: ", function, ": expected ", expected, " ", what, " but got ", found});
   return MLNN_ERROR_SIZE;
-}
-
-// Runs what a function does, and lets nothing out that it throws.
-template <typename Action>
-mlnn_status guarded(const char* function, Action action) noexcept {
-  try {
-    return action();
-  } catch (const std::bad_alloc&) {
-    return refuse(MLNN_ERROR_MEMORY, function, "out of memory");
-  } catch (const std::exception& error) {
-    return refuse(MLNN_ERROR_INTERNAL, function, error.what());
-  } catch (...) {
-    return refuse(MLNN_ERROR_INTERNAL, function, "unknown error");
-  }
 }
 
 // Runs `action` with the model of a handle, when `result`, where it puts what it finds, is there.
@@ -156,14 +132,6 @@ mlnn_status hand(std::shared_ptr<OpenedModel> opened, mlnn_model* model) {
   if (!opened) return MLNN_ERROR_MODEL;
   model->id = handles().models.add(std::move(opened));
   return MLNN_OK;
-}
-
-// Whether the name is one of an activation, or none; else after an error line.
-bool isActivation(const char* function, const char* name) {
-  ActFn::ActFn actFn;
-  if (name == nullptr || ActFn::stringToActFn(name, actFn) == 0) return true;
-  report({"ERROR: ", function, ": no activation is called '", name, "'"});
-  return false;
 }
 
 // Opens a model by `open`, where there is a source and an activation of that name, or none given.
@@ -281,6 +249,33 @@ mlnn_status runStream(Stream& stream, float* outputs, int* hasOutputs) {
 
 }  // namespace
 
+// --- What both interfaces use ---
+
+mlnn_status mlnn::refuse(mlnn_status status, const char* function, const char* why) noexcept {
+  try {
+    report({"ERROR: ", function, ": ", why});
+  } catch (...) {  // no memory for who collects messages
+  }
+  return status;
+}
+
+bool mlnn::isActivation(const char* function, const char* name) {
+  ActFn::ActFn actFn;
+  if (name == nullptr || ActFn::stringToActFn(name, actFn) == 0) return true;
+  report({"ERROR: ", function, ": no activation is called '", name, "'"});
+  return false;
+}
+
+mlnn_status mlnn::findModelFile(const char* function, mlnn_model handle,
+                                std::shared_ptr<const ModelFile>& file) {
+  const std::shared_ptr<OpenedModel> model = handles().models.share(handle.id);
+  if (!model) return refuseHandle(function);
+  file = model->file();
+  if (file) return MLNN_OK;
+  return refuse(MLNN_ERROR_MODEL, function,
+                "the model was converted: ask the one that it was made from");
+}
+
 // --- Results, version, messages ---
 
 const char* mlnn_last_error(void) { return mlnn::lastError(); }
@@ -303,6 +298,8 @@ const char* mlnn_status_name(mlnn_status status) {
       return "MLNN_ERROR_MEMORY";
     case MLNN_ERROR_INTERNAL:
       return "MLNN_ERROR_INTERNAL";
+    case MLNN_STOPPED:
+      return "MLNN_STOPPED";
   }
   return "unknown";
 }
@@ -333,7 +330,7 @@ mlnn_status mlnn_model_open(const char* path, const char* hidden_act_fn, mlnn_mo
   return openBy(__func__, path, hidden_act_fn, model, [&]() -> std::shared_ptr<OpenedModel> {
     mlnn::ModelFile file;
     if (mlnn::openModel(path, file, optionsFor(hidden_act_fn)) != 0) return nullptr;
-    return mlnn::openedModelOf(std::move(file.model));
+    return mlnn::openedModelOf(std::move(file));
   });
 }
 
@@ -342,7 +339,7 @@ mlnn_status mlnn_model_open_memory(const void* bytes, size_t length, const char*
   return openBy(__func__, bytes, hidden_act_fn, model, [&]() -> std::shared_ptr<OpenedModel> {
     mlnn::ModelFile file;
     if (mlnn::openModel(bytes, length, file, optionsFor(hidden_act_fn)) != 0) return nullptr;
-    return mlnn::openedModelOf(std::move(file.model));
+    return mlnn::openedModelOf(std::move(file));
   });
 }
 

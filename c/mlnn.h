@@ -55,7 +55,8 @@ typedef enum mlnn_status {
   MLNN_ERROR_MODEL = 4,    /**< what is no model, cannot be read, or cannot be run */
   MLNN_ERROR_STATE = 5,    /**< not now: a frame while a stream is being finished */
   MLNN_ERROR_MEMORY = 6,   /**< there is not enough memory */
-  MLNN_ERROR_INTERNAL = 7  /**< anything else */
+  MLNN_ERROR_INTERNAL = 7, /**< anything else */
+  MLNN_STOPPED = 8         /**< a watch of mlnn_analysis.h said so */
 } mlnn_status;
 
 /** Returns the latest error message of this thread, one line of at most 511 bytes; "" when there

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "mlnn.h"
+#include "mlnn_analysis.h"
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
@@ -196,6 +197,8 @@ void makeIntegers(const Case& c) {
   }
 }
 
+void ignoreFinding(mlnn_severity, const char*, void*) {}
+
 using Call = std::function<void(const Case&)>;
 
 template <typename Result>
@@ -214,7 +217,7 @@ const std::map<std::string, Call>& calls() {
   static const std::map<std::string, Call> calls{
       {"mlnn_last_error", [](const Case&) { mlnn_last_error(); }},
       {"mlnn_status_name",
-       [](const Case& c) { mlnn_status_name(static_cast<mlnn_status>(c.number % 8)); }},
+       [](const Case& c) { mlnn_status_name(static_cast<mlnn_status>(c.number % 9)); }},
       {"mlnn_version", [](const Case&) { mlnn_version(); }},
       {"mlnn_set_message_function",
        [](const Case&) {
@@ -290,6 +293,33 @@ const std::map<std::string, Call>& calls() {
        }},
       {"mlnn_stream_push", stream},
       {"mlnn_stream_finish", stream},
+      {"mlnn_check_memory",
+       [](const Case& c) {
+         mlnn_check_memory(c.bytes.data(), c.bytes.size(), nullptr, ignoreFinding, nullptr,
+                           nullptr);
+       }},
+      {"mlnn_model_check",
+       [](const Case& c) { mlnn_model_check(c.model, ignoreFinding, nullptr, nullptr); }},
+      {"mlnn_model_summary",
+       [](const Case& c) {
+         const auto ignore = [](size_t, const mlnn_layer_summary*, void*) {};
+         mlnn_model_summary(c.model, ignore, nullptr, nullptr);
+       }},
+      {"mlnn_model_budget",
+       [](const Case& c) {
+         mlnn_budget budget;
+         mlnn_model_budget(c.model, nullptr, nullptr, &budget);
+       }},
+      {"mlnn_model_digest",
+       [](const Case& c) {
+         const auto ignore = [](const char*, const char*, void*) {};
+         mlnn_model_digest(c.model, ignore, nullptr, nullptr);
+       }},
+      {"mlnn_model_compare",
+       [](const Case& c) {
+         const auto ignore = [](size_t, const char*, const mlnn_difference*, void*) {};
+         mlnn_model_compare(c.model, c.model, ignore, nullptr, nullptr);
+       }},
       {"mlnn_stream_reset",
        [](const Case& c) { withStreams(c, [](mlnn_stream s) { mlnn_stream_reset(s); }); }},
   };
@@ -297,7 +327,8 @@ const std::map<std::string, Call>& calls() {
 }
 
 std::set<std::string> declaredFunctions() {
-  const std::string header = mlnn::test::contentOf(mlnn::test::sourcePath("c/mlnn.h"));
+  const std::string header = mlnn::test::contentOf(mlnn::test::sourcePath("c/mlnn.h")) +
+                             mlnn::test::contentOf(mlnn::test::sourcePath("c/mlnn_analysis.h"));
   const std::regex function("MLNN_API [a-z_ ]+[ *]+(mlnn_[a-z_]+)\\(");
   std::set<std::string> names;
   for (std::sregex_iterator i(header.begin(), header.end(), function), end; i != end; ++i) {

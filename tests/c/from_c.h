@@ -35,6 +35,9 @@ const char* from_c_stream(const from_c* given);
 const char* from_c_refusals(const from_c* given);
 const char* from_c_messages(const from_c* given);
 
+/* The same over the analyses, of the file of a model with two layers. */
+const char* from_c_analyse(const void* file, size_t length);
+
 #ifdef __cplusplus
 }
 #endif
