@@ -57,6 +57,7 @@ const std::vector<Work> kWork = {
     {"edit", "mlnn edit image.mlnn out --scale 0.5 --to binary", "image.mlnn"},
     {"new", "mlnn new 3,2 out", ""},
     {"plot", "mlnn plot model.txt --out out", "model.txt"},
+    {"report", "mlnn report model.txt --frames frames.txt --out out", "frames.txt"},
     {"run", "mlnn run model.txt frames.txt --out out", "frames.txt"},
     {"run_image", "mlnn run image.mlnn frames.txt --out out", "frames.txt"},
 };
@@ -165,6 +166,9 @@ const std::vector<Report> kReports = {
     {"info", "mlnn info image.mlnn", {"image.mlnn"}},
     {"plot", "mlnn plot image.mlnn", {"image.mlnn"}},
     {"prove", "mlnn fold model.txt /dev/null --prove frames.txt", {"model.txt", "frames.txt"}},
+    {"report",
+     "mlnn report model.txt --against other.txt --frames frames.txt",
+     {"model.txt", "other.txt", "frames.txt"}},
     {"run", "mlnn run model.txt frames.txt", {"model.txt", "frames.txt"}},
     {"sweep",
      "mlnn reduce model.txt --sweep 1..2 --frames frames.txt --labels labels.csv",

@@ -39,6 +39,7 @@ const char* const kLines[] = {
     "mlnn plot --ascii model.txt",
     "mlnn plot --json model.txt",
     "mlnn plot model.txt --out -",
+    "mlnn report model.txt --against other.txt --frames frames.txt",
     "mlnn info model.txt --act-fn 1,5",
 };
 

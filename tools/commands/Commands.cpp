@@ -14,6 +14,7 @@
 #include "tools/commands/PlotCommand.h"
 #include "tools/commands/QuantizeCommand.h"
 #include "tools/commands/ReduceCommand.h"
+#include "tools/commands/ReportCommand.h"
 #include "tools/commands/run/RunCommand.h"
 
 namespace mlnn {
@@ -34,6 +35,7 @@ void addCommands(Tool& tool) {
   addCompareCommand(tool);
   addBudgetCommand(tool);
   addPlotCommand(tool);
+  addReportCommand(tool);
   addExportOnnxCommand(tool);
   addImportOnnxCommand(tool);
 }

@@ -36,7 +36,9 @@ void addCurve(std::vector<Chart>& charts, const std::string& name,
   charts.push_back(std::move(chart));
 }
 
-Chart histogramChart(const NNLayer& layer, std::size_t number, std::size_t bins) {
+}  // namespace
+
+Chart weightsChart(const NNLayer& layer, std::size_t number, std::size_t bins) {
   const auto count = static_cast<std::size_t>(layer.weights.size());
   const Histogram histogram = histogramOf(layer.weights.data(), count, bins);
   Chart chart;
@@ -53,15 +55,18 @@ Chart histogramChart(const NNLayer& layer, std::size_t number, std::size_t bins)
   return chart;
 }
 
-}  // namespace
-
-std::vector<Chart> chartsOf(const MultiLayerNNModel& model, std::size_t bins) {
+std::vector<Chart> curvesOf(const MultiLayerNNModel& model) {
   std::vector<Chart> charts;
   addCurve(charts, "loss", model.loss);
   addCurve(charts, "accuracy", model.accuracy);
+  return charts;
+}
+
+std::vector<Chart> chartsOf(const MultiLayerNNModel& model, std::size_t bins) {
+  std::vector<Chart> charts = curvesOf(model);
   for (std::size_t i = 0; i < model.layers.size(); ++i) {
     const NNLayer& layer = *model.layers[i];
-    if (layer.weights.size() > 0) charts.push_back(histogramChart(layer, i + 1, bins));
+    if (layer.weights.size() > 0) charts.push_back(weightsChart(layer, i + 1, bins));
   }
   return charts;
 }

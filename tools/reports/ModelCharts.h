@@ -26,4 +26,9 @@ struct Chart {
 // then one for each layer that has weights. Values that are not finite are counted in the remark.
 std::vector<Chart> chartsOf(const MultiLayerNNModel& model, std::size_t bins);
 
+// The same, taken apart: the curves alone, and the weights of one layer that has some, which is
+// counted from 1.
+std::vector<Chart> curvesOf(const MultiLayerNNModel& model);
+Chart weightsChart(const NNLayer& layer, std::size_t number, std::size_t bins);
+
 }  // namespace mlnn

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <ostream>
 
-#include "text/Escape.h"
 #include "text/Numbers.h"
+#include "tools/reports/XmlText.h"
 
 namespace mlnn {
 namespace {
@@ -43,30 +43,6 @@ constexpr char kStyle[] =
     "      .point, .bar { fill: #58a6ff; }\n"
     "    }\n"
     "  </style>\n";
-
-// Text for XML. Control characters, which XML cannot hold, are shown escaped.
-std::string xmlText(const std::string& text) {
-  std::string out;
-  for (const char c : escaped(text)) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
 
 std::string length(double value) { return fixedNumber(value, 1); }
 
@@ -242,6 +218,15 @@ void writeSvg(std::ostream& out, const std::string& heading, const std::vector<C
     Panel(out, charts[i]).write();
     out << "  </g>\n";
   }
+  out << "</svg>\n";
+}
+
+void writeSvgPanel(std::ostream& out, const Chart& chart) {
+  out << "<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"chart\""
+      << attribute("width", kPanelWidth) << attribute("height", kPanelHeight) << " viewBox=\"0 0 "
+      << length(kPanelWidth) << " " << length(kPanelHeight) << "\" role=\"img\" aria-label=\""
+      << xmlText(chart.title + ": " + chart.remark) << "\">\n";
+  Panel(out, chart).write();
   out << "</svg>\n";
 }
 

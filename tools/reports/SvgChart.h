@@ -13,4 +13,8 @@ namespace mlnn {
 // the reader's choice of a light or dark page.
 void writeSvg(std::ostream& out, const std::string& heading, const std::vector<Chart>& charts);
 
+// Writes one chart as an `svg` element of a page, whose style gives it its colours (the classes are
+// those of the picture above). What is in it stands in its label too, but for the values.
+void writeSvgPanel(std::ostream& out, const Chart& chart);
+
 }  // namespace mlnn

@@ -79,6 +79,9 @@ const std::map<std::string, Words> kValues = {
     {"words", {"first", "all"}},
 };
 
+// The same where a command means something else by an option of that name.
+const std::map<std::string, Words> kValuesOfCommand = {{"report --against", {kModelName}}};
+
 // What a command is always given, unless it is what is tried.
 const std::map<std::string, Words> kAlways = {{"budget", {"--seconds", "0.001"}},
                                               {"edit", {"--note", "a note"}},
@@ -101,6 +104,11 @@ const Words& valuesOf(const std::map<std::string, Words>& known, const std::stri
   throw std::logic_error("it is not known what to give 'mlnn " + command + "' as " + name);
 }
 
+const Words& valuesOfOption(const std::string& name, const std::string& command) {
+  const auto own = kValuesOfCommand.find(command + " --" + name);
+  return own != kValuesOfCommand.end() ? own->second : valuesOf(kValues, name, command);
+}
+
 bool takesValue(const CLI::Option& option) { return option.get_items_expected_max() > 0; }
 
 std::string longName(const CLI::Option& option) {
@@ -115,7 +123,7 @@ void append(Words& words, const Words& more) {
 Words withNeeds(const CLI::Option& option, std::size_t value, const std::string& command) {
   const std::string name = longName(option);
   Words words{"--" + name};
-  if (takesValue(option)) words.push_back(valuesOf(kValues, name, command)[value]);
+  if (takesValue(option)) words.push_back(valuesOfOption(name, command)[value]);
   for (CLI::Option* needed : const_cast<CLI::Option&>(option).get_needs()) {
     append(words, withNeeds(*needed, 0, command));
   }
@@ -193,7 +201,7 @@ std::vector<TriedLine> commandLines(const std::string& name) {
   for (const CLI::Option* option : command.get_options()) {
     if (option->get_positional() || option == command.get_help_ptr()) continue;
     const std::size_t values =
-        takesValue(*option) ? valuesOf(kValues, longName(*option), name).size() : 1;
+        takesValue(*option) ? valuesOfOption(longName(*option), name).size() : 1;
     for (std::size_t i = 0; i < values; ++i) {
       lines.push_back(lineOf(command, withNeeds(*option, i, name)));
     }

@@ -1,0 +1,299 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/TempFolder.h"
+#include "tests/tools/support/CommandFixture.h"
+#include "tests/tools/support/ToolProcess.h"
+#include "tests/tools/support/Xml.h"
+
+namespace {
+
+using mlnn::test::contentOf;
+using mlnn::test::parseXml;
+using mlnn::test::runShell;
+using mlnn::test::ToolResult;
+using mlnn::test::XmlElement;
+
+const std::string kDigits = "examples/digits/";
+
+// A model whose frames are its input vectors, with notes and properties between these.
+std::string modelWith(const std::string& lines) {
+  return "MultiLayerNNModel_v2\nsoftmax 1\n"
+         "# nn_tune feat_desc mel_deltas:bands=2,left=0,right=0,deltas=0,line_kernels=0,"
+         "line_kernel_width=0\n" +
+         lines +
+         "loss 3\n3\t2\t1\nnum_layers 1\n"
+         "layer 1 size 2 3\nact_fn linear\n0\t1\t-1\n0\t-1\t2\n";
+}
+
+class ReportCommandTest : public mlnn::test::CommandFixture {
+ protected:
+  ReportCommandTest() : CommandFixture("report") {}
+
+  // Runs the command from the root of the source tree.
+  static ToolResult runFromRoot(const std::vector<std::string>& arguments) {
+    std::vector<std::string> line = {"report"};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    return mlnn::test::runTool(line);
+  }
+
+  static std::vector<std::string> withDigits(const std::vector<std::string>& more) {
+    std::vector<std::string> arguments = {kDigits + "synth-bn.txt", "--frames"};
+    for (const char* digit : {"1", "8"}) {
+      for (const char* voice : {"_en-gb-x-gbclan_michael", "_en-us_f4", "_en-gb_m4"}) {
+        arguments.push_back(kDigits + "frames/" + digit + voice + ".npy");
+      }
+    }
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+  XmlElement pageOf(const std::string& model) const {
+    const ToolResult result = run({"-"}, model);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return parseXml(result.out);
+  }
+};
+
+// Nothing in a page runs, fetches or leads anywhere.
+void expectHarmless(const XmlElement& page) {
+  const std::set<std::string> known = {
+      "a",    "body",   "caption", "code",  "div",  "figcaption", "figure", "footer",
+      "g",    "h1",     "h2",      "h3",    "head", "header",     "html",   "image",
+      "li",   "line",   "main",    "meta",  "nav",  "p",          "path",   "polygon",
+      "rect", "circle", "section", "style", "svg",  "table",      "tbody",  "td",
+      "text", "th",     "thead",   "title", "tr",   "ul"};
+  page.forEach([&](const XmlElement& element) {
+    EXPECT_TRUE(known.count(element.name) == 1) << element.name;
+    for (const auto& [name, value] : element.attributes) {
+      EXPECT_NE(name.substr(0, 2), "on") << name;
+      EXPECT_NE(name, "style");
+      EXPECT_NE(name, "src");
+      if (name != "href") continue;
+      const bool isWithin = value[0] == '#' || value.rfind("data:image/png;base64,", 0) == 0;
+      EXPECT_TRUE(isWithin) << value;
+    }
+  });
+  EXPECT_EQ(page.all("style").size(), 1u);
+  const XmlElement& head = page.children.front();
+  EXPECT_EQ(head.children[1].attributes.at("http-equiv"), "Content-Security-Policy");
+}
+
+bool hasText(const XmlElement& page, const std::string& name, const std::string& text) {
+  const auto found = page.all(name);
+  return std::any_of(found.begin(), found.end(), [&text](const XmlElement* element) {
+    return element->text.find(text) != std::string::npos;
+  });
+}
+
+std::vector<std::string> headings(const XmlElement& page, const std::string& name) {
+  std::vector<std::string> texts;
+  for (const XmlElement* heading : page.all(name)) texts.push_back(heading->text);
+  return texts;
+}
+
+TEST_F(ReportCommandTest, tellsOfAModelAlone) {
+  const XmlElement page = pageOf(modelWith("# a note\n# NVP labels no,yes\n"));
+  expectHarmless(page);
+  EXPECT_EQ(headings(page, "h1"), std::vector<std::string>{"-"});
+  EXPECT_EQ(headings(page, "h2"),
+            (std::vector<std::string>{"About", "Network", "Suspicions", "Training", "Layers",
+                                      "Quantisation", "Size and work", "Properties", "Notes"}));
+  EXPECT_TRUE(hasText(page, "text", "layer 1: 2 to 2, linear"));
+  EXPECT_TRUE(hasText(page, "text", "no, yes"));
+  EXPECT_TRUE(hasText(page, "li", "there is no normalisation: frames go in as they are"));
+  EXPECT_TRUE(hasText(page, "td", "a note"));
+  EXPECT_TRUE(hasText(page, "figcaption", "Each weight is a cell."));
+  EXPECT_EQ(page.all("svg").size(), 5u);  // network, loss, weights, their scale, histogram
+  EXPECT_EQ(page.all("image").size(), 2u);
+}
+
+// Whoever cannot see finds headings in their order, names of pictures and headings of tables.
+TEST_F(ReportCommandTest, canBeReadAloud) {
+  const ToolResult result = runFromRoot(withDigits({"--labels", kDigits + "labels.csv"}));
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  EXPECT_EQ(page.attributes.at("lang"), "en");
+  std::set<std::string> ids;
+  int level = 0;
+  page.forEach([&](const XmlElement& element) {
+    if (element.attributes.count("id") == 1) {
+      EXPECT_TRUE(ids.insert(element.attributes.at("id")).second);
+    }
+    if (element.name == "svg") {
+      EXPECT_EQ(element.attributes.at("role"), "img");
+      EXPECT_NE(element.attributes.at("aria-label"), "");
+    }
+    if (element.name == "th") {
+      EXPECT_EQ(element.attributes.count("scope"), 1u);
+    }
+    if (element.name == "table") {
+      EXPECT_EQ(element.children.front().name, "caption");
+    }
+    if (element.name.size() != 2 || element.name[0] != 'h' || element.name == "hr") return;
+    const int next = element.name[1] - '0';
+    EXPECT_LE(next, level + 1) << element.text;
+    level = next;
+  });
+  for (const XmlElement* link : page.all("a")) {
+    EXPECT_EQ(ids.count(link->attributes.at("href").substr(1)), 1u);
+  }
+}
+
+TEST_F(ReportCommandTest, showsWhatBecomesOfRecordings) {
+  const ToolResult result = runFromRoot(withDigits({"--labels", kDigits + "labels.csv"}));
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  expectHarmless(page);
+  EXPECT_TRUE(hasText(page, "td", "83.3 %: 5 of 6 recordings right"));
+  EXPECT_TRUE(
+      hasText(page, "figcaption", "8_en-gb-x-gbclan_michael.npy: decided 2, is 8 - wrong."));
+  EXPECT_TRUE(hasText(page, "caption", "Units over "));
+  const auto tables = page.all("table");
+  const auto matrix = std::find_if(tables.begin(), tables.end(), [](const XmlElement* table) {
+    return table->attributes.at("class") == "confusion";
+  });
+  ASSERT_NE(matrix, tables.end());
+  const auto rows = (*matrix)->all("tr");
+  ASSERT_EQ(rows.size(), 4u);
+  EXPECT_EQ(rows[0]->text, "is \\\\ taken for\n1\n2\n8\n");
+  EXPECT_EQ(rows[1]->text, "1\n3\n\u00B7\n\u00B7\n");
+  EXPECT_EQ(rows[3]->text, "8\n\u00B7\n1\n2\n");
+}
+
+TEST_F(ReportCommandTest, showsOutputsOfAModelWithoutSoftmax) {
+  std::string model = modelWith("");
+  model.replace(model.find("softmax 1"), 9, "softmax 0");
+  folder_.write("frames.txt", "1 2\n3 4\n");
+  const ToolResult result = run({"-", "--frames", "frames.txt"}, model);
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  EXPECT_TRUE(hasText(page, "h3", "Outputs over time"));
+  EXPECT_FALSE(hasText(page, "h3", "The least sure"));
+}
+
+TEST_F(ReportCommandTest, comparesWithAnotherModel) {
+  const ToolResult result = runFromRoot(
+      withDigits({"--labels", kDigits + "labels.csv", "--against", kDigits + "synth.txt"}));
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  expectHarmless(page);
+  EXPECT_TRUE(hasText(page, "h2", "Differences"));
+  EXPECT_TRUE(hasText(page, "td", "600 inputs, 64 outputs, plain, sigmoid"));
+  EXPECT_TRUE(hasText(page, "th", "layer-1-affine"));
+  EXPECT_TRUE(hasText(page, "th", "Accuracy"));
+}
+
+TEST_F(ReportCommandTest, findsNoDifferenceToItself) {
+  folder_.write("model.txt", modelWith(""));
+  const ToolResult result = run({"model.txt", "--against", "model.txt"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  EXPECT_TRUE(hasText(page, "p", "The same."));
+  EXPECT_TRUE(hasText(page, "p", "The same, to the bit."));
+}
+
+TEST_F(ReportCommandTest, runsNothingOfAHostileFile) {
+  const std::string evil =
+      "</td></title></style><script>alert(1)</script><img src=x "
+      "onerror=alert(1)>\"'&lt;javascript:\xff\x1b[2J\u202E\xEF\xBF\xBF";
+  const std::string model = modelWith("# " + evil + "\n# NVP " + evil + "x " + evil +
+                                      "\n# NVP labels " + evil + ",<svg/onload=alert(2)>\n");
+  folder_.write("<script>.txt", model);
+  folder_.write("\"><b onclick=x>.txt", "1 2\n3 4\n");
+  folder_.write("labels.csv", "file,label\n\"\"\"><b onclick=x>.txt\",<svg/onload=alert(2)>\n");
+  folder_.write("other.txt", modelWith("# other\n# NVP <i>key</i> </table>\n"));
+  const ToolResult result = run({"<script>.txt", "--frames", "\"><b onclick=x>.txt", "--labels",
+                                 "labels.csv", "--against", "other.txt"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  expectHarmless(page);
+  EXPECT_TRUE(hasText(page, "title", "<script>.txt"));
+  EXPECT_TRUE(hasText(page, "td", "</td></title></style><script>alert(1)</script>"));
+  EXPECT_TRUE(hasText(page, "th", "<svg/onload=alert(2)>"));
+  EXPECT_TRUE(hasText(page, "text", "<svg/onload=alert(2)>"));
+  EXPECT_EQ(result.out.find("<script"), std::string::npos);
+  EXPECT_EQ(result.out.find('\x1b'), std::string::npos);
+}
+
+TEST_F(ReportCommandTest, saysWhatItLeavesOutOfLargeLayers) {
+  ASSERT_EQ(runShell("mlnn new 1300,500 large.mlnn", folder_.path()).status, 0);
+  const ToolResult result = run({"large.mlnn"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(hasText(parseXml(result.out), "figcaption",
+                      "Each cell stands for 2 rows and 3 columns of weights and shows the one of "
+                      "the largest magnitude among them."));
+}
+
+TEST_F(ReportCommandTest, staysSmallForManyLayers) {
+  std::string sizes = "40";
+  for (int i = 0; i < 600; ++i) sizes += ",40";
+  ASSERT_EQ(runShell("mlnn new " + sizes + " deep.mlnn", folder_.path()).status, 0);
+  const ToolResult result = run({"deep.mlnn"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  EXPECT_LT(result.out.size(), 2000000u);
+  EXPECT_TRUE(hasText(page, "text", "and 576 layers more"));
+  EXPECT_TRUE(hasText(page, "p", "The first 500 of 600 layers stand in the tables."));
+  EXPECT_TRUE(hasText(page, "p", "The first 24 of 600 layers are drawn."));
+}
+
+TEST_F(ReportCommandTest, tellsOfAModelWithoutLayers) {
+  const XmlElement page = pageOf("MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 0\n");
+  EXPECT_TRUE(hasText(page, "p", "The model has no layers."));
+  EXPECT_TRUE(hasText(page, "p", "The model has no curves of its training."));
+}
+
+TEST_F(ReportCommandTest, writesTheSamePageAgain) {
+  const std::vector<std::string> line = withDigits({"--labels", kDigits + "labels.csv"});
+  EXPECT_EQ(runFromRoot(line).out, runFromRoot(line).out);
+}
+
+TEST_F(ReportCommandTest, leavesWhatWasThereWhenItFails) {
+  folder_.write("page.html", "before");
+  folder_.write("model.txt", modelWith(""));
+  folder_.write("frames.txt", "1 2 3\n");
+  EXPECT_EQ(run({"model.txt", "-o", "page.html", "--frames", "frames.txt"}).status, 1);
+  EXPECT_EQ(contentOf(folder_.path("page.html")), "before");
+}
+
+TEST_F(ReportCommandTest, doesNotReplaceWhatItReads) {
+  folder_.write("model.txt", modelWith(""));
+  folder_.write("other.txt", modelWith(""));
+  folder_.write("frames.txt", "1 2\n");
+  folder_.write("labels.csv", "file,label\nframes.txt,0\n");
+  const std::vector<std::string> line = {"model.txt",  "--frames",  "frames.txt", "--labels",
+                                         "labels.csv", "--against", "other.txt",  "-o"};
+  for (const auto& [name, kind] :
+       std::vector<std::pair<std::string, std::string>>{{"model.txt", "model"},
+                                                        {"other.txt", "model"},
+                                                        {"frames.txt", "frames"},
+                                                        {"labels.csv", "labels"}}) {
+    std::vector<std::string> arguments = line;
+    arguments.push_back(name);
+    expectRefused(arguments, 2,
+                  "ERROR: the result would replace its own " + kind + ", '" + name + "'\n");
+  }
+}
+
+TEST_F(ReportCommandTest, refusesLabelsThatTheModelDoesNotKnow) {
+  folder_.write("model.txt", modelWith(""));
+  folder_.write("frames.txt", "1 2\n");
+  folder_.write("labels.csv", "file,label\nframes.txt,seven\n");
+  expectRefused(
+      {"model.txt", "-o", "page.html", "--frames", "frames.txt", "--labels", "labels.csv"}, 1,
+      "ERROR: the label 'seven' of 'frames.txt' is no class of the model\n");
+}
+
+TEST_F(ReportCommandTest, refusesWrongUsage) {
+  EXPECT_EQ(run({}).status, 2);
+  EXPECT_EQ(run({"model.txt", "--labels", "labels.csv"}).status, 2);
+  EXPECT_EQ(run({"model.txt", "--stacked"}).status, 2);
+  EXPECT_EQ(run({"-", "--against", "-"}).status, 2);
+}
+
+}  // namespace
