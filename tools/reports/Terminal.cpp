@@ -5,9 +5,20 @@
 #include <unistd.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <cstring>
 
 namespace mlnn {
+namespace {
+
+bool wantsColours() {
+  const char* const refused = std::getenv("NO_COLOR");
+  if (refused != nullptr && *refused != '\0') return false;
+  const char* const terminal = std::getenv("TERM");
+  return terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+}  // namespace
 
 std::size_t terminalWidth() {
   constexpr std::size_t kDefaultWidth = 80;
@@ -23,6 +34,13 @@ bool localeIsUtf8() {
   const bool isUtf8 = std::strcmp(nl_langinfo_l(CODESET, locale), "UTF-8") == 0;
   freelocale(locale);
   return isUtf8;
+}
+
+std::optional<TerminalLook> terminalLook() {
+  if (isatty(STDOUT_FILENO) == 0) return std::nullopt;
+  return TerminalLook{terminalWidth(),
+                      localeIsUtf8() ? CharacterSet::kUnicode : CharacterSet::kAscii,
+                      wantsColours()};
 }
 
 }  // namespace mlnn

@@ -5,10 +5,9 @@
 #include <iosfwd>
 
 #include "tools/reports/ModelCharts.h"
+#include "tools/reports/Terminal.h"
 
 namespace mlnn {
-
-enum class CharacterSet { kAscii, kUnicode };  // '#', or blocks of an eighth of a line
 
 // Prints the chart with its title, at most `width` characters wide. Where there are more values
 // than columns, a column shows the mean of its values.

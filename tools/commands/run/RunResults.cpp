@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "text/Escape.h"
+#include "tools/reports/PosteriorLine.h"
+#include "tools/reports/Terminal.h"
 
 namespace mlnn {
 namespace {
@@ -30,6 +32,9 @@ void RunResults::add(const RunJob& job, const Eigen::MatrixXf& outputs) {
   } else if (job.out.empty()) {
     if (named_) std::cout << (isFirst_ ? "" : "\n") << escaped(job.frames) << "\n";
     printDecisions(network_, outputs, std::cout);
+    if (const auto look = terminalLook(); look && !named_) {
+      printPosteriorLine(network_, outputs, *look, std::cout);
+    }
   }
   isFirst_ = false;
 }

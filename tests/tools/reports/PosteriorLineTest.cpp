@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+#include "tests/tools/support/ToolProcess.h"
+#include "tools/reports/PosteriorLine.h"
+
+namespace {
+
+using mlnn::CharacterSet;
+using mlnn::OutputSide;
+using mlnn::printPosteriorLine;
+using mlnn::TerminalLook;
+
+Eigen::MatrixXf posteriors(std::initializer_list<float> ofClassZero) {
+  Eigen::MatrixXf result(2, static_cast<Eigen::Index>(ofClassZero.size()));
+  Eigen::Index f = 0;
+  for (const float value : ofClassZero) {
+    result(0, f) = value;
+    result(1, f) = 1 - value;
+    ++f;
+  }
+  return result;
+}
+
+std::string lineOf(const Eigen::MatrixXf& outputs, const TerminalLook& look,
+                   bool arePosteriors = true) {
+  std::ostringstream out;
+  printPosteriorLine(OutputSide{{"no", "yes"}, arePosteriors}, outputs, look, out);
+  return out.str();
+}
+
+TEST(PosteriorLineTest, showsThePosteriorsOfTheDecidedClass) {
+  const Eigen::MatrixXf outputs = posteriors({0.01f, 0.25f, 0.5f, 0.75f, 0.99f, 0.99f, 0.99f});
+  EXPECT_EQ(lineOf(outputs, {80, CharacterSet::kUnicode, false}), "over time: ▁▃▅▆███\n");
+  EXPECT_EQ(lineOf(outputs, {80, CharacterSet::kAscii, false}), "over time: _-+*@@@\n");
+}
+
+TEST(PosteriorLineTest, showsMeansWhereThereAreMoreFramesThanRoom) {
+  const Eigen::MatrixXf outputs = posteriors({0.5f, 1, 1, 1, 0, 1});
+  EXPECT_EQ(lineOf(outputs, {14, CharacterSet::kAscii, false}), "over time: *@+\n");
+  EXPECT_EQ(lineOf(outputs, {3, CharacterSet::kAscii, false}), "over time: *\n");
+}
+
+TEST(PosteriorLineTest, hasColoursOnDemand) {
+  EXPECT_EQ(lineOf(posteriors({1, 1, 0.25f, 1}), {80, CharacterSet::kAscii, true}),
+            "over time: \x1b[32m@@\x1b[33m-\x1b[32m@\x1b[0m\n");
+}
+
+TEST(PosteriorLineTest, isNoneWithoutADecision) {
+  const TerminalLook look;
+  EXPECT_EQ(lineOf(posteriors({1}), look, false), "");
+  EXPECT_EQ(lineOf(Eigen::MatrixXf(2, 0), look), "");
+  EXPECT_EQ(lineOf(posteriors({std::numeric_limits<float>::quiet_NaN()}), look), "");
+}
+
+// What a line of shell shows on a terminal of that width.
+std::string shownOnTerminal(const std::string& line, unsigned short width) {
+  winsize size{};
+  size.ws_row = 50;
+  size.ws_col = width;
+  int screen = -1;
+  int terminal = -1;
+  if (openpty(&screen, &terminal, nullptr, nullptr, &size) != 0) {
+    throw std::system_error(errno, std::generic_category(), "openpty");
+  }
+  const std::string device = ttyname(terminal);
+  EXPECT_EQ(mlnn::test::runShell(line + " > " + device).status, 0);
+  close(terminal);
+  std::string shown;
+  char bytes[4096];
+  for (ssize_t count = 0; (count = read(screen, bytes, sizeof bytes)) > 0;) {
+    shown.append(bytes, static_cast<std::size_t>(count));
+  }
+  close(screen);
+  return shown;
+}
+
+std::string lastLineOf(const std::string& text) {
+  const std::size_t end = text.rfind("\r\n");
+  const std::size_t begin = text.rfind('\n', end - 1) + 1;
+  return text.substr(begin, end - begin);
+}
+
+const std::string kRun = "mlnn run examples/digits/synth.txt examples/digits/frames/3_en-us_f4.npy";
+
+TEST(PosteriorLineTest, endsWhatIsSaidOfARecordingOnATerminal) {
+  const std::string said =
+      lastLineOf(shownOnTerminal("LC_ALL=C TERM=xterm NO_COLOR=1 " + kRun, 31));
+  EXPECT_EQ(said.substr(0, 11), "over time: ");
+  EXPECT_EQ(said.size(), 31u);
+  const std::string coloured =
+      lastLineOf(shownOnTerminal("LC_ALL=C TERM=xterm NO_COLOR= " + kRun, 31));
+  EXPECT_NE(coloured.find("\x1b[32m"), std::string::npos);
+  EXPECT_EQ(lastLineOf(shownOnTerminal("LC_ALL=C TERM=dumb NO_COLOR= " + kRun, 31)), said);
+}
+
+TEST(PosteriorLineTest, isNotThereElsewhere) {
+  EXPECT_EQ(mlnn::test::runShell(kRun).out.find("over time"), std::string::npos);
+  const std::string several = shownOnTerminal(kRun + " examples/digits/frames/3_en-gb_m4.npy", 80);
+  EXPECT_EQ(several.find("over time"), std::string::npos);
+}
+
+}  // namespace
