@@ -46,21 +46,23 @@ def seed_random(seed: int) -> None:
 
 
 def from_torch(module) -> Model:
-    """Makes a model of a torch.nn.Sequential; see mlnn.convert."""
+    """Makes a model of a torch.nn.Module; see mlnn.convert."""
     from . import convert
     return convert.from_torch(module)
 
 
 def from_sklearn(estimator) -> Model:
-    """Makes a model of a fitted MLPClassifier or MLPRegressor; see mlnn.convert."""
+    """Makes a model of a fitted estimator; see mlnn.convert."""
     from . import convert
     return convert.from_sklearn(estimator)
 
 
-def to_onnx(model: Model, path=None, *, quantized: bool = False):
+def to_onnx(model: Model, path=None, *, quantized: bool = False, normalisation: bool = False,
+            context: bool = False):
     """Exports a model as ONNX; see mlnn.onnx."""
     from . import onnx
-    return onnx.to_onnx(model, path, quantized=quantized)
+    return onnx.to_onnx(model, path, quantized=quantized, normalisation=normalisation,
+                        context=context)
 
 
 def from_onnx(source) -> Model:

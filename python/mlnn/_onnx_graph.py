@@ -8,7 +8,7 @@ import numpy as np
 import numpy.typing as npt
 from onnx import GraphProto, ModelProto, NodeProto, TensorProto, ValueInfoProto, helper, numpy_helper
 
-from . import Error
+from ._messages import Error
 from ._onnx_metadata import KEY
 
 _FIRST_OPSET, _LAST_OPSET = 1, 21  # whose operators' meanings the import knows
@@ -38,7 +38,8 @@ def values_of(name: str, tensor: TensorProto) -> _Array:
     if not all(0 <= length < 1 << 31 for length in tensor.dims):
         raise Error(f"{name}: no array has the shape {tuple(tensor.dims)}")
     if tensor.data_location == TensorProto.EXTERNAL:
-        raise Error(f"{name}: values in another file are not read")
+        raise Error(f"{name}: values in another file are not read, but for a model that is "
+                    "given by its file's name")
     try:
         array: _Array = numpy_helper.to_array(tensor)
         return array
@@ -49,8 +50,8 @@ def values_of(name: str, tensor: TensorProto) -> _Array:
 class Graph:
     """What a ModelProto states, refused where it could be read in two ways.
 
-    `opset` is the operator set. `rank` is the number of dimensions of the one input, and so
-    of all values of the chain: 2 for frames x values. `nodes` are those that the output depends
+    `opset` is the operator set. `dimensions` are those of the one input, None where the graph does
+    not tell a length: two for frames x values. `nodes` are those that the output depends
     on, as they follow each other. `constants` has the values of the initialisers,
     by their names; whoever walks over the nodes adds what they make of these.
     """
@@ -58,12 +59,11 @@ class Graph:
     def __init__(self, proto: ModelProto) -> None:
         graph = proto.graph
         self.opset = _opset_of(proto)
-        self.metadata = _metadata_of(proto)
         self.constants = _initialisers_of(graph)
         given = _one_input_and_output(graph, self.constants)
         self.input: str = given.name
         self.output = str(graph.output[0].name)
-        self.rank = _rank_of(given)
+        self.dimensions = _dimensions_of(given)
         _refuse_names_given_twice(graph)
         self.nodes = _needed(graph.node, self.output)
 
@@ -80,7 +80,8 @@ def _opset_of(proto: ModelProto) -> int:
     return version
 
 
-def _metadata_of(proto: ModelProto) -> str | None:
+def metadata_of(proto: ModelProto) -> str | None:
+    """What this package says in a file of its own."""
     found = [entry.value for entry in proto.metadata_props if entry.key == KEY]
     if len(found) > 1:
         raise Error(f"the metadata {KEY!r} stands twice")
@@ -107,14 +108,14 @@ def _one_input_and_output(graph: GraphProto, constants: dict[str, _Array]) -> Va
     return inputs[0]
 
 
-def _rank_of(given: ValueInfoProto) -> int:
+def _dimensions_of(given: ValueInfoProto) -> list[int | None]:
     kind = given.type.tensor_type
     if given.type.WhichOneof("value") != "tensor_type" or kind.elem_type not in _REALS:
         raise Error(f"{given.name}: an input of other than real numbers cannot be represented")
-    rank = len(kind.shape.dim)
-    if rank == 0:
+    if not kind.shape.dim:
         raise Error(f"{given.name}: an input without dimensions cannot be represented")
-    return rank
+    return [d.dim_value if d.WhichOneof("value") == "dim_value" and d.dim_value > 0 else None
+            for d in kind.shape.dim]
 
 
 def _refuse_names_given_twice(graph: GraphProto) -> None:

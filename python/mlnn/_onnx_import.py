@@ -9,19 +9,27 @@ import numpy.typing as npt
 from onnx import ModelProto, NodeProto
 
 from . import Error, Model
-from ._onnx_graph import Graph, attributes_of, in_domain, name_of, real, values_of
+from ._network import ELU_ALPHA, LEAKY_SLOPE, Network, parameter, way_out
+from ._onnx_constants import constant_of, refuse_narrow
+from ._onnx_front import refuse_other_frames, without_front
+from ._onnx_graph import Graph, attributes_of, in_domain, metadata_of, name_of, real
 from ._onnx_metadata import restored
-from .convert import ELU_ALPHA, LEAKY_SLOPE, Network, parameter
+from ._onnx_shapes import Shape
 
 ACT_FNS = {"Sigmoid": "sigmoid", "Tanh": "tanh", "Relu": "relu", "LeakyRelu": "leaky_relu",
            "Elu": "elu", "Softplus": "softplus"}  # by their operators
 
 # From these operator sets on:
+_SHAPES_BY_INPUT = 5    # Reshape has its shape as an input
 _BROADCASTS = 7         # shapes are broadcast as NumPy does, and operators are for inference
+_MAX_BROADCASTS = 8     # so are those of Max
+_FLATTENS_FROM_BEHIND = 11  # Flatten's axis may be negative
+_CLIPS_BY_INPUT = 11    # Clip has inputs for its limits
 _DROPS_BY_INPUT = 12    # Dropout has an input for training
 _SOFTMAX_OF_LAST = 13   # Softmax is over one axis, the last by default
-_SCALES_BY_AXIS = 13    # DequantizeLinear has an axis
 _TRAINS_BY_MODE = 14    # BatchNormalization has an attribute for training
+
+_LARGEST = float(np.finfo(np.float32).max)
 
 _Array = npt.NDArray[Any]
 
@@ -30,14 +38,19 @@ def imported(proto: ModelProto) -> Model:
     """The model that computes what the graph computes. Raises Error for what has no place in one,
     by the name of the node."""
     try:
-        graph = Graph(proto)
-        model = _Importer(graph).run()
+        metadata = metadata_of(proto)
+        proto, front = (proto, None) if metadata is None else without_front(proto, metadata)
+        model = _Importer(Graph(proto)).run()
     except Error:
         raise
     except (AttributeError, IndexError, TypeError, ValueError) as error:
         # Shapes, types and attributes that no operator has; a ModelProto may hold anything.
         raise Error(f"the graph does not fit together: {error}") from None
-    return model if graph.metadata is None else restored(model, graph.metadata)
+    if metadata is not None:
+        model = restored(model, metadata)
+    if front is not None:
+        refuse_other_frames(model, front)
+    return model
 
 
 def _training(name: str, told: str = "training_mode") -> Error:
@@ -45,11 +58,12 @@ def _training(name: str, told: str = "training_mode") -> Error:
 
 
 class _Importer:
-    """Walks the one chain of nodes that leads from the input to the output."""
+    """Walks along the one chain of nodes that leads from the input to the output."""
 
     def __init__(self, graph: Graph) -> None:
         self._graph = graph
         self._network = Network()
+        self._shape = Shape(graph.dimensions)
         # A sigmoid that may be part of a SiLU: its name, and its input.
         self._gate: tuple[str, str] | None = None
 
@@ -58,33 +72,23 @@ class _Importer:
         for node in self._graph.nodes:
             if not in_domain(node):
                 raise Error(f"{name_of(node)} cannot be represented")
-            if not self._is_constant(node):
+            if not self._is_constant(node, value):
                 value = self._follow(node, value)
         self._close_gate()
         if value != self._graph.output:
             raise Error(f"the output {self._graph.output} is not where the chain ends")
         return self._network.model()
 
-    def _is_constant(self, node: NodeProto) -> bool:
+    def _is_constant(self, node: NodeProto, value: str) -> bool:
         """Whether the node takes nothing but constants. Its output is one more of them then."""
         constants = self._graph.constants
+        if node.op_type == "Shape" and list(node.input) == [value] and not node.attribute:
+            constants[node.output[0]] = self._shape.constant()
+            return True
         if not all(other in constants for other in node.input):
             return False
-        name = name_of(node)
         values = [constants[other] for other in node.input]
-        if node.op_type == "Constant":
-            result = _constant(name, node)
-        elif node.op_type == "Identity" and len(values) == 1:
-            result = values[0]
-        elif node.op_type == "DequantizeLinear" and 2 <= len(values) <= 3:
-            result = _dequantized(name, values, attributes_of(node),
-                                  self._graph.opset >= _SCALES_BY_AXIS)
-        elif node.op_type == "Transpose" and len(values) == 1 and values[0].ndim == 2:
-            order = attributes_of(node).get("perm", [1, 0])
-            result = values[0].T if list(order) == [1, 0] else values[0]
-        else:
-            raise Error(f"{name}: of constants alone cannot be represented")
-        constants[node.output[0]] = result
+        constants[node.output[0]] = constant_of(node, values, self._graph.opset)
         return True
 
     def _follow(self, node: NodeProto, value: str) -> str:
@@ -99,7 +103,7 @@ class _Importer:
                 return output
         self._close_gate()
         if list(node.input).count(value) != 1:
-            raise Error(f"{name} cannot be represented")
+            raise Error(f"{name} cannot be represented{way_out(node.op_type)}")
         if node.op_type == "Sigmoid":
             self._gate = name, value
         else:
@@ -115,25 +119,13 @@ class _Importer:
     def _take(self, node: NodeProto, name: str, value: str) -> None:
         attributes = attributes_of(node)
         kind = node.op_type
-        if kind == "Gemm":
-            self._gemm(name, self._reals_of(node, name, value, 1, 2), attributes)
-        elif kind == "MatMul":
-            weights, = self._reals_of(node, name, value, 1)
-            self._network.linear(name, _matrix(name, weights).T, None)
-        elif kind == "Add":
-            self._add(node, name, value, attributes)
-        elif kind == "BatchNormalization":
-            self._batch_norm(node, name, value, attributes)
-        elif kind == "Dropout":
-            self._dropout(node, name, value, attributes)
-        elif kind == "Softmax":
-            self._constants_of(node, name, value, 0)
-            self._softmax(name, attributes)
+        if kind in _TAKERS:
+            _TAKERS[kind](self, node, name, value, attributes)
         elif kind in ACT_FNS:
             self._constants_of(node, name, value, 0)
             self._activation(name, kind, attributes)
         elif kind != "Identity":
-            raise Error(f"{name} cannot be represented")
+            raise Error(f"{name} cannot be represented{way_out(kind)}")
 
     def _constants_of(self, node: NodeProto, name: str, value: str, least: int,
                       most: int | None = None, either_side: bool = False) -> list[_Array]:
@@ -162,37 +154,74 @@ class _Importer:
     def _only_for_matrices(self, name: str) -> None:
         """Refuses an operator that means something else where the chain's values have another
         number of dimensions than frames x values."""
-        if self._graph.rank != 2:
-            raise Error(f"{name}: of values of {self._graph.rank} dimensions "
+        if self._shape.rank != 2:
+            raise Error(f"{name}: of values of {self._shape.rank} dimensions "
                         "cannot be represented")
 
-    def _gemm(self, name: str, constants: list[_Array], attributes: dict[str, Any]) -> None:
+    # --- Linear maps ---
+
+    def _linear(self, name: str, weights: _Array, bias: _Array | None) -> None:
+        self._network.linear(name, weights, bias)
+        self._shape.has_width(len(weights))
+
+    def _gemm(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        weights, *added = self._reals_of(node, name, value, 1, 2)
         self._only_for_matrices(name)
-        weights, *added = constants
         if attributes.get("transA", 0):
             raise Error(f"{name}: transA cannot be represented")
         weights = _matrix(name, weights)
         weights = weights if attributes.get("transB", 0) else weights.T
-        parameter(name, "alpha", attributes.get("alpha", 1.0), 1.0)
         bias = None
         if added:
-            parameter(name, "beta", attributes.get("beta", 1.0), 1.0)
             if self._graph.opset < _BROADCASTS:
                 _needs_broadcast(name, attributes)
-            bias = _per_output(name, added[0], len(weights), 2)
-        self._network.linear(name, weights, bias)
+            vector = _per_output(name, added[0], 2)
+            bias = _times(vector if vector.ndim else np.broadcast_to(vector, len(weights)),
+                          attributes.get("beta", 1.0))
+        self._linear(name, _times(weights, attributes.get("alpha", 1.0)), bias)
 
-    def _add(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+    def _matmul(self, node: NodeProto, name: str, value: str, _attributes: dict[str, Any]) -> None:
+        weights, = self._reals_of(node, name, value, 1)
+        self._linear(name, _matrix(name, weights).T, None)
+
+    # --- Value by value ---
+
+    def _operand(self, node: NodeProto, name: str, value: str,
+                 attributes: dict[str, Any]) -> tuple[_Array, bool]:
+        """The constant by which a node changes every frame alike, and whether it stands first."""
         old = self._graph.opset < _BROADCASTS
         values, = self._reals_of(node, name, value, 1, either_side=not old)
-        rank, outputs = self._graph.rank, self._network.num_outputs
         if old:
             _needs_broadcast(name, attributes)
             axis = attributes.get("axis", -1)
-            if values.size != 1 and (values.ndim != 1 or axis not in (rank - 1, -1)):
+            if values.size != 1 and (values.ndim != 1 or axis not in (self._shape.rank - 1, -1)):
                 raise Error(f"{name}: only a vector along the last axis can be added, found shape "
                             f"{values.shape} at axis {axis}")
-        self._network.shift(name, _per_output(name, values, outputs, rank))
+        vector = _per_output(name, values, self._shape.rank)
+        width = self._network.width or self._shape.width
+        if vector.ndim and width and vector.size != width:
+            raise Error(f"{name}: shift of shape {vector.shape} after {width} outputs")
+        return vector, node.input[0] != value
+
+    def _add(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        self._network.shift(name, self._operand(node, name, value, attributes)[0])
+
+    def _sub(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        operand, is_first = self._operand(node, name, value, attributes)
+        if is_first:
+            self._network.scale(name, -np.ones((), np.float32))
+        self._network.shift(name, operand if is_first else -operand)
+
+    def _mul(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        self._network.scale(name, self._operand(node, name, value, attributes)[0])
+
+    def _div(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        operand, is_first = self._operand(node, name, value, attributes)
+        if is_first:
+            raise Error(f"{name}: only by a constant can be represented")
+        if not operand.all():
+            raise Error(f"{name}: by 0 cannot be represented")
+        self._network.scale(name, 1 / operand.astype(np.float64))
 
     def _batch_norm(self, node: NodeProto, name: str, value: str,
                     attributes: dict[str, Any]) -> None:
@@ -204,7 +233,11 @@ class _Importer:
         if any(node.output[1:]):
             raise _training(name, "more than one output, which is training,")
         self._only_for_matrices(name)
+        if not self._network.width and gamma.shape != (self._shape.width or gamma.size,):
+            raise Error(f"{name}: gamma of shape {gamma.shape} after {self._shape.width} outputs")
         self._network.batch_norm(name, gamma, beta, mean, var, attributes.get("epsilon", 1e-5))
+
+    # --- What changes nothing ---
 
     def _dropout(self, node: NodeProto, name: str, value: str,
                  attributes: dict[str, Any]) -> None:
@@ -215,13 +248,72 @@ class _Importer:
         if self._graph.opset < _BROADCASTS and not attributes.get("is_test", 0):
             raise _training(name, "without is_test, which is training,")
 
-    def _softmax(self, name: str, attributes: dict[str, Any]) -> None:
+    def _cast(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        self._constants_of(node, name, value, 0)
+        refuse_narrow(name, attributes)
+
+    def _flatten(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        self._constants_of(node, name, value, 0)
+        self._refuse_scaled_before_joined(name)
+        axis = attributes.get("axis", 1)
+        if axis < 0 and self._graph.opset < _FLATTENS_FROM_BEHIND:
+            raise Error(f"{name}: axis is {axis}, which operator set {self._graph.opset} has not")
+        self._shape.flatten(name, axis)
+
+    def _reshape(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        if self._graph.opset < _SHAPES_BY_INPUT:
+            self._constants_of(node, name, value, 0)
+            target = np.asarray(attributes.get("shape", []), np.int64)
+        else:
+            target, = self._constants_of(node, name, value, 1)
+        if target.ndim != 1 or target.dtype != np.int64:
+            raise Error(f"{name}: no shape is {target.dtype} of shape {target.shape}")
+        self._refuse_scaled_before_joined(name)
+        self._shape.reshape(name, target.tolist(), not attributes.get("allowzero", 0))
+
+    def _refuse_scaled_before_joined(self, name: str) -> None:
+        """Values that one scale each is known for already, cannot become more."""
+        if self._network.width and not self._network.num_outputs:
+            self._shape.is_given = False
+
+    # --- Activations ---
+
+    def _softmax(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        self._constants_of(node, name, value, 0)
         axis = attributes.get("axis", -1 if self._graph.opset >= _SOFTMAX_OF_LAST else 1)
-        rank = self._graph.rank
+        rank = self._shape.rank
         if axis not in (rank - 1, -1):
             only = "1 and -1 are" if rank == 2 else f"the last of {rank} is"
             raise Error(f"{name}: axis is {axis}; only {only} represented")
         self._network.softmax(name)
+
+    def _clip(self, node: NodeProto, name: str, value: str, attributes: dict[str, Any]) -> None:
+        """A clip from 0 on is a ReLU."""
+        if self._graph.opset < _CLIPS_BY_INPUT:
+            self._constants_of(node, name, value, 0)
+            limits = [attributes.get("min", -_LARGEST), attributes.get("max", _LARGEST)]
+        else:
+            given = self._reals_of(node, name, value, 0, 2)
+            if any(limit.size > 1 or (limit.size and limit.ndim) for limit in given):
+                raise Error(f"{name}: limits that are no scalars cannot be represented")
+            limits = [float(limit) if limit.size else open_end for limit, open_end in
+                      zip([*given, *[np.zeros(0)] * (2 - len(given))], (-_LARGEST, _LARGEST))]
+        low, high = limits
+        if high < _LARGEST or low not in (0, -_LARGEST, -np.inf):
+            raise Error(f"{name}: to {low:g} to {high:g}; only from 0 on, as a ReLU, can be represented")
+        if low == 0:
+            self._network.activation(name, "relu")
+
+    def _max(self, node: NodeProto, name: str, value: str, _attributes: dict[str, Any]) -> None:
+        """The larger one of a value and 0 is a ReLU."""
+        limit, = self._reals_of(node, name, value, 1, either_side=True)
+        if self._graph.opset < _MAX_BROADCASTS:
+            raise Error(f"{name}: of operator set {self._graph.opset} does not broadcast a constant")
+        vector = _per_output(name, limit, self._shape.rank)
+        width = self._network.width or self._shape.width
+        if limit.any() or (vector.ndim and vector.size != width):
+            raise Error(f"{name}: only with 0, as a ReLU, can be represented")
+        self._network.activation(name, "relu")
 
     def _activation(self, name: str, kind: str, attributes: dict[str, Any]) -> None:
         if kind == "LeakyRelu":
@@ -231,35 +323,13 @@ class _Importer:
         self._network.activation(name, ACT_FNS[kind])
 
 
-def _constant(name: str, node: NodeProto) -> _Array:
-    tensor = attributes_of(node).get("value")
-    if tensor is None:
-        raise Error(f"{name}: only a tensor is read")
-    return values_of(name, tensor)
-
-
-def _dequantized(name: str, values: Sequence[_Array], attributes: dict[str, Any],
-                 by_axis: bool) -> _Array:
-    """Whole numbers times their scale: of all, or along an axis. Each is rounded once."""
-    codes, scale = values[:2]
-    zero = values[2] if len(values) > 2 else np.zeros(scale.shape, codes.dtype)
-    if codes.dtype not in (np.int8, np.uint8, np.int32) or zero.dtype != codes.dtype:
-        raise Error(f"{name}: {codes.dtype} less {zero.dtype} cannot be represented")
-    if attributes.get("block_size", 0):
-        raise Error(f"{name}: block_size cannot be represented")
-    if zero.shape != scale.shape:
-        raise Error(f"{name}: zero points of shape {zero.shape} for scales of shape {scale.shape}")
-    if scale.ndim:
-        axis = attributes.get("axis", 1)
-        if not by_axis or scale.shape != (codes.shape[axis],):
-            raise Error(f"{name}: scales of shape {scale.shape} for values of shape {codes.shape}")
-        along = [1] * codes.ndim
-        along[axis] = -1
-        scale, zero = scale.reshape(along), zero.reshape(along)
-    steps = codes.astype(np.int64) - zero
-    with np.errstate(over="ignore"):
-        products: _Array = (steps * real(name, scale).astype(np.float64)).astype(scale.dtype)
-    return products
+_TAKERS = {
+    "Gemm": _Importer._gemm, "MatMul": _Importer._matmul, "Add": _Importer._add,
+    "Sub": _Importer._sub, "Mul": _Importer._mul, "Div": _Importer._div,
+    "BatchNormalization": _Importer._batch_norm, "Dropout": _Importer._dropout,
+    "Softmax": _Importer._softmax, "Cast": _Importer._cast, "Flatten": _Importer._flatten,
+    "Reshape": _Importer._reshape, "Clip": _Importer._clip, "Max": _Importer._max,
+}
 
 
 def _matrix(name: str, weights: _Array) -> _Array:
@@ -268,12 +338,19 @@ def _matrix(name: str, weights: _Array) -> _Array:
     return weights
 
 
-def _per_output(name: str, constant: _Array, outputs: int, rank: int) -> _Array:
-    """A constant that is added to every frame alike: a scalar, or one value for each output."""
+def _times(values: _Array, factor: float) -> _Array:
+    """The values as they are where the factor is 1, else in double precision."""
+    if factor == 1:
+        return values
+    with np.errstate(all="ignore"):
+        return values.astype(np.float64) * factor
+
+
+def _per_output(name: str, constant: _Array, rank: int) -> _Array:
+    """A constant that changes every frame alike: a scalar, or one value for each output."""
     vectors: Sequence[int] = constant.shape[:-1]
     if constant.ndim <= rank and all(length == 1 for length in vectors):
-        vector = constant.reshape(-1)
-        return np.broadcast_to(vector, outputs) if constant.size == 1 else vector
+        return constant.reshape(()) if constant.size == 1 else constant.reshape(-1)
     raise Error(f"{name}: only a vector can be added, found shape {constant.shape}")
 
 

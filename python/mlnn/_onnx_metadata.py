@@ -16,8 +16,8 @@ KEY = "mlnn"  # the one key of the metadata, whose value is JSON
 _Array = npt.NDArray[Any]
 
 
-def surroundings(model: Model) -> str:
-    """What stands around the model's network, for restored()."""
+def surroundings(model: Model, **more: Any) -> str:
+    """What stands around the model's network, for restored(), and further entries."""
     norm = model.normalisation
     return json.dumps({
         "features": vars(model.features),
@@ -26,6 +26,7 @@ def surroundings(model: Model) -> str:
         "notes": list(model.notes),
         **{name: _packed(model._core.curve(name)) for name in _CURVES},
         "idle_vectors": [_idle_vectors(layer) for layer in model.layers],
+        **more,
     })
 
 
@@ -35,11 +36,11 @@ def restored(model: Model, metadata: str) -> Model:
         around = json.loads(metadata)
         model.features = FeatureDescription(**around["features"])
         if around["normalisation"] is not None:
-            minvals, normvals = map(_unpacked, around["normalisation"])
+            minvals, normvals = map(unpacked, around["normalisation"])
             model.normalisation = minvals, normvals
         model.props, model.notes = around["props"], around["notes"]
         for name in _CURVES:
-            model._core.set_curve(name, _unpacked(around[name]))
+            model._core.set_curve(name, unpacked(around[name]))
         return _with_vectors(model, around["idle_vectors"])
     except (KeyError, TypeError, ValueError, AttributeError, RecursionError) as error:
         raise Error(f"broken metadata {KEY!r}: {error}") from None
@@ -49,7 +50,7 @@ def _packed(array: _Array) -> str:
     return base64.b64encode(np.asarray(array, "<f4").tobytes()).decode()
 
 
-def _unpacked(text: str) -> _Array:
+def unpacked(text: str) -> _Array:
     return np.frombuffer(base64.b64decode(text, validate=True), "<f4")
 
 
@@ -76,7 +77,7 @@ def _with_vectors(model: Model, idle: list[dict[str, str]]) -> Model:
         layers.append({"weights": layer.weights, "act_fn": layer.act_fn,
                        "batch_norm": layer.batch_norm,
                        **{name: getattr(layer, name) for name in used},
-                       **{name: _unpacked(text) for name, text in vectors.items()}})
+                       **{name: unpacked(text) for name, text in vectors.items()}})
     whole = Model.from_arrays(layers, softmax=model.softmax)
     whole._take_surroundings(model)
     return whole

@@ -16,9 +16,11 @@ import onnx
 from onnx import NodeProto, TensorProto, helper, numpy_helper
 
 from . import Error, Layer, Model, _told_of, _write_whole
+from ._onnx_external import read_external
+from ._onnx_front import FRONT, front_of, input_info
 from ._onnx_import import ACT_FNS, imported
 from ._onnx_metadata import KEY, surroundings
-from .convert import ELU_ALPHA, LEAKY_SLOPE
+from ._network import ELU_ALPHA, LEAKY_SLOPE
 
 OPSET = 13
 _OPERATORS = {name: operator for operator, name in ACT_FNS.items()}
@@ -29,24 +31,28 @@ _Array = npt.NDArray[Any]
 # --- Export ---
 
 def to_onnx(model: Model, path: str | os.PathLike[str] | None = None, *,
-            quantized: bool = False) -> onnx.ModelProto:
+            quantized: bool = False, normalisation: bool = False,
+            context: bool = False) -> onnx.ModelProto:
     """Exports a model, and writes it to a file where a path is given.
 
     Plain layers become Gemm, batch-norm layers Gemm and BatchNormalization of mean 0 and
     variance 1. The input "inputs" takes input vectors: normalised frames with their context,
-    which Model.stack makes. With `quantized`, weights that were quantised by rows become whole
+    which Model.stack makes. With `context` the graph makes them, of the frames of one recording,
+    which the input "frames" takes; with `normalisation` it normalises first, so with both it takes
+    raw frames, and with that alone vectors of raw frames ("vectors"). With `quantized`, weights that were quantised by rows become whole
     numbers of 8 bits and DequantizeLinear with a scale for each row, which gives them back exactly.
     Raises Error for a model without layers, or with layers that do not fit each other, with
-    `quantized` for one without such weights, and OSError with the file's name where it cannot be
+    `quantized` for one without such weights, with `normalisation` or `context` for one that does not
+    tell what frames its inputs are made of, and OSError with the file's name where it cannot be
     written; an older file stays then.
     """
     if not len(model.layers):
         raise Error("a model without layers cannot be exported")
     if quantized and not any(layer.row_codes for layer in model.layers):
         raise Error("no layer has weights that were quantised by rows")
-    nodes: list[NodeProto] = []
-    constants: list[TensorProto] = []
-    value = "inputs"
+    front = front_of(model, normalisation, context)
+    nodes, constants = front.nodes() if front else ([], [])
+    value = "inputs" if nodes or front is None else front.input_name
     for number, layer in enumerate(model.layers, 1):
         value = _export_layer(layer, f"layer{number}", value, nodes, constants, quantized)
     if model.softmax:
@@ -54,13 +60,15 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | None = None, *,
     nodes[-1].output[0] = "outputs"
     graph = helper.make_graph(
         nodes, "mlnn",
-        [helper.make_tensor_value_info("inputs", TensorProto.FLOAT, ["frames", model.num_inputs])],
+        [input_info(front.input_name, front.input_width) if front
+         else input_info("inputs", model.num_inputs)],
         [helper.make_tensor_value_info("outputs", TensorProto.FLOAT, ["frames", model.num_outputs])],
         constants)
     exported = helper.make_model(graph, producer_name="mlnn",
                                  opset_imports=[helper.make_opsetid("", OPSET)])
     exported.ir_version = 7  # the first of this operator set
-    helper.set_model_props(exported, {KEY: surroundings(model)})
+    helper.set_model_props(exported, {
+        KEY: surroundings(model, **({FRONT: front.stated()} if front else {}))})
     onnx.checker.check_model(exported)
     if path is not None:
         _write_whole(path, exported.SerializeToString())
@@ -111,9 +119,11 @@ def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
 # --- Import ---
 
 def from_onnx(source: str | os.PathLike[str] | bytes | onnx.ModelProto) -> Model:
-    """Imports a chain of Gemm, MatMul, Add, BatchNormalization, activations and Softmax, from a
-    file, its bytes or a ModelProto, with the meaning that they have in the graph's operator set.
-    What the output does not depend on is left out.
+    """Imports a chain of Gemm, MatMul, arithmetic with constants, BatchNormalization, activations
+    and Softmax, and of what leaves frames as they are (Cast, Flatten, Reshape, Dropout, Identity),
+    from a file, its bytes or a ModelProto, with the meaning that they have in the graph's operator
+    set. What the output does not depend on is left out. Values in other files are read where the
+    model comes from a file, of whose folder they must be.
     Raises Error for what else there is, by the name of the node, and for what is no ONNX model;
     OSError where the file cannot be read."""
     if not isinstance(source, onnx.ModelProto):
@@ -136,7 +146,7 @@ def _no_model(error: Exception) -> Error:
 
 
 def _read(source: str | os.PathLike[str] | bytes) -> onnx.ModelProto:
-    data = source
+    data, path = source, None
     if not isinstance(data, bytes):
         path = os.fspath(data)
         with _told_of(path), open(path, "rb") as file:
@@ -147,5 +157,7 @@ def _read(source: str | os.PathLike[str] | bytes) -> onnx.ModelProto:
             proto = onnx.load_model_from_string(data)
     except Exception as error:  # as above
         raise _no_model(error) from None
+    if path is not None:
+        read_external(proto, os.path.dirname(os.fsdecode(path)) or ".")
     _check(proto)
     return proto

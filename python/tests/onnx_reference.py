@@ -140,6 +140,50 @@ class Reference:
     def Elu(self, a, x, outputs=1):
         return functional.elu(x, a.get("alpha", 1.0))
 
+    def Cast(self, a, x, outputs=1):
+        require(not x.is_floating_point() or a["to"] in (onnx.TensorProto.FLOAT, onnx.TensorProto.DOUBLE))
+        return x.clone()
+
+    def Flatten(self, a, x, outputs=1):
+        axis = a.get("axis", 1)
+        require((0 if self.opset < 11 else -x.dim()) <= axis <= x.dim())
+        axis = axis + x.dim() if axis < 0 else axis
+        return x.reshape(int(np.prod(x.shape[:axis])), -1)
+
+    def Reshape(self, a, x, shape=None, outputs=1):
+        target = a["shape"] if self.opset < 5 else shape.tolist()
+        target = [x.shape[i] if n == 0 and i < x.dim() else n for i, n in enumerate(target)]
+        try:
+            return x.reshape(target)
+        except RuntimeError:
+            raise Invalid from None
+
+    def Shape(self, a, x, outputs=1):
+        return torch.tensor(x.shape)
+
+    def Gather(self, a, x, index, outputs=1):
+        return x[index]
+
+    def Unsqueeze(self, a, x, axes=None, outputs=1):
+        return x.reshape(1)
+
+    def Concat(self, a, *values, outputs=1):
+        return torch.cat(values, a["axis"])
+
+    def Slice(self, a, x, starts, ends, axes, outputs=1):
+        require(axes.tolist() == [0])
+        return x[int(starts):int(ends)]
+
+    def Clip(self, a, x, low=None, high=None, outputs=1):
+        low = a.get("min") if self.opset < 11 else low
+        high = a.get("max") if self.opset < 11 else high
+        x = x if low is None else torch.maximum(x, torch.as_tensor(low, dtype=x.dtype))
+        return x if high is None else torch.minimum(x, torch.as_tensor(high, dtype=x.dtype))
+
+    def Max(self, a, x, y, outputs=1):
+        require(self.opset >= 8 or x.shape == y.shape)
+        return both_ways(x, y, torch.maximum)
+
     def Identity(self, a, x, outputs=1):
         return x.clone()
 
