@@ -132,16 +132,59 @@ void appendLayer(Core& core, int numInputs, int numOutputs, bool batchNorm) {
   });
 }
 
+std::unique_ptr<NNLayer> layerOf(const std::string& record) {
+  if (record.size() > INT32_MAX) throw py::value_error("the record of a layer is too large");
+  auto layer = std::make_unique<NNLayer>();
+  const int length = static_cast<int>(record.size());
+  if (layer->deserializeBinary(record.data(), length) != length) {
+    throw py::value_error("not the record of a layer");
+  }
+  return layer;
+}
+
 // Appends a layer from its binary record.
 void appendRecord(Core& core, const std::string& record) {
-  if (record.size() > INT32_MAX) throw py::value_error("the record of a layer is too large");
-  write(core, [&record](MultiLayerNNModel& model) {
-    auto layer = std::make_unique<NNLayer>();
-    const int length = static_cast<int>(record.size());
-    if (layer->deserializeBinary(record.data(), length) != length) {
-      throw py::value_error("not the record of a layer");
+  write(core, [&record](MultiLayerNNModel& model) { take(model, layerOf(record)); });
+}
+
+// Throws: py::value_error where one of the layers from `begin` to `end` does not fit the one
+// before.
+void requireFit(const std::vector<NNLayer*>& layers, std::size_t begin, std::size_t end) {
+  for (std::size_t i = std::max<std::size_t>(begin, 1); i < std::min(end, layers.size()); ++i) {
+    const Index outputs = layers[i - 1]->weights.rows();
+    const Index inputs = layers[i]->weights.cols();
+    if (inputs == outputs) continue;
+    throw py::value_error("layer " + std::to_string(i + 1) + ": " + std::to_string(inputs) +
+                          " inputs after " + std::to_string(outputs) + " outputs");
+  }
+}
+
+// Puts layers, from their binary records, in the place of those from `begin` to `end`. Those that
+// Python holds go on living in their handles.
+// Throws: py::value_error where layers would not fit those beside them; nothing changes then.
+void replaceLayers(Core& core, std::size_t begin, std::size_t end,
+                   const std::vector<std::string>& records) {
+  std::vector<std::unique_ptr<NNLayer>> added;
+  for (const std::string& record : records) added.push_back(layerOf(record));
+  std::vector<std::shared_ptr<LayerHandle>> kept;  // die after the locks, which they take
+  write(core, [&](MultiLayerNNModel& model) {
+    std::vector<NNLayer*>& layers = model.layers;
+    if (begin > end || end > layers.size()) throw py::index_error("no such layers");
+    const auto at = [&layers](std::size_t i) {
+      return layers.begin() + static_cast<std::ptrdiff_t>(i);
+    };
+    std::vector<NNLayer*> changed(layers.begin(), at(begin));
+    for (const std::unique_ptr<NNLayer>& layer : added) changed.push_back(layer.get());
+    changed.insert(changed.end(), at(end), layers.end());
+    requireFit(changed, begin, begin + added.size() + 1);
+    kept.reserve(end - begin);
+    const std::lock_guard<std::mutex> handlesLock(core.handlesMutex);
+    for (std::size_t i = begin; i < end; ++i) {
+      kept.push_back(handToPython(core, layers[i]));
+      delete layers[i];  // null where Python has it
     }
-    take(model, std::move(layer));
+    layers = std::move(changed);
+    for (std::unique_ptr<NNLayer>& layer : added) layer.release();
   });
 }
 
@@ -713,7 +756,8 @@ void bindOperations(py::class_<Core, std::shared_ptr<Core>>& core) {
            })
       .def("delete_layers", &deleteLayers)
       .def("append", &appendLayer)
-      .def("append_record", &appendRecord);
+      .def("append_record", &appendRecord)
+      .def("replace_layers", &replaceLayers);
 }
 
 void bindValues(py::class_<Core, std::shared_ptr<Core>>& core) {

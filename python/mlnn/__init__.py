@@ -27,7 +27,7 @@ from ._values import ACT_FNS, NORM_LENGTH, _CURVES, _VECTORS, _integer  # noqa: 
 __version__ = _mlnn.version
 __all__ = ["ACT_FNS", "Error", "FeatureDescription", "Layer", "Model", "Warning", "average",
            "compare", "diagnose", "diff", "from_onnx", "from_sklearn", "from_torch", "load",
-           "seed_random", "to_onnx"]
+           "seed_random", "to_onnx", "to_torch"]
 
 # Where they are found; pickles and messages call them so.
 for _public in Error, FeatureDescription, Layer, Model, Warning:
@@ -55,6 +55,12 @@ def from_sklearn(estimator) -> Model:
     """Makes a model of a fitted estimator; see mlnn.convert."""
     from . import convert
     return convert.from_sklearn(estimator)
+
+
+def to_torch(model: Model):
+    """Makes a torch.nn.Sequential of a model; see mlnn.convert."""
+    from . import convert
+    return convert.to_torch(model)
 
 
 def to_onnx(model: Model, path=None, *, quantized: bool = False, normalisation: bool = False,

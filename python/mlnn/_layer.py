@@ -1,7 +1,7 @@
 """The layers of a model."""
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Iterable, Mapping, MutableSequence, Sequence
 from typing import Any
 
 import numpy as np
@@ -79,6 +79,18 @@ class Layer:
         """The rows of `weights`."""
         return self.weights.shape[0]
 
+    def copy(self) -> Layer:
+        """A layer of its own with the same values, which belongs to no model."""
+        return _layer_of(self._layer.record())
+
+    __copy__ = copy
+
+    def __deepcopy__(self, memo: dict[int, Any]) -> Layer:
+        return self.copy()
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        return _layer_of, (self._layer.record(),)
+
     def __eq__(self, other: object) -> bool:
         return isinstance(other, Layer) and self._layer is other._layer
 
@@ -90,8 +102,28 @@ class Layer:
         return f"<mlnn.Layer {self.num_inputs} -> {self.num_outputs}, {kind}, {self.act_fn}>"
 
 
-class _Layers(Sequence[Layer]):
-    """The layers of a model, from its inputs to its outputs."""
+def _layer_of(record: bytes) -> Layer:
+    """A layer that belongs to no model, from its binary record."""
+    core = _mlnn.Core()
+    core.append_record(record)
+    return Layer._of(core.layer(0))
+
+
+# What Model.from_arrays takes for a layer.
+_Given = Layer | Mapping[str, Any] | Sequence[Any]
+
+
+def _record_of(layer: _Given) -> bytes:
+    """The binary record of a layer, or of one that is made of arrays."""
+    from ._model import Model
+    made = layer if isinstance(layer, Layer) else Model.from_arrays([layer]).layers[0]
+    return made._layer.record()
+
+
+class _Layers(MutableSequence[Layer]):
+    """The layers of a model, from its inputs to its outputs. What is put in is copied; what is taken
+    out goes on living in whoever holds it. Layers must fit those beside them: where they would not,
+    ValueError is raised, and nothing changes."""
 
     def __init__(self, core: _mlnn.Core) -> None:
         self._core = core
@@ -106,6 +138,32 @@ class _Layers(Sequence[Layer]):
         if not -count <= _integer(index, "layer") < count:
             raise IndexError(f"layer {index} of {count}")
         return Layer._of(self._core.layer(index % count))
+
+    def _replace(self, begin: int, end: int, layers: Iterable[_Given]) -> None:
+        self._core.replace_layers(begin, end, [_record_of(layer) for layer in layers])
+
+    def _range(self, index: int | slice) -> tuple[int, int]:
+        """The places that an index means, which follow each other."""
+        count = len(self)
+        if isinstance(index, slice):
+            begin, end, step = index.indices(count)
+            if step != 1:
+                raise ValueError("layers: only such as follow each other can be replaced")
+            return begin, max(begin, end)
+        if not -count <= _integer(index, "layer") < count:
+            raise IndexError(f"layer {index} of {count}")
+        return index % count, index % count + 1
+
+    def __setitem__(self, index: int | slice, value: Any) -> None:
+        self._replace(*self._range(index), value if isinstance(index, slice) else [value])
+
+    def __delitem__(self, index: int | slice) -> None:
+        self._replace(*self._range(index), [])
+
+    def insert(self, index: int, value: _Given) -> None:
+        """Puts a layer, or one of arrays as Model.from_arrays takes it, before the one at `index`."""
+        begin, _, _ = slice(_integer(index, "layer"), None).indices(len(self))
+        self._replace(begin, begin, [value])
 
     def __repr__(self) -> str:
         return repr(list(self))

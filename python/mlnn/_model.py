@@ -8,7 +8,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from . import _analysis, _mlnn
+from . import _analysis, _mlnn, _state
 from ._features import FeatureDescription
 from ._files import _told_of, _write_whole
 from ._layer import Layer, _Layers
@@ -166,6 +166,26 @@ class Model:
             setattr(added, name, values)
         added.act_fn = act_fn
 
+    def to_arrays(self) -> list[dict[str, Any]]:
+        """The layers as from_arrays takes them, which makes the same network of them; copies."""
+        return [{"weights": layer.weights.copy(), "act_fn": layer.act_fn,
+                 "batch_norm": layer.batch_norm,
+                 **{name: getattr(layer, name).copy() for name in _VECTORS
+                    if getattr(layer, name).size}} for layer in self.layers]
+
+    def state_dict(self) -> dict[str, npt.NDArray[Any]]:
+        """The values by the names that they have in the Sequential of mlnn.to_torch: "0.weight" and
+        so on. Weights, biases, scales and shifts are views of the model's own; running statistics
+        are those of a batch norm that does nothing else."""
+        return _state.state_of(list(self.layers))
+
+    def load_state_dict(self, state: Mapping[str, Any], eps: float = 0.0) -> Model:
+        """Copies values in by these names: arrays, or tensors as of a Sequential that mlnn.to_torch
+        gave and that was trained further. `eps` is that of its batch norms. Returns the model.
+        Raises ValueError for other names or shapes; nothing changes then."""
+        _state.load_state(list(self.layers), state, float(eps))
+        return self
+
     def copy(self) -> Model:
         """A model of its own with the same values, properties included."""
         return self._of(self._core.copy())
@@ -220,9 +240,14 @@ class Model:
     # --- What a model holds ---
 
     @property
-    def layers(self) -> Sequence[Layer]:
-        """The layers, from the inputs to the outputs."""
+    def layers(self) -> MutableSequence[Layer]:
+        """The layers, from the inputs to the outputs. Changes go to the model: what is put in is
+        copied, and must fit the layers beside it."""
         return _Layers(self._core)
+
+    @layers.setter
+    def layers(self, layers: Iterable[Any]) -> None:
+        _Layers(self._core)[:] = layers
 
     @property
     def props(self) -> MutableMapping[str, str]:

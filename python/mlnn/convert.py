@@ -31,6 +31,18 @@ def from_torch(module: Any) -> Model:
     return _torch_import.imported(module)
 
 
+def to_torch(model: Model) -> Any:
+    """Makes a torch.nn.Sequential that computes what the model computes of input vectors.
+
+    It is in its evaluation mode. A batch-norm layer becomes Linear and a BatchNorm1d of mean 0,
+    variance 1 and eps 0, with `gamma_inf` and `beta_inf` as its weight and bias. The module shares
+    nothing with the model; Model.load_state_dict takes its values back.
+    Raises Error for a model without layers, or with layers that do not fit each other.
+    """
+    from . import _torch_export
+    return _torch_export.exported(model)
+
+
 def from_sklearn(estimator: Any) -> Model:
     """Makes a model that computes the estimator's predict_proba, or a regressor's predict.
 

@@ -61,7 +61,8 @@ CALLS = {
     "to_bytes": lambda m: mlnn.Model.from_bytes(m.to_bytes()),
     "to_text": lambda m: mlnn.Model.from_bytes(m.to_text()),
     "save": lambda m: m.save(os.devnull, "image"),
-    "copy": lambda m: m.copy(),
+    "copy": lambda m: m.copy(), "to_arrays": lambda m: mlnn.Model.from_arrays(m.to_arrays()),
+    "state_dict": lambda m: m.state_dict(), "load_state_dict": lambda m: m.load_state_dict(m.state_dict()),
     "fold": lambda m: m.fold(),
     "retain_precision_bits": lambda m: m.retain_precision_bits(4),
     "quantize": lambda m: m.quantize(8, least_squares=True, correct=frames_for(m)),
@@ -112,7 +113,7 @@ def describe(number):
 PACKAGE = {
     "load": lambda m, path, size: mlnn.load(path),
     "Model": lambda m, path, size: None,  # all that it has is tried above
-    "Layer": lambda m, path, size: [look_at(layer) for layer in m.layers],
+    "Layer": lambda m, path, size: [look_at(layer.copy()) for layer in m.layers],
     "FeatureDescription": lambda m, path, size: (look_at(m.features), describe(size)),
     "seed_random": lambda m, path, size: mlnn.seed_random(size),
     "ACT_FNS": lambda m, path, size: list(mlnn.ACT_FNS),
@@ -123,6 +124,7 @@ PACKAGE = {
     "diagnose": lambda m, path, size: mlnn.diagnose(path),
     # Other packages make what these take; test_convert.py tries them.
     "from_onnx": None, "to_onnx": None, "from_torch": None, "from_sklearn": None,
+    "to_torch": None,
 }
 
 
