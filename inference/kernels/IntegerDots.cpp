@@ -120,6 +120,25 @@ constexpr DotKernels kDots = {"plain", {4, 1}, {4, 1}, 1, stayAsTheyAre, dots};
 
 }  // namespace plain
 
+// --- What a kernel leaves behind ---
+
+struct ShortVectors {
+  static void leave() {}
+};
+
+#if HWY_ARCH_X86
+// Compiling for size, g++ does not clear the upper halves of registers (LeaveVectors-inl.h).
+HWY_PUSH_ATTRIBUTES("avx")
+struct LongVectors {
+  static HWY_INLINE void leave() {
+#if MLNN_BUILT_FOR_SIZE && !HWY_COMPILER_CLANG
+    _mm256_zeroupper();
+#endif
+  }
+};
+HWY_POP_ATTRIBUTES
+#endif
+
 #if HWY_ARCH_X86
 
 // --- Products of two values of 16 bits: SSE2, AVX2, AVX-512 without more ---
@@ -127,7 +146,7 @@ constexpr DotKernels kDots = {"plain", {4, 1}, {4, 1}, 1, stayAsTheyAre, dots};
 HWY_PUSH_ATTRIBUTES("sse2")
 namespace sse2 {
 
-struct Vectors {
+struct Vectors : ShortVectors {
   struct Codes {
     __m128i even;
     __m128i odd;
@@ -175,7 +194,7 @@ HWY_POP_ATTRIBUTES
 HWY_PUSH_ATTRIBUTES("avx,avx2")
 namespace avx2 {
 
-struct Vectors {
+struct Vectors : LongVectors {
   struct Codes {
     __m256i even;
     __m256i odd;
@@ -223,7 +242,7 @@ HWY_POP_ATTRIBUTES
 HWY_PUSH_ATTRIBUTES("avx,avx2,avx512f,avx512bw")
 namespace avx512 {
 
-struct Vectors {
+struct Vectors : LongVectors {
   struct Codes {
     __m512i even;
     __m512i odd;
@@ -296,7 +315,7 @@ HWY_POP_ATTRIBUTES
 HWY_PUSH_ATTRIBUTES("avx,avx2,avxvnni")
 namespace avxvnni {
 
-struct Vectors {
+struct Vectors : LongVectors {
   using Codes = __m256i;
   using Inputs = __m256i;
   using Sums = __m256i;
@@ -372,7 +391,7 @@ HWY_POP_ATTRIBUTES
 HWY_PUSH_ATTRIBUTES("avx,avx2,avx512f,avx512bw,avx512vnni")
 namespace avx512vnni {
 
-struct Vectors {
+struct Vectors : LongVectors {
   using Codes = __m512i;
   using Inputs = __m512i;
   using Sums = __m512i;
@@ -441,7 +460,7 @@ HWY_POP_ATTRIBUTES
 MLNN_PUSH_NEON
 namespace neon {
 
-struct Vectors {
+struct Vectors : ShortVectors {
   using Codes = int8x16_t;
   using Inputs = int8x16_t;
   struct Sums {  // two for each output
@@ -507,7 +526,7 @@ MLNN_POP_NEON
 MLNN_PUSH_DOT_PRODUCTS
 namespace neondot {
 
-struct Vectors {
+struct Vectors : ShortVectors {
   using Codes = int8x16_t;
   using Inputs = int8x16_t;
   using Sums = int32x4_t;

@@ -17,6 +17,7 @@
 //   dot(sums, codes, inputs, codes, inputs)  those of two groups, where kStep is 2
 //   add(sums, sums)
 //   store(sums, int32_t*)     those of a part, in the order of outputs
+//   leave()                   makes the registers what others expect of them
 
 // A part of a panel is known by its number, counted from the first part of the first panel on.
 template <int kBits>
@@ -217,6 +218,7 @@ void sumUpTo(const RowCodesView& codes, std::size_t first, std::size_t panels, c
 
 void dots(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
           const CodesAhead& ahead, int32_t* sums) {
-  if (codes.bits == 4) return sumUpTo<4, Vectors::kFrames>(codes, first, panels, x, ahead, sums);
-  sumUpTo<8, Vectors::kFrames>(codes, first, panels, x, ahead, sums);
+  const auto sum = codes.bits == 4 ? sumUpTo<4, Vectors::kFrames> : sumUpTo<8, Vectors::kFrames>;
+  sum(codes, first, panels, x, ahead, sums);
+  Vectors::leave();
 }
