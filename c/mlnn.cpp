@@ -50,6 +50,11 @@ class Pass {
                {nullptr, static_cast<std::ptrdiff_t>(outputs()), 0});
   }
 
+  void setThreads(int threads) {
+    pass_->setThreads(nullptr);  // those before it are gone before there are others
+    if (threads > 1) pass_->setThreads(mlnn::Threads::start(threads));
+  }
+
   bool run(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs) {
     return pass_->evaluate(inputs, outputs) == 0;
   }
@@ -487,6 +492,20 @@ mlnn_status mlnn_pass_create(mlnn_model model, mlnn_pass* pass) {
 }
 
 mlnn_status mlnn_pass_close(mlnn_pass pass) { return closeIn(__func__, handles().passes, pass.id); }
+
+mlnn_status mlnn_pass_set_threads(mlnn_pass pass, int32_t threads) {
+  static_assert(MLNN_MOST_THREADS == mlnn::Threads::kMost);
+  const char* const function = __func__;
+  return guarded(function, [&] {
+    Pass* const found = handles().passes.find(pass.id);
+    if (found == nullptr) return refuseHandle(function);
+    if (threads < 1 || threads > MLNN_MOST_THREADS) {
+      return refuse(MLNN_ERROR_ARGUMENT, function, "threads must be 1 to 256");
+    }
+    found->setThreads(threads);
+    return MLNN_OK;
+  });
+}
 
 mlnn_status mlnn_pass_run(mlnn_pass pass, size_t frames, const float* inputs, size_t input_width,
                           size_t input_stride, float* outputs, size_t output_width,

@@ -21,7 +21,7 @@
  * go on, and the last of them frees the model.
  *
  * mlnn_pass_run allocates nothing, takes no lock and makes no system call once it has run as many
- * frames together; mlnn_stream_push and mlnn_stream_finish never do.
+ * frames together, if it has no further threads; mlnn_stream_push and mlnn_stream_finish never do.
  *
  * Compiles as C99 and as C++. features/Version.h has the macros MLNN_VERSION_MAJOR,
  * MLNN_VERSION_MINOR, MLNN_VERSION_PATCH and MLNN_VERSION_STRING.
@@ -216,6 +216,16 @@ MLNN_API mlnn_status mlnn_pass_create(mlnn_model model, mlnn_pass* pass);
 
 /** Ends the handle and frees the pass. */
 MLNN_API mlnn_status mlnn_pass_close(mlnn_pass pass);
+
+/** The most threads that a pass may have. */
+#define MLNN_MOST_THREADS 256
+
+/** Has the pass share its work among `threads` threads from now on, 1 to MLNN_MOST_THREADS: the one
+ * that calls, and further ones that wait while the pass does not run. At first it has one. Output
+ * vectors are the same to the bit with any number. Where the system gives fewer, there are fewer.
+ * The further threads end before mlnn_pass_close or the next mlnn_pass_set_threads returns. A
+ * forked child has none of them: a pass runs in the calling thread there. */
+MLNN_API mlnn_status mlnn_pass_set_threads(mlnn_pass pass, int32_t threads);
 
 /** Computes `frames` output vectors. Value v of input vector f is inputs[f * input_stride + v],
  * value v of output vector f becomes outputs[f * output_stride + v]. The widths say how many values

@@ -79,13 +79,13 @@ int CodedFwdPass::numOutputs() const {
 int CodedFwdPass::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs) {
   if (!inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_, nullptr);
+  evaluateStack(*layers_, inputs, outputs, memory_, nullptr, threads());
   return 0;
 }
 
 int CodedFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_);
+  evaluateStack(*layers_, inputs, outputs, memory_, threads());
   return 0;
 }
 

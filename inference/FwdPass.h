@@ -2,11 +2,14 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <memory>
 #include <type_traits>
+#include <utility>
 
 #include "features/EigenBorder.h"
 #include "features/Export.h"
 #include "inference/Frames.h"
+#include "inference/Threads.h"
 
 class MLNN_EXPORT FwdPass {
  public:
@@ -47,6 +50,14 @@ class MLNN_EXPORT FwdPass {
     return evaluateInto(inputs, outputs);
   }
 
+  // Has `evaluate` share its work with these threads from now on, unless it is too little for that;
+  // null, as at first, leaves all of it to the calling thread. The bits are the same with any
+  // number of threads. Each further thread keeps memory of its own in the pass, at most as much as
+  // the pass keeps without. A pass that is not of this library may take no notice.
+  // Lifetime: the pass keeps the threads until it is given others, and so do copies of it. They end
+  // with their last owner.
+  void setThreads(std::shared_ptr<mlnn::Threads> threads) { threads_ = std::move(threads); }
+
  protected:
   FwdPass() = default;
   FwdPass(const FwdPass&) = default;
@@ -56,6 +67,11 @@ class MLNN_EXPORT FwdPass {
   // through matrices of its own.
   virtual int evaluateFrames(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs);
 
+  // The threads to share the work with; null for none.
+  mlnn::Threads* threads() const { return threads_.get(); }
+
  private:
   int evaluateInto(const mlnn::InputFrames& inputs, Eigen::MatrixXf& outputs);
+
+  std::shared_ptr<mlnn::Threads> threads_;
 };

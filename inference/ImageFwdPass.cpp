@@ -181,14 +181,14 @@ bool ImageFwdPass::canEvaluate(const char* operation) const {
 int ImageFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
   if (!canEvaluate(kEvaluate)) return 1;
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_);
+  evaluateStack(*layers_, inputs, outputs, memory_, threads());
   return 0;
 }
 
 int ImageFwdPass::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
                       std::vector<LayerResult>* trace) {
   if (!canEvaluate(kEvaluate) || !inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_, trace);
+  evaluateStack(*layers_, inputs, outputs, memory_, trace, threads());
   return 0;
 }
 

@@ -61,13 +61,13 @@ int IntegerFwdPass::numOutputs() const {
 int IntegerFwdPass::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                              Eigen::MatrixXf& outputs) {
   if (!inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_);
+  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_, threads());
   return 0;
 }
 
 int IntegerFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_);
+  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_, threads());
   return 0;
 }
 

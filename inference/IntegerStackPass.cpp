@@ -5,6 +5,7 @@
 
 #include "features/EigenAssign.h"
 #include "inference/FrameMemory.h"
+#include "inference/StackThreads.h"
 
 namespace mlnn {
 namespace {
@@ -277,16 +278,8 @@ void runFrames(const IntegerSource& stack, const IntegerKernels& kernels, const 
   for (std::size_t f = 0; f < results.count; ++f) finish(results.at(f), needs.outputs);
 }
 
-// Makes room for what runAll needs, and returns the needs with which it finds it.
-StackNeeds prepare(const IntegerSource& stack, const IntegerKernels& kernels,
-                   const InputFrames& inputs, IntegerMemory& memory) {
-  const StackNeeds needs =
-      needsOf(stack, kernels.dots.bytesPerInput, static_cast<std::size_t>(inputs.frames));
-  growTo(memory, needs);
-  if (mustBeGathered(inputs)) {
-    growTo(memory.gathered, needs.frames * static_cast<std::size_t>(inputs.width));
-  }
-  return needs;
+StackNeeds needsFor(const IntegerSource& stack, const IntegerKernels& kernels, Index frames) {
+  return needsOf(stack, kernels.dots.bytesPerInput, static_cast<std::size_t>(frames));
 }
 
 // Takes all of `inputs` through the stack, some at a time. They do not overlap `outputs`.
@@ -306,47 +299,96 @@ void runAll(const IntegerSource& stack, const IntegerKernels& kernels, const Sta
   }
 }
 
-// The same into memory of the pass's own. Returns where the results are, without gaps.
-OutputFrames runApart(const IntegerSource& stack, const IntegerKernels& kernels,
-                      const StackNeeds& needs, const InputFrames& inputs, IntegerMemory& memory) {
-  growTo(memory.results, needs.outputs * static_cast<std::size_t>(inputs.frames));
-  const OutputFrames results(memory.results.data(), static_cast<std::ptrdiff_t>(needs.outputs),
-                             inputs.frames);
-  runAll(stack, kernels, needs, inputs, results, memory);
-  return results;
-}
+// One evaluation, by the calling thread or by several.
+class IntegerEvaluation {
+ public:
+  // Makes room for it, so that it allocates nothing later.
+  IntegerEvaluation(const IntegerSource& stack, const IntegerKernels& kernels,
+                    const InputFrames& inputs, IntegerMemory& memory, Threads* threads)
+      : stack_(stack),
+        kernels_(kernels),
+        inputs_(inputs),
+        memory_(memory),
+        threads_(stackThreads(threads)),
+        needs_(needsFor(stack, kernels, inputs.frames)) {
+    if (threads_ != nullptr) {
+      threads_->prepare(stack, kernels, inputs, memory);
+    } else {
+      prepareIntegerPart(stack, kernels, inputs, inputs.frames, memory);
+    }
+  }
+
+  Index numOutputs() const { return static_cast<Index>(needs_.outputs); }
+
+  // REQUIRES: the inputs do not overlap `outputs`.
+  void run(const OutputFrames& outputs) const {
+    if (threads_ != nullptr) {
+      return threads_->evaluate(stack_, kernels_, inputs_, outputs, memory_);
+    }
+    runAll(stack_, kernels_, needs_, inputs_, outputs, memory_);
+  }
+
+  // Into memory of the pass's own. Returns where the results are, without gaps.
+  OutputFrames runApart() const {
+    growTo(memory_.results, needs_.outputs * static_cast<std::size_t>(inputs_.frames));
+    const OutputFrames results(memory_.results.data(), numOutputs(), inputs_.frames);
+    run(results);
+    return results;
+  }
+
+ private:
+  const IntegerSource& stack_;
+  const IntegerKernels& kernels_;
+  const InputFrames inputs_;
+  IntegerMemory& memory_;
+  StackThreads* threads_;
+  StackNeeds needs_;
+};
 
 }  // namespace
 
 void IntegerSource::unpack(std::size_t, std::size_t, std::size_t, float*) const {}
 
+void prepareIntegerPart(const IntegerSource& stack, const IntegerKernels& kernels,
+                        const InputFrames& inputs, Index frames, IntegerMemory& memory) {
+  const StackNeeds needs = needsFor(stack, kernels, frames);
+  growTo(memory, needs);
+  if (mustBeGathered(inputs)) {
+    growTo(memory.gathered, needs.frames * static_cast<std::size_t>(inputs.width));
+  }
+}
+
+void evaluateIntegerPart(const IntegerSource& stack, const IntegerKernels& kernels,
+                         const InputFrames& inputs, const OutputFrames& outputs,
+                         IntegerMemory& memory) {
+  runAll(stack, kernels, needsFor(stack, kernels, inputs.frames), inputs, outputs, memory);
+}
+
 void evaluateIntegers(const IntegerSource& stack, const IntegerKernels& kernels,
-                      const InputFrames& inputs, const OutputFrames& outputs,
-                      IntegerMemory& memory) {
+                      const InputFrames& inputs, const OutputFrames& outputs, IntegerMemory& memory,
+                      Threads* threads) {
   if (outputs.width == 0) return;  // nor is there any memory for them
-  const StackNeeds needs = prepare(stack, kernels, inputs, memory);
-  if (!overlap(inputs, outputs)) return runAll(stack, kernels, needs, inputs, outputs, memory);
-  copyFrames(runApart(stack, kernels, needs, inputs, memory), outputs);
+  const IntegerEvaluation evaluation(stack, kernels, inputs, memory, threads);
+  if (!overlap(inputs, outputs)) return evaluation.run(outputs);
+  copyFrames(evaluation.runApart(), outputs);
 }
 
 void evaluateIntegers(const IntegerSource& stack, const IntegerKernels& kernels,
                       const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
-                      IntegerMemory& memory) {
-  const StackNeeds needs = prepare(stack, kernels, inputs, memory);
-  const auto rows = static_cast<Index>(needs.outputs);
+                      IntegerMemory& memory, Threads* threads) {
+  const IntegerEvaluation evaluation(stack, kernels, inputs, memory, threads);
   if (!overlap(inputs, outputs)) {
-    reshape(outputs, rows, inputs.cols());
-    return runAll(stack, kernels, needs, inputs, outputs, memory);
+    reshape(outputs, evaluation.numOutputs(), inputs.cols());
+    return evaluation.run(outputs);
   }
-  const OutputFrames results = runApart(stack, kernels, needs, inputs, memory);
-  reshape(outputs, rows, inputs.cols());
+  const OutputFrames results = evaluation.runApart();
+  reshape(outputs, evaluation.numOutputs(), inputs.cols());
   copyFrames(results, outputs);
 }
 
 std::size_t integerMemoryBytes(const IntegerSource& stack, const IntegerKernels& kernels,
                                Index frames) {
-  const StackNeeds needs =
-      needsOf(stack, kernels.dots.bytesPerInput, static_cast<std::size_t>(frames));
+  const StackNeeds needs = needsFor(stack, kernels, frames);
   return needs.bytes + needs.byteFrames * sizeof(int32_t) +
          (needs.halves * needs.half() + needs.frames + needs.unpacked) * sizeof(float);
 }

@@ -6,8 +6,10 @@
 #include <Eigen/Core>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "inference/Frames.h"
+#include "inference/Threads.h"
 #include "inference/kernels/IntegerDots.h"
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/UnfusedKernels.h"
@@ -54,6 +56,7 @@ struct IntegerMemory {
   Eigen::VectorXf unpacked;                        // rows of weights that are no floats in memory
   Eigen::VectorXf gathered;                        // inputs that cannot be read as they lie
   Eigen::VectorXf results;                         // where outputs overlap the inputs
+  std::vector<IntegerMemory> further;              // that of each further thread
 };
 
 // The kernels of a pass.
@@ -62,24 +65,37 @@ struct IntegerKernels {
   const UnfusedKernels& unfused;
 };
 
-// Computes the outputs for each frame of `inputs`, which may share memory with `outputs`.
+// Computes the outputs for each frame of `inputs`, which may share memory with `outputs`; with
+// `threads`, unless that is null.
 // Inputs that the kernels cannot read as they lie are gathered some frames at a time.
 // After a call with as many frames, or more, it allocates nothing.
 // REQUIRES: framesFit.
 // On std::bad_alloc: `outputs` is unchanged.
 void evaluateIntegers(const IntegerSource& stack, const IntegerKernels& kernels,
-                      const InputFrames& inputs, const OutputFrames& outputs,
-                      IntegerMemory& memory);
+                      const InputFrames& inputs, const OutputFrames& outputs, IntegerMemory& memory,
+                      Threads* threads = nullptr);
 
 // The same into a matrix, which takes the shape that it needs.
 // REQUIRES: inputs.rows() is what the first layer takes.
 void evaluateIntegers(const IntegerSource& stack, const IntegerKernels& kernels,
                       const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
-                      IntegerMemory& memory);
+                      IntegerMemory& memory, Threads* threads = nullptr);
 
 // Returns the bytes of `memory` after evaluateIntegers with `frames` frames, where the inputs were
 // apart from the outputs and could be read as they lay.
 std::size_t integerMemoryBytes(const IntegerSource& stack, const IntegerKernels& kernels,
                                Eigen::Index frames);
+
+// --- What a thread does of it (StackThreads.h) ---
+
+// Makes room for evaluateIntegerPart with so many of the frames of `inputs`.
+void prepareIntegerPart(const IntegerSource& stack, const IntegerKernels& kernels,
+                        const InputFrames& inputs, Eigen::Index frames, IntegerMemory& memory);
+
+// Takes all of `inputs` through the stack, some at a time. They do not overlap `outputs`.
+// REQUIRES: prepareIntegerPart with as many frames.
+void evaluateIntegerPart(const IntegerSource& stack, const IntegerKernels& kernels,
+                         const InputFrames& inputs, const OutputFrames& outputs,
+                         IntegerMemory& memory);
 
 }  // namespace mlnn

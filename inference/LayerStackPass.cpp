@@ -6,6 +6,7 @@
 
 #include "features/EigenAssign.h"
 #include "inference/FrameMemory.h"
+#include "inference/StackThreads.h"
 #include "inference/kernels/Activation.h"
 #include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
@@ -55,12 +56,7 @@ void growTo(Eigen::VectorXf& values, Index length) {
   if (values.size() < length) reshape(values, length, 1);
 }
 
-// Some frames in memory, one behind the other.
-struct Frames {
-  float* first;
-  Index stride;
-  Index count;
-};
+using Frames = StackFrames;
 
 // The rows of the block that begins with row `first`.
 std::size_t rowsFrom(const LayerView& layer, std::size_t first) {
@@ -115,37 +111,20 @@ void evaluateLayer(const LayerView& layer, const float* x, Index xStride, const 
                        scratch);
 }
 
-// The same for layer `index` of the stack, whose weights may have to be unpacked.
-void evaluateLayer(const LayerSource& stack, std::size_t index, const LayerView& layer,
-                   const float* x, Index xStride, const Frames& y, PassMemory& memory) {
-  if (isReadInPlace(layer, y.count)) return bestKernels().rowCodesVector(layer, x, y.first);
-  float* const scratch = atCacheLine(memory.scratch.data());
-  if (isInMemory(layer)) return evaluateLayer(layer, x, xStride, y, scratch);
-  float* const unpacked = atCacheLine(memory.unpacked.data());
-  for (std::size_t first = 0; first < layer.rows;) {
-    const std::size_t rows = rowsFrom(layer, first);
-    stack.unpack(index, first, rows, unpacked);
-    const LayerView block{unpacked,
-                          rows,
-                          layer.cols,
-                          layer.scale == nullptr ? nullptr : layer.scale + first,
-                          layer.shift + first,
-                          layer.actFn};
-    evaluateLayer(block, x, xStride, {y.first + first, y.stride, y.count}, scratch);
-    first += rows;
-  }
+// The whole of a layer.
+void evaluateLayer(const LayerCall& call, const LayerView& layer, PassMemory& memory) {
+  evaluateRows(call, layer, 0, memory);
 }
 
 // The same in two steps, keeping what is between them; frame `first` of `result` is the first.
-void traceLayer(const LayerSource& stack, std::size_t index, const float* x, Index xStride,
-                const Frames& y, PassMemory& memory, Index first, LayerResult& result) {
-  LayerView layer = stack.layer(index);
+void traceLayer(const LayerCall& call, LayerView layer, PassMemory& memory, Index first,
+                LayerResult& result) {
   const ActFn::ActFn fn = layer.actFn;
   layer.actFn = ActFn::linear;
-  evaluateLayer(stack, index, layer, x, xStride, y, memory);
+  evaluateLayer(call, layer, memory);
   const auto rows = static_cast<Index>(layer.rows);
-  for (Index frame = 0; frame < y.count; ++frame) {
-    Eigen::Map<Eigen::VectorXf> values(y.first + frame * y.stride, rows);
+  for (Index frame = 0; frame < call.y.count; ++frame) {
+    Eigen::Map<Eigen::VectorXf> values(call.y.first + frame * call.y.stride, rows);
     result.affine.col(first + frame) = values;
     applyActivation(fn, values);
     result.activated.col(first + frame) = values;
@@ -166,7 +145,7 @@ std::vector<LayerResult> emptyTrace(const LayerSource& stack, Index frames) {
 // trace.
 void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
                       const InputFrames& inputs, const Frames& outputs, PassMemory& memory,
-                      Index first, std::vector<LayerResult>* trace) {
+                      Index first, std::vector<LayerResult>* trace, StackThreads* byRows) {
   float* next = atCacheLine(memory.between.data());
   float* spare = next + strideFor(widths.widest) * inputs.frames;
   const float* x = inputs.values;
@@ -181,10 +160,13 @@ void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
     const LayerView layer = stack.layer(i);
     const Frames y =
         isLast ? outputs : Frames{next, strideFor(static_cast<Index>(layer.rows)), inputs.frames};
-    if (trace == nullptr) {
-      evaluateLayer(stack, i, layer, x, xStride, y, memory);
+    const LayerCall call{stack, i, x, xStride, y};
+    if (trace != nullptr) {
+      traceLayer(call, layer, memory, first, (*trace)[i]);
+    } else if (byRows != nullptr) {
+      byRows->evaluateLayer(call, memory);
     } else {
-      traceLayer(stack, i, x, xStride, y, memory, first, (*trace)[i]);
+      evaluateLayer(call, layer, memory);
     }
     x = y.first;
     xStride = y.stride;
@@ -198,11 +180,18 @@ void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
   }
 }
 
-// Makes room for what evaluateAll needs, and returns the widths with which it finds it.
-StackWidths prepare(const LayerSource& stack, const InputFrames& inputs, PassMemory& memory) {
-  StackWidths widths = widthsOf(stack, inputs.frames);
+// What evaluateAll needs for so many frames of `inputs`.
+StackWidths widthsFor(const LayerSource& stack, const InputFrames& inputs, Index frames) {
+  StackWidths widths = widthsOf(stack, frames);
   if (mustBeGathered(inputs)) widths.widest = std::max(widths.widest, inputs.width);
-  const Index together = std::min(inputs.frames, framesAtOnce(widths.widest));
+  return widths;
+}
+
+// Makes room for what evaluateAll needs, and returns the widths with which it finds it.
+StackWidths prepare(const LayerSource& stack, const InputFrames& inputs, Index frames,
+                    PassMemory& memory) {
+  const StackWidths widths = widthsFor(stack, inputs, frames);
+  const Index together = std::min(frames, framesAtOnce(widths.widest));
   growTo(memory.scratch, scratchLength(widths.swept, together));
   growTo(memory.between, betweenLength(widths.widest, together));
   growTo(memory.unpacked, widths.unpacked);
@@ -211,28 +200,96 @@ StackWidths prepare(const LayerSource& stack, const InputFrames& inputs, PassMem
 
 // Takes all of `inputs` through the stack, some at a time. They do not overlap `outputs`.
 void evaluateAll(const LayerSource& stack, const StackWidths& widths, const InputFrames& inputs,
-                 const OutputFrames& outputs, PassMemory& memory, std::vector<LayerResult>* trace) {
+                 const OutputFrames& outputs, PassMemory& memory, std::vector<LayerResult>* trace,
+                 StackThreads* byRows) {
   const Index atOnce = framesAtOnce(widths.widest);
   for (Index first = 0; first < inputs.frames; first += atOnce) {
     const Index count = std::min(inputs.frames - first, atOnce);
     const Frames results{outputs.values + first * outputs.frameStride, outputs.frameStride, count};
-    evaluateTogether(stack, widths, someOf(inputs, first, count), results, memory, first, trace);
+    evaluateTogether(stack, widths, someOf(inputs, first, count), results, memory, first, trace,
+                     byRows);
   }
 }
 
-// The same into memory of the pass's own. Returns where the results are, without gaps.
-OutputFrames evaluateApart(const LayerSource& stack, const StackWidths& widths,
-                           const InputFrames& inputs, PassMemory& memory,
-                           std::vector<LayerResult>* trace) {
-  growTo(memory.results, widths.outputs * inputs.frames);
-  const OutputFrames results(memory.results.data(), widths.outputs, inputs.frames);
-  evaluateAll(stack, widths, inputs, results, memory, trace);
-  return results;
-}
+// One evaluation, by the calling thread or by several.
+class Evaluation {
+ public:
+  // Makes room for it, so that it allocates nothing later.
+  Evaluation(const LayerSource& stack, const InputFrames& inputs, PassMemory& memory,
+             std::vector<LayerResult>* trace, Threads* threads)
+      : stack_(stack),
+        inputs_(inputs),
+        memory_(memory),
+        trace_(trace),
+        threads_(trace == nullptr ? stackThreads(threads) : nullptr),
+        widths_(widthsFor(stack, inputs, inputs.frames)) {
+    if (threads_ != nullptr) {
+      threads_->prepare(stack, inputs, memory);
+    } else {
+      prepare(stack, inputs, inputs.frames, memory);
+    }
+  }
+
+  Index numOutputs() const { return widths_.outputs; }
+
+  // REQUIRES: the inputs do not overlap `outputs`.
+  void run(const OutputFrames& outputs) const {
+    if (threads_ != nullptr) return threads_->evaluate(stack_, inputs_, outputs, memory_);
+    evaluateAll(stack_, widths_, inputs_, outputs, memory_, trace_, nullptr);
+  }
+
+  // Into memory of the pass's own. Returns where the results are, without gaps.
+  OutputFrames runApart() const {
+    growTo(memory_.results, widths_.outputs * inputs_.frames);
+    const OutputFrames results(memory_.results.data(), widths_.outputs, inputs_.frames);
+    run(results);
+    return results;
+  }
+
+ private:
+  const LayerSource& stack_;
+  const InputFrames inputs_;
+  PassMemory& memory_;
+  std::vector<LayerResult>* trace_;
+  StackThreads* threads_;
+  StackWidths widths_;
+};
 
 }  // namespace
 
 void LayerSource::unpack(std::size_t, std::size_t, std::size_t, float*) const {}
+
+void evaluateRows(const LayerCall& call, const LayerView& layer, std::size_t row,
+                  PassMemory& memory) {
+  const Frames y{call.y.first + row, call.y.stride, call.y.count};
+  if (isReadInPlace(layer, y.count)) return bestKernels().rowCodesVector(layer, call.x, y.first);
+  float* const scratch = atCacheLine(memory.scratch.data());
+  if (isInMemory(layer)) return evaluateLayer(layer, call.x, call.xStride, y, scratch);
+  float* const unpacked = atCacheLine(memory.unpacked.data());
+  for (std::size_t first = 0; first < layer.rows;) {
+    const std::size_t rows = rowsFrom(layer, first);
+    call.stack.unpack(call.index, row + first, rows, unpacked);
+    const LayerView block{unpacked,
+                          rows,
+                          layer.cols,
+                          layer.scale == nullptr ? nullptr : layer.scale + first,
+                          layer.shift + first,
+                          layer.actFn};
+    evaluateLayer(block, call.x, call.xStride, {y.first + first, y.stride, y.count}, scratch);
+    first += rows;
+  }
+}
+
+void preparePart(const LayerSource& stack, const InputFrames& inputs, Index frames,
+                 PassMemory& memory) {
+  prepare(stack, inputs, frames, memory);
+}
+
+void evaluatePart(const LayerSource& stack, const InputFrames& inputs, const OutputFrames& outputs,
+                  PassMemory& memory, StackThreads* byRows) {
+  evaluateAll(stack, widthsFor(stack, inputs, inputs.frames), inputs, outputs, memory, nullptr,
+              byRows);
+}
 
 std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
   const StackWidths widths = widthsOf(stack, frames);
@@ -243,26 +300,25 @@ std::size_t passMemoryBytes(const LayerSource& stack, Index frames) {
 }
 
 void evaluateStack(const LayerSource& stack, const InputFrames& inputs, const OutputFrames& outputs,
-                   PassMemory& memory) {
+                   PassMemory& memory, Threads* threads) {
   if (outputs.width == 0) return;  // nor is there any memory for them
-  const StackWidths widths = prepare(stack, inputs, memory);
-  if (!overlap(inputs, outputs)) {
-    return evaluateAll(stack, widths, inputs, outputs, memory, nullptr);
-  }
-  copyFrames(evaluateApart(stack, widths, inputs, memory, nullptr), outputs);
+  const Evaluation evaluation(stack, inputs, memory, nullptr, threads);
+  if (!overlap(inputs, outputs)) return evaluation.run(outputs);
+  copyFrames(evaluation.runApart(), outputs);
 }
 
 void evaluateStack(const LayerSource& stack, const Eigen::Ref<const Eigen::MatrixXf>& inputs,
-                   Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace) {
+                   Eigen::MatrixXf& outputs, PassMemory& memory, std::vector<LayerResult>* trace,
+                   Threads* threads) {
   const Index frames = inputs.cols();
-  const StackWidths widths = prepare(stack, inputs, memory);
+  const Evaluation evaluation(stack, inputs, memory, trace, threads);
   if (trace != nullptr) *trace = emptyTrace(stack, frames);
   if (!overlap(inputs, outputs)) {
-    reshape(outputs, widths.outputs, frames);
-    return evaluateAll(stack, widths, inputs, outputs, memory, trace);
+    reshape(outputs, evaluation.numOutputs(), frames);
+    return evaluation.run(outputs);
   }
-  const OutputFrames results = evaluateApart(stack, widths, inputs, memory, trace);
-  reshape(outputs, widths.outputs, frames);
+  const OutputFrames results = evaluation.runApart();
+  reshape(outputs, evaluation.numOutputs(), frames);
   copyFrames(results, outputs);
 }
 

@@ -44,7 +44,7 @@ int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
                                       const mlnn::OutputFrames& outputs) {
   if (!mlnn::canBeEvaluated(model_.get(), kEvaluate)) return 1;
   if (!mlnn::framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_);
+  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, threads());
   return 0;
 }
 
@@ -52,6 +52,6 @@ int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs, std::vector<mlnn::LayerResult>* trace) {
   if (!mlnn::canBeEvaluated(model_.get(), kEvaluate)) return 1;
   if (!mlnn::inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace);
+  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace, threads());
   return 0;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <vector>
 
 namespace mlnn {
 
@@ -10,6 +11,7 @@ struct PassMemory {
   Eigen::VectorXf between;   // what goes from layer to layer, read from one half into the other
   Eigen::VectorXf unpacked;  // some rows of weights that do not lie in memory as floats
   Eigen::VectorXf results;   // the outputs of all frames, where they overlap the inputs
+  std::vector<PassMemory> further;  // that of each further thread
 };
 
 }  // namespace mlnn

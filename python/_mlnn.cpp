@@ -421,22 +421,27 @@ std::optional<mlnn::WideInputs> wideInputsOf(const std::optional<std::string>& w
 // REQUIRES: the model can be evaluated.
 std::optional<Eigen::MatrixXf> outputsOf(const MultiLayerNNModel& model, const Columns& columns,
                                          const mlnn::RecordingInputs& inputs,
-                                         std::optional<mlnn::WideInputs> integers,
+                                         std::optional<mlnn::WideInputs> integers, int threads,
                                          const mlnn::Watch& watch) {
+  const std::shared_ptr<mlnn::Threads> shared =
+      threads > 1 ? mlnn::Threads::start(threads) : nullptr;
   if (!integers) {
     NNFwdPassFromFile pass(model);
+    pass.setThreads(shared);
     return mlnn::evaluateFrames(pass, columns, inputs, watch);
   }
   const std::unique_ptr<mlnn::IntegerFwdPass> pass = mlnn::IntegerFwdPass::create(model, *integers);
   if (pass == nullptr) return std::nullopt;
+  pass->setThreads(shared);
   return mlnn::evaluateFrames(*pass, columns, inputs, watch);
 }
 
 // Runs the model over one recording. `stacked` says whether the frames are input vectors, nothing
-// where their width is to tell; `integers` which layers take words in integers.
+// where their width is to tell; `integers` which layers take words in integers. The threads end
+// with the call.
 // Returns: what was said, and the outputs; None where frames of that width are not taken.
 py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacked,
-                    const std::optional<std::string>& integers) {
+                    const std::optional<std::string>& integers, int threads) {
   auto outputs = std::make_unique<Eigen::MatrixXf>();
   const Columns columns = columnsOf(frames);
   bool isTaken = true;
@@ -448,8 +453,8 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
         model, columns.rows(), stacked.value_or(false), "the recording", whyNot);
     isTaken = inputs && !(inputs->areStacked() && stacked == false);
     if (!isTaken) return 0;
-    std::optional<Eigen::MatrixXf> results =
-        outputsOf(model, columns, *inputs, wideInputsOf(integers), interruptedBySignals({&core}));
+    std::optional<Eigen::MatrixXf> results = outputsOf(
+        model, columns, *inputs, wideInputsOf(integers), threads, interruptedBySignals({&core}));
     if (!results) return 1;
     *outputs = *std::move(results);
     return 0;

@@ -450,7 +450,8 @@ class Model:
         return self._core.frame_width()
 
     def __call__(self, frames: npt.ArrayLike, stacked: bool | None = None, *,
-                 integers: bool = False, words: str | None = None) -> _Floats:
+                 integers: bool = False, words: str | None = None,
+                 threads: int = 1) -> _Floats:
         """Runs the model over one recording: frames x values in, frames x outputs out, float32.
 
         Frames as wide as `frame_width` are single ones: they are normalised, and stacked with
@@ -461,8 +462,13 @@ class Model:
         With `integers` layers that `quantize` has rounded are computed in integers: inputs are
         rounded to 8 bits, or to 16 in the "first" layer or in "all" as `words` says, and results
         are the same to the bit on every processor.
+        So many `threads`, 1 to 256, share the work and end with the call; results are the same to
+        the bit with any number.
         Raises ValueError for frames of another width, Error where the layers do not fit each other.
         """
+        threads = operator.index(threads)
+        if not 1 <= threads <= 256:
+            raise ValueError(f"threads: expected 1 to 256, got {threads}")
         if words is None and not integers:
             few = self._core.evaluate_few(frames, stacked)  # the cheap way first
             if few is not None:
@@ -473,7 +479,7 @@ class Model:
             raise ValueError("words: given without integers")
         given = _frames(frames)
         found = self._core.evaluate(given, None if stacked is None else bool(stacked),
-                                    (words or "none") if integers else None)
+                                    (words or "none") if integers else None, threads)
         if found is None:
             raise ValueError(f"frames of {given.shape[1]} values; "
                              f"expected {self._expected(stacked)}")

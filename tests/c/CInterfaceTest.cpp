@@ -320,6 +320,28 @@ TEST_F(CInterface, allocatesNothingForAFrame) {
   mlnn_model_close(model);
 }
 
+TEST_F(CInterface, aPassRunsWithAnyNumberOfThreads) {
+  const mlnn_model model = opened();
+  mlnn_pass pass;
+  ASSERT_EQ(mlnn_pass_create(model, &pass), MLNN_OK);
+  std::vector<float> alone(2 * 50);
+  ASSERT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, alone.data(), 2, 2), MLNN_OK);
+  for (const int32_t threads : {1, 2, 3, 8, 1}) {
+    ASSERT_EQ(mlnn_pass_set_threads(pass, threads), MLNN_OK);
+    std::vector<float> outputs(2 * 50);
+    ASSERT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, outputs.data(), 2, 2), MLNN_OK);
+    EXPECT_EQ(outputs, alone);
+  }
+  const CaptureStderr captured;
+  for (const int32_t threads : {0, -1, MLNN_MOST_THREADS + 1}) {
+    EXPECT_EQ(mlnn_pass_set_threads(pass, threads), MLNN_ERROR_ARGUMENT);
+    EXPECT_STREQ(mlnn_last_error(), "ERROR: mlnn_pass_set_threads: threads must be 1 to 256");
+  }
+  EXPECT_EQ(mlnn_pass_close(pass), MLNN_OK);
+  EXPECT_EQ(mlnn_pass_set_threads(pass, 2), MLNN_ERROR_HANDLE);
+  mlnn_model_close(model);
+}
+
 TEST_F(CInterface, leavesNothingBehind) {
   const auto everything = [&] {
     stderrOf([&] {

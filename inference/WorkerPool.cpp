@@ -1,0 +1,186 @@
+#include "inference/WorkerPool.h"
+
+#ifdef __STDCPP_THREADS__
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace mlnn {
+namespace {
+
+// Threads that are started meanwhile leave signals to the threads of the program, but for those
+// that tell of what they do themselves.
+class SignalsLeftToOthers {
+ public:
+  SignalsLeftToOthers() {
+    sigset_t all;
+    sigfillset(&all);
+    for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) sigdelset(&all, own);
+    pthread_sigmask(SIG_BLOCK, &all, &before_);
+  }
+  ~SignalsLeftToOthers() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsLeftToOthers(const SignalsLeftToOthers&) = delete;
+  SignalsLeftToOthers& operator=(const SignalsLeftToOthers&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+}  // namespace
+
+// The threads, and the work that they share. They take it by rounds, in each of which every thread
+// takes parts until there are no more.
+class WorkerPool::Crew {
+ public:
+  explicit Crew(int count) : process_(getpid()) {
+    threads_.reserve(static_cast<std::size_t>(count) - 1);
+    const SignalsLeftToOthers signals;
+    try {
+      for (int worker = 1; worker < count; ++worker) {
+        threads_.emplace_back([this, worker] { serve(worker); });
+      }
+    } catch (const std::exception&) {  // no more than these, then
+    }
+  }
+
+  ~Crew() {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      ends_ = true;
+      round_.fetch_add(1);
+    }
+    begins_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+  Crew(const Crew&) = delete;
+  Crew& operator=(const Crew&) = delete;
+
+  int threads() const { return static_cast<int>(threads_.size()); }
+
+  // A fork copies what the threads left behind, locks that they held included, but no thread.
+  bool isInItsProcess() const { return process_ == getpid(); }
+
+  // Gives the threads to one caller at a time.
+  bool take() { return !isTaken_.test_and_set(std::memory_order_acquire); }
+  void giveBack() { isTaken_.clear(std::memory_order_release); }
+
+  void run(int parts, const Work& work) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      work_ = work;
+      parts_ = parts;
+      next_.store(0);
+      busy_.store(threads());
+      round_.fetch_add(1);
+    }
+    begins_.notify_all();
+    takeParts(0);
+    waitUntil(ended_, [this] { return busy_.load() == 0; });
+    if (failure_ == nullptr) return;
+    const std::exception_ptr failure = std::move(failure_);
+    failure_ = nullptr;
+    std::rethrow_exception(failure);
+  }
+
+ private:
+  void serve(int worker) {
+    for (uint64_t seen = 0;;) {
+      waitUntil(begins_, [this, seen] { return round_.load() != seen; });
+      ++seen;  // no round begins before all threads have ended the one before
+      if (ends_) return;
+      takeParts(worker);
+      if (busy_.fetch_sub(1) > 1) continue;
+      const std::lock_guard<std::mutex> lock(mutex_);  // the caller looks, then sleeps, under it
+      ended_.notify_one();
+    }
+  }
+
+  void takeParts(int worker) {
+    try {
+      for (int part = next_.fetch_add(1); part < parts_; part = next_.fetch_add(1)) {
+        work_.call(work_.task, part, worker);
+      }
+    } catch (...) {
+      next_.store(parts_);
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (failure_ == nullptr) failure_ = std::current_exception();
+    }
+  }
+
+  // Between the layers of a network it takes less time to look again than to sleep.
+  template <typename Condition>
+  void waitUntil(std::condition_variable& changed, const Condition& holds) {
+    constexpr int kLooks = 50;
+    for (int i = 0; i < kLooks; ++i) {
+      if (holds()) return;
+      std::this_thread::yield();
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed.wait(lock, holds);
+  }
+
+  const pid_t process_;
+  std::atomic_flag isTaken_ = ATOMIC_FLAG_INIT;
+  std::mutex mutex_;
+  std::condition_variable begins_;
+  std::condition_variable ended_;
+  Work work_{};
+  int parts_ = 0;
+  bool ends_ = false;
+  std::exception_ptr failure_;
+  std::atomic<int> next_{0};          // part
+  std::atomic<int> busy_{0};          // threads that have not ended the round
+  std::atomic<uint64_t> round_{0};    // that began last
+  std::vector<std::thread> threads_;  // the last member: they use the others
+};
+
+WorkerPool::WorkerPool(int count) {
+  if (count <= 1) return;
+  crew_ = std::make_unique<Crew>(count);
+  count_ = crew_->threads() + 1;
+}
+
+WorkerPool::~WorkerPool() {
+  if (crew_ != nullptr && !crew_->isInItsProcess()) crew_.release();
+}
+
+void WorkerPool::runParts(int parts, const Work& work) {
+  const bool isShared = parts > 1 && crew_ != nullptr && crew_->isInItsProcess() && crew_->take();
+  if (!isShared) {
+    for (int part = 0; part < parts; ++part) work.call(work.task, part, 0);
+    return;
+  }
+  struct Turn {
+    Crew& crew;
+    ~Turn() { crew.giveBack(); }
+  } turn{*crew_};
+  crew_->run(parts, work);
+}
+
+}  // namespace mlnn
+
+#else  // the system has no threads
+
+namespace mlnn {
+
+class WorkerPool::Crew {};
+
+WorkerPool::WorkerPool(int) {}
+WorkerPool::~WorkerPool() = default;
+
+void WorkerPool::runParts(int parts, const Work& work) {
+  for (int part = 0; part < parts; ++part) work.call(work.task, part, 0);
+}
+
+}  // namespace mlnn
+
+#endif
