@@ -466,9 +466,7 @@ class Model:
         the bit with any number.
         Raises ValueError for frames of another width, Error where the layers do not fit each other.
         """
-        threads = operator.index(threads)
-        if not 1 <= threads <= 256:
-            raise ValueError(f"threads: expected 1 to 256, got {threads}")
+        threads = _integer(threads, "threads", 1, 256)
         if words is None and not integers:
             few = self._core.evaluate_few(frames, stacked)  # the cheap way first
             if few is not None:

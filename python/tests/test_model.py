@@ -689,6 +689,35 @@ def test_integers_refuse_what_they_do_not_know(model):
         mlnn.Model()(inputs, integers=True)
 
 
+@pytest.mark.parametrize("integers", [False, True])
+def test_any_number_of_threads_gives_the_same_and_ends(integers):
+    random = np.random.default_rng(5)
+    model = mlnn.Model.from_arrays([
+        (random.normal(size=(200, 40)).astype(np.float32), np.zeros(200, np.float32), "tanh"),
+        (random.normal(size=(10, 200)).astype(np.float32), np.zeros(10, np.float32), "linear")])
+    model.quantize()
+    frames = random.normal(size=(3001, 40)).astype(np.float32)
+    alone = model(frames, stacked=True, integers=integers)
+    tasks = os.listdir("/proc/self/task")
+    for threads in (1, 2, 3, 8):
+        found = model(frames, stacked=True, integers=integers, threads=threads)
+        assert found.tobytes() == alone.tobytes()
+    for _ in range(10000):  # the system takes a moment to forget a thread that has ended
+        if os.listdir("/proc/self/task") == tasks:
+            return
+        time.sleep(0.001)
+    pytest.fail("threads are left behind")
+
+
+def test_threads_are_one_to_the_limit(model):
+    inputs = np.ones((2, 4), np.float32)
+    for threads in (0, -1, 257):
+        with pytest.raises(ValueError, match=f"threads: expected 1 to 256, got {threads}"):
+            model(inputs, stacked=True, threads=threads)
+    with pytest.raises(TypeError):
+        model(inputs, stacked=True, threads=1.5)
+
+
 def test_every_layout_and_type_gives_the_same(model):
     inputs = np.random.default_rng(4).normal(size=(6, 4)).astype(np.float32)
     expected = model(inputs, stacked=True)

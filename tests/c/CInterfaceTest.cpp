@@ -321,18 +321,23 @@ TEST_F(CInterface, allocatesNothingForAFrame) {
 }
 
 TEST_F(CInterface, aPassRunsWithAnyNumberOfThreads) {
-  const mlnn_model model = opened();
+  MultiLayerNNModel network =
+      mlnn::test::modelOf({mlnn::test::plainLayer(16, 300), mlnn::test::plainLayer(300, 200, 2)});
+  network.deltasNorm.allocIfNeeded();
+  const std::string image = mlnn::test::ByteImage::of(network).bytes();
+  mlnn_model model;
   mlnn_pass pass;
+  ASSERT_EQ(mlnn_model_open_image(image.data(), image.size(), &model), MLNN_OK);
   ASSERT_EQ(mlnn_pass_create(model, &pass), MLNN_OK);
-  std::vector<float> alone(2 * 50);
-  ASSERT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, alone.data(), 2, 2), MLNN_OK);
+  std::vector<float> alone(200 * 50);
+  ASSERT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, alone.data(), 200, 200), MLNN_OK);
   for (const int32_t threads : {1, 2, 3, 8, 1}) {
     ASSERT_EQ(mlnn_pass_set_threads(pass, threads), MLNN_OK);
-    std::vector<float> outputs(2 * 50);
-    ASSERT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, outputs.data(), 2, 2), MLNN_OK);
+    std::vector<float> outputs(200 * 50);
+    ASSERT_EQ(mlnn_pass_run(pass, 50, inputs_.data(), 16, 16, outputs.data(), 200, 200), MLNN_OK);
     EXPECT_EQ(outputs, alone);
   }
-  const CaptureStderr captured;
+  const mlnn::test::CaptureStderr captured;
   for (const int32_t threads : {0, -1, MLNN_MOST_THREADS + 1}) {
     EXPECT_EQ(mlnn_pass_set_threads(pass, threads), MLNN_ERROR_ARGUMENT);
     EXPECT_STREQ(mlnn_last_error(), "ERROR: mlnn_pass_set_threads: threads must be 1 to 256");
