@@ -816,7 +816,8 @@ PYBIND11_MODULE(_mlnn, module) {
   core.def(py::init<>())
       .def("copy", &copyOf)
       .def("written", &written)
-      .def("evaluate", &evaluate)
+      .def("evaluate", &evaluate, py::arg("frames"), py::arg("stacked"), py::arg("integers"),
+           py::arg("threads") = 1)
       .def("evaluate_few", &evaluateFew)
       .def("stack", &stack);
   bindOperations(core);

@@ -448,4 +448,45 @@ TEST(FwdPassMemory, runningOutOfItLeavesTheOutputs) {
   }
 }
 
+MultiLayerNNModel modelOfWidth(int width) {
+  return mlnn::test::modelOf(
+      {mlnn::test::plainLayer(40, width), mlnn::test::batchNormLayer(width, 707, 2)});
+}
+
+TEST(FwdPassMemory, isNotTakenAnewWithThreads) {
+  for (const int width : {170, 1030}) {  // of which threads share the frames, or the outputs
+    const MultiLayerNNModel model = modelOfWidth(width);
+    NNFwdPassFromFile pass(model);
+    pass.setThreads(mlnn::Threads::start(3));
+    const Eigen::MatrixXf inputs = mlnn::test::someValues(40, 40, 7);
+    Eigen::MatrixXf outputs;
+    ASSERT_EQ(pass.evaluate(inputs, outputs), 0);
+    const mlnn::test::AllocationWatch watch;
+    ASSERT_EQ(pass.evaluate(inputs, outputs), 0);
+    EXPECT_EQ(watch.allocations(), 0U);
+  }
+}
+
+TEST(FwdPassMemory, runningOutOfItLeavesTheOutputsWithThreads) {
+  if (!mlnn::test::kCanFailAllocations) GTEST_SKIP() << "the heap does not let itself be replaced";
+  const MultiLayerNNModel model = modelOfWidth(170);
+  const Eigen::MatrixXf inputs = mlnn::test::someValues(40, 300, 7);
+  const std::shared_ptr<mlnn::Threads> threads = mlnn::Threads::start(3);
+  for (std::size_t successes = 0;; ++successes) {
+    NNFwdPassFromFile pass(model);
+    pass.setThreads(threads);
+    Eigen::MatrixXf outputs = Eigen::MatrixXf::Constant(2, 2, 5.0f);
+    const mlnn::test::FailingAllocation failing(successes);
+    try {
+      pass.evaluate(inputs, outputs);
+    } catch (const std::bad_alloc&) {
+      ASSERT_TRUE(mlnn::test::sameBits(outputs, Eigen::MatrixXf::Constant(2, 2, 5.0f)));
+    }
+    if (!failing.happened()) {
+      EXPECT_GT(successes, 6U);  // the memory of three threads, and the outputs
+      return;
+    }
+  }
+}
+
 }  // namespace

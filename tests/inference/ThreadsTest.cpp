@@ -16,7 +16,6 @@
 #include "inference/Threads.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"
-#include "tests/support/AllocationWatch.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
 
@@ -175,41 +174,6 @@ TEST(FwdPassThreads, serveSeveralPassesAtOnce) {
   }
   for (std::thread& caller : callers) caller.join();
   for (const MatrixXf& output : outputs) EXPECT_TRUE(sameBits(output, alone));
-}
-
-TEST(FwdPassThreads, allocateNothingAfterTheFirstCall) {
-  for (const MultiLayerNNModel& model : {smallModel(), largeModel()}) {
-    NNFwdPassFromFile pass(model);
-    pass.setThreads(Threads::start(3));
-    const MatrixXf inputs = someValues(kInputs, 40, 7);
-    MatrixXf outputs;
-    ASSERT_EQ(pass.evaluate(inputs, outputs), 0);
-    const mlnn::test::AllocationWatch watch;
-    ASSERT_EQ(pass.evaluate(inputs, outputs), 0);
-    EXPECT_EQ(watch.allocations(), 0U);
-  }
-}
-
-TEST(FwdPassThreads, runningOutOfMemoryLeavesTheOutputs) {
-  if (!mlnn::test::kCanFailAllocations) GTEST_SKIP() << "the heap does not let itself be replaced";
-  const MultiLayerNNModel model = smallModel();
-  const MatrixXf inputs = someValues(kInputs, 300, 7);
-  const std::shared_ptr<Threads> threads = Threads::start(3);
-  for (std::size_t successes = 0;; ++successes) {
-    NNFwdPassFromFile pass(model);
-    pass.setThreads(threads);
-    MatrixXf outputs = MatrixXf::Constant(2, 2, 5.0f);
-    const mlnn::test::FailingAllocation failing(successes);
-    try {
-      pass.evaluate(inputs, outputs);
-    } catch (const std::bad_alloc&) {
-      ASSERT_TRUE(sameBits(outputs, MatrixXf::Constant(2, 2, 5.0f)));
-    }
-    if (!failing.happened()) {
-      EXPECT_GT(successes, 6U);  // the memory of three threads, and the outputs
-      return;
-    }
-  }
 }
 
 TEST(Threads, areAtLeastOneAndAtMostTheLimit) {
