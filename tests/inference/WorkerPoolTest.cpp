@@ -116,7 +116,7 @@ TEST(WorkSplit, takesRowsWhereFramesAreFewAndWeightsLarge) {
 }
 
 TEST(WorkSplit, coversAllThings) {
-  for (const std::size_t things : {0, 1, 7, 64}) {
+  for (const std::size_t things : std::vector<std::size_t>{0, 1, 7, 64}) {
     EXPECT_EQ(mlnn::partBegin(0, 3, things), 0U);
     EXPECT_EQ(mlnn::partBegin(3, 3, things), things);
   }
