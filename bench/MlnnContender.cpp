@@ -170,7 +170,11 @@ void finishLayer(const Network& network, std::size_t layer, std::size_t frames, 
 }
 
 void applySoftmaxes(std::size_t outputs, std::size_t frames, float* y) {
-  for (std::size_t f = 0; f < frames; ++f) bestKernels().softmax(y + f * outputs, outputs);
+  const Kernels& kernels = bestKernels();
+  const std::size_t step = framesApart(outputs, outputs, kernels.lanes);
+  for (std::size_t start = 0; start < step; ++start) {
+    for (std::size_t f = start; f < frames; f += step) kernels.softmax(y + f * outputs, outputs);
+  }
 }
 
 }  // namespace mlnn::bench

@@ -174,9 +174,13 @@ void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
   }
   if (!stack.endsInSoftmax()) return;
   const Kernels& kernels = bestKernels();
-  for (Index frame = 0; frame < outputs.count; ++frame) {
-    kernels.softmax(outputs.first + frame * outputs.stride,
-                    static_cast<std::size_t>(widths.outputs));
+  const auto count = static_cast<std::size_t>(widths.outputs);
+  const auto step = static_cast<Index>(
+      framesApart(count, static_cast<std::size_t>(outputs.stride), kernels.lanes));
+  for (Index start = 0; start < step; ++start) {
+    for (Index frame = start; frame < outputs.count; frame += step) {
+      kernels.softmax(outputs.first + frame * outputs.stride, count);
+    }
   }
 }
 
