@@ -82,14 +82,14 @@ class Shape:
         last, leading = self.rank - 1, wanted[:-1]
         if (last,) in leading:
             return False
-        in_place = len(wanted) == self.rank and all(
+        is_same_rank = len(wanted) == self.rank
+        in_place = is_same_rank and all(
             self._is_kept(item, place) for place, item in enumerate(leading))
         if wanted[-1] == -1:
             return in_place
-        counted = leading.count(-1) == 1 or (self.rank == 1 and set(leading) == {1}) or (len(wanted) == self.rank and all(
-            item == (place,) or (not isinstance(item, tuple) and item > 0)
-            for place, item in enumerate(leading)))
-        return self._is_kept(wanted[-1], last) and (in_place or counted)
+        return self._is_kept(wanted[-1], last) and (
+            in_place or leading.count(-1) == 1 or (self.rank == 1 and set(leading) == {1})
+            or (is_same_rank and all(_may_be(item, place) for place, item in enumerate(leading))))
 
     def _joins(self, wanted: Sequence[int | tuple[int]]) -> bool:
         """Whether all dimensions but the first become one."""
@@ -107,3 +107,8 @@ class Shape:
         inner = self.dimensions[1:]
         size = None if None in inner else int(np.prod([length or 0 for length in inner]))
         self.dimensions = [self.dimensions[0], size]
+
+
+def _may_be(wanted: int | tuple[int], place: int) -> bool:
+    """Whether a dimension may have this length: its own, or one that the graph takes alone."""
+    return wanted == (place,) or (not isinstance(wanted, tuple) and wanted > 0)

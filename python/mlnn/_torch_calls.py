@@ -122,7 +122,8 @@ class Chain:
         """Arguments without the values, of which one may be measured that the chain has left behind."""
         return [self._known.get(item.name, VALUE) if isinstance(item, Ref) else item for item in args]
 
-    def _resolved_all(self, args: Sequence[Any], kwargs: Mapping[str, Any]) -> tuple[list[Any], dict[str, Any]]:
+    def _resolved_all(self, args: Sequence[Any],
+                      kwargs: Mapping[str, Any]) -> tuple[list[Any], dict[str, Any]]:
         return ([self._resolved(item) for item in args],
                 {key: self._resolved(item) for key, item in kwargs.items()})
 

@@ -39,8 +39,9 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | None = None, *,
     variance 1. The input "inputs" takes input vectors: normalised frames with their context,
     which Model.stack makes. With `context` the graph makes them, of the frames of one recording,
     which the input "frames" takes; with `normalisation` it normalises first, so with both it takes
-    raw frames, and with that alone vectors of raw frames ("vectors"). With `quantized`, weights that were quantised by rows become whole
-    numbers of 8 bits and DequantizeLinear with a scale for each row, which gives them back exactly.
+    raw frames, and with that alone vectors of raw frames ("vectors"). With `quantized`, weights that
+    were quantised by rows become whole numbers of 8 bits and DequantizeLinear with a scale for each
+    row, which gives them back exactly.
     Raises Error for a model without layers, or with layers that do not fit each other, with
     `quantized` for one without such weights, with `normalisation` or `context` for one that does not
     tell what frames its inputs are made of, and OSError with the file's name where it cannot be

@@ -1,6 +1,7 @@
 """Modules of PyTorch beyond a Sequential of known steps: own ones, compiled ones, those whose
 weights are made of others."""
 import operator
+import random
 
 import numpy as np
 import pytest
@@ -217,6 +218,45 @@ def test_parametrisations_are_computed():
     vectors = module[2].parametrizations.weight[0]._u.clone()
     assert difference(module) < TOLERANCE
     assert (vectors.double() == module[2].parametrizations.weight[0]._u).all()
+
+
+# --- Many ---
+
+def generated(choose):
+    """A Sequential of up to a dozen steps, of which not all fit each other."""
+    norm = lambda width: trained(nn.BatchNorm1d(width, affine=choose([True, False])), width)
+    steps, width = [], 5
+    for _ in range(choose([1, 2, 3])):
+        if choose([True, False, False]):
+            steps.append(norm(width))
+        outputs = choose([1, 2, 4])
+        linear = nn.Linear(width, outputs, bias=choose([True, False]))
+        steps.append(choose([lambda: linear, lambda: nn.utils.weight_norm(linear),
+                             lambda: Wrapped(linear)])())
+        width = outputs
+        for step in (lambda: norm(width), lambda: Wrapped(nn.Identity()), nn.Flatten, nn.AlphaDropout,
+                     lambda: choose([nn.ReLU, nn.Tanh, nn.SiLU, nn.Sigmoid, nn.GELU, nn.Softplus])(),
+                     lambda: norm(width)):
+            if choose([True, False, False]):
+                steps.append(step())
+    return nn.Sequential(*steps, *([nn.Softmax(1)] if choose([True, False]) else []))
+
+
+def test_generated_modules_compute_the_same_or_are_refused_by_name():
+    taken = refused = 0
+    for number in range(60):
+        torch.manual_seed(number)
+        module = generated(random.Random(number).choice)
+        told = refusal(module)
+        if told is None:
+            assert difference(module) < TOLERANCE, (number, module)
+            taken += 1
+        else:
+            paths = [f"{path} (" for path, _ in module.named_modules()] + ["mul (", "mul_1 ("]
+            assert told.startswith(tuple(paths)) or ".mul (" in told, told
+            refused += 1
+    print(f"{taken} taken, {refused} refused")
+    assert taken > 20
 
 
 # --- Compiled ones ---
