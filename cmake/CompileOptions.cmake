@@ -19,6 +19,21 @@ endif()
 
 set(MLNN_COMPILE_OPTIONS ${MLNN_WARNINGS} ${MLNN_FLOAT_OPTIONS})
 
+# Not every standard library converts floating-point numbers from and to text.
+check_cxx_source_compiles("
+#include <charconv>
+int main() {
+  float value = 0;
+  char text[8] = {'1'};
+  std::from_chars(text, text + 1, value);
+  return std::to_chars(text, text + 8, double{value}, std::chars_format::general, 3).ptr != text + 1;
+}" MLNN_HAS_FLOAT_CHARCONV)
+if(MLNN_HAS_FLOAT_CHARCONV)
+  set(MLNN_DECIMAL_CONVERSION DecimalConversion)
+else()
+  set(MLNN_DECIMAL_CONVERSION DecimalConversionByHand)
+endif()
+
 # Reads the headers that nearly every source of a target includes once for all of them; that takes half
 # of the time of most. -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON does without and finds an include that is missing,
 # as check-all's abi does; so does whoever builds the library as a part of another project.

@@ -1,7 +1,8 @@
 #include "features/TrainingNotes.h"
 
-#include <charconv>
 #include <string_view>
+
+#include "text/DecimalConversion.h"
 
 namespace {
 
@@ -26,10 +27,8 @@ void TrainingNotes::addString(const std::string& line) {
 // Without a stream: that would take running out of memory for a write error and go on.
 void TrainingNotes::addRndLayer(int layerCount, float initScale) {
   constexpr int kDigits = 6;
-  char scale[32];
-  char* const end = std::to_chars(scale, scale + sizeof scale, double{initScale},
-                                  std::chars_format::general, kDigits)
-                        .ptr;
+  char scale[mlnn::kLongestDecimal];
+  char* const end = mlnn::writeGeneral(scale, double{initScale}, kDigits);
   lines.push_back("added randomly initialised layer " + std::to_string(layerCount) +
                   ", initScale " + std::string(&scale[0], end));
 }

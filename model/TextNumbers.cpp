@@ -1,10 +1,10 @@
 #include "model/TextNumbers.h"
 
-#include <charconv>
 #include <cmath>
 #include <cstddef>
 
 #include "layers/LayerArrays.h"
+#include "text/DecimalConversion.h"
 #include "text/Numbers.h"
 
 namespace mlnn {
@@ -38,9 +38,8 @@ class NumberCount {
     } else if (precision_ < kExactDigits) {
       const std::string text = generalNumber(static_cast<double>(value), precision_);
       float read = 0;
-      const std::from_chars_result result =
-          std::from_chars(text.data(), text.data() + text.size(), read);
-      const bool isInRange = result.ec == std::errc() || std::abs(value) < 1;
+      const bool isRead = readDecimal(text.data(), text.data() + text.size(), read);
+      const bool isInRange = isRead || std::abs(value) < 1;
       if (!isInRange) ++tooLarge_;
       if (read != value) ++rounded_;
     }

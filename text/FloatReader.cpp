@@ -1,7 +1,6 @@
 #include "text/FloatReader.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -10,6 +9,8 @@
 #include <locale>
 #include <new>
 #include <streambuf>
+
+#include "text/DecimalConversion.h"
 
 namespace mlnn {
 namespace {
@@ -221,11 +222,7 @@ const char* parsePlainFloat(const char* text, const char* end, float& value) {
   }
   if (behind == nullptr) return nullptr;
   if (convertExactly(number, value)) return behind;
-  float converted = 0;
-  const std::from_chars_result result = std::from_chars(text, behind, converted);
-  if (result.ec != std::errc() || result.ptr != behind) return nullptr;
-  value = converted;
-  return behind;
+  return readDecimal(text, behind, value) ? behind : nullptr;
 }
 
 FloatReader::FloatReader(std::istream& in)

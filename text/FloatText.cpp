@@ -1,10 +1,11 @@
 #include "text/FloatText.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+
+#include "text/DecimalConversion.h"
 
 namespace mlnn {
 namespace {
@@ -112,18 +113,12 @@ char* writeScientific(char* out, const Rounded& rounded) {
   return writeDigits(out, static_cast<uint32_t>(std::abs(rounded.exponent)), 2);
 }
 
-char* formatByLibrary(char* out, float value, int precision) {
-  return std::to_chars(out, out + floatTextLength(precision), double{value},
-                       std::chars_format::general, precision)
-      .ptr;
-}
-
 }  // namespace
 
 char* formatFloat(char* out, float value, int precision) {
   const double magnitude = std::abs(double{value});
   if (precision > kMaxFastDigits || !std::isfinite(value)) {
-    return formatByLibrary(out, value, precision);
+    return writeGeneral(out, double{value}, precision);
   }
   char* const begin = out;
   if (std::signbit(value)) *out++ = '-';
@@ -133,7 +128,7 @@ char* formatFloat(char* out, float value, int precision) {
   }
   Rounded rounded;
   if (!roundToDigits(magnitude, precision, rounded))
-    return formatByLibrary(begin, value, precision);
+    return writeGeneral(begin, double{value}, precision);
   dropTrailingZeros(rounded);
   const bool isFixed = rounded.exponent >= -4 && rounded.exponent < precision;
   return isFixed ? writeFixed(out, rounded) : writeScientific(out, rounded);

@@ -1,26 +1,23 @@
 #include "text/Numbers.h"
 
-#include <array>
-#include <charconv>
+#include "text/DecimalConversion.h"
 
 namespace mlnn {
 namespace {
 
-std::string numberText(double value, std::chars_format format, int digits) {
-  std::array<char, 400> text;  // the largest double has 309 digits before the point
-  const std::to_chars_result result =
-      std::to_chars(text.data(), text.data() + text.size(), value, format, digits);
-  return std::string(text.data(), result.ptr);
+std::string numberText(char* (*write)(char*, double, int), double value, int digits) {
+  char text[kLongestDecimal];
+  return std::string(text, write(text, value, digits));
 }
 
 }  // namespace
 
 std::string generalNumber(double value, int digits) {
-  return numberText(value, std::chars_format::general, digits);
+  return numberText(writeGeneral, value, digits);
 }
 
 std::string fixedNumber(double value, int digits) {
-  return numberText(value, std::chars_format::fixed, digits);
+  return numberText(writeFixedPoint, value, digits);
 }
 
 std::string counted(std::size_t number, const std::string& what) {
