@@ -13,13 +13,21 @@ namespace mlnn {
 
 RecordingInputs inputsFor(const InputSide& network, Eigen::Index width, bool stacked,
                           const std::string& fileName) {
+  std::string warning;
+  RecordingInputs inputs = inputsFor(network, width, stacked, fileName, warning);
+  if (!warning.empty()) printWarning(warning);
+  return inputs;
+}
+
+RecordingInputs inputsFor(const InputSide& network, Eigen::Index width, bool stacked,
+                          const std::string& fileName, std::string& warning) {
   const std::string what = inputName(fileName);
   std::string whyNot;
   auto inputs = RecordingInputs::forFrames(network, width, stacked, what, whyNot);
   if (!inputs) throw Failure(whyNot);
-  if (inputs->leavesOutLineKernels()) {
-    printWarning("the feature description asks for line kernels, which are not applied to " + what);
-  }
+  warning = inputs->leavesOutLineKernels()
+                ? "the feature description asks for line kernels, which are not applied to " + what
+                : "";
   return *std::move(inputs);
 }
 

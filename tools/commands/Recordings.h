@@ -16,6 +16,10 @@ namespace mlnn {
 RecordingInputs inputsFor(const InputSide& network, Eigen::Index width, bool stacked,
                           const std::string& fileName);
 
+// The same; puts the warning into `warning`, "" for none, instead of printing it.
+RecordingInputs inputsFor(const InputSide& network, Eigen::Index width, bool stacked,
+                          const std::string& fileName, std::string& warning);
+
 // Runs both models over the frames of files, each on the input vectors that its own description
 // makes of them. Shows its progress.
 // Throws: Failure when a file cannot be read or a model cannot be run over it.

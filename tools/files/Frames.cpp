@@ -158,12 +158,16 @@ Eigen::MatrixXf readFrames(const std::string& name) {
 
 Eigen::MatrixXf readRecording(const std::string& name) {
   Eigen::MatrixXf frames = readFrames(name);
-  const Index notFinite = frames.size() - frames.array().isFinite().count();
-  if (notFinite > 0) {
-    printWarning(inputName(name) + " holds " +
-                 counted(static_cast<std::size_t>(notFinite), "value") + " not finite");
-  }
+  const std::string warning = notFiniteWarning(frames, name);
+  if (!warning.empty()) printWarning(warning);
   return frames;
+}
+
+std::string notFiniteWarning(const Eigen::MatrixXf& frames, const std::string& name) {
+  const Index notFinite = frames.size() - frames.array().isFinite().count();
+  if (notFinite == 0) return "";
+  return inputName(name) + " holds " + counted(static_cast<std::size_t>(notFinite), "value") +
+         " not finite";
 }
 
 Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what) {

@@ -20,6 +20,9 @@ Eigen::MatrixXf readFrames(const std::string& name);
 // The same, with a warning where a value is not finite.
 Eigen::MatrixXf readRecording(const std::string& name);
 
+// Returns what is to be warned of: that values of the file are not finite; "" where all are.
+std::string notFiniteWarning(const Eigen::MatrixXf& frames, const std::string& name);
+
 // Parses frames in memory; `what` names them in messages.
 Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what);
 

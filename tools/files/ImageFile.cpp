@@ -51,4 +51,11 @@ std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) 
   return image;
 }
 
+std::unique_ptr<ImageFwdPass> ImageFile::anotherPass() const {
+  auto pass = std::make_unique<ImageFwdPass>();
+  const CollectedMessages said;
+  if (pass->open(file_.data(), file_.length(), ImageChecksum::kDeclined) != 0) return nullptr;
+  return pass;
+}
+
 }  // namespace mlnn

@@ -31,6 +31,13 @@ OutputSide RunnableModel::outputSide() const {
   return {classLabels(file_.model), file_.model.useSoftmax};
 }
 
+std::unique_ptr<FwdPass> RunnableModel::anotherPass() {
+  if (!image_) return std::unique_ptr<FwdPass>(file_.model.createFwdPass());
+  std::unique_ptr<ImageFwdPass> pass = image_->anotherPass();
+  if (pass != nullptr) pass->setSoftmax(imageHasSoftmax_);
+  return pass;
+}
+
 std::unique_ptr<IntegerFwdPass> RunnableModel::integerPass(WideInputs wideInputs) const {
   if (image_) return IntegerFwdPass::create(image_->pass(), wideInputs);
   return IntegerFwdPass::create(file_.model, wideInputs);

@@ -29,6 +29,10 @@ class RunnableModel {
 
   FwdPass& pass() { return image_ ? static_cast<FwdPass&>(image_->pass()) : *loadedPass_; }
 
+  // Makes a further pass like that, for another thread. Prints nothing.
+  // Returns: null where the image is refused by now.
+  std::unique_ptr<FwdPass> anotherPass();
+
   // Makes a pass in integers over what it runs; an image is read where it lies.
   // Returns: null, after an error line, where that cannot be run.
   std::unique_ptr<IntegerFwdPass> integerPass(WideInputs wideInputs) const;

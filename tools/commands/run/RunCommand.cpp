@@ -1,6 +1,7 @@
 #include "tools/commands/run/RunCommand.h"
 
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "tools/commands/CoarseGrid.h"
 #include "tools/commands/NetworkOptions.h"
 #include "tools/commands/Recordings.h"
+#include "tools/commands/run/RecordingGroup.h"
 #include "tools/commands/run/RunJobs.h"
 #include "tools/commands/run/RunResults.h"
 #include "tools/files/Frames.h"
@@ -38,6 +40,8 @@ struct Options {
   bool jsonLines = false;
   int bits = 0;  // of the weights; 0 for the model itself
   bool integers = false;
+  int jobs = Threads::processors();
+  bool resume = false;
   std::string words;            // the layers that take words in integers; "" for none
   std::optional<bool> softmax;  // as the model says without it
   LoadOptions load;
@@ -69,6 +73,17 @@ CommandHelp help() {
       "reach the disk together, those of a second or of some hundred recordings at a time; an\n"
       "interrupt leaves those whole that are there.\n"
       "\n"
+      "--resume goes on where a run with the same options ended: FRAMES are left out, and nothing "
+      "is\n"
+      "said of them, whose result is a file that was written after MODEL and FRAMES were last\n"
+      "changed. A result takes its name when it is whole, so part of one is never taken for it.\n"
+      "\n"
+      "--jobs says how many threads share the work: short recordings are evaluated at the same "
+      "time,\n"
+      "the frames of a long one are divided. What comes out is the same with any number, and in "
+      "the\n"
+      "order of FRAMES.\n"
+      "\n"
       "A folder among FRAMES stands for the files in it, but for hidden ones; the result of\n"
       "words/a.npy is called words/a.npy then.\n"
       "\n"
@@ -93,6 +108,7 @@ CommandHelp help() {
       "mlnn run model.mlnn word.npy -o posteriors.npy\n"
       "mlnn run model.mlnn words/*.npy -o posteriors/\n"
       "mlnn run model.mlnn word.npy --trace traced/\n"
+      "mlnn run model.mlnn words/ -o posteriors/ --resume\n"
       "mlnn run quantised.mlnn word.npy --integers\n"
       "mlnn run --json model.mlnn words/*.npy | jq -r .recordings[].recording.label\n"
       "find . -name '*.npy' -print0 | mlnn run model.mlnn -0 --files-from - --json-lines\n"
@@ -157,15 +173,20 @@ class JobRunner {
         jobs_(jobs),
         model_(model),
         other_(otherPass(model, options)),
+        group_(model.inputSide(), options.stacked, options.jobs, pass(),
+               [this] { return anotherPass(); }),
         results_(formOf(options), options.model, model.outputSide(), jobs.size() > 1),
         progress_(jobs.size()) {}
 
   // Returns: the exit status.
   int run() {
-    for (std::size_t i = 0; i < jobs_.size(); ++i) {
-      runOne(i);
-      if (jobs_[i].out.empty() || batch_.isFull() || Clock::now() > settled_ + kPatience) {
-        settle(i + 1);
+    for (std::size_t i = 0; i < jobs_.size();) {
+      const std::size_t together = group_.length(jobs_, i);
+      if (together > 1) {
+        runGroup(i, together);
+        i += together;
+      } else {
+        runOne(i++);
       }
     }
     settle(jobs_.size());
@@ -178,11 +199,47 @@ class JobRunner {
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kPatience{1};
 
+  FwdPass& pass() { return other_ ? *other_ : model_.pass(); }
+
+  // Another one for another thread.
+  std::unique_ptr<FwdPass> anotherPass() {
+    if (const auto* const coded = dynamic_cast<const CodedFwdPass*>(other_.get())) {
+      return coded->another();
+    }
+    if (const auto* const integers = dynamic_cast<const IntegerFwdPass*>(other_.get())) {
+      return integers->another();
+    }
+    return model_.anotherPass();
+  }
+
   void runOne(std::size_t index) {
     const RunJob& job = jobs_[index];
+    if (options_.jobs > 1 && threads_ == nullptr && !RecordingGroup::isShort(job)) {
+      threads_ = Threads::start(options_.jobs);
+      pass().setThreads(threads_);
+    }
+    tell(index, [&] { return evaluate(model_, pass(), options_, job, progress_); });
+  }
+
+  void runGroup(std::size_t first, std::size_t count) {
+    std::vector<EvaluatedRecording> results = group_.evaluate(jobs_, first, count);
+    for (std::size_t i = 0; i < count; ++i) {
+      progress_.beginPart(escaped(jobs_[first + i].frames), 1);
+      if (!results[i].said.empty()) std::cerr << results[i].said;
+      tell(first + i, [&] {
+        if (results[i].failure) throw Failure(*results[i].failure);
+        return std::move(results[i].outputs);
+      });
+      progress_.advance();
+    }
+  }
+
+  // Writes or shows what `evaluated()` gives, or why it gives nothing.
+  template <typename Evaluated>
+  void tell(std::size_t index, const Evaluated& evaluated) {
+    const RunJob& job = jobs_[index];
     try {
-      FwdPass& pass = other_ ? *other_ : model_.pass();
-      const Eigen::MatrixXf outputs = evaluate(model_, pass, options_, job, progress_);
+      const Eigen::MatrixXf outputs = evaluated();
       if (!job.out.empty()) {
         writeFrames(job.out, outputs, batch_);
         batched_.push_back(index);
@@ -192,6 +249,9 @@ class JobRunner {
     } catch (const Failure& failure) {
       results_.addFailure(job, failure);
       status_ = kRefused;
+    }
+    if (job.out.empty() || batch_.isFull() || Clock::now() > settled_ + kPatience) {
+      settle(index + 1);
     }
   }
 
@@ -212,6 +272,8 @@ class JobRunner {
   const std::vector<RunJob>& jobs_;
   RunnableModel& model_;
   std::unique_ptr<FwdPass> other_;
+  std::shared_ptr<Threads> threads_;  // of a long recording; null before there was one
+  RecordingGroup group_;
   RunResults results_;
   Progress progress_;
   OutputBatch batch_;
@@ -225,6 +287,12 @@ void checkUsage(const Options& options) {
   refuseSecondStandardInput({options.model, options.recordings.filesFrom});
   if ((options.json || options.jsonLines) && options.out == kStandardStream) {
     throw UsageError("the JSON goes to standard output, so OUT cannot go there too");
+  }
+  if (options.resume && (options.out.empty() || options.out == kStandardStream)) {
+    throw UsageError("--resume looks for results in OUT, so it goes with a file or folder there");
+  }
+  if (options.resume && !options.trace.empty()) {
+    throw UsageError("a trace has no sign that it is whole, so --trace does not go with --resume");
   }
   if (options.bits != 0 && !options.trace.empty()) {
     throw UsageError("a trace shows the model itself, so --trace does not go with --bits");
@@ -242,11 +310,12 @@ std::vector<std::string> inputsOf(const Options& options, const std::vector<RunJ
 
 int run(const Options& options) {
   checkUsage(options);
-  const RunJobs jobs = runJobs(recordingFiles(options.recordings), options.out, options.trace);
+  RunJobs jobs = runJobs(recordingFiles(options.recordings), options.out, options.trace);
   refuseSecondStandardInput(inputsOf(options, jobs.jobs));
   refuseLossOfInputs(options.model, jobs.jobs);
   const bool needsModel = !options.trace.empty() || options.bits != 0;
   RunnableModel model(options.model, options.load, needsModel, options.softmax);
+  if (options.resume) leaveOutDone(options.model, jobs.jobs);
   makeFolders(options.out, jobs);
   return JobRunner(options, jobs.jobs, model).run();
 }
@@ -288,6 +357,12 @@ void addRunCommand(Tool& tool) {
       .type("LAYERS");
   addOnOffOption(command, "--softmax", options->softmax,
                  "Whether a softmax goes over the outputs (default: as the model says)");
+  command
+      .add("-j,--jobs", options->jobs,
+           "Threads that share the work (default: as many as processors)")
+      .inRange(1, Threads::kMost)
+      .type("N");
+  command.addFlag("--resume", options->resume, "Leave out FRAMES whose results are there");
   addLoadOptions(command, options->load);
 }
 

@@ -1,6 +1,8 @@
 #include "tools/commands/run/RunJobs.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <system_error>
 
@@ -51,6 +53,14 @@ bool isFromFolder(const RecordingFile& recording) {
   return fs::path(recording.name).has_parent_path();
 }
 
+// When a file was last changed; nothing for what is no file.
+std::optional<fs::file_time_type> changeOf(const std::string& name) {
+  std::error_code error;
+  if (!fs::is_regular_file(name, error)) return std::nullopt;
+  const fs::file_time_type time = fs::last_write_time(name, error);
+  return error ? std::nullopt : std::optional(time);
+}
+
 void makeFolder(const std::string& name) {
   std::error_code error;
   if (!fs::create_directory(name, error) && error) {
@@ -84,6 +94,17 @@ void refuseLossOfInputs(const std::string& model, const std::vector<RunJob>& job
     inputs.refuse(job.out);
     if (!job.trace.empty()) refuseTraceOf(inputs, job.trace);
   }
+}
+
+void leaveOutDone(const std::string& model, std::vector<RunJob>& jobs) {
+  const std::optional<fs::file_time_type> modelChange = changeOf(model);
+  if (!modelChange) return;
+  const auto isDone = [&](const RunJob& job) {
+    const std::optional<fs::file_time_type> change = changeOf(job.frames);
+    const std::optional<fs::file_time_type> result = changeOf(job.out);
+    return change && result && *result > *change && *result > *modelChange;
+  };
+  jobs.erase(std::remove_if(jobs.begin(), jobs.end(), isDone), jobs.end());
 }
 
 void makeFolders(const std::string& out, const RunJobs& jobs) {

@@ -29,6 +29,11 @@ RunJobs runJobs(const std::vector<RecordingFile>& recordings, const std::string&
 // Throws: UsageError when a result would replace the model or frames.
 void refuseLossOfInputs(const std::string& model, const std::vector<RunJob>& jobs);
 
+// Leaves out the jobs that an earlier run has done: whose result is a regular file that was written
+// after both the model and the frames, which are files as well, were last changed. A result takes
+// its name when it is whole, so no part of one counts.
+void leaveOutDone(const std::string& model, std::vector<RunJob>& jobs);
+
 // Makes the folder `out`, and those in it that results need.
 // Throws: Failure.
 void makeFolders(const std::string& out, const RunJobs& jobs);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -536,6 +537,106 @@ TEST_F(RunCommandTest, imagesWithoutOutputsAreRefused) {
   const ToolResult result = run({"narrow.mlnn", "frames.txt"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "ERROR: the model has no outputs\n");
+}
+
+// Recordings of different lengths, some of which are refused or warned of.
+void writeManyRecordings(const mlnn::test::TempFolder& folder) {
+  fs::create_directory(folder.path("many"));
+  for (int i = 0; i < 50; ++i) {
+    std::string text;
+    for (int f = 0; f <= i % 7; ++f) text += std::to_string(i) + " " + std::to_string(f) + "\n";
+    if (i % 11 == 3) text = "1 x\n";
+    if (i % 13 == 4) text = "1 2 3\n";
+    if (i % 17 == 5) text += "nan 1\n";
+    folder.write("many/" + std::to_string(100 + i) + ".txt", text);
+  }
+}
+
+TEST_F(RunCommandTest, givesTheSameWithAnyNumberOfJobs) {
+  writeManyRecordings(folder_);
+  for (const std::vector<std::string>& form : std::vector<std::vector<std::string>>{
+           {}, {"--json"}, {"--json-lines"}, {"--bits", "8"}, {"--integers"}, {"-o", "-"}}) {
+    std::vector<std::string> arguments = {"softmax", "many", "frames.txt"};
+    if (form == std::vector<std::string>{"-o", "-"}) arguments = {"softmax", "many/101.txt"};
+    arguments.insert(arguments.end(), form.begin(), form.end());
+    arguments.insert(arguments.end(), {"--jobs", "1"});
+    const ToolResult alone = run(arguments);
+    EXPECT_FALSE(alone.out.empty());
+    for (const char* const jobs : {"2", "3", "8"}) {
+      arguments.back() = jobs;
+      const ToolResult together = run(arguments);
+      EXPECT_EQ(together.status, alone.status);
+      EXPECT_EQ(together.out, alone.out);
+      EXPECT_EQ(together.err, alone.err);
+    }
+  }
+}
+
+TEST_F(RunCommandTest, imagesGiveTheSameWithAnyNumberOfJobs) {
+  writeManyRecordings(folder_);
+  MultiLayerNNModel model = mlnn::test::modelOf({mlnn::test::plainLayer(2, 5)});
+  model.deltasNorm.allocIfNeeded();
+  folder_.write("image", mlnn::test::ByteImage::of(model).bytes());
+  const ToolResult alone = run({"image", "many", "--stacked", "--jobs", "1"});
+  EXPECT_FALSE(alone.out.empty());
+  const ToolResult together = run({"image", "many", "--stacked", "--jobs", "4"});
+  EXPECT_EQ(together.out, alone.out);
+  EXPECT_EQ(together.err, alone.err);
+}
+
+TEST_F(RunCommandTest, refusesToRunWithoutAnyJob) {
+  expectRefused({"pair", "frames.txt", "--jobs", "0"}, 2,
+                "ERROR: --jobs: Value 0 not in range 1 to 256\n"
+                "Run with --help for more information.\n");
+}
+
+TEST_F(RunCommandTest, resumesBehindTheResultsThatAreWhole) {
+  const auto later = [this](const std::string& name, int seconds) {
+    const fs::path file = folder_.path(name);
+    fs::last_write_time(file,
+                        fs::last_write_time(folder_.path("pair")) + std::chrono::seconds(seconds));
+  };
+  for (const char* const name : {"a", "b", "c", "d", "e"}) {
+    folder_.write(name, "1\n2\n");
+    later(name, 10);
+  }
+  fs::create_directory(folder_.path("out"));
+  for (const char* const name : {"out/a", "out/b", "out/c"}) folder_.write(name, "as it was\n");
+  later("out/a", 20);                           // done
+  later("out/b", 5);                            // before the recording was changed
+  later("out/c", 10);                           // perhaps before
+  fs::create_directory(folder_.path("out/d"));  // no result
+  const std::vector<std::string> arguments = {"pair", "a", "b", "c", "e", "-o", "out", "--resume"};
+  const ToolResult result = run(arguments);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out + result.err, "");
+  EXPECT_EQ(contentOf(folder_.path("out/a")), "as it was\n");
+  for (const char* const name : {"out/b", "out/c", "out/e"}) {
+    EXPECT_EQ(contentOf(folder_.path(name)), "1 1\n1 2\n");
+    later(name, 20);
+  }
+  EXPECT_EQ(run({"pair", "a", "b", "c", "d", "e", "-o", "out", "--resume"}).status, 1);
+  later("pair", 30);  // now no result is of this model
+  EXPECT_EQ(run(arguments).status, 0);
+  EXPECT_EQ(contentOf(folder_.path("out/a")), "1 1\n1 2\n");
+}
+
+TEST_F(RunCommandTest, resumesWithNothingLeftToDo) {
+  ASSERT_EQ(run({"pair", "frames.txt", "-o", "out"}).status, 0);
+  fs::last_write_time(folder_.path("out"),
+                      fs::last_write_time(folder_.path("out")) + std::chrono::seconds(9));
+  const ToolResult result = run({"pair", "frames.txt", "-o", "out", "--resume", "--json-lines"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+}
+
+TEST_F(RunCommandTest, resumesOnlyWhereThereAreResults) {
+  expectRefused(
+      {"pair", "frames.txt", "--resume"}, 2,
+      "ERROR: --resume looks for results in OUT, so it goes with a file or folder there\n");
+  expectRefused(
+      {"pair", "frames.txt", "--resume", "-o", "out", "--trace", "t"}, 2,
+      "ERROR: a trace has no sign that it is whole, so --trace does not go with --resume\n");
 }
 
 }  // namespace
