@@ -10,6 +10,7 @@
 #include "inference/kernels/Activation.h"
 #include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
+#include "layers/BuiltForSize.h"
 
 namespace mlnn {
 namespace {
@@ -141,6 +142,28 @@ std::vector<LayerResult> emptyTrace(const LayerSource& stack, Index frames) {
   return trace;
 }
 
+// Whether the last vector of a frame of results touches the next frame. A processor does not read a
+// vector of which a part is still on its way to the cache, so such frames would wait for each
+// other.
+bool shareVectors(const Frames& frames, Index width) {
+  if (kBuiltForSize || frames.count == 1) return false;
+  const auto lanes = static_cast<Index>(bestKernels().lanes);
+  return frames.stride > 0 && (width + lanes - 1) / lanes * lanes > frames.stride;
+}
+
+void applySoftmaxes(const Frames& frames, Index width) {
+  const Kernels& kernels = bestKernels();
+  for (Index frame = 0; frame < frames.count; ++frame) {
+    kernels.softmax(frames.first + frame * frames.stride, static_cast<std::size_t>(width));
+  }
+}
+
+void copyFrames(const Frames& from, const Frames& to, Index width) {
+  for (Index frame = 0; frame < from.count; ++frame) {
+    std::copy_n(from.first + frame * from.stride, width, to.first + frame * to.stride);
+  }
+}
+
 // Takes all of `inputs` through the stack together; the first of them is frame `first` of the
 // trace.
 void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
@@ -155,11 +178,13 @@ void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
     gather(inputs, spare, xStride);
     x = spare;
   }
+  const bool isApart = shareVectors(outputs, widths.outputs);
   for (std::size_t i = 0; i < widths.layers; ++i) {
     const bool isLast = i + 1 == widths.layers;
     const LayerView layer = stack.layer(i);
-    const Frames y =
-        isLast ? outputs : Frames{next, strideFor(static_cast<Index>(layer.rows)), inputs.frames};
+    const Frames y = isLast && !isApart
+                         ? outputs
+                         : Frames{next, strideFor(static_cast<Index>(layer.rows)), inputs.frames};
     const LayerCall call{stack, i, x, xStride, y};
     if (trace != nullptr) {
       traceLayer(call, layer, memory, first, (*trace)[i]);
@@ -172,16 +197,9 @@ void evaluateTogether(const LayerSource& stack, const StackWidths& widths,
     xStride = y.stride;
     std::swap(next, spare);
   }
-  if (!stack.endsInSoftmax()) return;
-  const Kernels& kernels = bestKernels();
-  const auto count = static_cast<std::size_t>(widths.outputs);
-  const auto step = static_cast<Index>(
-      framesApart(count, static_cast<std::size_t>(outputs.stride), kernels.lanes));
-  for (Index start = 0; start < step; ++start) {
-    for (Index frame = start; frame < outputs.count; frame += step) {
-      kernels.softmax(outputs.first + frame * outputs.stride, count);
-    }
-  }
+  const Frames results = isApart ? Frames{spare, xStride, outputs.count} : outputs;
+  if (stack.endsInSoftmax()) applySoftmaxes(results, widths.outputs);
+  if (isApart) copyFrames(results, outputs, widths.outputs);
 }
 
 // What evaluateAll needs for so many frames of `inputs`.

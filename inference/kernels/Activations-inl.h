@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "inference/kernels/ActivationFormulas-inl.h"
-#include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/Softmax-inl.h"
 #include "inference/kernels/VectorOps-inl.h"
@@ -90,11 +89,8 @@ HWY_INLINE void finishLayer(const LayerView& layer, std::size_t first, std::size
                             std::size_t yStride, std::size_t frames) {
   const ActivationLoops& loops = loopsFor(layer.actFn);
   const float* scale = layer.scale == nullptr ? nullptr : layer.scale + first;
-  const std::size_t step = framesApart(count, yStride, kLanes);
-  for (std::size_t start = 0; start < step; ++start) {
-    for (std::size_t f = start; f < frames; f += step) {
-      loops.finish(scale, layer.shift + first, count, y + f * yStride);
-    }
+  for (std::size_t f = 0; f < frames; ++f) {
+    loops.finish(scale, layer.shift + first, count, y + f * yStride);
   }
 }
 

@@ -156,16 +156,6 @@ constexpr bool isPacked(const LayerView& layer, std::size_t frames, bool loadsBa
   return frames >= kManyFrames && layer.rows >= kFloatsInPage;
 }
 
-// How many frames on the next one is whose `count` values no vector of a frame's own touches, where
-// frames are `stride` values apart: 1 where the vectors end with the frame. A processor waits until
-// a part of a vector is in its cache before it reads what overlaps with it, so frames that are
-// changed in place take turns.
-constexpr std::size_t framesApart(std::size_t count, std::size_t stride, std::size_t lanes) {
-  if (kBuiltForSize || stride == 0) return 1;
-  const std::size_t touched = (count + lanes - 1) / lanes * lanes;
-  return std::max<std::size_t>((touched + stride - 1) / stride, 1);
-}
-
 // The rows of weights that are unpacked at once: few enough to stay in the second-level cache,
 // where that is possible. They are more than kFewRows, or all, so that blocks of rows have the
 // layer's own order of additions.

@@ -54,16 +54,6 @@ TEST(KernelChoice, hasShapesThatTheLoopsCanTake) {
   }
 }
 
-TEST(KernelChoice, letsFramesTakeTurnsThatShareAVector) {
-  EXPECT_EQ(mlnn::framesApart(12, 12, 16), 2U);
-  EXPECT_EQ(mlnn::framesApart(16, 16, 16), 1U);
-  EXPECT_EQ(mlnn::framesApart(40, 40, 16), 2U);
-  EXPECT_EQ(mlnn::framesApart(12, 80, 16), 1U);
-  EXPECT_EQ(mlnn::framesApart(1, 1, 16), 16U);
-  EXPECT_EQ(mlnn::framesApart(3, 3, 1), 1U);
-  EXPECT_EQ(mlnn::framesApart(0, 0, 16), 1U);
-}
-
 TEST(KernelChoice, keepsTheShapeUntilAnotherIsFixed) {
   const KernelShape& before = mlnn::kernelShape();
   EXPECT_EQ(&mlnn::kernelShape(), &before);
