@@ -1,15 +1,20 @@
-"""The commands of the package: python3 -m mlnn export-onnx, import-onnx."""
+"""The commands of the package: python3 -m mlnn export-onnx, import-onnx; and, where the tool was built
+along, all of its commands."""
 from __future__ import annotations
 
 import argparse
+import os
 import sys
 import warnings
 
 import mlnn
+from mlnn._messages import _visible
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="mlnn", description="Models as ONNX, and back.")
+    parser = argparse.ArgumentParser(
+        prog="mlnn", description="Models as ONNX, and back. The tool, whose commands are more, was not "
+                                 "built along with this package.")
     commands = parser.add_subparsers(dest="command", required=True)
     export = commands.add_parser("export-onnx", help="write a model as ONNX")
     export.add_argument("model", help="text model or binary image")
@@ -24,18 +29,6 @@ def _parser() -> argparse.ArgumentParser:
     return parser
 
 
-def _shown(text: str) -> str:
-    """The text with what could drive a terminal, or hide in it, made visible, but for the ends
-    of lines: failures may have several."""
-    def visible(character: str) -> str:
-        if character.isprintable() or character == "\n":
-            return character
-        if "\udc80" <= character <= "\udcff":  # a byte of a name that is no UTF-8
-            return f"\\x{ord(character) - 0xdc00:02x}"
-        return character.encode("unicode_escape").decode()
-    return "".join(map(visible, text))
-
-
 def _line_of(error: Exception) -> str:
     """The line that the tool prints of a failure."""
     if isinstance(error, MemoryError):
@@ -45,13 +38,34 @@ def _line_of(error: Exception) -> str:
         text = error.strerror
         if not text.startswith("ERR"):
             text = f"{error.filename}: {text}"
-    return _shown(text if text.startswith("ERR") else f"ERROR: {text}")
+    return _visible(text if text.startswith("ERR") else f"ERROR: {text}")
+
+
+def _tool() -> str | None:
+    """The program of the tool: in the package, or where CMake installs it beside this package."""
+    package = os.path.dirname(__file__)
+    beside = os.path.join(package, *[os.pardir] * 4, "bin", "mlnn")
+    return next((path for path in (os.path.join(package, "_tool"), beside) if _is_program(path)), None)
+
+
+def _is_program(path: str) -> bool:
+    if not os.path.isfile(path) or not os.access(path, os.X_OK):
+        return False
+    with open(path, "rb") as file:
+        return file.read(4) == b"\x7fELF"  # a script could be the one that came here
 
 
 def main(arguments: list[str] | None = None) -> int:
+    words = sys.argv[1:] if arguments is None else arguments
+    if words[:1] not in (["export-onnx"], ["import-onnx"]):
+        program = _tool()
+        if program is not None:
+            os.environ.setdefault("MLNN_PYTHON", sys.executable)
+            sys.stdout.flush()
+            os.execv(program, ["mlnn", *words])
     options = _parser().parse_args(arguments)
     warnings.showwarning = lambda message, *rest: print(
-        "Warning: " + _shown(str(message)), file=sys.stderr)
+        "Warning: " + _visible(str(message)), file=sys.stderr)
     warnings.simplefilter("always", mlnn.Warning)
     try:
         if options.command == "export-onnx":

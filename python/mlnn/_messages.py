@@ -26,6 +26,18 @@ def _str(text: bytes) -> str:
     return text.decode("utf-8", "surrogateescape")
 
 
+def _visible(text: str) -> str:
+    """The text with what could drive a terminal, or hide in it, made visible, but for the ends
+    of lines: failures may have several."""
+    def visible(character: str) -> str:
+        if character.isprintable() or character == "\n":
+            return character
+        if "\udc80" <= character <= "\udcff":  # a byte of a name that is no UTF-8
+            return f"\\x{ord(character) - 0xdc00:02x}"
+        return character.encode("unicode_escape").decode()
+    return "".join(map(visible, text))
+
+
 def _warn(text: str) -> None:
     """Warns, at the line of the caller that is not of this package."""
     level, frame = 1, sys._getframe()
