@@ -17,17 +17,19 @@ import os
 
 from . import _mlnn
 from ._analysis import average, compare, diagnose, diff
+from ._cluster import score_recordings
 from ._features import FeatureDescription
 from ._files import _told_of, _write_whole  # noqa: F401  (the conversions read and write files)
 from ._layer import Layer
 from ._messages import Error, Warning  # noqa: A004  (read as mlnn.Warning)
 from ._model import Model
+from ._plot import plot_posteriors
 from ._values import ACT_FNS, NORM_LENGTH, _CURVES, _VECTORS, _integer  # noqa: F401
 
 __version__ = _mlnn.version
 __all__ = ["ACT_FNS", "Error", "FeatureDescription", "Layer", "Model", "Warning", "average",
            "compare", "diagnose", "diff", "from_onnx", "from_sklearn", "from_torch", "load",
-           "seed_random", "to_onnx", "to_torch"]
+           "plot_posteriors", "score_recordings", "seed_random", "to_onnx", "to_torch"]
 
 # Where they are found; pickles and messages call them so.
 for _public in Error, FeatureDescription, Layer, Model, Warning:

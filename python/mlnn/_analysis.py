@@ -11,7 +11,7 @@ from . import _mlnn
 from ._files import _told_of
 from ._messages import Error
 from ._results import (Behaviour, Budget, Difference, Digest, IntegerPass, LayerDifference, Misfit,
-                       ModelDifference, PrecisionLoss, StageDifference, StatementDifference,
+                       ModelDifference, PrecisionLoss, Results, StageDifference, StatementDifference,
                        Suspicion, Sweep, Trace, TraceDifference, TraceSide, _text)
 from ._values import _Floats, _frames, _integer
 
@@ -23,8 +23,8 @@ TOLERANCE = 1e-4
 _Recordings = Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike]
 
 
-def check(core: _mlnn.Core) -> list[Suspicion]:
-    return [Suspicion(**_text(found)) for found in _mlnn.check(core)]
+def check(core: _mlnn.Core) -> Results[Suspicion]:
+    return Results(Suspicion(**_text(found)) for found in _mlnn.check(core))
 
 
 def diagnose(source: str | os.PathLike[str] | bytes) -> Misfit | None:
@@ -98,12 +98,12 @@ def _stage_difference(found: dict[str, Any]) -> StageDifference:
 
 
 def compare(a: Trace | Mapping[str, npt.ArrayLike], b: Trace | Mapping[str, npt.ArrayLike], *,
-            tolerance: float = TOLERANCE, common_only: bool = False) -> list[TraceDifference]:
+            tolerance: float = TOLERANCE, common_only: bool = False) -> Results[TraceDifference]:
     """Compares the results of two engines stage by stage: two traces, as Model.trace gives, or
     mappings from the names of stages to frames x values. Raises ValueError for other names."""
     found = _mlnn.trace_differences(_stages(a), _stages(b), bool(common_only), float(tolerance))
-    return [TraceDifference(one["stage"], TraceSide(**one["a"]), TraceSide(**one["b"]),
-                            one["is_beyond"], Difference(**one["difference"])) for one in found]
+    return Results(TraceDifference(one["stage"], TraceSide(**one["a"]), TraceSide(**one["b"]),
+                                   one["is_beyond"], Difference(**one["difference"])) for one in found)
 
 
 def average(models: Iterable[Model], weights: Iterable[float] | None = None) -> Model:

@@ -101,6 +101,10 @@ class Layer:
         kind = "batch norm" if self.batch_norm else "plain"
         return f"<mlnn.Layer {self.num_inputs} -> {self.num_outputs}, {kind}, {self.act_fn}>"
 
+    def _repr_html_(self) -> str:
+        from . import _html
+        return _html.of_layer(self)
+
 
 def _layer_of(record: bytes) -> Layer:
     """A layer that belongs to no model, from its binary record."""
@@ -167,3 +171,7 @@ class _Layers(MutableSequence[Layer]):
 
     def __repr__(self) -> str:
         return repr(list(self))
+
+    def _repr_html_(self) -> str:
+        from . import _html
+        return _html.layers_table(self)

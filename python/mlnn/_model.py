@@ -13,7 +13,7 @@ from ._features import FeatureDescription
 from ._files import _told_of, _write_whole
 from ._layer import Layer, _Layers
 from ._messages import Error, _str, _warn, _hear, _says_error
-from ._results import Budget, Digest, Suspicion, Sweep, Trace
+from ._results import Budget, Digest, Results, Suspicion, Sweep, Trace
 from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _Floats, _act_fn, _bytes, _float32,
                       _frames, _integer, _single, _size)
 from ._views import _Curve, _Lines, _Props
@@ -502,7 +502,13 @@ class Model:
 
     # --- What one can know of it ---
 
-    def check(self) -> list[Suspicion]:
+    def plot(self) -> Any:
+        """A matplotlib figure of the training curves and, layer by layer, of how often weights occur and of
+        the weights as an image. Notebooks show it; `figure.savefig(path)` writes it. Needs matplotlib."""
+        from . import _plot
+        return _plot.of_model(self)
+
+    def check(self) -> Results[Suspicion]:
         """What can hardly be meant in the model: what would make it give nonsense without a word."""
         return _analysis.check(self._core)
 
@@ -529,6 +535,10 @@ class Model:
 
     def __repr__(self) -> str:
         return f"<mlnn.Model {self._core.debug_description()}>"
+
+    def _repr_html_(self) -> str:
+        from . import _html
+        return _html.of_model(self)
 
 
 def _as_mapping(layer: Mapping[str, Any] | Sequence[Any]) -> Mapping[str, Any]:

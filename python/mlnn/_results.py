@@ -2,8 +2,8 @@
 from __future__ import annotations
 
 import dataclasses
-from collections.abc import Mapping
-from typing import Any
+from collections.abc import Mapping, Sequence
+from typing import Any, TypeVar
 
 import numpy as np
 import numpy.typing as npt
@@ -29,6 +29,49 @@ class _Result:
     def to_dict(self) -> dict[str, Any]:
         """All of it in dictionaries, lists and plain values."""
         return {field.name: _plain(getattr(self, field.name)) for field in dataclasses.fields(self)}
+
+    def _repr_html_(self) -> str:
+        from . import _html
+        return _html.of_result(self)
+
+
+def flat(result: _Result, before: str = "") -> dict[str, Any]:
+    """What a result holds, by names. What is in other results that it holds has theirs before its own,
+    and of lists there is the length."""
+    row: dict[str, Any] = {}
+    for field in dataclasses.fields(result):
+        value = getattr(result, field.name)
+        held = value if isinstance(value, dict) else {field.name: value}
+        for name, one in held.items():
+            if isinstance(one, _Result):
+                row.update(flat(one, f"{before}{name}."))
+            else:
+                row[before + name] = len(one) if isinstance(one, list) else one
+    return row
+
+
+def _pandas(rows: Sequence[Mapping[str, Any]]) -> Any:
+    import pandas  # only where a table is wanted
+    return pandas.DataFrame(list(rows))
+
+
+_R = TypeVar("_R", bound=_Result)
+
+
+class Results(list[_R]):
+    """A list of results of one kind, which makes a table."""
+
+    def to_dict(self) -> list[dict[str, Any]]:
+        """Each of them in dictionaries, lists and plain values."""
+        return [one.to_dict() for one in self]
+
+    def to_pandas(self) -> Any:
+        """A pandas.DataFrame with a row for each; needs pandas."""
+        return _pandas([flat(one) for one in self])
+
+    def _repr_html_(self) -> str:
+        from . import _html
+        return _html.of_list(self)
 
 
 def _text(values: Mapping[str, Any]) -> dict[str, Any]:
@@ -123,6 +166,11 @@ class Trace(_Result):
     def __getitem__(self, stage: str) -> _Floats:
         return self.stages[stage]
 
+    def to_pandas(self, stage: str = "outputs") -> Any:
+        """A pandas.DataFrame of a stage, with a row for each frame; needs pandas."""
+        import pandas
+        return pandas.DataFrame(self.stages[stage])
+
 
 @dataclasses.dataclass(frozen=True)
 class Difference(_Result):
@@ -188,6 +236,10 @@ class Behaviour(_Result):
         """The first stage that differs by more than the tolerance."""
         return next((stage for stage in self.stages if stage.is_beyond), None)
 
+    def to_pandas(self) -> Any:
+        """A pandas.DataFrame with a row for each stage; needs pandas."""
+        return Results(self.stages).to_pandas()
+
 
 @dataclasses.dataclass(frozen=True)
 class ModelDifference(_Result):
@@ -201,6 +253,11 @@ class ModelDifference(_Result):
     def __bool__(self) -> bool:
         return bool(self.statements or any(not layer.is_same for layer in self.numbers)
                     or (self.behaviour and self.behaviour.stages[-1].is_beyond))
+
+    def to_pandas(self) -> Any:
+        """A pandas.DataFrame with a row for each array of each layer that both have; needs pandas."""
+        return _pandas([{"layer": layer.layer, "array": name, **flat(difference)}
+                        for layer in self.numbers for name, difference in layer.arrays.items()])
 
 
 @dataclasses.dataclass(frozen=True)
@@ -244,3 +301,7 @@ class Sweep(_Result):
     frames: int
     right_recordings: int  # of the model as it is
     losses: list[PrecisionLoss]
+
+    def to_pandas(self) -> Any:
+        """A pandas.DataFrame with a row for each number of bits; needs pandas."""
+        return Results(self.losses).to_pandas()

@@ -51,13 +51,15 @@ CLEAN = f"Success: no issues found in {len(MODULES) + 1} source files\n"  # with
 # What stubtest finds beside the package: classes of the standard library that its modules import,
 # that classes of the binding are made by a metaclass which no stub can name, a class that is
 # imported for its type alone, a member that a data class without fields has, and classes that are made
-# in a function, of what PyTorch has.
+# in a function, of what PyTorch or matplotlib has.
 ALLOWED = r"""
 mlnn\._\w+\.(Callable|Iterable|Protocol|Sequence)(\..*)?
 mlnn\._\w+\.(Mapping|MutableMapping|ItemsView|ValuesView)(\..*)?
 mlnn\._mlnn\.(Core|Layer|Layer\.__init__)
-mlnn\._analysis\.Model
-mlnn\._results\._Result\.__match_args__
+mlnn\._(analysis|cluster)\.Model
+mlnn\._(html|plot)\.(Layer|Model)
+mlnn\._plot\.Picture@\d+
+mlnn\._\w+\._Result\.__match_args__
 mlnn\._torch_trace\.(Root|Tracer)@\d+
 """
 
