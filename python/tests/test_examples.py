@@ -1,4 +1,5 @@
-"""The examples that use the module: examples/train, examples/cluster."""
+"""The examples that use the module: examples/train, examples/cluster, examples/notebook."""
+import json
 import pathlib
 import re
 import shutil
@@ -45,6 +46,19 @@ def test_a_cluster_of_two_workers_scores_as_one_process_does(digits):
     assert single.count("\n") == 31
     assert "3_en-us_f4,42,3,-0.09" in single
     assert run(script, digits / "synth.txt", digits / "frames", "--workers", 2, "--batch", 3) == single
+
+
+def test_the_cells_of_the_notebook_run_in_their_order(monkeypatch):
+    for module in "matplotlib", "pandas":
+        pytest.importorskip(module)
+    monkeypatch.chdir(EXAMPLES)
+    cells = json.loads((EXAMPLES / "notebook" / "digits.ipynb").read_text())["cells"]
+    assert all(not cell["outputs"] for cell in cells if cell["cell_type"] == "code")
+    names = {}
+    for cell in cells:
+        if cell["cell_type"] == "code":
+            exec(compile("".join(cell["source"]), "digits.ipynb", "exec"), names)
+    assert names["right"] == 29 and len(names["recordings"]) == 30
 
 
 def test_a_short_training_ends_in_a_model_that_computes_the_same(tmp_path):
