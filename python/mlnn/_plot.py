@@ -72,10 +72,12 @@ def _plot_layer(axes: Any, number: int, layer: Layer) -> None:
     weights = layer.weights
     axes[0].hist(weights[np.isfinite(weights)].astype(np.float64), BINS)
     axes[0].set_title(f"layer {number}: weights")
+    axes[1].set_title(f"{layer.num_inputs} -> {layer.num_outputs}, {layer.act_fn}")
+    if not weights.size:
+        return
     image = axes[1].imshow(_finite(weights), aspect="auto", interpolation="nearest", cmap="coolwarm")
     most = float(np.abs(weights[np.isfinite(weights)]).max(initial=0)) or 1.0
     image.set_clim(-most, most)
-    axes[1].set_title(f"{layer.num_inputs} -> {layer.num_outputs}, {layer.act_fn}")
     axes[1].set_xlabel("input")
     axes[1].set_ylabel("output")
     axes[1].figure.colorbar(image, ax=axes[1])

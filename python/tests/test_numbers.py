@@ -74,7 +74,8 @@ CALLS = {
     "__iadd__": lambda m: m.__iadd__(m.copy()),
     "__imul__": lambda m: m.__imul__(2),
     "__getstate__": lambda m: pickle.loads(pickle.dumps(m)),
-    "__repr__": repr,
+    "__repr__": repr, "_repr_html_": lambda m: m._repr_html_(),
+    "plot": lambda m: None,  # by matplotlib, which takes more memory than it may here: test_shown.py
     "check": lambda m: m.check(),
     "digest": lambda m: m.digest(),
     "budget": lambda m: m.budget(),
@@ -87,7 +88,7 @@ CALLS = {
 
 # Of a layer and of a description of features; what has no entry is looked at.
 OF_OTHERS = {
-    "__repr__": repr, "__str__": str, "__hash__": hash, "__eq__": lambda x: x == x,
+    "__repr__": repr, "_repr_html_": lambda x: x._repr_html_(), "__str__": str, "__hash__": hash, "__eq__": lambda x: x == x,
 }
 
 
@@ -122,7 +123,9 @@ PACKAGE = {
     "diff": lambda m, path, size: mlnn.diff(m, m.copy()),
     "compare": lambda m, path, size: mlnn.compare(m.trace(frames_for(m)), m.trace(frames_for(m))),
     "diagnose": lambda m, path, size: mlnn.diagnose(path),
-    # Other packages make what these take; test_convert.py tries them.
+    "score_recordings": lambda m, path, size: mlnn.score_recordings(m, [("zeros", frames_for(m))]),
+    # Other packages make what these take; test_convert.py and test_shown.py try them.
+    "plot_posteriors": None,
     "from_onnx": None, "to_onnx": None, "from_torch": None, "from_sklearn": None,
     "to_torch": None,
 }

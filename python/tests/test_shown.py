@@ -160,6 +160,7 @@ def test_what_is_not_finite_stays_empty_in_a_figure():
     pytest.importorskip("matplotlib")
     png(mlnn.Model.from_arrays([([[np.nan, np.inf]], [0])], softmax=False).plot())
     png(mlnn.Model().plot())
+    png(mlnn.Model.from_arrays([(np.zeros((0, 2**31 - 1), np.float32), [])], softmax=False).plot())
 
 
 def test_posteriors_are_shown_under_their_frames(digits):
