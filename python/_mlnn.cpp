@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "analysis/WeightForms.h"
 #include "features/ContextWindow.h"
 #include "features/Version.h"
 #include "inference/BiasCorrection.h"
@@ -40,6 +41,7 @@
 #include "python/Arrays.h"
 #include "python/Core.h"
 #include "text/Numbers.h"
+#include "tools/files/CArray.h"
 #include "tools/files/OutputFile.h"
 #include "tools/files/UnfinishedFile.h"
 
@@ -322,12 +324,30 @@ mlnn::ModelFormat formatOf(const std::string& word) {
   throw py::value_error("no format '" + word + "'");
 }
 
+// A text in memory that tells a watch of what is written, and hands on what that throws.
+class WatchedText : public std::stringbuf {
+ public:
+  explicit WatchedText(const mlnn::Watch& told) : std::stringbuf(std::ios::out), watch(told) {}
+
+ protected:
+  std::streamsize xsputn(const char* text, std::streamsize length) override {
+    if (watch) watch(static_cast<std::size_t>(length));
+    return std::stringbuf::xsputn(text, length);
+  }
+
+ private:
+  const mlnn::Watch& watch;
+};
+
 // The model in the bytes of a file, after it was made ready for the format.
-std::string bytesOf(const MultiLayerNNModel& model, mlnn::ModelFormat format, std::string& whyNot) {
+std::string bytesOf(const MultiLayerNNModel& model, mlnn::ModelFormat format, std::string& whyNot,
+                    const mlnn::Watch& watch) {
   if (format == mlnn::ModelFormat::kText) {
-    std::ostringstream out;
+    WatchedText text(watch);
+    std::ostream out(&text);
+    out.exceptions(std::ios::badbit);  // else the stream would keep what is thrown
     mlnn::writeText(model, mlnn::kExactDigits, out);
-    return out.str();
+    return text.str();
   }
   const std::optional<std::vector<char>> image = mlnn::imageOf(model, whyNot);
   return image ? std::string(image->begin(), image->end()) : std::string();
@@ -343,18 +363,34 @@ py::tuple written(Core& core, const std::string& formatWord) {
   std::vector<std::string> lost;
   read(core, [&](const MultiLayerNNModel& model) {
     const mlnn::CollectedMessages silence;
+    const mlnn::Watch watch = interruptedBySignals({&core});
     MultiLayerNNModel ready = model.clone();  // as for recordOf
     const std::optional<mlnn::Fit> fit =
-        mlnn::fitToFormat(ready, format, mlnn::kExactDigits, whyNot);
+        mlnn::fitToFormat(ready, format, mlnn::kExactDigits, whyNot, watch);
     if (!fit) return;
     for (const std::string& line : fit->lost) {
       lost.push_back(mlnn::describe(format) + " does not hold " + line);
     }
-    bytes = bytesOf(ready, format, whyNot);
+    bytes = bytesOf(ready, format, whyNot, watch);
   });
   py::list lines;
   for (const std::string& line : lost) lines.append(py::bytes(line));
   return py::make_tuple(py::bytes(bytes), lines, py::bytes(whyNot));
+}
+
+// Returns the bytes of an image as a source of C and C++ that defines `symbol`, of a model that was
+// made ready for an image, and what `written` returns besides.
+py::tuple cArray(Core& core, const std::string& symbol) {
+  if (!mlnn::isCName(symbol))
+    throw py::value_error("'" + symbol + "' is no name for a variable in C and C++");
+  const py::tuple image = written(core, "image");
+  const std::string bytes = image[0].cast<std::string>();
+  if (bytes.empty()) return image;
+  const std::string remark =
+      read(core, [](const MultiLayerNNModel& model) { return mlnn::quantizedText(model); });
+  std::ostringstream out;
+  mlnn::writeCArray({bytes.begin(), bytes.end()}, symbol, remark, out);
+  return py::make_tuple(out.str(), image[1], image[2]);
 }
 
 // --- Operations on two models ---
@@ -466,6 +502,16 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
 // Where few frames are done in a moment, what a call sets up would take longer.
 constexpr py::ssize_t kFewFrames = 16;
 
+bool isAligned(const Frames& array) {
+  return (array.flags() & py::detail::npy_api::NPY_ARRAY_ALIGNED_) != 0;
+}
+
+// The frames as columns; a single one may come without a dimension of its own.
+Columns fewColumnsOf(const Frames& frames) {
+  if (frames.ndim() != 1) return columnsOf(frames);
+  return Columns(frames.data(), frames.shape(0), 1, Eigen::OuterStride<>(frames.shape(0)));
+}
+
 // Whether these are a few frames in an array whose values can be read where they are.
 bool areFewFrames(const py::object& frames) {
   const auto* const arrayType =
@@ -473,11 +519,11 @@ bool areFewFrames(const py::object& frames) {
   if (Py_TYPE(frames.ptr()) != arrayType || !Frames::check_(frames)) return false;
   const auto array = py::reinterpret_borrow<Frames>(frames);
   const py::ssize_t size = sizeof(float);
+  if (array.ndim() == 1) return array.shape(0) > 1 && array.strides(0) == size && isAligned(array);
   if (array.ndim() != 2 || array.shape(0) < 1 || array.shape(0) > kFewFrames) return false;
   const py::ssize_t width = array.shape(1);
   const py::ssize_t step = array.strides(0);
-  return width > 1 && array.strides(1) == size &&
-         (array.flags() & py::detail::npy_api::NPY_ARRAY_ALIGNED_) != 0 &&
+  return width > 1 && array.strides(1) == size && isAligned(array) &&
          (array.shape(0) == 1 || (step >= width * size && step % size == 0));
 }
 
@@ -516,11 +562,13 @@ int outputsOf(const MultiLayerNNModel& model) {
 py::object evaluateFew(Core& core, const py::object& frames, const py::object& stacked) {
   const bool areStacked = stacked.ptr() == Py_True;
   if (!areFewFrames(frames) || !(areStacked || stacked.is_none())) return py::none();
-  const Columns inputs = columnsOf(py::reinterpret_borrow<Frames>(frames));
+  const auto given = py::reinterpret_borrow<Frames>(frames);
+  const Columns inputs = fewColumnsOf(given);
   const int numOutputs =
       read(core, [](const MultiLayerNNModel& model) { return outputsOf(model); });
   if (numOutputs == 0) return py::none();
-  Frames results({inputs.cols(), Index{numOutputs}});
+  Frames results = given.ndim() == 1 ? Frames(py::ssize_t{numOutputs})
+                                     : Frames({inputs.cols(), Index{numOutputs}});
   const mlnn::OutputFrames outputs(results.mutable_data(), numOutputs, inputs.cols());
   const bool isDone = read(core, [&](const MultiLayerNNModel& model) {
     if (outputsOf(model) != numOutputs) return false;  // another thread has changed it
@@ -816,6 +864,7 @@ PYBIND11_MODULE(_mlnn, module) {
   core.def(py::init<>())
       .def("copy", &copyOf)
       .def("written", &written)
+      .def("c_array", &cArray)
       .def("evaluate", &evaluate, py::arg("frames"), py::arg("stacked"), py::arg("integers"),
            py::arg("threads") = 1)
       .def("evaluate_few", &evaluateFew)

@@ -36,7 +36,7 @@ for _public in Error, FeatureDescription, Layer, Model, Warning:
     _public.__module__ = __name__
 
 
-def load(path: str | os.PathLike, act_fn: str | None = None) -> Model:
+def load(path, act_fn: str | None = None) -> Model:
     """Reads a text model or a binary image; see Model.load."""
     return Model.load(path, act_fn)
 

@@ -3,12 +3,12 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterable, Mapping, Sequence
-from typing import TYPE_CHECKING, Any
+from typing import IO, TYPE_CHECKING, Any, cast
 
 import numpy.typing as npt
 
 from . import _mlnn
-from ._files import _told_of
+from ._files import _read_from, _told_of
 from ._messages import Error
 from ._results import (Behaviour, Budget, Difference, Digest, IntegerPass, LayerDifference, Misfit,
                        ModelDifference, PrecisionLoss, Results, StageDifference, StatementDifference,
@@ -27,12 +27,15 @@ def check(core: _mlnn.Core) -> Results[Suspicion]:
     return Results(Suspicion(**_text(found)) for found in _mlnn.check(core))
 
 
-def diagnose(source: str | os.PathLike[str] | bytes) -> Misfit | None:
-    """The first place of a model file, or of its bytes, that does not fit its format; None where
+def diagnose(source: str | os.PathLike[str] | IO[bytes] | bytes) -> Misfit | None:
+    """The first place of a model file, of a file object, or of bytes, that does not fit its format; None where
     all fits. Raises OSError where the file cannot be read."""
-    data = source
-    if not isinstance(data, bytes):
-        path = os.fspath(data)
+    if isinstance(source, bytes):
+        data = source
+    elif not isinstance(source, (str, os.PathLike)) and hasattr(source, "read"):
+        data = _read_from(source)
+    else:
+        path = os.fspath(cast("str | os.PathLike[str]", source))
         with _told_of(path), open(path, "rb") as file:
             data = file.read()
     found = _mlnn.diagnose(data)

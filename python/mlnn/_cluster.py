@@ -90,7 +90,7 @@ def _where(on: Any) -> Iterator[Any]:
             yield client
     else:
         workers = _integer(on, "on", 1)
-        with distributed.LocalCluster(n_workers=workers, threads_per_worker=1, dashboard_address=None) as local, \
+        with distributed.LocalCluster(n_workers=workers, threads_per_worker=1, dashboard_address="localhost:0") as local, \
                 distributed.Client(local) as client:
             yield client
 

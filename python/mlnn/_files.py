@@ -4,6 +4,7 @@ from __future__ import annotations
 import contextlib
 import os
 from collections.abc import Iterator
+from typing import IO
 
 from . import _mlnn
 
@@ -15,6 +16,22 @@ def _told_of(path: str) -> Iterator[None]:
         yield
     except OSError as error:
         raise OSError(error.errno, error.strerror, path) from None
+
+
+def _read_from(file: IO[bytes]) -> bytes:
+    """All that a file object of bytes has left."""
+    data = file.read()
+    if not isinstance(data, (bytes, bytearray, memoryview)):
+        raise TypeError(f"expected a file of bytes, opened with \"rb\"; it gave {type(data).__name__}")
+    return bytes(data)
+
+
+def _write_into(file: IO[bytes], data: bytes) -> None:
+    """Writes all of it into a file object of bytes, which may take a part at a time."""
+    rest = memoryview(data)
+    while len(rest):
+        taken = file.write(rest)
+        rest = rest[len(rest) if taken is None else taken:]
 
 
 def _write_whole(path: str | os.PathLike[str], data: bytes) -> None:

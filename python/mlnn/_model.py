@@ -3,19 +3,19 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterable, Mapping, MutableMapping, MutableSequence, Sequence
-from typing import Any
+from typing import IO, Any, cast
 
 import numpy as np
 import numpy.typing as npt
 
 from . import _analysis, _mlnn, _state
 from ._features import FeatureDescription
-from ._files import _told_of, _write_whole
+from ._files import _read_from, _told_of, _write_into, _write_whole
 from ._layer import Layer, _Layers
 from ._messages import Error, _str, _warn, _hear, _says_error
 from ._results import Budget, Digest, Results, Suspicion, Sweep, Trace
 from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _Floats, _act_fn, _bytes, _float32,
-                      _frames, _integer, _single, _size)
+                      _frames, _integer, _refuse_too_large, _single, _size)
 from ._views import _Curve, _Lines, _Props
 
 
@@ -46,15 +46,18 @@ class Model:
     # --- Reading and writing ---
 
     @classmethod
-    def load(cls, path: str | os.PathLike[str], act_fn: str | None = None) -> Model:
-        """Reads a text model or a binary image, from a file, a pipe or a device.
+    def load(cls, path: str | os.PathLike[str] | IO[bytes], act_fn: str | None = None) -> Model:
+        """Reads a text model or a binary image, from a file, a pipe or a device, or from what is left
+        of a file object that was opened for bytes.
 
         Activations that a file does not record (version 1, batch-norm layers of texts) are set
         on all layers but the last to `act_fn`, else to what the property hidden_act_fn says;
         without either there is a warning, and they stay linear.
         Raises OSError where the file cannot be read, Error where it is no model.
         """
-        path = os.fspath(path)  # so a number is no descriptor
+        if not isinstance(path, (str, os.PathLike)) and hasattr(path, "read"):
+            return cls.from_bytes(_read_from(path), act_fn)
+        path = os.fspath(cast("str | os.PathLike[str]", path))  # so a number is no descriptor
         try:
             file = open(path, "rb")
         except IsADirectoryError:
@@ -94,15 +97,31 @@ class Model:
         """
         return self._written("text")[0]
 
-    def save(self, path: str | os.PathLike[str], format: str | None = None,
+    def to_c_array(self, name: str = "model_image") -> str:
+        """A source of C and C++ that defines the binary image as an array of that name, as the command
+        `mlnn convert --to c-array` writes it. Raises ValueError for a name that C does not take, Error as
+        to_bytes."""
+        text, _lost, why_not = self._core.c_array(name)
+        if why_not:
+            raise Error(_str(why_not))
+        return text
+
+    def save(self, path: str | os.PathLike[str] | IO[bytes], format: str | None = None,
              strict: bool = False) -> None:
-        """Writes a file: "text" or "image", or as the name's suffix says (.txt; .mlnn, .bin).
+        """Writes a file: "text" or "image", or as the name's suffix says (.txt; .mlnn, .bin). A file object
+        that was opened for bytes is written into, and its format must be given.
 
         Warns of what the format cannot hold; with `strict` that raises Error, and nothing is
         written. The file appears when it is complete; where that fails, an older one stays.
         A pipe or a device is written into. Raises OSError with the name of the file.
         """
-        suffix = os.path.splitext(os.fsdecode(path))[1]
+        file: IO[bytes] | None = None
+        name: str | os.PathLike[str] = ""
+        if not isinstance(path, (str, os.PathLike)) and hasattr(path, "write"):
+            file = path
+        else:
+            name = cast("str | os.PathLike[str]", path)
+        suffix = os.path.splitext(os.fsdecode(name))[1]
         if format is None:
             format = ("text" if suffix in _TEXT_SUFFIXES else
                       "image" if suffix in _IMAGE_SUFFIXES else None)
@@ -111,7 +130,10 @@ class Model:
         data, lost = self._written(format)
         if lost and strict:
             raise Error("nothing written: " + "; ".join(lost))
-        _write_whole(path, data)
+        if file is not None:
+            _write_into(file, data)
+        else:
+            _write_whole(name, data)
         for line in lost:
             _warn(line)
 
@@ -138,6 +160,7 @@ class Model:
             except (KeyError, TypeError, ValueError) as error:
                 raise type(error)(f"layer {number}: {error}") from None
         model._core.restore_softmax(bool(softmax))
+        model._warn_of_softmax()
         return model
 
     def _append(self, layer: Mapping[str, Any]) -> None:
@@ -149,6 +172,7 @@ class Model:
         act_fn = _act_fn(layer.get("act_fn", "linear"))
         vectors = {name: _float32(layer[name], 1, name) for name in _VECTORS
                    if layer.get(name) is not None}
+        _refuse_too_large(*_columns_and_rows(layer["weights"]))
         weights = _float32(layer["weights"], 2, "weights")
         outputs, inputs = weights.shape
         if len(self.layers) and inputs != self.num_outputs:
@@ -332,6 +356,11 @@ class Model:
     @softmax.setter
     def softmax(self, on: bool) -> None:
         _hear(*self._core.set_softmax(bool(on)))
+        self._warn_of_softmax()
+
+    def _warn_of_softmax(self) -> None:
+        if self.softmax and self.num_outputs == 1:
+            _warn("the only output is always 1, since a softmax is on")
 
     @property
     def num_inputs(self) -> int:
@@ -403,16 +432,17 @@ class Model:
     def create_first_layer(self, num_inputs: int, num_outputs: int, init_scale: float = 0.1,
                            batch_norm: bool = False) -> Layer:
         """Makes the first layer, of random weights (see seed_random)."""
-        _hear(*self._core.create_first(
-            _size(num_inputs, "num_inputs"), _size(num_outputs, "num_outputs"),
-            _single(init_scale, "init_scale"), bool(batch_norm)))
+        inputs, outputs = _size(num_inputs, "num_inputs"), _size(num_outputs, "num_outputs")
+        _refuse_too_large(inputs, outputs)
+        _hear(*self._core.create_first(inputs, outputs, _single(init_scale, "init_scale"), bool(batch_norm)))
         return self.layers[-1]
 
     def add_layer(self, num_outputs: int, init_scale: float = 0.1,
                   batch_norm: bool = False) -> Layer:
         """Adds a layer of random weights at the output end, and notes it."""
-        _hear(*self._core.add_random(_size(num_outputs, "num_outputs"),
-                                     _single(init_scale, "init_scale"), bool(batch_norm)))
+        outputs = _size(num_outputs, "num_outputs")
+        _refuse_too_large(self.num_outputs, outputs)
+        _hear(*self._core.add_random(outputs, _single(init_scale, "init_scale"), bool(batch_norm)))
         return self.layers[-1]
 
     def delete_layers(self, count: int) -> Model:
@@ -449,10 +479,11 @@ class Model:
         """
         return self._core.frame_width()
 
-    def __call__(self, frames: npt.ArrayLike, stacked: bool | None = None, *,
-                 integers: bool = False, words: str | None = None,
-                 threads: int = 1) -> _Floats:
+    def __call__(self, frames: Any, stacked: bool | None = None, *,
+                 integers: bool = False, words: str | None = None, threads: int = 1) -> Any:
         """Runs the model over one recording: frames x values in, frames x outputs out, float32.
+        A single frame of one dimension gives its outputs, of one dimension; a list or a mapping of
+        recordings, arrays each, gives a list or a dictionary of their outputs.
 
         Frames as wide as `frame_width` are single ones: they are normalised, and stacked with
         their neighbours. Frames as wide as `num_inputs` are input vectors already; where both
@@ -475,6 +506,14 @@ class Model:
             raise ValueError(f"words: expected 'first', 'all' or None, got {words!r}")
         if words is not None and not integers:
             raise ValueError("words: given without integers")
+        many = _recordings_of(frames)
+        if many is not None:
+            outputs_of = {key: self(one, stacked, integers=integers, words=words, threads=threads)
+                          for key, one in many.items()}
+            return outputs_of if isinstance(frames, Mapping) else list(outputs_of.values())
+        frame = _single_frame(frames)
+        if frame is not None:
+            return self(frame, stacked, integers=integers, words=words, threads=threads)[0]
         given = _frames(frames)
         found = self._core.evaluate(given, None if stacked is None else bool(stacked),
                                     (words or "none") if integers else None, threads)
@@ -539,6 +578,31 @@ class Model:
     def _repr_html_(self) -> str:
         from . import _html
         return _html.of_model(self)
+
+
+def _recordings_of(frames: Any) -> Mapping[Any, Any] | None:
+    """Recordings in place of one: by their names, or by their places in a list of arrays."""
+    if isinstance(frames, Mapping):
+        return frames
+    if isinstance(frames, (list, tuple)) and frames and all(
+            len(getattr(one, "shape", ())) == 2 for one in frames):
+        return dict(enumerate(frames))
+    return None
+
+
+def _single_frame(frames: Any) -> _Floats | None:
+    """The one frame that an array of one dimension or a list of numbers is, as frames x values."""
+    is_list = isinstance(frames, (list, tuple)) and len(frames) > 0 and isinstance(frames[0], (int, float))
+    if not is_list and (len(getattr(frames, "shape", ())) != 1 or len(frames) == 0):
+        return None
+    return _float32(frames, 1, "frames")[np.newaxis]
+
+
+def _columns_and_rows(weights: npt.ArrayLike) -> tuple[int, int]:
+    """The inputs and outputs of weights, without a copy of what may be larger than the memory; 0 where there
+    is more to ask, which others do."""
+    shape: tuple[Any, ...] = getattr(weights, "shape", ())
+    return (int(shape[1]), int(shape[0])) if len(shape) == 2 else (0, 0)
 
 
 def _as_mapping(layer: Mapping[str, Any] | Sequence[Any]) -> Mapping[str, Any]:

@@ -46,7 +46,7 @@ def _float32(values: npt.ArrayLike, dimensions: int, what: str) -> _Floats:
     """The values as float32; the array itself where it is one already."""
     if isinstance(values, np.ma.MaskedArray):
         raise TypeError(f"{what}: a masked array would lose its mask; fill it first")
-    array = np.asarray(_detached(values))
+    array = _array(values, what)
     if array.ndim != dimensions:
         raise ValueError(f"{what}: expected {dimensions} dimensions, got shape {array.shape}")
     if array.dtype.kind not in "fiub":
@@ -58,11 +58,34 @@ def _float32(values: npt.ArrayLike, dimensions: int, what: str) -> _Floats:
     return single
 
 
+def _array(values: npt.ArrayLike, what: str) -> npt.NDArray[Any]:
+    array = np.asarray(_detached(values))
+    to_numpy = getattr(values, "to_numpy", None)  # pandas' own types of numbers come as objects
+    if array.dtype.kind != "O" or to_numpy is None:
+        return array
+    try:
+        numbers: npt.NDArray[Any] = to_numpy(dtype=np.float64)
+    except (TypeError, ValueError):
+        raise TypeError(f"{what}: expected numbers, and none missing") from None
+    return numbers
+
+
 def _detached(values: npt.ArrayLike) -> npt.ArrayLike:
     """The values of a tensor of PyTorch, which may have a gradient; anything else as it is."""
     detach = None if isinstance(values, np.ndarray) else getattr(values, "detach", None)
     result: npt.ArrayLike = values if detach is None else detach().cpu().numpy()
     return result
+
+
+MOST_BYTES = 2**31 - 1  # of a layer's parameters: what the record of a layer holds
+
+
+def _refuse_too_large(inputs: int, outputs: int) -> None:
+    """Refuses a layer that no record holds, before its memory is taken."""
+    needed = 4 * outputs * (inputs + len(_VECTORS))
+    if needed > MOST_BYTES:
+        raise ValueError(f"a layer of {inputs} inputs and {outputs} outputs takes {needed} bytes; "
+                         f"{MOST_BYTES} are the most")
 
 
 def _frames(values: npt.ArrayLike) -> _Floats:

@@ -136,7 +136,7 @@ import mlnn
 def main(digits, folder):
     network = mlnn.load(digits / "synth.txt")
     paths = sorted((digits / "frames").glob("*.npy"))
-    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=None) as cluster, \
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address="localhost:0") as cluster, \
             distributed.Client(cluster) as client:
         workers = list(client.run(os.getpid).values())
         assert len(workers) == 2 and os.getpid() not in workers

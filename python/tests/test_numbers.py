@@ -60,6 +60,7 @@ CALLS = {
     "stack": lambda m: m.stack(np.zeros((300, 1), np.float32)),
     "to_bytes": lambda m: mlnn.Model.from_bytes(m.to_bytes()),
     "to_text": lambda m: mlnn.Model.from_bytes(m.to_text()),
+    "to_c_array": lambda m: m.to_c_array(),
     "save": lambda m: m.save(os.devnull, "image"),
     "copy": lambda m: m.copy(), "to_arrays": lambda m: mlnn.Model.from_arrays(m.to_arrays()),
     "state_dict": lambda m: m.state_dict(), "load_state_dict": lambda m: m.load_state_dict(m.state_dict()),

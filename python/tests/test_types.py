@@ -53,7 +53,7 @@ CLEAN = f"Success: no issues found in {len(MODULES) + 1} source files\n"  # with
 # imported for its type alone, a member that a data class without fields has, and classes that are made
 # in a function, of what PyTorch or matplotlib has.
 ALLOWED = r"""
-mlnn\._\w+\.(Callable|Iterable|Protocol|Sequence)(\..*)?
+mlnn\._\w+\.(Callable|IO|Iterable|Protocol|Sequence)(\..*)?
 mlnn\._\w+\.(Mapping|MutableMapping|ItemsView|ValuesView)(\..*)?
 mlnn\._mlnn\.(Core|Layer|Layer\.__init__)
 mlnn\._(analysis|cluster)\.Model
