@@ -497,7 +497,8 @@ class Model:
         the bit with any number.
         Raises ValueError for frames of another width, Error where the layers do not fit each other.
         """
-        threads = _integer(threads, "threads", 1, 256)
+        if threads != 1:
+            threads = _integer(threads, "threads", 1, 256)
         if words is None and not integers:
             few = self._core.evaluate_few(frames, stacked)  # the cheap way first
             if few is not None:
