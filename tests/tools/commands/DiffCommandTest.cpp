@@ -6,14 +6,13 @@
 #include <vector>
 
 #include "tests/support/DigitsFolder.h"
-#include "tests/tools/support/ToolProcess.h"
+#include "tests/tools/support/CommandFixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using mlnn::test::digitsFolder;
 using mlnn::test::runTool;
-using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
 using Json = nlohmann::json;
 
@@ -39,34 +38,26 @@ constexpr char kFolded[] =
     "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\n"
     "layer 1 size 2 3\nact_fn linear\n0.25 2 4\n1 1.5 2\n";
 
-class DiffCommandTest : public ::testing::Test {
+class DiffCommandTest : public mlnn::test::CommandFixture {
  protected:
-  DiffCommandTest() {
+  DiffCommandTest() : CommandFixture("diff") {
     folder_.write("model", kModel);
     folder_.write("other", kOther);
     folder_.write("bn", kBatchNorm);
     folder_.write("folded", kFolded);
     folder_.write("frames", "1 2\n3 -4\n5 6\n");
   }
-
-  ToolResult diff(const std::vector<std::string>& arguments, const std::string& input = "") const {
-    std::vector<std::string> command = {"diff"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return runTool(command, input, folder_.path());
-  }
-
-  TempFolder folder_;
 };
 
 TEST_F(DiffCommandTest, findsAModelSameAsItself) {
-  const ToolResult result = diff({"model", "model"});
+  const ToolResult result = run({"model", "model"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "--- model\n+++ model\nwhat the models say: same\nnumbers: same\n");
   EXPECT_EQ(result.err, "");
 }
 
 TEST_F(DiffCommandTest, tellsWhatTheModelsSayAndTheirNumbers) {
-  const ToolResult result = diff({"model", "other"});
+  const ToolResult result = run({"model", "other"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out,
             "--- model\n"
@@ -86,7 +77,7 @@ TEST_F(DiffCommandTest, tellsWhatTheModelsSayAndTheirNumbers) {
 
 TEST_F(DiffCommandTest, namesTheFirstStageThatDiverges) {
   folder_.write("more", "0 0\n");
-  const ToolResult result = diff({"model", "other", "--frames", "frames", "more"});
+  const ToolResult result = run({"model", "other", "--frames", "frames", "more"});
   EXPECT_EQ(result.status, 1);
   const std::string behaviour = result.out.substr(result.out.find("behaviour"));
   EXPECT_EQ(behaviour,
@@ -104,20 +95,20 @@ TEST_F(DiffCommandTest, namesTheFirstStageThatDiverges) {
 
 TEST_F(DiffCommandTest, toleratesAsMuchAsItIsTold) {
   const ToolResult result =
-      diff({"model", "other", "--frames", "frames", "--tolerance", "0.5", "--json"});
+      run({"model", "other", "--frames", "frames", "--tolerance", "0.5", "--json"});
   EXPECT_EQ(result.status, 1);  // the numbers differ all the same
   const Json behaviour = Json::parse(result.out)["behaviour"];
   EXPECT_EQ(behaviour["same"], true);
   EXPECT_EQ(behaviour["tolerance"], 0.5);
   EXPECT_EQ(behaviour["first_to_diverge"], nullptr);
   EXPECT_EQ(
-      Json::parse(diff({"model", "other", "--frames", "frames", "--tolerance", "0.49", "--json"})
+      Json::parse(run({"model", "other", "--frames", "frames", "--tolerance", "0.49", "--json"})
                       .out)["behaviour"]["first_to_diverge"],
       "layer-2-affine");
 }
 
 TEST_F(DiffCommandTest, tellsABatchNormModelFromItsTwinInNumbersAndNotInBehaviour) {
-  const ToolResult result = diff({"bn", "folded", "--frames", "frames"});
+  const ToolResult result = run({"bn", "folded", "--frames", "frames"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out,
             "--- bn\n"
@@ -144,15 +135,15 @@ TEST_F(DiffCommandTest, tellsABatchNormModelFromItsTwinInNumbersAndNotInBehaviou
 
 TEST_F(DiffCommandTest, takesEitherFormatForTheSame) {
   ASSERT_EQ(runTool({"convert", "folded", "folded.mlnn"}, "", folder_.path()).status, 0);
-  const ToolResult result = diff({"folded", "folded.mlnn"});
+  const ToolResult result = run({"folded", "folded.mlnn"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "--- folded\n+++ folded.mlnn\nwhat the models say: same\nnumbers: same\n");
-  EXPECT_EQ(diff({"folded.mlnn", "-"}, kFolded).status, 0);
+  EXPECT_EQ(run({"folded.mlnn", "-"}, kFolded).status, 0);
 }
 
 TEST_F(DiffCommandTest, printsNothingWhenQuiet) {
   for (const char* other : {"model", "other"}) {
-    const ToolResult result = diff({"--quiet", "model", other});
+    const ToolResult result = run({"--quiet", "model", other});
     EXPECT_EQ(result.status, std::string(other) == "model" ? 0 : 1);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "");
@@ -166,7 +157,7 @@ TEST_F(DiffCommandTest, comparesModelsOfOtherShapes) {
                 "layer 1 size 1 3\nact_fn relu\n0 1 0\n"
                 "layer 2 size 2 2\nact_fn linear\n0 1\n0 1\n"
                 "layer 3 size 2 3\nact_fn linear\n0 1 0\n0 0 1\n");
-  const ToolResult result = diff({"model", "deep", "--frames", "frames"});
+  const ToolResult result = run({"model", "deep", "--frames", "frames"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out,
             "--- model\n"
@@ -199,7 +190,7 @@ TEST_F(DiffCommandTest, seesWhatIsNotANumber) {
   folder_.write("small",
                 "MultiLayerNNModel_v2\nsoftmax 0\nnum_layers 1\n"
                 "layer 1 size 1 3\nact_fn linear\n0 1 1\n");
-  const ToolResult result = diff({"huge", "small", "--frames", "frames", "--json"});
+  const ToolResult result = run({"huge", "small", "--frames", "frames", "--json"});
   EXPECT_EQ(result.status, 1);
   const Json stage = Json::parse(result.out)["behaviour"]["stages"][1];
   EXPECT_EQ(stage["stage"], "layer-1-affine");
@@ -214,26 +205,26 @@ constexpr char kWide[] =
 TEST_F(DiffCommandTest, tellsThatAModelIsTheOtherQuantised) {
   folder_.write("wide", kWide);
   ASSERT_EQ(runTool({"quantize", "wide", "small", "--bits", "4"}, "", folder_.path()).status, 0);
-  const ToolResult result = diff({"wide", "small"});
+  const ToolResult result = run({"wide", "small"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out.substr(result.out.find("quantised")),
             "quantised: the numbers of the second model are those of the first, rounded by rows to "
             "4 bits in layer 1\n");
-  EXPECT_NE(diff({"small", "wide"})
+  EXPECT_NE(run({"small", "wide"})
                 .out.find("\nquantised: the numbers of the first model are those of the second, "
                           "rounded by rows to 4 bits in layer 1\n"),
             std::string::npos);
-  EXPECT_EQ(diff({"model", "other"}).out.find("quantised"), std::string::npos);
+  EXPECT_EQ(run({"model", "other"}).out.find("quantised"), std::string::npos);
 
-  const Json json = Json::parse(diff({"wide", "small", "--json"}).out);
+  const Json json = Json::parse(run({"wide", "small", "--json"}).out);
   EXPECT_EQ(json["quantisation"], Json::parse(R"({"quantised": "b", "layers": [
                 {"layer": 1, "bits": 4, "scales": "largest", "folded": false,
                  "other_bias": false}]})"));
-  EXPECT_EQ(Json::parse(diff({"model", "other", "--json"}).out)["quantisation"], nullptr);
+  EXPECT_EQ(Json::parse(run({"model", "other", "--json"}).out)["quantisation"], nullptr);
 }
 
 TEST_F(DiffCommandTest, reportsInJson) {
-  const ToolResult result = diff({"model", "other", "--json", "--frames", "frames"});
+  const ToolResult result = run({"model", "other", "--json", "--frames", "frames"});
   EXPECT_EQ(result.status, 1);
   const Json json = Json::parse(result.out);
   EXPECT_EQ(json["a"], "model");
@@ -251,7 +242,7 @@ TEST_F(DiffCommandTest, reportsInJson) {
   EXPECT_EQ(json["behaviour"]["stages"][3]["place"],
             Json::parse(R"({"recording": "frames", "frame": 0, "unit": 1})"));
 
-  const Json same = Json::parse(diff({"model", "model", "--json"}).out);
+  const Json same = Json::parse(run({"model", "model", "--json"}).out);
   EXPECT_EQ(same["same"], true);
   EXPECT_EQ(same["behaviour"], nullptr);
 }
@@ -259,10 +250,10 @@ TEST_F(DiffCommandTest, reportsInJson) {
 TEST_F(DiffCommandTest, holdsBytesThatJsonCannot) {
   folder_.write("bytes", "MultiLayerNNModel_v2\nsoftmax 1\n# \xff\nnum_layers 0\n");
   folder_.write("empty", "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 0\n");
-  const ToolResult json = diff({"--json", "bytes", "empty"});
+  const ToolResult json = run({"--json", "bytes", "empty"});
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(Json::parse(json.out)["statements"]["differences"][0]["a"], "\xef\xbf\xbd");
-  EXPECT_EQ(diff({"bytes", "empty"}).out,
+  EXPECT_EQ(run({"bytes", "empty"}).out,
             "--- bytes\n+++ empty\nwhat the models say: 1 difference\n- note 1: \\xff\n"
             "numbers: no layers to compare\n");
 }
@@ -286,7 +277,7 @@ TEST_F(DiffCommandTest, isInTroubleWithFilesItCannotUse) {
       {{"-", "model", "--frames", "-"}, "ERROR: only one of the files can be the standard input\n"},
   };
   for (const Case& trouble : cases) {
-    const ToolResult result = diff(trouble.arguments);
+    const ToolResult result = run(trouble.arguments);
     EXPECT_EQ(result.status, 2) << trouble.message;
     EXPECT_EQ(result.err, trouble.message);
     EXPECT_EQ(result.out, "");
@@ -295,7 +286,7 @@ TEST_F(DiffCommandTest, isInTroubleWithFilesItCannotUse) {
 
 TEST_F(DiffCommandTest, isInTroubleWithFramesOfAnotherWidth) {
   folder_.write("wide", "1 2 3\n");
-  const ToolResult result = diff({"model", "other", "--frames", "wide"});
+  const ToolResult result = run({"model", "other", "--frames", "wide"});
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err,
@@ -316,7 +307,7 @@ TEST_F(DiffCommandTest, refusesWrongUsage) {
       {"model", "other", "--frames", "frames", "--tolerance", "1x"},
   };
   for (const std::vector<std::string>& arguments : wrong) {
-    const ToolResult result = diff(arguments);
+    const ToolResult result = run(arguments);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err.substr(0, 7), "ERROR: ");
