@@ -54,6 +54,8 @@ TEST(KernelChoice, hasShapesThatTheLoopsCanTake) {
   }
 }
 
+#if !MLNN_BUILT_FOR_SIZE
+
 TEST(KernelChoice, keepsTheShapeUntilAnotherIsFixed) {
   const KernelShape& before = mlnn::kernelShape();
   EXPECT_EQ(&mlnn::kernelShape(), &before);
@@ -62,5 +64,7 @@ TEST(KernelChoice, keepsTheShapeUntilAnotherIsFixed) {
   mlnn::fixKernelShape(nullptr);
   EXPECT_EQ(&mlnn::kernelShape(), &before);
 }
+
+#endif
 
 }  // namespace
