@@ -3,11 +3,22 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "inference/Evaluation.h"
 #include "tools/Failure.h"
+#include "tools/commands/KnownClasses.h"
+#include "tools/commands/Recordings.h"
+#include "tools/files/Frames.h"
+#include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/files/OutputFile.h"
 #include "tools/files/OwnInputs.h"
+#include "tools/page/RecordingCharts.h"
+#include "tools/page/RecordingFindings.h"
+#include "tools/page/RecordingSection.h"
 #include "tools/reports/Json.h"
 #include "tools/reports/ModelCharts.h"
 #include "tools/reports/SvgChart.h"
@@ -29,22 +40,32 @@ struct Options {
   bool ascii = false;
   bool unicode = false;
   bool json = false;
+  std::vector<std::string> frames;
+  std::string labels;  // "" when not given
+  bool stacked = false;
+  LoadOptions load;
 };
 
 CommandHelp help() {
   CommandHelp help;
   help.name = "plot";
-  help.summary = "Draws a model's training curves and a histogram of each layer's weights";
+  help.summary =
+      "Draws a model's training curves, each layer's weights, and posteriors of recordings";
   help.details =
       "With -o writes a picture (SVG); without it prints a sketch, or with --json the numbers "
       "that\n"
-      "there are to draw. Values that are not finite are counted, not drawn.";
+      "there are to draw. Values that are not finite are counted, not drawn.\n"
+      "\n"
+      "With --frames the posteriors of recordings are drawn over time, of many those of the least\n"
+      "sure; with --labels, a table in a file with the columns `file` and `label`, also what was\n"
+      "taken for what. `mlnn report` has more.";
   help.examples =
       "mlnn plot model.txt\n"
-      "mlnn plot -o model.svg model.mlnn";
+      "mlnn plot -o model.svg model.mlnn\n"
+      "mlnn plot model.txt --frames words/*.npy --labels labels.csv";
   help.exitStatus =
       "0  done\n"
-      "1  the model does not load or the picture cannot be written\n"
+      "1  the model, a recording or the labels were refused, or the picture cannot be written\n"
       "2  wrong usage";
   return help;
 }
@@ -72,15 +93,20 @@ void printSketches(const std::vector<Chart>& charts, const Options& options) {
   }
 }
 
+const char* kindOf(const Chart& chart) {
+  if (chart.kind == Chart::Kind::kMap) return "map";
+  return chart.kind == Chart::Kind::kCurve ? "curve" : "histogram";
+}
+
 Json jsonOf(const Chart& chart) {
-  return {{"kind", chart.kind == Chart::Kind::kCurve ? "curve" : "histogram"},
-          {"title", chart.title},
-          {"remark", chart.remark},
-          {"x_label", chart.xLabel},
-          {"y_label", chart.yLabel},
-          {"x_low", chart.xLow},
-          {"x_high", chart.xHigh},
-          {"values", chart.values}};
+  Json json = {{"kind", kindOf(chart)},   {"title", chart.title},    {"remark", chart.remark},
+               {"x_label", chart.xLabel}, {"y_label", chart.yLabel}, {"x_low", chart.xLow},
+               {"x_high", chart.xHigh},   {"values", chart.values}};
+  if (chart.kind != Chart::Kind::kMap) return json;
+  json["columns"] = chart.columns;
+  json["row_names"] = chart.rowNames;
+  json["column_names"] = chart.columnNames;
+  return json;
 }
 
 Json jsonOf(const ModelFile& file, const std::vector<Chart>& charts) {
@@ -89,14 +115,47 @@ Json jsonOf(const ModelFile& file, const std::vector<Chart>& charts) {
   return json;
 }
 
-int run(const Options& options) {
+std::vector<std::string> inputsOf(const Options& options) {
+  std::vector<std::string> inputs = options.frames;
+  inputs.insert(inputs.end(), {options.model, options.labels});
+  return inputs;
+}
+
+void refuseLossOfInputs(const Options& options) {
   OwnInputs inputs;
   inputs.add(options.model, "model");
+  inputs.add(options.labels, "labels");
+  for (const std::string& name : options.frames) inputs.add(name, "frames");
   inputs.refuse(options.out);
-  LoadOptions load;
-  load.keepLinear = true;  // activations are not drawn
+}
+
+std::vector<Chart> recordingCharts(const MultiLayerNNModel& model, const Options& options) {
+  if (options.frames.empty()) return {};
+  if (!model.useSoftmax) {
+    throw Failure("--frames needs a model with a softmax, whose outputs are posteriors");
+  }
+  const KnownClasses classes(options.labels, model);
+  RecordingFindings found(model);
+  for (const std::string& name : options.frames) {
+    const Eigen::MatrixXf frames = readRecording(name);
+    const RecordingInputs inputs =
+        inputsFor(InputSide::of(model), frames.rows(), options.stacked, name);
+    if (!found.add(name, frames, inputs, classes.of(name))) throw Failure(kCannotBeRun);
+  }
+  if (classes.areKnown() && !hasConfusionTable(found.confusion())) {
+    printInfo("so many classes occur that a table of them is not drawn; see 'mlnn report'");
+  }
+  return chartsOf(found);
+}
+
+int run(const Options& options) {
+  refuseSecondStandardInput(inputsOf(options));
+  refuseLossOfInputs(options);
+  LoadOptions load = options.load;
+  load.keepLinear = options.frames.empty();  // activations are not drawn
   const ModelFile file = loadModel(options.model, load);
-  const std::vector<Chart> charts = chartsOf(file.model, options.bins);
+  std::vector<Chart> charts = chartsOf(file.model, options.bins);
+  for (Chart& chart : recordingCharts(file.model, options)) charts.push_back(std::move(chart));
   if (charts.empty()) printInfo("the model has neither curves nor weights to draw");
   if (options.json) {
     printJson(jsonOf(file, charts));
@@ -125,6 +184,15 @@ void addPlotCommand(Tool& tool) {
   command.add("--width", options->width, "Width of the sketch; as the terminal without it")
       .inRange(kMinChartWidth, std::size_t{1000})
       .type("N");
+  const Option frames =
+      command.add("--frames", options->frames, "Recordings whose posteriors to draw")
+          .type("FRAMES");
+  command.addFlag("--stacked", options->stacked, "FRAMES are input vectors, not single frames")
+      .needs(frames);
+  command.add("--labels", options->labels, "What the recordings are")
+      .needs(frames)
+      .check(notEmpty)
+      .type("CSV");
   const Option ascii = command.addFlag("--ascii", options->ascii, "Sketch with ASCII characters");
   const Option unicode =
       command.addFlag("--unicode", options->unicode, "Sketch with block characters")
@@ -133,6 +201,7 @@ void addPlotCommand(Tool& tool) {
       .excludes(out)
       .excludes(ascii)
       .excludes(unicode);
+  addLoadOptions(command, options->load);
 }
 
 }  // namespace mlnn

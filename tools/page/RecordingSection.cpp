@@ -35,15 +35,6 @@ std::string settledText(const RecordingFinding& recording) {
 
 // --- Confusion ---
 
-std::vector<Index> classesThatOccur(const Confusion& confusion) {
-  std::set<Index> classes;
-  for (const auto& [pair, count] : confusion.counts()) {
-    classes.insert(pair.first);
-    if (pair.second >= 0) classes.insert(pair.second);
-  }
-  return {classes.begin(), classes.end()};
-}
-
 // The style of a cell: the more of its row, the deeper.
 const char* shadeOf(std::size_t count, std::size_t ofRow, bool isRight) {
   if (count == 0) return "none";
@@ -67,11 +58,7 @@ void writeMatrixRow(Markup& page, const RecordingFindings& found, Index known,
 }
 
 void writeMatrix(Markup& page, const RecordingFindings& found, const std::vector<Index>& classes) {
-  std::vector<Index> columns = classes;
-  const bool anyUndecided =
-      std::any_of(found.confusion().counts().begin(), found.confusion().counts().end(),
-                  [](const auto& entry) { return entry.first.second < 0; });
-  if (anyUndecided) columns.push_back(-1);
+  const std::vector<Index> columns = decidedClasses(found.confusion());
   const auto scroll = page.open("div", {{"class", "scroll"},
                                         {"tabindex", "0"},
                                         {"role", "region"},
@@ -107,11 +94,10 @@ void writeMistakes(Markup& page, const RecordingFindings& found) {
 }
 
 void writeConfusion(Markup& page, const RecordingFindings& found) {
-  const std::vector<Index> classes = classesThatOccur(found.confusion());
-  if (classes.empty()) return;
+  if (found.confusion().recordings() == 0) return;
   page.element("h3", "Confusion");
-  if (classes.size() <= kMostClasses) {
-    writeMatrix(page, found, classes);
+  if (hasConfusionTable(found.confusion())) {
+    writeMatrix(page, found, knownClasses(found.confusion()));
   } else {
     writeMistakes(page, found);
   }
@@ -246,6 +232,27 @@ void writeAccuracy(Markup& page, const RecordingFindings& found) {
 
 std::string classText(const RecordingFindings& found, Index number) {
   return number < 0 ? "?" : found.labels()[static_cast<std::size_t>(number)];
+}
+
+bool hasConfusionTable(const Confusion& confusion) {
+  return confusion.recordings() > 0 && knownClasses(confusion).size() <= kMostClasses;
+}
+
+std::vector<Index> knownClasses(const Confusion& confusion) {
+  std::set<Index> classes;
+  for (const auto& [pair, count] : confusion.counts()) {
+    classes.insert(pair.first);
+    if (pair.second >= 0) classes.insert(pair.second);
+  }
+  return {classes.begin(), classes.end()};
+}
+
+std::vector<Index> decidedClasses(const Confusion& confusion) {
+  std::vector<Index> classes = knownClasses(confusion);
+  const bool anyUndecided = std::any_of(confusion.counts().begin(), confusion.counts().end(),
+                                        [](const auto& entry) { return entry.first.second < 0; });
+  if (anyUndecided) classes.push_back(-1);
+  return classes;
 }
 
 void writeRecordings(Markup& page, const RecordingFindings& found) {

@@ -8,9 +8,9 @@
 
 namespace mlnn {
 
-// A row of numbers over an axis, drawn as columns or as a line.
+// A row of numbers over an axis, drawn as columns or as a line; or rows of them, drawn as a map.
 struct Chart {
-  enum class Kind { kCurve, kHistogram };
+  enum class Kind { kCurve, kHistogram, kMap };
 
   Kind kind = Kind::kCurve;
   std::string title;
@@ -20,6 +20,11 @@ struct Chart {
   double xLow = 0;  // position of the first value (curve), left edge of the first bin
   double xHigh = 0;
   std::vector<double> values;  // one for each point or bin; NaN where there is nothing to draw
+
+  // Of a map, whose values are not negative and stand row by row from the top.
+  std::vector<std::string> rowNames;
+  std::vector<std::string> columnNames;  // of a table of counts, which are shown as numbers too
+  std::size_t columns = 0;
 };
 
 // The charts of a model, `bins` bins in each histogram: loss and accuracy where it has them,

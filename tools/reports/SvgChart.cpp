@@ -98,7 +98,7 @@ Scale verticalScale(const std::vector<double>& values) {
 Scale horizontalScale(const Chart& chart) {
   const double high = chart.xHigh > chart.xLow ? chart.xHigh : chart.xLow + 1;
   double tick = roundTick(high - chart.xLow);
-  if (chart.kind == Chart::Kind::kCurve) tick = std::max(tick, 1.0);  // epochs are whole
+  if (chart.kind != Chart::Kind::kHistogram) tick = std::max(tick, 1.0);  // epochs are whole
   return {chart.xLow, high, tick};
 }
 
@@ -106,11 +106,16 @@ Scale horizontalScale(const Chart& chart) {
 class Panel {
  public:
   Panel(std::ostream& out, const Chart& chart)
-      : out_(out), chart_(chart), x_(horizontalScale(chart)), y_(verticalScale(chart.values)) {}
+      : out_(out),
+        chart_(chart),
+        largest_(largestOf(chart)),
+        x_(horizontalScale(chart)),
+        y_(verticalScale(chart.values)) {}
 
   void write() const {
     writeText(out_, kLeft, kTop - 30, "start", "title", chart_.title);
     writeText(out_, kLeft, kTop - 12, "start", "remark", chart_.remark);
+    if (chart_.kind == Chart::Kind::kMap) return writeMap();
     writeVerticalTicks();
     writeHorizontalTicks();
     if (chart_.kind == Chart::Kind::kCurve) {
@@ -192,8 +197,58 @@ class Panel {
     }
   }
 
+  // A cell for each value, the deeper the larger it is.
+  void writeMap() const {
+    const bool isTable = !chart_.columnNames.empty();
+    const double deepest = isTable ? 0.45 : 1;  // numbers on it are to be read
+    const double width = kPlotWidth / static_cast<double>(chart_.columns);
+    const double height = kPlotHeight / static_cast<double>(chart_.rowNames.size());
+    for (std::size_t i = 0; i < chart_.values.size(); ++i) {
+      const double share = chart_.values[i] / largest_;
+      if (!(share >= 0.005)) continue;
+      const double left = kLeft + static_cast<double>(i % chart_.columns) * width;
+      const double top = kTop + static_cast<double>(i / chart_.columns) * height;
+      out_ << "    <rect class=\"bar\" fill-opacity=\"" << fixedNumber(share * deepest, 2) << "\""
+           << attribute("x", left) << attribute("y", top) << attribute("width", width)
+           << attribute("height", height) << "/>\n";
+      if (!isTable) continue;
+      writeText(out_, left + width / 2, top + height / 2 + 4, "middle", "label",
+                generalNumber(chart_.values[i], 9));
+    }
+    writeNames(width, height);
+    if (!isTable) writeHorizontalTicks();
+    writeAxes();
+  }
+
+  // Names are left out where they would stand on each other.
+  void writeNames(double width, double height) const {
+    for (std::size_t i = 0; i < chart_.rowNames.size() && height >= 6; ++i) {
+      writeText(out_, kLeft - 6, kTop + (static_cast<double>(i) + 0.5) * height + 4, "end",
+                "remark", nameText(chart_.rowNames[i], 6));
+    }
+    for (std::size_t i = 0; i < chart_.columnNames.size() && width >= 16; ++i) {
+      writeText(out_, kLeft + (static_cast<double>(i) + 0.5) * width, kTop + kPlotHeight + 16,
+                "middle", "remark", nameText(chart_.columnNames[i], width >= 36 ? 5 : 2));
+    }
+  }
+
+  // At most so many bytes of a name, and no part of a character.
+  static std::string nameText(const std::string& name, std::size_t most) {
+    if (name.size() <= most) return name;
+    while (most > 0 && (name[most] & 0xC0) == 0x80) --most;
+    return name.substr(0, most) + "~";
+  }
+
+  // Posteriors have 1 to be compared with.
+  static double largestOf(const Chart& chart) {
+    double largest = chart.columnNames.empty() ? 1 : 0;
+    for (const double value : chart.values) largest = std::max(largest, value);
+    return largest > 0 ? largest : 1;
+  }
+
   std::ostream& out_;
   const Chart& chart_;
+  double largest_;
   Scale x_;
   Scale y_;
 };

@@ -3,11 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 #include <ostream>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "text/Escape.h"
 #include "text/Numbers.h"
+#include "tools/reports/Table.h"
 
 namespace mlnn {
 namespace {
@@ -95,12 +100,64 @@ std::string horizontalAxis(const Chart& chart, std::size_t width) {
   return low + std::string(free / 2, ' ') + label + std::string(free - free / 2, ' ') + high;
 }
 
+// --- Maps ---
+
+constexpr std::array<const char*, 5> kShades = {" ", "░", "▒", "▓", "█"};
+constexpr std::array<const char*, 5> kAsciiShades = {" ", ".", "+", "#", "@"};
+
+// What a value between 0 and 1 looks like.
+const char* shadeOf(double value, CharacterSet set) {
+  const double step = std::isnan(value) ? 0 : 4 * std::clamp(value, 0.0, 1.0);
+  const auto index = static_cast<std::size_t>(std::lround(step));
+  return set == CharacterSet::kUnicode ? kShades[index] : kAsciiShades[index];
+}
+
+std::string nameText(const std::string& name) {
+  if (name.size() <= kLabelWidth) return escaped(name);
+  std::size_t end = kLabelWidth - 1;
+  while (end > 0 && (name[end] & 0xC0) == 0x80) --end;  // not inside a UTF-8 character
+  return escaped(name.substr(0, end)) + "~";
+}
+
+// A line for each row.
+void printMap(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set) {
+  std::size_t columns = 0;
+  for (std::size_t row = 0; row < chart.rowNames.size(); ++row) {
+    const auto begin = chart.values.begin() + static_cast<std::ptrdiff_t>(row * chart.columns);
+    const std::vector<double> values =
+        columnsOf({begin, begin + static_cast<std::ptrdiff_t>(chart.columns)}, width);
+    columns = values.size();
+    std::string line = rightAligned(nameText(chart.rowNames[row]), kLabelWidth) + " |";
+    for (const double value : values) line += shadeOf(value, set);
+    dropTrailingBlanks(line);
+    out << line << "\n";
+  }
+  out << std::string(kLabelWidth + 2, ' ') << horizontalAxis(chart, columns) << "\n";
+}
+
+// Counts as they are.
+void printCounts(std::ostream& out, const Chart& chart) {
+  std::vector<std::string> heading = {""};
+  for (const std::string& name : chart.columnNames) heading.push_back(nameText(name));
+  Table table(std::vector<Table::Align>(heading.size(), Table::Align::kRight), heading);
+  for (std::size_t row = 0; row < chart.rowNames.size(); ++row) {
+    std::vector<std::string> cells = {nameText(chart.rowNames[row])};
+    for (std::size_t c = 0; c < chart.columns; ++c) {
+      cells.push_back(generalNumber(chart.values[row * chart.columns + c], 9));
+    }
+    table.addRow(std::move(cells));
+  }
+  table.print(out);
+}
+
 }  // namespace
 
 void printChart(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set) {
+  out << escaped(chart.title) << ": " << escaped(chart.remark) << "\n";
+  if (!chart.columnNames.empty()) return printCounts(out, chart);
+  if (chart.kind == Chart::Kind::kMap) return printMap(out, chart, width - kLabelWidth - 2, set);
   const std::vector<double> columns = columnsOf(chart.values, width - kLabelWidth - 2);
   const Axis axis = verticalAxis(columns);
-  out << chart.title << ": " << chart.remark << "\n";
   for (std::size_t line = kHeight; line-- > 0;) {
     std::string text = rightAligned(lineLabel(line, axis), kLabelWidth) + " |";
     for (const double value : columns) text += characterAt(eighthsOf(value, axis), line, set);

@@ -10,7 +10,7 @@
 namespace mlnn {
 
 // Prints the chart with its title, at most `width` characters wide. Where there are more values
-// than columns, a column shows the mean of its values.
+// than columns, a column shows the mean of its values. A table of counts is as wide as it is.
 // REQUIRES: width is at least kMinChartWidth.
 void printChart(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set);
 

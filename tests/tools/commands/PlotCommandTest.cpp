@@ -169,6 +169,111 @@ TEST(PlotCommandTest, doesNotReplaceTheModel) {
   EXPECT_EQ(contentOf(model), kModel);
 }
 
+// --- Recordings ---
+
+// Class 0 where the first value is larger, surer the further they are apart.
+constexpr char kWords[] =
+    "MultiLayerNNModel_v2\nsoftmax 1\n# NVP labels no,yes\nnum_layers 1\n"
+    "layer 1 size 2 3\nact_fn linear\n0 1 0\n0 0 1\n";
+
+class PlotRecordingsTest : public testing::Test {
+ protected:
+  PlotRecordingsTest() {
+    folder_.write("model.txt", kWords);
+    folder_.write("a.txt", "9 0\n9 0\n0 9\n9 0\n");
+    folder_.write("b.txt", "0 9\n0 0\n");
+    folder_.write("labels.csv", "file,label\na.txt,no\nb.txt,no\n");
+  }
+
+  ToolResult plot(const std::string& options) const {
+    return runShell("mlnn plot model.txt --frames a.txt b.txt " + options, folder_.path());
+  }
+
+  TempFolder folder_;
+};
+
+TEST_F(PlotRecordingsTest, sketchesPosteriorsAndConfusion) {
+  const ToolResult result = plot("--labels labels.csv --ascii");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out.substr(result.out.find("a.txt")),
+            "a.txt: decided no, is no\n"
+            "        no |@@ @\n"
+            "       yes |  @\n"
+            "            0 frame 4\n"
+            "\n"
+            "b.txt: decided yes, is no\n"
+            "        no | +\n"
+            "       yes |@+\n"
+            "            0 frame 2\n"
+            "\n"
+            "confusion: 1 of 2 right\n"
+            "     no  yes\n"
+            " no   1    1\n"
+            "yes   0    0\n");
+}
+
+TEST_F(PlotRecordingsTest, drawsPosteriorsAndConfusion) {
+  const ToolResult result = plot("--labels labels.csv -o -");
+  EXPECT_EQ(result.status, 0);
+  const std::string maps = result.out.substr(result.out.find(">a.txt<"));
+  EXPECT_EQ(countOf(maps, "<rect class=\"bar\" fill-opacity=\"1.00\""), 5u);
+  EXPECT_EQ(countOf(maps, "<rect class=\"bar\" fill-opacity=\"0.50\""), 2u);
+  EXPECT_EQ(countOf(maps, "<rect class=\"bar\" fill-opacity=\"0.45\""), 2u);
+  EXPECT_EQ(countOf(maps, "class=\"label\">1</text>"), 2u);
+  EXPECT_EQ(countOf(maps, ">taken for</text>"), 1u);
+}
+
+TEST_F(PlotRecordingsTest, printsMapsAsJson) {
+  const auto json = nlohmann::json::parse(plot("--json").out);
+  ASSERT_EQ(json["charts"].size(), 3u);
+  const auto map = json["charts"][2];
+  EXPECT_EQ(map["kind"], "map");
+  EXPECT_EQ(map["title"], "b.txt");
+  EXPECT_EQ(map["columns"], 2);
+  EXPECT_EQ(map["row_names"], nlohmann::json({"no", "yes"}));
+  EXPECT_EQ(map["column_names"], nlohmann::json::array());
+  EXPECT_EQ(map["values"][1], 0.5);
+}
+
+TEST_F(PlotRecordingsTest, leavesOutATableOfManyClasses) {
+  std::string layer;
+  std::string labels;
+  for (int i = 0; i < 50; ++i) {
+    layer += "0 " + std::to_string(i) + " 0\n";
+    labels += "w" + std::to_string(i) + ".txt," + std::to_string(i) + "\n";
+    folder_.write("w" + std::to_string(i) + ".txt", "1 0\n");
+  }
+  folder_.write("model.txt",
+                "MultiLayerNNModel_v2\nsoftmax 1\nnum_layers 1\n"
+                "layer 1 size 50 3\nact_fn linear\n" +
+                    layer);
+  folder_.write("labels.csv", "file,label\n" + labels);
+  const ToolResult result =
+      runShell("mlnn plot model.txt --frames w*.txt --labels labels.csv --json", folder_.path());
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err,
+            "info: so many classes occur that a table of them is not drawn; see 'mlnn report'\n");
+  EXPECT_EQ(nlohmann::json::parse(result.out)["charts"].size(), 41u);  // weights, 40 recordings
+}
+
+TEST_F(PlotRecordingsTest, refusesOutputsThatAreNoPosteriors) {
+  std::string model = kWords;
+  model.replace(model.find("softmax 1"), 9, "softmax 0");
+  folder_.write("model.txt", model);
+  const ToolResult result = plot("");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: --frames needs a model with a softmax, whose outputs are posteriors\n");
+}
+
+TEST_F(PlotRecordingsTest, doesNotReplaceRecordingsOrLabels) {
+  EXPECT_EQ(plot("--labels labels.csv -o b.txt").err,
+            "ERROR: the result would replace its own frames, 'b.txt'\n");
+  EXPECT_EQ(plot("--labels labels.csv -o labels.csv").err,
+            "ERROR: the result would replace its own labels, 'labels.csv'\n");
+}
+
 TEST(PlotCommandTest, refusesWrongUsage) {
   EXPECT_EQ(runTool({"plot"}).status, 2);
   EXPECT_EQ(runTool({"plot", "x", "--bins", "0"}).status, 2);
