@@ -124,9 +124,10 @@ def without_front(proto: ModelProto, metadata: str) -> tuple[ModelProto, Front |
     _refuse_other_size(proto, front)
     nodes, constants = front.nodes()
     made = {constant.name: constant for constant in constants}
-    found = {tensor.name: tensor for tensor in proto.graph.initializer if tensor.name in made}
-    if list(proto.graph.node[:len(nodes)]) != nodes or found != made or (
-            [given.name for given in proto.graph.input] != [front.input_name]):
+    found = [tensor for tensor in proto.graph.initializer if tensor.name in made]
+    if (list(proto.graph.node[:len(nodes)]) != nodes or len(found) != len(made)
+            or {tensor.name: tensor for tensor in found} != made
+            or [given.name for given in proto.graph.input] != [front.input_name]):
         raise _other_beginning()
     rest = ModelProto()
     rest.CopyFrom(proto)

@@ -69,6 +69,16 @@ def test_other_engines_take_raw_frames(digits, tmp_path, name):
     assert max(worst.values()) < 2e-5
 
 
+def test_whole_numbers_and_raw_frames_go_together(windowed):
+    pytest.importorskip("torch")
+    windowed.quantize(8)
+    proto = mlnn.to_onnx(windowed, quantized=True, normalisation=True, context=True)
+    assert "DequantizeLinear" in {node.op_type for node in proto.graph.node}
+    frames = frames_for(5)
+    assert np.abs(recomputed(proto, frames) - windowed(frames)).max() < 1e-5
+    assert mlnn.from_onnx(proto) == windowed
+
+
 def test_what_does_not_tell_of_its_frames_is_refused(tmp_path):
     model = mlnn.Model.from_arrays([(np.ones((2, 7)), [0, 0])])
     for options in {"normalisation": True}, {"context": True}:
@@ -103,6 +113,7 @@ def state(change):
     state(lambda around: (around["features"].update(win_size_left=1 << 30),
                           around["front"].update(context=False))),
     state(lambda around: around["front"].update(width=4)),
+    lambda proto: proto.graph.initializer.append(proto.graph.initializer[0]),
     lambda proto: proto.graph.node.insert(0, onnx.helper.make_node("Identity", ["frames"], ["odd"])),
 ])
 def test_a_beginning_that_is_not_what_the_metadata_says_is_refused(windowed, change):
