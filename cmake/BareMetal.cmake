@@ -22,7 +22,4 @@ target_compile_options(mlnn PRIVATE ${MLNN_COMPILE_OPTIONS}
   -Wno-attributes  # that a variable stays where sections are collected, which not every target knows
   -Os -ffunction-sections -fdata-sections -fno-exceptions -fno-rtti -fno-threadsafe-statics)
 
-# Highway's headers in a folder of their own: those beside them are this machine's, not the device's.
-file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/highway)
-file(CREATE_LINK ${MLNN_HIGHWAY_INCLUDE_DIR}/hwy ${PROJECT_BINARY_DIR}/highway/hwy SYMBOLIC)
-target_include_directories(mlnn SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/highway ${EIGEN3_INCLUDE_DIRS})
+target_include_directories(mlnn SYSTEM PRIVATE ${MLNN_HIGHWAY_INCLUDE_DIR} ${EIGEN3_INCLUDE_DIRS})

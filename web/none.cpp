@@ -1,0 +1,1 @@
+// The library comes by its exported functions.
