@@ -64,7 +64,7 @@ def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
         if with_tool:
             shutil.copy2(build / "tools" / "mlnn", stage / "mlnn" / TOOL)
         content = {str(path.relative_to(stage)): path.read_bytes()
-                   for path in sorted(stage.rglob("*")) if path.is_file()}
+                   for path in sorted((stage / "mlnn").rglob("*")) if path.is_file()}
     return _write_wheel(wheel_directory, content, with_tool)
 
 

@@ -71,7 +71,7 @@ def test_everything_public_is_described():
 
 
 @pytest.mark.filterwarnings("error")
-@pytest.mark.parametrize("page", ["README.md", "docs/python.md"])
+@pytest.mark.parametrize("page", ["README.md", "docs/python.md", "examples/cluster/README.md"])
 def test_what_the_pages_show_runs(page, tmp_path, monkeypatch):
     (tmp_path / "examples").symlink_to(ROOT / "examples")
     monkeypatch.chdir(tmp_path)
