@@ -67,6 +67,7 @@ using ContenderPtr = std::unique_ptr<Contender>;
 // of frames. Some keep a reference to the network besides.
 ContenderPtr makeMlnn(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnOfShape(const Network& network, std::size_t frames, const KernelShape& shape);
+ContenderPtr makeMlnnWithThreads(const Network& network, std::size_t frames, int threads);
 ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnInIntegers(const Network& network, std::size_t frames);

@@ -127,6 +127,13 @@ ContenderPtr makeMlnnOfShape(const Network& network, std::size_t frames, const K
   return std::make_unique<OfShape>(makeMlnn(network, frames), shape);
 }
 
+ContenderPtr makeMlnnWithThreads(const Network& network, std::size_t frames, int threads) {
+  auto model = modelOf(network);
+  std::unique_ptr<FwdPass> pass(model->createFwdPass());
+  if (threads > 1) pass->setThreads(Threads::start(threads));
+  return std::make_unique<Mlnn>(frames, std::move(model), std::move(pass));
+}
+
 ContenderPtr makeMlnnOf8Bits(const Network& network, std::size_t frames) {
   return std::make_unique<Mlnn>(frames, nullptr, CodedFwdPass::create(*modelOf(network), 8));
 }

@@ -107,8 +107,8 @@ TEST(FwdPassThreads, giveTheSameBitsOverFrames) {
   const MultiLayerNNModel model = smallModel();
   forEachPass(model, [](const AnyPass& any) {
     SCOPED_TRACE(any.name);
-    for (const Eigen::Index frames : {0, 1, 3, 129, 601}) {
-      for (const int threads : {1, 2, 3, 8}) {
+    for (const Eigen::Index frames : {0, 1, 129, 601}) {
+      for (const int threads : {2, 3, 8}) {
         ASSERT_NO_FATAL_FAILURE(expectSameBits(*any.pass, frames, threads));
       }
     }
@@ -119,8 +119,8 @@ TEST(FwdPassThreads, giveTheSameBitsOverOutputs) {
   const MultiLayerNNModel model = largeModel();
   forEachPass(model, [](const AnyPass& any) {
     SCOPED_TRACE(any.name);
-    for (const Eigen::Index frames : {1, 2, 7}) {
-      for (const int threads : {2, 5, 8}) {
+    for (const Eigen::Index frames : {1, 7}) {
+      for (const int threads : {2, 5}) {
         ASSERT_NO_FATAL_FAILURE(expectSameBits(*any.pass, frames, threads));
       }
     }
