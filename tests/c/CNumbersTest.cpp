@@ -281,6 +281,11 @@ const std::map<std::string, Call>& calls() {
       {"mlnn_pass_create", pass},
       {"mlnn_pass_close", [](const Case& c) { mlnn_pass_close({c.number}); }},
       {"mlnn_pass_run", pass},
+      {"mlnn_pass_set_threads",
+       [](const Case& c) {
+         const std::size_t threads = c.number > MLNN_MOST_THREADS ? c.number : 2;
+         withPass(c, [&](mlnn_pass p) { mlnn_pass_set_threads(p, static_cast<int32_t>(threads)); });
+       }},
       {"mlnn_stream_create", stream},
       {"mlnn_stream_close", [](const Case& c) { mlnn_stream_close({c.number}); }},
       {"mlnn_stream_frame_width", stream},

@@ -329,7 +329,15 @@ void CRefusals::tryPasses() {
   expectNoHandle<mlnn_pass>("mlnn_pass_close", "pass", stream_.id,
                             [&](mlnn_pass p) { return mlnn_pass_close(p); });
 
-  const std::string name = "mlnn_pass_run";
+  std::string name = "mlnn_pass_set_threads";
+  expectNoHandle<mlnn_pass>(name, "pass", stream_.id,
+                            [](mlnn_pass p) { return mlnn_pass_set_threads(p, 1); });
+  for (const int32_t threads : {0, -1, MLNN_MOST_THREADS + 1, INT32_MAX, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "threads",
+           [&] { return mlnn_pass_set_threads(pass_, threads); });
+  }
+
+  name = "mlnn_pass_run";
   float* const to = r.outputs;
   expectNoHandle<mlnn_pass>(name, "pass", stream_.id, [&](mlnn_pass p) {
     return mlnn_pass_run(p, 1, inputs_, 4, 4, to, 2, 2);
