@@ -51,7 +51,7 @@ constexpr uint64_t kBytesForNetwork = mlnn::deviceMemoryBytes(20, 33);
 
 // An image, and memory for the pass, each where it may be.
 struct Device {
-  explicit Device(const ByteImage& bytes) : image((bytes.size() + 3) / 4), length(bytes.size()) {
+  explicit Device(const ByteImage& bytes) : image(bytes.size() / 4 + 1), length(bytes.size()) {
     std::memcpy(image.data(), bytes.bytes().data(), length);
   }
 
