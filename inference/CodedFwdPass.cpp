@@ -70,6 +70,10 @@ std::unique_ptr<CodedFwdPass> CodedFwdPass::another() const {
   return std::unique_ptr<CodedFwdPass>(new CodedFwdPass(layers_));
 }
 
+void CodedFwdPass::setThreads(std::shared_ptr<Threads> threads) {
+  memory_.threads = std::move(threads);
+}
+
 int CodedFwdPass::numInputs() const { return static_cast<int>(layers_->layer(0).cols); }
 
 int CodedFwdPass::numOutputs() const {
@@ -79,13 +83,13 @@ int CodedFwdPass::numOutputs() const {
 int CodedFwdPass::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs) {
   if (!inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_, nullptr, threads());
+  evaluateStack(*layers_, inputs, outputs, memory_, nullptr, memory_.threads.get());
   return 0;
 }
 
 int CodedFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_, threads());
+  evaluateStack(*layers_, inputs, outputs, memory_, memory_.threads.get());
   return 0;
 }
 

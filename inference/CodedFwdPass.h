@@ -62,6 +62,7 @@ class MLNN_EXPORT CodedFwdPass : public FwdPass {
   // where their shape changes; into the caller's memory, nothing at all.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
   using FwdPass::evaluate;
+  void setThreads(std::shared_ptr<Threads> threads) override;
 
   // Returns the layers that are held as codes.
   std::size_t numCodedLayers() const;

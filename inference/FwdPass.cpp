@@ -20,6 +20,8 @@ MatrixXf gathered(const mlnn::InputFrames& inputs) {
 
 }  // namespace
 
+void FwdPass::setThreads(std::shared_ptr<mlnn::Threads>) {}
+
 int FwdPass::evaluateFrames(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs) {
   if (!mlnn::framesFit(inputs, outputs, numInputs(), numOutputs(), "FwdPass::evaluate")) return 1;
   MatrixXf results;

@@ -4,7 +4,6 @@
 #include <Eigen/Core>
 #include <memory>
 #include <type_traits>
-#include <utility>
 
 #include "features/EigenBorder.h"
 #include "features/Export.h"
@@ -56,7 +55,7 @@ class MLNN_EXPORT FwdPass {
   // the pass keeps without. A pass that is not of this library may take no notice.
   // Lifetime: the pass keeps the threads until it is given others, and so do copies of it. They end
   // with their last owner.
-  void setThreads(std::shared_ptr<mlnn::Threads> threads) { threads_ = std::move(threads); }
+  virtual void setThreads(std::shared_ptr<mlnn::Threads> threads);
 
  protected:
   FwdPass() = default;
@@ -67,11 +66,6 @@ class MLNN_EXPORT FwdPass {
   // through matrices of its own.
   virtual int evaluateFrames(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs);
 
-  // The threads to share the work with; null for none.
-  mlnn::Threads* threads() const { return threads_.get(); }
-
  private:
   int evaluateInto(const mlnn::InputFrames& inputs, Eigen::MatrixXf& outputs);
-
-  std::shared_ptr<mlnn::Threads> threads_;
 };

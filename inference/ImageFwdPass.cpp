@@ -154,6 +154,10 @@ std::vector<int> ImageFwdPass::widths() const {
   return widths;
 }
 
+void ImageFwdPass::setThreads(std::shared_ptr<Threads> threads) {
+  memory_.threads = std::move(threads);
+}
+
 int ImageFwdPass::numInputs() const { return layers_ ? layers_->numInputs() : 0; }
 
 int ImageFwdPass::numOutputs() const { return layers_ ? layers_->numOutputs() : 0; }
@@ -181,14 +185,14 @@ bool ImageFwdPass::canEvaluate(const char* operation) const {
 int ImageFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
   if (!canEvaluate(kEvaluate)) return 1;
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_, threads());
+  evaluateStack(*layers_, inputs, outputs, memory_, memory_.threads.get());
   return 0;
 }
 
 int ImageFwdPass::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs,
                       std::vector<LayerResult>* trace) {
   if (!canEvaluate(kEvaluate) || !inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  evaluateStack(*layers_, inputs, outputs, memory_, trace, threads());
+  evaluateStack(*layers_, inputs, outputs, memory_, trace, memory_.threads.get());
   return 0;
 }
 

@@ -75,6 +75,7 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   // breaks its own invariants.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
   using FwdPass::evaluate;
+  void setThreads(std::shared_ptr<Threads> threads) override;
 
   // The same, and hands out what every layer computed.
   // On failure: `outputs` and `layers` are unchanged.

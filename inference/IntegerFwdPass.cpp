@@ -52,6 +52,10 @@ IntegerFwdPass::IntegerFwdPass(std::shared_ptr<const IntegerSource> layers)
 
 IntegerFwdPass::~IntegerFwdPass() = default;
 
+void IntegerFwdPass::setThreads(std::shared_ptr<Threads> threads) {
+  memory_->threads = std::move(threads);
+}
+
 int IntegerFwdPass::numInputs() const { return static_cast<int>(layers_->layer(0).layer.cols); }
 
 int IntegerFwdPass::numOutputs() const {
@@ -61,13 +65,15 @@ int IntegerFwdPass::numOutputs() const {
 int IntegerFwdPass::evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                              Eigen::MatrixXf& outputs) {
   if (!inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_, threads());
+  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_,
+                   memory_->threads.get());
   return 0;
 }
 
 int IntegerFwdPass::evaluateFrames(const InputFrames& inputs, const OutputFrames& outputs) {
   if (!framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_, threads());
+  evaluateIntegers(*layers_, bestIntegerKernels(), inputs, outputs, *memory_,
+                   memory_->threads.get());
   return 0;
 }
 

@@ -66,6 +66,7 @@ class MLNN_EXPORT IntegerFwdPass : public FwdPass {
   // where their shape changes; into the caller's memory, nothing at all.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
   using FwdPass::evaluate;
+  void setThreads(std::shared_ptr<Threads> threads) override;
 
   // Returns the layers that are computed in integers.
   std::size_t numIntegerLayers() const;

@@ -6,6 +6,7 @@
 #include <Eigen/Core>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "inference/Frames.h"
@@ -57,6 +58,7 @@ struct IntegerMemory {
   Eigen::VectorXf gathered;                        // inputs that cannot be read as they lie
   Eigen::VectorXf results;                         // where outputs overlap the inputs
   std::vector<IntegerMemory> further;              // that of each further thread
+  std::shared_ptr<Threads> threads;                // which share the work; null for none
 };
 
 // The kernels of a pass.

@@ -18,6 +18,10 @@ NNFwdPassFromFile::NNFwdPassFromFile(const MultiLayerNNModel& model)
 NNFwdPassFromFile::NNFwdPassFromFile(std::shared_ptr<const MultiLayerNNModel> model)
     : model_(std::move(model)) {}
 
+void NNFwdPassFromFile::setThreads(std::shared_ptr<mlnn::Threads> threads) {
+  memory_.threads = std::move(threads);
+}
+
 int NNFwdPassFromFile::numInputs() const { return model_ == nullptr ? 0 : model_->numInputs(); }
 
 int NNFwdPassFromFile::numOutputs() const { return model_ == nullptr ? 0 : model_->numOutputs(); }
@@ -44,7 +48,7 @@ int NNFwdPassFromFile::evaluateFrames(const mlnn::InputFrames& inputs,
                                       const mlnn::OutputFrames& outputs) {
   if (!mlnn::canBeEvaluated(model_.get(), kEvaluate)) return 1;
   if (!mlnn::framesFit(inputs, outputs, numInputs(), numOutputs(), kEvaluate)) return 1;
-  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, threads());
+  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, memory_.threads.get());
   return 0;
 }
 
@@ -52,6 +56,7 @@ int NNFwdPassFromFile::run(const Eigen::Ref<const Eigen::MatrixXf>& inputs,
                            Eigen::MatrixXf& outputs, std::vector<mlnn::LayerResult>* trace) {
   if (!mlnn::canBeEvaluated(model_.get(), kEvaluate)) return 1;
   if (!mlnn::inputsFit(inputs.rows(), numInputs(), kEvaluate)) return 1;
-  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace, threads());
+  mlnn::evaluateStack(mlnn::ModelLayers(*model_), inputs, outputs, memory_, trace,
+                      memory_.threads.get());
   return 0;
 }

@@ -47,6 +47,7 @@ class MLNN_EXPORT NNFwdPassFromFile : public FwdPass {
   // where their shape changes; into the caller's memory, nothing at all.
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override;
   using FwdPass::evaluate;
+  void setThreads(std::shared_ptr<mlnn::Threads> threads) override;
 
   // The same, and hands out what every layer computed, in stack order: for whoever looks
   // for the place where results part from another engine's.
