@@ -53,6 +53,7 @@ const std::map<std::string, Words> kValues = {
     {"files-from", {kListName}},
     {"frames", {kFramesName}},
     {"init-scale", {"0.5"}},
+    {"jobs", {"1", "2"}},
     {"keep", {"0.5"}},
     {"labels", {kLabelsName}},
     {"leave", {"0.5"}},
@@ -95,7 +96,8 @@ struct Company {
 };
 const std::vector<Company> kTogether = {{"convert", "--symbol", {"--to", "c-array"}},
                                         {"quantize", "--sweep", {"--prove", kFramesName}},
-                                        {"reduce", "--sweep", {"--frames", kFramesName}}};
+                                        {"reduce", "--sweep", {"--frames", kFramesName}},
+                                        {"run", "--resume", {"--out", kResultName}}};
 
 const Words& valuesOf(const std::map<std::string, Words>& known, const std::string& name,
                       const std::string& command) {
