@@ -109,6 +109,10 @@ def test_what_is_no_recording_is_refused_by_name(network, paths, tmp_path):
         mlnn.score_recordings(network, [np.zeros((1, 120))])
     with pytest.raises(ValueError, match="batch: expected 1"):
         mlnn.score_recordings(network, paths, batch=0)
+
+
+def test_a_cluster_of_no_workers_is_refused(network, paths):
+    pytest.importorskip("distributed")
     with pytest.raises(ValueError, match="on: expected 1"):
         mlnn.score_recordings(network, paths, 0)
 
