@@ -4,26 +4,17 @@
 #include <limits>
 
 #include "analysis/Decisions.h"
+#include "tests/support/TwoClasses.h"
 
 namespace {
 
 using mlnn::Confusion;
 using mlnn::Decision;
 using mlnn::decisionOf;
-
-Eigen::MatrixXf posteriors(std::initializer_list<float> ofClassZero) {
-  Eigen::MatrixXf result(2, static_cast<Eigen::Index>(ofClassZero.size()));
-  Eigen::Index f = 0;
-  for (const float value : ofClassZero) {
-    result(0, f) = value;
-    result(1, f) = 1 - value;
-    ++f;
-  }
-  return result;
-}
+using mlnn::test::posteriorsOfTwo;
 
 TEST(DecisionsTest, tellsHowSureItIs) {
-  const Decision decision = decisionOf(posteriors({0.75f, 0.75f}));
+  const Decision decision = decisionOf(posteriorsOfTwo({0.75f, 0.75f}));
   EXPECT_EQ(decision.best, 0);
   EXPECT_EQ(decision.second, 1);
   EXPECT_DOUBLE_EQ(decision.meanPosterior, 0.75);
@@ -33,9 +24,9 @@ TEST(DecisionsTest, tellsHowSureItIs) {
 
 // The first two frames are for class 0; the third tips the sum.
 TEST(DecisionsTest, tellsWhenItSettled) {
-  EXPECT_EQ(decisionOf(posteriors({0.75f, 0.75f, 0.0625f, 0.5f})).best, 1);
-  EXPECT_EQ(decisionOf(posteriors({0.75f, 0.75f, 0.0625f, 0.5f})).settledAt, 2);
-  EXPECT_EQ(decisionOf(posteriors({0.25f, 0.9375f})).settledAt, 1);
+  EXPECT_EQ(decisionOf(posteriorsOfTwo({0.75f, 0.75f, 0.0625f, 0.5f})).best, 1);
+  EXPECT_EQ(decisionOf(posteriorsOfTwo({0.75f, 0.75f, 0.0625f, 0.5f})).settledAt, 2);
+  EXPECT_EQ(decisionOf(posteriorsOfTwo({0.25f, 0.9375f})).settledAt, 1);
 }
 
 TEST(DecisionsTest, hasNoNextClassOfOne) {
@@ -46,7 +37,7 @@ TEST(DecisionsTest, hasNoNextClassOfOne) {
 }
 
 TEST(DecisionsTest, isNoneWhereAPosteriorIsNotANumber) {
-  Eigen::MatrixXf values = posteriors({0.75f, 0.5f});
+  Eigen::MatrixXf values = posteriorsOfTwo({0.75f, 0.5f});
   values(1, 1) = std::numeric_limits<float>::quiet_NaN();
   EXPECT_EQ(decisionOf(values).best, -1);
   EXPECT_EQ(decisionOf(values).meanPosterior, 0);

@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "tests/support/TwoClasses.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/reports/PosteriorLine.h"
 
@@ -18,17 +19,7 @@ using mlnn::CharacterSet;
 using mlnn::OutputSide;
 using mlnn::printPosteriorLine;
 using mlnn::TerminalLook;
-
-Eigen::MatrixXf posteriors(std::initializer_list<float> ofClassZero) {
-  Eigen::MatrixXf result(2, static_cast<Eigen::Index>(ofClassZero.size()));
-  Eigen::Index f = 0;
-  for (const float value : ofClassZero) {
-    result(0, f) = value;
-    result(1, f) = 1 - value;
-    ++f;
-  }
-  return result;
-}
+using mlnn::test::posteriorsOfTwo;
 
 std::string lineOf(const Eigen::MatrixXf& outputs, const TerminalLook& look,
                    bool arePosteriors = true) {
@@ -38,27 +29,27 @@ std::string lineOf(const Eigen::MatrixXf& outputs, const TerminalLook& look,
 }
 
 TEST(PosteriorLineTest, showsThePosteriorsOfTheDecidedClass) {
-  const Eigen::MatrixXf outputs = posteriors({0.01f, 0.25f, 0.5f, 0.75f, 0.99f, 0.99f, 0.99f});
+  const Eigen::MatrixXf outputs = posteriorsOfTwo({0.01f, 0.25f, 0.5f, 0.75f, 0.99f, 0.99f, 0.99f});
   EXPECT_EQ(lineOf(outputs, {80, CharacterSet::kUnicode, false}), "over time: ▁▃▅▆███\n");
   EXPECT_EQ(lineOf(outputs, {80, CharacterSet::kAscii, false}), "over time: _-+*@@@\n");
 }
 
 TEST(PosteriorLineTest, showsMeansWhereThereAreMoreFramesThanRoom) {
-  const Eigen::MatrixXf outputs = posteriors({0.5f, 1, 1, 1, 0, 1});
+  const Eigen::MatrixXf outputs = posteriorsOfTwo({0.5f, 1, 1, 1, 0, 1});
   EXPECT_EQ(lineOf(outputs, {14, CharacterSet::kAscii, false}), "over time: *@+\n");
   EXPECT_EQ(lineOf(outputs, {3, CharacterSet::kAscii, false}), "over time: *\n");
 }
 
 TEST(PosteriorLineTest, hasColoursOnDemand) {
-  EXPECT_EQ(lineOf(posteriors({1, 1, 0.25f, 1}), {80, CharacterSet::kAscii, true}),
+  EXPECT_EQ(lineOf(posteriorsOfTwo({1, 1, 0.25f, 1}), {80, CharacterSet::kAscii, true}),
             "over time: \x1b[32m@@\x1b[33m-\x1b[32m@\x1b[0m\n");
 }
 
 TEST(PosteriorLineTest, isNoneWithoutADecision) {
   const TerminalLook look;
-  EXPECT_EQ(lineOf(posteriors({1}), look, false), "");
+  EXPECT_EQ(lineOf(posteriorsOfTwo({1}), look, false), "");
   EXPECT_EQ(lineOf(Eigen::MatrixXf(2, 0), look), "");
-  EXPECT_EQ(lineOf(posteriors({std::numeric_limits<float>::quiet_NaN()}), look), "");
+  EXPECT_EQ(lineOf(posteriorsOfTwo({std::numeric_limits<float>::quiet_NaN()}), look), "");
 }
 
 // What a line of shell shows on a terminal of that width.
