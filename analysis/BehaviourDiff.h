@@ -18,10 +18,10 @@ namespace mlnn {
 
 // How far apart the models are at one stage (analysis/Stage.h) over all frames.
 struct MLNN_EXPORT StageDifference {
-  std::string stage;
+  std::string stage;         // its name
   Eigen::Index valuesA = 0;  // values for one frame
-  Eigen::Index valuesB = 0;
-  Difference difference;  // none when the models have not as many values
+  Eigen::Index valuesB = 0;  // the same of the other model
+  Difference difference;     // none when the models have not as many values
 
   // Whether the models part here: other numbers of values, or a difference over `tolerance`.
   bool isBeyond(double tolerance) const;
@@ -29,7 +29,9 @@ struct MLNN_EXPORT StageDifference {
 
 // Where a stage differs most, counted from 0.
 struct FramePlace {
-  std::string recording;
+  std::string recording;  // as addRecording was given it
+
+  // Within the recording, and within the stage's values for a frame.
   Eigen::Index frame = 0;
   Eigen::Index unit = 0;
 };
@@ -56,10 +58,11 @@ class MLNN_EXPORT BehaviourDiff {
   // Returns the first stage where the models part, or null.
   const StageDifference* firstBeyond(double tolerance) const;
 
+  // Returns where that stage differs most. REQUIRES: it is one of stages().
   FramePlace placeOfLargest(const StageDifference& stage) const;
 
-  std::size_t recordings() const { return recordings_; }
-  std::size_t frames() const { return frames_; }
+  std::size_t recordings() const { return recordings_; }  // taken in
+  std::size_t frames() const { return frames_; }          // of all of them
 
   // Frames for which both models have the same best class.
   std::size_t sameDecisions() const { return sameDecisions_; }

@@ -26,7 +26,9 @@ class MLNN_EXPORT Difference {
   // Where a value stands: in which pair of arrays, and there in which row and column, all
   // counted from 0.
   struct Place {
-    std::size_t pair = 0;
+    std::size_t pair = 0;  // in the order of `add`
+
+    // Within both arrays of the pair.
     Eigen::Index row = 0;
     Eigen::Index col = 0;
   };
@@ -44,6 +46,7 @@ class MLNN_EXPORT Difference {
   double largest() const { return largest_; }
   Place placeOfLargest() const { return place_; }
 
+  // The largest distance by ulpDistance.
   uint32_t largestUlps() const { return largestUlps_; }
 
   // The mean of the absolute differences; 0 without values.

@@ -14,9 +14,11 @@ namespace mlnn {
 
 // Processor time for one frame, in seconds, over all measurements.
 struct FrameTime {
+  // Of the measurements.
   double median = 0;
   double fastest = 0;
   double slowest = 0;
+
   std::size_t frames = 0;  // how many were evaluated
 };
 
@@ -33,6 +35,7 @@ MLNN_EXPORT std::optional<FrameTime> timeFrames(MultiLayerNNModel& model, double
 MLNN_EXPORT std::optional<FrameTime> timeFrames(FwdPass& pass, double seconds, std::string& whyNot,
                                                 const Watch& watch = {});
 
+// How many steps of its time it tells a watch of.
 inline constexpr std::size_t kTimingSteps = 100;
 
 }  // namespace mlnn

@@ -10,10 +10,10 @@
 namespace mlnn {
 
 struct Histogram {
-  double low = 0;   // where the first bin begins: the smallest finite value
-  double high = 0;  // where the last one ends: the largest finite value
-  std::vector<std::size_t> counts;
-  std::size_t notFinite = 0;  // values that are NaN or infinite and fall into no bin
+  double low = 0;                   // where the first bin begins: the smallest finite value
+  double high = 0;                  // where the last one ends: the largest finite value
+  std::vector<std::size_t> counts;  // of each bin, from the first
+  std::size_t notFinite = 0;        // values that are NaN or infinite and fall into no bin
 };
 
 // Counts `count` values into `bins` bins. Values that are all equal fall into the middle bin of

@@ -41,7 +41,7 @@ MLNN_EXPORT ModelBudget budgetOf(const MultiLayerNNModel& model, const Watch& wa
 
 // What a forward pass over codes holds in place of the model's arrays.
 struct CodedSize {
-  uint64_t bytes = 0;
+  uint64_t bytes = 0;           // in all
   std::size_t codedLayers = 0;  // the others hold floats
 };
 
@@ -66,8 +66,8 @@ MLNN_EXPORT std::optional<IntegerSize> integerSizeOf(const MultiLayerNNModel& mo
 // The sizes of the files that a model is saved to (model/FormatFit.h): an image, and a text with
 // nine digits. Nothing where the format has no way to write the model.
 struct FileSizes {
-  std::optional<uint64_t> image;
-  std::optional<uint64_t> text;
+  std::optional<uint64_t> image;  // bytes of an image
+  std::optional<uint64_t> text;   // bytes of a text
 };
 
 // `watch` is told of the bytes of the text.

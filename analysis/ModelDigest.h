@@ -20,14 +20,16 @@
 
 namespace mlnn {
 
+// A part of a model, and its digest.
 struct DigestSection {
-  std::string name;
-  std::string digest;
+  std::string name;    // one of those above
+  std::string digest;  // 32 hex digits
 };
 
+// The digests of all parts that a model's file holds.
 struct ModelDigest {
-  ModelFormat format = ModelFormat::kText;
-  std::vector<DigestSection> sections;
+  ModelFormat format = ModelFormat::kText;  // of the file
+  std::vector<DigestSection> sections;      // one for each
 };
 
 // Returns the digests of all sections that the file's format holds. Activations that the file
@@ -40,14 +42,16 @@ inline constexpr int kDigestVersion = 1;
 
 // What became of the sections of an earlier digest.
 struct DigestComparison {
+  // A section that is not as it was.
   struct Difference {
-    std::string section;
-    std::string text;  // as in "layer 1: is what layer 2 was"
+    std::string section;  // its name
+    std::string text;     // as in "layer 1: is what layer 2 was"
   };
   std::vector<Difference> differences;
   std::vector<std::string> notCompared;  // sections that only one of two formats holds
 };
 
+// Compares the digests of a model with earlier ones, of either format.
 MLNN_EXPORT DigestComparison compareDigests(const ModelDigest& now, const ModelDigest& before);
 
 }  // namespace mlnn

@@ -13,18 +13,23 @@
 
 namespace mlnn {
 
+// What a layer is.
 struct LayerSummary {
-  bool isBatchNorm = false;
+  bool isBatchNorm = false;  // else it is plain
+
+  // Its shape, and what it computes at its outputs.
   Eigen::Index inputs = 0;
   Eigen::Index outputs = 0;
   ActFn::ActFn actFn = ActFn::linear;
+
   std::size_t parameters = 0;  // the numbers that it computes or is trained with
   StoredWeights imageWeights;  // how an image stores its weights
 };
 
+// What a model is made of.
 struct ModelSummary {
-  std::vector<LayerSummary> layers;
-  std::size_t parameters = 0;   // of all layers
+  std::vector<LayerSummary> layers;  // from the first to the last
+  std::size_t parameters = 0;        // of all layers
   std::size_t memoryBytes = 0;  // what the model takes in memory, to within what the allocator adds
 };
 

@@ -13,15 +13,16 @@
 namespace mlnn {
 
 struct ArrayDifference {
-  std::string array;  // "weights", "bias", ..., "effective weights", "effective bias"
-  Difference difference;
+  std::string array;      // "weights", "bias", ..., "effective weights", "effective bias"
+  Difference difference;  // over all of its values
 };
 
+// What differs in a layer that both models have.
 struct MLNN_EXPORT LayerDifference {
-  std::size_t layer = 0;  // counted from 1
-  bool sameShape = true;  // otherwise there are no arrays
-  bool sameKind = true;
-  std::vector<ArrayDifference> arrays;
+  std::size_t layer = 0;                // counted from 1
+  bool sameShape = true;                // otherwise there are no arrays
+  bool sameKind = true;                 // both are plain, or both batch norm
+  std::vector<ArrayDifference> arrays;  // those that are compared, as told below
 
   // Whether both layers hold the same numbers in the same arrays.
   bool isSame() const;

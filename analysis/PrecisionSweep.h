@@ -15,9 +15,9 @@ namespace mlnn {
 
 // What was found with one number of bits, beside the model as it is.
 struct PrecisionLoss {
-  int bits = 0;
-  double largestWeightError = 0;  // of the weights and biases that the model computes with
-  double meanWeightError = 0;
+  int bits = 0;                        // what was asked for
+  double largestWeightError = 0;       // of the weights and biases that the model computes with
+  double meanWeightError = 0;          // of the same
   double largestOutputDifference = 0;  // over all frames and outputs
   std::size_t sameBestClass = 0;       // frames
   std::size_t rightRecordings = 0;     // of those whose class is known
@@ -40,8 +40,8 @@ class MLNN_EXPORT PrecisionSweep {
   // REQUIRES: bits is 0 to 31.
   PrecisionLoss measure(int bits, const Watch& watch = {}) const;
 
-  std::size_t recordings() const { return recordings_.size(); }
-  std::size_t frames() const { return frames_; }
+  std::size_t recordings() const { return recordings_.size(); }  // taken in
+  std::size_t frames() const { return frames_; }                 // of all of them
 
   // Recordings that the model as it is decides rightly.
   std::size_t rightRecordings() const { return rightRecordings_; }

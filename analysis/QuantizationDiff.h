@@ -16,9 +16,9 @@ namespace mlnn {
 // What was done to a layer.
 struct LayerQuantization {
   int bits = 0;  // the fewest that give its weights; 0 where they are as they were
-  RowScale scale = RowScale::kLargest;
-  bool isFolded = false;   // its batch norm became part of its weights
-  bool isShifted = false;  // its bias, or beta_inf, is another one
+  RowScale scale = RowScale::kLargest;  // how the rows' scales were chosen
+  bool isFolded = false;                // its batch norm became part of its weights
+  bool isShifted = false;               // its bias, or beta_inf, is another one
 };
 
 // Looks for what quantizeRows (model/RowQuantization.h), and perhaps correctBiases

@@ -28,9 +28,9 @@ MLNN_EXPORT bool comesBefore(const std::string& a, const std::string& b);
 
 // The values of all stages, one frame a column.
 struct MLNN_EXPORT StageValues {
-  Eigen::MatrixXf inputs;
-  std::vector<LayerResult> layers;
-  Eigen::MatrixXf outputs;
+  Eigen::MatrixXf inputs;           // normalised and stacked, as the first layer takes them
+  std::vector<LayerResult> layers;  // before and after the activation of each
+  Eigen::MatrixXf outputs;          // after the softmax, if there is one
 
   // Returns the values of the stages in the order of stageNames.
   std::vector<const Eigen::MatrixXf*> inOrder() const;

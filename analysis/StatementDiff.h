@@ -12,9 +12,9 @@ namespace mlnn {
 
 // One thing that the models do not agree on. A model that does not say it has no text.
 struct StatementDifference {
-  std::string what;  // "softmax", "property labels", "layer 2", ...
-  std::optional<std::string> a;
-  std::optional<std::string> b;
+  std::string what;              // "softmax", "property labels", "layer 2", ...
+  std::optional<std::string> a;  // what the first model says
+  std::optional<std::string> b;  // what the second one says
 };
 
 // Compares all but the parameters: softmax, properties, notes, training curves, feature

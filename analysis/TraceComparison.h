@@ -12,21 +12,25 @@
 
 namespace mlnn {
 
+// How far apart two traces are at one stage (analysis/Stage.h).
 struct MLNN_EXPORT StageComparison {
   // What one trace has of a stage; nothing when it does not have it.
   struct Side {
-    bool isPresent = false;
-    Eigen::Index frames = 0;
-    Eigen::Index values = 0;
+    bool isPresent = false;    // whether the trace has the stage
+    Eigen::Index frames = 0;   // how many there are
+    Eigen::Index values = 0;   // for one frame
     float valueAtLargest = 0;  // where the difference is largest
   };
 
-  std::string stage;
-  Side a;
-  Side b;
+  std::string stage;      // its name
+  Side a;                 // of the first trace
+  Side b;                 // of the second one
   Difference difference;  // none unless both have the same shape
 
+  // Whether both traces have the stage.
   bool isInBoth() const { return a.isPresent && b.isPresent; }
+
+  // Whether both have as many frames, and as many values for each.
   bool sameShape() const { return a.frames == b.frames && a.values == b.values; }
 
   // Whether the results part here: only one trace has the stage, the shapes differ, or a
@@ -37,6 +41,7 @@ struct MLNN_EXPORT StageComparison {
 // One side of a comparison: the stages that are there, in the order in which they are computed
 // (analysis/Stage.h), and what gives the values of one, frames as columns.
 struct Trace {
+  // Names of stages, and the function.
   std::vector<std::string> stages;
   std::function<Eigen::MatrixXf(const std::string& stage)> values;
 };

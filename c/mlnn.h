@@ -34,6 +34,8 @@
 
 #include "features/Version.h"
 
+/** Stands before every function: a shared library shows these, and keeps everything else to itself.
+ */
 #if defined(__GNUC__)
 #define MLNN_API __attribute__((visibility("default")))
 #else

@@ -40,10 +40,10 @@ class MLNN_EXPORT DevicePass {
            ImageChecksum checksum = ImageChecksum::kVerified);
 
   // All are 0 without an image.
-  int frameLen() const { return frameLen_; }  // values in a frame
-  int delay() const { return right_; }        // frames that results wait for
-  int numInputs() const { return numInputs_; }
-  int numOutputs() const { return numOutputs_; }
+  int frameLen() const { return frameLen_; }      // values in a frame
+  int delay() const { return right_; }            // frames that results wait for
+  int numInputs() const { return numInputs_; }    // values in an input vector
+  int numOutputs() const { return numOutputs_; }  // values in its results
 
   // Says whether a softmax goes over the last layer's results, which an image does not hold. It
   // does unless this says otherwise; another image does not change it.

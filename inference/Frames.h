@@ -69,11 +69,10 @@ struct OutputFrames {
 
   // A matrix that can be written, with the values of a column one behind the other. Its shape
   // stays as it is.
-  template <
-      typename Matrix,
-      std::enable_if_t<kAreFloatsInMemory<Matrix> && kHasWholeColumns<Matrix> &&
-                           std::is_convertible_v<decltype(std::declval<Matrix&>().data()), float*>,
-                       int> = 0>
+  template <typename Matrix, typename Values = decltype(std::declval<Matrix&>().data()),
+            std::enable_if_t<kAreFloatsInMemory<Matrix> && kHasWholeColumns<Matrix> &&
+                                 std::is_convertible_v<Values, float*>,
+                             int> = 0>
   OutputFrames(Eigen::DenseBase<Matrix>& matrix)  // NOLINT(google-explicit-constructor)
       : OutputFrames(matrix.derived().data(), matrix.rows(), matrix.cols(),
                      matrix.derived().colStride()) {}

@@ -14,6 +14,7 @@ namespace mlnn {
 // A child process that was forked has none of them: there everything runs in the calling thread.
 class MLNN_EXPORT Threads {
  public:
+  // As many threads as there are at most.
   static constexpr int kMost = 256;
 
   // Starts `count` - 1 threads. Less than 1 counts as 1, more than kMost as kMost.

@@ -23,9 +23,9 @@ struct Misfit {
   std::size_t line = 0;    // of a text file, from 1; 0 in an image
   std::size_t column = 0;  // in bytes, from 1; 0 in an image
   std::string field;       // what stands there, as in "layer 2, row 3, weight 7"
-  std::string expected;
-  std::string found;
-  std::string hint;  // what may be the reason; may be empty
+  std::string expected;    // what the format asks for there
+  std::string found;       // what is there instead
+  std::string hint;        // what may be the reason; may be empty
 };
 
 // Returns the first misfit of a file of either format, nothing when there is none.
