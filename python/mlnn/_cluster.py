@@ -48,7 +48,7 @@ def score_recordings(model: Model, recordings: _Recordings, on: Any = None, *,
 
     Recordings are paths of .npy files, named by the file without its suffix, or pairs of a name and a path
     or frames; or a mapping from names to these. They are looked at as they are needed.
-    `on` says where: None here, a number so many workers on this machine, an address ("tcp://head:8786") or a
+    `on` says where: None here, a number so many workers on this machine, an address (`tcp://head:8786`) or a
     distributed.Client the cluster that is there. A worker gets the model once, and then `batch` recordings at a
     time; it reads files itself, so it must see them under the same names. Where a worker dies, others do its work.
     Results are the same bits in every case, on processors with fused multiply-add.
