@@ -1,10 +1,9 @@
 #include "MelFrames.h"
 
-#include <fftw3.h>
-
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <unsupported/Eigen/FFT>
 
 namespace {
 
@@ -64,17 +63,11 @@ bool Deltas::finish(Bands& delta) {
 // --- MelSpectrum ---
 
 struct MelSpectrum::Transform {
-  Transform()
-      : plan(fftw_plan_dft_r2c_1d(kSpectrum, samples.data(),
-                                  reinterpret_cast<fftw_complex*>(spectrum.data()),
-                                  FFTW_ESTIMATE)) {}
-  ~Transform() { fftw_destroy_plan(plan); }
-  Transform(const Transform&) = delete;
-  Transform& operator=(const Transform&) = delete;
+  void run() { fft.fwd(spectrum.data(), samples.data(), kSpectrum); }
 
+  Eigen::FFT<double> fft;
   std::array<double, kSpectrum> samples{};  // zeros after the frame's own
-  std::array<std::complex<double>, kBins> spectrum{};
-  fftw_plan plan;
+  std::array<std::complex<double>, kSpectrum> spectrum{};
 };
 
 MelSpectrum::MelSpectrum() : transform_(std::make_unique<Transform>()) {
@@ -98,7 +91,7 @@ MelSpectrum::~MelSpectrum() = default;
 Bands MelSpectrum::of(const double* samples) {
   std::transform(window_.begin(), window_.end(), samples, transform_->samples.begin(),
                  [](double weight, double sample) { return weight * sample; });
-  fftw_execute(transform_->plan);
+  transform_->run();
   Bands energies;
   for (std::size_t b = 0; b < bands_.size(); ++b) {
     double energy = 0;
