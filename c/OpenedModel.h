@@ -11,10 +11,10 @@
 #include "features/DbnFeatureDescription.h"
 #include "features/MelDeltasNorm.h"
 #include "inference/CodedFwdPass.h"
-#include "inference/FileMapping.h"
 #include "inference/FwdPass.h"
 #include "inference/IntegerFwdPass.h"
 #include "model/ModelFile.h"
+#include "os/FileMapping.h"
 
 namespace mlnn {
 

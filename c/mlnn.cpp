@@ -18,6 +18,7 @@
 #include "features/ContextWindow.h"
 #include "features/FrameWidth.h"
 #include "features/Version.h"
+#include "inference/ImageFileMapping.h"
 #include "layers/Messages.h"
 #include "layers/Report.h"
 #include "model/StackOutputs.h"

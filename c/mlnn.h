@@ -36,7 +36,7 @@
 
 /** Stands before every function: a shared library shows these, and keeps everything else to itself.
  */
-#if defined(__GNUC__)
+#if defined(__GNUC__) && !defined(_WIN32)
 #define MLNN_API __attribute__((visibility("default")))
 #else
 #define MLNN_API

@@ -28,7 +28,7 @@ using EigenArraysHere = EigenArrays<EIGEN_WORLD_VERSION, EIGEN_MAJOR_VERSION,
                                     EIGEN_DEFAULT_ALIGN_BYTES, EIGEN_MALLOC_ALREADY_ALIGNED != 0>;
 
 #if defined(__GNUC__) && !defined(__wasm__)
-#if defined(__has_attribute) && __has_attribute(retain)
+#if defined(__has_attribute) && __has_attribute(retain) && !defined(_WIN32)
 #define MLNN_KEPT __attribute__((used, retain))  // by the linker too, where it collects sections
 #else
 #define MLNN_KEPT __attribute__((used))

@@ -2,7 +2,7 @@
 #pragma once
 
 // Stands between `class` and its name, and before a function.
-#if defined(__GNUC__)
+#if defined(__GNUC__) && !defined(_WIN32)
 #define MLNN_EXPORT __attribute__((visibility("default")))
 #else
 #define MLNN_EXPORT

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "inference/FileMapping.h"
+#include "inference/ImageFileMapping.h"
 #include "inference/ImageFwdPass.h"
 #include "layers/Report.h"
 

@@ -5,10 +5,10 @@
 #include <utility>
 
 #include "inference/WatchedPieces.h"
-#include "layers/FreshMemory.h"
 #include "layers/NNLayer.h"
 #include "layers/RowCodes.h"
 #include "model/MultiLayerNNModel.h"
+#include "os/FreshMemory.h"
 
 namespace mlnn {
 namespace {

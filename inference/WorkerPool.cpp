@@ -2,9 +2,6 @@
 
 #ifdef __STDCPP_THREADS__
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -13,42 +10,17 @@
 #include <thread>
 #include <vector>
 
+#include "os/Process.h"
+
 namespace mlnn {
-namespace {
-
-// Threads that are started meanwhile leave signals to the threads of the program, but for those
-// that tell of what they do themselves.
-class SignalsLeftToOthers {
- public:
-  SignalsLeftToOthers() {
-    sigset_t all;
-    sigfillset(&all);
-    for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) sigdelset(&all, own);
-    pthread_sigmask(SIG_BLOCK, &all, &before_);
-  }
-  ~SignalsLeftToOthers() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsLeftToOthers(const SignalsLeftToOthers&) = delete;
-  SignalsLeftToOthers& operator=(const SignalsLeftToOthers&) = delete;
-
- private:
-  sigset_t before_;
-};
-
-}  // namespace
 
 // The threads, and the work that they share. They take it by rounds, in each of which every thread
 // takes parts until there are no more.
 class WorkerPool::Crew {
  public:
-  explicit Crew(int count) : process_(getpid()) {
+  explicit Crew(int count) : process_(processNumber()) {
     threads_.reserve(static_cast<std::size_t>(count) - 1);
-    const SignalsLeftToOthers signals;
-    try {
-      for (int worker = 1; worker < count; ++worker) {
-        threads_.emplace_back([this, worker] { serve(worker); });
-      }
-    } catch (const std::exception&) {  // no more than these, then
-    }
+    startWithoutSignals([this, count] { start(count); });
   }
 
   ~Crew() {
@@ -67,7 +39,7 @@ class WorkerPool::Crew {
   int threads() const { return static_cast<int>(threads_.size()); }
 
   // A fork copies what the threads left behind, locks that they held included, but no thread.
-  bool isInItsProcess() const { return process_ == getpid(); }
+  bool isInItsProcess() const { return process_ == processNumber(); }
 
   // Gives the threads to one caller at a time.
   bool take() { return !isTaken_.test_and_set(std::memory_order_acquire); }
@@ -92,6 +64,15 @@ class WorkerPool::Crew {
   }
 
  private:
+  void start(int count) {
+    try {
+      for (int worker = 1; worker < count; ++worker) {
+        threads_.emplace_back([this, worker] { serve(worker); });
+      }
+    } catch (const std::exception&) {  // no more than these, then
+    }
+  }
+
   void serve(int worker) {
     for (uint64_t seen = 0;;) {
       waitUntil(begins_, [this, seen] { return round_.load() != seen; });
@@ -128,7 +109,7 @@ class WorkerPool::Crew {
     changed.wait(lock, holds);
   }
 
-  const pid_t process_;
+  const long process_;
   std::atomic_flag isTaken_ = ATOMIC_FLAG_INIT;
   std::mutex mutex_;
   std::condition_variable begins_;

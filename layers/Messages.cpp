@@ -1,7 +1,5 @@
 #include "layers/Messages.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -10,6 +8,7 @@
 
 #include "layers/MessageText.h"
 #include "layers/Report.h"
+#include "os/ProcessLock.h"
 
 namespace mlnn {
 namespace {
@@ -27,17 +26,13 @@ struct Sink {
   void* data;
 };
 
-// Not std::mutex: what that may throw would come along, which is much code for a small device.
-pthread_mutex_t sinkMutex = PTHREAD_MUTEX_INITIALIZER;
-Sink processSink = {};
+Sink processSink = {};  // under the lock of the process
 
 std::atomic<LinePrinter> linePrinter = printByStdio;
 
 Sink currentSink() {
-  pthread_mutex_lock(&sinkMutex);
-  const Sink present = processSink;
-  pthread_mutex_unlock(&sinkMutex);
-  return present;
+  const ProcessLock lock;
+  return processSink;
 }
 
 void remember(std::string_view error) {
@@ -94,9 +89,8 @@ void reportByStdio(const char* text) { deliver({text}, printByStdio); }
 void setLinePrinter(LinePrinter printer) { linePrinter = printer; }
 
 void setMessageSink(MessageSink sink, void* data) {
-  pthread_mutex_lock(&sinkMutex);
+  const ProcessLock lock;
   processSink = {sink, data};
-  pthread_mutex_unlock(&sinkMutex);
 }
 
 void printProblems(Severity severity, std::string_view text, void*) {

@@ -6,8 +6,8 @@
 
 #include "layers/ByteIo.h"
 #include "layers/Crc32c.h"
-#include "layers/FreshMemory.h"
 #include "layers/LayerArrays.h"
+#include "os/FreshMemory.h"
 
 namespace mlnn {
 namespace {

@@ -3,6 +3,7 @@
 #include <locale>
 
 #include "layers/Report.h"
+#include "os/Names.h"
 
 namespace mlnn {
 namespace {
@@ -16,7 +17,7 @@ FileStream::FileStream() : buffer_(new char[kFileBuffer]) {}
 
 bool FileStream::open(const char* fileName) {
   in_.rdbuf()->pubsetbuf(buffer_.get(), kFileBuffer);
-  if (fileName != nullptr) in_.open(fileName, std::ios::in);
+  if (fileName != nullptr) openToRead(in_, fileName);
   if (fileName == nullptr || !in_) {
     report({"ERROR: MultiLayerNNModel: could not read file: ", fileName});
     return false;

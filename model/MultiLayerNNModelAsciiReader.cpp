@@ -16,11 +16,11 @@
 #include <streambuf>
 
 #include "features/string_split.h"
-#include "layers/FreshMemory.h"
 #include "layers/Report.h"
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "os/FreshMemory.h"
 #include "text/FloatReader.h"
 
 namespace {

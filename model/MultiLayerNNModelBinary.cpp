@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "layers/ByteIo.h"
-#include "layers/FreshMemory.h"
 #include "layers/NNLayerRecord.h"
 #include "layers/Report.h"
 #include "model/ImageHeadReader.h"
@@ -16,6 +15,7 @@
 #include "model/ModelFormat.h"
 #include "model/ModelImage.h"
 #include "model/MultiLayerNNModel.h"
+#include "os/FreshMemory.h"
 
 namespace {
 

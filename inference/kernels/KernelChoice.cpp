@@ -5,31 +5,16 @@
 #include <atomic>
 #include <cstdlib>
 
-#if __has_include(<unistd.h>)
-#include <unistd.h>
-#endif
+#include "os/ProcessorCaches.h"
 
 namespace mlnn {
 namespace {
 
 std::atomic<const KernelShape*> fixedShape{nullptr};
 
-#ifdef _SC_LEVEL2_CACHE_SIZE
-std::size_t cacheSize(int level) {
-  const long bytes = sysconf(level);
-  return bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
-}
-
-CacheSizes cacheSizes() {
-  return {cacheSize(_SC_LEVEL2_CACHE_SIZE), cacheSize(_SC_LEVEL3_CACHE_SIZE)};
-}
-#else
-CacheSizes cacheSizes() { return {0, 0}; }
-#endif
-
 KernelShape shapeHere() {
   const char* const name = std::getenv("MLNN_KERNEL_SHAPE");
-  return kernelShapeFor(cacheSizes(), name == nullptr ? "" : name);
+  return kernelShapeFor({processorCache(2), processorCache(3)}, name == nullptr ? "" : name);
 }
 
 }  // namespace

@@ -9,9 +9,9 @@
 #include <string>
 #include <utility>
 
-#include "inference/FileMapping.h"
 #include "inference/ImageFwdPass.h"
 #include "model/MultiLayerNNModel.h"
+#include "os/FileMapping.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"

@@ -1,11 +1,9 @@
 #include "tests/support/TempFolder.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -23,11 +21,13 @@ std::string contentOf(const std::string& path) {
 }
 
 TempFolder::TempFolder() {
-  std::string path = (fs::temp_directory_path() / "mlnn-test-XXXXXX").string();
-  if (mkdtemp(path.data()) == nullptr) {
-    throw std::system_error(errno, std::generic_category(), "mkdtemp");
-  }
-  path_ = path;
+  std::random_device random;
+  fs::path path;
+  do {
+    path = fs::temp_directory_path() / ("mlnn-test-" + std::to_string(random()));
+  } while (!fs::create_directory(path));
+  fs::permissions(path, fs::perms::owner_all);
+  path_ = path.generic_string();
 }
 
 TempFolder::~TempFolder() {

@@ -39,7 +39,7 @@ bool writeAll(MultiLayerNNModel& model, const std::string& stem) {
 
 bool rewrite(const fs::path& from, const fs::path& to, bool inAllFormats) {
   MultiLayerNNModel model;
-  if (model.deserialize(from.c_str()) != 0) return false;
+  if (model.deserialize(from.string().c_str()) != 0) return false;
   if (inAllFormats) {
     return writeAll(model, (to / from.stem()).string() + "-" + from.extension().string().substr(1));
   }

@@ -1,14 +1,11 @@
 #include "tools/commands/OnnxCommands.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "os/Program.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 
@@ -42,13 +39,9 @@ struct Options {
 int runPython(const std::string& python, const std::vector<std::string>& command) {
   std::vector<std::string> line = {python, "-c", kRunPackage};
   line.insert(line.end(), command.begin(), command.end());
-  std::vector<char*> arguments;
-  arguments.reserve(line.size() + 1);
-  for (std::string& word : line) arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  setenv("PYTHONSAFEPATH", "1", 0);  // a folder `mlnn` where the user stands is not the package
-  execvp(python.c_str(), arguments.data());
-  throw Failure("cannot run " + escaped(python) + ": " + std::strerror(errno) +
+  setDefault("PYTHONSAFEPATH", "1");  // a folder `mlnn` where the user stands is not the package
+  const int error = becomeProgram(line);
+  throw Failure("cannot run " + escaped(python) + ": " + std::strerror(error) +
                 "; ONNX is read and written by the Python package mlnn");
 }
 

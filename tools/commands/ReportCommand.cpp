@@ -1,7 +1,5 @@
 #include "tools/commands/ReportCommand.h"
 
-#include <unistd.h>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,6 +8,7 @@
 
 #include "inference/Evaluation.h"
 #include "inference/RecordingInputs.h"
+#include "os/Descriptors.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/commands/KnownClasses.h"
@@ -81,7 +80,7 @@ void refuseLossOfInputs(const Options& options) {
 }
 
 void checkUsage(const Options& options) {
-  if (options.out == kStandardStream && isatty(STDOUT_FILENO) != 0) {
+  if (options.out == kStandardStream && isTerminal(kStandardOutput)) {
     throw UsageError("a page is not for a terminal: -o says which file to write");
   }
   refuseSecondStandardInput(inputsOf(options));

@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "os/Names.h"
 #include "tools/files/InputFile.h"
 
 namespace fs = std::filesystem;
@@ -63,7 +64,7 @@ void writeWords(const std::vector<char>& image, std::ostream& out) {
 }  // namespace
 
 std::string arrayName(const std::string& fileName) {
-  std::string name = fs::path(fileName).stem().string();
+  std::string name = nameOf(pathOf(fileName).stem());
   if (fileName == kStandardStream || std::none_of(name.begin(), name.end(), isLetterOrDigit)) {
     return "model_image";
   }

@@ -1,8 +1,8 @@
 #include "tools/files/DescriptorBuffer.h"
 
-#include <unistd.h>
-
 #include <cerrno>
+
+#include "os/Descriptors.h"
 
 namespace mlnn {
 
@@ -13,7 +13,8 @@ DescriptorBuffer::DescriptorBuffer(int descriptor) : descriptor_(descriptor) {
 int DescriptorBuffer::sync() {
   const char* next = pbase();
   while (error_ == 0 && next < pptr()) {
-    const ssize_t count = write(descriptor_, next, static_cast<std::size_t>(pptr() - next));
+    const std::ptrdiff_t count =
+        writeBytes(descriptor_, next, static_cast<std::size_t>(pptr() - next));
     if (count >= 0) {
       next += count;
     } else if (errno != EINTR) {

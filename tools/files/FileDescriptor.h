@@ -1,15 +1,15 @@
 // FileDescriptor — owns a file descriptor, and closes it.
 #pragma once
 
-#include <unistd.h>
-
 #include <utility>
+
+#include "os/Descriptors.h"
 
 namespace mlnn {
 
 class FileDescriptor {
  public:
-  // Takes what open, dup and the like return; -1 is none.
+  // Takes what os/Descriptors.h opens; -1 is none.
   explicit FileDescriptor(int descriptor = -1) : descriptor_(descriptor) {}
   FileDescriptor(FileDescriptor&& other) noexcept
       : descriptor_(std::exchange(other.descriptor_, -1)) {}
@@ -25,7 +25,7 @@ class FileDescriptor {
   // Returns whether there was none to close or it closed without an error, which errno tells.
   bool close() {
     const int descriptor = std::exchange(descriptor_, -1);
-    return descriptor < 0 || ::close(descriptor) == 0;
+    return descriptor < 0 || closeDescriptor(descriptor);
   }
 
  private:

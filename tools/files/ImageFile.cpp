@@ -1,14 +1,12 @@
 #include "tools/files/ImageFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <limits>
 #include <vector>
 
 #include "layers/Messages.h"
 #include "model/ModelFormat.h"
+#include "os/Descriptors.h"
 #include "tools/Failure.h"
 #include "tools/files/FileDescriptor.h"
 #include "tools/files/InputFile.h"
@@ -20,19 +18,17 @@ namespace {
 
 // The length of a regular file; nothing for anything else, or what memory could not hold.
 std::optional<std::size_t> lengthOf(int descriptor) {
-  struct stat status;
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-  if (static_cast<uint64_t>(status.st_size) > std::numeric_limits<std::size_t>::max()) {
-    return std::nullopt;
-  }
-  return static_cast<std::size_t>(status.st_size);
+  FileStatus status;
+  if (!readStatus(descriptor, status) || status.kind != FileKind::kRegular) return std::nullopt;
+  if (status.length > std::numeric_limits<std::size_t>::max()) return std::nullopt;
+  return static_cast<std::size_t>(status.length);
 }
 
 }  // namespace
 
 std::optional<ImageFile> ImageFile::open(const std::string& name, bool verbose) {
   if (!identityOfRegularFile(name)) return std::nullopt;
-  const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  const FileDescriptor file(openForReading(name.c_str()));
   const std::optional<std::size_t> length = lengthOf(file.get());
   if (!length || *length < kMinImageLength) return std::nullopt;
   ImageFile image;

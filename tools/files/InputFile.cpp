@@ -1,16 +1,13 @@
 #include "tools/files/InputFile.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 
+#include "os/Descriptors.h"
+#include "os/Memory.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/FileDescriptor.h"
@@ -19,8 +16,8 @@ namespace mlnn {
 namespace {
 
 FileDescriptor openInput(const std::string& name) {
-  return FileDescriptor(name == kStandardStream ? dup(STDIN_FILENO)
-                                                : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  return FileDescriptor(name == kStandardStream ? duplicated(kStandardInput)
+                                                : openForReading(name.c_str()));
 }
 
 [[noreturn]] void failToRead(const std::string& name) {
@@ -31,13 +28,7 @@ constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
 
 // A quarter of the memory that this process may have: what is read grows by copies, and is parsed.
 std::size_t quarterOfMemory() {
-  rlimit limit{};
-  getrlimit(RLIMIT_AS, &limit);
-  const uint64_t memory = static_cast<uint64_t>(std::max(0L, sysconf(_SC_PHYS_PAGES))) *
-                          static_cast<uint64_t>(std::max(0L, sysconf(_SC_PAGESIZE)));
-  const uint64_t most =
-      std::min({memory, static_cast<uint64_t>(limit.rlim_cur), static_cast<uint64_t>(kUnbounded)});
-  return static_cast<std::size_t>(most / 4);
+  return static_cast<std::size_t>(std::min(memoryOfProcess(), uint64_t{kUnbounded}) / 4);
 }
 
 // What an input is going to need, and may.
@@ -49,10 +40,12 @@ struct Expected {
 // Of a device that is no terminal, as /dev/zero is not, there is no end to wait for.
 Expected expectedOf(int descriptor) {
   constexpr std::size_t kMostOfDevice = std::size_t{1} << 20;
-  struct stat status;
-  if (fstat(descriptor, &status) != 0) return {};
-  if (S_ISREG(status.st_mode)) return {static_cast<std::size_t>(status.st_size), kUnbounded};
-  const bool isDevice = S_ISCHR(status.st_mode) && isatty(descriptor) == 0;
+  FileStatus status;
+  if (!readStatus(descriptor, status)) return {};
+  if (status.kind == FileKind::kRegular) {
+    return {static_cast<std::size_t>(status.length), kUnbounded};
+  }
+  const bool isDevice = status.kind == FileKind::kCharacterDevice && !isTerminal(descriptor);
   return {0, isDevice ? kMostOfDevice : quarterOfMemory()};
 }
 
@@ -85,7 +78,7 @@ std::string readInput(const std::string& name) {
   for (std::size_t length = 0;;) {
     // One byte more than the capacity makes the string double it.
     bytes.resize(std::max(length + 1, std::min(bytes.capacity(), length + kChunk)));
-    const ssize_t count = read(file.get(), &bytes[length], bytes.size() - length);
+    const std::ptrdiff_t count = readBytes(file.get(), &bytes[length], bytes.size() - length);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) failToRead(name);
     length += static_cast<std::size_t>(count);

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-#include "inference/FileMapping.h"
+#include "os/FileMapping.h"
 
 namespace mlnn {
 

@@ -7,6 +7,7 @@
 
 #include "analysis/WeightForms.h"
 #include "model/FormatFit.h"
+#include "os/Names.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/CArray.h"
@@ -26,7 +27,7 @@ std::vector<char> imageBytes(const MultiLayerNNModel& model) {
 // Whether the file is to be a C source that holds the image.
 bool isCArray(const std::string& name, const SaveOptions& options) {
   if (!options.format.empty()) return options.format == kCArrayFormatWord;
-  return std::filesystem::path(name).extension() == ".c";
+  return pathOf(name).extension() == ".c";
 }
 
 }  // namespace
@@ -48,7 +49,7 @@ ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
                          ModelFormat otherwise) {
   if (options.format == kTextFormatWord) return ModelFormat::kText;
   if (options.format == kBinaryFormatWord || isCArray(name, options)) return ModelFormat::kBinary;
-  const std::string extension = std::filesystem::path(name).extension().string();
+  const std::string extension = nameOf(pathOf(name).extension());
   if (extension == ".txt") return ModelFormat::kText;
   if (extension == ".mlnn" || extension == ".bin") return ModelFormat::kBinary;
   return otherwise;
@@ -56,7 +57,7 @@ ModelFormat formatToSave(const std::string& name, const SaveOptions& options,
 
 void refuseUnknownEnding(const std::string& name, const SaveOptions& options) {
   if (name == kStandardStream || !options.format.empty()) return;
-  const std::string ending = std::filesystem::path(name).extension().string();
+  const std::string ending = nameOf(pathOf(name).extension());
   for (const char* known : {"", ".txt", ".mlnn", ".bin", ".c"}) {
     if (ending == known) return;
   }

@@ -1,11 +1,10 @@
 // OutputFile — a file that appears under its name only when it is complete.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <ostream>
 #include <string>
 
+#include "os/Descriptors.h"
 #include "tools/Failure.h"
 #include "tools/files/DescriptorBuffer.h"
 #include "tools/files/FileDescriptor.h"
@@ -76,7 +75,7 @@ class OutputFile {
  private:
   FileDescriptor open();
   FileDescriptor copyOf(int descriptor);
-  FileDescriptor openBeside(const struct stat* replaced);
+  FileDescriptor openBeside(const FileAccess* replaced);
   [[noreturn]] void fail(int error) const;
 
   std::string name_;  // as the caller gave it, for messages

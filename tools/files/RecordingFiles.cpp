@@ -5,6 +5,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "os/Names.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
@@ -19,35 +20,35 @@ std::vector<std::string> namesIn(const fs::path& folder) {
   std::vector<std::string> names;
   for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {
-    std::string name = entry->path().filename().string();
+    std::string name = nameOf(entry->path().filename());
     std::error_code ignored;  // of what cannot be looked at: opening it will tell
     if (name.front() != '.' && !entry->is_directory(ignored)) names.push_back(std::move(name));
   }
   if (error) {
-    throw Failure("cannot read the folder " + inQuotes(folder.string()) + ": " + error.message());
+    throw Failure("cannot read the folder " + inQuotes(nameOf(folder)) + ": " + error.message());
   }
   std::sort(names.begin(), names.end());
   return names;
 }
 
 void addFolder(const std::string& folder, std::vector<RecordingFile>& files) {
-  const std::vector<std::string> names = namesIn(folder);
+  const std::vector<std::string> names = namesIn(pathOf(folder));
   if (names.empty()) throw Failure("the folder " + inQuotes(folder) + " holds no recordings");
-  const fs::path path = fs::path(folder) / "";  // which has no name behind the slash
-  const std::string own = path.parent_path().filename().string();
+  const fs::path path = pathOf(folder) / "";  // which has no name behind the slash
+  const std::string own = nameOf(path.parent_path().filename());
   for (const std::string& name : names) {
-    const fs::path below = isNoEntry(own) ? fs::path(name) : fs::path(own) / name;
-    files.push_back({(path / name).string(), below.string()});
+    const fs::path below = isNoEntry(own) ? pathOf(name) : pathOf(own) / pathOf(name);
+    files.push_back({nameOf(path / pathOf(name)), nameOf(below)});
   }
 }
 
 void addRecording(const std::string& argument, std::vector<RecordingFile>& files) {
   std::error_code error;
-  if (argument != kStandardStream && fs::is_directory(argument, error)) {
+  if (argument != kStandardStream && fs::is_directory(pathOf(argument), error)) {
     addFolder(argument, files);
     return;
   }
-  const std::string name = fs::path(argument).filename().string();
+  const std::string name = nameOf(pathOf(argument).filename());
   files.push_back({argument, argument == kStandardStream ? "" : name});
 }
 

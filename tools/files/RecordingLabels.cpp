@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "os/Names.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/Csv.h"
@@ -52,7 +53,7 @@ RecordingLabels RecordingLabels::read(const std::string& name) {
 }
 
 const std::string& RecordingLabels::of(const std::string& recording) const {
-  const std::string file = std::filesystem::path(recording).filename().string();
+  const std::string file = nameOf(pathOf(recording).filename());
   const auto found = labels_.find(file);
   if (found != labels_.end()) return found->second;
   throw Failure(inputName(name_) + " has no label for " + inQuotes(file));

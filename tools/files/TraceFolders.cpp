@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "os/Names.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/Frames.h"
@@ -21,11 +22,11 @@ Names tracesIn(const std::string& folder) {
   Names traces;
   if (!stagesIn(folder).empty()) traces.push_back("");
   std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+  for (fs::directory_iterator entry(pathOf(folder), error), end; !error && entry != end;
        entry.increment(error)) {
     std::error_code ignored;  // of what cannot be looked at, and so is no folder
-    if (!entry->is_directory(ignored) || stagesIn(entry->path().string()).empty()) continue;
-    traces.push_back(entry->path().filename().string());
+    if (!entry->is_directory(ignored) || stagesIn(nameOf(entry->path())).empty()) continue;
+    traces.push_back(nameOf(entry->path().filename()));
   }
   if (error) throw Failure("cannot read the folder " + inQuotes(folder) + ": " + error.message());
   std::sort(traces.begin(), traces.end());
@@ -45,7 +46,7 @@ Names combined(const Names& a, const Names& b, bool commonOnly) {
 }
 
 std::string inFolder(const std::string& folder, const std::string& recording) {
-  return recording.empty() ? folder : (fs::path(folder) / recording).string();
+  return recording.empty() ? folder : nameOf(pathOf(folder) / pathOf(recording));
 }
 
 // One of the two folders, with the names of the traces in it.

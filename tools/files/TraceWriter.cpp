@@ -9,6 +9,7 @@
 #include "analysis/Stage.h"
 #include "inference/Evaluation.h"
 #include "inference/NNFwdPassFromFile.h"
+#include "os/Names.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/Frames.h"
@@ -25,7 +26,7 @@ constexpr char kEnding[] = ".npy";
 
 void makeFolder(const std::string& folder) {
   std::error_code error;
-  fs::create_directories(folder, error);
+  fs::create_directories(pathOf(folder), error);
   if (error) {
     throw Failure("cannot make the folder " + inQuotes(folder) + ": " + error.message());
   }
@@ -77,25 +78,25 @@ std::vector<std::string> traceFolders(const std::string& folder,
   std::vector<std::string> folders;
   std::set<std::string> names;
   for (const RecordingFile& recording : recordings) {
-    const fs::path path = recording.name;
-    const std::string stem = path.stem().string();
+    const fs::path path = pathOf(recording.name);
+    const std::string stem = nameOf(path.stem());
     if (isNoEntry(stem)) {
       throw UsageError("the trace of " + inputName(recording.file) + " has no name in the folder " +
                        inQuotes(folder));
     }
-    const std::string name = (path.parent_path() / stem).string();
+    const std::string name = nameOf(path.parent_path() / pathOf(stem));
     if (!names.insert(name).second) {
       throw UsageError("two traces would be called " + inQuotes(name) + " in the folder " +
                        inQuotes(folder));
     }
-    folders.push_back((fs::path(folder) / name).string());
+    folders.push_back(nameOf(pathOf(folder) / pathOf(name)));
   }
   return folders;
 }
 
 void refuseTraceOf(const OwnInputs& inputs, const std::string& folder) {
   std::error_code error;
-  if (!fs::is_directory(folder, error)) return;
+  if (!fs::is_directory(pathOf(folder), error)) return;
   for (const std::string& stage : stagesIn(folder)) inputs.refuse(stagePath(folder, stage));
 }
 
@@ -115,10 +116,10 @@ Eigen::MatrixXf writeTrace(MultiLayerNNModel& model, const RecordingInputs& inpu
 std::vector<std::string> stagesIn(const std::string& folder) {
   std::error_code error;
   std::vector<std::string> stages;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+  for (fs::directory_iterator entry(pathOf(folder), error), end; !error && entry != end;
        entry.increment(error)) {
     const fs::path path = entry->path();
-    const std::string name = path.stem().string();
+    const std::string name = nameOf(path.stem());
     if (path.extension() == kEnding && isStageName(name)) stages.push_back(name);
   }
   if (error) throw Failure("cannot read the folder " + inQuotes(folder) + ": " + error.message());
@@ -127,7 +128,7 @@ std::vector<std::string> stagesIn(const std::string& folder) {
 }
 
 std::string stagePath(const std::string& folder, const std::string& stage) {
-  return (fs::path(folder) / (stage + kEnding)).string();
+  return nameOf(pathOf(folder) / pathOf(stage + kEnding));
 }
 
 }  // namespace mlnn

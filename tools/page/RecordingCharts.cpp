@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 
+#include "os/Names.h"
 #include "tools/page/RecordingSection.h"
 
 namespace mlnn {
@@ -32,7 +33,7 @@ Chart posteriorChart(const RecordingFindings& found, const RecordingFinding& rec
   const CellMap& cells = *recording.outputs;
   Chart chart;
   chart.kind = Chart::Kind::kMap;
-  chart.title = std::filesystem::path(recording.name).filename().string();
+  chart.title = nameOf(pathOf(recording.name).filename());
   chart.remark = remarkOf(found, recording);
   chart.xLabel = "frame";
   chart.yLabel = "class";

@@ -1,11 +1,11 @@
 #include "tools/reports/Progress.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <iostream>
 #include <streambuf>
 #include <utility>
+
+#include "os/Descriptors.h"
 
 namespace mlnn {
 namespace {
@@ -52,7 +52,7 @@ Progress::Progress(std::string title, std::size_t total) : Progress(1) {
 
 Progress::Progress(std::size_t parts)
     : parts_(std::max<std::size_t>(parts, 1)), next_(Clock::now() + kPatience) {
-  if (isatty(STDERR_FILENO) != 0) screen_ = std::make_unique<Screen>(*this);
+  if (isTerminal(kStandardError)) screen_ = std::make_unique<Screen>(*this);
 }
 
 Progress::~Progress() { hide(); }

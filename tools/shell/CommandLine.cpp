@@ -51,6 +51,7 @@ Option& Option::inRange(T smallest, T largest) {
 template Option& Option::inRange(int, int);
 template Option& Option::inRange(unsigned int, unsigned int);
 template Option& Option::inRange(unsigned long, unsigned long);
+template Option& Option::inRange(unsigned long long, unsigned long long);  // sizes on Windows
 template Option& Option::inRange(double, double);
 
 Option& Option::aboveZero() {
@@ -100,6 +101,7 @@ template Option CommandLine::add(const std::string&, std::vector<std::string>&, 
 template Option CommandLine::add(const std::string&, int&, const std::string&);
 template Option CommandLine::add(const std::string&, unsigned int&, const std::string&);
 template Option CommandLine::add(const std::string&, unsigned long&, const std::string&);
+template Option CommandLine::add(const std::string&, unsigned long long&, const std::string&);
 template Option CommandLine::add(const std::string&, float&, const std::string&);
 template Option CommandLine::add(const std::string&, double&, const std::string&);
 template Option CommandLine::add(const std::string&, std::vector<double>&, const std::string&);

@@ -1,7 +1,5 @@
 #include "tools/shell/Tool.h"
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <new>
@@ -10,6 +8,7 @@
 #include <utility>
 
 #include "features/Version.h"
+#include "os/Descriptors.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/OutOfMemory.h"
@@ -35,7 +34,7 @@ std::string footerOf(const CommandHelp& help) {
 // While it lives, std::cout writes straight to the standard output and knows why it could not.
 class StandardOutput {
  public:
-  StandardOutput() : buffer_(STDOUT_FILENO), before_(std::cout.rdbuf(&buffer_)) {}
+  StandardOutput() : buffer_(kStandardOutput), before_(std::cout.rdbuf(&buffer_)) {}
   ~StandardOutput() { std::cout.rdbuf(before_); }
   StandardOutput(const StandardOutput&) = delete;
   StandardOutput& operator=(const StandardOutput&) = delete;
@@ -66,6 +65,7 @@ Tool::Tool()
     : app_(std::make_unique<CLI::App>(
           "Reads, runs, converts and examines neural-network models for mel features")) {
   app_->name("mlnn");
+  app_->allow_windows_style_options(false);  // what begins with '/' is a file everywhere
   app_->set_version_flag("--version", "mlnn " MLNN_VERSION_STRING);
   app_->require_subcommand(0, 1);            // a wrong one is to be named, not missed
   app_->get_formatter()->label("TEXT", "");  // types that say nothing

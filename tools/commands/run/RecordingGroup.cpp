@@ -1,11 +1,10 @@
 #include "tools/commands/run/RecordingGroup.h"
 
-#include <sys/stat.h>
-
 #include <utility>
 
 #include "inference/Evaluation.h"
 #include "layers/Messages.h"
+#include "os/Descriptors.h"
 #include "tools/commands/Recordings.h"
 #include "tools/files/Frames.h"
 
@@ -48,10 +47,10 @@ RecordingGroup::RecordingGroup(const InputSide& network, bool stacked, int threa
       passes_{&first} {}
 
 bool RecordingGroup::isShort(const RunJob& job) {
-  constexpr off_t kMostBytes = off_t{1} << 20;
-  struct stat found {};
-  return job.trace.empty() && stat(job.frames.c_str(), &found) == 0 && S_ISREG(found.st_mode) &&
-         found.st_size <= kMostBytes;
+  constexpr uint64_t kMostBytes = uint64_t{1} << 20;
+  FileStatus found;
+  return job.trace.empty() && readStatus(job.frames.c_str(), found) &&
+         found.kind == FileKind::kRegular && found.length <= kMostBytes;
 }
 
 std::size_t RecordingGroup::length(const std::vector<RunJob>& jobs, std::size_t begin) const {

@@ -6,6 +6,7 @@
 #include <set>
 #include <system_error>
 
+#include "os/Names.h"
 #include "text/Escape.h"
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
@@ -20,7 +21,7 @@ namespace {
 // Whether the name is that of a folder, or asks for one.
 bool isFolder(const std::string& name) {
   std::error_code error;
-  return fs::is_directory(name, error) || (!name.empty() && name.back() == '/');
+  return fs::is_directory(pathOf(name), error) || (!name.empty() && !pathOf(name).has_filename());
 }
 
 std::vector<RunJob> jobsInFolder(const std::vector<RecordingFile>& recordings,
@@ -36,7 +37,7 @@ std::vector<RunJob> jobsInFolder(const std::vector<RecordingFile>& recordings,
       throw UsageError("two results would be called " + inQuotes(recording.name) +
                        " in the folder " + inQuotes(out));
     }
-    jobs.push_back({recording.file, (fs::path(out) / recording.name).string(), ""});
+    jobs.push_back({recording.file, nameOf(pathOf(out) / pathOf(recording.name)), ""});
   }
   return jobs;
 }
@@ -50,20 +51,21 @@ void addTraces(const std::vector<RecordingFile>& recordings, const std::string& 
 
 // Whether a recording comes out of a folder, whose name is a part of its own.
 bool isFromFolder(const RecordingFile& recording) {
-  return fs::path(recording.name).has_parent_path();
+  return pathOf(recording.name).has_parent_path();
 }
 
 // When a file was last changed; nothing for what is no file.
 std::optional<fs::file_time_type> changeOf(const std::string& name) {
   std::error_code error;
-  if (!fs::is_regular_file(name, error)) return std::nullopt;
-  const fs::file_time_type time = fs::last_write_time(name, error);
+  const fs::path path = pathOf(name);
+  if (!fs::is_regular_file(path, error)) return std::nullopt;
+  const fs::file_time_type time = fs::last_write_time(path, error);
   return error ? std::nullopt : std::optional(time);
 }
 
 void makeFolder(const std::string& name) {
   std::error_code error;
-  if (!fs::create_directory(name, error) && error) {
+  if (!fs::create_directory(pathOf(name), error) && error) {
     throw Failure("cannot make the folder " + inQuotes(name) + ": " + error.message());
   }
 }
@@ -111,7 +113,7 @@ void makeFolders(const std::string& out, const RunJobs& jobs) {
   if (!jobs.intoFolder) return;
   makeFolder(out);
   std::set<std::string> folders;
-  for (const RunJob& job : jobs.jobs) folders.insert(fs::path(job.out).parent_path().string());
+  for (const RunJob& job : jobs.jobs) folders.insert(nameOf(pathOf(job.out).parent_path()));
   for (const std::string& folder : folders) makeFolder(folder);
 }
 

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "layers/FreshMemory.h"
+#include "os/FreshMemory.h"
 
 namespace {
 

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 
 namespace mlnn {
 
 // What the file holds when it is read is what other processes leave in it; where one of them cuts
-// it short, whoever reads the bytes behind its new end gets SIGBUS from the system.
+// it short, whoever reads the bytes behind its new end gets SIGBUS from the system. Windows lets
+// nobody cut it short meanwhile.
 class FileMapping {
  public:
   FileMapping() = default;
@@ -16,8 +16,8 @@ class FileMapping {
   // the file cannot be mapped, data() is null.
   FileMapping(int descriptor, std::size_t length);
 
-  // Maps the whole of a regular file. When that cannot be done, data() is null and errno tells
-  // why; an empty file cannot be mapped.
+  // Maps the whole of a regular file, whose name is UTF-8 on Windows. When that cannot be done,
+  // data() is null and errno tells why; an empty file cannot be mapped.
   explicit FileMapping(const char* fileName);
 
   FileMapping(FileMapping&& other) noexcept;
@@ -33,8 +33,5 @@ class FileMapping {
   void* data_ = nullptr;
   std::size_t length_ = 0;
 };
-
-// Maps the file of an image. Returns: null where that cannot be done, after an error line.
-std::shared_ptr<const FileMapping> mapImageFile(const char* fileName);
 
 }  // namespace mlnn

@@ -1,4 +1,4 @@
-#include "inference/FileMapping.h"
+#include "os/FileMapping.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-#include "layers/FreshMemory.h"
+#include "os/FreshMemory.h"
 
 #include <sys/mman.h>
 
