@@ -8,11 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "tests/support/Extent.h"
 #include "tests/tools/support/CommandLines.h"
 #include "tests/tools/support/ToolProcess.h"
 
@@ -27,6 +27,7 @@ using mlnn::test::runShell;
 using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
 using mlnn::test::TriedLine;
+using mlnn::test::triesEverything;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kCanPreload = false;
@@ -38,14 +39,12 @@ const std::string kOld = "what was there before\n";
 const char* const kKinds[] = {"read",  "write",  "open",   "fsync",    "syncfs",
                               "close", "rename", "malloc", "terminate"};
 
-bool isExhaustive() { return std::getenv("MLNN_EXHAUSTIVE") != nullptr; }
-
 // How far the number of the call that fails goes on after this one: the first few calls are tried
 // each, since there are few of most kinds.
 int step(int number) {
   constexpr int kEach = 5;
   constexpr int kSample = 401;
-  return isExhaustive() || number < kEach ? 1 : kSample;
+  return triesEverything() || number < kEach ? 1 : kSample;
 }
 
 bool startsPython(const std::string& command) { return command.find("onnx") != std::string::npos; }
@@ -106,7 +105,7 @@ TEST_P(CommandFaults, loseNothingAndLeaveNothing) {
   mlnn::test::makeInputs(folder_);
   for (const TriedLine& line : commandLines(GetParam())) {
     for (const char* kind : kKinds) expectNothingLost(line, kind);
-    if (!isExhaustive()) return;
+    if (!triesEverything()) return;
   }
 }
 
