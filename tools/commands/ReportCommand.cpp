@@ -20,6 +20,7 @@
 #include "tools/files/OwnInputs.h"
 #include "tools/page/ModelPage.h"
 #include "tools/page/RecordingFindings.h"
+#include "tools/page/RoundingTrial.h"
 #include "tools/reports/DiffReport.h"
 #include "tools/reports/Progress.h"
 #include "tools/shell/Tool.h"
@@ -50,7 +51,8 @@ CommandHelp help() {
       "page says how many weights each stands for.\n"
       "\n"
       "With --frames the model runs over recordings: the page shows posteriors over time, units\n"
-      "that are dead or saturated, and the recordings that were least sure or decided last. With\n"
+      "that are dead or saturated, the recordings that were least sure or decided last, and what\n"
+      "is still decided with weights of few bits. With\n"
       "--labels, a table in a file with the columns `file` and `label`, also what was taken for\n"
       "what. With --against it shows where another model differs, side by side.";
   help.examples =
@@ -102,6 +104,7 @@ class Report {
     OutputFile output(options_.out);
     PageSubject subject{file_};
     subject.recordings = findings_ ? &*findings_ : nullptr;
+    subject.rounding = trial_ ? &*trial_ : nullptr;
     subject.other = other_ ? &*other_ : nullptr;
     subject.otherRecordings = otherFindings_ ? &*otherFindings_ : nullptr;
     subject.diff = other_ ? &diff_ : nullptr;
@@ -121,6 +124,7 @@ class Report {
   void runRecordings() {
     const KnownClasses classes(options_.labels, file_.model);
     findings_.emplace(file_.model);
+    trial_.emplace(file_.model);
     if (other_) {
       otherFindings_.emplace(other_->model);
       diff_.behaviour.emplace(file_.model, other_->model);
@@ -138,7 +142,9 @@ class Report {
                     std::optional<Eigen::Index> known) {
     const RecordingInputs inputs =
         inputsFor(InputSide::of(file_.model), frames.rows(), options_.stacked, name);
-    if (!findings_->add(name, frames, inputs, known)) throw Failure(kCannotBeRun);
+    if (!findings_->add(name, frames, inputs, known) || !trial_->add(frames, inputs, known)) {
+      throw Failure(kCannotBeRun);
+    }
     if (!other_) return;
     const RecordingInputs otherInputs =
         inputsFor(InputSide::of(other_->model), frames.rows(), options_.stacked, name);
@@ -154,6 +160,7 @@ class Report {
   std::optional<ModelFile> other_;
   ModelDiff diff_;
   std::optional<RecordingFindings> findings_;
+  std::optional<RoundingTrial> trial_;
   std::optional<RecordingFindings> otherFindings_;
 };
 

@@ -214,6 +214,40 @@ void writeLayer(Markup& page, std::size_t number, const NNLayer& layer, const Ce
   page.embed([&chart](std::ostream& out) { writeSvgPanel(out, chart); });
 }
 
+// What is kept: frames, and recordings where their classes are known.
+std::vector<std::string> keptCells(const RoundingTrial& trial, const KeptDecisions& kept) {
+  std::vector<std::string> cells = {shareText(kept.sameBestClass, trial.frames())};
+  if (trial.knownRecordings() > 0) {
+    cells.push_back(grouped(kept.rightRecordings) + " of " + grouped(trial.knownRecordings()));
+  }
+  return cells;
+}
+
+void writeTrial(Markup& page, const RoundingTrial& trial) {
+  const bool areKnown = trial.knownRecordings() > 0;
+  std::vector<Column> columns = {{"Bits", true}, {"Arithmetic", false}, {"Same class", true}};
+  if (areKnown) columns.push_back({"Right", true});
+  {
+    DataTable table(page, "Decisions with weights that are rounded by rows", columns);
+    const auto row = [&](const std::string& bits, const std::string& arithmetic,
+                         const std::vector<std::string>& kept) {
+      std::vector<std::string> cells = {bits, arithmetic};
+      cells.insert(cells.end(), kept.begin(), kept.end());
+      table.row(cells);
+    };
+    row("32", "as it is", keptCells(trial, {trial.frames(), trial.rightRecordings()}));
+    for (const int bits : {8, 6, 4}) {
+      const auto kept = trial.measure(bits);
+      const std::vector<std::string> none(areKnown ? 2 : 1, "-");
+      row(std::to_string(bits), "floats", kept ? keptCells(trial, kept->floats) : none);
+      row(std::to_string(bits), "integers", kept ? keptCells(trial, kept->integers) : none);
+    }
+  }
+  writeRemark(page, "Over the " + grouped(trial.frames()) +
+                        " frames of the recordings: for how many the same class is the best one" +
+                        (areKnown ? ", and how many recordings are decided rightly." : "."));
+}
+
 }  // namespace
 
 void writeLayers(Markup& page, const MultiLayerNNModel& model, const RecordingFindings* recordings,
@@ -242,7 +276,8 @@ void writeLayers(Markup& page, const MultiLayerNNModel& model, const RecordingFi
   tellOfRest(page, kMostPictures, model.layers.size(), "layers are drawn");
 }
 
-void writeQuantisation(Markup& page, const MultiLayerNNModel& model, const Watch& watch) {
+void writeQuantisation(Markup& page, const MultiLayerNNModel& model, const RoundingTrial* trial,
+                       const Watch& watch) {
   const Section section(page, "quantisation", "Quantisation");
   if (model.layers.empty()) {
     page.element("p", "The model has no layers.");
@@ -264,6 +299,7 @@ void writeQuantisation(Markup& page, const MultiLayerNNModel& model, const Watch
               "The root of squared errors by squared weights, with a scale for each row from its "
               "largest weight. An image then takes a byte a weight, or half a byte up to 4 bits. "
               "What that does to decisions, mlnn quantize --sweep proves on recordings.");
+  if (trial != nullptr && trial->decides()) writeTrial(page, *trial);
 }
 
 }  // namespace mlnn

@@ -5,6 +5,7 @@
 #include "model/MultiLayerNNModel.h"
 #include "tools/page/Markup.h"
 #include "tools/page/RecordingFindings.h"
+#include "tools/page/RoundingTrial.h"
 
 namespace mlnn {
 
@@ -14,7 +15,9 @@ namespace mlnn {
 void writeLayers(Markup& page, const MultiLayerNNModel& model, const RecordingFindings* recordings,
                  const Watch& watch);
 
-// What rounding their weights to few bits would do. `watch` is called with 0 steps.
-void writeQuantisation(Markup& page, const MultiLayerNNModel& model, const Watch& watch);
+// What rounding their weights to few bits would do: to the weights, and with `trial`, which may be
+// null, to decisions. `watch` is called with 0 steps.
+void writeQuantisation(Markup& page, const MultiLayerNNModel& model, const RoundingTrial* trial,
+                       const Watch& watch);
 
 }  // namespace mlnn

@@ -74,7 +74,7 @@ class Page {
     if (subject_.diff != nullptr) writeDifferences(page_, subject_);
     writeTraining(page_, file.model);
     writeLayers(page_, file.model, subject_.recordings, watch_);
-    writeQuantisation(page_, file.model, watch_);
+    writeQuantisation(page_, file.model, subject_.rounding, watch_);
     writeNeeds(page_, file.model);
     writeProperties(page_, file.model);
     writeNotes(page_, file.model);

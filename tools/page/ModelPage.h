@@ -7,6 +7,7 @@
 #include "features/Watch.h"
 #include "model/ModelFile.h"
 #include "tools/page/RecordingFindings.h"
+#include "tools/page/RoundingTrial.h"
 #include "tools/reports/DiffReport.h"
 
 namespace mlnn {
@@ -15,13 +16,15 @@ namespace mlnn {
 struct PageSubject {
   const ModelFile& file;
   const RecordingFindings* recordings = nullptr;       // of this model
+  const RoundingTrial* rounding = nullptr;             // of it over the same recordings
   const ModelFile* other = nullptr;                    // what it is compared with
   const RecordingFindings* otherRecordings = nullptr;  // the same ones, of the other model
   const ModelDiff* diff = nullptr;                     // of the two models
 };
 
 // Writes a page that needs no other file and runs nothing: HTML that is XML too.
-// Besides the subject and the stream it takes memory for one picture, whatever the model's size.
+// Besides the subject and the stream it takes memory for one picture, whatever the model's size,
+// and with `rounding` that of a copy of the model.
 // `watch` is told of layers, each of which counts once.
 void writePage(std::ostream& out, const PageSubject& subject, const Watch& watch = {});
 

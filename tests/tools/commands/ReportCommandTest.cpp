@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "tests/tools/support/CommandFixture.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tests/tools/support/Xml.h"
+#include "tools/page/PageParts.h"
 
 namespace {
 
@@ -163,6 +165,47 @@ TEST_F(ReportCommandTest, showsWhatBecomesOfRecordings) {
   EXPECT_EQ(rows[0]->text, "is \\\\ taken for\n1\n2\n8\n");
   EXPECT_EQ(rows[1]->text, "1\n3\n\u00B7\n\u00B7\n");
   EXPECT_EQ(rows[3]->text, "8\n\u00B7\n1\n2\n");
+}
+
+// A row of the table of decisions, made of what the sweep says in JSON.
+std::string rowOf(const nlohmann::json& width, const std::string& arithmetic, std::size_t frames) {
+  const nlohmann::json& kept = width.at(arithmetic);
+  return std::to_string(width.at("bits").get<int>()) + "\n" + arithmetic + "\n" +
+         mlnn::shareText(kept.at("same_best_class"), frames) + "\n" +
+         std::to_string(kept.at("right_recordings").get<int>()) + " of 6\n";
+}
+
+TEST_F(ReportCommandTest, showsWhatASweepFinds) {
+  const std::vector<std::string> line = withDigits({"--labels", kDigits + "labels.csv"});
+  const ToolResult result = runFromRoot(line);
+  ASSERT_EQ(result.status, 0) << result.err;
+  std::vector<std::string> sweep = {"quantize", line[0], "--sweep", "4..8", "--json", "--prove"};
+  sweep.insert(sweep.end(), line.begin() + 2, line.end());
+  const auto found = nlohmann::json::parse(mlnn::test::runTool(sweep).out);
+  const XmlElement page = parseXml(result.out);
+  const auto tables = page.all("table");
+  const auto kept = std::find_if(tables.begin(), tables.end(), [](const XmlElement* table) {
+    return table->children.front().text == "Decisions with weights that are rounded by rows";
+  });
+  ASSERT_NE(kept, tables.end());
+  std::vector<std::string> rows;
+  for (const XmlElement* row : (*kept)->all("tr")) rows.push_back(row->text);
+  std::vector<std::string> expected = {"Bits\nArithmetic\nSame class\nRight\n",
+                                       "32\nas it is\n100.0 %\n5 of 6\n"};
+  for (const std::size_t width : {4u, 2u, 0u}) {
+    for (const char* arithmetic : {"floats", "integers"}) {
+      expected.push_back(rowOf(found["widths"][width], arithmetic, found["frames"]));
+    }
+  }
+  EXPECT_EQ(rows, expected);
+}
+
+TEST_F(ReportCommandTest, leavesOutDecisionsOfASingleOutput) {
+  ASSERT_EQ(runShell("mlnn new 2,1 one.mlnn", folder_.path()).status, 0);
+  folder_.write("frames.txt", "1 2\n3 4\n");
+  const ToolResult result = run({"one.mlnn", "--frames", "frames.txt", "--stacked"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out.find("Decisions with weights"), std::string::npos);
 }
 
 TEST_F(ReportCommandTest, showsOutputsOfAModelWithoutSoftmax) {
