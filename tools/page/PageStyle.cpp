@@ -8,7 +8,7 @@ constexpr char kRules[] = R"(
 :root { color-scheme: light dark;
   --paper: #ffffff; --ink: #1c2430; --muted: #566070; --line: #d5dae1; --panel: #f5f7f9;
   --accent: #0b5cad; --shape: #d4e4f5; --good: #1b6e3c; --bad: #b02a1a; --warm: #fff6e0; }
-@media (prefers-color-scheme: dark) { :root {
+@media screen and (prefers-color-scheme: dark) { :root {
   --paper: #10151c; --ink: #e4e9ef; --muted: #a0abb8; --line: #333d49; --panel: #181f28;
   --accent: #74b4f5; --shape: #1f3c5c; --good: #6fce92; --bad: #ff9b8c; --warm: #2c2614; } }
 * { box-sizing: border-box; }
@@ -43,7 +43,7 @@ thead th { color: var(--muted); font-size: .8rem; border-bottom-color: var(--mut
 .good { color: var(--good); } .bad { color: var(--bad); }
 ul.found { padding: .6rem 1rem .6rem 2rem; background: var(--warm); border-left: 3px solid var(--bad); margin: .75rem 0; }
 figure { margin: 1rem 0; overflow-x: auto; }
-figcaption { color: var(--muted); font-size: .85rem; max-width: 46rem; }
+figcaption { color: var(--muted); font-size: .85rem; max-width: 46rem; overflow-wrap: anywhere; }
 svg { max-width: 100%; height: auto; }
 svg text { fill: var(--ink); font: 12px system-ui, -apple-system, "Segoe UI", "Noto Sans", "DejaVu Sans", sans-serif; }
 svg .muted, svg .remark, svg .name, svg .label { fill: var(--muted); }
@@ -62,7 +62,7 @@ svg .arrow { stroke: var(--muted); fill: none; }
 .confusion .r1 { background: rgba(32, 110, 214, .12); } .confusion .r2 { background: rgba(32, 110, 214, .25); }
 .confusion .w1 { background: rgba(224, 98, 12, .15); } .confusion .w2 { background: rgba(224, 98, 12, .3); }
 footer { margin-top: 3rem; color: var(--muted); font-size: .85rem; border-top: 1px solid var(--line); padding-top: .75rem; }
-@media print { html { font-size: 10.5pt; } body { max-width: none; padding: 0; } nav, .skip { display: none; }
+@media print { :root { color-scheme: light; } html { font-size: 10.5pt; } body { max-width: none; padding: 0; } nav, .skip { display: none; }
   h2, h3 { break-after: avoid; } figure, tr, ul.found { break-inside: avoid; } .scroll { overflow: visible; } }
 )";
 
@@ -70,7 +70,7 @@ footer { margin-top: 3rem; color: var(--muted); font-size: .85rem; border-top: 1
 // should be.
 constexpr char kPolicy[] =
     "default-src 'none'; img-src data:; "
-    "style-src 'sha256-0qjpeKKoqw9Tu9chynSQrGs8dk9BZhs0FtJMSOEiINQ='; "
+    "style-src 'sha256-QHRt27bqArVlw2hHD+YP85tQapnRyLDXDAlUEG/X/AE='; "
     "base-uri 'none'; form-action 'none'";
 
 }  // namespace
