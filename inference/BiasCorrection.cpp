@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "inference/NNFwdPassFromFile.h"
+#include "inference/Pace.h"
 #include "layers/Report.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -35,16 +36,23 @@ void addFrames(const std::vector<LayerResult>& layers, LayerMeans& sums) {
 
 // Returns whether the model could be run.
 // REQUIRES: there are inputs.
-bool meansOf(MultiLayerNNModel& model, const Inputs& inputs, LayerMeans& means) {
+bool meansOf(MultiLayerNNModel& model, const Inputs& inputs, LayerMeans& means,
+             const Watch& watch) {
   constexpr Index kFrames = 256;  // so that results of all layers take little memory
   NNFwdPassFromFile pass(model);
   Eigen::MatrixXf outputs;
   std::vector<LayerResult> layers;
   means.clear();
-  for (Index first = 0; first < inputs.cols(); first += kFrames) {
-    const Index count = std::min(kFrames, inputs.cols() - first);
-    if (pass.evaluateLayers(inputs.middleCols(first, count), outputs, layers) != 0) return false;
+  Pace pace(watch, kFrames);
+  Index count = 0;
+  for (Index first = 0; first < inputs.cols(); first += count) {
+    count = std::min(pace.frames(), inputs.cols() - first);
+    int result = 0;
+    pace.run(
+        [&] { result = pass.evaluateLayers(inputs.middleCols(first, count), outputs, layers); });
+    if (result != 0) return false;
     addFrames(layers, means);
+    tell(watch, static_cast<std::size_t>(count));
   }
   for (Eigen::VectorXd& mean : means) mean /= static_cast<double>(inputs.cols());
   return true;
@@ -63,6 +71,11 @@ void moveShift(NNLayer& layer, const Eigen::VectorXd& wanted, const Eigen::Vecto
 }  // namespace
 
 int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const Inputs& inputs) {
+  return correctBiases(original, changed, inputs, Watch());
+}
+
+int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const Inputs& inputs,
+                  const Watch& watch) {
   if (!haveSameWidths(original, changed)) {
     report({"ERROR: correctBiases: the models have layers of other widths"});
     return 1;
@@ -70,9 +83,9 @@ int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const
   if (inputs.cols() == 0) return 0;
   LayerMeans wanted;
   LayerMeans found;
-  if (!meansOf(original, inputs, wanted)) return 1;
+  if (!meansOf(original, inputs, wanted, watch)) return 1;
   for (std::size_t i = 0; i < wanted.size(); ++i) {
-    if (!meansOf(changed, inputs, found)) return 1;  // in the first round, or never
+    if (!meansOf(changed, inputs, found, watch)) return 1;  // in the first round, or never
     moveShift(*changed.layers[i], wanted[i], found[i]);
   }
   return 0;

@@ -4,6 +4,7 @@
 #include <Eigen/Core>
 
 #include "features/Export.h"
+#include "features/Watch.h"
 
 class MultiLayerNNModel;
 
@@ -21,5 +22,9 @@ namespace mlnn {
 // Prints: an error line on failure.
 MLNN_EXPORT int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed,
                               const Eigen::Ref<const Eigen::MatrixXf>& inputs);
+
+// The same, which a watch can stop: it is told of inputs. Where it throws, some layers are done.
+MLNN_EXPORT int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed,
+                              const Eigen::Ref<const Eigen::MatrixXf>& inputs, const Watch& watch);
 
 }  // namespace mlnn

@@ -6,6 +6,7 @@
 #include "layers/NNLayer.h"
 #include "model/FormatLoss.h"
 #include "model/FormatPreparation.h"
+#include "model/ModelImage.h"
 #include "model/ModelSkeleton.h"
 #include "model/TextNumbers.h"
 #include "text/Escape.h"
@@ -65,13 +66,13 @@ void writeText(const MultiLayerNNModel& model, int precision, std::ostream& out)
 }
 
 std::optional<std::vector<char>> imageOf(const MultiLayerNNModel& model, std::string& whyNot) {
-  const int length = model.binarySerializedLength();
-  if (length < 0) {
-    whyNot = "the model cannot be written as a binary image";
-    return std::nullopt;
-  }
-  std::vector<char> image(static_cast<std::size_t>(length));
-  model.serializeBinary(image.data());
+  return imageOf(model, whyNot, Watch());
+}
+
+std::optional<std::vector<char>> imageOf(const MultiLayerNNModel& model, std::string& whyNot,
+                                         const Watch& watch) {
+  std::optional<std::vector<char>> image = imageOf(model, watch);
+  if (!image) whyNot = "the model cannot be written as a binary image";
   return image;
 }
 

@@ -44,4 +44,8 @@ MLNN_EXPORT void writeText(const MultiLayerNNModel& model, int precision, std::o
 MLNN_EXPORT std::optional<std::vector<char>> imageOf(const MultiLayerNNModel& model,
                                                      std::string& whyNot);
 
+// The same, which a watch can stop: it is called with 0 steps.
+MLNN_EXPORT std::optional<std::vector<char>> imageOf(const MultiLayerNNModel& model,
+                                                     std::string& whyNot, const Watch& watch);
+
 }  // namespace mlnn

@@ -121,8 +121,14 @@ std::unique_ptr<MultiLayerNNModel> openModel(const std::string& fileName,
 }
 
 int readModel(const void* bytes, std::size_t length, ModelFile& file) {
-  MemoryStream in(bytes, length);
-  return readStream(in, file);
+  return readModel(bytes, length, file, Watch());
+}
+
+int readModel(const void* bytes, std::size_t length, ModelFile& file, const Watch& watch) {
+  MemoryStream in(bytes, length, watch);
+  const int result = readStream(in, file);
+  in.rethrow();
+  return result;
 }
 
 std::vector<NNLayer*> layersWithoutActivation(const ModelFile& file) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "features/Export.h"
+#include "features/Watch.h"
 #include "layers/NNLayer.h"
 #include "model/MultiLayerNNModel.h"
 
@@ -66,6 +67,11 @@ MLNN_EXPORT std::unique_ptr<MultiLayerNNModel> openModel(const std::string& file
 // On failure: `file` is left as far as reading got; its format, version and length are told.
 // Leaves file.name alone.
 MLNN_EXPORT int readModel(const void* bytes, std::size_t length, ModelFile& file);
+
+// The same, which a watch can stop: it is told of bytes. Where it throws, `file` is left as far as
+// reading got, and what was printed does not count.
+MLNN_EXPORT int readModel(const void* bytes, std::size_t length, ModelFile& file,
+                          const Watch& watch);
 
 // Returns the hidden layers whose activation the file does not record: all layers but the last are
 // hidden.

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <istream>
+#include <optional>
+#include <vector>
 
 #include "features/Watch.h"
 #include "model/MultiLayerNNModel.h"
@@ -21,5 +23,9 @@ int readImage(MultiLayerNNModel& model, std::istream& in, std::size_t length);
 
 // Returns what MultiLayerNNModel::binarySerializedLength does. `watch` is called with 0 steps.
 int imageLength(const MultiLayerNNModel& model, const Watch& watch);
+
+// Returns what MultiLayerNNModel::serializeBinary writes; nothing, after an error line, where the
+// model is too large for an image. `watch` is called with 0 steps.
+std::optional<std::vector<char>> imageOf(const MultiLayerNNModel& model, const Watch& watch);
 
 }  // namespace mlnn

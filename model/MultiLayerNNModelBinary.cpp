@@ -51,6 +51,30 @@ void writeArray(mlnn::ByteWriter& writer, const Eigen::VectorXf& values) {
   writer.floats(values.data(), static_cast<std::size_t>(values.size()));
 }
 
+// Writes the image, and returns its length. REQUIRES: there is room for it.
+int writeImage(const MultiLayerNNModel& model, const Plans& plans, char* buf,
+               const mlnn::Watch& watch) {
+  mlnn::ByteWriter writer(buf);
+  writer.bytes(mlnn::kMagic, mlnn::kMagicLength);
+  writer.uint32(0);  // the checksum: known when the records are written
+  writer.int32(mlnn::kFeatureDescLength);
+  writer.bytes(&model.featureDesc, sizeof model.featureDesc);
+  writeArray(writer, model.deltasNorm.minvals);
+  writeArray(writer, model.deltasNorm.normvals);
+  writer.int32(static_cast<int32_t>(model.layers.size()));
+  auto length = static_cast<int>(writer.length());
+  auto sum = static_cast<uint32_t>(model.layers.size());
+  for (std::size_t i = 0; i < plans.size(); ++i) {
+    const mlnn::RecordResult record =
+        mlnn::writeRecord(mlnn::layerOrEmpty(model.layers[i]), plans[i], buf + length);
+    length += record.length;
+    sum += record.checksum;
+    mlnn::tell(watch, 0);
+  }
+  mlnn::ByteWriter(buf + mlnn::kChecksumOffset).uint32(sum);
+  return length;
+}
+
 // What both ways of reading an image do with the model.
 class ModelReader : public mlnn::ImageHeadReader {
  public:
@@ -201,24 +225,16 @@ int MultiLayerNNModel::serializeBinary(char* buf) const {
   if (expected < 0) return -1;
   mlnn::adviseHugePages(buf, static_cast<std::size_t>(expected));
   mlnn::supplyPages(buf, static_cast<std::size_t>(expected));
-  mlnn::ByteWriter writer(buf);
-  writer.bytes(mlnn::kMagic, mlnn::kMagicLength);
-  writer.uint32(0);  // the checksum: known when the records are written
-  writer.int32(mlnn::kFeatureDescLength);
-  writer.bytes(&featureDesc, sizeof featureDesc);
-  writeArray(writer, deltasNorm.minvals);
-  writeArray(writer, deltasNorm.normvals);
-  writer.int32(static_cast<int32_t>(layers.size()));
-  auto length = static_cast<int>(writer.length());
-  auto sum = static_cast<uint32_t>(layers.size());
-  for (std::size_t i = 0; i < layers.size(); ++i) {
-    const mlnn::RecordResult record =
-        mlnn::writeRecord(mlnn::layerOrEmpty(layers[i]), plans[i], buf + length);
-    length += record.length;
-    sum += record.checksum;
-  }
-  mlnn::ByteWriter(buf + mlnn::kChecksumOffset).uint32(sum);
-  return length;
+  return writeImage(*this, plans, buf, {});
+}
+
+std::optional<std::vector<char>> mlnn::imageOf(const MultiLayerNNModel& model, const Watch& watch) {
+  const Plans plans = plansOf(model, watch);
+  const int expected = ::imageLength(model, plans);
+  if (expected < 0) return std::nullopt;
+  std::vector<char> image(static_cast<std::size_t>(expected));
+  writeImage(model, plans, image.data(), watch);
+  return image;
 }
 
 int MultiLayerNNModel::deserializeBinary(const char* buf, unsigned int len) {

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 
 #include "inference/BiasCorrection.h"
 #include "model/MultiLayerNNModel.h"
@@ -121,6 +122,24 @@ TEST(BiasCorrection, whatThePassRefusesIsRefused) {
       "");
   EXPECT_EQ(result, 1);
   EXPECT_TRUE(sameLayers(changed, before));
+}
+
+TEST(BiasCorrection, canBeStopped) {
+  MultiLayerNNModel original = someModel();
+  MultiLayerNNModel changed = original.clone();
+  mlnn::quantizeRows(changed, {});
+  MultiLayerNNModel same = changed.clone();
+  const Eigen::MatrixXf inputs = someValues(12, 300, 4);
+  std::size_t told = 0;
+  EXPECT_EQ(correctBiases(original, changed, inputs, [&told](std::size_t steps) { told += steps; }),
+            0);
+  EXPECT_EQ(told, 4U * 300U);  // once for the original, and for each layer
+  EXPECT_EQ(correctBiases(original, same, inputs), 0);
+  EXPECT_TRUE(sameLayers(changed, same));
+  EXPECT_THROW(correctBiases(original, changed, inputs,
+                             [](std::size_t) { throw std::out_of_range("enough"); }),
+               std::out_of_range);
+  EXPECT_TRUE(sameLayers(changed, same));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 
 #include "model/MemoryStream.h"
@@ -32,6 +33,33 @@ TEST(MemoryStream, seeksFromEachPlace) {
   in.clear();
   in.seekg(1);
   EXPECT_EQ(rest(in), "ne two");
+}
+
+TEST(MemoryStream, showsAPieceAtATimeToWhoWatches) {
+  std::string bytes;
+  for (int i = 0; i < 700000; ++i) bytes += static_cast<char>('a' + i % 23);
+  std::size_t told = 0;
+  mlnn::MemoryStream in(bytes.data(), bytes.size(), [&told](std::size_t steps) { told += steps; });
+  EXPECT_EQ(rest(in), bytes);
+  EXPECT_EQ(told, std::size_t{2} << 18);  // of three pieces
+  in.clear();
+  in.seekg(0, std::ios::end);
+  EXPECT_EQ(in.tellg(), std::streampos(700000));
+  for (const int from : {0, 1, 262143, 262144, 699999, 700000}) {
+    in.clear();
+    in.seekg(from);
+    EXPECT_EQ(rest(in), bytes.substr(static_cast<std::size_t>(from)));
+  }
+  EXPECT_NO_THROW(in.rethrow());
+}
+
+TEST(MemoryStream, endsWhereItsWatchThrows) {
+  const std::string bytes(700000, 'x');
+  mlnn::MemoryStream in(bytes.data(), bytes.size(),
+                        [](std::size_t) { throw std::out_of_range("enough"); });
+  EXPECT_EQ(rest(in).size(), std::size_t{1} << 18);
+  EXPECT_EQ(in.get(), std::istream::traits_type::eof());
+  EXPECT_THROW(in.rethrow(), std::out_of_range);
 }
 
 TEST(MemoryStream, staysWhereItIsWhereASeekLeadsOut) {

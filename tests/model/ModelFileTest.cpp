@@ -4,10 +4,12 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "features/ContextWindow.h"
+#include "model/FormatFit.h"
 #include "model/ModelFile.h"
 #include "tests/support/ByteImage.h"
 #include "tests/support/CaptureStderr.h"
@@ -15,6 +17,7 @@
 #include "tests/support/SourceTree.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/TestModels.h"
+#include "text/Numbers.h"
 
 namespace {
 
@@ -210,6 +213,34 @@ TEST(ModelFile, readingAloneSetsNothing) {
             (std::vector<NNLayer*>{layers[0], layers[1]}));
   stderrOf([&] { mlnn::setHiddenActivations(read.file); });
   EXPECT_EQ(read.activations(), "relu relu linear");
+}
+
+// Both formats, longer than what is read between two looks.
+TEST(ModelFile, isReadUnderAWatchAsWithoutOneAndStopsWhereItThrows) {
+  MultiLayerNNModel model = mlnn::test::modelOf({mlnn::test::plainLayer(900, 1000, 1)});
+  model.deltasNorm.allocIfNeeded();
+  std::string whyNot;
+  const std::vector<char> made = mlnn::imageOf(model, whyNot).value();
+  std::ostringstream written;
+  mlnn::writeText(model, mlnn::kExactDigits, written);
+  for (const std::string& bytes : {std::string(made.begin(), made.end()), written.str()}) {
+    std::size_t told = 0;
+    ModelFile file;
+    ASSERT_EQ(mlnn::readModel(bytes.data(), bytes.size(), file,
+                              [&told](std::size_t steps) { told += steps; }),
+              0);
+    EXPECT_TRUE(mlnn::test::sameLayers(file.model, model));
+    EXPECT_GT(told, bytes.size() - (std::size_t{1} << 18));
+    const auto stops = [&told](std::size_t steps) {
+      if (told < steps) throw std::out_of_range("enough");
+      told -= steps;
+    };
+    told = std::size_t{1} << 20;
+    stderrOf([&] {
+      EXPECT_THROW(mlnn::readModel(bytes.data(), bytes.size(), file, stops), std::out_of_range);
+    });
+    EXPECT_EQ(told, 0U);  // it was not called again
+  }
 }
 
 TEST(ModelFile, missingLayersAreNoHiddenLayers) {
