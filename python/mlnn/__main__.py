@@ -23,6 +23,10 @@ def _parser() -> argparse.ArgumentParser:
                         help="activation of hidden layers whose file records none")
     export.add_argument("--quantized", action="store_true",
                         help="write weights that were quantised by rows in 8 bits")
+    export.add_argument("--normalisation", action="store_true",
+                        help="begin the graph with the normalisation of frames")
+    export.add_argument("--context", action="store_true",
+                        help="begin the graph with the context window: it takes a recording's frames")
     fetch = commands.add_parser("import-onnx", help="write an ONNX file as a model")
     fetch.add_argument("onnx", help="ONNX file to read")
     fetch.add_argument("out", help="model to write: .txt, or .mlnn or .bin")
@@ -70,7 +74,8 @@ def main(arguments: list[str] | None = None) -> int:
     try:
         if options.command == "export-onnx":
             mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out,
-                         quantized=options.quantized)
+                         quantized=options.quantized, normalisation=options.normalisation,
+                         context=options.context)
         else:
             mlnn.from_onnx(options.onnx).save(options.out)
     except (ImportError, MemoryError, OSError, ValueError) as error:

@@ -8,14 +8,15 @@ from __future__ import annotations
 
 import os
 import warnings
-from typing import Any
+from typing import IO, Any
 
 import numpy as np
 import numpy.typing as npt
 import onnx
 from onnx import NodeProto, TensorProto, helper, numpy_helper
 
-from . import Error, Layer, Model, _told_of, _write_whole
+from . import Error, Layer, Model
+from ._files import _read_from, _told_of, _write_into, _write_whole
 from ._onnx_external import read_external
 from ._onnx_front import FRONT, front_of, input_info
 from ._onnx_import import ACT_FNS, imported
@@ -30,10 +31,10 @@ _Array = npt.NDArray[Any]
 
 # --- Export ---
 
-def to_onnx(model: Model, path: str | os.PathLike[str] | None = None, *,
+def to_onnx(model: Model, path: str | os.PathLike[str] | IO[bytes] | None = None, *,
             quantized: bool = False, normalisation: bool = False,
             context: bool = False) -> onnx.ModelProto:
-    """Exports a model, and writes it to a file where a path is given.
+    """Exports a model, and writes it to a file where a path is given, or into a file object of bytes.
 
     Plain layers become Gemm, batch-norm layers Gemm and BatchNormalization of mean 0 and
     variance 1. The input "inputs" takes input vectors: normalised frames with their context,
@@ -72,7 +73,10 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | None = None, *,
         KEY: surroundings(model, **({FRONT: front.stated()} if front else {}))})
     onnx.checker.check_model(exported)
     if path is not None:
-        _write_whole(path, exported.SerializeToString())
+        if not isinstance(path, (str, os.PathLike)) and hasattr(path, "write"):
+            _write_into(path, exported.SerializeToString())
+        else:
+            _write_whole(path, exported.SerializeToString())  # type: ignore[arg-type]
     return exported
 
 
@@ -119,12 +123,12 @@ def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
 
 # --- Import ---
 
-def from_onnx(source: str | os.PathLike[str] | bytes | onnx.ModelProto) -> Model:
+def from_onnx(source: str | os.PathLike[str] | IO[bytes] | bytes | onnx.ModelProto) -> Model:
     """Imports a chain of Gemm, MatMul, arithmetic with constants, BatchNormalization, activations
     and Softmax, and of what leaves frames as they are (Cast, Flatten, Reshape, Dropout, Identity),
-    from a file, its bytes or a ModelProto, with the meaning that they have in the graph's operator
-    set. What the output does not depend on is left out. Values in other files are read where the
-    model comes from a file, of whose folder they must be.
+    from a file, a file object of bytes, its bytes or a ModelProto, with the meaning that they have in the
+    graph's operator set. What the output does not depend on is left out. Values in other files are read
+    where the model comes from a path, of whose folder they must be.
     Raises Error for what else there is, by the name of the node, and for what is no ONNX model;
     OSError where the file cannot be read."""
     if not isinstance(source, onnx.ModelProto):
@@ -146,10 +150,14 @@ def _no_model(error: Exception) -> Error:
     return Error(f"not an ONNX model: {reason}")
 
 
-def _read(source: str | os.PathLike[str] | bytes) -> onnx.ModelProto:
-    data, path = source, None
-    if not isinstance(data, bytes):
-        path = os.fspath(data)
+def _read(source: str | os.PathLike[str] | IO[bytes] | bytes) -> onnx.ModelProto:
+    path = None
+    if isinstance(source, bytes):
+        data = source
+    elif not isinstance(source, (str, os.PathLike)) and hasattr(source, "read"):
+        data = _read_from(source)
+    else:
+        path = os.fspath(source)  # type: ignore[type-var]
         with _told_of(path), open(path, "rb") as file:
             data = file.read()
     try:

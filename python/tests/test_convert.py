@@ -1,3 +1,4 @@
+import io
 import os
 import resource
 import subprocess
@@ -352,6 +353,26 @@ def test_the_digits_survive_the_commands(digits, tmp_path, name, command):
     assert back.read_bytes() == (digits / f"{name}.txt").read_bytes()
 
 
+def test_graphs_are_written_into_file_objects_and_read_from_them(model, tmp_path):
+    expected = mlnn.to_onnx(model).SerializeToString()
+    memory = io.BytesIO(b"before ")
+    memory.seek(0, io.SEEK_END)
+    mlnn.to_onnx(model, memory)
+    assert memory.getvalue() == b"before " + expected
+    memory.seek(len(b"before "))
+    assert state(mlnn.from_onnx(memory)) == state(model) and memory.read() == b""
+    with open(tmp_path / "m.onnx", "wb") as file:
+        mlnn.to_onnx(model, file)
+    with open(tmp_path / "m.onnx", "rb", buffering=0) as file:
+        assert state(mlnn.from_onnx(file)) == state(model)
+    with open(tmp_path / "m.onnx", encoding="latin-1") as file, \
+            pytest.raises(TypeError, match="^expected a file of bytes, opened with \"rb\"; it gave str$"):
+        mlnn.from_onnx(file)
+    for nothing in 3, None, []:
+        with pytest.raises(TypeError):
+            mlnn.from_onnx(nothing)
+
+
 def test_the_commands_refuse_in_one_line(digits, tmp_path, command):
     assert command("export-onnx", "none.txt", tmp_path / "m.onnx") == (
         1, "", "ERROR: MultiLayerNNModel: could not read file: none.txt\n")
@@ -454,6 +475,23 @@ def recordings(digits, model):
     paths = sorted((digits / "frames").glob("*.npy"))
     assert len(paths) == 30
     return [model.stack(np.load(path)) for path in paths]
+
+
+def test_the_commands_export_what_makes_input_vectors(digits, tmp_path, command):
+    model, out, back = mlnn.load(digits / "synth.txt"), tmp_path / "m.onnx", tmp_path / "back.txt"
+    for words in [], ["--normalisation"], ["--context"], ["--normalisation", "--context"]:
+        assert command("export-onnx", *words, digits / "synth.txt", out) == (0, "", "")
+        expected = mlnn.to_onnx(model, normalisation="--normalisation" in words, context="--context" in words)
+        assert out.read_bytes() == expected.SerializeToString()
+        assert command("import-onnx", out, back) == (0, "", "")
+        assert back.read_bytes() == (digits / "synth.txt").read_bytes()
+    model.features = mlnn.FeatureDescription()
+    model.normalisation = None
+    model.save(tmp_path / "bare.txt")
+    out.unlink()
+    assert command("export-onnx", "--context", tmp_path / "bare.txt", out) == (
+        1, "", "ERROR: the model does not tell what frames its inputs are made of\n")
+    assert not out.exists()
 
 
 @pytest.mark.parametrize("name", ["synth", "synth-bn"])

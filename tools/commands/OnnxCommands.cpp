@@ -32,6 +32,8 @@ struct Options {
   std::string python = "python3";
   std::string actFn;  // "" when not given
   bool quantized = false;
+  bool normalisation = false;
+  bool context = false;
 };
 
 // Becomes the interpreter that runs the command of the Python package. Returns never.
@@ -86,6 +88,8 @@ int runExport(const Options& options) {
   std::vector<std::string> command = {"export-onnx"};
   if (!options.actFn.empty()) command.push_back("--act-fn=" + options.actFn);
   if (options.quantized) command.push_back("--quantized");
+  if (options.normalisation) command.push_back("--normalisation");
+  if (options.context) command.push_back("--context");
   command.insert(command.end(), {"--", options.in, options.out});
   return runPython(options.python, command);
 }
@@ -105,6 +109,10 @@ void addExportOnnxCommand(Tool& tool) {
       .check(notEmpty)
       .type("NAME");
   command.addFlag("--quantized", options->quantized, "Write quantised weights in 8 bits");
+  command.addFlag("--normalisation", options->normalisation,
+                  "Begin the graph with the normalisation of frames");
+  command.addFlag("--context", options->context,
+                  "Begin the graph with the context window: it takes a recording's frames");
   addPythonOption(command, *options);
 }
 

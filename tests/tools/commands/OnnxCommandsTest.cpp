@@ -36,6 +36,9 @@ TEST_F(OnnxCommandsTest, handOverToThePackageAndReturnItsStatus) {
   const ToolResult quantized =
       runTool({"export-onnx", "--quantized", "--python", python_, "a.txt", "b.onnx"});
   EXPECT_EQ(quantized.out, "-c\nexport-onnx --quantized -- a.txt b.onnx\n");
+  const ToolResult whole = runTool(
+      {"export-onnx", "--normalisation", "--context", "--python", python_, "a.txt", "b.onnx"});
+  EXPECT_EQ(whole.out, "-c\nexport-onnx --normalisation --context -- a.txt b.onnx\n");
   const ToolResult imported = runTool({"import-onnx", "--python", python_, "a.onnx", "b.txt"});
   EXPECT_EQ(imported.status, 3);
   EXPECT_EQ(imported.out, "-c\nimport-onnx -- a.onnx b.txt\n");
