@@ -85,7 +85,8 @@ class Chain:
 
     def module(self, result: str, told: str, args: Sequence[Any], kwargs: Mapping[str, Any]) -> None:
         """Takes the call of a module of one argument, which whoever walks adds to the network."""
-        if list(args) != [Ref(self._value)] or kwargs:
+        taken = [*args, *kwargs.values()] if set(kwargs) <= {"input"} else []
+        if taken != [Ref(self._value)]:
             raise Error(f"{told}: takes more than the chain's value")
         self._close_gate()
         self._advance(result)

@@ -39,6 +39,9 @@ class _Importer:
             refuse_what_it_does_besides(name_of(path, step), step)
             for key, inner in step._modules.items():  # the iterators leave out what comes again
                 self.take(f"{path}.{key}" if path else key, inner)
+        elif type(step) in _around():
+            refuse_what_it_does_besides(name_of(path, step), step)
+            self.take(f"{path}.module" if path else "module", step.module)
         elif kind_of(step) is not None or (
                 type(step).__module__.startswith("torch.nn") and not isinstance(step, torch.nn.Sequential)):
             take_module(self.network, path, step)
@@ -50,6 +53,13 @@ class _Importer:
         """What is done in place, is done to a value that nothing else takes."""
         plain = _IN_PLACE.get(function, function if function.endswith("__") else function.removesuffix("_"))
         apply(self.network, told, plain, args, kwargs)
+
+
+def _around() -> tuple[Any, ...]:
+    """What shares the work of a module among devices, and computes what it computes."""
+    from torch.nn import parallel
+    return tuple(getattr(parallel, name) for name in ("DataParallel", "DistributedDataParallel")
+                 if hasattr(parallel, name))
 
 
 @contextlib.contextmanager

@@ -133,7 +133,7 @@ def _batch_norm(network: Network, name: str, step: Any) -> None:
 
 
 def _softmax(network: Network, name: str, step: Any) -> None:
-    softmax(network, name, step.dim)
+    softmax(network, name, 1 if step.dim is None else step.dim)  # as it is for two dimensions
 
 
 def _flatten(_network: Network, name: str, step: Any) -> None:
