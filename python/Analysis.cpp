@@ -372,7 +372,8 @@ py::list traceDifferences(const Stages& a, const Stages& b, bool commonOnly, dou
   const auto columnsB = inOrder(b);
   const std::vector<StageComparison> found = [&] {
     const py::gil_scoped_release othersRun;
-    return compareTraces(traceOf(columnsA), traceOf(columnsB), commonOnly);
+    return compareTraces(traceOf(columnsA), traceOf(columnsB), commonOnly,
+                         interruptedBySignals({}));
   }();
   return listFrom(found, [tolerance](const StageComparison& stage) {
     using namespace py::literals;

@@ -12,6 +12,7 @@
 #include <pybind11/pybind11.h>
 
 #include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -41,6 +42,7 @@ struct Core {
   MultiLayerNNModel model;
   std::shared_mutex mutex;
   std::mutex handlesMutex;  // taken after the other one where both are
+  std::size_t changes = 0;  // how often the model was locked for writing
   std::map<NNLayer*, std::weak_ptr<LayerHandle>> handles;
 
   // A forward pass over the model that nobody uses just now, or null. Whoever takes it, leaves
@@ -73,6 +75,7 @@ auto locked(Core& core, Action action) {
   if constexpr (std::is_same_v<Lock, Writing>) refuseWhileRunning(core);
   const py::gil_scoped_release othersRun;
   const Lock lock(core.mutex);
+  if constexpr (std::is_same_v<Lock, Writing>) ++core.changes;
   return action(core.model);
 }
 

@@ -283,9 +283,11 @@ std::shared_ptr<Core> copyOf(Core& core) {
 py::tuple open(const py::bytes& bytes, const std::string& actFn) {
   const std::string_view view = bytes;
   auto core = std::make_shared<Core>();
-  const Said said = heard<Writing>(*core, [&](MultiLayerNNModel& model) {
+  // Nobody else knows the model, so a handler of a signal that forks need not wait for its lock.
+  const Said said = heard<Reading>(*core, [&](MultiLayerNNModel& model) {
     mlnn::ModelFile file;
-    if (mlnn::readModel(view.data(), view.size(), file) != 0) return 1;
+    const mlnn::Watch watch = interruptedBySignals({core.get()});
+    if (mlnn::readModel(view.data(), view.size(), file, watch) != 0) return 1;
     // Whoever gives an activation for many files means those that record none.
     if (!mlnn::layersWithoutActivation(file).empty()) {
       mlnn::setHiddenActivations(file, {actFn, "act_fn", "the file"});
@@ -306,11 +308,18 @@ py::bytes openingError(const std::string& path) {
 // Writes a file that appears when it is complete.
 // Returns: 0, or an errno.
 int writeFile(const std::string& path, const py::bytes& bytes) {
-  const std::string_view view = bytes;
+  constexpr std::size_t kPiece = std::size_t{1} << 20;
+  std::string_view view = bytes;
   const py::gil_scoped_release othersRun;
+  const mlnn::Watch watch = interruptedBySignals({});
   try {
     mlnn::OutputFile file(path);
-    file.stream().write(view.data(), static_cast<std::streamsize>(view.size()));
+    while (!view.empty() && file.stream()) {
+      const std::string_view piece = view.substr(0, kPiece);
+      file.stream().write(piece.data(), static_cast<std::streamsize>(piece.size()));
+      view.remove_prefix(piece.size());
+      mlnn::tell(watch, piece.size());
+    }
     file.finish();
   } catch (const mlnn::WriteFailure& failure) {
     return failure.error() == 0 ? EIO : failure.error();
@@ -339,17 +348,24 @@ class WatchedText : public std::stringbuf {
   const mlnn::Watch& watch;
 };
 
+// What `write` writes into a stream, which the watch can stop.
+template <typename Write>
+std::string textFrom(const mlnn::Watch& watch, Write write) {
+  WatchedText text(watch);
+  std::ostream out(&text);
+  out.exceptions(std::ios::badbit);  // else the stream would keep what is thrown
+  write(out);
+  return text.str();
+}
+
 // The model in the bytes of a file, after it was made ready for the format.
 std::string bytesOf(const MultiLayerNNModel& model, mlnn::ModelFormat format, std::string& whyNot,
                     const mlnn::Watch& watch) {
   if (format == mlnn::ModelFormat::kText) {
-    WatchedText text(watch);
-    std::ostream out(&text);
-    out.exceptions(std::ios::badbit);  // else the stream would keep what is thrown
-    mlnn::writeText(model, mlnn::kExactDigits, out);
-    return text.str();
+    return textFrom(
+        watch, [&model](std::ostream& out) { mlnn::writeText(model, mlnn::kExactDigits, out); });
   }
-  const std::optional<std::vector<char>> image = mlnn::imageOf(model, whyNot);
+  const std::optional<std::vector<char>> image = mlnn::imageOf(model, whyNot, watch);
   return image ? std::string(image->begin(), image->end()) : std::string();
 }
 
@@ -386,11 +402,14 @@ py::tuple cArray(Core& core, const std::string& symbol) {
   const py::tuple image = written(core, "image");
   const std::string bytes = image[0].cast<std::string>();
   if (bytes.empty()) return image;
-  const std::string remark =
-      read(core, [](const MultiLayerNNModel& model) { return mlnn::quantizedText(model); });
-  std::ostringstream out;
-  mlnn::writeCArray({bytes.begin(), bytes.end()}, symbol, remark, out);
-  return py::make_tuple(out.str(), image[1], image[2]);
+  const std::string text = read(core, [&](const MultiLayerNNModel& model) {
+    const mlnn::Watch watch = interruptedBySignals({&core});
+    const std::string remark = mlnn::quantizedText(model, watch);
+    return textFrom(watch, [&](std::ostream& out) {
+      mlnn::writeCArray({bytes.begin(), bytes.end()}, symbol, remark, out);
+    });
+  });
+  return py::make_tuple(text, image[1], image[2]);
 }
 
 // --- Operations on two models ---
@@ -405,31 +424,81 @@ Said add(Core& core, Core& other) {
     Reading theirs(other.mutex, std::defer_lock);
     std::lock(mine, theirs);
     const mlnn::CollectedMessages said;
+    ++core.changes;
     core.model += other.model;
     messages = said.messages();
   }
   return {0, listOf(messages)};
 }
 
-// --- The forward pass ---
+// --- Work on a copy ---
 
-// REQUIRES: the two are not the same.
-Said correctBiases(Core& core, Core& original, const Frames& inputs) {
-  const Columns columns = columnsOf(inputs);
+void copyValues(Eigen::VectorXf& values, const Eigen::VectorXf& changed) {
+  if (values.size() == changed.size() || values.size() == 0) values = changed;
+}
+
+// Copies values to where the others are, so that no array moves.
+// REQUIRES: the layers have the same shapes, and of their vectors those that have any values.
+void copyValues(MultiLayerNNModel& model, const MultiLayerNNModel& changed) {
+  for (std::size_t i = 0; i < model.layers.size(); ++i) {
+    NNLayer& layer = *model.layers[i];
+    NNLayer& other = *changed.layers[i];
+    layer.weights = other.weights;
+    for (const mlnn::LayerVector& vector : mlnn::kLayerVectors) {
+      copyValues(vector.of(layer), vector.of(other));
+    }
+    layer.isBatchNorm = other.isBatchNorm;
+  }
+}
+
+// Changes values of a model as `action(copy)` does, which returns 0, or 1 after an error line.
+// Takes no lock while it works, so others read the model meanwhile, and where it throws, the model
+// stays as it is. Where another thread changes the model meanwhile, begins anew, and holds the lock
+// then.
+template <typename Action>
+Said changeCopy(Core& core, Action action) {
   refuseWhileRunning(core);
-  std::vector<mlnn::Message> messages;
+  MultiLayerNNModel copy;
+  const std::size_t before = read(core, [&](const MultiLayerNNModel& model) {
+    copy = model.clone();
+    return core.changes;
+  });
   int result = 0;
+  std::vector<mlnn::Message> messages;
   {
     const py::gil_scoped_release othersRun;
-    Writing mine(core.mutex, std::defer_lock);
-    Reading theirs(original.mutex, std::defer_lock);
-    std::lock(mine, theirs);
     const mlnn::CollectedMessages said;
-    result = mlnn::correctBiases(original.model, core.model, columns);
+    result = action(copy, interruptedBySignals({}));
     messages = said.messages();
   }
-  return {result, listOf(messages)};
+  bool isChanged = false;
+  Said anew = heard<Writing>(core, [&](MultiLayerNNModel& model) {
+    isChanged = core.changes != before + 1;  // this lock counts
+    if (isChanged) {
+      copy = model.clone();
+      result = action(copy, mlnn::Watch());
+    }
+    if (result == 0) copyValues(model, copy);
+    return result;
+  });
+  return isChanged ? anew : Said(result, listOf(messages));
 }
+
+// With `inputs` takes the mean error over these out of the biases.
+Said quantize(Core& core, const mlnn::RowQuantization& options,
+              const std::optional<Frames>& inputs) {
+  const std::optional<Columns> columns =
+      inputs ? std::optional<Columns>(columnsOf(*inputs)) : std::nullopt;
+  return changeCopy(core, [&](MultiLayerNNModel& model, const mlnn::Watch& watch) {
+    MultiLayerNNModel original;
+    if (columns) original = model.clone();
+    const int result = mlnn::quantizeRows(model, options, nullptr, watch);
+    if (result != 0 || !columns) return result;
+    return mlnn::correctBiases(original, model, *columns, watch);
+  });
+}
+
+// --- The forward pass ---
 
 // Makes the window in which frames of that many values become the model's inputs.
 mlnn::ContextWindow windowFor(const MultiLayerNNModel& model, Index frameLen) {
@@ -763,15 +832,14 @@ void bindOperations(py::class_<Core, std::shared_ptr<Core>>& core) {
              return heardDone(c, [bits](MultiLayerNNModel& m) { m.retainPrecisionBits(bits); });
            })
       .def("quantize",
-           [](Core& c, int bits, bool leastSquares, double largestError) {
+           [](Core& c, int bits, bool leastSquares, double largestError,
+              const std::optional<Frames>& inputs) {
              mlnn::RowQuantization options;
              options.bits = bits;
              if (leastSquares) options.scale = mlnn::RowScale::kLeastSquares;
              options.largestError = largestError;
-             return heard<Writing>(
-                 c, [&options](MultiLayerNNModel& m) { return quantizeRows(m, options); });
+             return quantize(c, options, inputs);
            })
-      .def("correct_biases", &correctBiases)
       .def("add", &add)
       .def("scale",
            [](Core& c, float f) { return heardDone(c, [f](MultiLayerNNModel& m) { m *= f; }); })

@@ -79,16 +79,22 @@ def diff(a: Model, b: Model, recordings: _Recordings | None = None, *,
     are any, in behaviour. Each recording holds frames x values; they are an iterable, or a mapping
     from names. Each model makes its own input vectors of them, unless `stacked`. Raises ValueError
     where a model does not take such frames."""
-    statements = [StatementDifference(**_text(one))
-                  for one in _mlnn.statement_differences(a._core, b._core)]
-    numbers = [_layer_difference(one) for one in _mlnn.number_differences(a._core, b._core)]
+    one, other = map(_core_of, (a, b))
+    statements = [StatementDifference(**_text(found)) for found in _mlnn.statement_differences(one, other)]
+    numbers = [_layer_difference(found) for found in _mlnn.number_differences(one, other)]
     behaviour = None
     if recordings is not None:
-        found = _mlnn.behaviour_differences(a._core, b._core, _named(recordings), bool(stacked),
-                                            float(tolerance))
+        found = _mlnn.behaviour_differences(one, other, _named(recordings), bool(stacked), float(tolerance))
         stages = [_stage_difference(one) for one in found.pop("stages")]
         behaviour = Behaviour(stages=stages, **found)
-    return ModelDifference(statements, numbers, _mlnn.quantization(a._core, b._core), behaviour)
+    return ModelDifference(statements, numbers, _mlnn.quantization(one, other), behaviour)
+
+
+def _core_of(model: Any) -> _mlnn.Core:
+    from . import Model
+    if not isinstance(model, Model):
+        raise TypeError(f"expected a model, got {type(model).__name__}")
+    return model._core
 
 
 def _layer_difference(found: dict[str, Any]) -> LayerDifference:
@@ -114,7 +120,7 @@ def average(models: Iterable[Model], weights: Iterable[float] | None = None) -> 
     Weights are above 0, and count in proportion to their sum. Raises Error where models have no
     mean."""
     from . import Model
-    cores = [model._core for model in models]
+    cores = [_core_of(model) for model in models]
     if not cores:
         raise ValueError("expected one model at least")
     given = [1.0] * len(cores) if weights is None else [float(weight) for weight in weights]

@@ -120,7 +120,7 @@ _Given = Layer | Mapping[str, Any] | Sequence[Any]
 def _record_of(layer: _Given) -> bytes:
     """The binary record of a layer, or of one that is made of arrays."""
     from ._model import Model
-    made = layer if isinstance(layer, Layer) else Model.from_arrays([layer]).layers[0]
+    made = layer if isinstance(layer, Layer) else Model._of_arrays([layer], False).layers[0]
     return made._layer.record()
 
 

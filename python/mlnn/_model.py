@@ -150,17 +150,26 @@ class Model:
 
         Each layer is `(weights, bias)`, `(weights, bias, act_fn)`, or a mapping with `weights`
         (outputs x inputs) and any of `bias`, `gamma`, `beta`, `gamma_inf`, `beta_inf`, `act_fn`
-        and `batch_norm`, which is true by default where `gamma_inf` is given.
-        Raises ValueError where shapes do not fit each other.
+        and `batch_norm`, which is true by default where `gamma_inf` is given. The softmax is as if
+        it was switched on afterwards. Raises ValueError where shapes do not fit each other.
         """
+        model = cls._of_arrays(layers, False)
+        if softmax:
+            model.softmax = True
+        return model
+
+    @classmethod
+    def _of_arrays(cls, layers: Iterable[Mapping[str, Any] | Sequence[Any]], softmax: bool) -> Model:
+        """The same, with the activations as they are, the last one's under a softmax, too."""
         model = cls()
+        model._core.restore_softmax(False)
         for number, layer in enumerate(layers, 1):
             try:
                 model._append(_as_mapping(layer))
             except (KeyError, TypeError, ValueError) as error:
                 raise type(error)(f"layer {number}: {error}") from None
-        model._core.restore_softmax(bool(softmax))
-        model._warn_of_softmax()
+        model._core.restore_softmax(softmax)
+        model._warn_of_single_output()
         return model
 
     def _append(self, layer: Mapping[str, Any]) -> None:
@@ -191,7 +200,8 @@ class Model:
         added.act_fn = act_fn
 
     def to_arrays(self) -> list[dict[str, Any]]:
-        """The layers as from_arrays takes them, which makes the same network of them; copies."""
+        """The layers as from_arrays takes them, which makes the same network of them; copies. (A last
+        layer that is not linear under a softmax, as a file may have, is to be made so again.)"""
         return [{"weights": layer.weights.copy(), "act_fn": layer.act_fn,
                  "batch_norm": layer.batch_norm,
                  **{name: getattr(layer, name).copy() for name in _VECTORS
@@ -350,15 +360,19 @@ class Model:
 
     @property
     def softmax(self) -> bool:
-        """Whether a softmax is applied to the outputs. Switching it on makes the last layer linear."""
+        """Whether a softmax is applied to the outputs. Switching it on makes the last layer linear, and
+        warns where it was not, or where there is a single output."""
         return self._core.softmax()
 
     @softmax.setter
     def softmax(self, on: bool) -> None:
+        before = self.layers[-1].act_fn if on and not self.softmax and len(self.layers) else "linear"
         _hear(*self._core.set_softmax(bool(on)))
-        self._warn_of_softmax()
+        if before != "linear":
+            _warn(f"the last layer's {before} became linear, since a softmax is on")
+        self._warn_of_single_output()
 
-    def _warn_of_softmax(self) -> None:
+    def _warn_of_single_output(self) -> None:
         if self.softmax and self.num_outputs == 1:
             _warn("the only output is always 1, since a softmax is on")
 
@@ -406,17 +420,15 @@ class Model:
         output's largest weight, or with `least_squares` are those of the least squared error. A
         layer stays as it is where its relative error would be over `largest_error`. `correct` are
         input vectors, as `stack` gives, over which the mean error is taken out of the biases.
-        Returns the model. Raises Error for other bits and for weights that are not finite.
+        Returns the model. Raises Error for other bits and for weights that are not finite; nothing
+        changes then, nor at Ctrl-C.
         """
         inputs = None if correct is None else _frames(correct)
         if inputs is not None and inputs.shape[1] != self.num_inputs:
             raise ValueError(f"correct: input vectors of {inputs.shape[1]} values; "
                              f"expected {self.num_inputs}")
         most = float("inf") if largest_error is None else float(largest_error)
-        original = self if inputs is None else self.copy()
-        _hear(*self._core.quantize(_integer(bits, "bits"), bool(least_squares), most))
-        if inputs is not None:
-            _hear(*self._core.correct_biases(original._core, inputs))
+        _hear(*self._core.quantize(_integer(bits, "bits"), bool(least_squares), most, inputs))
         return self
 
     def zeros(self) -> Model:
@@ -516,7 +528,9 @@ class Model:
         if frame is not None:
             return self(frame, stacked, integers=integers, words=words, threads=threads)[0]
         given = _frames(frames)
-        found = self._core.evaluate(given, None if stacked is None else bool(stacked),
+        if stacked is not None:
+            stacked = bool(stacked)
+        found = self._core.evaluate(given, stacked,
                                     (words or "none") if integers else None, threads)
         if found is None:
             raise ValueError(f"frames of {given.shape[1]} values; "

@@ -194,7 +194,7 @@ class Network:
         if not self._layers:
             raise Error("the network has no linear map")
         self._refuse_before_nothing_linear()
-        return Model.from_arrays(self._layers, softmax=self._softmax is not None)
+        return Model._of_arrays(self._layers, softmax=self._softmax is not None)
 
     def _scale_and_shift(self, name: str, scale: _Array, shift: _Array) -> None:
         """What the next linear map will take along."""

@@ -161,6 +161,8 @@ class _Importer:
     # --- Linear maps ---
 
     def _linear(self, name: str, weights: _Array, bias: _Array | None) -> None:
+        if weights.ndim == 2 and self._shape.width not in (0, weights.shape[1]):
+            raise Error(f"{name}: takes {weights.shape[1]} inputs after {self._shape.width} outputs")
         self._network.linear(name, weights, bias)
         self._shape.has_width(len(weights))
 

@@ -78,6 +78,6 @@ def _with_vectors(model: Model, idle: list[dict[str, str]]) -> Model:
                        "batch_norm": layer.batch_norm,
                        **{name: getattr(layer, name) for name in used},
                        **{name: unpacked(text) for name, text in vectors.items()}})
-    whole = Model.from_arrays(layers, softmax=model.softmax)
+    whole = Model._of_arrays(layers, model.softmax)
     whole._take_surroundings(model)
     return whole

@@ -2,7 +2,7 @@
 from __future__ import annotations
 
 import dataclasses
-from collections.abc import Mapping, Sequence
+from collections.abc import Iterator, Mapping, Sequence
 from typing import Any, TypeVar
 
 import numpy as np
@@ -165,6 +165,12 @@ class Trace(_Result):
 
     def __getitem__(self, stage: str) -> _Floats:
         return self.stages[stage]
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(self.stages)
+
+    def __len__(self) -> int:
+        return len(self.stages)
 
     def to_pandas(self, stage: str = "outputs") -> Any:
         """A pandas.DataFrame of a stage, with a row for each frame; needs pandas."""

@@ -1,7 +1,6 @@
 """What one can know about models: check, diagnose, digest, budget, trace, diff, compare, average,
 sweep."""
 import json
-import signal
 
 import numpy as np
 import pytest
@@ -111,6 +110,12 @@ def test_a_trace_has_the_values_of_every_stage(model):
         mlnn.Model().trace(np.zeros((2, 3)))
 
 
+def test_a_trace_is_gone_through_by_its_stages(model):
+    trace = model.trace(np.zeros((3, 4)), stacked=True)
+    assert list(trace) == list(trace.stages) and len(trace) == len(trace.stages) and "layer-1" in trace
+    assert all(trace[stage] is values for stage, values in trace.stages.items())
+
+
 def test_the_trace_of_single_frames_is_that_of_their_input_vectors(digits):
     model = mlnn.load(digits / "synth.txt")
     frames = np.load(sorted((digits / "frames").glob("*.npy"))[0])
@@ -160,6 +165,12 @@ def test_differences_are_found_in_statements_numbers_and_behaviour(model):
     assert loose.behaviour.first_beyond is None
     with pytest.raises(ValueError, match="recording 1"):
         mlnn.diff(model, other, [np.zeros((3, 9))])
+
+
+def test_only_models_are_compared_and_averaged(model):
+    for call in (lambda: mlnn.diff(model, 3), lambda: mlnn.diff(None, model), lambda: mlnn.average([model, "x"])):
+        with pytest.raises(TypeError, match="^expected a model, got (int|NoneType|str)$"):
+            call()
 
 
 def test_a_quantised_model_is_told_as_such():
@@ -233,25 +244,3 @@ def test_a_sweep_measures_each_width(digits):
         model.sweep(recordings, [32])
     with pytest.raises(ValueError, match="^classes: expected 0 to "):
         model.sweep(recordings[:1], [4], classes=[999])
-
-
-def test_a_sweep_can_be_interrupted():
-    model = mlnn.Model()
-    model.create_first_layer(200, 300)
-    model.add_layer(10)
-    recordings = [np.ones((5000, 200), np.float32)]
-
-    def handle(*_):
-        with pytest.raises(RuntimeError, match="cannot be changed while this thread runs it"):
-            model.zeros()
-        raise KeyboardInterrupt
-
-    before = signal.signal(signal.SIGALRM, handle)
-    try:
-        signal.setitimer(signal.ITIMER_REAL, 0.2)
-        with pytest.raises(KeyboardInterrupt):
-            model.sweep(recordings, [8] * 10**4, stacked=True)
-    finally:
-        signal.setitimer(signal.ITIMER_REAL, 0)
-        signal.signal(signal.SIGALRM, before)
-    assert model(recordings[0][:1]).shape == (1, 10)

@@ -3,7 +3,6 @@ import copy
 import csv
 import dataclasses
 import gc
-import itertools
 import os
 import pickle
 import signal
@@ -905,34 +904,6 @@ def test_children_go_on_where_another_thread_was_at_work():
             done.result()
     assert model(inputs[:2], stacked=True).shape == (2, 40)
 
-
-def test_a_signal_is_handled_while_a_model_runs():
-    model = mlnn.Model()
-    model.create_first_layer(200, 400)
-    model.add_layer(40)
-    inputs = np.ones((60000, 200), np.float32)
-    told = []
-
-    def handle(*_):
-        try:
-            model.zeros()
-        except RuntimeError as error:
-            assert model(inputs[:1], stacked=True).shape == (1, 40)  # reading is allowed
-            told.append(str(error))
-            raise KeyboardInterrupt from None
-
-    before = signal.signal(signal.SIGALRM, handle)
-    try:
-        with pytest.raises(KeyboardInterrupt):
-            # Until the signal comes while the library is at work, for however short a time that is.
-            for delay in itertools.cycle((0.002, 0.005, 0.01, 0.02, 0.05)):
-                signal.setitimer(signal.ITIMER_REAL, delay)
-                model(inputs, stacked=True)
-    finally:
-        signal.setitimer(signal.ITIMER_REAL, 0)
-        signal.signal(signal.SIGALRM, before)
-    assert told == ["the model cannot be changed while this thread runs it"]
-    assert not model.zeros().layers[0].weights.any()
 
 
 def test_threads_share_a_model_while_one_changes_it(model):

@@ -2,7 +2,6 @@
 import io
 import os
 import re
-import signal
 import subprocess
 import sys
 
@@ -114,6 +113,23 @@ def test_a_softmax_over_a_single_output_is_warned_of():
     two.softmax = True
 
 
+@pytest.mark.parametrize("act_fn", mlnn.ACT_FNS)
+@pytest.mark.parametrize("outputs", [1, 2])
+@pytest.mark.filterwarnings("always")
+def test_a_softmax_is_the_same_from_the_start_and_switched_on(act_fn, outputs, recwarn):
+    layers = [([[1.0]] * 3, [0, 1, 2], "relu"), ([[1.0, 2.0, -1.0]] * outputs, [0.5] * outputs, act_fn)]
+    model = mlnn.Model.from_arrays(layers)
+    said = [str(warning.message) for warning in recwarn]
+    recwarn.clear()
+    later = mlnn.Model.from_arrays(layers, softmax=False)
+    assert later.layers[-1].act_fn == act_fn
+    later.softmax = True
+    assert later == model and [layer.act_fn for layer in model.layers] == ["relu", "linear"]
+    assert said == [str(warning.message) for warning in recwarn] == (
+        [] if act_fn == "linear" else [f"the last layer's {act_fn} became linear, since a softmax is on"]) + (
+        ["the only output is always 1, since a softmax is on"] if outputs == 1 else [])
+
+
 HOSTILE = """
 import resource
 import numpy as np
@@ -163,28 +179,3 @@ def test_a_model_becomes_an_array_of_c(digits, tmp_path):
         subprocess.run([tool, "convert", "--to", "c-array", tmp_path / "m.mlnn", tmp_path / "m.c"], check=True,
                        capture_output=True)
         assert mlnn.load(tmp_path / "m.mlnn").to_c_array("m_image") == (tmp_path / "m.c").read_text()
-
-
-def test_a_signal_is_handled_while_a_text_is_written():
-    weights = np.random.default_rng(1).normal(size=(2000, 1000)).astype(np.float32)
-    model = mlnn.Model.from_arrays([(weights, np.zeros(2000))])
-
-    class Stopped(Exception):
-        pass
-
-    def handle(number, frame):
-        try:
-            model.set_act_fn("linear")
-        except RuntimeError:  # so the library was at work in this thread
-            raise Stopped from None
-
-    before = signal.signal(signal.SIGALRM, handle)
-    try:
-        with pytest.raises(Stopped):
-            for _ in range(100):
-                signal.setitimer(signal.ITIMER_REAL, 0.005)
-                model.to_text()
-    finally:
-        signal.setitimer(signal.ITIMER_REAL, 0)
-        signal.signal(signal.SIGALRM, before)
-    assert (model.layers[0].weights == weights).all() and model.layers[0].act_fn == "linear"
