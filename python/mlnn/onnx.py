@@ -8,7 +8,7 @@ from __future__ import annotations
 
 import os
 import warnings
-from typing import IO, Any
+from typing import IO, Any, cast
 
 import numpy as np
 import numpy.typing as npt
@@ -73,10 +73,11 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | IO[bytes] | None = None
         KEY: surroundings(model, **({FRONT: front.stated()} if front else {}))})
     onnx.checker.check_model(exported)
     if path is not None:
+        data = exported.SerializeToString()
         if not isinstance(path, (str, os.PathLike)) and hasattr(path, "write"):
-            _write_into(path, exported.SerializeToString())
+            _write_into(path, data)
         else:
-            _write_whole(path, exported.SerializeToString())  # type: ignore[arg-type]
+            _write_whole(cast("str | os.PathLike[str]", path), data)
     return exported
 
 
@@ -157,7 +158,7 @@ def _read(source: str | os.PathLike[str] | IO[bytes] | bytes) -> onnx.ModelProto
     elif not isinstance(source, (str, os.PathLike)) and hasattr(source, "read"):
         data = _read_from(source)
     else:
-        path = os.fspath(source)  # type: ignore[type-var]
+        path = os.fspath(cast("str | os.PathLike[str]", source))
         with _told_of(path), open(path, "rb") as file:
             data = file.read()
     try:

@@ -28,8 +28,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 # What a source distribution holds: all that builds it, and the tests of the package with what they read.
 FILES = ("CMakeLists.txt", "CMakePresets.json", "CHANGELOG.md", "README.md", "pyproject.toml")
-FOLDERS = ("analysis", "c", "cmake", "docs", "examples", "features", "inference", "layers", "model", "python",
-           "text", "tools")
+FOLDERS = ("analysis", "c", "cmake", "docs", "examples", "features", "inference", "layers", "model", "os",
+           "python", "text", "tools")
 
 MOMENT = (1980, 1, 1, 0, 0, 0)  # of all files, so that the same sources give the same bytes
 TOOL = "_tool"                  # the command's program, in the package

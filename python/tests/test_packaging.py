@@ -40,7 +40,10 @@ def test_a_source_distribution_holds_what_makes_it_again(backend, tmp_path):
     subprocess.run([sys.executable, "python/packaging/cmake_backend.py", tmp_path / "again"], cwd=base,
                    check=True, stdout=subprocess.PIPE, env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})
     assert (tmp_path / "again" / name).read_bytes() == (tmp_path / name).read_bytes()
-    for folder in re.findall(r"^ +(\w+)/\S+\.cpp$", (ROOT / "CMakeLists.txt").read_text(), re.M):
+    listed = (ROOT / "CMakeLists.txt").read_text()
+    folders = set(re.findall(r"^(?: +(?=\w+/\S+\.cpp$)|include\()(\w+)/", listed, re.M))
+    assert {"layers", "model", "cmake", "os"} <= folders
+    for folder in folders:
         assert (base / folder).is_dir()
 
 
