@@ -7,8 +7,9 @@ of a layer that take no part in inference; so a model that is exported and impor
 from __future__ import annotations
 
 import os
+import typing
 import warnings
-from typing import IO, Any, cast
+from typing import Any, cast
 
 import numpy as np
 import numpy.typing as npt
@@ -31,7 +32,7 @@ _Array = npt.NDArray[Any]
 
 # --- Export ---
 
-def to_onnx(model: Model, path: str | os.PathLike[str] | IO[bytes] | None = None, *,
+def to_onnx(model: Model, path: str | os.PathLike[str] | typing.IO[bytes] | None = None, *,
             quantized: bool = False, normalisation: bool = False,
             context: bool = False) -> onnx.ModelProto:
     """Exports a model, and writes it to a file where a path is given, or into a file object of bytes.
@@ -124,7 +125,7 @@ def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
 
 # --- Import ---
 
-def from_onnx(source: str | os.PathLike[str] | IO[bytes] | bytes | onnx.ModelProto) -> Model:
+def from_onnx(source: str | os.PathLike[str] | typing.IO[bytes] | bytes | onnx.ModelProto) -> Model:
     """Imports a chain of Gemm, MatMul, arithmetic with constants, BatchNormalization, activations
     and Softmax, and of what leaves frames as they are (Cast, Flatten, Reshape, Dropout, Identity),
     from a file, a file object of bytes, its bytes or a ModelProto, with the meaning that they have in the
@@ -151,7 +152,7 @@ def _no_model(error: Exception) -> Error:
     return Error(f"not an ONNX model: {reason}")
 
 
-def _read(source: str | os.PathLike[str] | IO[bytes] | bytes) -> onnx.ModelProto:
+def _read(source: str | os.PathLike[str] | typing.IO[bytes] | bytes) -> onnx.ModelProto:
     path = None
     if isinstance(source, bytes):
         data = source
