@@ -6,8 +6,11 @@ namespace mlnn {
 // More digits than this take the standard library's own conversion.
 inline constexpr int kMaxFastDigits = 9;
 
-// What formatFloat writes at most for a precision.
-constexpr int floatTextLength(int precision) { return precision + 8; }
+// The room that formatFloat takes for a precision: more than the text, since it stores several
+// digits at once.
+constexpr int floatTextLength(int precision) {
+  return (precision < kMaxFastDigits ? kMaxFastDigits : precision) + 12;
+}
 
 // Writes `value` as printf's "%.*g" with this precision does in the classic locale.
 // Returns: the position behind the text; no NUL is written.
