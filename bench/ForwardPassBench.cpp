@@ -17,6 +17,7 @@
 #include "bench/Contender.h"
 #include "bench/Machine.h"
 #include "bench/Networks.h"
+#include "bench/ResultsFile.h"
 #include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
 
@@ -70,7 +71,7 @@ double weightBytes(const Network& network) {
 // Where the lines of a measurement go.
 struct Table {
   std::vector<Entry> entries;
-  std::ofstream file;  // of the results, unless it is closed
+  ResultsFile results;
 };
 
 class Row {
@@ -139,10 +140,10 @@ class Row {
     std::printf("%8.2f %-10s%8.2f\n", medians[0] / medians[best], entries_[best].name.c_str(),
                 medians[0] / (1e6 * limit));
     std::fflush(stdout);
-    if (!table.file.is_open()) return;
-    table.file << network_.name << '\t' << hidden << '\t' << frames_;
-    for (const double median : medians) table.file << '\t' << rounded(median);
-    table.file << '\t' << rounded(1e6 * limit) << '\n';
+    if (!table.results.stream().is_open()) return;
+    table.results.stream() << network_.name << '\t' << hidden << '\t' << frames_;
+    for (const double median : medians) table.results.stream() << '\t' << rounded(median);
+    table.results.stream() << '\t' << rounded(1e6 * limit) << '\n';
   }
 
  private:
@@ -194,8 +195,7 @@ void printHead(const Table& table) {
 
 // The head of a file of results: what there is to know of the processor and of the run.
 void writeHead(const Options& options, Table& table) {
-  std::ofstream& file = table.file;
-  for (const auto& [name, value] : processorFacts()) file << name << '\t' << value << '\n';
+  std::ofstream& file = table.results.stream();
   file << "kernels\t" << bestKernels().name << ", shape " << kernelShape().name << '\n'
        << "run\t"
        << "up to " << options.rounds << " rounds of " << options.milliseconds << " ms, load "
@@ -230,7 +230,7 @@ bool benchNetwork(const Shape& shape, const Options& options, double flops, Tabl
 }
 
 int run(const Options& options) {
-  Table table{options.shapes ? shapesAndPeers() : kContenders, {}};
+  Table table{options.shapes ? shapesAndPeers() : kContenders, ResultsFile(options.output)};
   if (!options.only.empty()) {
     const auto isOut = [&](const Entry& entry) { return !contains(options.only, entry.name); };
     table.entries.erase(std::remove_if(table.entries.begin(), table.entries.end(), isOut),
@@ -238,11 +238,7 @@ int run(const Options& options) {
   }
   warnUnlessIdle();
   printHead(table);
-  const std::string unfinished = options.output + ".unfinished";
-  if (!options.output.empty()) {
-    table.file.open(unfinished);
-    writeHead(options, table);
-  }
+  writeHead(options, table);
   multiplyAddFlopsPerSecond();  // the processor takes a while to reach its speed
   const double flops = multiplyAddFlopsPerSecond();
   for (const Shape& shape : kShapes) {
@@ -250,11 +246,7 @@ int run(const Options& options) {
     if (!benchNetwork(shape, options, flops, table)) return 1;
   }
   warnUnlessIdle();
-  if (options.output.empty()) return 0;
-  table.file.close();
-  const bool isKept = table.file && std::rename(unfinished.c_str(), options.output.c_str()) == 0;
-  if (!isKept) std::fprintf(stderr, "cannot write %s\n", options.output.c_str());
-  return isKept ? 0 : 1;
+  return table.results.keep() ? 0 : 1;
 }
 
 }  // namespace
