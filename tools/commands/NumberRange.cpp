@@ -1,12 +1,12 @@
 #include "tools/commands/NumberRange.h"
 
-#include <charconv>
 #include <cmath>
 #include <string>
 #include <system_error>
 
 #include "text/Escape.h"
 #include "text/Numbers.h"
+#include "tools/files/NumberWord.h"
 
 namespace mlnn {
 namespace {
@@ -14,7 +14,7 @@ namespace {
 bool isInRange(const std::string& text, double smallest, double largest) {
   double value = 0;
   const char* end = text.data() + text.size();
-  const std::from_chars_result result = std::from_chars(text.data(), end, value);
+  const std::from_chars_result result = parseWord(text.data(), end, value);
   return result.ec == std::errc() && result.ptr == end && value >= smallest && value <= largest;
 }
 

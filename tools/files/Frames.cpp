@@ -1,7 +1,6 @@
 #include "tools/files/Frames.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <ostream>
 #include <string_view>
@@ -13,6 +12,7 @@
 #include "tools/Failure.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/Npy.h"
+#include "tools/files/NumberWord.h"
 #include "tools/files/OutputBatch.h"
 #include "tools/files/OutputFile.h"
 
@@ -90,7 +90,7 @@ class TextParser {
     if (digits.size() > 1 && digits[0] == '+' && digits[1] != '-') digits.remove_prefix(1);
     float value = 0;
     const std::from_chars_result result =
-        std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        parseWord(digits.data(), digits.data() + digits.size(), value);
     const bool isWhole = result.ptr == digits.data() + digits.size();
     if (result.ec == std::errc::result_out_of_range && isWhole) {
       value = outOfRange(digits, word);
@@ -105,7 +105,7 @@ class TextParser {
   float outOfRange(std::string_view digits, std::string_view word) const {
     double value = 0;
     const std::from_chars_result result =
-        std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        parseWord(digits.data(), digits.data() + digits.size(), value);
     const auto rounded = static_cast<float>(value);
     if (result.ec != std::errc() || std::isinf(rounded)) {
       fail("a number in the range of 32-bit floats", word);
