@@ -11,6 +11,6 @@ set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
 find_program(MLNN_WINE NAMES wine64 wine PATHS /usr/lib/wine)  # without the remarks of the command that chooses
 set(CMAKE_CROSSCOMPILING_EMULATOR ${MLNN_WINE})
 # Libraries that are headers alone are those of this machine: cmake/Highway.cmake makes room for them.
-set(CMAKE_PREFIX_PATH /usr)
+list(APPEND CMAKE_PREFIX_PATH /usr)
 set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
 set(CMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE PRE_TEST)  # starting wine takes a while

@@ -24,7 +24,7 @@ MultiLayerNNModel makeModel() {
 }
 
 bool save(const MultiLayerNNModel& model, const char* fileName) {
-  std::ofstream out(fileName);
+  std::ofstream out(fileName, std::ios::binary);
   out.precision(std::numeric_limits<float>::max_digits10);
   return model.serializeAscii(out) == 0 && out.flush();
 }
