@@ -103,15 +103,18 @@ class MappedImage {
     const CollectedMessages silence;
     if (isWritten) {
       const std::string name = "/proc/self/fd/" + std::to_string(fileno(file));
-      isOpen_ = pass_.openFile(name.c_str()) == 0;
+      isOpen_ = pass_->openFile(name.c_str()) == 0;
     }
     if (file != nullptr) std::fclose(file);
     if (!isOpen_) throw std::runtime_error("bench: cannot map an image");
   }
-  const ImageFwdPass& pass() const { return pass_; }
+  const ImageFwdPass& pass() const { return *pass_; }
+
+  // The pass itself, which keeps the mapping.
+  std::unique_ptr<FwdPass> take() { return std::move(pass_); }
 
  private:
-  ImageFwdPass pass_;
+  std::unique_ptr<ImageFwdPass> pass_ = std::make_unique<ImageFwdPass>();
   bool isOpen_ = false;
 };
 
@@ -150,6 +153,11 @@ ContenderPtr makeMlnnInIntegersOfAnImage(const Network& network, std::size_t fra
   const auto model = modelOf(network);
   const MappedImage image(*model);
   return std::make_unique<Mlnn>(frames, nullptr, IntegerFwdPass::create(image.pass()));
+}
+
+ContenderPtr makeMlnnOfAnImage(const Network& network, std::size_t frames) {
+  const auto model = modelOf(network);
+  return std::make_unique<Mlnn>(frames, nullptr, MappedImage(*model).take());
 }
 
 Network reduced(const Network& network, int bits) {

@@ -176,13 +176,32 @@ TEST(KernelsMatrixVector, keepsTheOrderWhereWeightsStreamThrough) {
 }
 
 // Makes the weights whole numbers up to `largest` times a scale for each row.
-void useRowCodes(Layer& layer, int largest) {
+void useRowCodes(Layer& layer, int largest, float firstScale = 0x1.8642p-7f) {
   for (Eigen::Index r = 0; r < layer.weights.rows(); ++r) {
-    const float scale = std::ldexp(0x1.8642p-7f, static_cast<int>(r % 8));
+    const float scale = std::ldexp(firstScale, static_cast<int>(r % 8));
     for (Eigen::Index c = 0; c < layer.weights.cols(); ++c) {
       float& weight = layer.weights(r, c);
       weight = std::nearbyint(weight * static_cast<float>(largest)) * scale + 0.0f;
     }
+  }
+}
+
+// Expects of codes what the weights themselves give.
+void expectRowCodes(const Kernels& kernels, const Layer& layer) {
+  const auto codes = mlnn::RowCodes::find(layer.weights.data(), layer.view.rows, layer.view.cols);
+  ASSERT_TRUE(codes);
+  const mlnn::RowCodesView view = codes->view();
+  LayerView coded = layer.view;
+  coded.weights = nullptr;
+  coded.rowCodes = &view;
+  const Eigen::MatrixXf x = someValues(static_cast<int>(layer.view.cols), 1, 4);
+  std::vector<float> expected(layer.view.rows + 1, kMarker);
+  std::vector<float> found(layer.view.rows + 1, kMarker);
+  Scratch scratch(layer.view.rows, 1);
+  kernels.matrixVector(layer.view, x.data(), expected.data(), scratch.data());
+  kernels.rowCodesVector(coded, x.data(), found.data());
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    ASSERT_EQ(bitsOf(found[i]), bitsOf(expected[i])) << i;
   }
 }
 
@@ -195,24 +214,27 @@ TEST(KernelsRowCodes, giveTheBitsThatTheWeightsGive) {
           Layer layer(rows, cols, rows % 2 == 0 ? ActFn::tanh : ActFn::linear);
           useRowCodes(layer, largest);
           if (cols % 2 == 0) layer.useBatchNorm();
-          const auto codes =
-              mlnn::RowCodes::find(layer.weights.data(), layer.view.rows, layer.view.cols);
-          ASSERT_TRUE(codes);
-          const mlnn::RowCodesView view = codes->view();
-          LayerView coded = layer.view;
-          coded.weights = nullptr;
-          coded.rowCodes = &view;
-          const Eigen::MatrixXf x = someValues(cols, 1, 4);
-          std::vector<float> expected(layer.view.rows + 1, kMarker);
-          std::vector<float> found(layer.view.rows + 1, kMarker);
-          Scratch scratch(layer.view.rows, 1);
-          kernels->matrixVector(layer.view, x.data(), expected.data(), scratch.data());
-          kernels->rowCodesVector(coded, x.data(), found.data());
-          for (std::size_t i = 0; i < found.size(); ++i) {
-            ASSERT_EQ(bitsOf(found[i]), bitsOf(expected[i])) << i;
-          }
+          ASSERT_NO_FATAL_FAILURE(expectRowCodes(*kernels, layer));
         }
       }
+    }
+  }
+}
+
+TEST(KernelsRowCodes, takeScalesOfAnySize) {
+  for (const Kernels* kernels : mlnn::runnableKernels()) {
+    for (const float scale : {0x1.8642p-126f, 0x1p-149f, 0x1.8642p+110f}) {
+      SCOPED_TRACE(testing::Message() << kernels->name << " " << scale);
+      Layer layer(100, 33, ActFn::linear);
+      useRowCodes(layer, 127, scale);
+      ASSERT_NO_FATAL_FAILURE(expectRowCodes(*kernels, layer));
+    }
+    // As many bits as a float has, which leaves none for a product.
+    for (const float scale : {0x1.fffffep-7f, 0x1.800002p-130f, 0x1.234566p+100f}) {
+      SCOPED_TRACE(testing::Message() << kernels->name << " " << scale);
+      Layer layer(100, 33, ActFn::linear);
+      useRowCodes(layer, 1, scale);
+      ASSERT_NO_FATAL_FAILURE(expectRowCodes(*kernels, layer));
     }
   }
 }
