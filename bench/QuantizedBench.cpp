@@ -12,7 +12,7 @@
 #include "bench/Contender.h"
 #include "bench/Machine.h"
 #include "bench/Networks.h"
-#include "inference/kernels/IntegerDots.h"
+#include "inference/kernels/integers/IntegerDots.h"
 
 namespace mlnn::bench {
 namespace {

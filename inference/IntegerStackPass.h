@@ -11,9 +11,9 @@
 
 #include "inference/Frames.h"
 #include "inference/Threads.h"
-#include "inference/kernels/IntegerDots.h"
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/UnfusedKernels.h"
+#include "inference/kernels/integers/IntegerDots.h"
 #include "layers/RowCodes.h"
 
 namespace mlnn {

@@ -1,6 +1,6 @@
 // The products of 8-bit values that each instruction set has. Highway has none of four of them, so
 // these are the compilers' own intrinsics, chosen by the same tests as the other kernels.
-#include "inference/kernels/IntegerDots.h"
+#include "inference/kernels/integers/IntegerDots.h"
 
 #include <cstring>
 
@@ -184,7 +184,7 @@ struct Vectors : ShortVectors {
   }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
 
 constexpr DotKernels kDots = {"SSE2", {4, framesOf(3)}, {4, framesOf(3)}, 2, arrangeInPairs, dots};
 
@@ -192,25 +192,35 @@ constexpr DotKernels kDots = {"SSE2", {4, framesOf(3)}, {4, framesOf(3)}, 2, arr
 HWY_POP_ATTRIBUTES
 
 HWY_PUSH_ATTRIBUTES("avx,avx2")
+
+// Sums of eight outputs.
+struct Vectors256 : LongVectors {
+  using Sums = __m256i;
+  static constexpr int kParts = 2;
+  static constexpr bool kSigned = false;
+  static constexpr int kStep = 1;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm256_set1_epi32(value); }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm256_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), sums);
+  }
+};
+
 namespace avx2 {
 
-struct Vectors : LongVectors {
+struct Vectors : Vectors256 {
   struct Codes {
     __m256i even;
     __m256i odd;
   };
   using Inputs = Codes;
-  using Sums = __m256i;
-  static constexpr int kParts = 2;
-  static constexpr bool kSigned = false;
-  static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 8;
   static constexpr int kFrames = framesOf(4);
   static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 2;
 
-  static HWY_INLINE Sums splat(int32_t value) { return _mm256_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
     const int vector = bits == 8 ? part : 0;
     __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group) + vector);
@@ -226,13 +236,9 @@ struct Vectors : LongVectors {
     sums = _mm256_add_epi32(sums, _mm256_madd_epi16(codes.even, x.even));
     return _mm256_add_epi32(sums, _mm256_madd_epi16(codes.odd, x.odd));
   }
-  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm256_add_epi32(a, b); }
-  static HWY_INLINE void store(Sums sums, int32_t* to) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), sums);
-  }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
 
 constexpr DotKernels kDots = {"AVX2", {4, framesOf(4)}, {4, framesOf(4)}, 2, arrangeInPairs, dots};
 
@@ -240,34 +246,59 @@ constexpr DotKernels kDots = {"AVX2", {4, framesOf(4)}, {4, framesOf(4)}, 2, arr
 HWY_POP_ATTRIBUTES
 
 HWY_PUSH_ATTRIBUTES("avx,avx2,avx512f,avx512bw")
-namespace avx512 {
 
-struct Vectors : LongVectors {
-  struct Codes {
-    __m512i even;
-    __m512i odd;
-  };
-  using Inputs = Codes;
+// Sums of sixteen outputs, and lines of their codes.
+struct Vectors512 : LongVectors {
   using Sums = __m512i;
   using Line = __m512i;
   using Lanes = __mmask16;
   static constexpr int kParts = 1;
   static constexpr bool kSigned = false;
   static constexpr int kStep = 1;
+  static constexpr int kSeamPanels = 4;
+  static constexpr int kSeamChains = 2;
+
+  static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
+  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
+  static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
+
+  // Half bytes as bytes, among which the other halves still are.
+  static HWY_INLINE __m512i bothHalves(const uint8_t* group) {
+    const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
+    return _mm512_maskz_inserti64x4(0xff, _mm512_castsi256_si512(low), _mm256_srli_epi16(low, 4),
+                                    1);
+  }
+
+  static HWY_INLINE Lanes lanesFrom(int lane) { return static_cast<Lanes>(0xffffU << lane); }
+  static HWY_INLINE Lanes lanesBefore(int lane) { return static_cast<Lanes>((1U << lane) - 1); }
+  static HWY_INLINE Line line(const uint8_t* at) { return _mm512_loadu_si512(at); }
+  static HWY_INLINE Line lineOf(Lanes lanes, const uint8_t* at) {
+    return _mm512_maskz_loadu_epi32(lanes, at);
+  }
+  static HWY_INLINE void storeTurned(const Sums (&sums)[kParts], int lanes, int32_t* to) {
+    const __m512i order = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const __m512i places = _mm512_add_epi32(order, _mm512_set1_epi32(lanes));
+    store(_mm512_maskz_permutexvar_epi32(0xffff, places, sums[0]), to);
+  }
+};
+
+namespace avx512 {
+
+struct Vectors : Vectors512 {
+  struct Codes {
+    __m512i even;
+    __m512i odd;
+  };
+  using Inputs = Codes;
   static constexpr std::size_t kInputBytes = 8;
   static constexpr int kFrames = framesOf(8);
   static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
-  static constexpr int kSeamPanels = 4;
-  static constexpr int kSeamChains = 2;
 
-  static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
     if (bits == 8) return codesOf(line(group));
-    const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
-    const __m512i v =
-        _mm512_maskz_inserti64x4(0xff, _mm512_castsi256_si512(low), _mm256_srli_epi16(low, 4), 1);
+    const __m512i v = bothHalves(group);
     const __m512i mask = _mm512_set1_epi16(15);
     return {_mm512_and_si512(v, mask), _mm512_and_si512(_mm512_srli_epi16(v, 8), mask)};
   }
@@ -278,15 +309,7 @@ struct Vectors : LongVectors {
     sums = _mm512_add_epi32(sums, _mm512_madd_epi16(codes.even, x.even));
     return _mm512_add_epi32(sums, _mm512_madd_epi16(codes.odd, x.odd));
   }
-  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
-  static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
 
-  static HWY_INLINE Lanes lanesFrom(int lane) { return static_cast<Lanes>(0xffffU << lane); }
-  static HWY_INLINE Lanes lanesBefore(int lane) { return static_cast<Lanes>((1U << lane) - 1); }
-  static HWY_INLINE Line line(const uint8_t* at) { return _mm512_loadu_si512(at); }
-  static HWY_INLINE Line lineOf(Lanes lanes, const uint8_t* at) {
-    return _mm512_maskz_loadu_epi32(lanes, at);
-  }
   static HWY_INLINE Codes codesOf(Line line) {
     return {_mm512_and_si512(line, _mm512_set1_epi16(255)), _mm512_srli_epi16(line, 8)};
   }
@@ -294,15 +317,10 @@ struct Vectors : LongVectors {
     return {_mm512_mask_mov_epi32(a.even, lanes, b.even),
             _mm512_mask_mov_epi32(a.odd, lanes, b.odd)};
   }
-  static HWY_INLINE void storeTurned(const Sums (&sums)[kParts], int lanes, int32_t* to) {
-    const __m512i order = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    const __m512i places = _mm512_add_epi32(order, _mm512_set1_epi32(lanes));
-    store(_mm512_maskz_permutexvar_epi32(0xffff, places, sums[0]), to);
-  }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
-#include "inference/kernels/IntegerTilesAnywhere-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTilesAnywhere-inl.h"
 
 constexpr DotKernels kDots = {"AVX-512", {4, framesOf(8)}, {4, framesOf(8)},
                               2,         arrangeInPairs,   dotsAnywhere};
@@ -315,15 +333,11 @@ HWY_POP_ATTRIBUTES
 HWY_PUSH_ATTRIBUTES("avx,avx2,avxvnni")
 namespace avxvnni {
 
-struct Vectors : LongVectors {
+struct Vectors : Vectors256 {
   using Codes = __m256i;
   using Inputs = __m256i;
-  using Sums = __m256i;
   using Line = __m256i;
   using Lanes = __m256i;
-  static constexpr int kParts = 2;
-  static constexpr bool kSigned = false;
-  static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 4;
   static constexpr int kFrames = framesOf(3);
   static constexpr int partsFor(int) { return 4; }
@@ -332,7 +346,6 @@ struct Vectors : LongVectors {
   static constexpr int kSeamPanels = 2;
   static constexpr int kSeamChains = 2;
 
-  static HWY_INLINE Sums splat(int32_t value) { return _mm256_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
     const int vector = bits == 8 ? part : 0;
     __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group) + vector);
@@ -345,10 +358,6 @@ struct Vectors : LongVectors {
   }
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
     return _mm256_dpbusd_avx_epi32(sums, codes, x);
-  }
-  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm256_add_epi32(a, b); }
-  static HWY_INLINE void store(Sums sums, int32_t* to) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), sums);
   }
 
   static HWY_INLINE Lanes lanesFrom(int lane) {
@@ -379,8 +388,8 @@ struct Vectors : LongVectors {
   }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
-#include "inference/kernels/IntegerTilesAnywhere-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTilesAnywhere-inl.h"
 
 constexpr DotKernels kDots = {"AVX-VNNI", {4, framesOf(3)}, {4, framesOf(3)},
                               1,          stayAsTheyAre,    dotsAnywhere};
@@ -391,29 +400,18 @@ HWY_POP_ATTRIBUTES
 HWY_PUSH_ATTRIBUTES("avx,avx2,avx512f,avx512bw,avx512vnni")
 namespace avx512vnni {
 
-struct Vectors : LongVectors {
+struct Vectors : Vectors512 {
   using Codes = __m512i;
   using Inputs = __m512i;
-  using Sums = __m512i;
-  using Line = __m512i;
-  using Lanes = __mmask16;
-  static constexpr int kParts = 1;
-  static constexpr bool kSigned = false;
-  static constexpr int kStep = 1;
   static constexpr std::size_t kInputBytes = 4;
   static constexpr int kFrames = framesOf(8);
   static constexpr int partsFor(int frames) { return frames > 6 ? 3 : 4; }
   static constexpr int kLineParts = 4;
   static constexpr int kLineChains = 2;
-  static constexpr int kSeamPanels = 4;
-  static constexpr int kSeamChains = 2;
 
-  static HWY_INLINE Sums splat(int32_t value) { return _mm512_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
     if (bits == 8) return _mm512_loadu_si512(group);
-    const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
-    const __m512i v =
-        _mm512_maskz_inserti64x4(0xff, _mm512_castsi256_si512(low), _mm256_srli_epi16(low, 4), 1);
+    const __m512i v = bothHalves(group);
     return _mm512_and_si512(v, _mm512_set1_epi8(15));
   }
   static HWY_INLINE Inputs inputs(const int8_t* group) {
@@ -422,28 +420,15 @@ struct Vectors : LongVectors {
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
     return _mm512_dpbusd_epi32(sums, codes, x);
   }
-  static HWY_INLINE Sums add(Sums a, Sums b) { return _mm512_add_epi32(a, b); }
-  static HWY_INLINE void store(Sums sums, int32_t* to) { _mm512_storeu_si512(to, sums); }
 
-  static HWY_INLINE Lanes lanesFrom(int lane) { return static_cast<Lanes>(0xffffU << lane); }
-  static HWY_INLINE Lanes lanesBefore(int lane) { return static_cast<Lanes>((1U << lane) - 1); }
-  static HWY_INLINE Line line(const uint8_t* at) { return _mm512_loadu_si512(at); }
-  static HWY_INLINE Line lineOf(Lanes lanes, const uint8_t* at) {
-    return _mm512_maskz_loadu_epi32(lanes, at);
-  }
   static HWY_INLINE Codes codesOf(Line line) { return line; }
   static HWY_INLINE Inputs mixed(Lanes lanes, Inputs a, Inputs b) {
     return _mm512_mask_mov_epi32(a, lanes, b);
   }
-  static HWY_INLINE void storeTurned(const Sums (&sums)[kParts], int lanes, int32_t* to) {
-    const __m512i order = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    const __m512i places = _mm512_add_epi32(order, _mm512_set1_epi32(lanes));
-    store(_mm512_maskz_permutexvar_epi32(0xffff, places, sums[0]), to);
-  }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
-#include "inference/kernels/IntegerTilesAnywhere-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTilesAnywhere-inl.h"
 
 constexpr DotKernels kDots = {"AVX-512 VNNI", {3, framesOf(8)}, {4, framesOf(6)}, 1,
                               stayAsTheyAre,  dotsAnywhere};
@@ -458,25 +443,15 @@ HWY_POP_ATTRIBUTES
 // --- ARM: products of 8-bit values, two of them added up in 16 bits ---
 
 MLNN_PUSH_NEON
-namespace neon {
 
-struct Vectors : ShortVectors {
+// Codes of four outputs, and the inputs that they meet.
+struct NeonVectors : ShortVectors {
   using Codes = int8x16_t;
   using Inputs = int8x16_t;
-  struct Sums {  // two for each output
-    int32x4_t low;
-    int32x4_t high;
-  };
   static constexpr int kParts = 4;
   static constexpr bool kSigned = true;
-  static constexpr int kStep = 2;
   static constexpr std::size_t kInputBytes = 4;
-  static constexpr int kFrames = framesOf(kRegisters >= 32 ? 4 : 2);
-  static constexpr int partsFor(int) { return 2; }
-  static constexpr int kLineParts = kRegisters >= 32 ? 4 : 2;
-  static constexpr int kLineChains = 1;
 
-  static HWY_INLINE Sums splat(int32_t value) { return {vdupq_n_s32(value), vdupq_n_s32(value)}; }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
     if (bits == 8)
       return vreinterpretq_s8_u8(veorq_u8(vld1q_u8(group + part * 16), vdupq_n_u8(128)));
@@ -487,6 +462,22 @@ struct Vectors : ShortVectors {
   static HWY_INLINE Inputs inputs(const int8_t* group) {
     return vreinterpretq_s8_s32(vdupq_n_s32(fourBytes(group)));
   }
+};
+
+namespace neon {
+
+struct Vectors : NeonVectors {
+  struct Sums {  // two for each output
+    int32x4_t low;
+    int32x4_t high;
+  };
+  static constexpr int kStep = 2;
+  static constexpr int kFrames = framesOf(kRegisters >= 32 ? 4 : 2);
+  static constexpr int partsFor(int) { return 2; }
+  static constexpr int kLineParts = kRegisters >= 32 ? 4 : 2;
+  static constexpr int kLineChains = 1;
+
+  static HWY_INLINE Sums splat(int32_t value) { return {vdupq_n_s32(value), vdupq_n_s32(value)}; }
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
     const int16x8_t low = vmull_s8(vget_low_s8(codes), vget_low_s8(x));
     const int16x8_t high = vmull_s8(vget_high_s8(codes), vget_high_s8(x));
@@ -509,7 +500,7 @@ struct Vectors : ShortVectors {
   }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
 
 constexpr DotTile kTile = {4, Vectors::kFrames};
 constexpr DotKernels kDots = {"NEON", kTile, kTile, 1, stayAsTheyAre, dots};
@@ -526,36 +517,21 @@ MLNN_POP_NEON
 MLNN_PUSH_DOT_PRODUCTS
 namespace neondot {
 
-struct Vectors : ShortVectors {
-  using Codes = int8x16_t;
-  using Inputs = int8x16_t;
+struct Vectors : NeonVectors {
   using Sums = int32x4_t;
-  static constexpr int kParts = 4;
-  static constexpr bool kSigned = true;
   static constexpr int kStep = 1;
-  static constexpr std::size_t kInputBytes = 4;
   static constexpr int kFrames = framesOf(kRegisters >= 32 ? 6 : 2);
   static constexpr int partsFor(int) { return 4; }
   static constexpr int kLineParts = 4;
   static constexpr int kLineChains = kRegisters >= 32 ? 4 : 2;
 
   static HWY_INLINE Sums splat(int32_t value) { return vdupq_n_s32(value); }
-  static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
-    if (bits == 8)
-      return vreinterpretq_s8_u8(veorq_u8(vld1q_u8(group + part * 16), vdupq_n_u8(128)));
-    const uint8x16_t v = vld1q_u8(group + part % 2 * 16);
-    const uint8x16_t code = part >= 2 ? vshrq_n_u8(v, 4) : vandq_u8(v, vdupq_n_u8(15));
-    return vreinterpretq_s8_u8(vsubq_u8(code, vdupq_n_u8(8)));
-  }
-  static HWY_INLINE Inputs inputs(const int8_t* group) {
-    return vreinterpretq_s8_s32(vdupq_n_s32(fourBytes(group)));
-  }
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) { return vdotq_s32(sums, codes, x); }
   static HWY_INLINE Sums add(Sums a, Sums b) { return vaddq_s32(a, b); }
   static HWY_INLINE void store(Sums sums, int32_t* to) { vst1q_s32(to, sums); }
 };
 
-#include "inference/kernels/IntegerTiles-inl.h"
+#include "inference/kernels/integers/IntegerTiles-inl.h"
 
 constexpr DotTile kTile = {4, Vectors::kFrames};
 constexpr DotKernels kDots = {"NEON dot products", kTile, kTile, 1, stayAsTheyAre, dots};

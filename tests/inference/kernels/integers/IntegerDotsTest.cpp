@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "inference/kernels/IntegerDots.h"
+#include "inference/kernels/integers/IntegerDots.h"
 #include "tests/support/ByteImage.h"
 
 namespace {
