@@ -13,7 +13,9 @@ add_library(mlnn STATIC
   layers/RowCodes.cpp
   model/ImageReader.cpp
   inference/DevicePass.cpp
-  inference/kernels/Kernels.cpp)
+  inference/DevicePassIntegers.cpp
+  inference/kernels/Kernels.cpp
+  inference/kernels/UnfusedKernels.cpp)
 add_library(mlnn::mlnn ALIAS mlnn)
 target_compile_features(mlnn PUBLIC cxx_std_17)
 target_include_directories(mlnn PUBLIC ${PROJECT_SOURCE_DIR})

@@ -8,6 +8,7 @@
 #include "features/FrameRing.h"
 #include "features/FrameWidth.h"
 #include "features/MelDeltasNorm.h"
+#include "inference/DeviceLayer.h"
 #include "inference/kernels/Kernels.h"
 #include "layers/Crc32c.h"
 #include "layers/NNLayerRecord.h"
@@ -24,8 +25,6 @@ bool isAlignedTo(const void* address, std::size_t bytes) {
   return reinterpret_cast<std::uintptr_t>(address) % bytes == 0;
 }
 
-const float* floatsAt(const char* values) { return reinterpret_cast<const float*>(values); }
-
 // Whether all `count` values are `value`.
 bool areAll(const float* values, std::size_t count, float value) {
   return std::all_of(values, values + count, [value](float each) { return each == value; });
@@ -34,21 +33,6 @@ bool areAll(const float* values, std::size_t count, float value) {
 bool refused(const char* whyNot) {
   report({"ERROR: ", kOpen, ": ", whyNot});
   return false;
-}
-
-// The layer as the kernels read it.
-LayerView viewOf(const LayerRecordView& record) {
-  const LayerRecordHead& head = record.head;
-  const bool isBatchNorm = head.isBatchNorm == 1;
-  LayerView view{};
-  view.weights = floatsAt(record.plainWeights);
-  view.rows = static_cast<std::size_t>(head.rows);
-  view.cols = static_cast<std::size_t>(head.cols);
-  view.scale = isBatchNorm ? floatsAt(record.gammaInf) : nullptr;
-  view.shift = floatsAt(isBatchNorm ? record.betaInf : record.bias);
-  view.actFn = static_cast<ActFn::ActFn>(head.actFn);
-  view.rowCodes = hasRowScales(head.form) ? &record.rowCodes : nullptr;
-  return view;
 }
 
 }  // namespace
@@ -156,10 +140,11 @@ uint64_t DevicePass::memoryBytes(const void* image, std::size_t length) {
 
 int DevicePass::open(const void* image, std::size_t length, void* memory, std::size_t memoryLength,
                      ImageChecksum checksum) {
-  const bool endsInSoftmax = endsInSoftmax_;
-  *this = DevicePass();
-  endsInSoftmax_ = endsInSoftmax;
-  DevicePass pass = *this;
+  DevicePass pass;
+  pass.endsInSoftmax_ = endsInSoftmax_;
+  pass.wideInputs_ = wideInputs_;
+  pass.run_ = run_;
+  *this = pass;
   if (!Reader(pass, static_cast<const char*>(image), length, checksum).readAll()) return 1;
   const uint64_t needed = deviceMemoryBytes(pass.numInputs_, pass.widest_);
   if (memoryLength < needed) {
@@ -211,7 +196,9 @@ const float* DevicePass::emit() {
   return evaluate(input_);
 }
 
-const float* DevicePass::evaluate(const float* inputs) {
+const float* DevicePass::evaluate(const float* inputs) { return (this->*run_)(inputs); }
+
+const float* DevicePass::runFloats(const float* inputs) {
   const Kernels& kernels = bestKernels();
   float* next = between_[0];
   float* spare = between_[1];
@@ -219,7 +206,7 @@ const float* DevicePass::evaluate(const float* inputs) {
   for (int i = 0; i < numLayers_; ++i) {
     LayerRecordView view{};
     viewLayout(record, static_cast<std::size_t>(end_ - record), view);  // as open saw it
-    const LayerView layer = viewOf(view);
+    const LayerView layer = deviceLayer(view);
     if (layer.rowCodes != nullptr) {
       kernels.rowCodesVector(layer, inputs, next);
     } else {

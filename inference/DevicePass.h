@@ -12,6 +12,7 @@
 #include "features/Export.h"
 #include "inference/DeviceMemory.h"
 #include "inference/ImageChecksum.h"
+#include "inference/WideInputs.h"
 
 namespace mlnn {
 
@@ -49,6 +50,11 @@ class MLNN_EXPORT DevicePass {
   // does unless this says otherwise; another image does not change it.
   void setSoftmax(bool on) { endsInSoftmax_ = on; }
 
+  // Lets layers that were quantised by rows be computed in integers: results are those of an
+  // IntegerFwdPass of the image, to the bit, and the same on every processor. It takes no more
+  // memory. Another image does not change it. To be called between recordings.
+  void setIntegers(WideInputs wideInputs = WideInputs::kNone);
+
   // Takes the next frame of a recording (frameLen() values). Returns the results of the frame that
   // is due (numOutputs() values), until the next call; null until delay() further frames have come.
   // REQUIRES, here and below: there is an image.
@@ -70,6 +76,8 @@ class MLNN_EXPORT DevicePass {
 
   const float* emit();
   void place(void* memory);
+  const float* runFloats(const float* inputs);
+  const float* runIntegers(const float* inputs);
 
   const char* image_ = nullptr;
   const char* end_ = nullptr;  // of the image
@@ -81,6 +89,8 @@ class MLNN_EXPORT DevicePass {
   int left_ = 0;
   int right_ = 0;
   bool endsInSoftmax_ = true;
+  WideInputs wideInputs_ = WideInputs::kNone;
+  const float* (DevicePass::*run_)(const float* inputs) = &DevicePass::runFloats;
   const float* minvals_ = nullptr;  // in the image; null where nothing is normalised
   const float* normvals_ = nullptr;
   float* ring_ = nullptr;  // the parts of the memory

@@ -9,6 +9,7 @@
 #include "features/Export.h"
 #include "features/Watch.h"
 #include "inference/FwdPass.h"
+#include "inference/WideInputs.h"
 
 class MultiLayerNNModel;
 
@@ -17,9 +18,6 @@ namespace mlnn {
 class ImageFwdPass;
 class IntegerSource;
 struct IntegerMemory;
-
-// Which layers take their inputs as integers of 16 bits; the others take 8.
-enum class WideInputs { kNone, kFirst, kAll };
 
 // A layer whose weights are whole numbers of -127 to 127 times a scale for each output, exactly, is
 // computed with 8-bit products and exact sums. Its inputs are rounded to integers, by one scale for

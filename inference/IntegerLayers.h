@@ -16,11 +16,6 @@ class NNLayer;
 
 namespace mlnn {
 
-// Whether the layer `index` takes integers of 16 bits.
-constexpr bool takesWords(WideInputs wideInputs, std::size_t index) {
-  return wideInputs == WideInputs::kAll || (wideInputs == WideInputs::kFirst && index == 0);
-}
-
 // Scales and codes of a layer in memory of their own, from a cache line on.
 class OwnRowCodes {
  public:

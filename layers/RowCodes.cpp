@@ -46,6 +46,9 @@ class RowsSoFar {
     return have(columns, count, stride) || takeOneByOne(columns, count, stride);
   }
 
+  // Takes in the next weight of a row. Returns whether it still has a form.
+  bool takeWeight(std::size_t row, float weight);
+
   // Returns what has been found.
   float scale(std::size_t row) const { return static_cast<float>(scales_[row]); }
   bool needsBytes(std::size_t row) const {
@@ -57,7 +60,6 @@ class RowsSoFar {
 
   bool have(const char* columns, std::size_t count, std::size_t stride);
   bool takeOneByOne(const char* columns, std::size_t count, std::size_t stride);
-  bool takeWeight(std::size_t row, float weight);
 
   std::size_t rows_;
   Values scales_{};    // greatest common divisors of the weights; 0 while all are 0
@@ -297,6 +299,14 @@ bool isRowCanonical(const RowCodesView& view, std::size_t row, int size) {
 }
 
 }  // namespace
+
+float rowScale(const void* weights, std::size_t rows, std::size_t cols, std::size_t row) {
+  RowsSoFar found(1);
+  for (std::size_t col = 0; col < cols; ++col) {
+    if (!found.takeWeight(0, floatAt(weights, col * rows + row))) return -1;
+  }
+  return found.scale(0);
+}
 
 std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols,
                                        const Watch& watch) {

@@ -61,6 +61,9 @@ struct RowScales {
 std::optional<RowScales> findRowScales(const void* weights, std::size_t rows, std::size_t cols,
                                        const Watch& watch = {});
 
+// Returns the canonical scale of one row, without the heap; a negative one where it has none.
+float rowScale(const void* weights, std::size_t rows, std::size_t cols, std::size_t row);
+
 // Hands the bytes of the codes to the sink, piece by piece. `watch` is called with 0 steps.
 // REQUIRES: the scales were found for these weights.
 void writeRowCodes(const RowScales& scales, const void* weights, std::size_t rows, std::size_t cols,

@@ -98,23 +98,8 @@ HWY_INLINE int32_t largestBits(const float* x, std::size_t count) {
   return hn::GetLane(hn::MaxOfLanes(d, largest));
 }
 
-// How a frame's inputs become integers.
-struct InputScales {
-  float toInteger;  // 0 where all integers are
-  float toFloat;
-};
-
 HWY_INLINE InputScales inputScales(const float* x, std::size_t count, int largestInteger) {
-  constexpr int32_t kInfinityBits = 0x7f800000;
-  constexpr int32_t kNaNBits = 0x7fc00000;
-  const int32_t bits = largestBits(x, count);
-  const int32_t usedBits = bits >= kInfinityBits ? kNaNBits : bits;
-  float largest;
-  std::memcpy(&largest, &usedBits, sizeof largest);
-  if (bits >= kInfinityBits) return {0.0f, largest};
-  if (largest < kSmallestInput) return {0.0f, 0.0f};
-  const auto most = static_cast<float>(largestInteger);
-  return {most / largest, largest / most};
+  return inputScalesFor(largestBits(x, count), largestInteger);
 }
 
 // Rounds to the nearest integer, halves to the even one: 1.5 * 2^23 leaves no other bits.
@@ -336,6 +321,7 @@ void multiplyBy(const LayerView& layer, const float* x, std::size_t xStride, flo
 
 // The loops for each activation, in the order of the codes.
 struct UnfusedLoops {
+  // Null where it is built for size: there activations come behind.
   void (*finish)(const LayerView&, const LayerSums&, float*, std::size_t);
   void (*activate)(float*, std::size_t);
 };
@@ -354,7 +340,7 @@ void unfusedColumn(float* values, std::size_t count) {
 
 template <typename Function>
 constexpr UnfusedLoops unfusedLoopsOf() {
-  return {finishSums<Function>, unfusedColumn<Function>};
+  return {kBuiltForSize ? nullptr : finishSums<Function>, unfusedColumn<Function>};
 }
 
 template <std::size_t... codes>
@@ -368,7 +354,12 @@ HWY_INLINE const UnfusedLoops& unfusedLoopsFor(ActFn::ActFn fn) {
 }
 
 void finish(const LayerView& layer, const LayerSums& sums, float* y, std::size_t yStride) {
-  unfusedLoopsFor(layer.actFn).finish(layer, sums, y, yStride);
+  const UnfusedLoops& loops = unfusedLoopsFor(layer.actFn);
+  if (!kBuiltForSize) return loops.finish(layer, sums, y, yStride);
+  finishSums<UnfusedLinear>(layer, sums, y, yStride);
+  for (std::size_t f = 0; f < sums.frames && layer.actFn != ActFn::linear; ++f) {
+    loops.activate(y + f * yStride + sums.firstRow, sums.rows);
+  }
 }
 
 void multiply(const LayerView& layer, const float* x, std::size_t xStride, float* y,

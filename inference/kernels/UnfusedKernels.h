@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "inference/kernels/LayerView.h"
@@ -22,6 +23,26 @@ constexpr int kLargestWideInput = 127 * 256 + 127;
 
 // Inputs that are all smaller than this count as 0.
 constexpr float kSmallestInput = 0x1p-100f;
+
+// How a frame's inputs become integers.
+struct InputScales {
+  float toInteger;  // 0 where all integers are
+  float toFloat;
+};
+
+// Returns the scales for inputs of which the largest absolute value has these bits; those of NaN
+// are larger than all others.
+inline InputScales inputScalesFor(int32_t largestBits, int largestInteger) {
+  constexpr int32_t kInfinityBits = 0x7f800000;
+  constexpr int32_t kNaNBits = 0x7fc00000;
+  const int32_t usedBits = largestBits >= kInfinityBits ? kNaNBits : largestBits;
+  float largest;
+  std::memcpy(&largest, &usedBits, sizeof largest);
+  if (largestBits >= kInfinityBits) return {0.0f, largest};
+  if (largest < kSmallestInput) return {0.0f, 0.0f};
+  const auto most = static_cast<float>(largestInteger);
+  return {most / largest, largest / most};
+}
 
 // What some outputs of a layer with codes have as sums, for some frames.
 struct LayerSums {

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes integers.csv: what the integer pass must give on every processor.
+"""Writes integers.csv: what the integer pass must give on every processor. With --models FOLDER, it
+writes the models there instead, as texts.
 
 Computes it from docs/integer-pass.md, one value at a time and with nothing of the library. A Python
 float is a double, so each operation on floats is done in doubles and then rounded once to a float;
@@ -9,6 +10,7 @@ for +, -, * and / that gives the float which the operation itself gives.
 import math
 import pathlib
 import struct
+import sys
 
 FOLDER = pathlib.Path(__file__).parent
 ACTIVATIONS = ["linear", "sigmoid", "tanh", "relu", "leaky_relu", "elu", "softplus", "silu"]
@@ -188,22 +190,33 @@ def float_row(weights, x):
     return total
 
 
+def row_of(index, r):
+    """A layer's row: codes and their scale; of the third layer, which has weights that are no
+    multiples of anything, these and None."""
+    places = range(r * WIDTHS[index], (r + 1) * WIDTHS[index])
+    if index == 2:
+        return [div((29 * i) % 1009 - 504, 1009) for i in places], None
+    most = 7 if index == 1 else 127
+    return [(37 * i + 11) % (2 * most + 1) - most for i in places], (8 + r % 7) / 2048
+
+
+def factor_of(index, r):
+    """That of a batch-norm layer, which is the second one."""
+    return (r - 9) / 8 if index == 1 else None
+
+
+def shift_of(r):
+    return (r % 5 - 2) / 4
+
+
 def layer(index, x, act_fn, is_wide):
-    """Of the four layers, the third one has weights that are no multiples of anything."""
-    inputs, outputs = WIDTHS[index], WIDTHS[index + 1]
     results = []
-    for r in range(outputs):
-        scale = (8 + r % 7) / 2048
-        if index == 2:
-            value = float_row([div((29 * (r * inputs + c)) % 1009 - 504, 1009)
-                               for c in range(inputs)], x)
-        else:
-            most = 7 if index == 1 else 127
-            codes = [(37 * (r * inputs + c) + 11) % (2 * most + 1) - most for c in range(inputs)]
-            value = coded_row(codes, scale, x, is_wide)
-        if index == 1:
-            value = mul(value, (r - 9) / 8)
-        results.append(FUNCTIONS[act_fn](add(value, (r % 5 - 2) / 4)))
+    for r in range(WIDTHS[index + 1]):
+        row, scale = row_of(index, r)
+        value = float_row(row, x) if scale is None else coded_row(row, scale, x, is_wide)
+        if factor_of(index, r) is not None:
+            value = mul(value, factor_of(index, r))
+        results.append(FUNCTIONS[act_fn](add(value, shift_of(r))))
     return results
 
 
@@ -229,7 +242,41 @@ def hexadecimal(value):
     return "7fc00000" if value != value else struct.pack(">f", value).hex()
 
 
+def line_of(values):
+    return "\t".join("%.9g" % value for value in values)
+
+
+def layer_lines(index, act_fn):
+    inputs, outputs = WIDTHS[index], WIDTHS[index + 1]
+    rows = [row_of(index, r) for r in range(outputs)]
+    weights = [[c * scale for c in row] if scale else row for row, scale in rows]
+    if index == 1:
+        return [f"batch_norm_layer {index + 1} size {outputs} {inputs}", *map(line_of, weights),
+                "gamma_beta",
+                *(line_of([1, 0, factor_of(index, r), shift_of(r)]) for r in range(outputs))]
+    return [f"layer {index + 1} size {outputs} {inputs + 1}",
+            "act_fn " + (act_fn if index < 3 else "linear"),
+            *(line_of([shift_of(r), *weights[r]]) for r in range(outputs))]
+
+
+def model_text(act_fn):
+    """A batch-norm layer has no activation in a text; who reads it has to name that."""
+    lines = ["MultiLayerNNModel_v2", "softmax 1",
+             f"# nn_tune feat_desc mel_deltas:bands={WIDTHS[0]},left=0,right=0,deltas=0,"
+             "line_kernels=0,line_kernel_width=0", f"num_layers {len(WIDTHS) - 1}"]
+    for index in range(len(WIDTHS) - 1):
+        lines += layer_lines(index, act_fn)
+    return "\n".join(lines) + "\n"
+
+
+def write_models(folder):
+    for act_fn in ACTIVATIONS:
+        (folder / f"{act_fn}.txt").write_text(model_text(act_fn))
+
+
 def main():
+    if sys.argv[1:2] == ["--models"]:
+        return write_models(pathlib.Path(sys.argv[2]))
     lines = ["act_fn,wide_inputs,frame,outputs"]
     for act_fn in ACTIVATIONS:
         for wide_inputs in WIDE_INPUTS:

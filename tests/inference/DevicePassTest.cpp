@@ -7,6 +7,7 @@
 #include "features/ContextWindow.h"
 #include "inference/DevicePass.h"
 #include "inference/ImageFwdPass.h"
+#include "inference/IntegerFwdPass.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"
@@ -124,6 +125,78 @@ TEST(DevicePass, givesTheBitsOfAWindowAndAPassOverTheImage) {
       EXPECT_TRUE(sameBits(resultsOf(device.pass, frames), expected)) << "second recording";
     }
   }
+}
+
+// Its last layer has so few outputs that an image holds it as floats, whatever they are.
+TEST(DevicePass, givesTheBitsOfAPassInIntegers) {
+  const MatrixXf inputs = someValues(20, 7, 9);
+  for (const Weights weights : {Weights::kFloats, Weights::kBytes, Weights::kHalfBytes}) {
+    const ByteImage bytes = ByteImage::of(network(weights));
+    for (const auto wide :
+         {mlnn::WideInputs::kNone, mlnn::WideInputs::kFirst, mlnn::WideInputs::kAll}) {
+      for (const bool softmax : {true, false}) {
+        Device device(bytes);
+        device.pass.setSoftmax(softmax);
+        device.pass.setIntegers(wide);
+        stderrOf([&] { ASSERT_EQ(device.open(), 0); });
+        mlnn::ImageFwdPass image;
+        stderrOf([&] { EXPECT_EQ(image.open(bytes.bytes().data(), bytes.size()), 0); });
+        image.setSoftmax(softmax);
+        const auto pass = mlnn::IntegerFwdPass::create(image, wide);
+        EXPECT_EQ(pass->numIntegerLayers(), weights == Weights::kFloats ? 0u : 3u);
+        MatrixXf expected;
+        ASSERT_EQ(pass->evaluate(inputs, expected), 0);
+        MatrixXf found(4, 0);
+        for (Index f = 0; f < inputs.cols(); ++f) {
+          append(found, device.pass.evaluate(inputs.col(f).data()), 4);
+        }
+        EXPECT_TRUE(sameBits(found, expected));
+      }
+    }
+  }
+}
+
+TEST(DevicePass, computesFramesThatComeOneByOneInIntegersToo) {
+  const ByteImage bytes = ByteImage::of(network(Weights::kBytes));
+  const MatrixXf frames = someValues(5, 11, 9);
+  Device device(bytes);
+  device.pass.setIntegers();
+  stderrOf([&] { ASSERT_EQ(device.open(), 0); });
+  const MatrixXf found = resultsOf(device.pass, frames);
+  std::string whyNot;
+  MultiLayerNNModel model = network(Weights::kBytes);
+  const auto window = mlnn::ContextWindow::create(model.featureDesc, model.deltasNorm, 5, whyNot);
+  ASSERT_TRUE(window) << whyNot;
+  MatrixXf inputs;
+  ASSERT_TRUE(window->stack(frames, inputs));
+  MatrixXf expected;
+  ASSERT_EQ(mlnn::IntegerFwdPass::create(model)->evaluate(inputs, expected), 0);
+  EXPECT_TRUE(sameBits(found, expected));
+}
+
+// Rows whose sums might not fit 32 bits.
+TEST(DevicePass, computesRowsThatAreTooLongForIntegersInFloats) {
+  MultiLayerNNModel model = mlnn::test::modelOf({mlnn::test::plainLayer(132105, 17, 1)});
+  ASSERT_EQ(mlnn::quantizeRows(model, mlnn::RowQuantization()), 0);
+  model.featureDesc.winSizeLeft = model.featureDesc.winSizeRight = 0;
+  model.deltasNorm.allocIfNeeded();
+  const ByteImage bytes = ByteImage::of(model);
+  Device device(bytes);
+  std::vector<char> memory(mlnn::deviceMemoryBytes(132105, 17) + mlnn::kDeviceAlignment);
+  const auto past = reinterpret_cast<uintptr_t>(memory.data()) % mlnn::kDeviceAlignment;
+  char* const from = memory.data() + mlnn::kDeviceAlignment - past;
+  device.pass.setIntegers();
+  stderrOf([&] {
+    ASSERT_EQ(device.pass.open(device.image.data(), device.length, from,
+                               mlnn::deviceMemoryBytes(132105, 17)),
+              0);
+  });
+  const MatrixXf inputs = someValues(132105, 1, 9);
+  MatrixXf expected;
+  ASSERT_EQ(mlnn::IntegerFwdPass::create(model)->evaluate(inputs, expected), 0);
+  MatrixXf found(17, 0);
+  append(found, device.pass.evaluate(inputs.data()), 17);
+  EXPECT_TRUE(sameBits(found, expected));
 }
 
 TEST(DevicePass, takesRecordingsShorterThanTheWindow) {

@@ -9,11 +9,14 @@
 #include <sstream>
 #include <string>
 
+#include "inference/DevicePass.h"
 #include "inference/IntegerFwdPass.h"
 #include "inference/IntegerLayers.h"
 #include "inference/IntegerStackPass.h"
 #include "layers/ActFn.h"
+#include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
+#include "tests/support/ByteImage.h"
 #include "tests/support/SourceTree.h"
 #include "tests/support/TestModels.h"
 
@@ -84,18 +87,16 @@ std::string lineOf(const std::string& actFn, const char* wideInputs, Index frame
   return line + "\n";
 }
 
-// The file as these kernels write it.
-std::string goldenText(const mlnn::IntegerKernels& kernels) {
+// The file as it comes out of what gives the outputs of a model for the inputs.
+template <typename Evaluate>
+std::string goldenTextBy(Evaluate evaluate) {
   const std::pair<const char*, WideInputs> wide[] = {
       {"none", WideInputs::kNone}, {"first", WideInputs::kFirst}, {"all", WideInputs::kAll}};
   std::string text = "act_fn,wide_inputs,frame,outputs\n";
   for (int fn = 0; fn < ActFn::kCount; ++fn) {
     const auto actFn = static_cast<ActFn::ActFn>(fn);
     for (const auto& [name, wideInputs] : wide) {
-      const mlnn::IntegerLayers layers(goldenModel(actFn), wideInputs);
-      mlnn::IntegerMemory memory;
-      MatrixXf outputs;
-      mlnn::evaluateIntegers(layers, kernels, goldenInputs(), outputs, memory);
+      const MatrixXf outputs = evaluate(goldenModel(actFn), wideInputs);
       for (Index f = 0; f < kFrames; ++f) {
         text += lineOf(ActFn::actFnToString(actFn), name, f, outputs.col(f));
       }
@@ -104,14 +105,53 @@ std::string goldenText(const mlnn::IntegerKernels& kernels) {
   return text;
 }
 
-TEST(IntegerGolden, everyInstructionSetGivesTheOutputsOfTheFile) {
+// As these kernels write it.
+std::string goldenText(const mlnn::IntegerKernels& kernels) {
+  return goldenTextBy([&kernels](const MultiLayerNNModel& model, WideInputs wideInputs) {
+    const mlnn::IntegerLayers layers(model, wideInputs);
+    mlnn::IntegerMemory memory;
+    MatrixXf outputs;
+    mlnn::evaluateIntegers(layers, kernels, goldenInputs(), outputs, memory);
+    return outputs;
+  });
+}
+
+// As a device without a heap computes it, from images.
+MatrixXf deviceOutputs(MultiLayerNNModel model, WideInputs wideInputs) {
+  model.featureDesc.winSizeLeft = model.featureDesc.winSizeRight = 0;
+  model.deltasNorm.allocIfNeeded();
+  const mlnn::test::ByteImage image = mlnn::test::ByteImage::of(model);
+  alignas(mlnn::kDeviceAlignment) char memory[mlnn::deviceMemoryBytes(kWidths[0], kWidths[1])];
+  mlnn::DevicePass pass;
+  pass.setIntegers(wideInputs);
+  const mlnn::CollectedMessages silence;
+  EXPECT_EQ(pass.open(image.bytes().data(), image.size(), memory, sizeof memory), 0);
+  const MatrixXf inputs = goldenInputs();
+  MatrixXf outputs(pass.numOutputs(), kFrames);
+  for (Index f = 0; f < kFrames; ++f) {
+    const float* const found = pass.evaluate(inputs.col(f).data());
+    outputs.col(f) = Eigen::Map<const Eigen::VectorXf>(found, outputs.rows());
+  }
+  return outputs;
+}
+
+std::string goldenFile() {
   std::ifstream file(mlnn::test::sourcePath("tests/golden/integers.csv"));
-  std::stringstream expected;
-  expected << file.rdbuf();
-  ASSERT_GT(expected.str().size(), 20000u);
+  std::stringstream text;
+  text << file.rdbuf();
+  EXPECT_GT(text.str().size(), 20000u);
+  return text.str();
+}
+
+TEST(IntegerGolden, aDeviceGivesTheOutputsOfTheFile) {
+  EXPECT_EQ(goldenTextBy(deviceOutputs), goldenFile());
+}
+
+TEST(IntegerGolden, everyInstructionSetGivesTheOutputsOfTheFile) {
+  const std::string expected = goldenFile();
   for (const mlnn::DotKernels* dots : mlnn::runnableDots()) {
     for (const mlnn::UnfusedKernels* unfused : mlnn::runnableUnfusedKernels()) {
-      EXPECT_EQ(goldenText({*dots, *unfused}), expected.str()) << dots->name << unfused->name;
+      EXPECT_EQ(goldenText({*dots, *unfused}), expected) << dots->name << unfused->name;
     }
   }
 }
