@@ -65,12 +65,12 @@ def to_torch(model: Model):
     return convert.to_torch(model)
 
 
-def to_onnx(model: Model, path=None, *, quantized: bool = False, normalisation: bool = False,
-            context: bool = False):
+def to_onnx(model: Model, path=None, *, quantized: bool = False, frames=None,
+            normalisation: bool = False, context: bool = False):
     """Exports a model as ONNX; see mlnn.onnx."""
     from . import onnx
-    return onnx.to_onnx(model, path, quantized=quantized, normalisation=normalisation,
-                        context=context)
+    return onnx.to_onnx(model, path, quantized=quantized, frames=frames,
+                        normalisation=normalisation, context=context)
 
 
 def from_onnx(source) -> Model:

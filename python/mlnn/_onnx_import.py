@@ -66,6 +66,8 @@ class _Importer:
         self._shape = Shape(graph.dimensions)
         # A sigmoid that may be part of a SiLU: its name, and its input.
         self._gate: tuple[str, str] | None = None
+        # A QuantizeLinear, which a DequantizeLinear has to follow: its name, and its constants.
+        self._rounding: tuple[str, list[_Array]] | None = None
 
     def run(self) -> Model:
         value = self._graph.input
@@ -75,6 +77,7 @@ class _Importer:
             if not self._is_constant(node, value):
                 value = self._follow(node, value)
         self._close_gate()
+        self._refuse_whole_numbers()
         if value != self._graph.output:
             raise Error(f"the output {self._graph.output} is not where the chain ends")
         return self._network.model()
@@ -104,11 +107,33 @@ class _Importer:
         self._close_gate()
         if list(node.input).count(value) != 1:
             raise Error(f"{name} cannot be represented{way_out(node.op_type)}")
+        if self._takes_rounding(node, name, value):
+            return output
         if node.op_type == "Sigmoid":
             self._gate = name, value
         else:
             self._take(node, name, value)
         return output
+
+    def _takes_rounding(self, node: NodeProto, name: str, value: str) -> bool:
+        """Whether the node rounds inputs, or makes real numbers of them again. The model's inputs
+        stay exact."""
+        if self._rounding is not None and node.op_type == "DequantizeLinear":
+            step = self._constants_of(node, name, value, 1, 2)
+            before = self._rounding[1]
+            if len(step) != len(before) or not all(map(np.array_equal, step, before)):
+                raise Error(f"{name}: another scale or zero point than {self._rounding[0]} has")
+            self._rounding = None
+            return True
+        self._refuse_whole_numbers()
+        if node.op_type != "QuantizeLinear":
+            return False
+        self._rounding = name, self._constants_of(node, name, value, 1, 2)
+        return True
+
+    def _refuse_whole_numbers(self) -> None:
+        if self._rounding is not None:
+            raise Error(f"{self._rounding[0]}: only with a DequantizeLinear behind it can be represented")
 
     def _close_gate(self) -> None:
         """A sigmoid whose output did not turn out to gate its input is an activation."""

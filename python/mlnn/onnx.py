@@ -33,8 +33,8 @@ _Array = npt.NDArray[Any]
 # --- Export ---
 
 def to_onnx(model: Model, path: str | os.PathLike[str] | typing.IO[bytes] | None = None, *,
-            quantized: bool = False, normalisation: bool = False,
-            context: bool = False) -> onnx.ModelProto:
+            quantized: bool = False, frames: npt.ArrayLike | None = None,
+            normalisation: bool = False, context: bool = False) -> onnx.ModelProto:
     """Exports a model, and writes it to a file where a path is given, or into a file object of bytes.
 
     Plain layers become Gemm, batch-norm layers Gemm and BatchNormalization of mean 0 and
@@ -43,9 +43,11 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | typing.IO[bytes] | None
     which the input "frames" takes; with `normalisation` it normalises first, so with both it takes
     raw frames, and with that alone vectors of raw frames ("vectors"). With `quantized`, weights that
     were quantised by rows become whole numbers of 8 bits and DequantizeLinear with a scale for each
-    row, which gives them back exactly.
+    row, which gives them back exactly. With `frames` besides, which are a recording as the model
+    takes it, the inputs of these layers go through QuantizeLinear and DequantizeLinear with the scale
+    that the recording fills 8 bits with: an input within its range moves by half of the scale at most.
     Raises Error for a model without layers, or with layers that do not fit each other, with
-    `quantized` for one without such weights, with `normalisation` or `context` for one that does not
+    `quantized` for one without such weights, for `frames` without `quantized`, with `normalisation` or `context` for one that does not
     tell what frames its inputs are made of, and OSError with the file's name where it cannot be
     written; an older file stays then.
     """
@@ -53,11 +55,15 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | typing.IO[bytes] | None
         raise Error("a model without layers cannot be exported")
     if quantized and not any(layer.row_codes for layer in model.layers):
         raise Error("no layer has weights that were quantised by rows")
+    if frames is not None and not quantized:
+        raise Error("frames: given without quantized")
+    ranges = _ranges(model, frames) if frames is not None else [None] * len(model.layers)
     front = front_of(model, normalisation, context)
     nodes, constants = front.nodes() if front else ([], [])
     value = "inputs" if nodes or front is None else front.input_name
     for number, layer in enumerate(model.layers, 1):
-        value = _export_layer(layer, f"layer{number}", value, nodes, constants, quantized)
+        value = _export_layer(layer, f"layer{number}", value, nodes, constants, quantized,
+                              ranges[number - 1])
     if model.softmax:
         nodes.append(helper.make_node("Softmax", [value], ["softmax"], "softmax", axis=1))
     nodes[-1].output[0] = "outputs"
@@ -82,8 +88,37 @@ def to_onnx(model: Model, path: str | os.PathLike[str] | typing.IO[bytes] | None
     return exported
 
 
+_Range = tuple[float, float]  # the least and the largest value
+
+
+def _ranges(model: Model, frames: npt.ArrayLike) -> list[_Range | None]:
+    """The range of each layer's inputs over a recording."""
+    given = np.asarray(frames, np.float32)
+    inputs = given if given.ndim == 2 and given.shape[1] == model.num_inputs else model.stack(given)
+    if not inputs.size:
+        raise Error("frames: there are none")
+    ranges: list[_Range | None] = []
+    for done in range(len(model.layers)):
+        values = inputs
+        if done:
+            part = Model.from_arrays(model.to_arrays()[:done], softmax=False)
+            values = part(inputs, stacked=True)
+        if not np.isfinite(values).all():
+            raise Error(f"frames: the inputs of layer{done + 1} are not finite")
+        ranges.append((float(values.min()), float(values.max())))
+    return ranges
+
+
+def _step(least: float, largest: float) -> tuple[Any, Any]:
+    """The scale and zero point by which that range fills 8 bits, with 0 among the values."""
+    kind: Any = np.uint8 if least >= 0 else np.int8
+    size = np.float32(max(-least, largest))
+    scale = size / np.float32(np.iinfo(kind).max)
+    return (scale if scale > 0 else np.float32(1)), kind(0)
+
+
 def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
-                  constants: list[TensorProto], quantized: bool) -> str:
+                  constants: list[TensorProto], quantized: bool, of_inputs: _Range | None) -> str:
     """Appends a layer's nodes and constants, and returns the name of its output."""
     def constant(what: str, array: _Array) -> str:
         constants.append(numpy_helper.from_array(np.ascontiguousarray(array), f"{name}.{what}"))
@@ -103,6 +138,11 @@ def _export_layer(layer: Layer, name: str, value: str, nodes: list[NodeProto],
         inputs = [value, constant("weights", layer.weights)]
     else:
         whole, scales = codes
+        if of_inputs is not None:
+            scale, zero = _step(*of_inputs)
+            step = [constant("input_scale", scale), constant("input_zero", zero)]
+            rounded = node("QuantizeLinear", [value, *step], "rounded")
+            value = node("DequantizeLinear", [rounded, *step], "inputs")
         zeros = np.zeros(layer.num_outputs, np.int8)
         inputs = [value, node("DequantizeLinear", [constant("codes", whole), constant("scales", scales),
                                                    constant("zeros", zeros)], "weights", axis=0)]

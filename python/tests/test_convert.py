@@ -515,10 +515,17 @@ def test_another_engine_computes_the_models_outputs_from_the_export(digits, tmp_
 
 def recompute(torch, graph, inputs):
     """What an ONNX graph of the operators that the export uses gives, by PyTorch."""
+    return recomputed(torch, graph, inputs)["outputs"].numpy()
+
+
+def recomputed(torch, graph, inputs):
+    """All of its values by their names."""
     functional = torch.nn.functional
     values = {tensor.name: torch.from_numpy(ONNX.numpy_helper.to_array(tensor).copy()).double()
               for tensor in graph.initializer}
     values["inputs"] = torch.from_numpy(inputs).double()
+    kinds = {tensor.name: torch.quint8 if tensor.data_type == ONNX.TensorProto.UINT8 else torch.qint8
+             for tensor in graph.initializer}
     operators = {
         "Gemm": lambda a, x, w, b=None: functional.linear(x, w, b),
         "BatchNormalization": lambda a, x, scale, shift, mean, var:
@@ -527,13 +534,17 @@ def recompute(torch, graph, inputs):
         "Relu": lambda a, x: torch.relu(x), "Softplus": lambda a, x: functional.softplus(x),
         "LeakyRelu": lambda a, x: functional.leaky_relu(x, a["alpha"]),
         "Elu": lambda a, x: functional.elu(x, a["alpha"]), "Mul": lambda a, x, y: x * y,
+        "QuantizeLinear": lambda a, x, scale, zero: torch.quantize_per_tensor(
+            x.float(), float(scale), int(zero), a["zero"]).int_repr().double(),
         "DequantizeLinear": lambda a, codes, scales, zeros:
-            (codes - zeros[:, None]) * scales[:, None],
+            (codes - zeros.reshape(-1, 1)) * scales.reshape(-1, 1),
         "Softmax": lambda a, x: torch.softmax(x, a["axis"])}
     for node in graph.node:
         attributes = {a.name: ONNX.helper.get_attribute_value(a) for a in node.attribute}
+        if node.op_type == "QuantizeLinear":
+            attributes["zero"] = kinds[node.input[2]]
         values[node.output[0]] = operators[node.op_type](attributes, *(values[i] for i in node.input))
-    return values["outputs"].numpy()
+    return values
 
 
 @pytest.mark.parametrize("name", ["synth", "synth-bn"])
@@ -569,6 +580,78 @@ def test_a_quantised_model_is_exported_in_whole_numbers(torch, digits, tmp_path,
     assert {node.op_type for node in plain.graph.node} == (
         {node.op_type for node in exported.graph.node} - {"DequantizeLinear"})
     assert exported.ByteSize() < 0.35 * plain.ByteSize()
+
+
+@pytest.mark.parametrize("bits", [8, 4])
+@pytest.mark.parametrize("name", ["synth", "synth-bn"])
+def test_an_export_of_rounded_inputs_stays_within_its_bound(torch, digits, tmp_path, name, bits):
+    """PyTorch rounds the inputs; each layer's sums stay within half a scale for each weight."""
+    model = mlnn.load(digits / f"{name}.txt").quantize(bits)
+    inputs = np.concatenate(recordings(digits, model)[:3])
+    exported = mlnn.to_onnx(model, tmp_path / "q.onnx", quantized=True, frames=inputs)
+    kinds = [node.op_type for node in exported.graph.node]
+    assert kinds.count("QuantizeLinear") == len(model.layers)
+    assert kinds.count("DequantizeLinear") == 2 * len(model.layers)
+    exact = recomputed(torch, mlnn.to_onnx(model).graph, inputs)
+    found = recomputed(torch, exported.graph, inputs)
+    before = "inputs"
+    for number, layer in enumerate(model.layers, 1):
+        scale = float(found[f"layer{number}.input_scale"])
+        moved = np.abs((found[before] - exact[before]).numpy()).max()
+        allowed = (scale / 2 * 1.001 + moved) * np.abs(layer.weights).sum(axis=1).astype(float)
+        apart = np.abs((found[f"layer{number}.affine"] - exact[f"layer{number}.affine"]).numpy())
+        assert (apart <= allowed).all() and apart.max() > 0
+        before = f"layer{number}.activated"
+    same = (found["outputs"].numpy().argmax(axis=1) == exact["outputs"].numpy().argmax(axis=1)).mean()
+    print(f"{name}, {bits} bits: {same:.1%} of the best classes are the same with rounded inputs")
+    assert same > 0.95
+    assert state(mlnn.from_onnx(tmp_path / "q.onnx")) == state(model)
+
+
+def test_inputs_are_rounded_by_what_a_recording_needs(model):
+    model.layers[0].weights[:] = 1
+    model.layers[0].act_fn = "relu"
+    model.layers[1].weights[:] = 0
+    exported = mlnn.to_onnx(model, quantized=True, frames=[[-2, 0, 1, 0]])
+    constants = {t.name: ONNX.numpy_helper.to_array(t) for t in exported.graph.initializer}
+    assert constants["layer1.input_scale"] == np.float32(2) / 127
+    assert constants["layer1.input_zero"].dtype == np.int8
+    assert constants["layer2.input_zero"].dtype == np.uint8  # behind a ReLU nothing is negative
+    plain = mlnn.to_onnx(model, quantized=True, frames=np.zeros((1, 4)))
+    assert ONNX.numpy_helper.to_array(next(
+        t for t in plain.graph.initializer if t.name == "layer1.input_scale")) == 1
+    with pytest.raises(mlnn.Error, match="^frames: given without quantized$"):
+        mlnn.to_onnx(model, frames=[[1, 2, 3, 4]])
+    with pytest.raises(mlnn.Error, match="^frames: there are none$"):
+        mlnn.to_onnx(model, quantized=True, frames=np.zeros((0, 4)))
+    with pytest.raises(mlnn.Error, match="^frames: the inputs of layer1 are not finite$"):
+        mlnn.to_onnx(model, quantized=True, frames=[[1, np.nan, 3, 4]])
+
+
+@pytest.mark.parametrize("change, message", [
+    (lambda nodes: nodes.pop(1), "rounding (QuantizeLinear): only with a DequantizeLinear behind it "
+                                 "can be represented"),
+    (lambda nodes: nodes[1].input.__setitem__(1, "other"),
+     "back (DequantizeLinear): another scale or zero point than rounding (QuantizeLinear) has")])
+def test_inputs_that_stay_whole_numbers_are_refused(change, message):
+    helper = ONNX.helper
+    nodes = [helper.make_node("QuantizeLinear", ["x", "scale", "zero"], ["whole"], "rounding"),
+             helper.make_node("DequantizeLinear", ["whole", "scale", "zero"], ["real"], "back"),
+             helper.make_node("Gemm", ["real", "w"], ["y"], "product")]
+    change(nodes)
+    if len(nodes) == 2:
+        nodes[1].input[0] = "whole"
+    constants = [ONNX.numpy_helper.from_array(np.asarray(value), name) for name, value in {
+        "scale": np.float32(0.5), "other": np.float32(0.25), "zero": np.int8(0),
+        "w": np.ones((2, 3), np.float32)}.items()]
+    real = ONNX.TensorProto.FLOAT
+    graph = helper.make_graph(
+        nodes, "g", [helper.make_tensor_value_info("x", real, ["n", 2])],
+        [helper.make_tensor_value_info("y", real, ["n", 3])], constants)
+    proto = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
+    with pytest.raises(mlnn.Error) as caught:
+        mlnn.from_onnx(proto)
+    assert str(caught.value) == message
 
 
 def test_layers_that_are_no_whole_numbers_stay_floats_in_a_quantised_export(model, tmp_path):
