@@ -52,18 +52,49 @@ std::optional<Eigen::MatrixXf> evaluateFrames(FwdPass& pass,
   return outputs;
 }
 
+bool evaluateArriving(FwdPass& pass, const RecordingInputs& inputs, const NextFrames& next,
+                      const UseOutputs& use, const Watch& watch) {
+  RecordingInputs::Arriving arriving(inputs);
+  Pace pace(watch, arriving.maxLength());
+  Eigen::MatrixXf frames;
+  Eigen::MatrixXf outputs;
+  for (bool goOn = true; goOn;) {
+    goOn = next(pace.frames(), frames);
+    if (goOn) {
+      arriving.take(std::move(frames));
+    } else {
+      arriving.end();
+    }
+    while (const auto block = arriving.next(pace.frames())) {
+      int result = 0;
+      pace.run([&] { result = pass.evaluate(*block, outputs); });
+      if (result != 0) return false;
+      if (!use(outputs)) return true;
+      tell(watch, static_cast<std::size_t>(block->cols()));
+    }
+  }
+  return true;
+}
+
 Index bestClass(const Eigen::Ref<const Eigen::VectorXf>& outputs) { return largest(outputs); }
 
 Eigen::VectorXd sumOfLogs(const Eigen::MatrixXf& posteriors) {
   Eigen::VectorXd sums = Eigen::VectorXd::Zero(posteriors.rows());
+  addSumOfLogs(posteriors, sums);
+  return sums;
+}
+
+void addSumOfLogs(const Eigen::MatrixXf& posteriors, Eigen::VectorXd& sums) {
+  if (sums.size() == 0) sums = Eigen::VectorXd::Zero(posteriors.rows());
   for (Index f = 0; f < posteriors.cols(); ++f) {
     for (Index c = 0; c < posteriors.rows(); ++c) {
       const double p = static_cast<double>(posteriors(c, f));
       sums[c] += std::log(p < kSmallestPosterior ? kSmallestPosterior : p);  // NaN stays NaN
     }
   }
-  return sums;
 }
+
+Index largestSum(const Eigen::VectorXd& sums) { return largest(sums); }
 
 Index recordingClass(const Eigen::MatrixXf& posteriors) { return largest(sumOfLogs(posteriors)); }
 

@@ -113,4 +113,35 @@ bool RecordingInputs::Blocks::nextVector(float* vector) {
   return window_->finish(vector);
 }
 
+RecordingInputs::Arriving::Arriving(const RecordingInputs& inputs)
+    : window_(inputs.window_),
+      maxLength_(window_ ? blockLength(window_->inputLen(), kMaxBlock) : kMaxBlock) {}
+
+void RecordingInputs::Arriving::take(Eigen::MatrixXf frames) {
+  frames_ = std::move(frames);
+  done_ = 0;
+}
+
+std::optional<Block> RecordingInputs::Arriving::next(Index most) {
+  const Index length = std::min(most, maxLength_);
+  if (!window_) {
+    const Index first = done_;
+    done_ = std::min(first + length, frames_.cols());
+    if (first == done_) return std::nullopt;
+    return frames_.middleCols(first, done_ - first);
+  }
+  if (block_.size() == 0) block_.resize(window_->inputLen(), maxLength_);
+  Index filled = 0;
+  while (filled < length && nextVector(block_.col(filled).data())) ++filled;
+  if (filled == 0) return std::nullopt;
+  return block_.leftCols(filled);
+}
+
+bool RecordingInputs::Arriving::nextVector(float* vector) {
+  while (done_ < frames_.cols()) {
+    if (window_->push(frames_.col(done_++).data(), vector)) return true;
+  }
+  return isOver_ && window_->finish(vector);
+}
+
 }  // namespace mlnn

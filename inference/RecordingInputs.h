@@ -81,6 +81,38 @@ class MLNN_EXPORT RecordingInputs {
     Eigen::Index done_ = 0;  // frames that were taken
   };
 
+  // The same vectors for frames that come some at a time.
+  class MLNN_EXPORT Arriving {
+   public:
+    explicit Arriving(const RecordingInputs& inputs);
+
+    // How many vectors a block has at most.
+    Eigen::Index maxLength() const { return maxLength_; }
+
+    // Takes the frames that come next.
+    // REQUIRES: frames as wide as was said to forFrames; next() has returned nothing since the last
+    // ones; no call of end() before.
+    void take(Eigen::MatrixXf frames);
+
+    // There are no further frames.
+    void end() { isOver_ = true; }
+
+    // Returns the next block, of at most `most` vectors if that is less, that the frames so far
+    // complete; nothing where they complete none. The block lasts until the next call.
+    // REQUIRES: most > 0
+    std::optional<Eigen::Ref<const Eigen::MatrixXf>> next(Eigen::Index most);
+
+   private:
+    bool nextVector(float* vector);
+
+    std::optional<ContextWindow> window_;
+    Eigen::Index maxLength_;
+    Eigen::MatrixXf frames_;  // that were taken last
+    Eigen::Index done_ = 0;   // of these
+    Eigen::MatrixXf block_;   // where vectors are stacked
+    bool isOver_ = false;
+  };
+
  private:
   RecordingInputs(std::optional<ContextWindow> window, bool leavesOutLineKernels)
       : window_(std::move(window)), leavesOutLineKernels_(leavesOutLineKernels) {}

@@ -47,6 +47,20 @@ int duplicated(int descriptor);
 std::ptrdiff_t readBytes(int descriptor, void* bytes, std::size_t most);
 std::ptrdiff_t writeBytes(int descriptor, const void* bytes, std::size_t count);
 
+// The same from a place of a regular file on; where the next call of readBytes reads is not known
+// then.
+std::ptrdiff_t readBytesAt(int descriptor, uint64_t place, void* bytes, std::size_t most);
+
+// Returns whether readBytes would return at once.
+bool hasBytesReady(int descriptor);
+
+// Returns the place in a regular file from which bytes are read, or to which they are written, or
+// -1.
+int64_t placeIn(int descriptor);
+
+// Returns whether that is another place now.
+bool moveTo(int descriptor, uint64_t place);
+
 // Returns whether the file was closed without an error.
 bool closeDescriptor(int descriptor);
 

@@ -1,6 +1,7 @@
 #include "os/Descriptors.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,6 +50,21 @@ std::ptrdiff_t readBytes(int descriptor, void* bytes, std::size_t most) {
 
 std::ptrdiff_t writeBytes(int descriptor, const void* bytes, std::size_t count) {
   return write(descriptor, bytes, count);
+}
+
+std::ptrdiff_t readBytesAt(int descriptor, uint64_t place, void* bytes, std::size_t most) {
+  return pread(descriptor, bytes, most, static_cast<off_t>(place));
+}
+
+bool hasBytesReady(int descriptor) {
+  pollfd asked{descriptor, POLLIN, 0};
+  return poll(&asked, 1, 0) != 0;
+}
+
+int64_t placeIn(int descriptor) { return lseek(descriptor, 0, SEEK_CUR); }
+
+bool moveTo(int descriptor, uint64_t place) {
+  return lseek(descriptor, static_cast<off_t>(place), SEEK_SET) >= 0;
 }
 
 bool closeDescriptor(int descriptor) { return close(descriptor) == 0; }

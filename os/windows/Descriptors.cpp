@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <string_view>
 
 #include "os/windows/Errors.h"
@@ -100,6 +101,28 @@ std::ptrdiff_t readBytes(int descriptor, void* bytes, std::size_t most) {
 
 std::ptrdiff_t writeBytes(int descriptor, const void* bytes, std::size_t count) {
   return _write(descriptor, bytes, static_cast<unsigned>(std::min(count, kMostAtOnce)));
+}
+
+std::ptrdiff_t readBytesAt(int descriptor, uint64_t place, void* bytes, std::size_t most) {
+  return moveTo(descriptor, place) ? readBytes(descriptor, bytes, most) : -1;
+}
+
+// A pipe whose writers have gone cannot be asked, and tells its end at once.
+bool hasBytesReady(int descriptor) {
+  const intptr_t file = _get_osfhandle(descriptor);
+  if (file == -1) return true;
+  HANDLE const handle = reinterpret_cast<HANDLE>(file);
+  DWORD present = 0;
+  if (GetFileType(handle) == FILE_TYPE_PIPE) {
+    return PeekNamedPipe(handle, nullptr, 0, nullptr, &present, nullptr) == 0 || present > 0;
+  }
+  return !isTerminal(descriptor);
+}
+
+int64_t placeIn(int descriptor) { return _lseeki64(descriptor, 0, SEEK_CUR); }
+
+bool moveTo(int descriptor, uint64_t place) {
+  return _lseeki64(descriptor, static_cast<int64_t>(place), SEEK_SET) >= 0;
 }
 
 bool closeDescriptor(int descriptor) { return _close(descriptor) == 0; }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -63,6 +64,43 @@ TEST(EvaluationTest, stopsWhereTheWatchThrows) {
   };
   EXPECT_THROW(evaluate(), Stopped);
   EXPECT_EQ(calls, 2u);
+}
+
+// Frames in pieces, which are other ones than the blocks that are asked for.
+TEST(EvaluationTest, givesTheSameForFramesThatArrive) {
+  MultiLayerNNModel model = modelOf({plainLayer(5, 4), plainLayer(4, 3)});
+  const Eigen::MatrixXf frames = someValues(5, 700, 9);
+  const mlnn::RecordingInputs inputs = inputsFor(model, 5);
+  const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
+  Eigen::Index given = 0;
+  const auto next = [&](Eigen::Index most, Eigen::MatrixXf& some) {
+    const Eigen::Index length = std::min<Eigen::Index>({most, 7, frames.cols() - given});
+    some = frames.middleCols(given, length);
+    given += length;
+    return length > 0;
+  };
+  Eigen::MatrixXf outputs(3, 0);
+  const auto use = [&](const Eigen::MatrixXf& some) {
+    outputs.conservativeResize(Eigen::NoChange, outputs.cols() + some.cols());
+    outputs.rightCols(some.cols()) = some;
+    return true;
+  };
+  ASSERT_TRUE(mlnn::evaluateArriving(*pass, inputs, next, use));
+  EXPECT_TRUE(sameBits(outputs, mlnn::evaluateFrames(model, frames, inputs).value()));
+}
+
+TEST(EvaluationTest, asksForNoFramesThatNobodyWants) {
+  MultiLayerNNModel model = modelOf({plainLayer(5, 4)});
+  const std::unique_ptr<NNFwdPassFromFile> pass(model.createFwdPass());
+  int given = 0;
+  int used = 0;
+  const auto next = [&](Eigen::Index, Eigen::MatrixXf& some) {
+    some = someValues(5, 1, static_cast<unsigned>(++given));
+    return true;
+  };
+  const auto use = [&](const Eigen::MatrixXf&) { return ++used < 3; };
+  EXPECT_TRUE(mlnn::evaluateArriving(*pass, inputsFor(model, 5), next, use));
+  EXPECT_EQ(given, 3);
 }
 
 TEST(EvaluationTest, bestClassIsTheFirstOfTheLargest) {

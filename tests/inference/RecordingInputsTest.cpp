@@ -166,4 +166,53 @@ TEST(RecordingInputs, inputVectorsPassUnchanged) {
   EXPECT_TRUE(sameBits(allBlocks(inputs, frames, 24), frames));
 }
 
+// The vectors that frames make which come so many at a time.
+Eigen::MatrixXf vectorsOfArriving(const RecordingInputs& inputs, const Eigen::MatrixXf& frames,
+                                  Eigen::Index together, Eigen::Index most) {
+  RecordingInputs::Arriving arriving(inputs);
+  Eigen::MatrixXf all;
+  const auto takeBlocks = [&] {
+    while (const auto block = arriving.next(most)) {
+      EXPECT_LE(block->cols(), most);
+      all.conservativeResize(block->rows(), all.cols() + block->cols());
+      all.rightCols(block->cols()) = *block;
+    }
+  };
+  for (Eigen::Index begin = 0; begin < frames.cols(); begin += together) {
+    arriving.take(frames.middleCols(begin, std::min(together, frames.cols() - begin)));
+    takeBlocks();
+  }
+  arriving.end();
+  takeBlocks();
+  return all;
+}
+
+TEST(RecordingInputs, framesThatArriveMakeTheSameVectors) {
+  for (const Eigen::Index count : {1, 2, 7, 600}) {
+    const Eigen::MatrixXf frames = someValues(4, count, 3);
+    const MultiLayerNNModel model = modelWith(4, 2, 3, 24);
+    const RecordingInputs inputs = inputsFor(model, 4);
+    const Eigen::MatrixXf expected = allBlocks(inputs, frames, 24);
+    for (const Eigen::Index together : {1, 5, 1000}) {
+      EXPECT_TRUE(sameBits(vectorsOfArriving(inputs, frames, together, 1000), expected));
+      EXPECT_TRUE(sameBits(vectorsOfArriving(inputs, frames, together, 2), expected));
+    }
+    const RecordingInputs stacked = inputsFor(modelWith(1, 1, 1, 4), 4);
+    EXPECT_TRUE(sameBits(vectorsOfArriving(stacked, frames, 5, 3), frames));
+  }
+}
+
+TEST(RecordingInputs, aVectorComesWithTheLastFrameOfItsWindow) {
+  const RecordingInputs inputs = inputsFor(modelWith(1, 0, 2, 3), 1);
+  RecordingInputs::Arriving arriving(inputs);
+  arriving.take(Eigen::RowVector2f(1, 2));
+  EXPECT_FALSE(arriving.next(1));
+  arriving.take(Eigen::MatrixXf::Constant(1, 1, 3));
+  EXPECT_EQ(Eigen::MatrixXf(arriving.next(9).value()), Eigen::Vector3f(1, 2, 3));
+  EXPECT_FALSE(arriving.next(9));
+  arriving.end();
+  EXPECT_EQ(arriving.next(9).value().cols(), 2);
+  EXPECT_FALSE(arriving.next(9));
+}
+
 }  // namespace

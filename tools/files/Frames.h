@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <cstdint>
 #include <string>
 
 namespace mlnn {
@@ -22,6 +23,7 @@ Eigen::MatrixXf readRecording(const std::string& name);
 
 // Returns what is to be warned of: that values of the file are not finite; "" where all are.
 std::string notFiniteWarning(const Eigen::MatrixXf& frames, const std::string& name);
+std::string notFiniteWarning(uint64_t values, const std::string& name);
 
 // Parses frames in memory; `what` names them in messages.
 Eigen::MatrixXf parseFrames(const std::string& bytes, const std::string& what);

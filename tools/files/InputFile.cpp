@@ -31,29 +31,6 @@ std::size_t quarterOfMemory() {
   return static_cast<std::size_t>(std::min(memoryOfProcess(), uint64_t{kUnbounded}) / 4);
 }
 
-// What an input is going to need, and may.
-struct Expected {
-  std::size_t length = 0;  // 0 where that is not known
-  std::size_t most = kUnbounded;
-};
-
-// Of a device that is no terminal, as /dev/zero is not, there is no end to wait for.
-Expected expectedOf(int descriptor) {
-  constexpr std::size_t kMostOfDevice = std::size_t{1} << 20;
-  FileStatus status;
-  if (!readStatus(descriptor, status)) return {};
-  if (status.kind == FileKind::kRegular) {
-    return {static_cast<std::size_t>(status.length), kUnbounded};
-  }
-  const bool isDevice = status.kind == FileKind::kCharacterDevice && !isTerminal(descriptor);
-  return {0, isDevice ? kMostOfDevice : quarterOfMemory()};
-}
-
-[[noreturn]] void failWithoutEnd(const std::string& name, std::size_t most) {
-  throw Failure("cannot read " + inputName(name) + ": it does not end within " +
-                std::to_string(most) + " bytes");
-}
-
 }  // namespace
 
 std::string inputName(const std::string& name) {
@@ -68,26 +45,68 @@ void refuseSecondStandardInput(const std::vector<std::string>& names) {
   }
 }
 
-std::string readInput(const std::string& name) {
-  const FileDescriptor file = openInput(name);
-  if (!file.isOpen()) failToRead(name);
-  constexpr std::size_t kChunk = std::size_t{1} << 17;
-  std::string bytes;
-  const Expected expected = expectedOf(file.get());
-  bytes.reserve(std::max(expected.length + 1, kChunk));
-  for (std::size_t length = 0;;) {
-    // One byte more than the capacity makes the string double it.
-    bytes.resize(std::max(length + 1, std::min(bytes.capacity(), length + kChunk)));
-    const std::ptrdiff_t count = readBytes(file.get(), &bytes[length], bytes.size() - length);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) failToRead(name);
-    length += static_cast<std::size_t>(count);
-    if (length > expected.most) failWithoutEnd(name, expected.most);
-    if (count == 0) {
-      bytes.resize(length);
-      return bytes;
-    }
+InputStream::InputStream(const std::string& name)
+    : name_(name), file_(openInput(name)), most_(kUnbounded) {
+  constexpr std::size_t kMostOfDevice = std::size_t{1} << 20;
+  if (!file_.isOpen()) failToRead(name);
+  FileStatus status;
+  if (!readStatus(file_.get(), status)) return;
+  if (status.kind == FileKind::kRegular) {
+    begin_ = static_cast<uint64_t>(std::max<int64_t>(placeIn(file_.get()), 0));
+    length_ = std::max(status.length, begin_) - begin_;  // of "-", somebody may have read some
+    return;
   }
+  isDevice_ = status.kind == FileKind::kCharacterDevice && !isTerminal(file_.get());
+  most_ = isDevice_ ? kMostOfDevice : quarterOfMemory();
+}
+
+std::size_t InputStream::append(std::string& bytes, std::size_t count) {
+  const std::size_t before = bytes.size();
+  bytes.resize(before + count);
+  std::ptrdiff_t got = -1;
+  while ((got = readBytes(file_.get(), &bytes[before], count)) < 0 && errno == EINTR) continue;
+  if (got < 0) failToRead(name_);
+  bytes.resize(before + static_cast<std::size_t>(got));
+  return static_cast<std::size_t>(got);
+}
+
+std::size_t InputStream::readAt(uint64_t place, char* target, std::size_t count) const {
+  std::size_t done = 0;
+  while (done < count) {
+    const std::ptrdiff_t got =
+        readBytesAt(file_.get(), begin_ + place + done, target + done, count - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) failToRead(name_);
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
+bool InputStream::isReady() const { return hasBytesReady(file_.get()); }
+
+void InputStream::failWithoutEnd() const {
+  throw Failure("cannot read " + inputName(name_) + ": it does not end within " +
+                std::to_string(most_) + " bytes");
+}
+
+std::string readRest(InputStream& input, std::string bytes) {
+  constexpr std::size_t kChunk = std::size_t{1} << 17;
+  if (const std::optional<uint64_t> length = input.length()) {
+    bytes.reserve(static_cast<std::size_t>(std::min<uint64_t>(*length, kUnbounded - 1) +
+                                           1));  // one to see the end with
+  }
+  // A byte more than the capacity makes the string double it.
+  while (input.append(bytes, std::clamp<std::size_t>(bytes.capacity() - bytes.size(), 1, kChunk)) >
+         0) {
+    if (bytes.size() > input.most()) input.failWithoutEnd();
+  }
+  return bytes;
+}
+
+std::string readInput(const std::string& name) {
+  InputStream input(name);
+  return readRest(input, {});
 }
 
 }  // namespace mlnn

@@ -147,13 +147,6 @@ class HeaderParser {
   std::optional<std::vector<uint64_t>> shape_;
 };
 
-// Where the parts of the file are.
-struct Layout {
-  std::string_view header;
-  std::size_t headerOffset;
-  std::string_view values;
-};
-
 std::size_t littleEndian(std::string_view bytes) {
   std::size_t value = 0;
   for (std::size_t i = bytes.size(); i-- > 0;) {
@@ -162,27 +155,34 @@ std::size_t littleEndian(std::string_view bytes) {
   return value;
 }
 
-Layout layoutOf(std::string_view bytes, const std::string& what) {
-  const std::size_t lengthOffset = kNpyMagic.size() + kVersionLength;
-  if (bytes.size() < lengthOffset) throw Failure(what + ": .npy file ends before its header");
+constexpr std::size_t kLengthOffset = kNpyMagic.size() + kVersionLength;
+
+// How many bytes tell the length of the header's text.
+std::size_t lengthOfLength(std::string_view bytes, const std::string& what) {
   const int major = static_cast<unsigned char>(bytes[kNpyMagic.size()]);
   const int minor = static_cast<unsigned char>(bytes[kNpyMagic.size() + 1]);
   if (major < 1 || major > 3 || minor != 0) {
     throw Failure(what + ": expected .npy version 1.0, 2.0 or 3.0, found " + std::to_string(major) +
                   "." + std::to_string(minor));
   }
-  const std::size_t headerOffset = lengthOffset + (major == 1 ? 2 : 4);
-  if (bytes.size() < headerOffset) throw Failure(what + ": .npy file ends before its header");
-  const std::size_t present = bytes.size() - headerOffset;
-  const std::size_t headerLength =
-      littleEndian(bytes.substr(lengthOffset, headerOffset - lengthOffset));
-  if (headerLength > present) {
-    throw Failure(what + ": .npy file ends in its header: expected " +
-                  std::to_string(headerLength) + " bytes from byte " +
-                  std::to_string(headerOffset) + ", found " + std::to_string(present));
-  }
-  return {bytes.substr(headerOffset, headerLength), headerOffset,
-          bytes.substr(headerOffset + headerLength)};
+  return major == 1 ? 2 : 4;
+}
+
+// Where the header's text is.
+struct HeaderPlace {
+  std::size_t offset;
+  std::size_t length;
+  std::size_t end() const { return offset + length; }
+};
+
+// Returns nothing where the bytes end before the text begins.
+std::optional<HeaderPlace> headerPlace(std::string_view bytes, const std::string& what,
+                                       std::size_t& wanted) {
+  wanted = kLengthOffset;
+  if (bytes.size() < wanted) return std::nullopt;
+  wanted += lengthOfLength(bytes, what);
+  if (bytes.size() < wanted) return std::nullopt;
+  return HeaderPlace{wanted, littleEndian(bytes.substr(kLengthOffset, wanted - kLengthOffset))};
 }
 
 // As Python writes it; of many dimensions only the first ones and their number.
@@ -198,14 +198,12 @@ std::string textOf(const std::vector<uint64_t>& shape) {
   return text + (shape.size() == 1 ? ",)" : ")");
 }
 
-struct Shape {
-  Index frames;
-  Index values;
-};
-
-// Makes sure that the bytes hold exactly what the header says, and that memory can.
-Shape checkedShape(const Header& header, std::size_t valueLength, std::size_t available,
-                   const std::string& what) {
+NpyArray arrayOf(const Header& header, std::size_t begin, const std::string& what) {
+  const bool areDoubles = header.type == kFloat64;
+  if (!areDoubles && header.type != kFloat32) {
+    throw Failure(what + ": expected values of type " + std::string(kFloat32) + " or " +
+                  std::string(kFloat64) + ", found '" + shortened(header.type) + "'");
+  }
   if (header.shape.empty() || header.shape.size() > 2) {
     throw Failure(what + ": expected frames x values, found shape " + textOf(header.shape));
   }
@@ -214,63 +212,103 @@ Shape checkedShape(const Header& header, std::size_t valueLength, std::size_t av
   if (frames == 0 || values == 0) {
     throw Failure(what + ": holds no values, its shape is " + textOf(header.shape));
   }
-  const uint64_t present = available / valueLength;
-  const bool fits = values <= present && frames <= present / values;
-  if (!fits || frames * values * valueLength != available) {
-    throw Failure(what + ": expected shape " + textOf(header.shape) + " of " +
-                  std::to_string(valueLength) + "-byte values, found " + std::to_string(available) +
-                  " bytes of values");
-  }
-  return {static_cast<Index>(frames), static_cast<Index>(values)};
+  return {frames, values, areDoubles, header.fortranOrder, begin, textOf(header.shape)};
 }
 
 template <typename Value>
-Eigen::MatrixXf valuesOf(std::string_view bytes, const Shape& shape, bool fortranOrder) {
-  Eigen::MatrixXf frames(shape.values, shape.frames);
-  const char* next = bytes.data();
-  const auto take = [&next] {
+void copyValues(const char* from, std::size_t count, float* target) {
+  for (std::size_t i = 0; i < count; ++i) {
     Value value;
-    std::memcpy(&value, next, sizeof value);
-    next += sizeof value;
-    return static_cast<float>(value);
-  };
-  if (fortranOrder) {
-    for (Index v = 0; v < shape.values; ++v) {
-      for (Index f = 0; f < shape.frames; ++f) frames(v, f) = take();
-    }
-  } else {
-    for (Index i = 0; i < frames.size(); ++i) frames.data()[i] = take();
+    std::memcpy(&value, from + i * sizeof value, sizeof value);
+    target[i] = static_cast<float>(value);
   }
-  return frames;
 }
 
 }  // namespace
 
 bool isNpy(const std::string& bytes) { return bytes.compare(0, kNpyMagic.size(), kNpyMagic) == 0; }
 
-Eigen::MatrixXf parseNpy(const std::string& bytes, const std::string& what) {
-  const Layout layout = layoutOf(bytes, what);
-  const Header header = HeaderParser(layout.header, layout.headerOffset, what).parse();
-  const bool isDouble = header.type == kFloat64;
-  if (!isDouble && header.type != kFloat32) {
-    throw Failure(what + ": expected values of type " + std::string(kFloat32) + " or " +
-                  std::string(kFloat64) + ", found '" + shortened(header.type) + "'");
-  }
-  const std::size_t valueLength = isDouble ? sizeof(double) : sizeof(float);
-  const Shape shape = checkedShape(header, valueLength, layout.values.size(), what);
-  return isDouble ? valuesOf<double>(layout.values, shape, header.fortranOrder)
-                  : valuesOf<float>(layout.values, shape, header.fortranOrder);
+bool couldBeNpy(std::string_view bytes) {
+  return bytes.substr(0, kNpyMagic.size()) == kNpyMagic.substr(0, bytes.size());
 }
 
-void writeNpy(const Eigen::MatrixXf& frames, std::ostream& out) {
+std::optional<NpyArray> parseNpyHeader(std::string_view bytes, const std::string& what,
+                                       std::size_t& wanted) {
+  const std::optional<HeaderPlace> place = headerPlace(bytes, what, wanted);
+  if (!place) return std::nullopt;
+  if (bytes.size() - place->offset < place->length) {
+    wanted = place->length < bytes.max_size() - place->offset ? place->end() : bytes.max_size();
+    return std::nullopt;
+  }
+  const Header header =
+      HeaderParser(bytes.substr(place->offset, place->length), place->offset, what).parse();
+  return arrayOf(header, place->end(), what);
+}
+
+void failInNpyHeader(std::string_view bytes, const std::string& what) {
+  std::size_t wanted = 0;
+  const std::optional<HeaderPlace> place = headerPlace(bytes, what, wanted);
+  if (!place) throw Failure(what + ": .npy file ends before its header");
+  throw Failure(what + ": .npy file ends in its header: expected " + std::to_string(place->length) +
+                " bytes from byte " + std::to_string(place->offset) + ", found " +
+                std::to_string(bytes.size() - place->offset));
+}
+
+void checkNpyLength(const NpyArray& array, uint64_t available, const std::string& what) {
+  const uint64_t present = available / array.valueLength();
+  const bool fits = array.values <= present && array.frames <= present / array.values;
+  if (!fits || array.frames * array.values * array.valueLength() != available) {
+    throw Failure(what + ": expected shape " + array.shape + " of " +
+                  std::to_string(array.valueLength()) + "-byte values, found " +
+                  std::to_string(available) + " bytes of values");
+  }
+}
+
+void copyNpyValues(const NpyArray& array, const char* from, std::size_t count, float* target) {
+  if (array.areDoubles) {
+    copyValues<double>(from, count, target);
+  } else {
+    copyValues<float>(from, count, target);
+  }
+}
+
+Eigen::MatrixXf parseNpy(const std::string& bytes, const std::string& what) {
+  std::size_t wanted = 0;
+  const std::optional<NpyArray> array = parseNpyHeader(bytes, what, wanted);
+  if (!array) failInNpyHeader(bytes, what);
+  checkNpyLength(*array, bytes.size() - array->begin, what);
+  const auto width = static_cast<Index>(array->values);
+  const auto count = static_cast<Index>(array->frames);
+  const char* const values = bytes.data() + array->begin;
+  Eigen::MatrixXf frames(width, count);
+  if (!array->fortranOrder) {
+    copyNpyValues(*array, values, static_cast<std::size_t>(frames.size()), frames.data());
+    return frames;
+  }
+  Eigen::VectorXf ofFrames(count);
+  for (Index v = 0; v < width; ++v) {
+    const auto skipped = static_cast<std::size_t>(v * count) * array->valueLength();
+    copyNpyValues(*array, values + skipped, static_cast<std::size_t>(count), ofFrames.data());
+    frames.row(v) = ofFrames.transpose();
+  }
+  return frames;
+}
+
+std::string npyHeader(uint64_t frames, uint64_t values) {
   std::string header = "{'descr': '" + std::string(kFloat32) + "', 'fortran_order': False, " +
-                       "'shape': (" + std::to_string(frames.cols()) + ", " +
-                       std::to_string(frames.rows()) + "), }";
+                       "'shape': (" + std::to_string(frames) + ", " + std::to_string(values) +
+                       "), }";
   const std::size_t head = kNpyMagic.size() + kVersionLength + sizeof(uint16_t);
   const std::size_t length = head + header.size() + 1;
   header.append((kAlignment - length % kAlignment) % kAlignment, ' ').push_back('\n');
-  out << kNpyMagic << '\1' << '\0' << static_cast<char>(header.size() & 0xFF)
-      << static_cast<char>(header.size() >> 8) << header;
+  std::string result(kNpyMagic);
+  result +=
+      {'\1', '\0', static_cast<char>(header.size() & 0xFF), static_cast<char>(header.size() >> 8)};
+  return result + header;
+}
+
+void writeNpy(const Eigen::MatrixXf& frames, std::ostream& out) {
+  out << npyHeader(static_cast<uint64_t>(frames.cols()), static_cast<uint64_t>(frames.rows()));
   out.write(reinterpret_cast<const char*>(frames.data()),
             static_cast<std::streamsize>(frames.size()) * std::streamsize{sizeof(float)});
 }

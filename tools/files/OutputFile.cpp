@@ -58,6 +58,16 @@ FileDescriptor OutputFile::openBeside(const FileAccess* replaced) {
   return descriptor;
 }
 
+void OutputFile::overwrite(const std::string& bytes) {
+  stream_.flush();
+  if (!stream_) fail(buffer_.error());
+  const int64_t end = placeIn(descriptor_.get());
+  if (end < 0 || !moveTo(descriptor_.get(), 0)) fail(errno);
+  stream_ << bytes << std::flush;
+  if (!stream_) fail(buffer_.error());
+  if (!moveTo(descriptor_.get(), static_cast<uint64_t>(end))) fail(errno);
+}
+
 void OutputFile::finish() {
   Whole file = whole();
   file.waitForDisk();

@@ -42,6 +42,14 @@ class OutputFile {
 
   std::ostream& stream() { return stream_; }
 
+  // Whether it is a file of its own until it takes its name, so that what was written can be
+  // changed.
+  bool canBeginAgain() const { return !unfinished_.path().empty(); }
+
+  // Puts these bytes in the place of the first ones that were written.
+  // REQUIRES: canBeginAgain(), and as many were written. Throws: WriteFailure.
+  void overwrite(const std::string& bytes);
+
   // Makes sure that everything is written, and gives the file its name.
   // Throws: WriteFailure; then nothing is left behind.
   void finish();

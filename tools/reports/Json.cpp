@@ -11,17 +11,24 @@ std::string textOf(const Json& json) {
   return json.dump(kIndent, ' ', true, Json::error_handler_t::replace);
 }
 
+std::string lineOf(const Json& json) {
+  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
 }  // namespace
 
 void printJson(const Json& json) { std::cout << textOf(json) << "\n"; }
 
-void printJsonLine(const Json& json) {
-  std::cout << json.dump(-1, ' ', true, Json::error_handler_t::replace) << std::endl;
+void printJsonLine(const Json& json) { std::cout << lineOf(json) << std::endl; }
+
+void JsonPrinter::newLine() {
+  if (!isLine_) out_ << '\n' << std::string(kIndent * open_.size(), ' ');
 }
 
 void JsonPrinter::beginEntry() {
   if (!isBehindKey_ && !open_.empty()) {
-    out_ << (isFirst_ ? "\n" : ",\n") << std::string(kIndent * open_.size(), ' ');
+    if (!isFirst_) out_ << ',';
+    newLine();
   }
   isFirst_ = false;
   isBehindKey_ = false;
@@ -37,7 +44,7 @@ void JsonPrinter::begin(char bracket) {
 void JsonPrinter::end() {
   const char closing = open_.back() == '{' ? '}' : ']';
   open_.pop_back();
-  if (!isFirst_) out_ << "\n" << std::string(kIndent * open_.size(), ' ');
+  if (!isFirst_) newLine();
   out_ << closing;
   isFirst_ = false;
   if (open_.empty()) out_ << "\n";
@@ -45,12 +52,16 @@ void JsonPrinter::end() {
 
 void JsonPrinter::key(const std::string& key) {
   beginEntry();
-  out_ << textOf(key) << ": ";
+  out_ << textOf(key) << (isLine_ ? ":" : ": ");
   isBehindKey_ = true;
 }
 
 void JsonPrinter::entry(const Json& value) {
   beginEntry();
+  if (isLine_) {
+    out_ << lineOf(value);
+    return;
+  }
   const std::string text = textOf(value);
   const std::string margin(kIndent * open_.size(), ' ');
   std::size_t from = 0;

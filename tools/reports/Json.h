@@ -20,10 +20,13 @@ void printJson(const Json& json);
 void printJsonLine(const Json& json);
 
 // Prints an object or an array piece by piece, to the byte as printJson does it with the whole, of
-// which there may be more than memory should hold.
+// which there may be more than memory should hold; or as printJsonLine does.
 class JsonPrinter {
  public:
-  explicit JsonPrinter(std::ostream& out) : out_(out) {}
+  enum class Form { kIndented, kLine };
+
+  explicit JsonPrinter(std::ostream& out, Form form = Form::kIndented)
+      : out_(out), isLine_(form == Form::kLine) {}
 
   void beginObject() { begin('{'); }
   void beginArray() { begin('['); }
@@ -43,8 +46,10 @@ class JsonPrinter {
  private:
   void begin(char bracket);
   void beginEntry();
+  void newLine();
 
   std::ostream& out_;
+  bool isLine_;
   std::string open_;     // the brackets
   bool isFirst_ = true;  // in the innermost of them
   bool isBehindKey_ = false;

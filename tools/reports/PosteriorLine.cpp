@@ -30,9 +30,13 @@ const char* characterOf(double posterior, CharacterSet set) {
 
 void printPosteriorLine(const OutputSide& network, const Eigen::MatrixXf& outputs,
                         const TerminalLook& look, std::ostream& out) {
-  if (!network.arePosteriors || outputs.cols() == 0) return;
-  const Index best = recordingClass(outputs);
-  if (best < 0) return;
+  if (!network.arePosteriors) return;
+  printPosteriorLine(network, outputs, recordingClass(outputs), look, out);
+}
+
+void printPosteriorLine(const OutputSide& network, const Eigen::MatrixXf& outputs, Index best,
+                        const TerminalLook& look, std::ostream& out) {
+  if (!network.arePosteriors || outputs.cols() == 0 || best < 0) return;
   const std::size_t title = std::size(kTitle) - 1;
   const auto room = static_cast<Index>(look.width > title ? look.width - title : 1);
   const Index columns = std::min(room, outputs.cols());
@@ -48,6 +52,43 @@ void printPosteriorLine(const OutputSide& network, const Eigen::MatrixXf& output
     out << characterOf(static_cast<double>(mean[best]), look.set);
   }
   out << (look.hasColours ? kNoColour : "") << "\n";
+}
+
+void CoarseOutputs::add(const Eigen::MatrixXf& outputs) {
+  constexpr Index kMostValues = Index{1} << 22;
+  if (columns_.size() == 0) {
+    const Index most = std::clamp<Index>(kMostValues / outputs.rows(), 1024, 8192);
+    columns_.resize(outputs.rows(), most);
+    sum_.setZero(outputs.rows());
+  }
+  for (Index f = 0; f < outputs.cols(); ++f) {
+    sum_ += outputs.col(f);
+    if (++summed_ == together_) close();
+  }
+}
+
+void CoarseOutputs::close() {
+  if (count_ == columns_.cols()) halve();
+  if (summed_ < together_) return;  // the next column takes more now
+  columns_.col(count_++) = sum_ / static_cast<float>(summed_);
+  sum_.setZero();
+  summed_ = 0;
+}
+
+void CoarseOutputs::halve() {
+  for (Index c = 0; c < count_ / 2; ++c) {
+    const Eigen::VectorXf mean = (columns_.col(2 * c) + columns_.col(2 * c + 1)) / 2;
+    columns_.col(c) = mean;
+  }
+  count_ /= 2;
+  together_ *= 2;
+}
+
+Eigen::MatrixXf CoarseOutputs::outputs() const {
+  Eigen::MatrixXf result(columns_.rows(), count_ + (summed_ > 0 ? 1 : 0));
+  result.leftCols(count_) = columns_.leftCols(count_);
+  if (summed_ > 0) result.col(count_) = sum_ / static_cast<float>(summed_);
+  return result;
 }
 
 }  // namespace mlnn

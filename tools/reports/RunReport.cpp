@@ -8,13 +8,23 @@
 #include "text/Escape.h"
 #include "text/Numbers.h"
 #include "tools/reports/Json.h"
-#include "tools/reports/Table.h"
 
 namespace mlnn {
 namespace {
 
 using Eigen::Index;
 using Labels = std::vector<std::string>;
+using Cells = std::vector<std::string>;
+
+const std::vector<Table::Align> kColumns = {Table::Align::kRight, Table::Align::kLeft,
+                                            Table::Align::kRight};
+
+constexpr char kNoNumber[] = "nan";
+constexpr char kLongestOutput[] = "-1.23457e-38";
+
+Cells headingOf(const OutputSide& network) {
+  return {"frame", "class", network.arePosteriors ? "posterior" : "output"};
+}
 
 std::string valueText(double value, bool isPosterior) {
   return isPosterior ? fixedNumber(value, 6) : generalNumber(value, 6);
@@ -24,22 +34,21 @@ std::string labelText(const Labels& labels, Index best) {
   return best < 0 ? "?" : escaped(labels[static_cast<std::size_t>(best)]);
 }
 
-// Frames whose class cannot be told. Where there are any, that of the recording cannot either.
-std::size_t undecidedFrames(const Eigen::MatrixXf& outputs) {
-  std::size_t count = 0;
-  for (Index f = 0; f < outputs.cols(); ++f) count += bestClass(outputs.col(f)) < 0 ? 1 : 0;
-  return count;
+Cells rowOf(const OutputSide& network, uint64_t frame, const FrameDecision& decision) {
+  return {std::to_string(frame), labelText(network.labels, decision.best),
+          decision.best < 0
+              ? kNoNumber
+              : valueText(static_cast<double>(decision.value), network.arePosteriors)};
 }
 
-void printRecordingClass(const Labels& labels, const Eigen::MatrixXf& posteriors,
-                         std::ostream& out) {
-  const Index best = recordingClass(posteriors);
+void printRecordingClass(const Labels& labels, const Eigen::VectorXd& sums, uint64_t undecided,
+                         uint64_t frames, std::ostream& out) {
+  const Index best = largestSum(sums);
   out << "recording: " << labelText(labels, best);
   if (best >= 0) {
-    out << ", sum of log posteriors " << fixedNumber(sumOfLogs(posteriors)[best], 3);
+    out << ", sum of log posteriors " << fixedNumber(sums[best], 3);
   } else {
-    out << ", since " << undecidedFrames(posteriors) << " of "
-        << counted(static_cast<std::size_t>(posteriors.cols()), "frame")
+    out << ", since " << undecided << " of " << counted(static_cast<std::size_t>(frames), "frame")
         << " gave values that are not numbers";
   }
   out << "\n";
@@ -52,36 +61,63 @@ Json classJson(const Labels& labels, Index best) {
 
 }  // namespace
 
-void printDecisions(const OutputSide& network, const Eigen::MatrixXf& outputs, std::ostream& out) {
-  const Labels& labels = network.labels;
-  Table table({Table::Align::kRight, Table::Align::kLeft, Table::Align::kRight},
-              {"frame", "class", network.arePosteriors ? "posterior" : "output"});
-  for (Index f = 0; f < outputs.cols(); ++f) {
-    const Index best = bestClass(outputs.col(f));
-    table.addRow({std::to_string(f), labelText(labels, best),
-                  best < 0
-                      ? "nan"
-                      : valueText(static_cast<double>(outputs(best, f)), network.arePosteriors)});
-  }
-  table.print(out);
-  if (network.arePosteriors) printRecordingClass(labels, outputs, out);
+void printDecisions(const OutputSide& network, const RecordingDecisions& decisions,
+                    std::ostream& out) {
+  TableColumns columns(kColumns);
+  columns.fit(headingOf(network));
+  decisions.forEach([&](uint64_t frame, const FrameDecision& decision) {
+    columns.fit(rowOf(network, frame, decision));
+  });
+  columns.print(headingOf(network), out);
+  decisions.forEach([&](uint64_t frame, const FrameDecision& decision) {
+    columns.print(rowOf(network, frame, decision), out);
+  });
+  if (!network.arePosteriors) return;
+  printRecordingClass(network.labels, decisions.sums(), decisions.undecided(), decisions.frames(),
+                      out);
 }
 
-nlohmann::ordered_json decisionsJson(const OutputSide& network, const Eigen::MatrixXf& outputs) {
-  const Labels& labels = network.labels;
-  const char* const valueKey = network.arePosteriors ? "posterior" : "output";
-  Json json = {{"frames", Json::array()}};
+ArrivingDecisions::ArrivingDecisions(const OutputSide& network, std::ostream& out)
+    : network_(network), out_(out), columns_(kColumns) {
+  columns_.fit(headingOf(network));
+  for (const std::string& label : network.labels) columns_.fit({"", escaped(label), ""});
+  if (!network.arePosteriors) columns_.fit({"", "", kLongestOutput});
+  columns_.print(headingOf(network), out_);
+}
+
+void ArrivingDecisions::add(const Eigen::MatrixXf& outputs) {
   for (Index f = 0; f < outputs.cols(); ++f) {
     const Index best = bestClass(outputs.col(f));
-    Json frame = classJson(labels, best);
-    frame[valueKey] = best < 0 ? Json() : Json(outputs(best, f));
-    json["frames"].push_back(std::move(frame));
+    undecided_ += best < 0 ? 1 : 0;
+    const FrameDecision decision = {static_cast<int32_t>(best), best < 0 ? 0.0f : outputs(best, f)};
+    columns_.print(rowOf(network_, frames_++, decision), out_);
   }
-  if (!network.arePosteriors) return json;
-  const Index best = recordingClass(outputs);
-  json["recording"] = classJson(labels, best);
-  json["recording"]["sum_of_log_posteriors"] = best < 0 ? Json() : Json(sumOfLogs(outputs)[best]);
-  return json;
+  if (network_.arePosteriors) addSumOfLogs(outputs, sums_);
+  out_.flush();
+}
+
+void ArrivingDecisions::finish() {
+  if (!network_.arePosteriors) return;
+  printRecordingClass(network_.labels, sums_, undecided_, frames_, out_);
+}
+
+void printDecisions(const OutputSide& network, const RecordingDecisions& decisions,
+                    JsonPrinter& out) {
+  const Labels& labels = network.labels;
+  const char* const valueKey = network.arePosteriors ? "posterior" : "output";
+  out.key("frames");
+  out.beginArray();
+  decisions.forEach([&](uint64_t /*frame*/, const FrameDecision& decision) {
+    Json entry = classJson(labels, decision.best);
+    entry[valueKey] = decision.best < 0 ? Json() : Json(decision.value);
+    out.entry(entry);
+  });
+  out.end();
+  if (!network.arePosteriors) return;
+  const Index best = largestSum(decisions.sums());
+  Json recording = classJson(labels, best);
+  recording["sum_of_log_posteriors"] = best < 0 ? Json() : Json(decisions.sums()[best]);
+  out.member("recording", recording);
 }
 
 }  // namespace mlnn

@@ -137,7 +137,8 @@ TEST(FramesTest, refusesAPipeWithoutAnEnd) {
   const TempFolder folder;
   folder.write("model", kSmallModel);
   const auto result = mlnn::test::runShell(
-      "yes 1 2>/dev/null | (ulimit -v 400000; ulimit -t 60; exec mlnn run model -)", folder.path());
+      "yes 1 2>/dev/null | (ulimit -v 400000; ulimit -t 60; exec mlnn run --json model -)",
+      folder.path());
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
             "ERROR: cannot read standard input: it does not end within 102400000 bytes\n");

@@ -76,4 +76,23 @@ TEST(JsonTest, whatJsonCannotHoldIsReplaced) {
   EXPECT_EQ(pieces, "{\n  \"\\ufffd\": \"\\ufffd\\u8a9e\",\n  \"number\": null\n}\n");
 }
 
+TEST(JsonTest, piecesOfALineLookLikeTheWhole) {
+  const Json inner = {{"rows", {1, 2}}, {"none", Json::object()}, {"text", "a\xC3\xA4\xFF\nb"}};
+  std::ostringstream out;
+  JsonPrinter printer(out, JsonPrinter::Form::kLine);
+  printer.beginObject();
+  printer.member("name", "n");
+  printer.key("list");
+  printer.beginArray();
+  printer.entry(inner);
+  printer.entry(NAN);
+  printer.end();
+  printer.key("empty");
+  printer.beginArray();
+  printer.end();
+  printer.end();
+  const Json whole = {{"name", "n"}, {"list", {inner, NAN}}, {"empty", Json::array()}};
+  EXPECT_EQ(out.str(), whole.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n");
+}
+
 }  // namespace

@@ -34,6 +34,31 @@ TEST(PosteriorLineTest, showsThePosteriorsOfTheDecidedClass) {
   EXPECT_EQ(lineOf(outputs, {80, CharacterSet::kAscii, false}), "over time: _-+*@@@\n");
 }
 
+TEST(PosteriorLineTest, keepsFewOutputsAsTheyAre) {
+  mlnn::CoarseOutputs coarse;
+  const Eigen::MatrixXf outputs = posteriorsOfTwo({0.5f, 1, 0, 0.25f});
+  coarse.add(outputs.leftCols(1));
+  coarse.add(outputs.rightCols(3));
+  EXPECT_EQ(coarse.outputs(), outputs);
+}
+
+// 8192 columns hold two frames each, then four; the last one is of those that are left.
+TEST(PosteriorLineTest, keepsMeansOfManyOutputs) {
+  mlnn::CoarseOutputs coarse;
+  constexpr Eigen::Index kFrames = 8192 * 3 + 1;
+  Eigen::MatrixXf outputs(1, kFrames);
+  for (Eigen::Index f = 0; f < kFrames; ++f) outputs(0, f) = static_cast<float>(f);
+  for (Eigen::Index f = 0; f < kFrames; f += 11) {
+    coarse.add(outputs.middleCols(f, std::min<Eigen::Index>(11, kFrames - f)));
+  }
+  const Eigen::MatrixXf found = coarse.outputs();
+  ASSERT_EQ(found.cols(), 8192 * 3 / 4 + 1);
+  for (Eigen::Index c = 0; c + 1 < found.cols(); ++c) {
+    ASSERT_EQ(found(0, c), 4 * static_cast<float>(c) + 1.5f);
+  }
+  EXPECT_EQ(found(0, found.cols() - 1), 8192 * 3);
+}
+
 TEST(PosteriorLineTest, showsMeansWhereThereAreMoreFramesThanRoom) {
   const Eigen::MatrixXf outputs = posteriorsOfTwo({0.5f, 1, 1, 1, 0, 1});
   EXPECT_EQ(lineOf(outputs, {14, CharacterSet::kAscii, false}), "over time: *@+\n");

@@ -2,6 +2,7 @@
 #include <pty.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <string>
@@ -107,6 +108,46 @@ TEST(ProgressTest, countsTheStepsOfManyParts) {
   progress.beginPart("three", 100);
   progress.advance(50);
   EXPECT_EQ(terminal.shown(), "\rthree [##################............] 62 %\x1b[K");
+}
+
+TEST(ProgressTest, tellsHowFastWorkGoesAndHowLongItWillTake) {
+  EXPECT_EQ(mlnn::paceText(2, 2400, "frames", 0.5), " 1200 frames/s, 0:02 left");
+  EXPECT_EQ(mlnn::paceText(10, 25, "frames", 0.125), " 2.5 frames/s, 1:10 left");
+  EXPECT_EQ(mlnn::paceText(36, 3600, "frames", 0.01), " 100 frames/s, 59:24 left");
+  EXPECT_EQ(mlnn::paceText(100, 1, "frames", 0.01), " 0.0 frames/s, 2:45:00 left");
+  EXPECT_EQ(mlnn::paceText(100, 1, "frames", 1e-9), " 0.0 frames/s, 99:59:59 left");
+  EXPECT_EQ(mlnn::paceText(1, 100, "frames", 1), " 100 frames/s, 0:00 left");
+  EXPECT_EQ(mlnn::paceText(2, 2400, "frames", 0), " 1200 frames/s");
+  EXPECT_EQ(mlnn::paceText(0, 0, "frames", 0), " 0.0 frames/s");
+}
+
+// How fast is not known here, so that the digits are left out.
+std::string withoutDigits(std::string text) {
+  text.erase(std::remove_if(text.begin(), text.end(),
+                            [](char c) { return (c >= '0' && c <= '9') || c == '.'; }),
+             text.end());
+  return text;
+}
+
+TEST(ProgressTest, showsThePaceBehindTheBarWhereItIsAskedFor) {
+  TerminalStderr terminal;
+  Progress progress(1);
+  progress.tellPace("frames");
+  progress.beginPart("word", 4000);
+  std::this_thread::sleep_for(kLong);
+  progress.advance(4000);
+  EXPECT_EQ(withoutDigits(terminal.shown()),
+            "\rword [##############################]  %  frames/s, : left\x1b[K");
+}
+
+TEST(ProgressTest, showsNoBarOfWorkWhoseEndIsNotKnown) {
+  TerminalStderr terminal;
+  Progress progress(1);
+  progress.tellPace("frames");
+  progress.beginPart("-", 0);
+  std::this_thread::sleep_for(kLong);
+  progress.advance(4000);
+  EXPECT_EQ(withoutDigits(terminal.shown()), "\r-  frames/s\x1b[K");
 }
 
 TEST(ProgressTest, leavesTheErrorStreamAsItWas) {

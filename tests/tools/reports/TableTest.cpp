@@ -21,6 +21,17 @@ TEST(TableTest, linesUpColumnsAndLeavesNoBlanksAtTheEnd) {
             "100  \xc3\xa4\xc3\xb6\n");
 }
 
+TEST(TableTest, letsCellsStandOutOfColumnsThatWereNotMadeForThem) {
+  mlnn::TableColumns columns({Table::Align::kRight, Table::Align::kLeft, Table::Align::kRight});
+  columns.fit({"ab", "cd", "e"});
+  std::ostringstream out;
+  columns.print({"1", "2", "3"}, out);
+  columns.print({"100", "2", "30"}, out);
+  EXPECT_EQ(out.str(),
+            " 1  2   3\n"
+            "100  2   30\n");
+}
+
 TEST(NumbersTest, writesNumbersAsPrintfDoes) {
   EXPECT_EQ(mlnn::generalNumber(0.1, 9), "0.1");
   EXPECT_EQ(mlnn::generalNumber(double{0.1f}, 9), "0.100000001");

@@ -1,5 +1,6 @@
 #include "tools/commands/run/RunCommand.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -17,11 +18,14 @@
 #include "tools/commands/run/RecordingGroup.h"
 #include "tools/commands/run/RunJobs.h"
 #include "tools/commands/run/RunResults.h"
+#include "tools/files/FrameSource.h"
+#include "tools/files/FrameWriter.h"
 #include "tools/files/Frames.h"
 #include "tools/files/InputFile.h"
 #include "tools/files/ModelLoading.h"
 #include "tools/files/OutputBatch.h"
 #include "tools/files/RecordingFiles.h"
+#include "tools/files/RegularFile.h"
 #include "tools/files/RunnableModel.h"
 #include "tools/files/TraceWriter.h"
 #include "tools/reports/Progress.h"
@@ -77,6 +81,11 @@ CommandHelp help() {
       "is\n"
       "said of them, whose result is a file that was written after MODEL and FRAMES were last\n"
       "changed. A result takes its name when it is whole, so part of one is never taken for it.\n"
+      "\n"
+      "A recording of any length takes little memory: its frames are read, evaluated and\n"
+      "written some hundred at a time. Only a trace holds the whole, and JSON of a pipe.\n"
+      "Frames from a pipe or a terminal get their results as they arrive, in columns that have\n"
+      "room for every class.\n"
       "\n"
       "--jobs says how many threads share the work: short recordings are evaluated at the same "
       "time,\n"
@@ -149,6 +158,7 @@ std::unique_ptr<FwdPass> otherPass(RunnableModel& model, const Options& options)
   return pass;
 }
 
+// The whole recording at once.
 Eigen::MatrixXf evaluate(RunnableModel& model, FwdPass& pass, const Options& options,
                          const RunJob& job, Progress& progress) {
   const Eigen::MatrixXf frames = readRecording(job.frames);
@@ -176,7 +186,9 @@ class JobRunner {
         group_(model.inputSide(), options.stacked, options.jobs, pass(),
                [this] { return anotherPass(); }),
         results_(formOf(options), options.model, model.outputSide(), jobs.size() > 1),
-        progress_(jobs.size()) {}
+        progress_(jobs.size()) {
+    progress_.tellPace("frames");
+  }
 
   // Returns: the exit status.
   int run() {
@@ -214,38 +226,97 @@ class JobRunner {
 
   void runOne(std::size_t index) {
     const RunJob& job = jobs_[index];
-    if (options_.jobs > 1 && threads_ == nullptr && !RecordingGroup::isShort(job)) {
+    const bool isShort = RecordingGroup::isShort(job);
+    const bool isWhole = isShort || !job.trace.empty() || isHeldForJson(job);
+    if (options_.jobs > 1 && threads_ == nullptr && !isShort) {
       threads_ = Threads::start(options_.jobs);
       pass().setThreads(threads_);
     }
-    tell(index, [&] { return evaluate(model_, pass(), options_, job, progress_); });
+    if (!isShort) settle(index);  // who interrupts this one keeps those before
+    if (isWhole) {
+      tell(index, [&] { useWhole(index, evaluate(model_, pass(), options_, job, progress_)); });
+    } else {
+      tell(index, [&] { runInPieces(index); });
+    }
+  }
+
+  // JSON comes at the end: of a pipe, which may have none, readFrames holds no more than it should.
+  bool isHeldForJson(const RunJob& job) const {
+    return formOf(options_) != RunForm::kTable && !identityOfRegularFile(job.frames);
+  }
+
+  // However long it is, no more than some hundred frames of it are held.
+  void runInPieces(std::size_t index) {
+    const RunJob& job = jobs_[index];
+    const std::unique_ptr<FrameSource> frames = FrameSource::open(job.frames);
+    const auto width = static_cast<Eigen::Index>(frames->width());
+    const RecordingInputs inputs =
+        inputsFor(model_.inputSide(), width, options_.stacked, job.frames);
+    const std::optional<uint64_t> count = frames->count();
+    progress_.beginPart(escaped(job.frames), static_cast<std::size_t>(frames->expected()));
+    std::optional<FrameWriter> file;
+    if (!job.out.empty()) file.emplace(job.out, pass().numOutputs(), count);
+    results_.begin(job, frames->arrives());
+    const bool prints = file ? job.out == kStandardStream : frames->arrives();
+    uint64_t notFinite = 0;
+    const auto next = [&](Eigen::Index most, Eigen::MatrixXf& some) {
+      if (!frames->next(most, some)) return false;
+      notFinite += static_cast<uint64_t>(some.size() - some.array().isFinite().count());
+      return true;
+    };
+    const auto use = [&](const Eigen::MatrixXf& outputs) {
+      if (prints) progress_.hide();  // both may go to the same terminal
+      results_.addOutputs(outputs);
+      if (!file) return static_cast<bool>(std::cout);
+      file->add(outputs);
+      return !frames->arrives() || file->handOn();
+    };
+    if (!evaluateArriving(pass(), inputs, next, use, progress_.watch())) {
+      throw Failure(kCannotBeRun);
+    }
+    const std::string warning = notFiniteWarning(notFinite, job.frames);
+    if (!warning.empty()) printWarning(warning);
+    if (file) {
+      file->finish(batch_);
+      batched_.push_back(index);
+    } else {
+      progress_.hide();
+    }
+    results_.end();
+  }
+
+  void useWhole(std::size_t index, const Eigen::MatrixXf& outputs) {
+    const RunJob& job = jobs_[index];
+    if (!job.out.empty()) {
+      writeFrames(job.out, outputs, batch_);
+      batched_.push_back(index);
+    }
+    if (job.out.empty()) progress_.hide();  // both may go to the same terminal
+    results_.begin(job, false);
+    results_.addOutputs(outputs);
+    results_.end();
   }
 
   void runGroup(std::size_t first, std::size_t count) {
     std::vector<EvaluatedRecording> results = group_.evaluate(jobs_, first, count);
     for (std::size_t i = 0; i < count; ++i) {
-      progress_.beginPart(escaped(jobs_[first + i].frames), 1);
+      const auto frames = static_cast<std::size_t>(results[i].outputs.cols());
+      progress_.beginPart(escaped(jobs_[first + i].frames), std::max<std::size_t>(frames, 1));
       if (!results[i].said.empty()) std::cerr << results[i].said;
       tell(first + i, [&] {
         if (results[i].failure) throw Failure(*results[i].failure);
-        return std::move(results[i].outputs);
+        useWhole(first + i, results[i].outputs);
       });
-      progress_.advance();
+      progress_.advance(frames);
     }
   }
 
-  // Writes or shows what `evaluated()` gives, or why it gives nothing.
-  template <typename Evaluated>
-  void tell(std::size_t index, const Evaluated& evaluated) {
+  // Does the work of a recording, which writes or shows its results, or tells why there are none.
+  template <typename Work>
+  void tell(std::size_t index, const Work& work) {
     const RunJob& job = jobs_[index];
     try {
-      const Eigen::MatrixXf outputs = evaluated();
-      if (!job.out.empty()) {
-        writeFrames(job.out, outputs, batch_);
-        batched_.push_back(index);
-      }
-      if (job.out.empty()) progress_.hide();  // both may go to the same terminal
-      results_.add(job, outputs);
+      work();
     } catch (const Failure& failure) {
       results_.addFailure(job, failure);
       status_ = kRefused;

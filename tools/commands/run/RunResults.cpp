@@ -1,58 +1,92 @@
 #include "tools/commands/run/RunResults.h"
 
 #include <iostream>
-#include <iterator>
 #include <utility>
 
+#include "inference/Evaluation.h"
 #include "text/Escape.h"
-#include "tools/reports/PosteriorLine.h"
-#include "tools/reports/Terminal.h"
 
 namespace mlnn {
-namespace {
-
-Json failureJson(const RunJob& job, const Failure& failure) {
-  return {{"file", job.frames}, {"error", failure.what()}};
-}
-
-}  // namespace
 
 RunResults::RunResults(RunForm form, std::string model, OutputSide network, bool named)
     : form_(form), model_(std::move(model)), network_(std::move(network)), named_(named) {}
 
-void RunResults::remember(Json entry) {
-  if (form_ != RunForm::kTable) entries_.push_back(std::move(entry));
+void RunResults::begin(const RunJob& job, bool arrives) {
+  file_ = job.frames;
+  goesToFile_ = !job.out.empty();
+  arriving_.reset();
+  decisions_.reset();
+  look_.reset();
+  line_ = {};
+  if (isTable() && goesToFile_) return;
+  if (isTable() && arrives) {
+    printName();
+    arriving_.emplace(network_, std::cout);
+  } else {
+    decisions_.emplace(network_.arePosteriors);
+  }
+  if (isTable() && !named_) look_ = terminalLook();
 }
 
-void RunResults::add(const RunJob& job, const Eigen::MatrixXf& outputs) {
-  if (form_ != RunForm::kTable) {
-    Json recording = {{"file", job.frames}};
-    recording.update(decisionsJson(network_, outputs));
-    remember(std::move(recording));
-  } else if (job.out.empty()) {
-    if (named_) std::cout << (isFirst_ ? "" : "\n") << escaped(job.frames) << "\n";
-    printDecisions(network_, outputs, std::cout);
-    if (const auto look = terminalLook(); look && !named_) {
-      printPosteriorLine(network_, outputs, *look, std::cout);
-    }
-  }
+void RunResults::addOutputs(const Eigen::MatrixXf& outputs) {
+  if (arriving_) arriving_->add(outputs);
+  if (decisions_) decisions_->add(outputs);
+  if (look_) line_.add(outputs);
+}
+
+void RunResults::printName() {
+  if (named_) std::cout << (isFirst_ ? "" : "\n") << escaped(file_) << "\n";
   isFirst_ = false;
 }
 
+void RunResults::end() {
+  if (!isTable()) {
+    entries_.push_back({file_, std::nullopt, std::move(decisions_)});
+  } else if (arriving_) {
+    arriving_->finish();
+  } else if (decisions_) {
+    printName();
+    printDecisions(network_, *decisions_, std::cout);
+  }
+  if (look_ && network_.arePosteriors) {
+    const Eigen::VectorXd& sums = arriving_ ? arriving_->sums() : decisions_->sums();
+    printPosteriorLine(network_, line_.outputs(), largestSum(sums), *look_, std::cout);
+  }
+  arriving_.reset();
+  decisions_.reset();
+}
+
 void RunResults::addFailure(const RunJob& job, const Failure& failure) {
+  arriving_.reset();
+  decisions_.reset();
   printError(failure.what());
-  remember(failureJson(job, failure));
+  if (!isTable()) entries_.push_back({job.frames, failure.what(), std::nullopt});
 }
 
 void RunResults::failAfterAll(std::size_t place, const RunJob& job, const Failure& failure) {
   printError(failure.what());
-  if (form_ != RunForm::kTable) entries_[settled_ + place] = failureJson(job, failure);
+  if (!isTable()) entries_[settled_ + place] = {job.frames, failure.what(), std::nullopt};
+}
+
+void RunResults::print(const Entry& entry, JsonPrinter& out) const {
+  out.beginObject();
+  out.member("file", entry.file);
+  if (entry.error) {
+    out.member("error", *entry.error);
+  } else {
+    printDecisions(network_, *entry.decisions, out);
+  }
+  out.end();
 }
 
 void RunResults::settle() {
   settled_ = entries_.size();
   if (form_ != RunForm::kJsonLines) return;
-  for (const Json& entry : entries_) printJsonLine(entry);
+  for (const Entry& entry : entries_) {
+    JsonPrinter out(std::cout, JsonPrinter::Form::kLine);
+    print(entry, out);
+    std::cout.flush();
+  }
   entries_.clear();
   settled_ = 0;
 }
@@ -60,10 +94,14 @@ void RunResults::settle() {
 void RunResults::finish() {
   settle();
   if (form_ != RunForm::kJson) return;
-  Json json = {{"model", model_}, {"recordings", Json::array()}};
-  json["recordings"].get_ref<Json::array_t&>().assign(std::make_move_iterator(entries_.begin()),
-                                                      std::make_move_iterator(entries_.end()));
-  printJson(json);
+  JsonPrinter out(std::cout);
+  out.beginObject();
+  out.member("model", model_);
+  out.key("recordings");
+  out.beginArray();
+  for (const Entry& entry : entries_) print(entry, out);
+  out.end();
+  out.end();
 }
 
 }  // namespace mlnn

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -637,6 +638,112 @@ TEST_F(RunCommandTest, resumesOnlyWhereThereAreResults) {
   expectRefused(
       {"pair", "frames.txt", "--resume", "-o", "out", "--trace", "t"}, 2,
       "ERROR: a trace has no sign that it is whole, so --trace does not go with --resume\n");
+}
+
+// A file too long to be read as a whole, of few frames.
+std::string longText(const std::string& frames) {
+  return "#" + std::string(std::size_t{1} << 20, 'x') + "\n" + frames;
+}
+
+std::string longArray(const Eigen::MatrixXf& frames) {
+  std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" +
+                       std::to_string(frames.cols()) + ", " + std::to_string(frames.rows()) + ")}";
+  header.resize(std::size_t{1} << 20, ' ');
+  return std::string("\x93NUMPY\2\0\0\0\x10\0", 12) + header +
+         std::string(reinterpret_cast<const char*>(frames.data()),
+                     static_cast<std::size_t>(frames.size()) * sizeof(float));
+}
+
+TEST_F(RunCommandTest, givesTheSameOfLongRecordingsWhichItReadsInPieces) {
+  const Eigen::MatrixXf frames = mlnn::test::someValues(2, 700, 1);
+  mlnn::writeFrames(folder_.path("short.txt"), frames);
+  mlnn::writeFrames(folder_.path("short.npy"), frames);
+  folder_.write("long.txt", longText(contentOf(folder_.path("short.txt"))));
+  folder_.write("long.npy", longArray(frames));
+  for (const std::string model : {"pair", "softmax"}) {
+    for (const std::string ending : {".txt", ".npy"}) {
+      const std::string name = "long" + ending;
+      ASSERT_EQ(run({model, "short" + ending, "-o", "short-out.npy"}).status, 0);
+      ASSERT_EQ(run({model, name, "-o", "long-out.npy"}).status, 0);
+      EXPECT_EQ(contentOf(folder_.path("long-out.npy")), contentOf(folder_.path("short-out.npy")));
+      EXPECT_EQ(run({model, name}).out, run({model, "short" + ending}).out);
+      EXPECT_EQ(run({model, name, "-o", "-"}).out, run({model, "short" + ending, "-o", "-"}).out);
+      EXPECT_EQ(run({model, name, "--jobs", "1"}).out, run({model, name, "--jobs", "3"}).out);
+      for (const std::string form : {"--json", "--json-lines"}) {
+        std::string expected = run({model, "short" + ending, form}).out;
+        expected.replace(expected.find("short"), 5, "long");
+        EXPECT_EQ(run({model, name, form}).out, expected);
+      }
+    }
+  }
+}
+
+TEST_F(RunCommandTest, warnsOfLongRecordings) {
+  folder_.write("long.txt", longText("1 2\nnan 3\n"));
+  const ToolResult result = run({"pair", "long.txt", "--json-lines"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "Warning: 'long.txt' holds 1 value not finite\n");
+}
+
+// A recording that turns out to be broken leaves nothing, and the others are done.
+TEST_F(RunCommandTest, leavesNothingOfLongRecordingsThatAreBroken) {
+  fs::create_directory(folder_.path("in"));
+  folder_.write("in/a.txt", longText("1\n2\n"));
+  folder_.write("in/b.txt", longText("1\n2\nx\n"));
+  folder_.write("in/c.txt", longText("1\n2 3\n"));
+  folder_.write("in/d.txt", "5\n");
+  const ToolResult result = run({"pair", "in", "-o", "out", "--json-lines"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: 'in/b.txt', line 4, column 1: expected a number, found 'x'\n"
+            "ERROR: 'in/c.txt', line 3: expected 1 value as in the lines before, found 2\n");
+  EXPECT_EQ(contentOf(folder_.path("out/in/a.txt")), "1 1\n1 2\n");
+  EXPECT_EQ(contentOf(folder_.path("out/in/d.txt")), "5 5\n");
+  EXPECT_FALSE(fs::exists(folder_.path("out/in/b.txt")));
+  EXPECT_FALSE(fs::exists(folder_.path("out/in/c.txt")));
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 4);
+}
+
+// Whoever sends a frame is answered before the next one; else nobody would come to an end here.
+TEST_F(RunCommandTest, tellsOfFramesAsTheyArrive) {
+  const std::string talk =
+      "mkfifo in out; (%) <in >out & exec 3>in 4<out; "
+      "heading() { if [ \"$1\" = table ]; then IFS= read -r line <&4; echo \"$line\"; fi; }; "
+      "echo 1 >&3; heading $0; IFS= read -r line <&4; echo \"$line\"; "
+      "echo 2 >&3; IFS= read -r line <&4; echo \"$line\"; exec 3>&-; cat <&4; rm in out";
+  const auto answers = [&](const std::string& command, const std::string& form) {
+    std::string line = talk;
+    line.replace(line.find('%'), 1, "exec timeout 60 mlnn run pair - " + command);
+    line.replace(line.find("$0"), 2, form);
+    return mlnn::test::runShell(line, folder_.path()).out;
+  };
+  EXPECT_EQ(answers("-o -", "values"), "1 1\n1 2\n");
+  EXPECT_EQ(answers("", "table"),
+            "frame  class        output\n"
+            "    0  0                 1\n"
+            "    1  1                 2\n");
+}
+
+TEST_F(RunCommandTest, endsWhereNobodyWantsToKnowOfAStreamWithoutAnEnd) {
+  const ToolResult result = mlnn::test::runShell(
+      "(yes '1 0' 2>/dev/null | (ulimit -t 60; mlnn run softmax - 2>err; echo $? >status)) | "
+      "head -n 2; cat status err",
+      folder_.path());
+  EXPECT_EQ(result.out,
+            "frame  class   posterior\n"
+            "    0  yes      0.731059\n"
+            "1\nERROR: cannot write to standard output: Broken pipe\n");
+}
+
+TEST_F(RunCommandTest, tellsOfTheFramesOfAPipeBeforeABrokenOne) {
+  const ToolResult result =
+      mlnn::test::runShell("printf '0 1\\n5 0\\nx\\n' | mlnn run softmax -", folder_.path());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out,
+            "frame  class   posterior\n"
+            "    0  n\\x1bo   0.731059\n"
+            "    1  yes      0.993307\n");
+  EXPECT_EQ(result.err, "ERROR: standard input, line 3, column 1: expected a number, found 'x'\n");
 }
 
 }  // namespace
