@@ -2,7 +2,6 @@
 // gives them to the bit.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -17,62 +16,19 @@
 #include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
 #include "tests/support/ByteImage.h"
+#include "tests/support/GoldenModel.h"
 #include "tests/support/SourceTree.h"
-#include "tests/support/TestModels.h"
 
 namespace {
 
 using Eigen::Index;
 using Eigen::MatrixXf;
 using mlnn::WideInputs;
-
-constexpr int kWidths[] = {70, 37, 35, 21, 19};
-constexpr int kFloats = 2;  // the layer without codes
-constexpr Index kFrames = 5;
-
-float weightOf(int layer, int index, int row) {
-  if (layer == kFloats) return static_cast<float>(29 * index % 1009 - 504) / 1009.0f;
-  const int most = layer == 1 ? 7 : 127;
-  const int code = (37 * index + 11) % (2 * most + 1) - most;
-  return static_cast<float>(code) * (static_cast<float>(8 + row % 7) / 2048.0f);
-}
-
-NNLayer layerOf(int index, ActFn::ActFn actFn) {
-  const int inputs = kWidths[index];
-  NNLayer layer(inputs, kWidths[index + 1], index == 1);
-  layer.actFn = index < 3 ? actFn : ActFn::linear;
-  for (int r = 0; r < kWidths[index + 1]; ++r) {
-    for (int c = 0; c < inputs; ++c) layer.weights(r, c) = weightOf(index, r * inputs + c, r);
-    const float shift = static_cast<float>(r % 5 - 2) / 4.0f;
-    if (index != 1) {
-      layer.bias[r] = shift;
-    } else {
-      layer.gamma_inf[r] = static_cast<float>(r - 9) / 8.0f;
-      layer.beta_inf[r] = shift;
-    }
-  }
-  return layer;
-}
-
-MultiLayerNNModel goldenModel(ActFn::ActFn actFn) {
-  MultiLayerNNModel model = mlnn::test::modelOf(
-      {layerOf(0, actFn), layerOf(1, actFn), layerOf(2, actFn), layerOf(3, actFn)});
-  model.useSoftmax = true;
-  return model;
-}
-
-MatrixXf goldenInputs() {
-  MatrixXf inputs(kWidths[0], kFrames);
-  for (Index f = 0; f < kFrames; ++f) {
-    for (Index i = 0; i < inputs.rows(); ++i) {
-      inputs(i, f) = static_cast<float>((53 * i + 17 * f) % 201 - 100) / 64.0f;
-    }
-  }
-  inputs.col(1) *= std::ldexp(1.0f, -99);
-  inputs(3, 2) = INFINITY;
-  inputs.col(3) *= std::ldexp(1.0f, 40);
-  return inputs;
-}
+using mlnn::test::goldenInputs;
+using mlnn::test::goldenModel;
+using mlnn::test::kGoldenFrames;
+using mlnn::test::kGoldenInputs;
+using mlnn::test::kGoldenWidest;
 
 std::string lineOf(const std::string& actFn, const char* wideInputs, Index frame,
                    const Eigen::VectorXf& outputs) {
@@ -97,7 +53,7 @@ std::string goldenTextBy(Evaluate evaluate) {
     const auto actFn = static_cast<ActFn::ActFn>(fn);
     for (const auto& [name, wideInputs] : wide) {
       const MatrixXf outputs = evaluate(goldenModel(actFn), wideInputs);
-      for (Index f = 0; f < kFrames; ++f) {
+      for (Index f = 0; f < kGoldenFrames; ++f) {
         text += lineOf(ActFn::actFnToString(actFn), name, f, outputs.col(f));
       }
     }
@@ -121,14 +77,15 @@ MatrixXf deviceOutputs(MultiLayerNNModel model, WideInputs wideInputs) {
   model.featureDesc.winSizeLeft = model.featureDesc.winSizeRight = 0;
   model.deltasNorm.allocIfNeeded();
   const mlnn::test::ByteImage image = mlnn::test::ByteImage::of(model);
-  alignas(mlnn::kDeviceAlignment) char memory[mlnn::deviceMemoryBytes(kWidths[0], kWidths[1])];
+  alignas(
+      mlnn::kDeviceAlignment) char memory[mlnn::deviceMemoryBytes(kGoldenInputs, kGoldenWidest)];
   mlnn::DevicePass pass;
   pass.setIntegers(wideInputs);
   const mlnn::CollectedMessages silence;
   EXPECT_EQ(pass.open(image.bytes().data(), image.size(), memory, sizeof memory), 0);
   const MatrixXf inputs = goldenInputs();
-  MatrixXf outputs(pass.numOutputs(), kFrames);
-  for (Index f = 0; f < kFrames; ++f) {
+  MatrixXf outputs(pass.numOutputs(), kGoldenFrames);
+  for (Index f = 0; f < kGoldenFrames; ++f) {
     const float* const found = pass.evaluate(inputs.col(f).data());
     outputs.col(f) = Eigen::Map<const Eigen::VectorXf>(found, outputs.rows());
   }
