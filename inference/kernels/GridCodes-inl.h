@@ -172,8 +172,7 @@ void multiplyCodedPanel(const LayerView& layer, std::size_t panel, const float* 
   }
 }
 
-// The results of a layer of codes for one frame.
-// REQUIRES: the layer has inputs.
+// The results of a layer of codes for one frame. REQUIRES: the layer has inputs.
 void codesVector(const LayerView& layer, const float* x, float* y) {
   const auto multiply =
       layer.coded->areHalfBytes ? multiplyCodedPanel<true> : multiplyCodedPanel<false>;

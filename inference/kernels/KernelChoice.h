@@ -33,8 +33,12 @@ namespace mlnn {
 constexpr std::size_t kFloatsInPage = 1024;
 
 // Frames that a sweep takes at most, and those of the two kinds of tiles, of which wide ones have
-// fewer rows.
+// fewer rows. WebAssembly, for whose code a page waits, has no panels, and sweeps of one frame.
+#ifdef __wasm__
+constexpr std::size_t kSweepFrames = 1;
+#else
 constexpr std::size_t kSweepFrames = 8;
+#endif
 constexpr int kMostTileFrames = 6;
 constexpr int kWideTileFrames = 8;
 

@@ -151,7 +151,7 @@ void sweepRows(const LayerView& layer, const Sweep& sweep, float* scratch) {
 // row, or for kPanelFloats values where there are several frames.
 // REQUIRES: sweptAtOnce(sweep.frames) is sweep.frames.
 void sweepLayer(const LayerView& layer, const Sweep& sweep, float* scratch) {
-  static constexpr void (*kSweeps[kSweepFrames])(const LayerView&, const Sweep&, float*) = {
+  static constexpr void (*kSweeps[])(const LayerView&, const Sweep&, float*) = {
       sweepRows<sweptAtOnce(1)>, sweepRows<sweptAtOnce(2)>, sweepRows<sweptAtOnce(3)>,
       sweepRows<sweptAtOnce(4)>, sweepRows<sweptAtOnce(5)>, sweepRows<sweptAtOnce(6)>,
       sweepRows<sweptAtOnce(7)>, sweepRows<sweptAtOnce(8)>};

@@ -256,7 +256,8 @@ void matrixVector(const LayerView& layer, const float* x, float* y, float* scrat
   if (layer.cols == 0) return shiftsOnly(layer, y, 0, 1);
   const VectorLoops loops = vectorLoopsFor(layer, kernelShape());
   if (loops == VectorLoops::kCodes) return codesVector(layer, x, y);
-  if (loops == VectorLoops::kSweep) return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
+  if (kSweepFrames == 1 || loops == VectorLoops::kSweep)
+    return sweepLayer(layer, {x, 0, y, 0, 1}, scratch);
   multiplyPanels(layer, x, y);
   if (layer.actFn != ActFn::linear) activate(layer.actFn, y, layer.rows);
 }
