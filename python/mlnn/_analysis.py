@@ -3,12 +3,12 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterable, Mapping, Sequence
-from typing import IO, TYPE_CHECKING, Any, cast
+from typing import IO, TYPE_CHECKING, Any
 
 import numpy.typing as npt
 
 from . import _mlnn
-from ._files import _read_from, _told_of
+from ._files import _bytes_and_path
 from ._messages import Error
 from ._results import (Behaviour, Budget, Difference, Digest, IntegerPass, LayerDifference, Misfit,
                        ModelDifference, PrecisionLoss, Results, StageDifference, StatementDifference,
@@ -30,14 +30,7 @@ def check(core: _mlnn.Core) -> Results[Suspicion]:
 def diagnose(source: str | os.PathLike[str] | IO[bytes] | bytes) -> Misfit | None:
     """The first place of a model file, of a file object, or of bytes, that does not fit its format; None where
     all fits. Raises OSError where the file cannot be read."""
-    if isinstance(source, bytes):
-        data = source
-    elif not isinstance(source, (str, os.PathLike)) and hasattr(source, "read"):
-        data = _read_from(source)
-    else:
-        path = os.fspath(cast("str | os.PathLike[str]", source))
-        with _told_of(path), open(path, "rb") as file:
-            data = file.read()
+    data, _ = _bytes_and_path(source)
     found = _mlnn.diagnose(data)
     return None if found is None else Misfit(**_text(found))
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 import contextlib
 import os
 from collections.abc import Iterator
-from typing import IO
+from typing import IO, cast
 
 from . import _mlnn
 
@@ -24,6 +24,19 @@ def _read_from(file: IO[bytes]) -> bytes:
     if not isinstance(data, (bytes, bytearray, memoryview)):
         raise TypeError(f"expected a file of bytes, opened with \"rb\"; it gave {type(data).__name__}")
     return bytes(data)
+
+
+def _bytes_and_path(
+    source: str | os.PathLike[str] | IO[bytes] | bytes,
+) -> tuple[bytes, str | None]:
+    """The bytes themselves, of a file object, or of the file of that name, with its path if it has one."""
+    if isinstance(source, bytes):
+        return source, None
+    if not isinstance(source, (str, os.PathLike)) and hasattr(source, "read"):
+        return _read_from(source), None
+    path = os.fspath(cast("str | os.PathLike[str]", source))
+    with _told_of(path), open(path, "rb") as file:
+        return file.read(), path
 
 
 def _write_into(file: IO[bytes], data: bytes) -> None:

@@ -17,7 +17,7 @@ import onnx
 from onnx import NodeProto, TensorProto, helper, numpy_helper
 
 from . import Error, Layer, Model
-from ._files import _read_from, _told_of, _write_into, _write_whole
+from ._files import _bytes_and_path, _write_into, _write_whole
 from ._onnx_external import read_external
 from ._onnx_front import FRONT, front_of, input_info
 from ._onnx_import import ACT_FNS, imported
@@ -193,15 +193,7 @@ def _no_model(error: Exception) -> Error:
 
 
 def _read(source: str | os.PathLike[str] | typing.IO[bytes] | bytes) -> onnx.ModelProto:
-    path = None
-    if isinstance(source, bytes):
-        data = source
-    elif not isinstance(source, (str, os.PathLike)) and hasattr(source, "read"):
-        data = _read_from(source)
-    else:
-        path = os.fspath(cast("str | os.PathLike[str]", source))
-        with _told_of(path), open(path, "rb") as file:
-            data = file.read()
+    data, path = _bytes_and_path(source)
     try:
         with warnings.catch_warnings():
             warnings.simplefilter("ignore", RuntimeWarning)  # of the decoder, which then fails

@@ -146,6 +146,10 @@ def test_what_a_handler_changes_of_a_model_that_is_quantised_is_quantised():
 
 def test_a_file_that_is_not_written_to_the_end_is_not_there(tmp_path):
     path = tmp_path / "m.mlnn"
-    path.write_bytes(b"old")
-    assert stop(lambda size: functools.partial(_mlnn.write_file, str(path).encode(), bytes(size)), 2**24, 2**29)
+
+    def make(size):
+        path.write_bytes(b"old")  # which a shorter one has replaced before the signal came
+        return functools.partial(_mlnn.write_file, str(path).encode(), bytes(size))
+
+    assert stop(make, 2**24, 2**29)
     assert path.read_bytes() == b"old" and list(tmp_path.iterdir()) == [path]
