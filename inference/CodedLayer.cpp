@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "inference/WatchedPieces.h"
+#include "os/FusedMultiplyAdd.h"
 
 namespace mlnn {
 namespace {
@@ -17,7 +18,7 @@ bool areSame(float a, float b) {
 }
 
 float valueOf(const PrecisionGrid& grid, std::size_t point) {
-  return std::fma(grid.step, static_cast<float>(point), grid.origin);
+  return fusedMultiplyAdd(grid.step, static_cast<float>(point), grid.origin);
 }
 
 // The number of the grid point that a weight comes to lie on, or one beyond `largest`.

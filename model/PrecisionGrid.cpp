@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "os/FusedMultiplyAdd.h"
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #elif defined(__aarch64__)
@@ -26,7 +28,7 @@ float snapped(const PrecisionGrid& grid, float value) {
   const float difference = value - grid.origin;
   const float position = grid.scale * difference;
   const auto point = static_cast<float>(toUint64(position));
-  return std::fma(grid.step, point, grid.origin);
+  return fusedMultiplyAdd(grid.step, point, grid.origin);
 }
 
 // The vector paths. A smaller (larger) value replaces a lane as in the plain comparison; only

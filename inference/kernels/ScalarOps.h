@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "os/FusedMultiplyAdd.h"
+
 namespace mlnn {
 
 struct ScalarOps {
@@ -12,7 +14,7 @@ struct ScalarOps {
   static constexpr bool kScales = false;
 
   static float constant(float value) { return value; }
-  static float fma(float a, float b, float c) { return std::fma(a, b, c); }
+  static float fma(float a, float b, float c) { return fusedMultiplyAdd(a, b, c); }
   static float add(float a, float b) { return a + b; }
   static float sub(float a, float b) { return a - b; }
   static float mul(float a, float b) { return a * b; }

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "inference/kernels/Kernels.h"
+#include "os/FusedMultiplyAdd.h"
 
 namespace mlnn::test {
 namespace {
@@ -16,7 +17,7 @@ void chainsOf(const LayerView& layer, const float* x, std::size_t from, std::siz
   for (std::size_t c = from; c < to; ++c) {
     const float* const column = layer.weights + c * layer.rows;
     for (std::size_t row = 0; row < layer.rows; ++row) {
-      chains[row] = std::fma(column[row], x[c], chains[row]);
+      chains[row] = fusedMultiplyAdd(column[row], x[c], chains[row]);
     }
   }
 }
@@ -40,8 +41,9 @@ std::vector<float> orderedLayer(const LayerView& layer, const float* x) {
   std::vector<float> y = sumsOf(layer, x);
   for (std::size_t row = 0; row < layer.rows; ++row) {
     const float sum = y[row];
-    const float affine = layer.scale == nullptr ? sum + layer.shift[row]
-                                                : std::fma(layer.scale[row], sum, layer.shift[row]);
+    const float affine = layer.scale == nullptr
+                             ? sum + layer.shift[row]
+                             : fusedMultiplyAdd(layer.scale[row], sum, layer.shift[row]);
     y[row] = activated(layer.actFn, affine);
   }
   return y;
