@@ -169,6 +169,7 @@ HWY_INLINE RowVec rowCodesBehind(RowWords words) {
 
 // The scales of a vector of rows, and what a multiplication by them leaves behind every code.
 struct RowFactors {
+  HWY_INLINE RowFactors() {}  // for these vectors, which an implicit one would not be compiled for
   RowVec scales;
   RowVec behind;
 };
@@ -267,7 +268,8 @@ void somePanels(const LayerView& layer, std::size_t panel, const float* x, float
     const PanelValues scales(view.scales, first, std::min(kRowCodePanel, layer.rows - first));
     for (std::size_t v = 0; v < kRowVectors; ++v) {
       const RowVec values = scales.vector(v);
-      factors[p][v] = {values, hn::Mul(values, hn::Set(RowTag(), kBehindCodes))};
+      factors[p][v].scales = values;
+      factors[p][v].behind = hn::Mul(values, hn::Set(RowTag(), kBehindCodes));
       areAllShort = areAllShort && areShort(values);
     }
   }
