@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdint>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -15,7 +14,8 @@
 namespace mlnn {
 
 // The threads, and the work that they share. They take it by rounds, in each of which every thread
-// takes parts until there are no more.
+// that comes takes parts until there are no more. A round ends when its parts are done: it waits
+// for no thread that the system has not let run, and a late one finds the parts of the next round.
 class WorkerPool::Crew {
  public:
   explicit Crew(int count) : process_(processNumber()) {
@@ -27,7 +27,6 @@ class WorkerPool::Crew {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       ends_ = true;
-      round_.fetch_add(1);
     }
     begins_.notify_all();
     for (std::thread& thread : threads_) thread.join();
@@ -50,13 +49,12 @@ class WorkerPool::Crew {
       const std::lock_guard<std::mutex> lock(mutex_);
       work_ = work;
       parts_ = parts;
-      next_.store(0);
-      busy_.store(threads());
-      round_.fetch_add(1);
+      undone_.store(parts);
+      untaken_.store(parts);
     }
     begins_.notify_all();
     takeParts(0);
-    waitUntil(ended_, [this] { return busy_.load() == 0; });
+    waitUntil(ended_, [this] { return undone_.load() == 0; });
     if (failure_ == nullptr) return;
     const std::exception_ptr failure = std::move(failure_);
     failure_ = nullptr;
@@ -74,27 +72,45 @@ class WorkerPool::Crew {
   }
 
   void serve(int worker) {
-    for (uint64_t seen = 0;;) {
-      waitUntil(begins_, [this, seen] { return round_.load() != seen; });
-      ++seen;  // no round begins before all threads have ended the one before
-      if (ends_) return;
+    while (!ends_) {
+      waitUntil(begins_, [this] { return untaken_.load() > 0 || ends_; });
       takeParts(worker);
-      if (busy_.fetch_sub(1) > 1) continue;
-      const std::lock_guard<std::mutex> lock(mutex_);  // the caller looks, then sleeps, under it
-      ended_.notify_one();
     }
   }
 
   void takeParts(int worker) {
-    try {
-      for (int part = next_.fetch_add(1); part < parts_; part = next_.fetch_add(1)) {
-        work_.call(work_.task, part, worker);
+    Work work{};
+    for (int part = 0; takePart(part, work);) {
+      try {
+        work.call(work.task, part, worker);
+        finish(1);
+      } catch (...) {
+        finish(1 + leaveOthers(std::current_exception()));
       }
-    } catch (...) {
-      next_.store(parts_);
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (failure_ == nullptr) failure_ = std::current_exception();
     }
+  }
+
+  // Returns whether there was one.
+  bool takePart(int& part, Work& work) {
+    if (untaken_.load() == 0) return false;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (untaken_.load() == 0) return false;
+    part = parts_ - untaken_.fetch_sub(1);
+    work = work_;
+    return true;
+  }
+
+  // Returns how many parts were left to take.
+  int leaveOthers(std::exception_ptr failure) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (failure_ == nullptr) failure_ = std::move(failure);
+    return untaken_.exchange(0);
+  }
+
+  void finish(int parts) {
+    if (undone_.fetch_sub(parts) > parts) return;
+    const std::lock_guard<std::mutex> lock(mutex_);  // the caller looks, then sleeps, under it
+    ended_.notify_one();
   }
 
   // Between the layers of a network it takes less time to look again than to sleep.
@@ -116,11 +132,10 @@ class WorkerPool::Crew {
   std::condition_variable ended_;
   Work work_{};
   int parts_ = 0;
-  bool ends_ = false;
   std::exception_ptr failure_;
-  std::atomic<int> next_{0};          // part
-  std::atomic<int> busy_{0};          // threads that have not ended the round
-  std::atomic<uint64_t> round_{0};    // that began last
+  std::atomic<bool> ends_{false};
+  std::atomic<int> untaken_{0};       // parts; becomes less under the mutex alone
+  std::atomic<int> undone_{0};        // parts
   std::vector<std::thread> threads_;  // the last member: they use the others
 };
 
