@@ -23,7 +23,8 @@ bool StageDifference::isBeyond(double tolerance) const {
   return valuesA != valuesB || difference.largest() > tolerance;
 }
 
-BehaviourDiff::BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b) : a_(&a), b_(&b) {
+BehaviourDiff::BehaviourDiff(const MultiLayerNNModel& a, const MultiLayerNNModel& b)
+    : a_(&a), b_(&b) {
   for (const std::string& name : stageNames(std::min(a.layers.size(), b.layers.size()))) {
     stages_.push_back({name, 0, 0, {}});
   }
@@ -85,6 +86,7 @@ const StageDifference* BehaviourDiff::firstBeyond(double tolerance) const {
 }
 
 FramePlace BehaviourDiff::placeOfLargest(const StageDifference& stage) const {
+  if (blocks_.empty()) return {};
   const Difference::Place place = stage.difference.placeOfLargest();
   const Block& block = blocks_[place.pair];
   return {block.recording, block.firstFrame + place.col, place.row};

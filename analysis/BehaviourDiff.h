@@ -39,7 +39,7 @@ struct FramePlace {
 class MLNN_EXPORT BehaviourDiff {
  public:
   // REQUIRES: both models outlive this object and do not change.
-  BehaviourDiff(MultiLayerNNModel& a, MultiLayerNNModel& b);
+  BehaviourDiff(const MultiLayerNNModel& a, const MultiLayerNNModel& b);
 
   // Runs both models over a recording, each on the input vectors that its own description makes of
   // the frames, and adds up the differences. `name` is what FramePlace calls the recording. `watch`
@@ -58,7 +58,8 @@ class MLNN_EXPORT BehaviourDiff {
   // Returns the first stage where the models part, or null.
   const StageDifference* firstBeyond(double tolerance) const;
 
-  // Returns where that stage differs most. REQUIRES: it is one of stages().
+  // Returns where that stage differs most; in no recording before there is a frame.
+  // REQUIRES: it is one of stages().
   FramePlace placeOfLargest(const StageDifference& stage) const;
 
   std::size_t recordings() const { return recordings_; }  // taken in
@@ -75,8 +76,8 @@ class MLNN_EXPORT BehaviourDiff {
 
   void addBlock(const StageValues& a, const StageValues& b);
 
-  MultiLayerNNModel* a_;
-  MultiLayerNNModel* b_;
+  const MultiLayerNNModel* a_;
+  const MultiLayerNNModel* b_;
   std::vector<StageDifference> stages_;
   std::vector<Block> blocks_;  // what Difference::Place calls a pair
   std::size_t recordings_ = 0;

@@ -102,6 +102,19 @@ std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& s
          onOrOff(first.useSoftmax);
 }
 
+std::vector<float> sharesOf(const std::vector<double>& weights) {
+  // Divided by the largest first, so that their sum cannot overflow.
+  const double largest = *std::max_element(weights.begin(), weights.end());
+  double total = 0;
+  for (const double weight : weights) total += weight / largest;
+  std::vector<float> shares;
+  shares.reserve(weights.size());
+  for (const double weight : weights) {
+    shares.push_back(static_cast<float>(weight / largest / total));
+  }
+  return shares;
+}
+
 void ModelAverage::add(MultiLayerNNModel model, float share, const Watch& watch) {
   if (isEmpty_) {
     MultiLayerNNModel sum = copyOf(model, watch);

@@ -17,6 +17,10 @@ namespace mlnn {
 // Returns: "" when nothing of this differs.
 MLNN_EXPORT std::string whyNoMean(const MultiLayerNNModel& first, const MultiLayerNNModel& second);
 
+// Returns the parts of the whole that weights stand for.
+// REQUIRES: one weight at least; all are finite and above 0.
+MLNN_EXPORT std::vector<float> sharesOf(const std::vector<double>& weights);
+
 // Adds up the models as they come, each times its share, by the models' own *= and +=; so three
 // models are in memory at most.
 //

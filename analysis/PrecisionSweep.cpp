@@ -6,6 +6,7 @@
 #include "analysis/Difference.h"
 #include "analysis/ModelCopy.h"
 #include "inference/Evaluation.h"
+#include "inference/NNFwdPassFromFile.h"
 #include "layers/FilledColumns.h"
 #include "layers/Messages.h"
 
@@ -74,7 +75,8 @@ void addOutputs(const Eigen::MatrixXf& exact, const Eigen::MatrixXf& found, Prec
 
 bool PrecisionSweep::addRecording(Eigen::MatrixXf frames, const RecordingInputs& inputs,
                                   std::optional<Index> knownClass, const Watch& watch) {
-  std::optional<Eigen::MatrixXf> outputs = evaluateFrames(model_, frames, inputs, watch);
+  NNFwdPassFromFile pass(model_);
+  std::optional<Eigen::MatrixXf> outputs = evaluateFrames(pass, frames, inputs, watch);
   if (!outputs) return false;
   frames_ += static_cast<std::size_t>(frames.cols());
   if (knownClass && recordingClass(*outputs) == *knownClass) ++rightRecordings_;

@@ -26,7 +26,7 @@ struct PrecisionLoss {
 class MLNN_EXPORT PrecisionSweep {
  public:
   // REQUIRES: the model outlives this object and does not change.
-  explicit PrecisionSweep(MultiLayerNNModel& model) : model_(model) {}
+  explicit PrecisionSweep(const MultiLayerNNModel& model) : model_(model) {}
 
   // Takes in a recording, and runs the model as it is over it. `knownClass` counts from 0.
   // `watch` is told of frames.
@@ -54,7 +54,7 @@ class MLNN_EXPORT PrecisionSweep {
     std::optional<Eigen::Index> knownClass;
   };
 
-  MultiLayerNNModel& model_;
+  const MultiLayerNNModel& model_;
   std::vector<Recording> recordings_;
   std::size_t frames_ = 0;
   std::size_t rightRecordings_ = 0;

@@ -3,7 +3,10 @@
 // table of handles, and one place for messages.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <new>
 
@@ -27,6 +30,24 @@ MLNN_EXPORT bool isActivation(const char* function, const char* name);
 // Returns: MLNN_OK, or why `function` refuses, after an error line.
 MLNN_EXPORT mlnn_status findModelFile(const char* function, mlnn_model handle,
                                       std::shared_ptr<const ModelFile>& file);
+
+// Gives a model its handle.
+// Throws: std::bad_alloc; then there is none.
+MLNN_EXPORT mlnn_model handleOf(ModelFile file);
+
+// Whether so many frames of a stride can lie in memory.
+inline bool fitsMemory(std::size_t frames, std::size_t stride) {
+  constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
+  return frames <= kMost / sizeof(float) / std::max<std::size_t>(stride, 1);
+}
+
+inline mlnn_status refuseTooMany(const char* function) noexcept {
+  return refuse(MLNN_ERROR_SIZE, function, "more frames than memory can hold");
+}
+
+inline mlnn_status refuseStride(const char* function) noexcept {
+  return refuse(MLNN_ERROR_SIZE, function, "a stride is less than a width");
+}
 
 // Runs what a function does, and lets nothing out that it throws.
 template <typename Action>

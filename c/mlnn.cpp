@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <limits>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -25,11 +24,14 @@
 
 namespace {
 
+using mlnn::fitsMemory;
 using mlnn::guarded;
 using mlnn::isActivation;
 using mlnn::OpenedModel;
 using mlnn::refuse;
 using mlnn::refuseNull;
+using mlnn::refuseStride;
+using mlnn::refuseTooMany;
 using mlnn::report;
 
 std::ptrdiff_t signedOf(std::size_t count) { return static_cast<std::ptrdiff_t>(count); }
@@ -163,12 +165,6 @@ mlnn_status closeIn(const char* function, Table& table, uint64_t id) noexcept {
   return guarded(function, [&] { return table.take(id) ? MLNN_OK : refuseHandle(function); });
 }
 
-// Whether so many frames of a stride can lie in memory.
-bool fitsMemory(std::size_t frames, std::size_t stride) {
-  constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
-  return frames <= kMost / sizeof(float) / std::max<std::size_t>(stride, 1);
-}
-
 mlnn_status refuseIndex(const char* function, const char* what, std::size_t index) {
   report({"ERROR: ", function, ": there is no ", what, " ", index});
   return MLNN_ERROR_ARGUMENT;
@@ -280,6 +276,10 @@ mlnn_status mlnn::findModelFile(const char* function, mlnn_model handle,
   if (file) return MLNN_OK;
   return refuse(MLNN_ERROR_MODEL, function,
                 "the model was converted: ask the one that it was made from");
+}
+
+mlnn_model mlnn::handleOf(ModelFile file) {
+  return {handles().models.add(openedModelOf(std::move(file)))};
 }
 
 // --- Results, version, messages ---
@@ -524,10 +524,10 @@ mlnn_status mlnn_pass_run(mlnn_pass pass, size_t frames, const float* inputs, si
     if (frames == 0) return MLNN_OK;
     if (inputs == nullptr || outputs == nullptr) return refuseNull(function);
     if (!fitsMemory(frames, input_stride) || !fitsMemory(frames, output_stride)) {
-      return refuse(MLNN_ERROR_SIZE, function, "more frames than memory can hold");
+      return refuseTooMany(function);
     }
     if (frames > 1 && (input_stride < input_width || output_stride < output_width)) {
-      return refuse(MLNN_ERROR_SIZE, function, "a stride is less than a width");
+      return refuseStride(function);
     }
     const mlnn::InputFrames from(inputs, signedOf(input_width), signedOf(frames),
                                  signedOf(input_stride));

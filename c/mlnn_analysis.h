@@ -92,6 +92,41 @@ typedef void (*mlnn_digest_function)(const char* section, const char* digest, vo
 MLNN_API mlnn_status mlnn_model_digest(mlnn_model model, mlnn_digest_function found,
                                        mlnn_watch_function watch, void* data);
 
+/** How values are distributed over bins of one width. */
+typedef struct mlnn_histogram {
+  double low;          /**< where the first bin begins: the smallest finite value */
+  double high;         /**< where the last one ends: the largest finite value */
+  uint64_t not_finite; /**< values that fall into no bin */
+} mlnn_histogram;
+
+/** Counts `count` values into `bins` bins, at least one; puts how many fall into each into
+ * `counts`, which has as many places. Values that are all equal fall into the middle of a range
+ * around them. `watch` is told of values, each of which is looked at twice. */
+MLNN_API mlnn_status mlnn_count_values(const float* values, size_t count, size_t bins,
+                                       mlnn_watch_function watch, void* data, uint64_t* counts,
+                                       mlnn_histogram* histogram);
+
+/* --- What a file holds of it --- */
+
+/** The formats of files. */
+enum {
+  MLNN_FORMAT_TEXT = 0, /**< docs/text-format.md */
+  MLNN_FORMAT_IMAGE = 1 /**< docs/binary-format.md */
+};
+
+/** Takes a file; null bytes where it has none. */
+typedef void (*mlnn_file_function)(const void* bytes, size_t length, void* data);
+
+/** Makes a file of a model, in memory, as `mlnn convert` does. `format` is MLNN_FORMAT_TEXT or
+ * MLNN_FORMAT_IMAGE; `precision` are the digits of the numbers in a text, 1 to 17, of which 9 keep
+ * every bit. `found` gets what the format cannot hold as warnings, and as information what was done
+ * to keep more; then `file` gets the file, or is null for who only asks. The model stays as it is.
+ * `watch` is told of values that are looked at, and of bytes of a text. Refused with
+ * MLNN_ERROR_MODEL where the format has no way to write the model. */
+MLNN_API mlnn_status mlnn_model_fit(mlnn_model model, int32_t format, int32_t precision,
+                                    mlnn_message_function found, mlnn_file_function file,
+                                    mlnn_watch_function watch, void* data);
+
 /* --- How two differ --- */
 
 /** How far apart two arrays of numbers are. */
@@ -117,6 +152,120 @@ typedef void (*mlnn_difference_function)(size_t layer, const char* array,
 MLNN_API mlnn_status mlnn_model_compare(mlnn_model model, mlnn_model other,
                                         mlnn_difference_function found, mlnn_watch_function watch,
                                         void* data);
+
+/** Takes a thing that two models do not agree on, as "softmax" or "property labels", with what each
+ * says of it; null for the one that does not. Texts may hold any bytes but zeros, before the first
+ * of which they end. */
+typedef void (*mlnn_statement_function)(const char* what, const char* text, const char* other_text,
+                                        void* data);
+
+/** Compares what both models say of themselves, which is all but their parameters. */
+MLNN_API mlnn_status mlnn_model_compare_statements(mlnn_model model, mlnn_model other,
+                                                   mlnn_statement_function found, void* data);
+
+/* --- What they do with frames --- */
+
+/** Frames in memory: value v of frame f is values[f * stride + v]. */
+typedef struct mlnn_frames {
+  const float* values; /**< of all frames; may be null where there are none */
+  size_t count;        /**< how many frames there are */
+  size_t width;        /**< values in each of them */
+  size_t stride;       /**< floats from one to the next, at least the width */
+} mlnn_frames;
+
+/** Takes a stage of a pass with its values for some frames, which are the next ones of the
+ * recording. Stages are, in this order: "inputs", which are normalised and stacked; for each layer
+ * K from 1 on "layer-K-affine" and "layer-K", before and after its activation; "outputs", after the
+ * softmax if there is one. */
+typedef void (*mlnn_stage_function)(const char* stage, const mlnn_frames* values, void* data);
+
+/** Runs a model over a recording, and hands all stages to `found`: all of some frames, then all of
+ * the next. By the width of its frames a recording is one of single frames or of input vectors;
+ * where it may be both, those are single frames, unless `stacked` is other than 0. `watch` is told
+ * of frames. Refused with MLNN_ERROR_SIZE where the model takes no frames of this width, and with
+ * MLNN_ERROR_MODEL where it cannot be run. */
+MLNN_API mlnn_status mlnn_model_trace(mlnn_model model, const mlnn_frames* recording, int stacked,
+                                      mlnn_stage_function found, mlnn_watch_function watch,
+                                      void* data);
+
+/** Stages of a trace, of whatever engine made it. */
+typedef struct mlnn_stage {
+  const char* name;   /**< as mlnn_stage_function has it */
+  mlnn_frames values; /**< for all frames */
+} mlnn_stage;
+
+/** Takes a stage with its values in both traces; null for the trace that has no such stage. With
+ * null in place of the difference unless both have as many frames, of as many values; its row is
+ * the value's, its column the frame's. */
+typedef void (*mlnn_trace_function)(const char* stage, const mlnn_frames* values,
+                                    const mlnn_frames* other_values,
+                                    const mlnn_difference* difference, void* data);
+
+/** Compares the results of two engines stage by stage, in the order in which stages are computed,
+ * in whichever the traces stand. `watch` is told of stages. Refused with MLNN_ERROR_ARGUMENT where
+ * there is no stage of a name, or it stands twice in one trace. */
+MLNN_API mlnn_status mlnn_compare_traces(const mlnn_stage* trace, size_t stages,
+                                         const mlnn_stage* other_trace, size_t other_stages,
+                                         mlnn_trace_function found, mlnn_watch_function watch,
+                                         void* data);
+
+/** How far two models are apart at a stage, over all recordings. */
+typedef struct mlnn_stage_difference {
+  size_t values;              /**< for a frame */
+  size_t other_values;        /**< the same of the other model */
+  mlnn_difference difference; /**< its row is the value's, its column the frame's within the
+                                 recording; of no values unless both have as many for a frame */
+  size_t recording;           /**< where the largest difference is, counted from 0 */
+} mlnn_stage_difference;
+
+/** Takes a stage that both models have. */
+typedef void (*mlnn_behaviour_function)(const char* stage, const mlnn_stage_difference* difference,
+                                        void* data);
+
+/** Runs two models over recordings, each on the input vectors that it makes of them itself, which
+ * goes as in mlnn_model_trace; then hands each stage to `found`, and puts the number of frames for
+ * which both have the same best class into `same_decisions`. `watch` is told of frames. Refused as
+ * mlnn_model_trace is. */
+MLNN_API mlnn_status mlnn_model_compare_behaviour(mlnn_model model, mlnn_model other,
+                                                  const mlnn_frames* recordings, size_t count,
+                                                  int stacked, mlnn_behaviour_function found,
+                                                  mlnn_watch_function watch, void* data,
+                                                  uint64_t* same_decisions);
+
+/** What a model loses where its parameters keep some bits only. */
+typedef struct mlnn_precision_loss {
+  int32_t bits;                     /**< how many */
+  double largest_weight_error;      /**< of the weights and biases that it computes with */
+  double mean_weight_error;         /**< of the same */
+  double largest_output_difference; /**< over all frames and outputs */
+  uint64_t same_best_class;         /**< frames that are decided as before */
+  uint64_t right_recordings;        /**< of those whose class is known */
+} mlnn_precision_loss;
+
+/** Takes what is lost with one number of bits. */
+typedef void (*mlnn_precision_function)(const mlnn_precision_loss* loss, void* data);
+
+/** Runs a model over recordings as mlnn_model_trace does, and again for each of the `widths`
+ * numbers of bits, 0 to 31, with its parameters reduced to so many; hands each to `found`.
+ * `classes` has the right output of each recording, counted from 0, or -1 where it is not known;
+ * null knows none. Puts the recordings that the model as it is decides rightly into
+ * `right_recordings`. `watch` is told of frames. Refused as mlnn_model_trace is. */
+MLNN_API mlnn_status mlnn_model_sweep(mlnn_model model, const mlnn_frames* recordings, size_t count,
+                                      const int32_t* classes, int stacked, const int32_t* bits,
+                                      size_t widths, mlnn_precision_function found,
+                                      mlnn_watch_function watch, void* data,
+                                      uint64_t* right_recordings);
+
+/* --- What lies between them --- */
+
+/** Makes another model: the weighted mean of `count` models of one shape, at least one. `weights`
+ * are numbers above 0, of which only the proportions count; null takes all models alike. What is
+ * not a parameter comes from the first model, and so does a parameter that is the same in all of
+ * them. `watch` is called with 0 steps. The models may be closed, and the mean is to be closed as
+ * they are. Refused with MLNN_ERROR_MODEL where the models differ in what has no mean. */
+MLNN_API mlnn_status mlnn_model_average(const mlnn_model* models, size_t count,
+                                        const double* weights, mlnn_watch_function watch,
+                                        void* data, mlnn_model* average);
 
 #ifdef __cplusplus
 }

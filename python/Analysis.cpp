@@ -385,9 +385,10 @@ py::list traceDifferences(const Stages& a, const Stages& b, bool commonOnly, dou
 
 // --- Means ---
 
-// REQUIRES: as many shares as models, and one at least.
+// REQUIRES: as many weights as models, and one at least; all are finite and above 0.
 std::shared_ptr<Core> average(const std::vector<std::shared_ptr<Core>>& models,
-                              const std::vector<float>& shares) {
+                              const std::vector<double>& weights) {
+  const std::vector<float> shares = sharesOf(weights);
   ModelAverage mean;
   for (std::size_t i = 0; i < models.size(); ++i) {
     read(*models[i], [&](const MultiLayerNNModel& model) {

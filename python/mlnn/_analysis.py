@@ -121,10 +121,8 @@ def average(models: Iterable[Model], weights: Iterable[float] | None = None) -> 
         raise ValueError(f"weights: {len(given)} for {len(cores)} models")
     if not all(0 < weight < float("inf") for weight in given):
         raise ValueError("weights: expected numbers above 0")
-    most = max(given)
-    total = sum(weight / most for weight in given)
     try:
-        return Model._of(_mlnn.average(cores, [weight / most / total for weight in given]))
+        return Model._of(_mlnn.average(cores, given))
     except ValueError as error:
         raise Error(str(error)) from None
 

@@ -167,6 +167,14 @@ def test_differences_are_found_in_statements_numbers_and_behaviour(model):
         mlnn.diff(model, other, [np.zeros((3, 9))])
 
 
+def test_without_frames_no_place_differs_most(model):
+    model = plain(model)
+    for recordings in ([], [inputs_for(model, 0)]):
+        found = mlnn.diff(model, model, recordings)
+        assert not found and found.behaviour.frames == 0
+        assert all((s.recording, s.frame, s.unit) == ("", 0, 0) for s in found.behaviour.stages)
+
+
 def test_only_models_are_compared_and_averaged(model):
     for call in (lambda: mlnn.diff(model, 3), lambda: mlnn.diff(None, model), lambda: mlnn.average([model, "x"])):
         with pytest.raises(TypeError, match="^expected a model, got (int|NoneType|str)$"):

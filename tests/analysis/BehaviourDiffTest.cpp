@@ -49,6 +49,18 @@ TEST(BehaviourDiff, findsTheSameWhileItIsWatched) {
             alone.placeOfLargest(alone.outputs()).frame);
 }
 
+TEST(BehaviourDiff, hasNoPlaceBeforeThereIsAFrame) {
+  const MultiLayerNNModel model = modelOf({plainLayer(5, 4)});
+  BehaviourDiff diff(model, model);
+  ASSERT_TRUE(diff.addRecording("r", Eigen::MatrixXf(5, 0), inputsOf(model), inputsOf(model)));
+  EXPECT_EQ(diff.frames(), 0u);
+  EXPECT_EQ(diff.outputs().difference.count(), 0u);
+  const mlnn::FramePlace place = diff.placeOfLargest(diff.outputs());
+  EXPECT_EQ(place.recording, "");
+  EXPECT_EQ(place.frame, 0);
+  EXPECT_EQ(place.unit, 0);
+}
+
 TEST(BehaviourDiff, saysWhenAModelCannotBeRun) {
   MultiLayerNNModel a = modelOf({plainLayer(5, 4)});
   MultiLayerNNModel b = modelOf({plainLayer(5, 4), plainLayer(3, 3)});

@@ -42,6 +42,15 @@ NNLayer rowOf(const std::vector<float>& weights) {
   return layer;
 }
 
+TEST(ModelAverageTest, sharesAreTheProportionsOfWeights) {
+  using Shares = std::vector<float>;
+  EXPECT_EQ(mlnn::sharesOf({7}), Shares({1}));
+  EXPECT_EQ(mlnn::sharesOf({1, 3}), Shares({0.25f, 0.75f}));
+  const double most = std::numeric_limits<double>::max();
+  EXPECT_EQ(mlnn::sharesOf({most, most}), Shares({0.5f, 0.5f}));
+  EXPECT_EQ(mlnn::sharesOf({1e-300, 1e-300, 2e-300}), Shares({0.25f, 0.25f, 0.5f}));
+}
+
 TEST(ModelAverageTest, anyNumberOfCopiesWithAnySharesIsTheModel) {
   const MultiLayerNNModel model =
       modelOf({rowOf({0.1f, 1.0f / 3, kMax, kDenormal, -0.0f, 0.0f, -kInfinity, kNaN})});

@@ -199,6 +199,80 @@ void makeIntegers(const Case& c) {
 
 void ignoreFinding(mlnn_severity, const char*, void*) {}
 
+void fit(const Case& c) {
+  const auto ignore = [](const void*, size_t, void*) {};
+  for (const int32_t format : {MLNN_FORMAT_TEXT, MLNN_FORMAT_IMAGE}) {
+    mlnn_model_fit(c.model, format, static_cast<int32_t>(c.number), ignoreFinding, ignore, nullptr,
+                   nullptr);
+  }
+}
+
+void average(const Case& c) {
+  const double weights[] = {1, static_cast<double>(c.number) + 1};
+  const mlnn_model models[] = {c.model, c.model};
+  mlnn_model mean{0};
+  mlnn_model_average(models, 2, weights, nullptr, nullptr, &mean);
+  mlnn_model_close(mean);
+}
+
+constexpr std::size_t kMostFrames = 8;
+
+// Gives the action one frame for the model, and frames of which the number is the width, the
+// stride or the count.
+void withFrames(const Case& c, const std::function<void(const mlnn_frames&)>& action) {
+  const std::vector<float> values(kMostValues, 1.0f);
+  std::size_t width = 0;
+  mlnn_model_inputs(c.model, &width);
+  for (const mlnn_frames& frames :
+       {mlnn_frames{values.data(), 1, width, width}, mlnn_frames{values.data(), 1, c.number, 1},
+        mlnn_frames{values.data(), 1, 1, c.number},
+        mlnn_frames{values.data(), std::min(c.number, kMostFrames), 1, 1}}) {
+    if (frames.width <= kMostValues) action(frames);
+  }
+}
+
+void trace(const Case& c) {
+  const auto ignore = [](const char*, const mlnn_frames*, void*) {};
+  withFrames(c, [&](const mlnn_frames& frames) {
+    mlnn_model_trace(c.model, &frames, 0, ignore, nullptr, nullptr);
+  });
+}
+
+void compareBehaviour(const Case& c) {
+  const auto ignore = [](const char*, const mlnn_stage_difference*, void*) {};
+  std::uint64_t same = 0;
+  withFrames(c, [&](const mlnn_frames& frames) {
+    mlnn_model_compare_behaviour(c.model, c.model, &frames, 1, 1, ignore, nullptr, nullptr, &same);
+  });
+}
+
+void sweep(const Case& c) {
+  const auto ignore = [](const mlnn_precision_loss*, void*) {};
+  const auto number = static_cast<int32_t>(c.number);
+  std::uint64_t right = 0;
+  withFrames(c, [&](const mlnn_frames& frames) {
+    mlnn_model_sweep(c.model, &frames, 1, &number, 0, &number, 1, ignore, nullptr, nullptr, &right);
+  });
+}
+
+void compareTraces(const Case& c) {
+  const auto ignore = [](const char*, const mlnn_frames*, const mlnn_frames*,
+                         const mlnn_difference*, void*) {};
+  const std::string name = "layer-" + std::to_string(c.number);
+  withFrames(c, [&](const mlnn_frames& frames) {
+    const mlnn_stage stage{name.c_str(), frames};
+    mlnn_compare_traces(&stage, 1, &stage, 1, ignore, nullptr, nullptr);
+  });
+}
+
+void countValues(const Case& c) {
+  const std::vector<float> values(kMostValues, 1.0f);
+  std::vector<std::uint64_t> counts(kMostValues);
+  mlnn_histogram histogram;
+  mlnn_count_values(values.data(), std::min(c.number, kMostValues), std::min(c.number, kMostValues),
+                    nullptr, nullptr, counts.data(), &histogram);
+}
+
 using Call = std::function<void(const Case&)>;
 
 template <typename Result>
@@ -325,6 +399,18 @@ const std::map<std::string, Call>& calls() {
          const auto ignore = [](size_t, const char*, const mlnn_difference*, void*) {};
          mlnn_model_compare(c.model, c.model, ignore, nullptr, nullptr);
        }},
+      {"mlnn_model_compare_statements",
+       [](const Case& c) {
+         const auto ignore = [](const char*, const char*, const char*, void*) {};
+         mlnn_model_compare_statements(c.model, c.model, ignore, nullptr);
+       }},
+      {"mlnn_model_fit", fit},
+      {"mlnn_model_average", average},
+      {"mlnn_model_trace", trace},
+      {"mlnn_model_compare_behaviour", compareBehaviour},
+      {"mlnn_model_sweep", sweep},
+      {"mlnn_compare_traces", compareTraces},
+      {"mlnn_count_values", countValues},
       {"mlnn_stream_reset",
        [](const Case& c) { withStreams(c, [](mlnn_stream s) { mlnn_stream_reset(s); }); }},
   };

@@ -4,6 +4,8 @@
 #include <mlnn.h>
 #include <mlnn_analysis.h>
 
+#include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <regex>
@@ -62,13 +64,18 @@ const std::set<std::string> kNeverRefuse = {"mlnn_last_error", "mlnn_status_name
                                             "mlnn_print_problems"};
 // These take any value.
 const std::set<std::string> kTakeAll = {"mlnn_set_message_function function",
-                                        "mlnn_set_message_function data"};
+                                        "mlnn_model_fit file",
+                                        "mlnn_model_trace stacked",
+                                        "mlnn_compare_traces stages",
+                                        "mlnn_compare_traces other_stages",
+                                        "mlnn_model_compare_behaviour count",
+                                        "mlnn_model_compare_behaviour stacked",
+                                        "mlnn_model_sweep count",
+                                        "mlnn_model_sweep stacked",
+                                        "mlnn_model_sweep widths"};
 
 bool takesAll(const std::string& function, const std::string& parameter) {
-  const bool isOfAnalysis = function == "mlnn_check_memory" || function == "mlnn_model_check" ||
-                            function == "mlnn_model_summary" || function == "mlnn_model_budget" ||
-                            function == "mlnn_model_digest" || function == "mlnn_model_compare";
-  if (isOfAnalysis && (parameter == "watch" || parameter == "data")) return true;
+  if (parameter == "watch" || parameter == "data") return true;
   return kTakeAll.count(function + " " + parameter) != 0;
 }
 
@@ -79,6 +86,8 @@ struct Results {
   mlnn_stream stream = {3};
   mlnn_features features = {4, 4, 4, 4, 4, 4, 4};
   mlnn_budget budget = {5, 5, 5, 5, 5, 5, 5};
+  mlnn_histogram histogram = {5, 5, 5};
+  uint64_t numbers[2] = {5, 5};
   size_t count = 5;
   int flag = 6;
   const char* text = nullptr;
@@ -90,8 +99,9 @@ bool areSame(const Results& a, const Results& b) {
   return a.model.id == b.model.id && a.pass.id == b.pass.id && a.stream.id == b.stream.id &&
          std::memcmp(&a.features, &b.features, sizeof a.features) == 0 && a.count == b.count &&
          std::memcmp(&a.budget, &b.budget, sizeof a.budget) == 0 && a.flag == b.flag &&
-         a.text == b.text && a.other == b.other &&
-         std::memcmp(a.outputs, b.outputs, sizeof a.outputs) == 0;
+         std::memcmp(&a.histogram, &b.histogram, sizeof a.histogram) == 0 &&
+         std::memcmp(a.numbers, b.numbers, sizeof a.numbers) == 0 && a.text == b.text &&
+         a.other == b.other && std::memcmp(a.outputs, b.outputs, sizeof a.outputs) == 0;
 }
 
 std::string imageOfANetwork() {
@@ -159,6 +169,10 @@ class CRefusals : public testing::Test {
   void tryPasses();
   void tryStreams();
   void tryAnalyses();
+  void tryDifferences();
+  void tryRecordings();
+  void tryTraces();
+  void tryAverages();
 
   TempFolder folder_;
   std::string image_;
@@ -414,6 +428,14 @@ void noFinding(mlnn_severity, const char*, void*) { ADD_FAILURE() << "found"; }
 void noLayer(size_t, const mlnn_layer_summary*, void*) { ADD_FAILURE() << "found"; }
 void noSection(const char*, const char*, void*) { ADD_FAILURE() << "found"; }
 void noArray(size_t, const char*, const mlnn_difference*, void*) { ADD_FAILURE() << "found"; }
+void noStatement(const char*, const char*, const char*, void*) { ADD_FAILURE() << "found"; }
+void noStage(const char*, const mlnn_frames*, void*) { ADD_FAILURE() << "found"; }
+void noComparison(const char*, const mlnn_frames*, const mlnn_frames*, const mlnn_difference*,
+                  void*) {
+  ADD_FAILURE() << "found";
+}
+void noBehaviour(const char*, const mlnn_stage_difference*, void*) { ADD_FAILURE() << "found"; }
+void noLoss(const mlnn_precision_loss*, void*) { ADD_FAILURE() << "found"; }
 
 void CRefusals::tryAnalyses() {
   std::string name = "mlnn_check_memory";
@@ -451,7 +473,40 @@ void CRefusals::tryAnalyses() {
                 [](mlnn_model m) { return mlnn_model_digest(m, noSection, nullptr, nullptr); });
   expect(MLNN_ERROR_ARGUMENT, name, "found",
          [&] { return mlnn_model_digest(model_, nullptr, nullptr, nullptr); });
-  name = "mlnn_model_compare";
+  name = "mlnn_model_fit";
+  const auto fit = [](mlnn_model model, int32_t format, int32_t precision,
+                      mlnn_message_function found) {
+    return mlnn_model_fit(model, format, precision, found, nullptr, nullptr, nullptr);
+  };
+  expectNoModel(name, [&](mlnn_model m) { return fit(m, MLNN_FORMAT_TEXT, 9, noFinding); });
+  for (const int32_t format : {-1, 2, INT32_MAX}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "format", [&] { return fit(model_, format, 9, noFinding); });
+  }
+  for (const int32_t precision : {0, 18, -1, INT32_MAX, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "precision",
+           [&] { return fit(model_, MLNN_FORMAT_IMAGE, precision, noFinding); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "found",
+         [&] { return fit(model_, MLNN_FORMAT_TEXT, 9, nullptr); });
+
+  name = "mlnn_count_values";
+  const auto countValues = [&](const float* values, size_t count, size_t bins, uint64_t* counts,
+                               mlnn_histogram* histogram) {
+    return
+        [=] { return mlnn_count_values(values, count, bins, nullptr, nullptr, counts, histogram); };
+  };
+  uint64_t* const counts = results_.numbers;
+  mlnn_histogram* const histogram = &results_.histogram;
+  expect(MLNN_ERROR_ARGUMENT, name, "values", countValues(nullptr, 1, 2, counts, histogram));
+  expect(MLNN_ERROR_SIZE, name, "count", countValues(inputs_, SIZE_MAX, 2, counts, histogram));
+  expect(MLNN_ERROR_ARGUMENT, name, "bins", countValues(inputs_, 8, 0, counts, histogram));
+  expect(MLNN_ERROR_SIZE, name, "bins", countValues(inputs_, 8, SIZE_MAX, counts, histogram));
+  expect(MLNN_ERROR_ARGUMENT, name, "counts", countValues(inputs_, 8, 2, nullptr, histogram));
+  expect(MLNN_ERROR_ARGUMENT, name, "histogram", countValues(inputs_, 8, 2, counts, nullptr));
+}
+
+void CRefusals::tryDifferences() {
+  std::string name = "mlnn_model_compare";
   expectNoModel(
       name, [&](mlnn_model m) { return mlnn_model_compare(m, model_, noArray, nullptr, nullptr); });
   expectNoHandle<mlnn_model>(name, "other", pass_.id, [&](mlnn_model m) {
@@ -459,6 +514,139 @@ void CRefusals::tryAnalyses() {
   });
   expect(MLNN_ERROR_ARGUMENT, name, "found",
          [&] { return mlnn_model_compare(model_, model_, nullptr, nullptr, nullptr); });
+
+  name = "mlnn_model_compare_statements";
+  expectNoModel(name, [&](mlnn_model m) {
+    return mlnn_model_compare_statements(m, model_, noStatement, nullptr);
+  });
+  expectNoHandle<mlnn_model>(name, "other", pass_.id, [&](mlnn_model m) {
+    return mlnn_model_compare_statements(model_, m, noStatement, nullptr);
+  });
+  expect(MLNN_ERROR_ARGUMENT, name, "found",
+         [&] { return mlnn_model_compare_statements(model_, model_, nullptr, nullptr); });
+}
+
+// Frames that are no good to a model of four inputs, and why.
+struct WrongFrames {
+  mlnn_status status;
+  mlnn_frames frames;
+};
+
+std::vector<WrongFrames> wrongFrames(const float* values) {
+  return {{MLNN_ERROR_ARGUMENT, {nullptr, 1, 4, 4}},   {MLNN_ERROR_SIZE, {values, 1, 3, 4}},
+          {MLNN_ERROR_SIZE, {values, 1, 0, 4}},        {MLNN_ERROR_SIZE, {values, 1, SIZE_MAX, 4}},
+          {MLNN_ERROR_SIZE, {values, SIZE_MAX, 4, 4}}, {MLNN_ERROR_SIZE, {values, 2, 4, 3}},
+          {MLNN_ERROR_SIZE, {values, 2, 4, SIZE_MAX}}};
+}
+
+void CRefusals::tryRecordings() {
+  const mlnn_frames frames = {inputs_, 2, 4, 4};
+  std::string name = "mlnn_model_trace";
+  const auto trace = [](mlnn_model model, const mlnn_frames* recording, mlnn_stage_function found) {
+    return mlnn_model_trace(model, recording, 0, found, nullptr, nullptr);
+  };
+  expectNoModel(name, [&](mlnn_model m) { return trace(m, &frames, noStage); });
+  expect(MLNN_ERROR_ARGUMENT, name, "recording", [&] { return trace(model_, nullptr, noStage); });
+  for (const WrongFrames& wrong : wrongFrames(inputs_)) {
+    expect(wrong.status, name, "recording", [&] { return trace(model_, &wrong.frames, noStage); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "found", [&] { return trace(model_, &frames, nullptr); });
+
+  name = "mlnn_model_compare_behaviour";
+  uint64_t* const number = results_.numbers;
+  const auto compare = [&](mlnn_model a, mlnn_model b, const mlnn_frames* recording,
+                           mlnn_behaviour_function found, uint64_t* same) {
+    return mlnn_model_compare_behaviour(a, b, recording, 1, 0, found, nullptr, nullptr, same);
+  };
+  expectNoModel(name,
+                [&](mlnn_model m) { return compare(m, model_, &frames, noBehaviour, number); });
+  expectNoHandle<mlnn_model>(name, "other", pass_.id, [&](mlnn_model m) {
+    return compare(model_, m, &frames, noBehaviour, number);
+  });
+  expect(MLNN_ERROR_ARGUMENT, name, "recordings",
+         [&] { return compare(model_, model_, nullptr, noBehaviour, number); });
+  for (const WrongFrames& wrong : wrongFrames(inputs_)) {
+    expect(wrong.status, name, "recordings",
+           [&] { return compare(model_, model_, &wrong.frames, noBehaviour, number); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "found",
+         [&] { return compare(model_, model_, &frames, nullptr, number); });
+  expect(MLNN_ERROR_ARGUMENT, name, "same_decisions",
+         [&] { return compare(model_, model_, &frames, noBehaviour, nullptr); });
+
+  name = "mlnn_model_sweep";
+  const int32_t known = 1;
+  const int32_t four = 4;
+  const auto sweep = [&](mlnn_model model, const mlnn_frames* recording, const int32_t* classes,
+                         const int32_t* bits, mlnn_precision_function found, uint64_t* right) {
+    return mlnn_model_sweep(model, recording, 1, classes, 0, bits, 1, found, nullptr, nullptr,
+                            right);
+  };
+  expectNoModel(name,
+                [&](mlnn_model m) { return sweep(m, &frames, nullptr, &four, noLoss, number); });
+  expect(MLNN_ERROR_ARGUMENT, name, "recordings",
+         [&] { return sweep(model_, nullptr, &known, &four, noLoss, number); });
+  for (const WrongFrames& wrong : wrongFrames(inputs_)) {
+    expect(wrong.status, name, "recordings",
+           [&] { return sweep(model_, &wrong.frames, &known, &four, noLoss, number); });
+  }
+  for (const int32_t wrong : {2, -2, INT32_MAX, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "classes",
+           [&] { return sweep(model_, &frames, &wrong, &four, noLoss, number); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "bits",
+         [&] { return sweep(model_, &frames, &known, nullptr, noLoss, number); });
+  for (const int32_t wrong : {-1, 32, INT32_MAX, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "bits",
+           [&] { return sweep(model_, &frames, &known, &wrong, noLoss, number); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "found",
+         [&] { return sweep(model_, &frames, &known, &four, nullptr, number); });
+  expect(MLNN_ERROR_ARGUMENT, name, "right_recordings",
+         [&] { return sweep(model_, &frames, &known, &four, noLoss, nullptr); });
+}
+
+void CRefusals::tryTraces() {
+  const std::string name = "mlnn_compare_traces";
+  const mlnn_stage good = {"inputs", {inputs_, 2, 4, 4}};
+  const auto compare = [](const mlnn_stage* a, const mlnn_stage* b, mlnn_trace_function found) {
+    return [=] { return mlnn_compare_traces(a, 1, b, 1, found, nullptr, nullptr); };
+  };
+  expect(MLNN_ERROR_ARGUMENT, name, "trace", compare(nullptr, &good, noComparison));
+  expect(MLNN_ERROR_ARGUMENT, name, "other_trace", compare(&good, nullptr, noComparison));
+  expect(MLNN_ERROR_ARGUMENT, name, "found", compare(&good, &good, nullptr));
+  for (const char* wrong : {static_cast<const char*>(nullptr), "", "layer-0", "input", "layer-x"}) {
+    const mlnn_stage stage = {wrong, good.values};
+    expect(MLNN_ERROR_ARGUMENT, name, "trace", compare(&stage, &good, noComparison));
+    expect(MLNN_ERROR_ARGUMENT, name, "other_trace", compare(&good, &stage, noComparison));
+  }
+  for (const WrongFrames& wrong : wrongFrames(inputs_)) {
+    if (wrong.frames.width < 4) continue;  // here any width will do
+    const mlnn_stage stage = {"inputs", wrong.frames};
+    expect(wrong.status, name, "trace", compare(&stage, &good, noComparison));
+    expect(wrong.status, name, "other_trace", compare(&good, &stage, noComparison));
+  }
+}
+
+void CRefusals::tryAverages() {
+  const std::string name = "mlnn_model_average";
+  mlnn_model* const mean = &results_.model;
+  const auto average = [](const mlnn_model* models, size_t count, const double* weights,
+                          mlnn_model* made) {
+    return mlnn_model_average(models, count, weights, nullptr, nullptr, made);
+  };
+  expectNoHandle<mlnn_model>(name, "models", pass_.id,
+                             [&](mlnn_model m) { return average(&m, 1, nullptr, mean); });
+  expect(MLNN_ERROR_ARGUMENT, name, "models", [&] { return average(nullptr, 1, nullptr, mean); });
+  for (const size_t count : {size_t{0}, SIZE_MAX}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "count",
+           [&] { return average(&model_, count, nullptr, mean); });
+  }
+  for (const double wrong : {0.0, -1.0, HUGE_VAL, std::nan("")}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "weights", [&] { return average(&model_, 1, &wrong, mean); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "average",
+         [&] { return average(&model_, 1, nullptr, nullptr); });
 }
 
 TEST_F(CRefusals, haveACodeAndATextForEveryParameterOfTheHeader) {
@@ -469,6 +657,10 @@ TEST_F(CRefusals, haveACodeAndATextForEveryParameterOfTheHeader) {
   tryPasses();
   tryStreams();
   tryAnalyses();
+  tryDifferences();
+  tryRecordings();
+  tryTraces();
+  tryAverages();
   const std::vector<Declaration> declarations = declarationsOfTheHeader();
   EXPECT_GT(declarations.size(), 30u);
   std::set<std::string> expected;

@@ -1,6 +1,5 @@
 #include "tools/commands/AverageCommand.h"
 
-#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <utility>
@@ -100,20 +99,6 @@ std::string noteAbout(const std::vector<double>& weights) {
     note += (i == 0 ? "" : ",") + generalNumber(weights[i], 6);
   }
   return note;
-}
-
-// The parts of the whole that the weights stand for. Divided by the largest first, so that
-// their sum cannot overflow.
-std::vector<float> sharesOf(const std::vector<double>& weights) {
-  const double largest = *std::max_element(weights.begin(), weights.end());
-  double total = 0;
-  for (const double weight : weights) total += weight / largest;
-  std::vector<float> shares;
-  shares.reserve(weights.size());
-  for (const double weight : weights) {
-    shares.push_back(static_cast<float>(weight / largest / total));
-  }
-  return shares;
 }
 
 // Loads the model, and makes sure that it has a mean with the first one, if there is one yet.
