@@ -70,9 +70,8 @@ bool roundToDigits(double value, int count, Rounded& rounded) {
   return true;
 }
 
-void putBytes(char* out, uint64_t bytes) {
-  for (int i = 0; i < 8; ++i) out[i] = static_cast<char>(bytes >> (8 * i));  // one store
-}
+// The lowest one first: processors that have it highest are refused (layers/ByteIo.h).
+void putBytes(char* out, uint64_t bytes) { std::memcpy(out, &bytes, sizeof bytes); }
 
 // Returns the eight digits of a number, each in a byte, the first one lowest: halves by halves,
 // with the quotients of several parts in one multiplication.
@@ -85,7 +84,9 @@ uint64_t eightDigits(uint32_t number) {
 }
 
 // How many of eight digits stand before the zeros at their end.
-int countWithoutZeros(uint64_t digits) { return digits == 0 ? 0 : 8 - __builtin_clzll(digits) / 8; }
+int countWithoutZeros(uint64_t digits) {
+  return digits == 0 ? 0 : (71 - __builtin_clzll(digits)) >> 3;
+}
 
 // The text of kMaxFastDigits digits, in registers: memory would have to wait for its parts.
 struct DigitText {
