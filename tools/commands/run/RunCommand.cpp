@@ -252,15 +252,27 @@ class JobRunner {
     const auto width = static_cast<Eigen::Index>(frames->width());
     const RecordingInputs inputs =
         inputsFor(model_.inputSide(), width, options_.stacked, job.frames);
-    const std::optional<uint64_t> count = frames->count();
     progress_.beginPart(escaped(job.frames), static_cast<std::size_t>(frames->expected()));
     std::optional<FrameWriter> file;
-    if (!job.out.empty()) file.emplace(job.out, pass().numOutputs(), count);
+    if (!job.out.empty()) file.emplace(job.out, pass().numOutputs(), frames->count());
     results_.begin(job, frames->arrives());
-    const bool prints = file ? job.out == kStandardStream : frames->arrives();
+    evaluatePieces(job, inputs, *frames, file);
+    if (file) {
+      file->finish(batch_);
+      batched_.push_back(index);
+    } else {
+      progress_.hide();
+    }
+    results_.end();
+  }
+
+  // Hands each piece's outputs on before the next piece is read.
+  void evaluatePieces(const RunJob& job, const RecordingInputs& inputs, FrameSource& frames,
+                      std::optional<FrameWriter>& file) {
+    const bool prints = file ? job.out == kStandardStream : frames.arrives();
     uint64_t notFinite = 0;
     const auto next = [&](Eigen::Index most, Eigen::MatrixXf& some) {
-      if (!frames->next(most, some)) return false;
+      if (!frames.next(most, some)) return false;
       notFinite += static_cast<uint64_t>(some.size() - some.array().isFinite().count());
       return true;
     };
@@ -269,20 +281,13 @@ class JobRunner {
       results_.addOutputs(outputs);
       if (!file) return static_cast<bool>(std::cout);
       file->add(outputs);
-      return !frames->arrives() || file->handOn();
+      return !frames.arrives() || file->handOn();
     };
     if (!evaluateArriving(pass(), inputs, next, use, progress_.watch())) {
       throw Failure(kCannotBeRun);
     }
     const std::string warning = notFiniteWarning(notFinite, job.frames);
     if (!warning.empty()) printWarning(warning);
-    if (file) {
-      file->finish(batch_);
-      batched_.push_back(index);
-    } else {
-      progress_.hide();
-    }
-    results_.end();
   }
 
   void useWhole(std::size_t index, const Eigen::MatrixXf& outputs) {
