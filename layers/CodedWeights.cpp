@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "os/Builtins.h"
+
 namespace mlnn {
 namespace {
 
@@ -467,8 +469,8 @@ void CodedWeights::expandBlock(std::size_t first, std::size_t rows, std::size_t 
     const std::size_t begin = first + column * stride;
     if (column + kAhead < columns) {
       const std::size_t ahead = (begin + kAhead * stride) / inByte;
-      __builtin_prefetch(codes_ + ahead);
-      __builtin_prefetch(codes_ + ahead + 64);
+      prefetch(codes_ + ahead);
+      prefetch(codes_ + ahead + 64);
     }
     if (areBytes) {
       expandBytes(codes_ + begin, rows, table, out);

@@ -7,6 +7,7 @@
 #include "model/LayerStack.h"
 #include "model/ModelFormat.h"
 #include "model/MultiLayerNNModel.h"
+#include "os/Builtins.h"
 #include "text/FloatText.h"
 
 namespace {
@@ -118,7 +119,7 @@ void writeRestOfRow(TextOutput& out, const Eigen::MatrixXf& weights, Index r, In
   constexpr Index kAhead = 16;
   const float* const row = weights.data() + r;
   for (Index c = from; c < weights.cols(); ++c) {
-    if (c + kAhead < weights.cols()) __builtin_prefetch(row + (c + kAhead) * weights.rows());
+    if (c + kAhead < weights.cols()) mlnn::prefetch(row + (c + kAhead) * weights.rows());
     out.tabbed(weights(r, c));
   }
   out << "\n";

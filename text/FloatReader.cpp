@@ -10,6 +10,7 @@
 #include <new>
 #include <streambuf>
 
+#include "os/Builtins.h"
 #include "text/DecimalConversion.h"
 
 namespace mlnn {
@@ -103,7 +104,7 @@ struct Chunk {
   // over only falsifies those behind it.
   unsigned digits() const {
     const uint64_t others = ((bytes + 0x7676767676767676) | bytes) & uint64_t{0x8080808080808080};
-    return others == 0 ? 8 : static_cast<unsigned>(__builtin_ctzll(others)) / 8;
+    return others == 0 ? 8 : static_cast<unsigned>(zerosBelow(others)) / 8;
   }
 
   // Returns the number that the first `count` characters make.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "os/Builtins.h"
 #include "text/DecimalConversion.h"
 
 namespace mlnn {
@@ -84,9 +85,7 @@ uint64_t eightDigits(uint32_t number) {
 }
 
 // How many of eight digits stand before the zeros at their end.
-int countWithoutZeros(uint64_t digits) {
-  return digits == 0 ? 0 : (71 - __builtin_clzll(digits)) >> 3;
-}
+int countWithoutZeros(uint64_t digits) { return digits == 0 ? 0 : (71 - zerosAbove(digits)) >> 3; }
 
 // The text of kMaxFastDigits digits, in registers: memory would have to wait for its parts.
 struct DigitText {

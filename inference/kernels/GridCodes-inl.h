@@ -14,6 +14,7 @@
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/VectorOps-inl.h"
 #include "layers/BuiltForSize.h"
+#include "os/Builtins.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -146,7 +147,7 @@ void multiplyStrip(const LayerView& layer, std::size_t panel, const Strip<kHalve
       const bool isPatched = last != lastEnd && last->input < end;
       const std::size_t stop = isPatched ? static_cast<std::size_t>(last->input) : end;
       for (; k < stop; ++k, codes += kColumnBytes) {
-        __builtin_prefetch(codes + kAhead, 0, 2);
+        prefetchOuter(codes + kAhead);
         const Vec xk = hn::Set(d, x[k]);
         strip.decode(decoder, codes,
                      [&](int v, Vec weights) { acc[v] = hn::MulAdd(weights, xk, acc[v]); });

@@ -16,6 +16,7 @@
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/MatrixSweep-inl.h"
 #include "inference/kernels/VectorOps-inl.h"
+#include "os/Builtins.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -42,8 +43,7 @@ struct Tile {
 
 // Asks for some cache lines to be in the second-level cache.
 HWY_INLINE void fetchAhead(const float* next, int lines) {
-  for (int line = 0; line < lines; ++line)
-    __builtin_prefetch(next + std::ptrdiff_t{16} * line, 0, 2);
+  for (int line = 0; line < lines; ++line) prefetchOuter(next + std::ptrdiff_t{16} * line);
 }
 
 // One chain of `length` inputs for R vectors of rows and F frames; the last vector is not full

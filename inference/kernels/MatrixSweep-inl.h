@@ -16,6 +16,7 @@
 #include "inference/kernels/LayerView.h"
 #include "inference/kernels/VectorOps-inl.h"
 #include "layers/BuiltForSize.h"
+#include "os/Builtins.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace mlnn {
@@ -86,7 +87,7 @@ HWY_INLINE void sweepStrip(LayerView layer, Sweep sweep, SweptColumns columns, s
     HWY_UNROLL(8)
     for (int r = 0; r < R; ++r) {
       if constexpr (!kBuiltForSize) {
-        __builtin_prefetch(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride, 0, 2);
+        prefetchOuter(w + static_cast<std::size_t>(r) * kLanes + kSweepColumns * stride);
       }
       wk[r] = loadWeights<kPartial, R>(w, r, last, end);
     }

@@ -5,7 +5,7 @@
 
 #include "hwy/detect_compiler_arch.h"
 
-#if HWY_ARCH_X86
+#if HWY_ARCH_X86 && defined(__GNUC__)
 #include <cpuid.h>
 #elif HWY_ARCH_ARM && defined(__linux__)
 #include <sys/auxv.h>
@@ -13,7 +13,7 @@
 
 namespace mlnn {
 
-#if HWY_ARCH_X86
+#if HWY_ARCH_X86 && defined(__GNUC__)
 
 [[maybe_unused]] inline bool hasSse4() {
   return __builtin_cpu_supports("sse4.1") && __builtin_cpu_supports("sse4.2") &&
@@ -44,6 +44,14 @@ namespace mlnn {
   unsigned edx = 0;
   return hasAvx2() && __get_cpuid_count(7, 1, &eax, &ebx, &ecx, &edx) != 0 && (eax & kAvxVnni) != 0;
 }
+
+#elif HWY_ARCH_X86  // of a compiler that does not tell: none beyond the baseline
+
+[[maybe_unused]] inline bool hasSse4() { return false; }
+[[maybe_unused]] inline bool hasAvx2() { return false; }
+[[maybe_unused]] inline bool hasAvx512() { return false; }
+[[maybe_unused]] inline bool hasAvx512Vnni() { return false; }
+[[maybe_unused]] inline bool hasAvxVnni() { return false; }
 
 #elif HWY_ARCH_ARM_A64
 

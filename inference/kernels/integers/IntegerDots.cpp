@@ -8,6 +8,7 @@
 #include "inference/kernels/Processor.h"
 #include "inference/kernels/RunnableKernels.h"
 #include "layers/BuiltForSize.h"
+#include "os/Builtins.h"
 
 #if HWY_ARCH_X86
 #include <immintrin.h>

@@ -70,7 +70,7 @@ struct FetchedPanels {
   std::size_t panels;
 
   HWY_INLINE void fetch(std::size_t bytes) {
-    for (std::size_t p = 0; p < panels; ++p) __builtin_prefetch(group + p * panelBytes, 0, 2);
+    for (std::size_t p = 0; p < panels; ++p) prefetchOuter(group + p * panelBytes);
     group += bytes;
   }
 };
@@ -97,7 +97,7 @@ struct LinesAhead {
   }
   HWY_INLINE void fetch(const uint8_t* at) const {
     HWY_UNROLL(4)
-    for (std::size_t p = 0; p < kPanels; ++p) __builtin_prefetch(at + p * panelBytes, 0, 2);
+    for (std::size_t p = 0; p < kPanels; ++p) prefetchOuter(at + p * panelBytes);
   }
 };
 
