@@ -6,14 +6,16 @@ else()
   set(MLNN_OS os/posix)
 endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
-  set(os_memory os/linux)
+  set(os_special os/linux)
 else()
-  set(os_memory os/anywhere)
+  set(os_special os/anywhere)
 endif()
 
 set(os_sources
-  ${os_memory}/FreshMemory.cpp
+  ${os_special}/FirstThread.cpp
+  ${os_special}/FreshMemory.cpp
   ${MLNN_OS}/FileMapping.cpp
+  ${MLNN_OS}/Forks.cpp
   ${MLNN_OS}/Process.cpp
   ${MLNN_OS}/ProcessLock.cpp
   ${MLNN_OS}/ProcessorCaches.cpp

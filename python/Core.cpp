@@ -1,14 +1,12 @@
 #include "python/Core.h"
 
-#include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <new>
 #include <set>
 #include <stdexcept>
+
+#include "os/Process.h"
 
 namespace mlnn::python {
 namespace {
@@ -59,9 +57,6 @@ void inChild() {
   live().mutex.unlock();
 }
 
-// Handlers run in this thread alone.
-bool isMainThread() { return getpid() == syscall(SYS_gettid); }
-
 void letHandlersRun(const std::vector<const Core*>& models) {
   const py::gil_scoped_acquire python;
   const std::size_t before = runningHere.size();
@@ -96,7 +91,7 @@ Core::~Core() {
   live().cores.erase(this);
 }
 
-void guardForks() { pthread_atfork(&beforeFork, &inParent, &inChild); }
+void guardForks() { callAroundForks(&beforeFork, &inParent, &inChild); }
 
 std::mutex& randomSource() {
   static std::mutex mutex;
@@ -104,7 +99,7 @@ std::mutex& randomSource() {
 }
 
 Watch interruptedBySignals(std::vector<const Core*> models) {
-  if (!isMainThread()) return {};
+  if (!isFirstThread()) return {};  // handlers run in this one alone
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kBetweenLooks{20};
   return [models = std::move(models), last = Clock::now()](std::size_t) mutable {

@@ -1,0 +1,7 @@
+#include "os/Process.h"
+
+namespace mlnn {
+
+bool isFirstThread() { return true; }
+
+}  // namespace mlnn
