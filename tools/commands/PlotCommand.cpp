@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,7 +55,8 @@ CommandHelp help() {
   help.details =
       "With -o writes a picture (SVG); without it prints a sketch, or with --json the numbers "
       "that\n"
-      "there are to draw. Values that are not finite are counted, not drawn.\n"
+      "there are to draw. Values that are not finite are counted, not drawn. On a terminal the\n"
+      "sketch has colours, unless NO_COLOR is set.\n"
       "\n"
       "With --frames the posteriors of recordings are drawn over time, of many those of the least\n"
       "sure; with --labels, a table in a file with the columns `file` and `label`, also what was\n"
@@ -82,14 +84,22 @@ CharacterSet characterSet(const Options& options) {
   return options.unicode || localeIsUtf8() ? CharacterSet::kUnicode : CharacterSet::kAscii;
 }
 
+TerminalLook lookOf(const Options& options) {
+  const std::optional<TerminalLook> terminal = terminalLook();
+  TerminalLook look;
+  look.width = std::max(options.width == 0 ? terminalWidth() : options.width, kMinChartWidth);
+  look.set = characterSet(options);
+  look.hasColours = terminal && terminal->hasColours;
+  return look;
+}
+
 void printSketches(const std::vector<Chart>& charts, const Options& options) {
-  const std::size_t width =
-      std::max(options.width == 0 ? terminalWidth() : options.width, kMinChartWidth);
+  const TerminalLook look = lookOf(options);
   bool isFirst = true;
   for (const Chart& chart : charts) {
     if (!isFirst) std::cout << "\n";
     isFirst = false;
-    printChart(std::cout, chart, width, characterSet(options));
+    printChart(std::cout, chart, look);
   }
 }
 

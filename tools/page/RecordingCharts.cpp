@@ -39,6 +39,10 @@ Chart posteriorChart(const RecordingFindings& found, const RecordingFinding& rec
   chart.yLabel = "class";
   chart.xHigh = static_cast<double>(recording.frames);
   chart.columns = static_cast<std::size_t>(cells.values.cols());
+  const Index right = recording.known.value_or(recording.decision.best);
+  if (right >= 0) {
+    chart.rightRows.assign(chart.columns, static_cast<std::size_t>(right / cells.rowsPerCell));
+  }
   for (Index row = 0; row < cells.values.rows(); ++row) {
     chart.rowNames.push_back(rowName(found, row, cells.rowsPerCell));
     for (Index c = 0; c < cells.values.cols(); ++c) {
@@ -60,7 +64,11 @@ Chart confusionChart(const RecordingFindings& found) {
   const std::vector<Index> known = knownClasses(confusion);
   const std::vector<Index> decided = decidedClasses(confusion);
   chart.columns = decided.size();
-  for (const Index column : decided) chart.columnNames.push_back(classText(found, column));
+  for (const Index column : decided) {
+    chart.columnNames.push_back(classText(found, column));
+    const auto right = std::find(known.begin(), known.end(), column) - known.begin();
+    chart.rightRows.push_back(static_cast<std::size_t>(right));
+  }
   for (const Index row : known) {
     chart.rowNames.push_back(classText(found, row));
     for (const Index column : decided) {

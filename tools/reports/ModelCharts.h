@@ -25,6 +25,9 @@ struct Chart {
   std::vector<std::string> rowNames;
   std::vector<std::string> columnNames;  // of a table of counts, which are shown as numbers too
   std::size_t columns = 0;
+  // For each column the row that is right there, and another number where none is; empty where
+  // there is no right and wrong.
+  std::vector<std::size_t> rightRows;
 };
 
 // The charts of a model, `bins` bins in each histogram: loss and accuracy where it has them,

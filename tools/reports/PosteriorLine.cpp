@@ -6,6 +6,7 @@
 #include <string>
 
 #include "inference/Evaluation.h"
+#include "tools/reports/InkedLine.h"
 
 namespace mlnn {
 namespace {
@@ -15,9 +16,6 @@ using Eigen::Index;
 constexpr char kTitle[] = "over time: ";
 constexpr const char* kBlocks[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr const char* kCharacters[] = {"_", ".", "-", "=", "+", "*", "#", "@"};
-constexpr const char kGreen[] = "\x1b[32m";
-constexpr const char kYellow[] = "\x1b[33m";
-constexpr const char kNoColour[] = "\x1b[0m";
 
 const char* characterOf(double posterior, CharacterSet set) {
   constexpr double kHighest = static_cast<double>(std::size(kBlocks) - 1);
@@ -40,18 +38,15 @@ void printPosteriorLine(const OutputSide& network, const Eigen::MatrixXf& output
   const std::size_t title = std::size(kTitle) - 1;
   const auto room = static_cast<Index>(look.width > title ? look.width - title : 1);
   const Index columns = std::min(room, outputs.cols());
-  const char* colour = kNoColour;
-  out << kTitle;
+  InkedLine line(look.hasColours);
   for (Index i = 0; i < columns; ++i) {
     const Index begin = i * outputs.cols() / columns;
     const Index frames = (i + 1) * outputs.cols() / columns - begin;
     const Eigen::VectorXf mean = outputs.middleCols(begin, frames).rowwise().mean();
-    const char* const wanted = bestClass(mean) == best ? kGreen : kYellow;
-    if (look.hasColours && wanted != colour) out << wanted;
-    colour = wanted;
-    out << characterOf(static_cast<double>(mean[best]), look.set);
+    line.add(characterOf(static_cast<double>(mean[best]), look.set),
+             bestClass(mean) == best ? Ink::kGreen : Ink::kYellow);
   }
-  out << (look.hasColours ? kNoColour : "") << "\n";
+  out << kTitle << line.text() << "\n";
 }
 
 void CoarseOutputs::add(const Eigen::MatrixXf& outputs) {

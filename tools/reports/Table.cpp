@@ -4,30 +4,23 @@
 #include <ostream>
 #include <utility>
 
+#include "tools/reports/InkedLine.h"
+
 namespace mlnn {
-namespace {
-
-// Characters of a UTF-8 text: all bytes but the continuing ones.
-std::size_t widthOf(const std::string& text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
-}  // namespace
 
 TableColumns::TableColumns(std::vector<CellAlign> columns)
     : columns_(std::move(columns)), widths_(columns_.size(), 0) {}
 
 void TableColumns::fit(const std::vector<std::string>& cells) {
   for (std::size_t c = 0; c < widths_.size(); ++c) {
-    widths_[c] = std::max(widths_[c], widthOf(cells[c]));
+    widths_[c] = std::max(widths_[c], shownWidth(cells[c]));
   }
 }
 
 void TableColumns::print(const std::vector<std::string>& cells, std::ostream& out) const {
   std::string line;
   for (std::size_t c = 0; c < widths_.size(); ++c) {
-    const std::string padding(widths_[c] - std::min(widths_[c], widthOf(cells[c])), ' ');
+    const std::string padding(widths_[c] - std::min(widths_[c], shownWidth(cells[c])), ' ');
     if (c > 0) line += "  ";
     line += columns_[c] == CellAlign::kRight ? padding + cells[c] : cells[c] + padding;
   }

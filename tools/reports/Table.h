@@ -11,7 +11,7 @@ namespace mlnn {
 enum class CellAlign { kLeft, kRight };
 
 // Columns that line up: two blanks between them and none at the end of a line. A column is as wide
-// as its widest cell; a UTF-8 character counts as one.
+// as its widest cell; a UTF-8 character counts as one, the sequences of colours as none.
 class TableColumns {
  public:
   explicit TableColumns(std::vector<CellAlign> columns);

@@ -12,6 +12,7 @@
 
 #include "text/Escape.h"
 #include "text/Numbers.h"
+#include "tools/reports/InkedLine.h"
 #include "tools/reports/Table.h"
 
 namespace mlnn {
@@ -88,8 +89,6 @@ std::string lineLabel(std::size_t line, const Axis& axis) {
   return line == 0 ? numberText(axis.low) : "";
 }
 
-void dropTrailingBlanks(std::string& line) { line.erase(line.find_last_not_of(' ') + 1); }
-
 // The two ends of the horizontal axis, and between them what it shows.
 std::string horizontalAxis(const Chart& chart, std::size_t width) {
   const std::string low = numberText(chart.xLow);
@@ -98,6 +97,28 @@ std::string horizontalAxis(const Chart& chart, std::size_t width) {
   const std::size_t used = low.size() + label.size() + high.size();
   const std::size_t free = width > used ? width - used : 0;
   return low + std::string(free / 2, ' ') + label + std::string(free - free / 2, ' ') + high;
+}
+
+// The colour of a column of a curve or a histogram. That of a bin is by its middle.
+Ink inkOfColumn(const Chart& chart, std::size_t column, std::size_t columns) {
+  if (chart.kind == Chart::Kind::kCurve) return Ink::kGreen;
+  const double share = (static_cast<double>(column) + 0.5) / static_cast<double>(columns);
+  return chart.xLow + share * (chart.xHigh - chart.xLow) < 0 ? Ink::kCyan : Ink::kYellow;
+}
+
+void printColumns(std::ostream& out, const Chart& chart, const TerminalLook& look) {
+  const std::vector<double> columns = columnsOf(chart.values, look.width - kLabelWidth - 2);
+  const Axis axis = verticalAxis(columns);
+  for (std::size_t line = kHeight; line-- > 0;) {
+    InkedLine text(look.hasColours);
+    text.add(rightAligned(lineLabel(line, axis), kLabelWidth) + " |");
+    for (std::size_t c = 0; c < columns.size(); ++c) {
+      text.add(characterAt(eighthsOf(columns[c], axis), line, look.set),
+               inkOfColumn(chart, c, columns.size()));
+    }
+    out << text.text() << "\n";
+  }
+  out << std::string(kLabelWidth + 2, ' ') << horizontalAxis(chart, columns.size()) << "\n";
 }
 
 // --- Maps ---
@@ -119,31 +140,71 @@ std::string nameText(const std::string& name) {
   return escaped(name.substr(0, end)) + "~";
 }
 
-// A line for each row.
-void printMap(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set) {
-  std::size_t columns = 0;
+// The rows with as many columns as there is room for.
+std::vector<std::vector<double>> rowsOf(const Chart& chart, std::size_t width) {
+  std::vector<std::vector<double>> rows;
   for (std::size_t row = 0; row < chart.rowNames.size(); ++row) {
     const auto begin = chart.values.begin() + static_cast<std::ptrdiff_t>(row * chart.columns);
-    const std::vector<double> values =
-        columnsOf({begin, begin + static_cast<std::ptrdiff_t>(chart.columns)}, width);
-    columns = values.size();
-    std::string line = rightAligned(nameText(chart.rowNames[row]), kLabelWidth) + " |";
-    for (const double value : values) line += shadeOf(value, set);
-    dropTrailingBlanks(line);
-    out << line << "\n";
+    rows.push_back(columnsOf({begin, begin + static_cast<std::ptrdiff_t>(chart.columns)}, width));
+  }
+  return rows;
+}
+
+// The row with a column's largest value, the first of equal ones.
+std::size_t highestRow(const std::vector<std::vector<double>>& rows, std::size_t column) {
+  std::size_t best = 0;
+  for (std::size_t row = 1; row < rows.size(); ++row) {
+    if (rows[row][column] > rows[best][column]) best = row;
+  }
+  return best;
+}
+
+// The colours of the highest rows of the columns.
+std::vector<Ink> inksOf(const Chart& chart, const std::vector<std::size_t>& highest) {
+  std::vector<Ink> inks(highest.size(), Ink::kPlain);
+  if (chart.rightRows.empty()) return inks;
+  for (std::size_t c = 0; c < highest.size(); ++c) {
+    const std::size_t first = c * chart.columns / highest.size();
+    inks[c] = highest[c] == chart.rightRows[first] ? Ink::kGreen : Ink::kYellow;
+  }
+  return inks;
+}
+
+// A line for each row.
+void printMap(std::ostream& out, const Chart& chart, const TerminalLook& look) {
+  const std::vector<std::vector<double>> rows = rowsOf(chart, look.width - kLabelWidth - 2);
+  const std::size_t columns = rows.empty() ? 0 : rows.front().size();
+  std::vector<std::size_t> highest(columns);
+  for (std::size_t c = 0; c < columns; ++c) highest[c] = highestRow(rows, c);
+  const std::vector<Ink> inks = inksOf(chart, highest);
+  for (std::size_t row = 0; row < rows.size(); ++row) {
+    InkedLine line(look.hasColours);
+    line.add(rightAligned(nameText(chart.rowNames[row]), kLabelWidth) + " |");
+    for (std::size_t c = 0; c < columns; ++c) {
+      line.add(shadeOf(rows[row][c], look.set), row == highest[c] ? inks[c] : Ink::kPlain);
+    }
+    out << line.text() << "\n";
   }
   out << std::string(kLabelWidth + 2, ' ') << horizontalAxis(chart, columns) << "\n";
 }
 
+std::string countText(const Chart& chart, std::size_t row, std::size_t column, bool hasColours) {
+  const double count = chart.values[row * chart.columns + column];
+  const Ink ink = row == chart.rightRows[column] ? Ink::kGreen : Ink::kYellow;
+  InkedLine text(hasColours);
+  text.add(generalNumber(count, 9), count == 0 ? Ink::kPlain : ink);
+  return text.text();
+}
+
 // Counts as they are.
-void printCounts(std::ostream& out, const Chart& chart) {
+void printCounts(std::ostream& out, const Chart& chart, bool hasColours) {
   std::vector<std::string> heading = {""};
   for (const std::string& name : chart.columnNames) heading.push_back(nameText(name));
   Table table(std::vector<Table::Align>(heading.size(), Table::Align::kRight), heading);
   for (std::size_t row = 0; row < chart.rowNames.size(); ++row) {
     std::vector<std::string> cells = {nameText(chart.rowNames[row])};
     for (std::size_t c = 0; c < chart.columns; ++c) {
-      cells.push_back(generalNumber(chart.values[row * chart.columns + c], 9));
+      cells.push_back(countText(chart, row, c, hasColours));
     }
     table.addRow(std::move(cells));
   }
@@ -152,19 +213,11 @@ void printCounts(std::ostream& out, const Chart& chart) {
 
 }  // namespace
 
-void printChart(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set) {
+void printChart(std::ostream& out, const Chart& chart, const TerminalLook& look) {
   out << escaped(chart.title) << ": " << escaped(chart.remark) << "\n";
-  if (!chart.columnNames.empty()) return printCounts(out, chart);
-  if (chart.kind == Chart::Kind::kMap) return printMap(out, chart, width - kLabelWidth - 2, set);
-  const std::vector<double> columns = columnsOf(chart.values, width - kLabelWidth - 2);
-  const Axis axis = verticalAxis(columns);
-  for (std::size_t line = kHeight; line-- > 0;) {
-    std::string text = rightAligned(lineLabel(line, axis), kLabelWidth) + " |";
-    for (const double value : columns) text += characterAt(eighthsOf(value, axis), line, set);
-    dropTrailingBlanks(text);
-    out << text << "\n";
-  }
-  out << std::string(kLabelWidth + 2, ' ') << horizontalAxis(chart, columns.size()) << "\n";
+  if (!chart.columnNames.empty()) return printCounts(out, chart, look.hasColours);
+  if (chart.kind == Chart::Kind::kMap) return printMap(out, chart, look);
+  printColumns(out, chart, look);
 }
 
 }  // namespace mlnn

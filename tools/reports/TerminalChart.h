@@ -9,10 +9,12 @@
 
 namespace mlnn {
 
-// Prints the chart with its title, at most `width` characters wide. Where there are more values
+// Prints the chart with its title, at most as wide as the look is. Where there are more values
 // than columns, a column shows the mean of its values. A table of counts is as wide as it is.
-// REQUIRES: width is at least kMinChartWidth.
-void printChart(std::ostream& out, const Chart& chart, std::size_t width, CharacterSet set);
+// In colours curves are green, bins below zero cyan, others yellow; in maps and tables the largest
+// value of a column, or a count, is green where it is right and yellow where it is wrong.
+// REQUIRES: the look is at least kMinChartWidth wide.
+void printChart(std::ostream& out, const Chart& chart, const TerminalLook& look);
 
 inline constexpr std::size_t kMinChartWidth = 24;
 

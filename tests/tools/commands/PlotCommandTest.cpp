@@ -10,6 +10,7 @@ namespace {
 using mlnn::test::contentOf;
 using mlnn::test::runShell;
 using mlnn::test::runTool;
+using mlnn::test::shownOnTerminal;
 using mlnn::test::TempFolder;
 using mlnn::test::ToolResult;
 
@@ -272,6 +273,80 @@ TEST_F(PlotRecordingsTest, doesNotReplaceRecordingsOrLabels) {
             "ERROR: the result would replace its own frames, 'b.txt'\n");
   EXPECT_EQ(plot("--labels labels.csv -o labels.csv").err,
             "ERROR: the result would replace its own labels, 'labels.csv'\n");
+}
+
+// --- Colours ---
+
+// What a terminal shows of the sketch of a model in whose histogram the first bin is below zero.
+std::string sketchOnTerminal(const std::string& environment, const std::string& options = "") {
+  const TempFolder folder;
+  folder.write("model.txt",
+               "MultiLayerNNModel_v2\nsoftmax 0\nloss 2\n8 4\n"
+               "num_layers 1\nlayer 1 size 1 4\nact_fn relu\n0 -3 0 3\n");
+  return shownOnTerminal(environment + " mlnn plot model.txt --bins 3 " + options, 80,
+                         folder.path());
+}
+
+TEST(PlotCommandTest, hasColoursOnATerminal) {
+  EXPECT_EQ(sketchOnTerminal("LC_ALL=C TERM=xterm NO_COLOR="),
+            "loss: 2 values, first 8, last 4\r\n"
+            "         8 |\x1b[32m#\x1b[0m\r\n"
+            "           |\x1b[32m#\x1b[0m\r\n"
+            "           |\x1b[32m#\x1b[0m\r\n"
+            "           |\x1b[32m#\x1b[0m\r\n"
+            "           |\x1b[32m##\x1b[0m\r\n"
+            "           |\x1b[32m##\x1b[0m\r\n"
+            "           |\x1b[32m##\x1b[0m\r\n"
+            "         0 |\x1b[32m##\x1b[0m\r\n"
+            "            1 epoch 2\r\n"
+            "\r\n"
+            "weights of layer 1: 3 weights of plain layer, 3 to 1\r\n"
+            "         1 |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "           |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "           |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "           |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "           |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "           |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "           |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "         0 |\x1b[36m#\x1b[33m##\x1b[0m\r\n"
+            "            -3 weight 3\r\n");
+}
+
+TEST(PlotCommandTest, hasNoColoursWhereTheyAreNotWanted) {
+  const std::string coloured = sketchOnTerminal("LC_ALL=C TERM=xterm NO_COLOR=");
+  const std::string plain = sketchOnTerminal("LC_ALL=C TERM=xterm NO_COLOR=1");
+  EXPECT_NE(coloured, plain);
+  EXPECT_EQ(plain.find('\x1b'), std::string::npos);
+  EXPECT_EQ(sketchOnTerminal("LC_ALL=C TERM=dumb NO_COLOR="), plain);
+  EXPECT_EQ(sketchOnTerminal("LC_ALL=C TERM=xterm NO_COLOR=", "| cat"), plain);
+  for (const char* format : {"--json", "-o -"}) {
+    const std::string shown = sketchOnTerminal("LC_ALL=C TERM=xterm NO_COLOR=", format);
+    EXPECT_EQ(shown.find('\x1b'), std::string::npos) << format;
+  }
+}
+
+// What is right is green, what is wrong is yellow.
+TEST_F(PlotRecordingsTest, colourPosteriorsAndConfusionByWhatIsRight) {
+  const std::string plot = "LC_ALL=C TERM=xterm mlnn plot model.txt --frames a.txt b.txt ";
+  const std::string shown =
+      shownOnTerminal("NO_COLOR= " + plot + "--labels labels.csv", 80, folder_.path());
+  EXPECT_EQ(shown.substr(shown.find("a.txt")),
+            "a.txt: decided no, is no\r\n"
+            "        no |\x1b[32m@@ @\x1b[0m\r\n"
+            "       yes |  \x1b[33m@\x1b[0m\r\n"
+            "            0 frame 4\r\n"
+            "\r\n"
+            "b.txt: decided yes, is no\r\n"
+            "        no | \x1b[32m+\x1b[0m\r\n"
+            "       yes |\x1b[33m@\x1b[0m+\r\n"
+            "            0 frame 2\r\n"
+            "\r\n"
+            "confusion: 1 of 2 right\r\n"
+            "     no  yes\r\n"
+            " no   \x1b[32m1\x1b[0m    \x1b[33m1\x1b[0m\r\n"
+            "yes   0    0\r\n");
+  const std::string without = shownOnTerminal("NO_COLOR= " + plot, 80, folder_.path());
+  EXPECT_NE(without.find("       yes |\x1b[32m@\x1b[0m+\r\n"), std::string::npos);  // as decided
 }
 
 TEST(PlotCommandTest, refusesWrongUsage) {

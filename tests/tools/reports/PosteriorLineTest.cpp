@@ -1,13 +1,8 @@
 #include <gtest/gtest.h>
-#include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <string>
-#include <system_error>
 
 #include "tests/support/TwoClasses.h"
 #include "tests/tools/support/ToolProcess.h"
@@ -20,6 +15,7 @@ using mlnn::OutputSide;
 using mlnn::printPosteriorLine;
 using mlnn::TerminalLook;
 using mlnn::test::posteriorsOfTwo;
+using mlnn::test::shownOnTerminal;
 
 std::string lineOf(const Eigen::MatrixXf& outputs, const TerminalLook& look,
                    bool arePosteriors = true) {
@@ -75,28 +71,6 @@ TEST(PosteriorLineTest, isNoneWithoutADecision) {
   EXPECT_EQ(lineOf(posteriorsOfTwo({1}), look, false), "");
   EXPECT_EQ(lineOf(Eigen::MatrixXf(2, 0), look), "");
   EXPECT_EQ(lineOf(posteriorsOfTwo({std::numeric_limits<float>::quiet_NaN()}), look), "");
-}
-
-// What a line of shell shows on a terminal of that width.
-std::string shownOnTerminal(const std::string& line, unsigned short width) {
-  winsize size{};
-  size.ws_row = 50;
-  size.ws_col = width;
-  int screen = -1;
-  int terminal = -1;
-  if (openpty(&screen, &terminal, nullptr, nullptr, &size) != 0) {
-    throw std::system_error(errno, std::generic_category(), "openpty");
-  }
-  const std::string device = ttyname(terminal);
-  EXPECT_EQ(mlnn::test::runShell(line + " > " + device).status, 0);
-  close(terminal);
-  std::string shown;
-  char bytes[4096];
-  for (ssize_t count = 0; (count = read(screen, bytes, sizeof bytes)) > 0;) {
-    shown.append(bytes, static_cast<std::size_t>(count));
-  }
-  close(screen);
-  return shown;
 }
 
 std::string lastLineOf(const std::string& text) {

@@ -1,12 +1,14 @@
 #include "tests/tools/support/ToolProcess.h"
 
 #include <fcntl.h>
+#include <pty.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -81,6 +83,26 @@ ToolResult runShell(const std::string& line, const std::string& folder) {
   const std::string path = fs::path(MLNN_TOOL_PATH).parent_path().string();
   const std::string prefix = "PATH='" + path + "':\"$PATH\"\n";
   return runCommand({"/bin/sh", "-c", prefix + line}, "", folder);
+}
+
+std::string shownOnTerminal(const std::string& line, unsigned short width,
+                            const std::string& folder) {
+  winsize size{};
+  size.ws_row = 50;
+  size.ws_col = width;
+  int screen = -1;
+  int terminal = -1;
+  if (openpty(&screen, &terminal, nullptr, nullptr, &size) != 0) failWithErrno("openpty");
+  const ToolResult result = runShell(line + " > " + ttyname(terminal), folder);
+  close(terminal);
+  std::string shown;
+  char bytes[4096];
+  for (ssize_t count = 0; (count = read(screen, bytes, sizeof bytes)) > 0;) {
+    shown.append(bytes, static_cast<std::size_t>(count));
+  }
+  close(screen);
+  if (result.status != 0) throw std::runtime_error(line + ": " + result.err);
+  return shown;
 }
 
 }  // namespace mlnn::test

@@ -30,4 +30,10 @@ ToolResult runToolAtMost(unsigned processorSeconds, const std::vector<std::strin
 // Runs a line of shell in which `mlnn` is the tool.
 ToolResult runShell(const std::string& line, const std::string& folder = "");
 
+// Runs a line of shell whose standard output is a terminal of that width, and which says no more
+// than some thousand bytes. Returns what the terminal shows, its lines ending in "\r\n".
+// Throws std::system_error when there is no terminal, std::runtime_error when the line fails.
+std::string shownOnTerminal(const std::string& line, unsigned short width,
+                            const std::string& folder = "");
+
 }  // namespace mlnn::test
