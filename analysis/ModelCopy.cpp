@@ -1,5 +1,6 @@
 #include "analysis/ModelCopy.h"
 
+#include "layers/WatchedLayer.h"
 #include "model/ModelSkeleton.h"
 
 namespace mlnn {
@@ -9,8 +10,7 @@ MultiLayerNNModel copyOf(const MultiLayerNNModel& model, const Watch& watch) {
   copy.loss = model.loss;
   copy.accuracy = model.accuracy;
   for (std::size_t i = 0; i < model.layers.size(); ++i) {
-    tell(watch, 0);
-    *copy.layers[i] = *model.layers[i];
+    *copy.layers[i] = copyOf(*model.layers[i], watch);
   }
   tell(watch, 0);
   return copy;

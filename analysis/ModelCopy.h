@@ -6,8 +6,8 @@
 
 namespace mlnn {
 
-// Returns a copy of everything, the properties included. `watch` is called between layers, with no
-// steps.
+// Returns a copy of everything, the properties included. `watch` is called with 0 steps, within
+// large layers too.
 // REQUIRES: no layer is missing.
 MultiLayerNNModel copyOf(const MultiLayerNNModel& model, const Watch& watch);
 

@@ -1,10 +1,12 @@
 #include "layers/NNLayer.h"
 
+#include <algorithm>
 #include <random>
 
 #include "features/EigenAssign.h"
 #include "layers/LayerArrays.h"
 #include "layers/Report.h"
+#include "layers/WatchedLayer.h"
 
 namespace {
 
@@ -14,13 +16,26 @@ std::mt19937& randomSource() {
   return source;
 }
 
+// Calls fill(begin, end) for some values at a time, which take less than some thousandths of a
+// second.
+template <typename Fill>
+void fillInPieces(Eigen::MatrixXf& values, const mlnn::Watch& watch, Fill fill) {
+  constexpr Eigen::Index kPiece = Eigen::Index{1} << 15;
+  for (Eigen::Index begin = 0; begin < values.size(); begin += kPiece) {
+    fill(begin, std::min(begin + kPiece, values.size()));
+    mlnn::tell(watch, 0);
+  }
+}
+
 // A fresh distribution for each layer, so that what a layer gets depends on the
 // source alone and not on a value that an earlier layer left over.
-void fillNormal(Eigen::MatrixXf& values, float standardDeviation) {
+void fillNormal(Eigen::MatrixXf& values, float standardDeviation, const mlnn::Watch& watch) {
   std::normal_distribution<float> standardNormal;
-  for (Eigen::Index i = 0; i < values.size(); ++i) {
-    values.data()[i] = standardDeviation * standardNormal(randomSource());
-  }
+  fillInPieces(values, watch, [&](Eigen::Index begin, Eigen::Index end) {
+    for (Eigen::Index i = begin; i < end; ++i) {
+      values.data()[i] = standardDeviation * standardNormal(randomSource());
+    }
+  });
 }
 
 bool sameWeightsShape(const NNLayer& a, const NNLayer& b) {
@@ -67,10 +82,7 @@ NNLayer::NNLayer(int numInputs, int numOutputs, bool batchNorm)
 }
 
 NNLayer::NNLayer(int numInputs, int numOutputs, float initScale, bool batchNorm)
-    : NNLayer(numInputs, numOutputs, batchNorm) {
-  fillNormal(weights, initScale);
-  gamma.setOnes();
-}
+    : NNLayer(mlnn::randomLayer(numInputs, numOutputs, initScale, batchNorm, {})) {}
 
 NNLayer::NNLayer(const NNLayer& other) = default;
 NNLayer::NNLayer(NNLayer&& other) noexcept = default;
@@ -116,4 +128,25 @@ NNLayer& NNLayer::operator*=(float factor) {
 
 void NNLayer::zeros() {
   mlnn::forEachArray(*this, [](const char*, auto& values) { values.setZero(); });
+}
+
+NNLayer mlnn::copyOf(const NNLayer& layer, const Watch& watch) {
+  NNLayer copy;
+  copy.weights.resize(layer.weights.rows(), layer.weights.cols());
+  fillInPieces(copy.weights, watch, [&](Eigen::Index begin, Eigen::Index end) {
+    std::copy_n(layer.weights.data() + begin, end - begin, copy.weights.data() + begin);
+  });
+  for (const LayerVector& vector : kLayerVectors) vector.of(copy) = vector.of(layer);
+  copy.actFn = layer.actFn;
+  copy.isBatchNorm = layer.isBatchNorm;
+  return copy;
+}
+
+NNLayer mlnn::randomLayer(int numInputs, int numOutputs, float initScale, bool batchNorm,
+                          const Watch& watch) {
+  NNLayer layer(0, numOutputs, batchNorm);
+  layer.weights.resize(numOutputs, numInputs);
+  fillNormal(layer.weights, initScale, watch);
+  layer.gamma.setOnes();
+  return layer;
 }

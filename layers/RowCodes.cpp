@@ -457,13 +457,14 @@ class CodesSink final : public ByteSink {
 
 }  // namespace
 
-std::optional<RowCodes> RowCodes::find(const float* weights, std::size_t rows, std::size_t cols) {
-  std::optional<RowScales> scales = findRowScales(weights, rows, cols);
+std::optional<RowCodes> RowCodes::find(const float* weights, std::size_t rows, std::size_t cols,
+                                       const Watch& watch) {
+  std::optional<RowScales> scales = findRowScales(weights, rows, cols, watch);
   if (!scales) return std::nullopt;
   RowCodes found{rows, cols, scales->bits, {}, {}};
   found.codes.reserve(static_cast<std::size_t>(rowCodesLength(rows, cols, scales->bits)));
   CodesSink sink(found.codes);
-  writeRowCodes(*scales, weights, rows, cols, sink);
+  writeRowCodes(*scales, weights, rows, cols, sink, watch);
   found.scales = std::move(scales->values);
   return found;
 }

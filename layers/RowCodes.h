@@ -106,8 +106,10 @@ struct RowCodes {
   std::vector<float> scales;
   std::vector<unsigned char> codes;
 
-  // Returns the codes of column-major weights; nothing where they have no such form.
-  static std::optional<RowCodes> find(const float* weights, std::size_t rows, std::size_t cols);
+  // Returns the codes of column-major weights; nothing where they have no such form. `watch` is
+  // called with 0 steps.
+  static std::optional<RowCodes> find(const float* weights, std::size_t rows, std::size_t cols,
+                                      const Watch& watch = {});
 
   // What lies in this object, as long as it stays where it is.
   RowCodesView view() const;

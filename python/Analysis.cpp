@@ -13,6 +13,7 @@
 #include "analysis/BehaviourDiff.h"
 #include "analysis/ModelAverage.h"
 #include "analysis/ModelBudget.h"
+#include "analysis/ModelCopy.h"
 #include "analysis/ModelDigest.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
@@ -56,9 +57,9 @@ py::list listFrom(const Values& values, Make make) {
 }
 
 // A file with a copy of the model, for what looks at files.
-ModelFile fileOf(const MultiLayerNNModel& model, ModelFormat format) {
+ModelFile fileOf(const MultiLayerNNModel& model, ModelFormat format, const Watch& watch) {
   ModelFile file;
-  file.model = model.clone();
+  file.model = copyOf(model, watch);
   file.format = format;
   file.textVersion = format == ModelFormat::kText ? 2 : 0;
   return file;
@@ -99,7 +100,7 @@ py::object diagnosis(const py::bytes& bytes) {
   const std::string_view file = bytes;
   const std::optional<Misfit> misfit = [file] {
     const py::gil_scoped_release othersRun;
-    return diagnose(file);
+    return diagnose(file, interruptedBySignals({}));
   }();
   if (!misfit) return py::none();
   using namespace py::literals;
@@ -112,7 +113,8 @@ py::object diagnosis(const py::bytes& bytes) {
 py::dict digest(Core& core, bool isImage) {
   const ModelDigest found = read(core, [&](const MultiLayerNNModel& model) {
     const ModelFormat format = isImage ? ModelFormat::kBinary : ModelFormat::kText;
-    return digestOf(fileOf(model, format), interruptedBySignals({&core}));
+    const Watch watch = interruptedBySignals({&core});
+    return digestOf(fileOf(model, format, watch), watch);
   });
   py::dict sections;
   for (const DigestSection& section : found.sections) {
@@ -395,7 +397,8 @@ std::shared_ptr<Core> average(const std::vector<std::shared_ptr<Core>>& models,
       const std::string why = i == 0 ? std::string() : whyNoMean(mean.first(), model);
       if (!why.empty()) throw py::value_error("model " + std::to_string(i + 1) + ": " + why);
       const CollectedMessages silence;
-      mean.add(model.clone(), shares[i], interruptedBySignals({models[i].get()}));
+      const Watch watch = interruptedBySignals({models[i].get()});
+      mean.add(copyOf(model, watch), shares[i], watch);
     });
   }
   auto made = std::make_shared<Core>();

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "analysis/ModelCopy.h"
 #include "analysis/WeightForms.h"
 #include "features/ContextWindow.h"
 #include "features/Version.h"
@@ -30,6 +31,7 @@
 #include "layers/LayerArrays.h"
 #include "layers/Messages.h"
 #include "layers/RowCodes.h"
+#include "layers/WatchedLayer.h"
 #include "model/FormatFit.h"
 #include "model/ImageReader.h"
 #include "model/ModelFile.h"
@@ -40,6 +42,7 @@
 #include "python/Analysis.h"
 #include "python/Arrays.h"
 #include "python/Core.h"
+#include "python/LayerWork.h"
 #include "text/Numbers.h"
 #include "tools/files/CArray.h"
 #include "tools/files/OutputFile.h"
@@ -134,19 +137,51 @@ void appendLayer(Core& core, int numInputs, int numOutputs, bool batchNorm) {
   });
 }
 
-std::unique_ptr<NNLayer> layerOf(const std::string& record) {
-  if (record.size() > INT32_MAX) throw py::value_error("the record of a layer is too large");
-  auto layer = std::make_unique<NNLayer>();
-  const int length = static_cast<int>(record.size());
-  if (layer->deserializeBinary(record.data(), length) != length) {
-    throw py::value_error("not the record of a layer");
-  }
-  return layer;
+// Appends a layer from its binary record.
+void appendRecord(Core& core, const py::bytes& record) {
+  std::unique_ptr<NNLayer> layer = layerOf(record);
+  write(core, [&layer](MultiLayerNNModel& model) { take(model, std::move(layer)); });
 }
 
-// Appends a layer from its binary record.
-void appendRecord(Core& core, const std::string& record) {
-  write(core, [&record](MultiLayerNNModel& model) { take(model, layerOf(record)); });
+// Makes the first layer of random weights. It is drawn before the model is locked; where there are
+// layers already, or another thread adds one meanwhile, the model refuses.
+Said createFirst(Core& core, int inputs, int outputs, float scale, bool batchNorm) {
+  refuseWhileRunning(core);
+  const bool isFirst =
+      read(core, [](const MultiLayerNNModel& model) { return model.layers.empty(); });
+  std::unique_ptr<NNLayer> layer;
+  if (isFirst) layer = drawnLayer(inputs, outputs, scale, batchNorm);
+  return heard<Writing>(core, [&](MultiLayerNNModel& model) {
+    if (layer && model.layers.empty()) {
+      take(model, std::move(layer));
+      return 0;
+    }
+    const std::lock_guard<std::mutex> alone(randomSource());
+    return model.createFirstLayer(inputs, outputs, scale, batchNorm);
+  });
+}
+
+// Adds a layer of random weights, and notes it. It is drawn before the model is locked, and anew
+// where another thread changes what it must fit meanwhile.
+Said addRandom(Core& core, int outputs, float scale, bool batchNorm) {
+  refuseWhileRunning(core);
+  for (;;) {
+    const int inputs = read(core, [](const MultiLayerNNModel& model) {
+      return model.layers.empty() ? -1 : model.numOutputs();
+    });
+    std::unique_ptr<NNLayer> layer;
+    if (inputs >= 0) layer = drawnLayer(inputs, outputs, scale, batchNorm);
+    bool isDone = true;
+    Said said = heard<Writing>(core, [&](MultiLayerNNModel& model) {
+      if (model.layers.empty()) return model.addLayerRndInit(outputs, scale, batchNorm);
+      isDone = layer != nullptr && model.numOutputs() == inputs;
+      if (!isDone) return 0;
+      take(model, std::move(layer));
+      model.notes.addRndLayer(static_cast<int>(model.layers.size()), scale);
+      return 0;
+    });
+    if (isDone) return said;
+  }
 }
 
 // Throws: py::value_error where one of the layers from `begin` to `end` does not fit the one
@@ -165,9 +200,9 @@ void requireFit(const std::vector<NNLayer*>& layers, std::size_t begin, std::siz
 // Python holds go on living in their handles.
 // Throws: py::value_error where layers would not fit those beside them; nothing changes then.
 void replaceLayers(Core& core, std::size_t begin, std::size_t end,
-                   const std::vector<std::string>& records) {
+                   const std::vector<py::bytes>& records) {
   std::vector<std::unique_ptr<NNLayer>> added;
-  for (const std::string& record : records) added.push_back(layerOf(record));
+  for (const py::bytes& record : records) added.push_back(layerOf(record));
   std::vector<std::shared_ptr<LayerHandle>> kept;  // die after the locks, which they take
   write(core, [&](MultiLayerNNModel& model) {
     std::vector<NNLayer*>& layers = model.layers;
@@ -190,18 +225,15 @@ void replaceLayers(Core& core, std::size_t begin, std::size_t end,
   });
 }
 
-// How long a record is depends on the weights, which another thread may change through a view
-// without a lock. So what is measured and then written must be a copy.
-py::bytes recordOf(const LayerHandle& handle) {
-  return py::bytes(read(*handle.core, [&handle](MultiLayerNNModel&) {
-    const NNLayer layer(*handle.layer);
-    const int length = layer.binarySerializedLength();
-    if (length < 0) throw py::value_error("the layer is too large for a record");
-    std::string record(static_cast<std::size_t>(length), '\0');
-    layer.serializeBinary(record.data());
-    return record;
-  }));
+// A copy of what another thread may change through a view without a lock: what is looked at twice
+// must be one.
+NNLayer copyOfHeld(const LayerHandle& handle) {
+  return read(*handle.core, [&handle](const MultiLayerNNModel&) {
+    return mlnn::copyOf(*handle.layer, interruptedBySignals({handle.core.get()}));
+  });
 }
+
+py::bytes recordOfHeld(const LayerHandle& handle) { return recordOf(copyOfHeld(handle)); }
 
 Eigen::VectorXf& vectorOf(NNLayer& layer, const std::string& name) {
   const mlnn::LayerVector* const vector = mlnn::layerVector(name);
@@ -249,30 +281,37 @@ void growVector(const LayerHandle& handle, const std::string& name) {
 // Returns the layer's weights as whole numbers, outputs x inputs, and a scale for each output; None
 // where they are no such numbers.
 py::object rowCodesOf(const LayerHandle& handle) {
-  const auto found = read(*handle.core, [&handle](const MultiLayerNNModel&) {
-    const Eigen::MatrixXf weights = handle.layer->weights;  // as for recordOf
-    return mlnn::RowCodes::find(weights.data(), static_cast<std::size_t>(weights.rows()),
-                                static_cast<std::size_t>(weights.cols()));
-  });
+  const NNLayer layer = copyOfHeld(handle);
+  const mlnn::Watch watch = interruptedBySignals({});
+  const auto rows = static_cast<std::size_t>(layer.weights.rows());
+  const auto cols = static_cast<std::size_t>(layer.weights.cols());
+  std::optional<mlnn::RowCodes> found;
+  {
+    const py::gil_scoped_release othersRun;
+    found = mlnn::RowCodes::find(layer.weights.data(), rows, cols, watch);
+  }
   if (!found) return py::none();
-  py::array_t<int8_t> codes({found->rows, found->cols});
+  py::array_t<int8_t> codes({rows, cols});
   int8_t* code = codes.mutable_data();
-  const mlnn::RowCodesView view = found->view();
-  for (std::size_t row = 0; row < found->rows; ++row) {
-    for (std::size_t col = 0; col < found->cols; ++col) {
-      *code++ = static_cast<int8_t>(view.code(row, col));
+  {
+    const py::gil_scoped_release othersRun;
+    const mlnn::RowCodesView view = found->view();
+    for (std::size_t row = 0; row < rows; ++row, mlnn::tell(watch, 0)) {
+      for (std::size_t col = 0; col < cols; ++col) {
+        *code++ = static_cast<int8_t>(view.code(row, col));
+      }
     }
   }
-  Frames scales(static_cast<py::ssize_t>(found->scales.size()));
-  std::copy(found->scales.begin(), found->scales.end(), scales.mutable_data());
-  return py::make_tuple(codes, scales);
+  return py::make_tuple(codes, arrayOf(found->scales.data(), found->scales.size()));
 }
 
 // --- Reading and writing ---
 
 std::shared_ptr<Core> copyOf(Core& core) {
   auto copy = std::make_shared<Core>();
-  read(core, [&copy](const MultiLayerNNModel& model) { copy->model = model.clone(); });
+  read(core, [&](const MultiLayerNNModel& model) {
+    copy->model = mlnn::copyOf(model, interruptedBySignals({&core}));
+  });
   return copy;
 }
 
@@ -380,7 +419,7 @@ py::tuple written(Core& core, const std::string& formatWord) {
   read(core, [&](const MultiLayerNNModel& model) {
     const mlnn::CollectedMessages silence;
     const mlnn::Watch watch = interruptedBySignals({&core});
-    MultiLayerNNModel ready = model.clone();  // as for recordOf
+    MultiLayerNNModel ready = mlnn::copyOf(model, watch);  // as for copyOfHeld
     const std::optional<mlnn::Fit> fit =
         mlnn::fitToFormat(ready, format, mlnn::kExactDigits, whyNot, watch);
     if (!fit) return;
@@ -460,7 +499,7 @@ Said changeCopy(Core& core, Action action) {
   refuseWhileRunning(core);
   MultiLayerNNModel copy;
   const std::size_t before = read(core, [&](const MultiLayerNNModel& model) {
-    copy = model.clone();
+    copy = mlnn::copyOf(model, interruptedBySignals({&core}));
     return core.changes;
   });
   int result = 0;
@@ -491,7 +530,7 @@ Said quantize(Core& core, const mlnn::RowQuantization& options,
       inputs ? std::optional<Columns>(columnsOf(*inputs)) : std::nullopt;
   return changeCopy(core, [&](MultiLayerNNModel& model, const mlnn::Watch& watch) {
     MultiLayerNNModel original;
-    if (columns) original = model.clone();
+    if (columns) original = mlnn::copyOf(model, watch);
     const int result = mlnn::quantizeRows(model, options, nullptr, watch);
     if (result != 0 || !columns) return result;
     return mlnn::correctBiases(original, model, *columns, watch);
@@ -797,7 +836,7 @@ void bindLayer(py::module_& module) {
       .def("weights", &weightsView)
       .def("vector", &vectorView)
       .def("grow", &growVector)
-      .def("record", &recordOf)
+      .def("record", &recordOfHeld)
       .def("row_codes", &rowCodesOf)
       .def_property(
           "act_fn",
@@ -857,20 +896,8 @@ void bindOperations(py::class_<Core, std::shared_ptr<Core>>& core) {
            [](Core& c, bool on) {
              return heardDone(c, [on](MultiLayerNNModel& m) { m.useSoftmax = on; });
            })
-      .def("create_first",
-           [](Core& c, int inputs, int outputs, float scale, bool batchNorm) {
-             return heard<Writing>(c, [=](MultiLayerNNModel& m) {
-               const std::lock_guard<std::mutex> alone(randomSource());
-               return m.createFirstLayer(inputs, outputs, scale, batchNorm);
-             });
-           })
-      .def("add_random",
-           [](Core& c, int outputs, float scale, bool batchNorm) {
-             return heard<Writing>(c, [=](MultiLayerNNModel& m) {
-               const std::lock_guard<std::mutex> alone(randomSource());
-               return m.addLayerRndInit(outputs, scale, batchNorm);
-             });
-           })
+      .def("create_first", &createFirst)
+      .def("add_random", &addRandom)
       .def("complete_norm",
            [](Core& c) {
              return heardDone(c, [](MultiLayerNNModel& m) { m.deltasNorm.allocIfNeeded(); });

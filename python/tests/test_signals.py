@@ -30,7 +30,7 @@ def runs_within(call, handle):
         raise Stopped
 
     # Of these no step is a line of Python, between which the handler could run.
-    steps = [RAISE, call, functools.partial(ended.append, True)]
+    steps = [RAISE, functools.partial(call), functools.partial(ended.append, True)]
     before = signal.signal(signal.SIGUSR1, handler)
     try:
         tuple(map(functools.partial.__call__, steps))
@@ -66,6 +66,7 @@ def square():
 
 FRAMES = 2**8, 2**18  # the fewest and the most
 WEIGHTS = 2**14, 2**25
+WEIGHTS_TO_COPY = 2**21, 2**28
 
 
 def ones(size):
@@ -108,6 +109,84 @@ def test_while_a_text_is_read():
 
 def test_while_an_array_of_c_is_written():
     assert stop(lambda size: functools.partial(wide(size)._core.c_array, "a"), *WEIGHTS)
+
+
+def counted(size):
+    """A network of so many weights that is made soon."""
+    weights = np.arange(size, dtype=np.float32).reshape(-1, 256)
+    return mlnn.Model.from_arrays([(weights, np.zeros(len(weights)))])
+
+
+def coded(size):
+    """The same with weights that are whole multiples."""
+    model = counted(size)
+    model.layers[0].weights %= 127
+    return model
+
+
+def test_while_a_model_is_copied():
+    assert stop(lambda size: counted(size)._core.copy, *WEIGHTS_TO_COPY)
+
+
+def test_while_a_layer_becomes_bytes():
+    assert stop(lambda size: counted(size).layers[0]._layer.record, *WEIGHTS_TO_COPY)
+    assert stop(lambda size: coded(size).layers[0]._layer.record, *WEIGHTS)
+
+
+def test_while_a_layer_is_made_of_bytes():
+    model = mlnn.Model()
+
+    def append(size):
+        model.layers = []  # nor what was too short to be stopped
+        return functools.partial(model._core.append_record, counted(size).layers[0]._layer.record())
+
+    assert stop(append, *WEIGHTS_TO_COPY)
+    assert not model.layers
+
+
+def test_while_the_codes_of_weights_are_sought():
+    assert stop(lambda size: coded(size).layers[0]._layer.row_codes, *WEIGHTS)
+
+
+def test_a_layer_that_is_not_drawn_to_the_end_is_not_there():
+    rows = WEIGHTS[0] // 256, WEIGHTS[1] // 256
+    model = mlnn.Model()
+
+    def first(outputs):
+        model.layers = []
+        return functools.partial(model._core.create_first, 256, outputs, 0.1, False)
+
+    def draw():
+        mlnn.Model().create_first_layer(2, 2)  # which a handler may, too
+
+    assert stop(first, *rows, draw)
+    assert not model.layers
+    model.create_first_layer(3, 256)
+    before = model.copy()
+
+    def second(outputs):
+        model.layers[1:] = []
+        model.notes = []
+        return functools.partial(model._core.add_random, outputs, 0.1, True)
+
+    assert stop(second, *rows, draw)
+    assert model == before
+
+
+def test_a_handler_may_change_what_a_layer_must_fit():
+    model = mlnn.Model()
+    model.create_first_layer(2, 256)
+
+    def handler(*_):
+        model.layers = [(np.zeros((3, 2)), np.zeros(3))]
+
+    before = signal.signal(signal.SIGUSR1, handler)
+    try:
+        tuple(map(functools.partial.__call__, [RAISE, functools.partial(model._core.add_random, 2**12, 0.1, False)]))
+        time.sleep(0.01)
+    finally:
+        signal.signal(signal.SIGUSR1, before)
+    assert len(model.layers) == 1 or model.layers[1].num_inputs == 3
 
 
 def test_a_model_that_is_not_quantised_to_the_end_stays_as_it_is():

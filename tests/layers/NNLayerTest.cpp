@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstddef>
 #include <limits>
 #include <random>
 #include <utility>
 
 #include "layers/NNLayer.h"
+#include "layers/WatchedLayer.h"
 #include "tests/support/AllocationWatch.h"
 #include "tests/support/CaptureStderr.h"
 #include "tests/support/TestModels.h"
@@ -148,6 +150,56 @@ TEST(NNLayerRandom, seedRestartsTheSequenceAndDrawsGoOn) {
 TEST(NNLayerRandom, sourceStartsWithAFixedSeed) {
   NNLayer::seedRandom(std::mt19937::default_seed);
   EXPECT_TRUE(sameLayer(NNLayer(3, 2, 1.0f, false), kFirstLayerOfTheProcess));
+}
+
+// --- Step by step ---
+
+// Of more than one piece.
+constexpr int kLargeInputs = 300;
+constexpr int kLargeOutputs = 400;
+
+TEST(NNLayerSteps, drawTheLayerOfTheConstructor) {
+  for (const bool batchNorm : {false, true}) {
+    NNLayer::seedRandom(5);
+    const NNLayer expected(kLargeInputs, kLargeOutputs, 0.5f, batchNorm);
+    const NNLayer next(1, 1, 1.0f, false);
+    NNLayer::seedRandom(5);
+    int looks = 0;
+    const auto watch = [&looks](std::size_t steps) { looks += steps == 0 ? 1 : 100; };
+    EXPECT_TRUE(sameLayer(mlnn::randomLayer(kLargeInputs, kLargeOutputs, 0.5f, batchNorm, watch),
+                          expected));
+    EXPECT_GT(looks, 1);
+    EXPECT_LT(looks, 100);
+    EXPECT_TRUE(sameLayer(NNLayer(1, 1, 1.0f, false), next));
+  }
+}
+
+TEST(NNLayerSteps, letOthersDraw) {
+  NNLayer::seedRandom(6);
+  const NNLayer alone = mlnn::randomLayer(kLargeInputs, kLargeOutputs, 1.0f, false, {});
+  NNLayer::seedRandom(6);
+  const auto watch = [](std::size_t) { const NNLayer other(1, 1, 1.0f, false); };
+  const NNLayer shared = mlnn::randomLayer(kLargeInputs, kLargeOutputs, 1.0f, false, watch);
+  EXPECT_TRUE(sameBits(shared.weights.col(0), alone.weights.col(0)));
+  EXPECT_FALSE(sameBits(shared.weights.col(kLargeInputs - 1), alone.weights.col(kLargeInputs - 1)));
+}
+
+TEST(NNLayerSteps, copyEverything) {
+  const NNLayer layers[] = {NNLayer(),
+                            plainLayer(3, 2),
+                            batchNormLayer(3, 2),
+                            foldedLayer(1, 7),
+                            NNLayer(0, 4, false),
+                            NNLayer(4, 0, true),
+                            NNLayer(kLargeInputs, kLargeOutputs, 1.0f, true)};
+  for (const NNLayer& layer : layers) EXPECT_TRUE(sameLayer(mlnn::copyOf(layer, {}), layer));
+}
+
+TEST(NNLayerSteps, areStoppedByWhatTheWatchThrows) {
+  const auto stop = [](std::size_t) { throw 1; };
+  const NNLayer layer = plainLayer(3, 2);
+  EXPECT_THROW(mlnn::copyOf(layer, stop), int);
+  EXPECT_THROW(mlnn::randomLayer(3, 2, 1.0f, false, stop), int);
 }
 
 // --- Copying and moving ---
