@@ -84,6 +84,7 @@ class MLNN_EXPORT RecordingInputs {
   // The same vectors for frames that come some at a time.
   class MLNN_EXPORT Arriving {
    public:
+    // For one recording, of which no frame has come yet. The inputs need not outlive it.
     explicit Arriving(const RecordingInputs& inputs);
 
     // How many vectors a block has at most.
