@@ -1,44 +1,15 @@
 #include "python/LayerWork.h"
 
-#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
 
-#include "layers/ByteIo.h"
 #include "layers/NNLayerRecord.h"
 #include "layers/WatchedLayer.h"
 #include "model/MemoryStream.h"
 #include "python/Core.h"
+#include "python/WatchedBytes.h"
 
 namespace mlnn::python {
-namespace {
-
-// Puts bytes into memory a piece at a time.
-class WatchedBytes final : public ByteSink {
- public:
-  WatchedBytes(char* target, const Watch& watch) : target_(target), watch_(watch) {}
-
-  void take(const void* bytes, std::size_t count) override {
-    constexpr std::size_t kPiece = std::size_t{1} << 20;
-    const char* from = static_cast<const char*>(bytes);
-    while (count > 0) {
-      const std::size_t piece = std::min(count, kPiece);
-      std::memcpy(target_, from, piece);
-      target_ += piece;
-      from += piece;
-      count -= piece;
-      tell(watch_, 0);
-    }
-  }
-
- private:
-  char* target_;
-  const Watch& watch_;
-};
-
-}  // namespace
-
 py::bytes recordOf(const NNLayer& layer) {
   const Watch watch = interruptedBySignals({});
   WeightsPlan plan;
@@ -49,15 +20,8 @@ py::bytes recordOf(const NNLayer& layer) {
     length = recordLength(layer, plan);
   }
   if (length > INT32_MAX) throw py::value_error("the layer is too large for a record");
-  const auto size = static_cast<py::ssize_t>(length);
-  py::object record = py::reinterpret_steal<py::object>(PyBytes_FromStringAndSize(nullptr, size));
-  if (!record) throw py::error_already_set();
-  WatchedBytes bytes(PyBytes_AS_STRING(record.ptr()), watch);
-  {
-    const py::gil_scoped_release othersRun;
-    writeRecord(layer, plan, bytes);
-  }
-  return py::reinterpret_steal<py::bytes>(record.release());
+  return bytesOf(static_cast<std::size_t>(length), watch,
+                 [&](ByteSink& sink) { writeRecord(layer, plan, sink); });
 }
 
 std::unique_ptr<NNLayer> layerOf(std::string_view record) {

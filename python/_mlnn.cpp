@@ -13,8 +13,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <ostream>
 #include <shared_mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -43,6 +43,7 @@
 #include "python/Arrays.h"
 #include "python/Core.h"
 #include "python/LayerWork.h"
+#include "python/WatchedBytes.h"
 #include "text/Numbers.h"
 #include "tools/files/CArray.h"
 #include "tools/files/OutputFile.h"
@@ -372,40 +373,59 @@ mlnn::ModelFormat formatOf(const std::string& word) {
   throw py::value_error("no format '" + word + "'");
 }
 
-// A text in memory that tells a watch of what is written, and hands on what that throws.
-class WatchedText : public std::stringbuf {
- public:
-  explicit WatchedText(const mlnn::Watch& told) : std::stringbuf(std::ios::out), watch(told) {}
-
- protected:
-  std::streamsize xsputn(const char* text, std::streamsize length) override {
-    if (watch) watch(static_cast<std::size_t>(length));
-    return std::stringbuf::xsputn(text, length);
-  }
-
- private:
-  const mlnn::Watch& watch;
-};
-
-// What `write` writes into a stream, which the watch can stop.
+// What `write` writes into a stream, which the watch of the pieces can stop.
 template <typename Write>
-std::string textFrom(const mlnn::Watch& watch, Write write) {
-  WatchedText text(watch);
+void writeInto(TextPieces& text, Write write) {
   std::ostream out(&text);
   out.exceptions(std::ios::badbit);  // else the stream would keep what is thrown
   write(out);
-  return text.str();
 }
 
-// The model in the bytes of a file, after it was made ready for the format.
-std::string bytesOf(const MultiLayerNNModel& model, mlnn::ModelFormat format, std::string& whyNot,
-                    const mlnn::Watch& watch) {
-  if (format == mlnn::ModelFormat::kText) {
-    return textFrom(
-        watch, [&model](std::ostream& out) { mlnn::writeText(model, mlnn::kExactDigits, out); });
+// A copy of a model, made ready for a format; what the format cannot hold; and why the model cannot
+// be written, "" where it can.
+struct Ready {
+  MultiLayerNNModel model;
+  py::list lost;
+  std::string whyNot;
+
+  py::tuple with(const py::object& content) const {
+    return py::make_tuple(content, lost, py::bytes(whyNot));
   }
-  const std::optional<std::vector<char>> image = mlnn::imageOf(model, whyNot, watch);
-  return image ? std::string(image->begin(), image->end()) : std::string();
+};
+
+Ready readyFor(Core& core, mlnn::ModelFormat format) {
+  Ready ready;
+  std::vector<std::string> lost;
+  read(core, [&](const MultiLayerNNModel& model) {
+    const mlnn::CollectedMessages silence;
+    const mlnn::Watch watch = interruptedBySignals({&core});
+    ready.model = mlnn::copyOf(model, watch);  // as for copyOfHeld
+    const std::optional<mlnn::Fit> fit =
+        mlnn::fitToFormat(ready.model, format, mlnn::kExactDigits, ready.whyNot, watch);
+    if (fit) lost = fit->lost;
+  });
+  for (const std::string& line : lost) {
+    ready.lost.append(py::bytes(mlnn::describe(format) + " does not hold " + line));
+  }
+  return ready;
+}
+
+// Returns the image of a model that was made ready for it; nothing where it cannot be written.
+std::optional<std::vector<char>> imageOf(Ready& ready, const mlnn::Watch& watch) {
+  if (!ready.whyNot.empty()) return std::nullopt;
+  const py::gil_scoped_release othersRun;
+  const mlnn::CollectedMessages silence;
+  return mlnn::imageOf(ready.model, ready.whyNot, watch);
+}
+
+py::bytes textOf(const MultiLayerNNModel& model, const mlnn::Watch& watch) {
+  TextPieces text(watch);
+  {
+    const py::gil_scoped_release othersRun;
+    const mlnn::CollectedMessages silence;
+    writeInto(text, [&](std::ostream& out) { mlnn::writeText(model, mlnn::kExactDigits, out); });
+  }
+  return bytesOf(text.length(), watch, [&](mlnn::ByteSink& sink) { text.writeTo(sink); });
 }
 
 // Writes a copy of the model, made ready for the format.
@@ -413,24 +433,15 @@ std::string bytesOf(const MultiLayerNNModel& model, mlnn::ModelFormat format, st
 // can.
 py::tuple written(Core& core, const std::string& formatWord) {
   const mlnn::ModelFormat format = formatOf(formatWord);
-  std::string bytes;
-  std::string whyNot;
-  std::vector<std::string> lost;
-  read(core, [&](const MultiLayerNNModel& model) {
-    const mlnn::CollectedMessages silence;
-    const mlnn::Watch watch = interruptedBySignals({&core});
-    MultiLayerNNModel ready = mlnn::copyOf(model, watch);  // as for copyOfHeld
-    const std::optional<mlnn::Fit> fit =
-        mlnn::fitToFormat(ready, format, mlnn::kExactDigits, whyNot, watch);
-    if (!fit) return;
-    for (const std::string& line : fit->lost) {
-      lost.push_back(mlnn::describe(format) + " does not hold " + line);
-    }
-    bytes = bytesOf(ready, format, whyNot, watch);
-  });
-  py::list lines;
-  for (const std::string& line : lost) lines.append(py::bytes(line));
-  return py::make_tuple(py::bytes(bytes), lines, py::bytes(whyNot));
+  const mlnn::Watch watch = interruptedBySignals({});
+  Ready ready = readyFor(core, format);
+  if (!ready.whyNot.empty()) return ready.with(py::bytes());
+  if (format == mlnn::ModelFormat::kText) return ready.with(textOf(ready.model, watch));
+  const std::optional<std::vector<char>> image = imageOf(ready, watch);
+  if (!image) return ready.with(py::bytes());
+  return ready.with(bytesOf(image->size(), watch, [&](mlnn::ByteSink& sink) {
+    sink.take(image->data(), image->size());
+  }));
 }
 
 // Returns the bytes of an image as a source of C and C++ that defines `symbol`, of a model that was
@@ -438,17 +449,18 @@ py::tuple written(Core& core, const std::string& formatWord) {
 py::tuple cArray(Core& core, const std::string& symbol) {
   if (!mlnn::isCName(symbol))
     throw py::value_error("'" + symbol + "' is no name for a variable in C and C++");
-  const py::tuple image = written(core, "image");
-  const std::string bytes = image[0].cast<std::string>();
-  if (bytes.empty()) return image;
-  const std::string text = read(core, [&](const MultiLayerNNModel& model) {
-    const mlnn::Watch watch = interruptedBySignals({&core});
-    const std::string remark = mlnn::quantizedText(model, watch);
-    return textFrom(watch, [&](std::ostream& out) {
-      mlnn::writeCArray({bytes.begin(), bytes.end()}, symbol, remark, out);
-    });
-  });
-  return py::make_tuple(text, image[1], image[2]);
+  const mlnn::Watch watch = interruptedBySignals({});
+  Ready ready = readyFor(core, mlnn::ModelFormat::kBinary);
+  const std::optional<std::vector<char>> image = imageOf(ready, watch);
+  if (!image) return ready.with(py::bytes());
+  TextPieces text(watch);
+  {
+    const py::gil_scoped_release othersRun;
+    const std::string remark = mlnn::quantizedText(ready.model, watch);
+    writeInto(text, [&](std::ostream& out) { mlnn::writeCArray(*image, symbol, remark, out); });
+  }
+  return ready.with(
+      asciiOf(text.length(), watch, [&](mlnn::ByteSink& sink) { text.writeTo(sink); }));
 }
 
 // --- Operations on two models ---
