@@ -29,7 +29,7 @@ export class Browser {
 
   static async start(...options) {
     const browser = new Browser();
-    browser.#profile = await mkdtemp(join(tmpdir(), 'mlnn-viewer-'));
+    browser.#profile = await mkdtemp(join(tmpdir(), 'mlnn-browser-'));
     browser.#process = spawn('chromium', ['--headless=new', '--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage',
       '--force-device-scale-factor=1', '--font-render-hinting=none', '--disable-lcd-text', '--hide-scrollbars',
       '--autoplay-policy=no-user-gesture-required', '--remote-debugging-port=0', `--user-data-dir=${browser.#profile}`,
@@ -115,6 +115,11 @@ export class Page {
       { expression, awaitPromise: true, returnByValue: true, userGesture: true });
     if (exceptionDetails) throw new Error(exceptionDetails.exception?.description ?? exceptionDetails.text);
     return result.value;
+  }
+
+  // The addresses of what came neither from the page's folder nor from the page itself.
+  fetchedElsewhere() {
+    return this.requests.filter((address) => !/^(file|blob|data):/.test(address));
   }
 
   until(expression, what = expression) {

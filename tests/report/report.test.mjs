@@ -8,8 +8,8 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, before, test } from 'node:test';
 import { fileURLToPath, pathToFileURL } from 'node:url';
-import { seriousFindings } from '../viewer/axe.mjs';
-import { Browser } from '../viewer/browser.mjs';
+import { seriousFindings } from '../browser/axe.mjs';
+import { Browser } from '../browser/browser.mjs';
 
 const root = fileURLToPath(new URL('../../', import.meta.url));
 const digits = join(root, 'examples/digits');

@@ -1,13 +1,14 @@
 // Every page of the site in headless Chromium, as a telephone and as a screen show it, in light and in dark.
 //
-// MLNN_SITE is the folder with the pages. They are opened as files, without a server: what they need of others
+// MLNN_SITE is the folder with the pages, MLNN_AXE the source of axe-core. They are opened as files, without a server: what they need of others
 // would not come.
 import assert from 'node:assert/strict';
 import { readdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test } from 'node:test';
 import { pathToFileURL } from 'node:url';
-import { Browser } from '../viewer/browser.mjs';
+import { seriousFindings } from '../browser/axe.mjs';
+import { Browser } from '../browser/browser.mjs';
 
 const folder = process.env.MLNN_SITE;
 const pages = readdirSync(folder, { recursive: true }).filter((name) => name.endsWith('.html')).sort();
@@ -45,8 +46,8 @@ test('every page is whole', async (t) => {
   for (const name of pages) {
     for (const look of [telephone, screen]) {
       const page = await browser.open(pathToFileURL(join(folder, name)).href, look);
-      const found = [...await page.evaluate(findings), ...page.faults,
-        ...page.requests.filter((address) => !/^(file|data):/.test(address))];
+      const found = [...await page.evaluate(findings), ...page.faults, ...page.fetchedElsewhere(),
+        ...await seriousFindings(page)];
       if (found.length > 0) faults[`${name}, ${look.width} pixels`] = found;
       await page.close();
     }

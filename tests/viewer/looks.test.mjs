@@ -7,8 +7,8 @@ import { mkdir, mkdtemp, readFile, rm, writeFile } from 'node:fs/promises';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, before, test } from 'node:test';
-import { seriousFindings } from './axe.mjs';
-import { Browser } from './browser.mjs';
+import { seriousFindings } from '../browser/axe.mjs';
+import { Browser } from '../browser/browser.mjs';
 import { inTree, show, viewer } from './support.mjs';
 
 const share = 0.01;    // of pixels that may differ

@@ -1,12 +1,13 @@
 // The tab that shows models, in headless Chromium, beside what the tool says of the same files.
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
+import { statSync } from 'node:fs';
 import { mkdtemp, readFile, rm, writeFile } from 'node:fs/promises';
 import { createServer } from 'node:http';
 import { tmpdir } from 'node:os';
 import { basename, dirname, join } from 'node:path';
 import { after, afterEach, before, beforeEach, test } from 'node:test';
-import { Browser } from './browser.mjs';
+import { Browser } from '../browser/browser.mjs';
 import { facts, forget, inTree, rowsOf, settled, show, tool, viewer } from './support.mjs';
 
 const synth = inTree('examples/digits/synth.txt');
@@ -26,7 +27,7 @@ beforeEach(async () => {
 });
 afterEach(async () => {
   assert.deepEqual(page.faults, []);
-  assert.deepEqual(page.requests.filter((address) => !/^(file|blob|data):/.test(address)), []);
+  assert.deepEqual(page.fetchedElsewhere(), []);
   await page.close();
 });
 
@@ -179,20 +180,28 @@ test('what a hostile file says is shown as text', async () => {
   assert.ok((await page.text('viewer-report')).includes('onerror'));
 });
 
-test('the largest network is shown while the page stays awake', async () => {
-  const large = join(folder, 'large.mlnn');
-  tool(['new', '1320,4096,4096,2600', large]);
+// Says in the output how long that took, and for how long at most the page did nothing else.
+async function expectShownAwake(file, ...options) {
   await page.evaluate(`{ window.longest = 0; let last = performance.now();
     const tick = () => { const now = performance.now(); window.longest = Math.max(window.longest, now - last); last = now;
       window.ticking = setTimeout(tick, 10); }; tick(); }`);
   await page.evaluate(`{ window.stages = new Set(); new MutationObserver(() =>
     window.stages.add(document.getElementById('viewer-status').textContent))
     .observe(document.getElementById('viewer-status'), { childList: true }); }`);
-  await expectShown(large);
+  await expectShown(file, ...options);
   const stages = await page.evaluate('[...window.stages]');
-  assert.ok(stages.includes('reading large.mlnn'), String(stages));
-  console.log(`large.mlnn: ${await page.text('viewer-status')} The page was away for ` +
+  assert.ok(stages.includes(`reading ${basename(file)}`), String(stages));
+  console.log(`${basename(file)}: ${statSync(file).size} bytes. ${await page.text('viewer-status')} The page was away for ` +
     `${(await page.evaluate('window.longest')).toFixed(0)} ms at most.`);
+}
+
+test('the largest network is shown while the page stays awake, as an image and as a text', async () => {
+  const image = join(folder, 'large.mlnn');
+  const text = join(folder, 'large.txt');
+  tool(['new', '1320,4096,4096,2600', image]);
+  tool(['convert', image, text]);
+  await expectShownAwake(image);
+  await expectShownAwake(text);
 });
 
 test('stopped work says so, and the next goes on', async () => {

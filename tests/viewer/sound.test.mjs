@@ -4,7 +4,7 @@ import { mkdtemp, readFile, rm, writeFile } from 'node:fs/promises';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { test } from 'node:test';
-import { Browser } from './browser.mjs';
+import { Browser } from '../browser/browser.mjs';
 import { inTree, viewer } from './support.mjs';
 
 const wavOf = (name) => inTree(`examples/digits/wav/${name}.wav`);
@@ -23,7 +23,7 @@ async function inBrowser(options, work) {
     const page = await browser.open(viewer);
     await work(page);
     assert.deepEqual(page.faults, []);
-    assert.deepEqual(page.requests.filter((address) => !/^(file|blob|data):/.test(address)), []);
+    assert.deepEqual(page.fetchedElsewhere(), []);
   } finally {
     await browser.close();
   }
