@@ -70,9 +70,18 @@ def cache(tmp_path_factory):
 
 
 @pytest.fixture
-def mypy(tmp_path, cache):
+def sources(tmp_path):
+    """A folder that has the package alone: where it is installed, mypy takes nothing for sources."""
+    folder = tmp_path / "sources"
+    folder.mkdir()
+    (folder / "mlnn").symlink_to(PACKAGE)
+    return folder
+
+
+@pytest.fixture
+def mypy(tmp_path, sources, cache):
     pytest.importorskip("mypy")
-    environment = {**os.environ, "MYPYPATH": str(PACKAGE.parent), "MYPY_CACHE_DIR": str(cache)}
+    environment = {**os.environ, "MYPYPATH": str(sources), "MYPY_CACHE_DIR": str(cache)}
 
     def run(module, *arguments):
         done = subprocess.run(
@@ -83,9 +92,9 @@ def mypy(tmp_path, cache):
     return run
 
 
-def test_the_package_and_its_use_hold(mypy, tmp_path):
+def test_the_package_and_its_use_hold(mypy, tmp_path, sources):
     (tmp_path / "use.py").write_text(USE)
-    assert mypy("mypy", "--config-file", CONFIGURATION, "use.py", PACKAGE) == (0, CLEAN)
+    assert mypy("mypy", "--config-file", CONFIGURATION, "use.py", sources / "mlnn") == (0, CLEAN)
 
 
 def test_wrong_use_is_found(mypy, tmp_path):
