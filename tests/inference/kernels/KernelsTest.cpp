@@ -68,6 +68,14 @@ uint32_t bitsOf(float value) {
   return bits;
 }
 
+void expectBits(const std::vector<float>& expected, const std::vector<float>& found) {
+  ASSERT_EQ(expected.size(), found.size());
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    if (bitsOf(expected[i]) == bitsOf(found[i])) continue;
+    FAIL() << "value " << i << ": expected " << expected[i] << ", but found " << found[i];
+  }
+}
+
 // How far kernels that do not fuse may lie away for one frame: docs/forward-pass.md derives it.
 double allowedError(const Layer& layer, const Eigen::VectorXf& x) {
   const Eigen::VectorXd sizes =
@@ -100,6 +108,7 @@ void expectFrame(const Kernels& kernels, const Layer& layer, const Eigen::Matrix
                  Eigen::Index frame, const std::vector<float>& expected, const float* found) {
   const double allowed = kernels.fuses ? 0 : allowedError(layer, x.col(frame));
   for (std::size_t row = 0; row < expected.size(); ++row) {
+    if (bitsOf(expected[row]) == bitsOf(found[row])) continue;  // a trace takes longer than that
     SCOPED_TRACE(testing::Message() << "frame " << frame << " row " << row);
     ASSERT_NO_FATAL_FAILURE(expectAgree(kernels, expected[row], found[row], allowed));
   }
@@ -200,9 +209,7 @@ void expectRowCodes(const Kernels& kernels, const Layer& layer) {
   Scratch scratch(layer.view.rows, 1);
   kernels.matrixVector(layer.view, x.data(), expected.data(), scratch.data());
   kernels.rowCodesVector(coded, x.data(), found.data());
-  for (std::size_t i = 0; i < found.size(); ++i) {
-    ASSERT_EQ(bitsOf(found[i]), bitsOf(expected[i])) << i;
-  }
+  ASSERT_NO_FATAL_FAILURE(expectBits(expected, found));
 }
 
 TEST(KernelsRowCodes, giveTheBitsThatTheWeightsGive) {
@@ -351,10 +358,10 @@ void expectSomeRows(const Kernels& kernels, const Layer& layer, std::size_t firs
     kernels.matrixFrames(layer.view, x.data(), cols, whole.data(), rows, frames, scratch.data());
     kernels.matrixFrames(some, x.data(), cols, found.data() + first, rows, frames, scratch.data());
   }
-  for (std::size_t i = 0; i < found.size(); ++i) {
-    const bool isInside = i % rows >= first && i % rows < last;
-    ASSERT_EQ(bitsOf(found[i]), bitsOf(isInside ? whole[i] : kMarker)) << i;
+  for (std::size_t i = 0; i < whole.size(); ++i) {
+    if (i % rows < first || i % rows >= last) whole[i] = kMarker;
   }
+  ASSERT_NO_FATAL_FAILURE(expectBits(whole, found));
 }
 
 TEST(Kernels, giveSomeRowsTheBitsThatTheyHaveInTheWholeLayer) {
