@@ -52,3 +52,14 @@ function(mlnn_precompile target)
     endif()
   endif()
 endfunction()
+
+# Targets whose sources are compiled some at a time: a build of everything takes less time, since what they have
+# in common is compiled once. Not those that are named behind the target: they have names to themselves that
+# others have too, or include themselves.
+set(MLNN_IN_BATCHES "" CACHE STRING "Targets to compile in batches, for builds that compile all of them once")
+function(mlnn_compile_in_batches target)
+  if("${target}" IN_LIST MLNN_IN_BATCHES)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+  endif()
+endfunction()
