@@ -87,6 +87,7 @@ Core::Core() {
 
 Core::~Core() {
   delete sparePass.load();
+  delete spareIntegers.load();
   const std::lock_guard<std::mutex> lock(live().mutex);
   live().cores.erase(this);
 }

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "features/Watch.h"
+#include "inference/IntegerFwdPass.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "layers/Messages.h"
 #include "model/MultiLayerNNModel.h"
@@ -31,6 +32,13 @@ namespace mlnn::python {
 namespace py = pybind11;
 
 class LayerHandle;
+
+// A pass in integers, which has copies of a model's weights, and what it was made of.
+struct IntegerPass {
+  std::size_t changes;  // of the model, so far
+  WideInputs wideInputs;
+  std::unique_ptr<IntegerFwdPass> pass;
+};
 
 // A model, its lock, and the layers that Python holds.
 struct Core {
@@ -42,12 +50,17 @@ struct Core {
   MultiLayerNNModel model;
   std::shared_mutex mutex;
   std::mutex handlesMutex;  // taken after the other one where both are
-  std::size_t changes = 0;  // how often the model was locked for writing
+  // How often the model was locked for writing, or an array of it handed out.
+  std::atomic<std::size_t> changes = 0;
   std::map<NNLayer*, std::weak_ptr<LayerHandle>> handles;
 
   // A forward pass over the model that nobody uses just now, or null. Whoever takes it, leaves
   // null.
   std::atomic<NNFwdPassFromFile*> sparePass = nullptr;
+
+  // The same in integers. It counts where nothing has changed the model since: no call, and no
+  // array that Python had been given.
+  std::atomic<IntegerPass*> spareIntegers = nullptr;
 };
 
 using Reading = std::shared_lock<std::shared_mutex>;

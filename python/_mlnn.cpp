@@ -253,6 +253,7 @@ py::list layerVectors() {
 
 // A NumPy array over the layer's own values, outputs x inputs.
 py::array weightsView(const std::shared_ptr<LayerHandle>& handle) {
+  ++handle->core->changes;  // may come through the array at any time
   const Columns seen = read(*handle->core, [&handle](const MultiLayerNNModel&) {
     const Eigen::MatrixXf& weights = handle->layer->weights;
     return Columns(weights.data(), weights.rows(), weights.cols(),
@@ -264,6 +265,7 @@ py::array weightsView(const std::shared_ptr<LayerHandle>& handle) {
 }
 
 py::array vectorView(const std::shared_ptr<LayerHandle>& handle, const std::string& name) {
+  ++handle->core->changes;
   const auto [data, size] = read(*handle->core, [&](const MultiLayerNNModel&) {
     Eigen::VectorXf& vector = vectorOf(*handle->layer, name);
     return std::make_pair(vector.data(), py::ssize_t{vector.size()});
@@ -474,8 +476,8 @@ Said add(Core& core, Core& other) {
     Writing mine(core.mutex, std::defer_lock);
     Reading theirs(other.mutex, std::defer_lock);
     std::lock(mine, theirs);
-    const mlnn::CollectedMessages said;
     ++core.changes;
+    const mlnn::CollectedMessages said;
     core.model += other.model;
     messages = said.messages();
   }
@@ -512,7 +514,7 @@ Said changeCopy(Core& core, Action action) {
   MultiLayerNNModel copy;
   const std::size_t before = read(core, [&](const MultiLayerNNModel& model) {
     copy = mlnn::copyOf(model, interruptedBySignals({&core}));
-    return core.changes;
+    return core.changes.load();
   });
   int result = 0;
   std::vector<mlnn::Message> messages;
@@ -574,22 +576,45 @@ std::optional<mlnn::WideInputs> wideInputsOf(const std::optional<std::string>& w
   return *words == "all" ? mlnn::WideInputs::kAll : mlnn::WideInputs::kNone;
 }
 
-// REQUIRES: the model can be evaluated.
-std::optional<Eigen::MatrixXf> outputsOf(const MultiLayerNNModel& model, const Columns& columns,
+// Takes the pass in integers that nobody uses, or makes one. Its pass is null where there is none.
+std::unique_ptr<IntegerPass> takeIntegers(Core& core, mlnn::WideInputs wideInputs) {
+  const std::size_t changes = core.changes;
+  std::unique_ptr<IntegerPass> spare(core.spareIntegers.exchange(nullptr));
+  if (spare && spare->changes == changes && spare->wideInputs == wideInputs) return spare;
+  spare.reset();
+  return std::make_unique<IntegerPass>(
+      IntegerPass{changes, wideInputs, mlnn::IntegerFwdPass::create(core.model, wideInputs)});
+}
+
+// Leaves it for the next call, unless an array may change the model by then.
+void giveBack(Core& core, std::unique_ptr<IntegerPass> integers) {
+  integers->pass->setThreads(nullptr);
+  {
+    const std::lock_guard<std::mutex> handlesLock(core.handlesMutex);
+    if (!core.handles.empty()) return;
+  }
+  delete core.spareIntegers.exchange(integers.release());
+}
+
+// REQUIRES: the model can be evaluated, and is locked.
+std::optional<Eigen::MatrixXf> outputsOf(Core& core, const Columns& columns,
                                          const mlnn::RecordingInputs& inputs,
-                                         std::optional<mlnn::WideInputs> integers, int threads,
-                                         const mlnn::Watch& watch) {
+                                         std::optional<mlnn::WideInputs> wideInputs, int threads) {
+  const mlnn::Watch watch = interruptedBySignals({&core});
   const std::shared_ptr<mlnn::Threads> shared =
       threads > 1 ? mlnn::Threads::start(threads) : nullptr;
-  if (!integers) {
-    NNFwdPassFromFile pass(model);
+  if (!wideInputs) {
+    NNFwdPassFromFile pass(core.model);
     pass.setThreads(shared);
     return mlnn::evaluateFrames(pass, columns, inputs, watch);
   }
-  const std::unique_ptr<mlnn::IntegerFwdPass> pass = mlnn::IntegerFwdPass::create(model, *integers);
-  if (pass == nullptr) return std::nullopt;
-  pass->setThreads(shared);
-  return mlnn::evaluateFrames(*pass, columns, inputs, watch);
+  std::unique_ptr<IntegerPass> integers = takeIntegers(core, *wideInputs);
+  if (integers->pass == nullptr) return std::nullopt;
+  integers->pass->setThreads(shared);
+  std::optional<Eigen::MatrixXf> outputs =
+      mlnn::evaluateFrames(*integers->pass, columns, inputs, watch);
+  giveBack(core, std::move(integers));
+  return outputs;
 }
 
 // Runs the model over one recording. `stacked` says whether the frames are input vectors, nothing
@@ -609,8 +634,8 @@ py::object evaluate(Core& core, const Frames& frames, std::optional<bool> stacke
         model, columns.rows(), stacked.value_or(false), "the recording", whyNot);
     isTaken = inputs && !(inputs->areStacked() && stacked == false);
     if (!isTaken) return 0;
-    std::optional<Eigen::MatrixXf> results = outputsOf(
-        model, columns, *inputs, wideInputsOf(integers), threads, interruptedBySignals({&core}));
+    std::optional<Eigen::MatrixXf> results =
+        outputsOf(core, columns, *inputs, wideInputsOf(integers), threads);
     if (!results) return 1;
     *outputs = *std::move(results);
     return 0;

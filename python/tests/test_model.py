@@ -676,6 +676,65 @@ def test_integers_are_those_of_the_definition(words, most):
     assert (outputs != model(inputs, stacked=True)).any()
 
 
+def test_integers_follow_every_change_of_the_model():
+    """A pass in integers keeps copies of the weights, for the next call."""
+    random = np.random.default_rng(4)
+    inputs = random.normal(size=(9, 40)).astype(np.float32)
+    model = mlnn.Model.from_arrays([{"weights": random.normal(size=(5, 40)), "bias": np.zeros(5)}],
+                                   softmax=False).quantize()
+
+    def outputs():
+        fresh = model.copy()
+        found = [model(inputs, stacked=True, integers=True) for _ in range(2)]
+        assert found[0].tobytes() == found[1].tobytes()
+        assert found[0].tobytes() == fresh(inputs, stacked=True, integers=True).tobytes()
+        return found[0].tobytes()
+
+    seen = [outputs()]
+    model.layers[0].bias = [1, 2, 3, 4, 5]
+    seen.append(outputs())
+    weights = model.layers[0].weights
+    seen.append(outputs())
+    weights *= 2  # through an array that was there before the last call
+    seen.append(outputs())
+    del weights
+    outputs()
+    model.quantize(4)
+    seen.append(outputs())
+    assert len(set(seen)) == len(seen) - 1  # an array that nobody writes to changes nothing
+
+
+def test_integers_of_many_threads_and_of_a_fork_are_those_of_a_model_as_it_was():
+    random = np.random.default_rng(5)
+    inputs = random.normal(size=(20, 30)).astype(np.float32)
+    layers = [{"weights": random.normal(size=(7, 30)), "bias": np.full(7, bias)} for bias in (0, 1)]
+    biases = [layer["bias"] for layer in layers]
+    model = mlnn.Model.from_arrays(layers[:1], softmax=False).quantize()
+
+    def outputs():
+        return model(inputs, stacked=True, integers=True).tobytes()
+
+    expected = []
+    for bias in biases:
+        model.layers[0].bias = bias
+        expected.append(outputs())
+    found = []
+    readers = [threading.Thread(target=lambda: found.extend(outputs() for _ in range(50)))
+               for _ in range(4)]
+    for reader in readers:
+        reader.start()
+    for turn in range(50):
+        model.layers[0].bias = biases[turn % 2]
+        assert outputs() == expected[turn % 2]
+    for reader in readers:
+        reader.join()
+    assert len(found) == 200 and set(found) <= set(expected)
+    child = os.fork()
+    if child == 0:
+        os._exit(0 if outputs() == expected[1] else 1)
+    assert os.waitpid(child, 0)[1] == 0 and outputs() == expected[1]
+
+
 def test_integers_refuse_what_they_do_not_know(model):
     inputs = np.ones((2, 4), np.float32)
     with pytest.raises(ValueError, match="words: expected 'first', 'all' or None, got 'some'"):
