@@ -73,6 +73,9 @@ ContenderPtr makeMlnnOf4Bits(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnInIntegers(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnInIntegersOfAnImage(const Network& network, std::size_t frames);
 ContenderPtr makeMlnnOfAnImage(const Network& network, std::size_t frames);
+
+// The same, prepared: it keeps floats where that is faster.
+ContenderPtr makeMlnnOfAPreparedImage(const Network& network, std::size_t frames);
 ContenderPtr makeOpenBlas(const Network& network, std::size_t frames);
 ContenderPtr makeOneDnn(const Network& network, std::size_t frames);
 ContenderPtr makeOneDnnOf8Bits(const Network& network, std::size_t frames);

@@ -110,6 +110,9 @@ class MappedImage {
   }
   const ImageFwdPass& pass() const { return *pass_; }
 
+  // Lets it keep floats of codes.
+  void prepare() { pass_->prepare(~std::size_t{0}); }
+
   // The pass itself, which keeps the mapping.
   std::unique_ptr<FwdPass> take() { return std::move(pass_); }
 
@@ -158,6 +161,13 @@ ContenderPtr makeMlnnInIntegersOfAnImage(const Network& network, std::size_t fra
 ContenderPtr makeMlnnOfAnImage(const Network& network, std::size_t frames) {
   const auto model = modelOf(network);
   return std::make_unique<Mlnn>(frames, nullptr, MappedImage(*model).take());
+}
+
+ContenderPtr makeMlnnOfAPreparedImage(const Network& network, std::size_t frames) {
+  const auto model = modelOf(network);
+  MappedImage image(*model);
+  image.prepare();
+  return std::make_unique<Mlnn>(frames, nullptr, image.take());
 }
 
 Network reduced(const Network& network, int bits) {

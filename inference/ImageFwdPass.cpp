@@ -8,6 +8,8 @@
 
 #include "inference/ImageLayers.h"
 #include "inference/ModelLayers.h"
+#include "inference/kernels/KernelChoice.h"
+#include "layers/BuiltForSize.h"
 #include "layers/Crc32c.h"
 #include "layers/NNLayerRecord.h"
 #include "layers/Report.h"
@@ -30,6 +32,14 @@ const float* FloatsInPlace::at(const char* values, std::size_t count) {
   return copies_.back().get();
 }
 
+float* FloatsInPlace::make(std::size_t count) {
+  constexpr std::size_t kFloatsInCacheLine = 16;
+  copies_.emplace_back(new float[count + kFloatsInCacheLine]);
+  float* const first = copies_.back().get();
+  const auto place = reinterpret_cast<std::uintptr_t>(first) / sizeof(float) % kFloatsInCacheLine;
+  return first + (kFloatsInCacheLine - place) % kFloatsInCacheLine;
+}
+
 void ImageFwdPass::Layers::prepare() {
   views_.reserve(records_.size());
   for (const LayerRecordView& record : records_) {
@@ -44,8 +54,26 @@ void ImageFwdPass::Layers::prepare() {
     view.scale = isBatchNorm ? vectors_.at(record.gammaInf, view.rows) : nullptr;
     view.shift = vectors_.at(isBatchNorm ? record.betaInf : record.bias, view.rows);
     if (hasRowScales(head.form)) view.rowCodes = &record.rowCodes;
+    if (hasTable(head.form)) view.tableCodes = &record.codedWeights.codes();
     views_.push_back(view);
   }
+}
+
+std::size_t ImageFwdPass::Layers::makeFloats(std::size_t mostBytes) {
+  for (std::size_t i = 0; i < records_.size(); ++i) {
+    LayerView& view = views_[i];
+    const bool pays =
+        view.tableCodes != nullptr || (view.rowCodes != nullptr && !streams(view, kernelShape()));
+    const std::size_t bytes = bytesOfFloats(view);
+    if (!pays || madeBytes_ > mostBytes || bytes > mostBytes - madeBytes_) continue;
+    float* const floats = vectors_.make(view.rows * view.cols);
+    unpackWeights(records_[i], 0, view.rows, floats);
+    view.weights = floats;
+    view.rowCodes = nullptr;
+    view.tableCodes = nullptr;
+    madeBytes_ += bytes;
+  }
+  return madeBytes_;
 }
 
 bool ImageFwdPass::Layers::fit(const char* operation) const {
@@ -59,6 +87,7 @@ bool ImageFwdPass::Layers::fit(const char* operation) const {
 
 void ImageFwdPass::Layers::unpack(std::size_t index, std::size_t first, std::size_t rows,
                                   float* weights) const {
+  if constexpr (kBuiltForSize) return unpackFloats(records_[index], first, rows, weights);
   unpackWeights(records_[index], first, rows, weights);
 }
 
@@ -135,6 +164,10 @@ int ImageFwdPass::open(const void* image, std::size_t length, ImageChecksum chec
   deltasNorm_ = std::move(deltasNorm);
   layers_ = std::move(layers);
   return 0;
+}
+
+std::size_t ImageFwdPass::prepare(std::size_t mostBytes) {
+  return layers_ ? layers_->makeFloats(mostBytes) : 0;
 }
 
 void ImageFwdPass::setSoftmax(bool on) {

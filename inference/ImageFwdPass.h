@@ -19,10 +19,11 @@ namespace mlnn {
 // Gives the same bits as the NNFwdPassFromFile of the model that the image holds.
 //
 // An image is best at an address that is a multiple of 4, as memory from the system, a mapped
-// file or the array that `mlnn convert --to c-array` writes is. Elsewhere, and where weights are
-// stored as codes, each evaluation unpacks some rows of a layer at a time, at most 256 KiB or
-// 96 rows; the weights of a coded layer are never all in memory as floats. One frame meets weights
-// that are stored by rows where they lie: nothing is unpacked, at any address.
+// file or the array that `mlnn convert --to c-array` writes is. One frame meets weights that are
+// stored as codes where they lie, at any address: nothing is unpacked, and memory is that of the
+// widest layer's outputs three times at most. Floats at another address, and codes that meet
+// several frames, are unpacked some rows of a layer at a time, at most 256 KiB or 96 rows; the
+// weights of a coded layer are never all in memory as floats.
 //
 // Lifetime: the image must stay where it is, and unchanged, while the pass is in use.
 // Thread-safety: one object serves one thread at a time; several objects over one image may run
@@ -56,6 +57,14 @@ class MLNN_EXPORT ImageFwdPass : public FwdPass {
   // regular files can.
   // On failure, and on std::bad_alloc: as if newly made, but for the softmax.
   int openFile(const char* fileName, ImageChecksum checksum = ImageChecksum::kVerified);
+
+  // Makes floats of codes, once for all further evaluations, where one frame meets floats sooner:
+  // of codes of a table, and of those by rows in layers that stay in the second-level cache as
+  // floats. Takes layers in their order, and leaves those out that would need more than `mostBytes`
+  // bytes together. The floats are the pass's own; results are the same to the bit.
+  // Returns: the bytes that they take, with those of earlier calls.
+  // On std::bad_alloc: some may have been made. Another image forgets them.
+  std::size_t prepare(std::size_t mostBytes);
 
   // Says whether a softmax goes over the last layer's results, which an image does not hold. It
   // does unless this says otherwise; another image does not change it.

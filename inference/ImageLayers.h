@@ -25,10 +25,13 @@ inline LayerRecordView emptyRecord() {
   return record;
 }
 
-// Floats of an image: where they lie, or copies of those that do not lie where a float may.
+// Floats of an image: where they lie, or in memory of this object.
 class FloatsInPlace {
  public:
   const float* at(const char* values, std::size_t count);
+
+  // Memory for so many floats, at a cache line.
+  float* make(std::size_t count);
 
  private:
   std::vector<std::unique_ptr<float[]>> copies_;
@@ -43,6 +46,9 @@ class ImageFwdPass::Layers final : public LayerSource {
 
   // Takes copies of the vectors that do not lie where a float may lie.
   void prepare();
+
+  // Does what ImageFwdPass::prepare says.
+  std::size_t makeFloats(std::size_t mostBytes);
 
   // Returns whether each layer takes what the one before it gives; else prints an error line
   // in the name of `operation`.
@@ -62,6 +68,7 @@ class ImageFwdPass::Layers final : public LayerSource {
   std::vector<LayerRecordView> records_;
   std::vector<LayerView> views_;
   FloatsInPlace vectors_;
+  std::size_t madeBytes_ = 0;
   bool endsInSoftmax_ = true;
 };
 

@@ -10,6 +10,7 @@
 #include "inference/kernels/Activation.h"
 #include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
+#include "inference/kernels/TableKernels.h"
 #include "layers/BuiltForSize.h"
 
 namespace mlnn {
@@ -79,9 +80,23 @@ struct StackWidths {
   Index unpacked;  // floats of the largest block of rows that is unpacked
 };
 
-// One frame meets codes of rows where they lie.
+// One frame meets codes where they lie; built for size each frame does.
 bool isReadInPlace(const LayerView& layer, Index frames) {
-  return layer.rowCodes != nullptr && frames == 1;
+  return (layer.rowCodes != nullptr || layer.tableCodes != nullptr) &&
+         (kBuiltForSize || frames == 1);
+}
+
+void evaluateInPlace(const LayerView& layer, const float* x, float* y) {
+  const Kernels& kernels = bestKernels();
+  if (layer.rowCodes != nullptr) return kernels.rowCodesVector(layer, x, y);
+  bestTableKernels().multiply(layer, x, y);
+  if (layer.actFn != ActFn::linear) kernels.activate(layer.actFn, y, layer.rows);
+}
+
+void evaluateInPlace(const LayerView& layer, const float* x, Index xStride, const Frames& y) {
+  for (Index f = 0; f < y.count; ++f) {
+    evaluateInPlace(layer, x + f * xStride, y.first + f * y.stride);
+  }
 }
 
 StackWidths widthsOf(const LayerSource& stack, Index frames) {
@@ -284,7 +299,7 @@ void LayerSource::unpack(std::size_t, std::size_t, std::size_t, float*) const {}
 void evaluateRows(const LayerCall& call, const LayerView& layer, std::size_t row,
                   PassMemory& memory) {
   const Frames y{call.y.first + row, call.y.stride, call.y.count};
-  if (isReadInPlace(layer, y.count)) return bestKernels().rowCodesVector(layer, call.x, y.first);
+  if (isReadInPlace(layer, y.count)) return evaluateInPlace(layer, call.x, call.xStride, y);
   float* const scratch = atCacheLine(memory.scratch.data());
   if (isInMemory(layer)) return evaluateLayer(layer, call.x, call.xStride, y, scratch);
   float* const unpacked = atCacheLine(memory.unpacked.data());

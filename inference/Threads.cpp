@@ -48,6 +48,7 @@ class RowsOfLayer {
     view_.shift += first;
     if (layer.coded != nullptr) takeCodes(*layer.coded, first);
     if (layer.rowCodes != nullptr) takeCodes(*layer.rowCodes, first);
+    if (layer.tableCodes != nullptr) takeCodes(*layer.tableCodes, first);
   }
   RowsOfLayer(const RowsOfLayer&) = delete;
   RowsOfLayer& operator=(const RowsOfLayer&) = delete;
@@ -74,9 +75,16 @@ class RowsOfLayer {
     view_.rowCodes = &rowCodes_;
   }
 
+  void takeCodes(const TableCodesView& codes, std::size_t first) {
+    tableCodes_ = codes;
+    tableCodes_.first += first;
+    view_.tableCodes = &tableCodes_;
+  }
+
   LayerView view_;
   GridCodes codes_{};
   RowCodesView rowCodes_;
+  TableCodesView tableCodes_;
 };
 
 class SharedWork final : public StackThreads {

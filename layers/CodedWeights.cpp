@@ -371,25 +371,28 @@ bool CodedWeights::view(uint32_t form, uint64_t count, const char* src, std::siz
   length_ = codedLength(form, count, prefix.data(), available);
   if (length_ == 0) return false;
   form_ = form;
+  view_ = TableCodesView();
+  view_.bits = codeBits(form);
   count_ = static_cast<std::size_t>(count);  // each takes half a byte at least
-  tableLength_ = wordAt(prefix.data(), 0);
-  rareCount_ = wordAt(prefix.data(), 1);
-  table_ = src + kCodedPrefixLength;
-  const char* behind = table_ + tableLength_ * kWord;
-  if (rareCount_ > 0) {
+  view_.tableLength = wordAt(prefix.data(), 0);
+  view_.rareCount = wordAt(prefix.data(), 1);
+  view_.table = src + kCodedPrefixLength;
+  const char* behind = view_.table + view_.tableLength * kWord;
+  if (view_.rareCount > 0) {
     rareValue_ = wordAt(behind, 0);
-    rarePositions_ = behind + kWord;
-    behind = rarePositions_ + rareCount_ * kWord;
+    std::memcpy(&view_.rareValue, &rareValue_, sizeof view_.rareValue);
+    view_.rarePositions = behind + kWord;
+    behind = view_.rarePositions + view_.rareCount * kWord;
   }
-  codes_ = reinterpret_cast<const unsigned char*>(behind);
+  view_.codes = reinterpret_cast<const unsigned char*>(behind);
   Counts counts{};
   return tableAscends() && paddingIsZero() && countCodes(counts) && rarePositionsFit() &&
          isWhatTheWriterChooses(counts);
 }
 
 bool CodedWeights::tableAscends() const {
-  for (std::size_t i = 1; i < tableLength_; ++i) {
-    if (wordAt(table_, i - 1) >= wordAt(table_, i)) return false;
+  for (std::size_t i = 1; i < view_.tableLength; ++i) {
+    if (wordAt(view_.table, i - 1) >= wordAt(view_.table, i)) return false;
   }
   return true;
 }
@@ -397,16 +400,16 @@ bool CodedWeights::tableAscends() const {
 // The bits behind the last code, up to the end of its word.
 bool CodedWeights::paddingIsZero() const {
   const auto* const end =
-      reinterpret_cast<const unsigned char*>(table_ - kCodedPrefixLength) + length_;
+      reinterpret_cast<const unsigned char*>(view_.table - kCodedPrefixLength) + length_;
   const std::size_t bits = count_ % (8 / codeBits(form_)) * codeBits(form_);
-  const unsigned char* last = codes_ + (count_ * codeBits(form_) - bits) / 8;
+  const unsigned char* last = view_.codes + (count_ * codeBits(form_) - bits) / 8;
   if (bits != 0 && *last++ >> bits != 0) return false;
   return std::all_of(last, end, [](unsigned char byte) { return byte == 0; });
 }
 
 unsigned CodedWeights::codeAt(std::size_t position) const {
-  if (form_ == kByteCodes) return codes_[position];
-  return codes_[position / 2] >> 4 * (position % 2) & 0xF;
+  if (form_ == kByteCodes) return view_.codes[position];
+  return view_.codes[position / 2] >> 4 * (position % 2) & 0xF;
 }
 
 // Counts how often each code occurs; false when one of them is not in the table.
@@ -414,7 +417,7 @@ bool CodedWeights::countCodes(Counts& counts) const {
   // Four counters for each byte, so that equal bytes in a row need not wait for each other.
   std::array<Counts, 4> bytes{};
   const std::size_t numBytes = count_ / (8 / codeBits(form_));
-  for (std::size_t i = 0; i < numBytes; ++i) ++bytes[i % 4][codes_[i]];
+  for (std::size_t i = 0; i < numBytes; ++i) ++bytes[i % 4][view_.codes[i]];
   for (std::size_t byte = 0; byte < 256; ++byte) {
     const uint64_t count = bytes[0][byte] + bytes[1][byte] + bytes[2][byte] + bytes[3][byte];
     if (form_ == kByteCodes) {
@@ -425,35 +428,35 @@ bool CodedWeights::countCodes(Counts& counts) const {
     }
   }
   if (form_ == kHalfByteCodes && count_ % 2 == 1) ++counts[codeAt(count_ - 1)];
-  return std::all_of(counts.begin() + static_cast<std::ptrdiff_t>(tableLength_), counts.end(),
+  return std::all_of(counts.begin() + static_cast<std::ptrdiff_t>(view_.tableLength), counts.end(),
                      [](uint64_t count) { return count == 0; });
 }
 
 bool CodedWeights::rarePositionsFit() const {
-  for (std::size_t i = 0; i < rareCount_; ++i) {
-    const uint32_t position = wordAt(rarePositions_, i);
+  for (std::size_t i = 0; i < view_.rareCount; ++i) {
+    const uint32_t position = wordAt(view_.rarePositions, i);
     if (position >= count_ || codeAt(position) != 0) return false;
-    if (i > 0 && position <= wordAt(rarePositions_, i - 1)) return false;
+    if (i > 0 && position <= wordAt(view_.rarePositions, i - 1)) return false;
   }
   return true;
 }
 
 // REQUIRES: the positions of the rare value fit.
 bool CodedWeights::isWhatTheWriterChooses(Counts& counts) const {
-  counts[0] -= rareCount_;  // the code at their positions
-  const bool hasRareValue = rareCount_ > 0;
-  ValueCount rarest{wordAt(table_, 0), counts[0]};
-  for (std::size_t code = 0; code < tableLength_; ++code) {
-    const ValueCount entry{wordAt(table_, code), counts[code]};
+  counts[0] -= view_.rareCount;  // the code at their positions
+  const bool hasRareValue = view_.rareCount > 0;
+  ValueCount rarest{wordAt(view_.table, 0), counts[0]};
+  for (std::size_t code = 0; code < view_.tableLength; ++code) {
+    const ValueCount entry{wordAt(view_.table, code), counts[code]};
     if (entry.count == 0 || (hasRareValue && entry.value == rareValue_)) return false;
     if (isRarer(entry, rarest)) rarest = entry;
   }
   if (hasRareValue) {
-    const ValueCount rare{rareValue_, rareCount_};
+    const ValueCount rare{rareValue_, view_.rareCount};
     if (!isRarer(rare, rarest)) return false;
     rarest = rare;
   }
-  const std::size_t distinct = tableLength_ + (hasRareValue ? 1 : 0);
+  const std::size_t distinct = view_.tableLength + (hasRareValue ? 1 : 0);
   return shortestForm(count_, distinct, rarest.count).form == form_;
 }
 
@@ -463,46 +466,47 @@ void CodedWeights::expandBlock(std::size_t first, std::size_t rows, std::size_t 
   const bool areBytes = form_ == kByteCodes;
   const std::size_t inByte = 8 / codeBits(form_);
   constexpr std::size_t kAhead = 16;  // columns that are fetched before they are used
-  const Table table(table_, areBytes ? tableLength_ : 0);
-  const PairTable pairs(table_, areBytes ? 0 : tableLength_);
+  const Table table(view_.table, areBytes ? view_.tableLength : 0);
+  const PairTable pairs(view_.table, areBytes ? 0 : view_.tableLength);
   for (std::size_t column = 0; column < columns; ++column, out += rows * kWord) {
     const std::size_t begin = first + column * stride;
     if (column + kAhead < columns) {
       const std::size_t ahead = (begin + kAhead * stride) / inByte;
-      prefetch(codes_ + ahead);
-      prefetch(codes_ + ahead + 64);
+      prefetch(view_.codes + ahead);
+      prefetch(view_.codes + ahead + 64);
     }
     if (areBytes) {
-      expandBytes(codes_ + begin, rows, table, out);
+      expandBytes(view_.codes + begin, rows, table, out);
     } else {
-      expandHalfBytes(codes_, begin, rows, pairs, out);
+      expandHalfBytes(view_.codes, begin, rows, pairs, out);
     }
-    if (rareCount_ > 0) putRareValues(begin, rows, out);
+    if (view_.rareCount > 0) putRareValues(begin, rows, out);
   }
 }
 
 // From the first weight on, each is written where no code stands that comes after its own: codes
 // are no longer than weights, and end where these do. What is before the codes is kept.
 void CodedWeights::expandOver(void* floats) const {
-  const std::vector<char> positions(rarePositions_, rarePositions_ + rareCount_ * kWord);
+  const std::vector<char> positions(view_.rarePositions,
+                                    view_.rarePositions + view_.rareCount * kWord);
   CodedWeights kept = *this;
-  kept.rarePositions_ = positions.data();
+  kept.view_.rarePositions = positions.data();
   kept.expand(0, count_, floats);
 }
 
 void CodedWeights::putRareValues(std::size_t first, std::size_t count, char* floats) const {
   std::size_t low = 0;  // the first of the positions from `first` on
-  for (std::size_t high = rareCount_; low < high;) {
+  for (std::size_t high = view_.rareCount; low < high;) {
     const std::size_t middle = low + (high - low) / 2;
-    if (wordAt(rarePositions_, middle) < first) {
+    if (wordAt(view_.rarePositions, middle) < first) {
       low = middle + 1;
     } else {
       high = middle;
     }
   }
-  for (; low < rareCount_; ++low) {
+  for (; low < view_.rareCount; ++low) {
     // One before `first` is far behind: positions ascend, but the bytes may have changed since.
-    const std::size_t offset = wordAt(rarePositions_, low) - first;
+    const std::size_t offset = wordAt(view_.rarePositions, low) - first;
     if (offset >= count) return;
     std::memcpy(floats + offset * kWord, &rareValue_, kWord);
   }

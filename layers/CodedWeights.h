@@ -13,6 +13,7 @@
 #include "features/Watch.h"
 #include "layers/ByteIo.h"
 #include "layers/RowCodes.h"
+#include "layers/TableCodes.h"
 
 namespace mlnn {
 
@@ -104,6 +105,9 @@ class CodedWeights {
   // Bytes that they take.
   std::size_t length() const { return length_; }
 
+  // The codes as the kernels read them.
+  const TableCodesView& codes() const { return view_; }
+
   // Writes `count` weights, from the weight `first` on, to an array of floats.
   void expand(std::size_t first, std::size_t count, void* floats) const {
     expandBlock(first, count, 0, 1, floats);
@@ -130,13 +134,9 @@ class CodedWeights {
   void putRareValues(std::size_t first, std::size_t count, char* floats) const;
 
   uint32_t form_ = kPlainFloats;
-  std::size_t count_ = 0;
-  std::size_t tableLength_ = 0;
-  std::size_t rareCount_ = 0;
   uint32_t rareValue_ = 0;
-  const char* table_ = nullptr;
-  const char* rarePositions_ = nullptr;
-  const unsigned char* codes_ = nullptr;
+  std::size_t count_ = 0;
+  TableCodesView view_;
   std::size_t length_ = 0;
 };
 

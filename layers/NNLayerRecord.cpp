@@ -295,6 +295,16 @@ bool viewLayout(const char* src, std::size_t available, LayerRecordView& view) {
   return true;
 }
 
+void unpackFloats(const LayerRecordView& view, std::size_t first, std::size_t rows,
+                  float* weights) {
+  const auto allRows = static_cast<std::size_t>(view.head.rows);
+  const auto cols = static_cast<std::size_t>(view.head.cols);
+  for (std::size_t column = 0; column < cols; ++column) {
+    const char* const from = view.plainWeights + (column * allRows + first) * sizeof(float);
+    std::memcpy(weights + column * rows, from, rows * sizeof(float));
+  }
+}
+
 void unpackWeights(const LayerRecordView& view, std::size_t first, std::size_t rows,
                    float* weights) {
   const auto allRows = static_cast<std::size_t>(view.head.rows);
@@ -303,10 +313,7 @@ void unpackWeights(const LayerRecordView& view, std::size_t first, std::size_t r
   if (hasTable(view.head.form)) {
     return view.codedWeights.expandBlock(first, rows, allRows, cols, weights);
   }
-  for (std::size_t column = 0; column < cols; ++column) {
-    const char* const from = view.plainWeights + (column * allRows + first) * sizeof(float);
-    std::memcpy(weights + column * rows, from, rows * sizeof(float));
-  }
+  unpackFloats(view, first, rows, weights);
 }
 
 RecordResult readRecord(NNLayer& layer, const char* src, std::size_t available) {

@@ -48,6 +48,9 @@ struct LayerRecordView {
 void unpackWeights(const LayerRecordView& view, std::size_t first, std::size_t rows,
                    float* weights);
 
+// The same where the record has plain weights.
+void unpackFloats(const LayerRecordView& view, std::size_t first, std::size_t rows, float* weights);
+
 // Looks at the record of at most `available` bytes at `src`.
 // Returns: whether it is whole and one that the writer writes; else `view` is unspecified.
 bool viewRecord(const char* src, std::size_t available, LayerRecordView& view);

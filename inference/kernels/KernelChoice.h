@@ -4,6 +4,8 @@
 //   frames      weights                                         loops
 //   ----------  ----------------------------------------------  -----------------------------------
 //   1           codes                                           codesVector (GridCodes-inl.h)
+//   1           codes by rows, of an image                      rowCodesVector (RowCodes-inl.h)
+//   1           codes of a table, of an image                   TableKernels (TableCodes-inl.h)
 //   1           floats that stream                              sweepLayer (MatrixSweep-inl.h)
 //   1           other floats                                    multiplyPanels (MatrixVector-inl.h)
 //   2 to 8      floats from the memory, columns of a page       sweepLayer
@@ -15,9 +17,10 @@
 // (kernelShape).
 //
 // Built for size (layers/BuiltForSize.h) there is no shape to choose, and there are codesVector and
-// sweepLayer alone (MatrixForSize-inl.h). Layers whose weights do not lie in memory as floats or as
-// codes are unpacked some rows at a time first, and are floats then (LayerStackPass.cpp). Among
-// instruction sets bestKernels() chooses (Kernels.cpp).
+// sweepLayer alone (MatrixForSize-inl.h), beside those for an image. Layers whose weights do not
+// lie in memory as floats or as codes, and an image's codes for several frames, are unpacked some
+// rows at a time first, and are floats then (LayerStackPass.cpp). Among instruction sets
+// bestKernels() chooses (Kernels.cpp).
 #pragma once
 
 #include <algorithm>

@@ -31,12 +31,26 @@ const Kernels& kernels() {
                                    kFuses,
                                    kLanes,
                                    asKernel<matrixVector>(),
-                                   asKernel<rowCodesVector>(),
+                                   asKernel<rowCodesVector<ByShifts>>(),
                                    asKernel<matrixFrames>(),
                                    asKernel<activate>(),
                                    asKernel<softmax>()};
   return kKernels;
 }
+
+#if HWY_TARGET == HWY_AVX3
+
+// The same where there are products of four 8-bit values.
+const Kernels& kernelsWithDots() {
+  static const Kernels kKernels = [] {
+    Kernels made = kernels();
+    made.rowCodesVector = asKernel<rowCodesVector<ByDots>>();
+    return made;
+  }();
+  return kKernels;
+}
+
+#endif
 
 #if HWY_TARGET == HWY_STATIC_TARGET
 
@@ -58,8 +72,11 @@ namespace mlnn {
 
 namespace {
 
-RunnableKernels<Kernels, 4> findRunnable() {
-  RunnableKernels<Kernels, 4> found;
+RunnableKernels<Kernels, 5> findRunnable() {
+  RunnableKernels<Kernels, 5> found;
+#if HWY_TARGETS & HWY_AVX3
+  if (hasAvx512Vnni()) found.add(N_AVX3::kernelsWithDots());
+#endif
   MLNN_ADD_RUNNABLE(found, kernels);
   return found;
 }

@@ -6,6 +6,7 @@
 #include "inference/kernels/GridCodes.h"
 #include "layers/ActFn.h"
 #include "layers/RowCodes.h"
+#include "layers/TableCodes.h"
 
 namespace mlnn {
 
@@ -16,8 +17,9 @@ struct LayerView {
   const float* scale;    // a factor for each output, or null for none
   const float* shift;    // an addend for each output
   ActFn::ActFn actFn;
-  const GridCodes* coded = nullptr;        // in place of `weights`, unless null
-  const RowCodesView* rowCodes = nullptr;  // likewise, for one frame; more need them unpacked
+  const GridCodes* coded = nullptr;            // in place of `weights`, unless null
+  const RowCodesView* rowCodes = nullptr;      // likewise, for one frame; more need them unpacked
+  const TableCodesView* tableCodes = nullptr;  // likewise (TableKernels.h)
   std::size_t ofRows = 0;  // outputs of the layer of which these are some; 0 where they are all
 
   std::size_t allRows() const { return ofRows == 0 ? rows : ofRows; }

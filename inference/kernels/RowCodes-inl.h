@@ -60,6 +60,8 @@ HWY_INLINE void finishPanel(const LayerView& layer, std::size_t first, const Row
 
 #if MLNN_BUILT_FOR_SIZE
 
+struct ByShifts {};
+
 // One column after the other. The codes of one column for vector `v` of a panel, as floats.
 HWY_INLINE RowVec rowCodes(const RowCodesView& view, const unsigned char* block, std::size_t k,
                            std::size_t v) {
@@ -109,6 +111,7 @@ HWY_INLINE void rowCodesPanel(const LayerView& layer, std::size_t panel, const f
   finishPanel(layer, first, sums, y);
 }
 
+template <typename>
 void rowCodesPanels(const LayerView& layer, const float* x, float* y) {
   const auto panels = static_cast<std::size_t>(rowCodePanels(layer.rows));
   for (std::size_t panel = 0; panel < panels; ++panel) rowCodesPanel(layer, panel, x, y);
@@ -146,10 +149,10 @@ HWY_INLINE RowWords rowWords(const unsigned char* block, std::size_t v) {
   const std::size_t lane = v * kRowLanes;
 #if HWY_TARGET == HWY_AVX3
   if (kBits == 4) {
-    const hn::Half<RowInts> half;
-    const auto low =
-        hn::BitCast(half, hn::LoadU(hn::Repartition<uint8_t, decltype(half)>(), block));
-    return hn::Combine(RowInts(), hn::ShiftRight<4>(low), low);
+    const RowInts d;
+    const __m256i both = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block));
+    const RowWords isUpper = hn::And(hn::ShiftRight<1>(hn::Iota(d, 0)), hn::Set(d, 4u));
+    return hn::Shr(RowWords{_mm512_broadcast_i64x4(both)}, isUpper);
   }
 #endif
   const bool isUpper = kBits == 4 && lane >= kHalf;
@@ -157,15 +160,48 @@ HWY_INLINE RowWords rowWords(const unsigned char* block, std::size_t v) {
   return isUpper ? hn::ShiftRight<4>(words) : words;
 }
 
-// The codes of column k behind kBehindCodes.
-template <unsigned kBits, int k>
-HWY_INLINE RowVec rowCodesBehind(RowWords words) {
-  const RowInts d;
-  constexpr uint32_t kBase = 0x4B400000u - static_cast<uint32_t>(rowCodeBias(kBits));
-  if (k > 0) words = hn::ShiftRight<8 * k>(words);
-  if (kBits == 4 || k < 3) words = hn::And(words, hn::Set(d, kBits == 8 ? 255u : 15u));
-  return hn::BitCast(RowTag(), hn::Add(words, hn::Set(d, kBase)));
-}
+// The bits of kBehindCodes less what is added to every code.
+template <unsigned kBits>
+constexpr uint32_t kCodesBase = 0x4B400000u - static_cast<uint32_t>(rowCodeBias(kBits));
+
+// How the words of a block become codes behind kBehindCodes.
+struct ByShifts {
+  template <unsigned kBits>
+  static HWY_INLINE RowWords wordsOf(RowWords words) {
+    return words;
+  }
+
+  // Those of column k.
+  template <unsigned kBits, int k>
+  static HWY_INLINE RowVec codes(RowWords words) {
+    const RowInts d;
+    if (k > 0) words = hn::ShiftRight<8 * k>(words);
+    if (kBits == 4 || k < 3) words = hn::And(words, hn::Set(d, kBits == 8 ? 255u : 15u));
+    return hn::BitCast(RowTag(), hn::Add(words, hn::Set(d, kCodesBase<kBits>)));
+  }
+};
+
+#if HWY_TARGET == HWY_AVX3
+
+// By one product of four bytes, of which that of column k counts, on processors that have it.
+struct ByDots {
+  template <unsigned kBits>
+  static HWY_INLINE RowWords wordsOf(RowWords words) {
+    return kBits == 8 ? words : hn::And(words, hn::Set(RowInts(), 0x0F0F0F0Fu));
+  }
+
+  template <unsigned kBits, int k>
+  static HWY_INLINE RowVec codes(RowWords words) {
+    const RowInts d;
+    RowWords sums = hn::Set(d, kCodesBase<kBits>);
+    const RowWords ones = hn::Set(d, 1u << 8 * k);
+    // Compilers have it for functions alone that take no other processors.
+    asm("vpdpbusd %2, %1, %0" : "+v"(sums.raw) : "v"(words.raw), "v"(ones.raw));
+    return hn::BitCast(RowTag(), sums);
+  }
+};
+
+#endif
 
 // The scales of a vector of rows, and what a multiplication by them leaves behind every code.
 struct RowFactors {
@@ -185,9 +221,9 @@ HWY_INLINE bool areShort(RowVec scales) {
 }
 
 // The weights of column k, which are products that need no rounding.
-template <unsigned kBits, int k, bool kShort>
+template <typename Codes, unsigned kBits, int k, bool kShort>
 HWY_INLINE RowVec rowWeights(RowWords words, const RowFactors& factors) {
-  const RowVec codes = rowCodesBehind<kBits, k>(words);
+  const RowVec codes = Codes::template codes<kBits, k>(words);
   if constexpr (kShort) {
     return hn::MulSub(codes, factors.scales, factors.behind);
   } else {
@@ -206,7 +242,7 @@ struct PanelCodes {
 };
 
 // Adds the products of a block's first kCols columns.
-template <unsigned kBits, std::size_t kPanels, int kCols, bool kShort>
+template <typename Codes, unsigned kBits, std::size_t kPanels, int kCols, bool kShort>
 HWY_INLINE void addBlocks(const PanelCodes& codes,
                           const RowFactors (&factors)[kPanels][kRowVectors], const float* x,
                           RowSums<kPanels>& sums) {
@@ -216,46 +252,95 @@ HWY_INLINE void addBlocks(const PanelCodes& codes,
   for (std::size_t p = 0; p < kPanels; ++p) {
     HWY_UNROLL(16)
     for (std::size_t v = 0; v < kRowVectors; ++v) {
-      const RowWords words = rowWords<kBits>(codes.first + p * codes.panelBytes, v);
+      const RowWords words =
+          Codes::template wordsOf<kBits>(rowWords<kBits>(codes.first + p * codes.panelBytes, v));
       RowVec& sum = sums[p][v];
-      take(rowWeights<kBits, 0, kShort>(words, factors[p][v]), x[0], sum);
-      if (kCols > 1) take(rowWeights<kBits, 1, kShort>(words, factors[p][v]), x[1], sum);
-      if (kCols > 2) take(rowWeights<kBits, 2, kShort>(words, factors[p][v]), x[2], sum);
-      if (kCols > 3) take(rowWeights<kBits, 3, kShort>(words, factors[p][v]), x[3], sum);
+      take(rowWeights<Codes, kBits, 0, kShort>(words, factors[p][v]), x[0], sum);
+      if (kCols > 1) take(rowWeights<Codes, kBits, 1, kShort>(words, factors[p][v]), x[1], sum);
+      if (kCols > 2) take(rowWeights<Codes, kBits, 2, kShort>(words, factors[p][v]), x[2], sum);
+      if (kCols > 3) take(rowWeights<Codes, kBits, 3, kShort>(words, factors[p][v]), x[3], sum);
     }
   }
 }
 
+// Adds chains to the sums of some panels; the first ones are put there.
+template <std::size_t kPanels>
+HWY_INLINE void addChains(const RowSums<kPanels>& chains, bool areFirst, RowSums<kPanels>& sums) {
+  for (std::size_t p = 0; p < kPanels; ++p) {
+    for (std::size_t v = 0; v < kRowVectors; ++v) {
+      sums[p][v] = areFirst ? chains[p][v] : hn::Add(sums[p][v], chains[p][v]);
+    }
+  }
+}
+
+template <std::size_t kPanels>
+HWY_INLINE void beginChains(RowSums<kPanels>& chains) {
+  for (auto& panel : chains) {
+    for (RowVec& chain : panel) chain = hn::Zero(RowTag());
+  }
+}
+
+// Short chains at once, so that a sum need not wait for its last addition where a layer has one
+// panel or two.
+constexpr std::size_t kShortChains = 4;
+
+// The first columns of a layer of few outputs, as many as are whole groups of such chains. Returns
+// how many these are.
+template <typename Codes, unsigned kBits, bool kShort>
+HWY_INLINE std::size_t sumShortChains(const LayerView& layer, PanelCodes& codes,
+                                      const RowFactors (&factors)[1][kRowVectors], const float* x,
+                                      RowSums<1>& sums) {
+  constexpr std::size_t kBlock = rowCodeBlockBytes(kBits);
+  constexpr std::size_t kColumns = kShortChains * kShortChainLength;
+  constexpr std::size_t kChainBytes = kShortChainLength / kRowCodeGroup * kBlock;
+  std::size_t at = 0;
+  for (; at + kColumns <= layer.cols; at += kColumns, codes.first += kShortChains * kChainBytes) {
+    RowSums<1> chains[kShortChains];
+    for (RowSums<1>& chain : chains) beginChains<1>(chain);
+    for (std::size_t k = 0; k < kShortChainLength; k += kRowCodeGroup) {
+      HWY_UNROLL(4)
+      for (std::size_t c = 0; c < kShortChains; ++c) {
+        const PanelCodes block{codes.first + c * kChainBytes + k / kRowCodeGroup * kBlock, 0};
+        const float* const inputs = x + at + c * kShortChainLength + k;
+        addBlocks<Codes, kBits, 1, 4, kShort>(block, factors, inputs, chains[c]);
+      }
+    }
+    for (std::size_t c = 0; c < kShortChains; ++c) addChains<1>(chains[c], at + c == 0, sums);
+  }
+  return at;
+}
+
 // The sums of all rows of some panels, in chains.
-template <unsigned kBits, std::size_t kPanels, bool kShort>
+template <typename Codes, unsigned kBits, std::size_t kPanels, bool kShort>
 HWY_INLINE void sumPanels(const LayerView& layer, PanelCodes codes,
                           const RowFactors (&factors)[kPanels][kRowVectors], const float* x,
                           RowSums<kPanels>& sums) {
   constexpr std::size_t kBlock = rowCodeBlockBytes(kBits);
   const std::size_t length = chainLength(layer.allRows());  // whole blocks
-  for (std::size_t at = 0; at < layer.cols; at += length) {
-    RowSums<kPanels> chains;
-    for (auto& panel : chains) {
-      for (RowVec& chain : panel) chain = hn::Zero(RowTag());
+  std::size_t at = 0;
+  if constexpr (kPanels == 1) {
+    if (length == kShortChainLength) {
+      at = sumShortChains<Codes, kBits, kShort>(layer, codes, factors, x, sums);
     }
+  }
+  for (; at < layer.cols; at += length) {
+    RowSums<kPanels> chains;
+    beginChains<kPanels>(chains);
     const std::size_t end = std::min(at + length, layer.cols);
     std::size_t col = at;
     for (; col + kRowCodeGroup <= end; col += kRowCodeGroup, codes.first += kBlock) {
-      addBlocks<kBits, kPanels, 4, kShort>(codes, factors, x + col, chains);
+      addBlocks<Codes, kBits, kPanels, 4, kShort>(codes, factors, x + col, chains);
     }
-    if (end - col == 3) addBlocks<kBits, kPanels, 3, kShort>(codes, factors, x + col, chains);
-    if (end - col == 2) addBlocks<kBits, kPanels, 2, kShort>(codes, factors, x + col, chains);
-    if (end - col == 1) addBlocks<kBits, kPanels, 1, kShort>(codes, factors, x + col, chains);
-    for (std::size_t p = 0; p < kPanels; ++p) {
-      for (std::size_t v = 0; v < kRowVectors; ++v) {
-        sums[p][v] = at == 0 ? chains[p][v] : hn::Add(sums[p][v], chains[p][v]);
-      }
-    }
+    const std::size_t left = end - col;
+    if (left == 3) addBlocks<Codes, kBits, kPanels, 3, kShort>(codes, factors, x + col, chains);
+    if (left == 2) addBlocks<Codes, kBits, kPanels, 2, kShort>(codes, factors, x + col, chains);
+    if (left == 1) addBlocks<Codes, kBits, kPanels, 1, kShort>(codes, factors, x + col, chains);
+    addChains<kPanels>(chains, at == 0, sums);
   }
 }
 
 // The results of some panels before their activation, from the panel `panel` on.
-template <unsigned kBits, std::size_t kPanels>
+template <typename Codes, unsigned kBits, std::size_t kPanels>
 void somePanels(const LayerView& layer, std::size_t panel, const float* x, float* y) {
   const RowCodesView& view = *layer.rowCodes;
   const std::size_t panelBytes =
@@ -278,35 +363,53 @@ void somePanels(const LayerView& layer, std::size_t panel, const float* x, float
     for (RowVec& sum : each) sum = hn::Zero(RowTag());
   }
   if (areAllShort) {
-    sumPanels<kBits, kPanels, kFuses>(layer, codes, factors, x, sums);
+    sumPanels<Codes, kBits, kPanels, kFuses>(layer, codes, factors, x, sums);
   } else {
-    sumPanels<kBits, kPanels, false>(layer, codes, factors, x, sums);
+    sumPanels<Codes, kBits, kPanels, false>(layer, codes, factors, x, sums);
   }
   for (std::size_t p = 0; p < kPanels; ++p) {
     finishPanel(layer, (panel + p) * kRowCodePanel, sums[p], y);
   }
 }
 
-template <unsigned kBits>
+// The last panels, fewer than kPanels. Where chains are short, each has several at once by itself.
+template <typename Codes, unsigned kBits, std::size_t kPanels>
+void lastPanels(const LayerView& layer, std::size_t panel, std::size_t count, const float* x,
+                float* y) {
+  if constexpr (kPanels > 2) {
+    if (count < kPanels - 1) {
+      return lastPanels<Codes, kBits, kPanels - 1>(layer, panel, count, x, y);
+    }
+    if (layer.allRows() > kFewRows) {
+      return somePanels<Codes, kBits, kPanels - 1>(layer, panel, x, y);
+    }
+  }
+  for (std::size_t p = 0; p < count; ++p) somePanels<Codes, kBits, 1>(layer, panel + p, x, y);
+}
+
+template <typename Codes, unsigned kBits>
 void rowCodesPanelsOf(const LayerView& layer, const float* x, float* y) {
   const auto panels = static_cast<std::size_t>(rowCodePanels(layer.rows));
   std::size_t panel = 0;
   for (; panel + kRowPanels <= panels; panel += kRowPanels) {
-    somePanels<kBits, kRowPanels>(layer, panel, x, y);
+    somePanels<Codes, kBits, kRowPanels>(layer, panel, x, y);
   }
-  for (; panel < panels; ++panel) somePanels<kBits, 1>(layer, panel, x, y);
+  lastPanels<Codes, kBits, kRowPanels>(layer, panel, panels - panel, x, y);
 }
 
+template <typename Codes>
 void rowCodesPanels(const LayerView& layer, const float* x, float* y) {
-  const auto multiply = layer.rowCodes->bits == 8 ? rowCodesPanelsOf<8> : rowCodesPanelsOf<4>;
+  const auto multiply =
+      layer.rowCodes->bits == 8 ? rowCodesPanelsOf<Codes, 8> : rowCodesPanelsOf<Codes, 4>;
   multiply(layer, x, y);
 }
 
 #endif
 
 // The results of a layer for one frame. Needs no memory besides.
+template <typename Codes>
 void rowCodesVector(const LayerView& layer, const float* x, float* y) {
-  rowCodesPanels(layer, x, y);
+  rowCodesPanels<Codes>(layer, x, y);
   if (layer.actFn != ActFn::linear) activate(layer.actFn, y, layer.rows);
 }
 

@@ -146,22 +146,82 @@ TEST(ImageFwdPassValues, areThoseOfTheModelWhereWeightsAreStoredByRows) {
   }
 }
 
-// What a pass keeps for one frame, with weights of 8 or 4 bits.
+// What a pass keeps for one frame.
+void expectTheWidestLayerThreeTimes(const MultiLayerNNModel& model) {
+  const ByteImage image = ByteImage::of(model);
+  ImageFwdPass pass;
+  openQuietly(pass, image.bytes().data(), image.size());
+  const std::vector<int> widths = pass.widths();
+  const auto widest = static_cast<std::size_t>(*std::max_element(widths.begin() + 1, widths.end()));
+  const MatrixXf inputs = someValues(widths.front(), 1, 5);
+  MatrixXf outputs(widths.back(), 1);
+  const mlnn::test::AllocationWatch watch;
+  EXPECT_EQ(pass.evaluate(inputs, outputs), 0);
+  EXPECT_LE(watch.peak(), 3 * sizeof(float) * widest + 64);
+}
+
 TEST(ImageFwdPass, oneFrameTakesTheWidestLayerThreeTimes) {
-  for (const int bits : {4, 8}) {
-    for (const std::vector<int>& widths :
-         {std::vector<int>{600, 64, 48, 10}, {600, 256, 256, 256, 40}, {2048, 1000, 2048, 500}}) {
-      const ByteImage image = ByteImage::of(quantizedNetwork(widths, bits));
-      const int widest = *std::max_element(widths.begin() + 1, widths.end());
-      const MatrixXf inputs = someValues(widths.front(), 1, 5);
-      MatrixXf outputs(widths.back(), 1);
+  for (const std::vector<int>& widths :
+       {std::vector<int>{600, 64, 48, 10}, {600, 256, 256, 256, 40}, {2048, 1000, 2048, 500}}) {
+    for (const int bits : {4, 8}) expectTheWidestLayerThreeTimes(quantizedNetwork(widths, bits));
+    for (const int numValues : {17, 100})
+      expectTheWidestLayerThreeTimes(network(widths, numValues));
+  }
+}
+
+// An image with a layer of every form.
+ByteImage mixedImage() {
+  MultiLayerNNModel model = modelOf({fewValuesLayer(8, 3, 2), fewValuesLayer(3, 30, 17),
+                                     fewValuesLayer(30, 3, 18), batchNormLayer(3, 2)});
+  model.deltasNorm.allocIfNeeded();
+  return ByteImage::of(model);
+}
+
+// Layers in all forms of weights: one frame, and several.
+TEST(ImageFwdPassPrepare, givesTheSameBits) {
+  const ByteImage images[] = {ByteImage::of(quantizedNetwork({700, 97, 3, 130}, 8)),
+                              ByteImage::of(quantizedNetwork({700, 97, 3, 130}, 4)),
+                              ByteImage::of(network({700, 97, 3, 130}, 17)),
+                              ByteImage::of(network({700, 97, 3, 130}, 257)), mixedImage()};
+  for (const ByteImage& image : images) {
+    for (const std::size_t most : {std::size_t{0}, std::size_t{2000}, ~std::size_t{0}}) {
       ImageFwdPass pass;
       openQuietly(pass, image.bytes().data(), image.size());
-      const mlnn::test::AllocationWatch watch;
-      EXPECT_EQ(pass.evaluate(inputs, outputs), 0);
-      EXPECT_LE(watch.peak(), 3 * sizeof(float) * static_cast<std::size_t>(widest) + 64);
+      const std::size_t made = pass.prepare(most);
+      EXPECT_LE(made, most);
+      EXPECT_EQ(pass.prepare(most), made) << "again";
+      for (const Index frames : {1, 9}) {
+        const MatrixXf inputs = someValues(pass.numInputs(), frames, 77);
+        EXPECT_TRUE(sameBits(evaluated(pass, inputs), byLoading(image, inputs))) << most;
+      }
     }
   }
+}
+
+TEST(ImageFwdPassPrepare, takesWholeLayersOfCodesThatFit) {
+  constexpr std::size_t kFirst = 700 * 97 * sizeof(float);
+  constexpr std::size_t kSecond = 97 * 60 * sizeof(float);
+  const ByteImage reduced = ByteImage::of(network({700, 97, 60}, 100));
+  ImageFwdPass pass;
+  EXPECT_EQ(pass.prepare(~std::size_t{0}), 0u) << "without an image";
+  openQuietly(pass, reduced.bytes().data(), reduced.size());
+  EXPECT_EQ(pass.prepare(kSecond - 1), 0u);
+  EXPECT_EQ(pass.prepare(kFirst - 1), kSecond);
+  EXPECT_EQ(pass.prepare(kFirst + kSecond - 1), kSecond) << "with what there is already";
+  EXPECT_EQ(pass.prepare(kFirst + kSecond), kFirst + kSecond);
+  openQuietly(pass, reduced.bytes().data(), reduced.size());
+  EXPECT_EQ(pass.prepare(kFirst), kFirst) << "of another image";
+}
+
+// In codes by rows, weights that stream through the caches are faster than as floats.
+TEST(ImageFwdPassPrepare, leavesFloatsAndLargeLayersByRows) {
+  ImageFwdPass pass;
+  const ByteImage floats = ByteImage::of(network({90, 70}, 0));
+  openQuietly(pass, floats.bytes().data(), floats.size());
+  EXPECT_EQ(pass.prepare(~std::size_t{0}), 0u);
+  const ByteImage byRows = ByteImage::of(quantizedNetwork({4100, 1024, 64}, 8));
+  openQuietly(pass, byRows.bytes().data(), byRows.size());
+  EXPECT_EQ(pass.prepare(~std::size_t{0}), 1024 * 64 * sizeof(float));
 }
 
 TEST(ImageFwdPassValues, doNotDependOnTheAddress) {
@@ -380,14 +440,6 @@ void expectTheReadersVerdict(const ByteImage& image, const std::string& what) {
   if (found.result != 0) {
     ASSERT_EQ(pass.numInputs(), 0) << what;
   }
-}
-
-// An image with a layer of every form.
-ByteImage mixedImage() {
-  MultiLayerNNModel model = modelOf({fewValuesLayer(8, 3, 2), fewValuesLayer(3, 30, 17),
-                                     fewValuesLayer(30, 3, 18), batchNormLayer(3, 2)});
-  model.deltasNorm.allocIfNeeded();
-  return ByteImage::of(model);
 }
 
 TEST(ImageFwdPassOpen, refusesEveryCutAsTheReaderDoes) {
