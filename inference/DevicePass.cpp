@@ -131,7 +131,7 @@ class DevicePass::Reader final : public ImageReader {
 };
 
 uint64_t DevicePass::memoryBytes(const void* image, std::size_t length) {
-  DevicePass pass;
+  DevicePass pass(nullptr);
   if (!Reader(pass, static_cast<const char*>(image), length, ImageChecksum::kVerified).readAll()) {
     return 0;
   }
@@ -140,10 +140,9 @@ uint64_t DevicePass::memoryBytes(const void* image, std::size_t length) {
 
 int DevicePass::open(const void* image, std::size_t length, void* memory, std::size_t memoryLength,
                      ImageChecksum checksum) {
-  DevicePass pass;
+  DevicePass pass(run_);
   pass.endsInSoftmax_ = endsInSoftmax_;
   pass.wideInputs_ = wideInputs_;
-  pass.run_ = run_;
   *this = pass;
   if (!Reader(pass, static_cast<const char*>(image), length, checksum).readAll()) return 1;
   const uint64_t needed = deviceMemoryBytes(pass.numInputs_, pass.widest_);

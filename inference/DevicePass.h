@@ -28,6 +28,13 @@ namespace mlnn {
 // Thread-safety: one object serves one thread at a time.
 class MLNN_EXPORT DevicePass {
  public:
+  // A pass without an image, in floats until setIntegers.
+  constexpr DevicePass() : DevicePass(&DevicePass::runFloats) {}
+
+  // Returns a pass without an image that is in integers from the start (setIntegers). A program
+  // that makes no others takes no loops over floats along.
+  static DevicePass inIntegers(WideInputs wideInputs = WideInputs::kNone);
+
   // Returns the bytes of memory that open asks for; 0 where it refuses the image.
   // Prints: an error line for each reason to refuse it (layers/Messages.h).
   static uint64_t memoryBytes(const void* image, std::size_t length);
@@ -73,7 +80,9 @@ class MLNN_EXPORT DevicePass {
 
  private:
   class Reader;
+  using Run = const float* (DevicePass::*)(const float* inputs);
 
+  explicit constexpr DevicePass(Run run) : run_(run) {}
   const float* emit();
   void place(void* memory);
   const float* runFloats(const float* inputs);
@@ -90,7 +99,7 @@ class MLNN_EXPORT DevicePass {
   int right_ = 0;
   bool endsInSoftmax_ = true;
   WideInputs wideInputs_ = WideInputs::kNone;
-  const float* (DevicePass::*run_)(const float* inputs) = &DevicePass::runFloats;
+  Run run_;
   const float* minvals_ = nullptr;  // in the image; null where nothing is normalised
   const float* normvals_ = nullptr;
   float* ring_ = nullptr;  // the parts of the memory

@@ -1,4 +1,5 @@
-// The part of DevicePass that computes in integers. Nobody links it who does not call setIntegers.
+// The part of DevicePass that computes in integers. Nobody links it who calls neither setIntegers
+// nor inIntegers.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -165,6 +166,12 @@ void runLayer(const LayerView& layer, bool areWords, float* x, float* y) {
 }
 
 }  // namespace
+
+DevicePass DevicePass::inIntegers(WideInputs wideInputs) {
+  DevicePass pass(&DevicePass::runIntegers);
+  pass.wideInputs_ = wideInputs;
+  return pass;
+}
 
 void DevicePass::setIntegers(WideInputs wideInputs) {
   wideInputs_ = wideInputs;

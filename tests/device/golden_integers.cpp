@@ -64,8 +64,7 @@ bool showImage(const char* activation, const uint32_t* image, std::size_t length
   } kinds[] = {
       {"none", WideInputs::kNone}, {"first", WideInputs::kFirst}, {"all", WideInputs::kAll}};
   for (const auto& wide : kinds) {
-    mlnn::DevicePass pass;
-    pass.setIntegers(wide.value);
+    auto pass = mlnn::DevicePass::inIntegers(wide.value);
     if (pass.open(image, length, memory, sizeof memory) != 0) return false;
     for (int frame = 0; frame < kFrames; ++frame) {
       float inputs[kInputs];

@@ -79,8 +79,7 @@ MatrixXf deviceOutputs(MultiLayerNNModel model, WideInputs wideInputs) {
   const mlnn::test::ByteImage image = mlnn::test::ByteImage::of(model);
   alignas(
       mlnn::kDeviceAlignment) char memory[mlnn::deviceMemoryBytes(kGoldenInputs, kGoldenWidest)];
-  mlnn::DevicePass pass;
-  pass.setIntegers(wideInputs);
+  auto pass = mlnn::DevicePass::inIntegers(wideInputs);
   const mlnn::CollectedMessages silence;
   EXPECT_EQ(pass.open(image.bytes().data(), image.size(), memory, sizeof memory), 0);
   const MatrixXf inputs = goldenInputs();
