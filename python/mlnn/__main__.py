@@ -6,6 +6,9 @@ import argparse
 import os
 import sys
 import warnings
+from typing import Any
+
+import numpy as np
 
 import mlnn
 from mlnn._messages import _visible
@@ -23,6 +26,8 @@ def _parser() -> argparse.ArgumentParser:
                         help="activation of hidden layers whose file records none")
     export.add_argument("--quantized", action="store_true",
                         help="write weights that were quantised by rows in 8 bits")
+    export.add_argument("--frames", action="extend", nargs="+", metavar="FILE",
+                        help="round inputs of quantised layers to 8 bits by what these recordings need")
     export.add_argument("--normalisation", action="store_true",
                         help="begin the graph with the normalisation of frames")
     export.add_argument("--context", action="store_true",
@@ -43,6 +48,22 @@ def _line_of(error: Exception) -> str:
         if not text.startswith("ERR"):
             text = f"{error.filename}: {text}"
     return _visible(text if text.startswith("ERR") else f"ERROR: {text}")
+
+
+def _vectors_of(model: mlnn.Model, names: list[str]) -> np.ndarray[Any, np.dtype[np.float32]]:
+    """The input vectors of recordings in .npy files, one behind the other."""
+    found = []
+    for name in names:
+        try:
+            with open(name, "rb") as file:
+                frames = np.load(file, allow_pickle=False)
+            if not isinstance(frames, np.ndarray):
+                raise ValueError("expected one array")
+            stacked = frames.ndim == 2 and frames.shape[1] == model.num_inputs != model.frame_width
+            found.append(np.asarray(frames, np.float32) if stacked else model.stack(frames))
+        except (EOFError, TypeError, ValueError) as error:
+            raise ValueError(f"{name}: {error}") from None
+    return np.concatenate(found)
 
 
 def _tool() -> str | None:
@@ -73,9 +94,10 @@ def main(arguments: list[str] | None = None) -> int:
     warnings.simplefilter("always", mlnn.Warning)
     try:
         if options.command == "export-onnx":
-            mlnn.to_onnx(mlnn.load(options.model, options.act_fn), options.out,
-                         quantized=options.quantized, normalisation=options.normalisation,
-                         context=options.context)
+            model = mlnn.load(options.model, options.act_fn)
+            frames = _vectors_of(model, options.frames) if options.frames else None
+            mlnn.to_onnx(model, options.out, quantized=options.quantized, frames=frames,
+                         normalisation=options.normalisation, context=options.context)
         else:
             mlnn.from_onnx(options.onnx).save(options.out)
     except (ImportError, MemoryError, OSError, ValueError) as error:

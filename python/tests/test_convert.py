@@ -608,6 +608,38 @@ def test_an_export_of_rounded_inputs_stays_within_its_bound(torch, digits, tmp_p
     assert state(mlnn.from_onnx(tmp_path / "q.onnx")) == state(model)
 
 
+def test_the_command_rounds_inputs_by_what_recordings_need(digits, tmp_path, command):
+    quantised, out = tmp_path / "q.txt", tmp_path / "q.onnx"
+    model = mlnn.load(digits / "synth.txt").quantize()
+    model.save(quantised)
+    paths = sorted((digits / "frames").glob("*.npy"))[:3]
+    inputs = np.concatenate([model.stack(np.load(path)) for path in paths])
+    expected = mlnn.to_onnx(model, quantized=True, frames=inputs).SerializeToString()
+    np.save(tmp_path / "stacked.npy", inputs)
+    for names in paths, [tmp_path / "stacked.npy"]:
+        out.write_bytes(b"old")
+        assert command("export-onnx", "--quantized", quantised, out, "--frames", *names) == (0, "", "")
+        assert out.read_bytes() == expected
+
+
+@pytest.mark.parametrize("data, message", [
+    (b"", "No data left in file"),
+    (b"text", "Cannot load file containing pickled data when allow_pickle=False"),
+    (None, "frames of 3 values; expected 120")])
+def test_the_command_refuses_what_are_no_recordings(digits, tmp_path, command, data, message):
+    quantised, out, frames = tmp_path / "q.txt", tmp_path / "q.onnx", tmp_path / "f.npy"
+    mlnn.load(digits / "synth.txt").quantize().save(quantised)
+    out.write_text("old")
+    if data is None:
+        np.save(frames, np.ones((2, 3), np.float32))
+    else:
+        frames.write_bytes(data)
+    status, stdout, stderr = command("export-onnx", "--quantized", quantised, out, "--frames", frames)
+    assert (status, stdout) == (1, "")
+    assert stderr.startswith(f"ERROR: {frames}: {message}"), stderr
+    assert out.read_text() == "old"
+
+
 def test_inputs_are_rounded_by_what_a_recording_needs(model):
     model.layers[0].weights[:] = 1
     model.layers[0].act_fn = "relu"

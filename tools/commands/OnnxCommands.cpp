@@ -32,6 +32,7 @@ struct Options {
   std::string python = "python3";
   std::string actFn;  // "" when not given
   bool quantized = false;
+  std::vector<std::string> frames;
   bool normalisation = false;
   bool context = false;
 };
@@ -63,10 +64,17 @@ CommandHelp exportHelp() {
       "properties, curves, the normalisation and the feature description travel as metadata, so\n"
       "that import-onnx gives the model back. With --quantized, weights that mlnn quantize made "
       "become\n"
-      "whole numbers of 8 bits and DequantizeLinear with a scale for each row.\n"
+      "whole numbers of 8 bits and DequantizeLinear with a scale for each row; with --frames, "
+      ".npy\n"
+      "files, the inputs of these layers go through QuantizeLinear and DequantizeLinear with the\n"
+      "scale by which the recordings fill 8 bits. PyTorch computes what these graphs say; OpenCV "
+      "4.6\n"
+      "refuses them.\n"
       "\n" +
       std::string(kNeedsPython);
-  help.examples = "mlnn export-onnx model.txt model.onnx";
+  help.examples =
+      "mlnn export-onnx model.txt model.onnx\n"
+      "mlnn export-onnx small.mlnn small.onnx --quantized --frames words/*.npy";
   return help;
 }
 
@@ -88,6 +96,7 @@ int runExport(const Options& options) {
   std::vector<std::string> command = {"export-onnx"};
   if (!options.actFn.empty()) command.push_back("--act-fn=" + options.actFn);
   if (options.quantized) command.push_back("--quantized");
+  for (const std::string& name : options.frames) command.push_back("--frames=" + name);
   if (options.normalisation) command.push_back("--normalisation");
   if (options.context) command.push_back("--context");
   command.insert(command.end(), {"--", options.in, options.out});
@@ -108,7 +117,12 @@ void addExportOnnxCommand(Tool& tool) {
   command.add("--act-fn", options->actFn, "Activation of the hidden layers whose file records none")
       .check(notEmpty)
       .type("NAME");
-  command.addFlag("--quantized", options->quantized, "Write quantised weights in 8 bits");
+  const Option quantized =
+      command.addFlag("--quantized", options->quantized, "Write quantised weights in 8 bits");
+  command.add("--frames", options->frames, "Recordings to find the scales of inputs with")
+      .needs(quantized)
+      .check(notEmpty)
+      .type("FRAMES");
   command.addFlag("--normalisation", options->normalisation,
                   "Begin the graph with the normalisation of frames");
   command.addFlag("--context", options->context,

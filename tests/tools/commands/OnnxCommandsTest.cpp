@@ -36,6 +36,10 @@ TEST_F(OnnxCommandsTest, handOverToThePackageAndReturnItsStatus) {
   const ToolResult quantized =
       runTool({"export-onnx", "--quantized", "--python", python_, "a.txt", "b.onnx"});
   EXPECT_EQ(quantized.out, "-c\nexport-onnx --quantized -- a.txt b.onnx\n");
+  const ToolResult rounded = runTool({"export-onnx", "a.txt", "b.onnx", "--quantized", "--frames",
+                                      "c.npy", "d.npy", "--python", python_});
+  EXPECT_EQ(rounded.out,
+            "-c\nexport-onnx --quantized --frames=c.npy --frames=d.npy -- a.txt b.onnx\n");
   const ToolResult whole = runTool(
       {"export-onnx", "--normalisation", "--context", "--python", python_, "a.txt", "b.onnx"});
   EXPECT_EQ(whole.out, "-c\nexport-onnx --normalisation --context -- a.txt b.onnx\n");
