@@ -50,18 +50,27 @@ def _line_of(error: Exception) -> str:
     return _visible(text if text.startswith("ERR") else f"ERROR: {text}")
 
 
+def _recording(name: str) -> np.ndarray[Any, Any]:
+    """What numpy.save wrote into a file."""
+    try:
+        with open(name, "rb") as file:
+            found = np.load(file, allow_pickle=False)
+    except (EOFError, ValueError):
+        found = None
+    if not isinstance(found, np.ndarray):
+        raise ValueError(f"{name}: expected an array in NumPy's format")
+    return found
+
+
 def _vectors_of(model: mlnn.Model, names: list[str]) -> np.ndarray[Any, np.dtype[np.float32]]:
-    """The input vectors of recordings in .npy files, one behind the other."""
+    """The input vectors of recordings in files, one behind the other."""
     found = []
     for name in names:
+        frames = _recording(name)
         try:
-            with open(name, "rb") as file:
-                frames = np.load(file, allow_pickle=False)
-            if not isinstance(frames, np.ndarray):
-                raise ValueError("expected one array")
             stacked = frames.ndim == 2 and frames.shape[1] == model.num_inputs != model.frame_width
             found.append(np.asarray(frames, np.float32) if stacked else model.stack(frames))
-        except (EOFError, TypeError, ValueError) as error:
+        except (TypeError, ValueError) as error:
             raise ValueError(f"{name}: {error}") from None
     return np.concatenate(found)
 

@@ -623,9 +623,9 @@ def test_the_command_rounds_inputs_by_what_recordings_need(digits, tmp_path, com
 
 
 @pytest.mark.parametrize("data, message", [
-    (b"", "No data left in file"),
-    (b"text", "Cannot load file containing pickled data when allow_pickle=False"),
-    (None, "frames of 3 values; expected 120")])
+    (b"", "expected an array in NumPy's format"),
+    (b"text", "expected an array in NumPy's format"),
+    (None, "frames of 3 values in a window of 5 make 15 inputs, but the model has 600")])
 def test_the_command_refuses_what_are_no_recordings(digits, tmp_path, command, data, message):
     quantised, out, frames = tmp_path / "q.txt", tmp_path / "q.onnx", tmp_path / "f.npy"
     mlnn.load(digits / "synth.txt").quantize().save(quantised)
@@ -636,7 +636,7 @@ def test_the_command_refuses_what_are_no_recordings(digits, tmp_path, command, d
         frames.write_bytes(data)
     status, stdout, stderr = command("export-onnx", "--quantized", quantised, out, "--frames", frames)
     assert (status, stdout) == (1, "")
-    assert stderr.startswith(f"ERROR: {frames}: {message}"), stderr
+    assert stderr == f"ERROR: {frames}: {message}\n"
     assert out.read_text() == "old"
 
 
