@@ -64,14 +64,17 @@ void writeWords(const std::vector<char>& image, std::ostream& out) {
 }  // namespace
 
 std::string arrayName(const std::string& fileName) {
+  constexpr char kName[] = "model";
+  constexpr char kSuffix[] = "_image";
   std::string name = nameOf(pathOf(fileName).stem());
   if (fileName == kStandardStream || std::none_of(name.begin(), name.end(), isLetterOrDigit)) {
-    return "model_image";
+    return std::string(kName) + kSuffix;
   }
   std::replace_if(
       name.begin(), name.end(), [](char c) { return !isLetterOrDigit(c); }, '_');
   if (isDigit(name.front())) name.insert(0, "_");
-  return name + "_image";
+  name += kSuffix;
+  return isCName(name) ? name : kName + name;  // "__" and "_A" are the languages' own
 }
 
 bool isCName(const std::string& name) {

@@ -8,8 +8,8 @@
 namespace mlnn {
 
 // Returns the name of the array in a file of that name: what stands before the ending, with '_'
-// for whatever C names cannot hold, and "_image"; "model_image" for the standard output, and where
-// C names can hold nothing of it.
+// for whatever C names cannot hold, and "_image", with "model" before what C keeps for itself;
+// "model_image" for the standard output, and where C names can hold nothing of it.
 std::string arrayName(const std::string& fileName);
 
 // Whether C and C++ take the name for a variable: letters of ASCII, digits and '_', none of the

@@ -19,7 +19,8 @@ struct Chart {
   std::string yLabel;
   double xLow = 0;  // position of the first value (curve), left edge of the first bin
   double xHigh = 0;
-  std::vector<double> values;  // one for each point or bin; NaN where there is nothing to draw
+  // One for each point or bin, of a magnitude that floats have; NaN where there is nothing to draw.
+  std::vector<double> values;
 
   // Of a map, whose values are not negative and stand row by row from the top.
   std::vector<std::string> rowNames;

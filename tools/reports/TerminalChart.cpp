@@ -190,9 +190,10 @@ void printMap(std::ostream& out, const Chart& chart, const TerminalLook& look) {
 
 std::string countText(const Chart& chart, std::size_t row, std::size_t column, bool hasColours) {
   const double count = chart.values[row * chart.columns + column];
-  const Ink ink = row == chart.rightRows[column] ? Ink::kGreen : Ink::kYellow;
+  const bool isPlain = count == 0 || chart.rightRows.empty();
+  const bool isRight = !isPlain && row == chart.rightRows[column];
   InkedLine text(hasColours);
-  text.add(generalNumber(count, 9), count == 0 ? Ink::kPlain : ink);
+  text.add(generalNumber(count, 9), isPlain ? Ink::kPlain : isRight ? Ink::kGreen : Ink::kYellow);
   return text.text();
 }
 

@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+#include <string>
+
+#include "tools/reports/SvgChart.h"
+
+namespace {
+
+using mlnn::Chart;
+
+std::size_t countOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+Chart curve(std::vector<double> values) {
+  Chart chart;
+  chart.title = "loss";
+  chart.xLabel = "epoch";
+  chart.yLabel = "loss";
+  chart.xLow = 1;
+  chart.xHigh = static_cast<double>(values.size());
+  chart.values = std::move(values);
+  return chart;
+}
+
+std::string pictureOf(const std::vector<Chart>& charts, const std::string& heading = "model") {
+  std::ostringstream out;
+  mlnn::writeSvg(out, heading, charts);
+  return out.str();
+}
+
+TEST(SvgChart, hasAPanelForEachChart) {
+  const std::string one = pictureOf({curve({3, 2, 1})});
+  const std::string two = pictureOf({curve({3, 2, 1}), curve({1, 2})});
+  EXPECT_EQ(countOf(one, "<circle"), 3u);
+  EXPECT_EQ(countOf(two, "<circle"), 5u);
+  EXPECT_EQ(countOf(two, "<path"), 2u);
+  EXPECT_EQ(two.substr(two.size() - 7), "</svg>\n");
+}
+
+TEST(SvgChart, drawsNothingWhereThereIsNoNumber) {
+  const std::string gap = pictureOf({curve({3, std::nan(""), 1})});
+  EXPECT_EQ(countOf(gap, "<circle"), 2u);
+  EXPECT_EQ(gap.find("nan"), std::string::npos);
+  EXPECT_EQ(countOf(pictureOf({curve({std::nan("")})}), "<circle"), 0u);
+}
+
+TEST(SvgChart, drawsNumbersOfAnySize) {
+  for (const std::vector<double>& values :
+       {std::vector<double>{3.4e38, -3.4e38}, {1.4e-45, 0}, {7, 7, 7}, {0}}) {
+    const std::string picture = pictureOf({curve(values)});
+    EXPECT_EQ(picture.find("inf"), std::string::npos) << picture;
+    EXPECT_EQ(picture.find("nan"), std::string::npos) << picture;
+    EXPECT_EQ(countOf(picture, "<circle"), values.size());
+  }
+}
+
+TEST(SvgChart, hasAColumnForEachBin) {
+  Chart chart = curve({4, 0, 3});
+  chart.kind = Chart::Kind::kHistogram;
+  EXPECT_EQ(countOf(pictureOf({chart}), "<rect class=\"bar\""), 3u);
+}
+
+TEST(SvgChart, escapesTexts) {
+  Chart chart = curve({1});
+  chart.title = "<script>&\"";
+  std::ostringstream panel;
+  mlnn::writeSvgPanel(panel, chart);
+  for (const std::string& text : {pictureOf({chart}, "<b>"), panel.str()}) {
+    EXPECT_EQ(text.find("<script>"), std::string::npos);
+    EXPECT_EQ(text.find("<b>"), std::string::npos);
+    EXPECT_NE(text.find("&lt;script&gt;&amp;"), std::string::npos) << text;
+  }
+}
+
+}  // namespace
