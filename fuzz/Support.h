@@ -25,8 +25,8 @@ inline void requireNone(const std::string& difference, const char* what) {
   if (!difference.empty()) report(std::string(what) + ": " + difference);
 }
 
-// While it lives, keeps what goes to std::cerr and to stdio's stderr, without allocating and
-// without touching the descriptor, which a fuzzer reports on.
+// While it lives, keeps what goes to std::cerr and to stdio's stderr, without allocating and, but
+// for Windows, without touching the descriptor, which a fuzzer reports on.
 class Diagnostics {
  public:
   Diagnostics();
@@ -38,8 +38,11 @@ class Diagnostics {
   void clear();
 
  private:
-  std::streambuf* shown_;
-  std::FILE* shownFile_;
+  struct Shown {  // what was in the place of each, as far as a system needs it
+    std::streambuf* stream;
+    std::FILE* file;
+    int descriptor;
+  } shown_;
 };
 
 // Limits on what is done with one input, from construction to check().

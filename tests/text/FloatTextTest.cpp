@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +20,7 @@ std::string formatted(float value, int precision) {
 }
 
 std::string printed(float value, int precision) {
+  if (std::isnan(value)) return std::signbit(value) ? "-nan" : "nan";  // as not every library does
   char text[160];
   std::snprintf(text, sizeof text, "%.*g", precision, double{value});
   return text;

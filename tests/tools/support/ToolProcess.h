@@ -14,7 +14,7 @@ struct ToolResult {
   std::string out;  // standard output, whole
   std::string err;  // standard error, whole
   double processorSeconds = 0;
-  std::size_t peakBytes = 0;  // the most memory that it had at one time
+  std::size_t peakBytes = 0;  // the most memory that it had at one time; 0 on Windows
 };
 
 // Runs the tool with these arguments, `input` on its standard input, in the folder `folder`
