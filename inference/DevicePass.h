@@ -21,7 +21,9 @@ namespace mlnn {
 //
 // Images of three kinds are refused that an ImageFwdPass takes: at an address that is no multiple
 // of 4; with weights as codes of a table, which would have to be unpacked (`mlnn quantize` makes
-// others than `mlnn reduce` does); without layers, or with layers that do not fit each other.
+// others than `mlnn reduce` does); without layers, or with layers that do not fit each other. And
+// it takes some that an ImageFwdPass refuses: whole ones with the right checksum, whose weights are
+// in another form than the writer would have chosen, which takes memory to find out.
 //
 // Lifetime: image and memory must stay where they are, and the image unchanged, while the pass is
 // in use. Copies of an object share the memory, so that only one may be used.
