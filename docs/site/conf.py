@@ -29,6 +29,7 @@ source_suffix = {".rst": "restructuredtext", ".md": "markdown"}
 include_patterns = ["index.rst", "site/*.rst", "reference/*.rst", "reference/**/*.rst", "**/*.md", "*.md", "examples/notebook/*.ipynb"]
 exclude_patterns = [".*", "tests/golden/*.md"]
 highlight_language = "none"
+pygments_style, pygments_dark_style = "xcode", "github-dark"  # whose colours stand out from the ground
 default_role = "code"
 nitpicky = False  # types of C++ signatures are those of Eigen and the standard library
 
@@ -54,6 +55,7 @@ html_title = f"mlnn {release}"
 templates_path = ["site/templates"]
 html_static_path = ["site/static"]
 html_css_files = ["site.css"]
+html_js_files = ["site.js"]
 html_copy_source = False
 html_show_sourcelink = False
 html_show_sphinx = False
@@ -75,5 +77,12 @@ def must_be_described(_app, kind, name, _value, _options, lines):
         logger.warning("%s %s is not documented", kind, name)
 
 
+def give_captions_a_level(_app, _page, _template, context, _doctree):
+    """Has titles of parts of the menu be headings for screen readers, too, which want to know of what level."""
+    for part in {"furo_navigation_tree", "body"} & context.keys():
+        context[part] = context[part].replace('role="heading"', 'role="heading" aria-level="2"')
+
+
 def setup(app):
+    app.connect("html-page-context", give_captions_a_level, priority=900)  # after the theme
     app.connect("autodoc-process-docstring", must_be_described)
