@@ -41,7 +41,7 @@ TEST(Report, putsPiecesTogether) {
 }
 
 TEST(Report, takesTextOfAnyLength) {
-  for (const std::size_t length : {255, 256, 257, 5000}) {
+  for (const std::size_t length : {255u, 256u, 257u, 5000u}) {
     const std::string text(length, 'x');
     EXPECT_EQ(said({text, 7}), text + "7");
   }
