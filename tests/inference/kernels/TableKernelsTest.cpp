@@ -122,9 +122,10 @@ TEST(TableKernels, bestIsTheFirstRunnableOne) {
 TEST(TableKernels, giveTheBitsThatTheWeightsGive) {
   for (const TableKernels* kernels : mlnn::runnableTableKernels()) {
     for (const unsigned bits : {8u, 4u}) {
-      for (const std::size_t rows : {1, 2, 3, 7, 8, 9, 15, 16, 17, 31, 33, 64, 65, 130}) {
-        for (const std::size_t cols : {1, 2, 15, 16, 17, 127, 129, 260}) {
-          for (const std::size_t rareEvery : {0, 1, 5, 1000}) {
+      for (const std::size_t rows :
+           {1u, 2u, 3u, 7u, 8u, 9u, 15u, 16u, 17u, 31u, 33u, 64u, 65u, 130u}) {
+        for (const std::size_t cols : {1u, 2u, 15u, 16u, 17u, 127u, 129u, 260u}) {
+          for (const std::size_t rareEvery : {0u, 1u, 5u, 1000u}) {
             SCOPED_TRACE(testing::Message() << kernels->lanes << " lanes, " << bits << " bits, "
                                             << rows << "x" << cols << ", one in " << rareEvery);
             TableLayer layer(rows, cols, bits, rareEvery);
@@ -141,7 +142,7 @@ TEST(TableKernels, computeSomeRowsOfALayerAsTheWholeDoes) {
   constexpr std::size_t kFirst = 64;
   for (const TableKernels* kernels : mlnn::runnableTableKernels()) {
     for (const unsigned bits : {8u, 4u}) {
-      for (const std::size_t rows : {128, 131}) {
+      for (const std::size_t rows : {128u, 131u}) {
         SCOPED_TRACE(testing::Message()
                      << kernels->lanes << " lanes, " << bits << " bits, " << rows);
         const TableLayer layer(rows, 140, bits, 37);
