@@ -1,5 +1,5 @@
-// Objects of Python with many bytes, which are filled a piece at a time, so that handlers of signals
-// run meanwhile and can stop it.
+// Objects of Python with many bytes, which are filled a piece at a time, so that handlers of
+// signals run meanwhile and can stop it.
 #pragma once
 
 #include <pybind11/pybind11.h>
@@ -42,8 +42,8 @@ class WatchedBytes final : public ByteSink {
   const Watch& watch_;
 };
 
-// A text in pieces of memory, none of which moves as it grows. Tells a watch of what is written, and
-// hands on what that throws.
+// A text in pieces of memory, none of which moves as it grows. Tells a watch of what is written,
+// and hands on what that throws.
 class TextPieces final : public std::streambuf {
  public:
   explicit TextPieces(const Watch& watch) : watch_(watch) {}
