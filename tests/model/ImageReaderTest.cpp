@@ -76,10 +76,12 @@ TEST(ImageReader, comparesTheChecksumUnlessItIsDeclined) {
 
 TEST(ImageReader, saysNothingOfWhatIsShorterThanEightBytes) {
   for (std::size_t length = 0; length < 8; ++length) {
-    NotingReader reader(imageOf(1).substr(0, length), 1);
+    const std::string begin = imageOf(1).substr(0, length);
+    NotingReader reader(begin, 1);
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(reader.read(), -1); }), "") << length;
   }
-  NotingReader longer(imageOf(1).substr(0, 8), 1);
+  const std::string head = imageOf(1).substr(0, 8);
+  NotingReader longer(head, 1);
   EXPECT_NE(stderrOf([&] { EXPECT_EQ(longer.read(), -1); }), "");
 }
 
