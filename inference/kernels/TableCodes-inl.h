@@ -201,8 +201,12 @@ class RareWeights {
   std::size_t column_ = 0;
 };
 
-// Vectors of rows that go through all columns together.
+// Vectors of rows that go through all columns together. Browsers load the code over a network.
+#if HWY_ARCH_WASM
+constexpr int kTableVectors = 1;
+#else
 constexpr int kTableVectors = 4;
+#endif
 
 // The values of a vector for each row, from `row` on; with kIsFew of the layer's only rows, fewer
 // than a vector has lanes.
