@@ -3,6 +3,7 @@
 #ifdef __STDCPP_THREADS__
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "os/Process.h"
+#include "os/ThreadPlace.h"
 
 namespace mlnn {
 
@@ -52,6 +54,7 @@ class WorkerPool::Crew {
       undone_.store(parts);
       untaken_.store(parts);
     }
+    callerProcessor_ = processorInUse();
     begins_.notify_all();
     takeParts(0);
     waitUntil(ended_, [this] { return undone_.load() == 0; });
@@ -74,6 +77,8 @@ class WorkerPool::Crew {
   void serve(int worker) {
     while (!ends_) {
       waitUntil(begins_, [this] { return untaken_.load() > 0 || ends_; });
+      // A thread that woke where the caller runs would take turns with it, and may stay there long.
+      leaveProcessor(callerProcessor_);
       takeParts(worker);
     }
   }
@@ -113,11 +118,13 @@ class WorkerPool::Crew {
     ended_.notify_one();
   }
 
-  // Between the layers of a network it takes less time to look again than to sleep.
+  // A thread that sleeps is long in coming. So it looks for a while first, in which the next layer
+  // or the next call usually comes, and leaves its processor to whoever wants it.
   template <typename Condition>
   void waitUntil(std::condition_variable& changed, const Condition& holds) {
-    constexpr int kLooks = 50;
-    for (int i = 0; i < kLooks; ++i) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::microseconds kPatience{300};
+    for (const Clock::time_point end = Clock::now() + kPatience; Clock::now() < end;) {
       if (holds()) return;
       std::this_thread::yield();
     }
@@ -133,6 +140,7 @@ class WorkerPool::Crew {
   Work work_{};
   int parts_ = 0;
   std::exception_ptr failure_;
+  std::atomic<int> callerProcessor_{-1};
   std::atomic<bool> ends_{false};
   std::atomic<int> untaken_{0};       // parts; becomes less under the mutex alone
   std::atomic<int> undone_{0};        // parts

@@ -14,6 +14,7 @@ endif()
 set(os_sources
   ${os_special}/FirstThread.cpp
   ${os_special}/FreshMemory.cpp
+  ${os_special}/ThreadPlace.cpp
   ${MLNN_OS}/FileMapping.cpp
   ${MLNN_OS}/Forks.cpp
   ${MLNN_OS}/Process.cpp
