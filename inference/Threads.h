@@ -7,8 +7,8 @@
 
 namespace mlnn {
 
-// The thread that calls `evaluate` is one of them. The others sleep while there is nothing to do:
-// after an evaluation they look for the next one for 300 microseconds first, since waking takes long.
+// The thread that calls `evaluate` is one of them. The others sleep while there is nothing to do,
+// but look for the next evaluation for 300 microseconds first, since waking takes long.
 //
 // Thread-safety: passes of several threads may have the same Threads. One evaluation at a time
 // gets them; another one runs in its own thread meanwhile, with the same bits.
