@@ -285,9 +285,20 @@ std::vector<Prepare> assortedFormats() {
   return formats;
 }
 
+// The C library behind a stream may lose the sign of what is no number.
+bool streamHasItsSign(float value) {
+  if (!std::isnan(value) || !std::signbit(value)) return true;
+  std::ostringstream text;
+  text << value;
+  return text.str() == "-nan";
+}
+
 TEST(MultiLayerNNModelAsciiWriter, everyValueIsWhatTheStreamMakesOfIt) {
   MultiLayerNNModel model;
-  model.loss = assortedFloats();
+  for (const float value : assortedFloats()) {
+    if (streamHasItsSign(value)) model.loss.push_back(value);
+  }
+  ASSERT_GT(model.loss.size(), 6000u);
   for (const Prepare& prepare : assortedFormats()) {
     std::ostringstream expected;
     prepare(expected);

@@ -9,6 +9,7 @@ TEST(SourceTree, findsAFileOfTheTree) {
 }
 
 TEST(SourceTree, testsStartInTheRootOfTheTree) {
-  EXPECT_TRUE(
-      std::filesystem::equivalent(std::filesystem::current_path(), mlnn::test::sourcePath("")));
+  const char* const name =
+      "model/ModelFormat.h";  // of a file, as not every system compares folders
+  EXPECT_TRUE(std::filesystem::equivalent(name, mlnn::test::sourcePath(name)));
 }

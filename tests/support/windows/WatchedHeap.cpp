@@ -19,6 +19,7 @@ void* __real_calloc(std::size_t count, std::size_t size);
 void* __real_realloc(void* block, std::size_t size);
 void __real_free(void* block);
 void* __real___emutls_get_address(void* variable);
+int __real_pthread_mutex_lock(void* mutex);
 }
 
 namespace {
@@ -34,7 +35,11 @@ DWORD slot = TLS_OUT_OF_INDEXES;
 // No thread_local: the compiler's own takes memory, and asks here for it.
 Thread& here() {
   if (slot == TLS_OUT_OF_INDEXES) slot = TlsAlloc();
-  if (void* const known = TlsGetValue(slot)) return *static_cast<Thread*>(known);
+  const DWORD error =
+      GetLastError();  // which is asked for behind a `free`, and TlsGetValue clears it
+  void* const known = TlsGetValue(slot);
+  SetLastError(error);
+  if (known != nullptr) return *static_cast<Thread*>(known);
   auto* const made = new (__real_malloc(sizeof(Thread))) Thread;
   TlsSetValue(slot, made);
   return *made;
@@ -49,6 +54,19 @@ bool mustFail() {
 void* counted(void* block, std::size_t size) {
   if (block != nullptr) here().counts.addBlock(size, _msize(block));
   return block;
+}
+
+// What `call` takes for the runtime itself, at the first use of something, neither fails nor
+// counts.
+template <typename Call>
+auto inOwnCode(Call call) {
+  Thread& thread = here();
+  const AllocationCounts before = thread.counts;
+  ++thread.inOwnCode;
+  const auto result = call();
+  --thread.inOwnCode;
+  thread.counts = before;
+  return result;
 }
 
 }  // namespace
@@ -80,15 +98,15 @@ void __wrap_free(void* block) {
   errno = error;
 }
 
-// What is counted of a variable of a thread, at its first use there, is taken back.
+// A variable of a thread takes its memory at the first use there.
 void* __wrap___emutls_get_address(void* variable) {
-  Thread& thread = here();
-  const AllocationCounts before = thread.counts;
-  ++thread.inOwnCode;
-  void* const address = __real___emutls_get_address(variable);
-  --thread.inOwnCode;
-  thread.counts = before;
-  return address;
+  return inOwnCode([&] { return __real___emutls_get_address(variable); });
+}
+
+// So does a mutex, and where it gets none the process ends: the one that guards the memory kept for
+// exceptions.
+int __wrap_pthread_mutex_lock(void* mutex) {
+  return inOwnCode([&] { return __real_pthread_mutex_lock(mutex); });
 }
 
 // The block lies behind a pointer to where it begins for the heap.
