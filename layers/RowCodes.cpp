@@ -186,12 +186,13 @@ Block blockAt(const RowCodesView& view, std::size_t panel, std::size_t group) {
   const std::size_t index = panel * static_cast<std::size_t>(rowCodeGroups(view.cols)) + group;
   const unsigned char* const bytes = view.codes + index * length;
   if (view.bits == 8) {
-    std::memcpy(codes.data(), bytes, length);
+    std::memcpy(codes.data(), bytes, codes.size());
     return codes;
   }
-  for (std::size_t j = 0; j < length; ++j) {
+  constexpr std::size_t kHalf = kRowCodeBlock / 2;
+  for (std::size_t j = 0; j < kHalf; ++j) {
     codes[j] = bytes[j] & 0xF;
-    codes[j + length] = bytes[j] >> 4;
+    codes[j + kHalf] = bytes[j] >> 4;
   }
   return codes;
 }
