@@ -117,9 +117,8 @@ void writeSizeLine(TextOutput& out, const char* keyword, std::size_t number, Ind
 // apart in memory, in other pages, from which the processor fetches nothing by itself.
 void writeRestOfRow(TextOutput& out, const Eigen::MatrixXf& weights, Index r, Index from) {
   constexpr Index kAhead = 16;
-  const float* const row = weights.data() + r;
   for (Index c = from; c < weights.cols(); ++c) {
-    if (c + kAhead < weights.cols()) mlnn::prefetch(row + (c + kAhead) * weights.rows());
+    if (c + kAhead < weights.cols()) mlnn::prefetch(&weights(r, c + kAhead));
     out.tabbed(weights(r, c));
   }
   out << "\n";

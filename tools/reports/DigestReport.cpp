@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <sstream>
+#include <string_view>
 
 #include "text/Escape.h"
 #include "tools/Failure.h"
@@ -82,7 +83,7 @@ ModelDigest parseJson(const std::string& text, const std::string& fileName) {
 }  // namespace
 
 void printDigest(const ModelDigest& digest, std::ostream& out) {
-  std::size_t width = 0;
+  std::size_t width = std::string_view(kFormatName).size();
   for (const DigestSection& section : digest.sections) width = std::max(width, section.name.size());
   const auto line = [width, &out](const std::string& name, const std::string& word) {
     out << name << std::string(width + 2 - name.size(), ' ') << word << "\n";

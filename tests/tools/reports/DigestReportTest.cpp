@@ -42,6 +42,13 @@ TEST(DigestReport, isATitleAFormatAndALineForEachSection) {
             "unused arrays  02\n");
 }
 
+TEST(DigestReport, hasRoomForAFormatBesideShorterNames) {
+  ModelDigest digest;
+  EXPECT_EQ(printed(digest), "mlnn digest 1\nformat  ascii\n");
+  digest.sections = {{"a", "01"}};
+  EXPECT_EQ(printed(digest), "mlnn digest 1\nformat  ascii\na       01\n");
+}
+
 TEST(DigestReport, readsItsOwnPrints) {
   for (const ModelFile& file : {fileOf(mlnn::test::fullModel()), imageFile()}) {
     const ModelDigest digest = digestOf(file);
