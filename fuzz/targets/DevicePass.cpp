@@ -3,13 +3,13 @@
 // other one with threads of its own.
 #include "inference/DevicePass.h"
 
-#include <cmath>
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "features/ContextWindow.h"
 #include "fuzz/ModelChecks.h"
+#include "fuzz/SameValues.h"
 #include "fuzz/Support.h"
 #include "inference/ImageFwdPass.h"
 #include "inference/Threads.h"
@@ -20,16 +20,12 @@ namespace {
 using Eigen::MatrixXf;
 using mlnn::DevicePass;
 using mlnn::fuzz::require;
+using mlnn::fuzz::sameValues;
 
 constexpr std::uint64_t kMostMemory = std::uint64_t{1} << 22;
 
-// A NaN is one whatever its payload.
-bool sameBits(const float* a, const float* b, Eigen::Index count) {
-  for (Eigen::Index i = 0; i < count; ++i) {
-    if (std::isnan(a[i]) && std::isnan(b[i])) continue;
-    if (std::memcmp(a + i, b + i, sizeof(float)) != 0) return false;
-  }
-  return true;
+Eigen::Map<const Eigen::VectorXf> vectorOf(const float* values, Eigen::Index count) {
+  return {values, count};
 }
 
 MatrixXf someValues(Eigen::Index rows, Eigen::Index cols, const uint8_t* data, std::size_t size) {
@@ -59,14 +55,13 @@ void checkVectors(DevicePass& device, mlnn::ImageFwdPass& pass, const MatrixXf& 
                   const MatrixXf& wanted) {
   for (Eigen::Index f = 0; f < inputs.cols(); ++f) {
     const MatrixXf vector = inputs.col(f);
-    require(sameBits(device.evaluate(vector.data()), wanted.col(f).eval().data(), wanted.rows()),
+    require(sameValues(vectorOf(device.evaluate(vector.data()), wanted.rows()), wanted.col(f)),
             "gives other bits than the pass of other programs");
   }
   static const std::shared_ptr<mlnn::Threads> threads = mlnn::Threads::start(3);
   MatrixXf shared;
   pass.setThreads(threads);
-  require(pass.evaluate(inputs, shared) == 0 && shared.size() == wanted.size() &&
-              sameBits(shared.data(), wanted.data(), wanted.size()),
+  require(pass.evaluate(inputs, shared) == 0 && sameValues(shared, wanted),
           "threads give other bits");
   pass.setThreads(nullptr);
 }
@@ -87,9 +82,8 @@ void checkFrames(DevicePass& device, mlnn::ImageFwdPass& pass, const uint8_t* da
   Eigen::Index next = 0;
   const auto take = [&](const float* results) {
     if (results == nullptr) return false;
-    require(
-        next < wanted.cols() && sameBits(results, wanted.col(next).eval().data(), wanted.rows()),
-        "frames give other bits than their input vectors");
+    require(next < wanted.cols() && sameValues(vectorOf(results, wanted.rows()), wanted.col(next)),
+            "frames give other bits than their input vectors");
     ++next;
     return true;
   };

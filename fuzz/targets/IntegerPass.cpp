@@ -1,9 +1,9 @@
 // The pass over whole numbers: from the model that an image gives, from the image where it lies,
 // and another of each; all give the bits that a pass written down one value at a time gives.
-#include <cstring>
 #include <memory>
 
 #include "fuzz/ModelChecks.h"
+#include "fuzz/SameValues.h"
 #include "fuzz/Support.h"
 #include "inference/ImageFwdPass.h"
 #include "inference/IntegerFwdPass.h"
@@ -16,24 +16,13 @@ using mlnn::ImageFwdPass;
 using mlnn::IntegerFwdPass;
 using mlnn::WideInputs;
 using mlnn::fuzz::require;
+using mlnn::fuzz::sameValues;
 
 Eigen::MatrixXf someInputs(int rows, const uint8_t* data, std::size_t size) {
   mlnn::fuzz::Bytes bytes(data + size - size % 97, size % 97);
   Eigen::MatrixXf inputs(rows, 1 + bytes.below(3));
   for (Eigen::Index i = 0; i < inputs.size(); ++i) inputs.data()[i] = bytes.value();
   return inputs;
-}
-
-// A NaN is one whatever its payload.
-bool sameValues(const Eigen::MatrixXf& a, const Eigen::MatrixXf& b) {
-  if (a.rows() != b.rows() || a.cols() != b.cols()) return false;
-  for (Eigen::Index i = 0; i < a.size(); ++i) {
-    const float x = a.data()[i];
-    const float y = b.data()[i];
-    if (x != x && y != y) continue;
-    if (std::memcmp(&x, &y, sizeof x) != 0) return false;
-  }
-  return true;
 }
 
 void requireOutputs(IntegerFwdPass* pass, const Eigen::MatrixXf& inputs,

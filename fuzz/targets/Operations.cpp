@@ -3,7 +3,6 @@
 // the forward pass refuses or computes what a plain loop does. At the end the pass over codes must
 // give what the reduced model gives, and a window over frames the same in both ways.
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -11,6 +10,7 @@
 
 #include "features/ContextWindow.h"
 #include "fuzz/ModelChecks.h"
+#include "fuzz/SameValues.h"
 #include "fuzz/Support.h"
 #include "inference/CodedFwdPass.h"
 #include "tests/support/ModelDifference.h"
@@ -24,6 +24,7 @@ using mlnn::ContextWindow;
 using mlnn::fuzz::Bytes;
 using mlnn::fuzz::require;
 using mlnn::fuzz::requireNone;
+using mlnn::fuzz::sameValues;
 using mlnn::test::firstDifference;
 
 constexpr int kMaxWidth = 5;
@@ -226,16 +227,6 @@ void requireWhole(MultiLayerNNModel& model) {
   require(mlnn::fuzz::imageOf(again) == image, "the image reads back otherwise");
 }
 
-// Equal bits, or NaN in both: of several NaN a sum may keep any.
-bool sameResults(const Eigen::MatrixXf& a, const Eigen::MatrixXf& b) {
-  if (a.rows() != b.rows() || a.cols() != b.cols()) return false;
-  for (Eigen::Index i = 0; i < a.size(); ++i) {
-    const bool bothNan = std::isnan(a.data()[i]) && std::isnan(b.data()[i]);
-    if (!bothNan && std::memcmp(a.data() + i, b.data() + i, sizeof(float)) != 0) return false;
-  }
-  return true;
-}
-
 Eigen::MatrixXf someFrames(Eigen::Index length, int count, Bytes& bytes) {
   Eigen::MatrixXf frames(length, count);
   for (Eigen::Index i = 0; i < frames.size(); ++i) frames.data()[i] = bytes.value();
@@ -257,7 +248,7 @@ void requireCodedPass(const MultiLayerNNModel& model, Bytes bytes) {
     Eigen::MatrixXf wanted;
     require(coded->evaluate(inputs, outputs) == 0 && plain.evaluate(inputs, wanted) == 0,
             "a pass that fits refuses");
-    require(sameResults(outputs, wanted), "codes give other bits than the reduced model");
+    require(sameValues(outputs, wanted), "codes give other bits than the reduced model");
   }
 }
 
@@ -287,7 +278,7 @@ void requireWindow(Bytes bytes) {
   }
   while (made < inputs.cols() && window->finish(inputs.col(made).data())) ++made;
   require(made == frames.cols(), "the number of input vectors");
-  require(sameResults(inputs.leftCols(made), wanted), "input vectors differ from the recording's");
+  require(sameValues(inputs.leftCols(made), wanted), "input vectors differ from the recording's");
 }
 
 void step(MultiLayerNNModel& model, MultiLayerNNModel& other, Bytes& bytes) {
