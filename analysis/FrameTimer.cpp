@@ -3,7 +3,6 @@
 #include <Eigen/Core>
 #include <algorithm>
 #include <cstdint>
-#include <ctime>
 #include <memory>
 #include <random>
 #include <utility>
@@ -12,6 +11,7 @@
 #include "inference/Evaluation.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "model/StackOutputs.h"
+#include "os/ProcessorTime.h"
 
 namespace mlnn {
 namespace {
@@ -19,12 +19,6 @@ namespace {
 constexpr double kWarmUpShare = 0.2;       // of the whole time, before anything is measured
 constexpr double kMinMeasurement = 0.001;  // seconds; much longer than the clock's own steps
 constexpr std::size_t kMinMeasurements = 5;
-
-double processorSeconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
 
 // Some frames with values in 0..1, as normalised features have; the same ones every time.
 Eigen::MatrixXf randomFrames(Eigen::Index width) {

@@ -24,7 +24,8 @@ struct FrameTime {
 
 // Runs the model over random frames, one a call as when frames arrive one by one, for about
 // `seconds` of processor time after a warm-up. What counts is the time that the processor
-// spends here, so other programs that run at the same time disturb little.
+// spends here, so other programs that run at the same time disturb little; on Windows, the time
+// that passes.
 // `watch` is told of kTimingSteps steps in all.
 // Returns: nothing, with `whyNot` set, when the model has no outputs or, after the forward pass's
 // own message, cannot be run.

@@ -5,6 +5,7 @@
 #include <limits>
 #include <sstream>
 #include <streambuf>
+#include <system_error>
 
 #include "model/MultiLayerNNModel.h"
 #include "model/RowQuantization.h"
@@ -179,6 +180,19 @@ TEST(MultiLayerNNModelLoad, fileIsClosedOnEveryPath) {
     MultiLayerNNModel model;
     stderrOf([&] { model.deserialize(path.c_str()); });
     EXPECT_EQ(openFiles(), before);
+  }
+}
+
+// What is open cannot be removed on Windows.
+TEST(MultiLayerNNModelLoad, fileCanBeRemovedAfterEveryPath) {
+  const TempFolder folder;
+  for (const std::string& contents :
+       {fullImage(), fullText(), fullImage() + "x", std::string("x")}) {
+    const std::string path = folder.write("model", contents);
+    MultiLayerNNModel model;
+    stderrOf([&] { model.deserialize(path.c_str()); });
+    std::error_code error;
+    EXPECT_TRUE(std::filesystem::remove(path, error)) << error.message();
   }
 }
 
