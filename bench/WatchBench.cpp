@@ -20,6 +20,7 @@
 #include "analysis/NumberDiff.h"
 #include "analysis/PrecisionSweep.h"
 #include "analysis/QuantizationDiff.h"
+#include "analysis/QuantizationProof.h"
 #include "analysis/Stage.h"
 #include "analysis/StatementDiff.h"
 #include "analysis/TraceComparison.h"
@@ -94,6 +95,12 @@ int main() {
     mlnn::PrecisionSweep sweep(model);
     sweep.addRecording(frames.leftCols(20), inputs, std::nullopt, watch);
     sweep.measure(8, watch);
+  });
+  measure("proof", [&](const Watch& watch) {
+    mlnn::QuantizationProof proof(model, 1);
+    const auto few = frames.leftCols(20);
+    proof.addRecording("frames", few, inputs, std::nullopt, whyNot, watch);
+    proof.measure({}, few, whyNot, watch);
   });
   MultiLayerNNModel first = model;
   measure("average", [&](const Watch& watch) {

@@ -36,7 +36,7 @@ void addFrames(const std::vector<LayerResult>& layers, LayerMeans& sums) {
 
 // Returns whether the model could be run.
 // REQUIRES: there are inputs.
-bool meansOf(MultiLayerNNModel& model, const Inputs& inputs, LayerMeans& means,
+bool meansOf(const MultiLayerNNModel& model, const Inputs& inputs, LayerMeans& means,
              const Watch& watch) {
   constexpr Index kFrames = 256;  // so that results of all layers take little memory
   NNFwdPassFromFile pass(model);
@@ -70,12 +70,13 @@ void moveShift(NNLayer& layer, const Eigen::VectorXd& wanted, const Eigen::Vecto
 
 }  // namespace
 
-int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const Inputs& inputs) {
+int correctBiases(const MultiLayerNNModel& original, MultiLayerNNModel& changed,
+                  const Inputs& inputs) {
   return correctBiases(original, changed, inputs, Watch());
 }
 
-int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed, const Inputs& inputs,
-                  const Watch& watch) {
+int correctBiases(const MultiLayerNNModel& original, MultiLayerNNModel& changed,
+                  const Inputs& inputs, const Watch& watch) {
   if (!haveSameWidths(original, changed)) {
     report({"ERROR: correctBiases: the models have layers of other widths"});
     return 1;

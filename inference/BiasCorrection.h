@@ -20,11 +20,11 @@ namespace mlnn {
 //          inputs.
 // On failure: `changed` is unchanged. On std::bad_alloc: some layers are done.
 // Prints: an error line on failure.
-MLNN_EXPORT int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed,
+MLNN_EXPORT int correctBiases(const MultiLayerNNModel& original, MultiLayerNNModel& changed,
                               const Eigen::Ref<const Eigen::MatrixXf>& inputs);
 
 // The same, which a watch can stop: it is told of inputs. Where it throws, some layers are done.
-MLNN_EXPORT int correctBiases(MultiLayerNNModel& original, MultiLayerNNModel& changed,
+MLNN_EXPORT int correctBiases(const MultiLayerNNModel& original, MultiLayerNNModel& changed,
                               const Eigen::Ref<const Eigen::MatrixXf>& inputs, const Watch& watch);
 
 }  // namespace mlnn

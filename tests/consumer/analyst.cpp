@@ -16,6 +16,7 @@
 #include "analysis/NumberDiff.h"
 #include "analysis/PrecisionSweep.h"
 #include "analysis/QuantizationDiff.h"
+#include "analysis/QuantizationProof.h"
 #include "analysis/StatementDiff.h"
 #include "analysis/TraceComparison.h"
 #include "analysis/WeightForms.h"
@@ -78,6 +79,10 @@ void compare(MultiLayerNNModel& model, const Eigen::MatrixXf& frames) {
          "behaviour");
   mlnn::PrecisionSweep sweep(model);
   expect(sweep.addRecording(frames, *inputs, std::nullopt) && sweep.measure(8).bits == 8, "sweep");
+  mlnn::QuantizationProof proof(model, 1);
+  expect(proof.addRecording("frames", frames, *inputs, std::nullopt, whyNot) &&
+             proof.measure({}, frames, whyNot) && proof.found().smallestWidth() == 8,
+         "proof");
   const mlnn::Trace trace{{"inputs"}, [&frames](const std::string&) { return frames; }};
   expect(!mlnn::compareTraces(trace, trace, false)[0].isBeyond(0), "traces");
   mlnn::ModelAverage average;

@@ -8,10 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "analysis/BehaviourDiff.h"
+#include "analysis/QuantizationProof.h"
 #include "inference/BiasCorrection.h"
-#include "inference/Evaluation.h"
-#include "inference/IntegerFwdPass.h"
 #include "inference/RecordingInputs.h"
 #include "model/RowQuantization.h"
 #include "text/Escape.h"
@@ -144,29 +142,13 @@ Eigen::MatrixXf vectorsOf(const MultiLayerNNModel& model, const std::vector<std:
   return vectors;
 }
 
-// Makes quantised models of one.
-class Quantizer {
- public:
-  Quantizer(MultiLayerNNModel& model, const Options& options) : model_(model) {
-    quantization_.scale = options.scales == kSquares ? RowScale::kLeastSquares : RowScale::kLargest;
-    quantization_.largestError = options.leave;
-    vectors_ = vectorsOf(model, options.correct, options.stacked);
-  }
-
-  // Puts the quantised model into `changed`, a copy of the model.
-  void apply(int bits, MultiLayerNNModel& changed, std::vector<QuantizedLayer>& layers) {
-    quantization_.bits = bits;
-    if (quantizeRows(changed, quantization_, &layers) != 0 ||
-        correctBiases(model_, changed, vectors_) != 0) {
-      throw Failure("the model cannot be quantised");
-    }
-  }
-
- private:
-  MultiLayerNNModel& model_;
-  RowQuantization quantization_;
-  Eigen::MatrixXf vectors_;  // to correct the biases with; no columns for none
-};
+RowQuantization quantizationOf(const Options& options) {
+  RowQuantization quantization;
+  quantization.bits = widthsOf(options).first;
+  quantization.scale = options.scales == kSquares ? RowScale::kLeastSquares : RowScale::kLargest;
+  quantization.largestError = options.leave;
+  return quantization;
+}
 
 void tellOfLayers(const std::vector<QuantizedLayer>& layers) {
   for (std::size_t i = 0; i < layers.size(); ++i) {
@@ -178,109 +160,67 @@ void tellOfLayers(const std::vector<QuantizedLayer>& layers) {
   }
 }
 
-// --- The proof ---
-
-std::uint64_t imageBytes(MultiLayerNNModel model) {
-  model.deltasNorm.allocIfNeeded();
-  const int length = model.binarySerializedLength();
-  if (length < 0) throw Failure("the model is too large for an image");
-  return static_cast<std::uint64_t>(length);
+// Quantises a copy of `original`.
+void quantize(const Options& options, const MultiLayerNNModel& original, MultiLayerNNModel& copy) {
+  const Eigen::MatrixXf corrections = vectorsOf(original, options.correct, options.stacked);
+  std::vector<QuantizedLayer> layers;
+  if (quantizeRows(copy, quantizationOf(options), &layers) != 0 ||
+      correctBiases(original, copy, corrections) != 0) {
+    throw Failure(kCannotBeQuantized);
+  }
+  tellOfLayers(layers);
 }
 
-// Runs quantised models beside the model as it is.
-class Trial {
- public:
-  Trial(MultiLayerNNModel& model, const Options& options)
-      : model_(model), options_(options), classes_(options.labels, model) {
-    found_.keep = options.keep;
-    found_.imageBytes = imageBytes(model);
-    found_.recordings = options.prove.size();
-    if (classes_.areKnown()) found_.rightRecordings = 0;
-    for (const std::string& name : options.prove) addRecording(name);
-  }
+// --- The proof ---
 
-  void measure(int bits, MultiLayerNNModel& changed) {
-    QuantizationLoss loss;
-    loss.bits = bits;
-    loss.imageBytes = imageBytes(changed);
-    loss.stages = stagesOf(changed);
-    const std::unique_ptr<NNFwdPassFromFile> floats(changed.createFwdPass());
-    const std::unique_ptr<IntegerFwdPass> integers = IntegerFwdPass::create(changed);
-    if (integers == nullptr) throw Failure(kCannotBeRun);
-    loss.floats = decisionsOf(*floats);
-    loss.integers = decisionsOf(*integers);
-    found_.losses.push_back(std::move(loss));
-  }
-
-  const QuantizationFindings& found() const { return found_; }
-
- private:
-  struct Recording {
-    Eigen::MatrixXf frames;
-    RecordingInputs inputs;
-    std::vector<Eigen::Index> best;  // class of each frame
-    std::optional<Eigen::Index> knownClass;
-  };
-
-  static std::vector<Eigen::Index> bestClasses(const Eigen::MatrixXf& outputs) {
-    std::vector<Eigen::Index> best;
-    for (Eigen::Index f = 0; f < outputs.cols(); ++f) best.push_back(bestClass(outputs.col(f)));
-    return best;
-  }
-
-  void addRecording(const std::string& name) {
+void addRecordings(const Options& options, const MultiLayerNNModel& model,
+                   QuantizationProof& proof) {
+  const KnownClasses classes(options.labels, model);
+  const InputSide network = InputSide::of(model);
+  Progress progress(options.prove.size());
+  for (const std::string& name : options.prove) {
     Eigen::MatrixXf frames = readRecording(name);
-    Progress progress(escaped(name), static_cast<std::size_t>(frames.cols()));
-    const RecordingInputs inputs =
-        inputsFor(InputSide::of(model_), frames.rows(), options_.stacked, name);
-    const std::optional<Eigen::Index> known = classes_.of(name);
-    const std::optional<Eigen::MatrixXf> outputs =
-        evaluateFrames(model_, frames, inputs, progress.watch());
-    if (!outputs) throw Failure(kCannotBeRun);
-    if (!outputs->allFinite()) {
-      throw Failure(inQuotes(name) + ": the outputs are not finite, which proves nothing");
+    progress.beginPart(escaped(name), static_cast<std::size_t>(frames.cols()));
+    const RecordingInputs inputs = inputsFor(network, frames.rows(), options.stacked, name);
+    const std::optional<Eigen::Index> known = classes.of(name);
+    std::string whyNot;
+    if (!proof.addRecording(inputName(name), std::move(frames), inputs, known, whyNot,
+                            progress.watch())) {
+      throw Failure(whyNot);
     }
-    found_.frames += static_cast<std::size_t>(frames.cols());
-    if (known && recordingClass(*outputs) == *known) ++*found_.rightRecordings;
-    recordings_.push_back({std::move(frames), inputs, bestClasses(*outputs), known});
   }
+}
 
-  // All stages but the inputs.
-  std::vector<StageLoss> stagesOf(MultiLayerNNModel& changed) const {
-    const BehaviourDiff diff = compareBehaviour(model_, changed, options_.prove, options_.stacked);
-    std::vector<StageLoss> losses;
-    for (std::size_t i = 1; i < diff.stages().size(); ++i) {
-      const StageDifference& stage = diff.stages()[i];
-      losses.push_back({stage.stage, static_cast<std::size_t>(stage.valuesA),
-                        stage.difference.largest(), stage.difference.mean()});
-    }
-    return losses;
+// A bar for so many widths.
+Progress progressOf(const QuantizationProof& proof, int widths) {
+  return Progress("trying widths", static_cast<std::size_t>(widths) * proof.found().frames *
+                                       QuantizationProof::kStepsOfFrame);
+}
+
+QuantizationFindings sweep(const Options& options, const MultiLayerNNModel& model) {
+  QuantizationProof proof(model, options.keep);
+  addRecordings(options, model, proof);
+  RowQuantization quantization = quantizationOf(options);
+  const Eigen::MatrixXf corrections = vectorsOf(model, options.correct, options.stacked);
+  const Widths widths = widthsOf(options);
+  Progress progress = progressOf(proof, widths.last - widths.first + 1);
+  for (int bits = widths.first; bits <= widths.last; ++bits) {
+    quantization.bits = bits;
+    std::string whyNot;
+    if (!proof.measure(quantization, corrections, whyNot, progress.watch())) throw Failure(whyNot);
   }
+  return proof.found();
+}
 
-  DecisionLoss decisionsOf(FwdPass& pass) const {
-    DecisionLoss loss;
-    Progress progress("deciding", found_.frames);
-    for (const Recording& recording : recordings_) {
-      const std::optional<Eigen::MatrixXf> outputs =
-          evaluateFrames(pass, recording.frames, recording.inputs, progress.watch());
-      if (!outputs) throw Failure(kCannotBeRun);
-      const std::vector<Eigen::Index> best = bestClasses(*outputs);
-      for (std::size_t f = 0; f < best.size(); ++f) {
-        if (best[f] == recording.best[f]) ++loss.sameBestClass;
-      }
-      if (recording.knownClass && recordingClass(*outputs) == *recording.knownClass) {
-        ++loss.rightRecordings;
-      }
-    }
-    return loss;
-  }
-
-  MultiLayerNNModel& model_;
-  const Options& options_;
-  KnownClasses classes_;
-  std::vector<Recording> recordings_;
-  QuantizationFindings found_;
-};
+QuantizationFindings prove(const Options& options, const MultiLayerNNModel& original, int bits,
+                           const MultiLayerNNModel& changed) {
+  QuantizationProof proof(original, options.keep);
+  addRecordings(options, original, proof);
+  Progress progress = progressOf(proof, 1);
+  std::string whyNot;
+  if (!proof.measure(bits, changed, whyNot, progress.watch())) throw Failure(whyNot);
+  return proof.found();
+}
 
 void show(const QuantizationFindings& found, const Options& options) {
   if (options.json) return printJson(quantizationJson(found));
@@ -298,36 +238,22 @@ void refuseLoss(const QuantizationFindings& found, const Options& options) {
                 generalNumber(found.keep * 100, 6) + " %");
 }
 
-int sweep(const Options& options, MultiLayerNNModel& model) {
-  Trial trial(model, options);
-  Quantizer quantizer(model, options);
-  const Widths widths = widthsOf(options);
-  std::vector<QuantizedLayer> layers;
-  for (int bits = widths.first; bits <= widths.last; ++bits) {
-    MultiLayerNNModel changed(model);
-    quantizer.apply(bits, changed, layers);
-    trial.measure(bits, changed);
-  }
-  show(trial.found(), options);
-  return kDone;
-}
-
 int run(const Options& options) {
   checkUsage(options);
   refuseSecondStandardInput(inputsOf(options));
   ModelFile file = loadModel(options.in, options.load);
-  if (!options.sweep.empty()) return sweep(options, file.model);
+  if (!options.sweep.empty()) {
+    show(sweep(options, file.model), options);
+    return kDone;
+  }
   MultiLayerNNModel original(file.model);
   original.props = file.model.props;  // which a copy starts without
-  std::vector<QuantizedLayer> layers;
-  const int bits = widthsOf(options).first;
-  Quantizer(original, options).apply(bits, file.model, layers);
-  tellOfLayers(layers);
+  quantize(options, original, file.model);
   if (!options.prove.empty()) {
-    Trial trial(original, options);
-    trial.measure(bits, file.model);
-    show(trial.found(), options);
-    refuseLoss(trial.found(), options);
+    const QuantizationFindings found =
+        prove(options, original, widthsOf(options).first, file.model);
+    show(found, options);
+    refuseLoss(found, options);
   }
   if (options.out.empty()) return kDone;
   const ModelFormat format = formatToSave(options.out, options.save, file.format);

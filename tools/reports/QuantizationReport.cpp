@@ -1,7 +1,10 @@
 #include "tools/reports/QuantizationReport.h"
 
-#include <algorithm>
+#include <optional>
 #include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "text/Numbers.h"
 #include "tools/reports/Json.h"
@@ -13,10 +16,6 @@ namespace {
 constexpr int kDigits = 3;  // of differences
 constexpr auto kLeft = Table::Align::kLeft;
 constexpr auto kRight = Table::Align::kRight;
-
-double shareOf(std::uint64_t part, std::uint64_t whole) {
-  return whole == 0 ? 1 : static_cast<double>(part) / static_cast<double>(whole);
-}
 
 std::string percent(double share) { return fixedNumber(share * 100, 2) + " %"; }
 
@@ -44,11 +43,10 @@ Table widthsOf(const QuantizationFindings& found) {
   const std::optional<int> smallest = found.smallestWidth();
   for (const QuantizationLoss& loss : found.losses) {
     const StageLoss& outputs = loss.stages.back();
-    std::vector<std::string> row = {std::to_string(loss.bits),
-                                    generalNumber(outputs.largest, kDigits),
-                                    generalNumber(outputs.mean, kDigits),
-                                    percent(shareOf(loss.floats.sameBestClass, found.frames)),
-                                    percent(shareOf(loss.integers.sameBestClass, found.frames))};
+    std::vector<std::string> row = {
+        std::to_string(loss.bits), generalNumber(outputs.largest, kDigits),
+        generalNumber(outputs.mean, kDigits), percent(found.sameBestClassShare(loss.floats)),
+        percent(found.sameBestClassShare(loss.integers))};
     if (found.rightRecordings) {
       row.push_back(outOf(loss.floats.rightRecordings, found.recordings));
       row.push_back(outOf(loss.integers.rightRecordings, found.recordings));
@@ -79,10 +77,10 @@ Table meansOf(const QuantizationFindings& found) {
 
 Json decisionsJson(const DecisionLoss& loss, const QuantizationFindings& found) {
   Json json = {{"same_best_class", loss.sameBestClass},
-               {"same_best_class_share", shareOf(loss.sameBestClass, found.frames)}};
+               {"same_best_class_share", found.sameBestClassShare(loss)}};
   if (found.rightRecordings) {
     json["right_recordings"] = loss.rightRecordings;
-    json["accuracy"] = shareOf(loss.rightRecordings, found.recordings);
+    json["accuracy"] = found.accuracy(loss.rightRecordings);
   }
   return json;
 }
@@ -105,26 +103,12 @@ Json lossJson(const QuantizationLoss& loss, const QuantizationFindings& found) {
 
 }  // namespace
 
-bool QuantizationFindings::keeps(const QuantizationLoss& loss) const {
-  const auto isKept = [this](const DecisionLoss& decisions) {
-    if (shareOf(decisions.sameBestClass, frames) < keep) return false;
-    return !rightRecordings || shareOf(decisions.rightRecordings, *rightRecordings) >= keep;
-  };
-  return isKept(loss.floats) && isKept(loss.integers);
-}
-
-std::optional<int> QuantizationFindings::smallestWidth() const {
-  const auto kept = std::find_if(losses.begin(), losses.end(),
-                                 [this](const QuantizationLoss& loss) { return keeps(loss); });
-  return kept == losses.end() ? std::nullopt : std::optional<int>(kept->bits);
-}
-
 void printProof(const QuantizationFindings& found, std::ostream& out) {
   const QuantizationLoss& loss = found.losses.front();
   stagesOf(loss).print(out);
-  out << "same best class in " << percent(shareOf(loss.floats.sameBestClass, found.frames))
-      << " of " << counted(found.frames, "frame") << ", in integers "
-      << percent(shareOf(loss.integers.sameBestClass, found.frames)) << "\n";
+  out << "same best class in " << percent(found.sameBestClassShare(loss.floats)) << " of "
+      << counted(found.frames, "frame") << ", in integers "
+      << percent(found.sameBestClassShare(loss.integers)) << "\n";
   if (found.rightRecordings) {
     out << outOf(loss.floats.rightRecordings, found.recordings) << " recordings right, in integers "
         << loss.integers.rightRecordings << "; before " << *found.rightRecordings << "\n";
@@ -157,7 +141,7 @@ nlohmann::ordered_json quantizationJson(const QuantizationFindings& found) {
                  {"image_bytes", found.imageBytes}};
   if (found.rightRecordings) {
     report["right_recordings"] = *found.rightRecordings;
-    report["accuracy"] = shareOf(*found.rightRecordings, found.recordings);
+    report["accuracy"] = found.accuracy(*found.rightRecordings);
   }
   report["widths"] = Json::array();
   for (const QuantizationLoss& loss : found.losses) {

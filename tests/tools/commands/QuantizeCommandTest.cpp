@@ -142,6 +142,16 @@ TEST_F(QuantizeCommandTest, sweepAsJson) {
   EXPECT_EQ(two["stages"][0]["values"], 2);
 }
 
+// Which can be read once only.
+TEST_F(QuantizeCommandTest, recordingsFromTheStandardInput) {
+  const ToolResult result = run({"in.txt", "--bits", "2", "--prove", "-"}, "1 0\n0 1\n");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_NE(result.out.find("\nsame best class in 50.00 % of 2 frames, in integers 50.00 %\n"),
+            std::string::npos)
+      << result.out;
+}
+
 // --- Refusals ---
 
 TEST_F(QuantizeCommandTest, wrongUsage) {

@@ -23,28 +23,13 @@ QuantizationLoss lossOf(int bits, std::size_t floats, std::size_t integers, std:
 QuantizationFindings someFindings() {
   QuantizationFindings found;
   found.recordings = 4;
+  found.knownRecordings = 4;
   found.frames = 100;
   found.keep = 0.9;
   found.rightRecordings = 4;
   found.imageBytes = 5000;
   found.losses = {lossOf(2, 90, 89, 4), lossOf(4, 95, 90, 4), lossOf(8, 100, 100, 3)};
   return found;
-}
-
-// By floats, by integers, and of the recordings that were right.
-TEST(QuantizationReport, keepsWhatBothPassesKeep) {
-  const QuantizationFindings found = someFindings();
-  EXPECT_FALSE(found.keeps(found.losses[0]));
-  EXPECT_TRUE(found.keeps(found.losses[1]));
-  EXPECT_FALSE(found.keeps(found.losses[2]));
-  EXPECT_EQ(found.smallestWidth(), 4);
-  QuantizationFindings strict = found;
-  strict.keep = 1;
-  EXPECT_EQ(strict.smallestWidth(), std::nullopt);
-  strict.rightRecordings.reset();
-  EXPECT_EQ(strict.smallestWidth(), 8);
-  strict.rightRecordings = 0;  // of none, all are kept
-  EXPECT_EQ(strict.smallestWidth(), 8);
 }
 
 TEST(QuantizationReport, provesOneWidthStageByStage) {
