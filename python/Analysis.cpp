@@ -19,6 +19,7 @@
 #include "analysis/NumberDiff.h"
 #include "analysis/PrecisionSweep.h"
 #include "analysis/QuantizationDiff.h"
+#include "analysis/QuantizationProof.h"
 #include "analysis/Stage.h"
 #include "analysis/StatementDiff.h"
 #include "analysis/TraceComparison.h"
@@ -335,6 +336,99 @@ py::dict sweep(Core& core, const std::vector<Recording>& recordings,
       "losses"_a = listFrom(losses, [](const PrecisionLoss& loss) { return dictOf(loss); }));
 }
 
+// --- Proofs of quantisation ---
+
+// What to find out, and by what.
+struct ProofOptions {
+  RowQuantization quantization;
+  std::optional<Columns> corrections;
+  double keep;
+  bool stacked;
+};
+
+py::dict dictOf(const QuantizationFindings& found, const DecisionLoss& loss) {
+  using namespace py::literals;
+  py::dict dict("same_best_class"_a = loss.sameBestClass,
+                "same_best_class_share"_a = found.sameBestClassShare(loss),
+                "right_recordings"_a = py::none(), "accuracy"_a = py::none());
+  if (found.rightRecordings) {
+    dict["right_recordings"] = loss.rightRecordings;
+    dict["accuracy"] = found.accuracy(loss.rightRecordings);
+  }
+  return dict;
+}
+
+py::dict dictOf(const QuantizationFindings& found, const QuantizationLoss& loss) {
+  using namespace py::literals;
+  return py::dict("bits"_a = loss.bits, "keeps"_a = found.keeps(loss),
+                  "image_bytes"_a = loss.imageBytes, "floats"_a = dictOf(found, loss.floats),
+                  "integers"_a = dictOf(found, loss.integers),
+                  "stages"_a = listFrom(loss.stages, [](const StageLoss& stage) {
+                    return py::dict("stage"_a = stage.stage, "values"_a = stage.values,
+                                    "largest"_a = stage.largest, "mean"_a = stage.mean);
+                  }));
+}
+
+py::dict dictOf(const QuantizationFindings& found) {
+  using namespace py::literals;
+  py::dict dict("recordings"_a = found.recordings, "known_recordings"_a = found.knownRecordings,
+                "frames"_a = found.frames, "keep"_a = found.keep,
+                "right_recordings"_a = found.rightRecordings, "accuracy"_a = py::none(),
+                "image_bytes"_a = found.imageBytes, "smallest_width"_a = found.smallestWidth(),
+                "losses"_a = listFrom(found.losses, [&found](const QuantizationLoss& loss) {
+                  return dictOf(found, loss);
+                }));
+  if (found.rightRecordings) dict["accuracy"] = found.accuracy(*found.rightRecordings);
+  return dict;
+}
+
+// Measures each width. Returns why that cannot be done; "" where it is.
+std::string measure(QuantizationProof& proof, const ProofOptions& options,
+                    const std::vector<int>& widths, const Watch& watch) {
+  const Eigen::MatrixXf none;
+  const Eigen::Ref<const Eigen::MatrixXf> corrections =
+      options.corrections ? Eigen::Ref<const Eigen::MatrixXf>(*options.corrections)
+                          : Eigen::Ref<const Eigen::MatrixXf>(none);
+  RowQuantization quantization = options.quantization;
+  for (const int bits : widths) {
+    quantization.bits = bits;
+    const CollectedMessages said;
+    std::string whyNot;
+    if (proof.measure(quantization, corrections, whyNot, watch)) continue;
+    return said.messages().empty() ? whyNot : said.messages().back().text;
+  }
+  return "";
+}
+
+// `classes` are those of sweep(). Returns what was found, and why that cannot be all; "" where it
+// is.
+std::pair<py::dict, py::bytes> proveQuantization(Core& core,
+                                                 const std::vector<Recording>& recordings,
+                                                 const std::vector<Index>& classes,
+                                                 const std::vector<int>& widths,
+                                                 const ProofOptions& options) {
+  std::vector<Columns> columns;
+  for (const auto& recording : recordings) columns.push_back(columnsOf(recording.second));
+  std::string refusal;
+  const QuantizationFindings found = read(core, [&](const MultiLayerNNModel& model) {
+    QuantizationProof proof(model, options.keep);
+    const Watch watch = interruptedBySignals({&core});
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      const std::string& name = recordings[i].first;
+      const RecordingInputs inputs = inputsOf(model, name, columns[i].rows(), options.stacked);
+      const auto known = classes[i] < 0 ? std::nullopt : std::optional<Index>(classes[i]);
+      const CollectedMessages said;
+      std::string whyNot;
+      if (!proof.addRecording(name, columns[i], inputs, known, whyNot, watch)) {
+        throw py::value_error(said.messages().empty() ? whyNot : said.messages().back().text);
+      }
+    }
+    refusal = measure(proof, options, widths, watch);
+    return proof.found();
+  });
+  return {dictOf(found), bytesOf(refusal)};
+}
+
 // --- Traces ---
 
 py::dict dictOf(const StageComparison::Side& side) {
@@ -421,6 +515,18 @@ void bindAnalysis(py::module_& module) {
   module.def("quantization", &quantization);
   module.def("behaviour_differences", &differencesInBehaviour);
   module.def("sweep", &sweep);
+  module.attr("ROW_BITS") = py::make_tuple(RowQuantization::kMinBits, RowQuantization::kMaxBits);
+  module.def(
+      "prove_quantization",
+      [](Core& core, const std::vector<Recording>& recordings, const std::vector<Index>& classes,
+         const std::vector<int>& widths, bool leastSquares, double largestError,
+         const std::optional<Frames>& corrections, double keep, bool stacked) {
+        ProofOptions options{{}, std::nullopt, keep, stacked};
+        if (leastSquares) options.quantization.scale = RowScale::kLeastSquares;
+        options.quantization.largestError = largestError;
+        if (corrections) options.corrections.emplace(columnsOf(*corrections));
+        return proveQuantization(core, recordings, classes, widths, options);
+      });
   module.def("trace_differences", &traceDifferences);
   module.def("average", &average);
 }

@@ -13,7 +13,7 @@ from ._analysis import average as average, compare as compare
 from ._analysis import diagnose as diagnose, diff as diff
 from ._cluster import score_recordings as score_recordings
 from ._plot import plot_posteriors as plot_posteriors
-from ._results import Budget, Digest, Results, Suspicion, Sweep, Trace
+from ._results import Budget, Digest, QuantizationProof, Results, Suspicion, Sweep, Trace
 from ._views import _Array
 
 _Path = str | os.PathLike[str]
@@ -171,6 +171,16 @@ class Model:
     def sweep(self, recordings: Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike],
               bits: Iterable[int] = range(1, 17), *, classes: Sequence[int | None] | None = None,
               stacked: bool = False) -> Sweep: ...
+    def prove_quantization(self, recordings: Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike],
+                           bits: int = 8, *, least_squares: bool = False,
+                           largest_error: float | None = None, correct: npt.ArrayLike | None = None,
+                           classes: Sequence[int | None] | None = None, keep: float = 0.95,
+                           stacked: bool = False) -> QuantizationProof: ...
+    def sweep_quantization(self, recordings: Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike],
+                           bits: Iterable[int] = range(4, 9), *, least_squares: bool = False,
+                           largest_error: float | None = None, correct: npt.ArrayLike | None = None,
+                           classes: Sequence[int | None] | None = None, keep: float = 0.95,
+                           stacked: bool = False) -> QuantizationProof: ...
     def stack(self, frames: npt.ArrayLike) -> _Floats: ...
 
 def load(path: _File, act_fn: str | None = None) -> Model: ...

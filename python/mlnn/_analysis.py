@@ -9,10 +9,11 @@ import numpy.typing as npt
 
 from . import _mlnn
 from ._files import _bytes_and_path
-from ._messages import Error
-from ._results import (Behaviour, Budget, Difference, Digest, IntegerPass, LayerDifference, Misfit,
-                       ModelDifference, PrecisionLoss, Results, StageDifference, StatementDifference,
-                       Suspicion, Sweep, Trace, TraceDifference, TraceSide, _text)
+from ._messages import Error, _str
+from ._results import (Behaviour, Budget, DecisionLoss, Difference, Digest, IntegerPass, LayerDifference, Misfit,
+                       ModelDifference, PrecisionLoss, QuantizationLoss, QuantizationProof, Results,
+                       StageDifference, StageLoss, StatementDifference, Suspicion, Sweep, Trace,
+                       TraceDifference, TraceSide, _text)
 from ._values import _Floats, _frames, _integer
 
 if TYPE_CHECKING:
@@ -54,16 +55,41 @@ def trace(core: _mlnn.Core, frames: npt.ArrayLike, stacked: bool) -> Trace:
 def sweep(core: _mlnn.Core, recordings: _Recordings, bits: Iterable[int],
           classes: Sequence[int | None] | None, stacked: bool) -> Sweep:
     named = _named(recordings)
-    known: list[int | None] = [None] * len(named) if classes is None else list(classes)
-    if len(known) != len(named):
-        raise ValueError(f"classes: {len(known)} for {len(named)} recordings")
-    outputs = core.num_outputs()
-    found = _mlnn.sweep(
-        core, named,
-        [-1 if one is None else _integer(one, "classes", 0, outputs - 1) for one in known],
-        [_integer(width, "bits", 0, 31) for width in bits], stacked)
+    found = _mlnn.sweep(core, named, _classes(core, classes, len(named)),
+                        [_integer(width, "bits", 0, 31) for width in bits], stacked)
     losses = [PrecisionLoss(**loss) for loss in found.pop("losses")]
     return Sweep(losses=losses, **found)
+
+
+def prove_quantization(core: _mlnn.Core, recordings: _Recordings, bits: Iterable[int], least_squares: bool,
+                       largest_error: float, correct: _Floats | None,
+                       classes: Sequence[int | None] | None, keep: float,
+                       stacked: bool) -> QuantizationProof:
+    if not 0 <= keep <= 1:
+        raise ValueError(f"keep: expected 0 to 1, got {keep:g}")
+    widths = [_integer(width, "bits", *_mlnn.ROW_BITS) for width in bits]
+    named = _named(recordings)
+    found, refusal = _mlnn.prove_quantization(core, named, _classes(core, classes, len(named)), widths,
+                                              least_squares, largest_error, correct, keep, stacked)
+    if refusal:
+        raise Error(_str(refusal))
+    losses = [_quantization_loss(loss) for loss in found.pop("losses")]
+    return QuantizationProof(losses=losses, **found)
+
+
+def _quantization_loss(found: dict[str, Any]) -> QuantizationLoss:
+    floats, integers = (DecisionLoss(**found.pop(which)) for which in ("floats", "integers"))
+    stages = [StageLoss(**stage) for stage in found.pop("stages")]
+    return QuantizationLoss(floats=floats, integers=integers, stages=stages, **found)
+
+
+def _classes(core: _mlnn.Core, classes: Sequence[int | None] | None, recordings: int) -> list[int]:
+    """The class of each recording, -1 where it is not known."""
+    known: list[int | None] = [None] * recordings if classes is None else list(classes)
+    if len(known) != recordings:
+        raise ValueError(f"classes: {len(known)} for {recordings} recordings")
+    outputs = core.num_outputs()
+    return [-1 if one is None else _integer(one, "classes", 0, outputs - 1) for one in known]
 
 
 def diff(a: Model, b: Model, recordings: _Recordings | None = None, *,

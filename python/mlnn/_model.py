@@ -13,7 +13,7 @@ from ._features import FeatureDescription
 from ._files import _read_from, _told_of, _write_into, _write_whole
 from ._layer import Layer, _Layers
 from ._messages import Error, _str, _warn, _hear, _says_error
-from ._results import Budget, Digest, Results, Suspicion, Sweep, Trace
+from ._results import Budget, Digest, QuantizationProof, Results, Suspicion, Sweep, Trace
 from ._values import (NORM_LENGTH, _CURVES, _NORM, _VECTORS, _Floats, _act_fn, _bytes, _float32,
                       _frames, _integer, _refuse_too_large, _single, _size)
 from ._views import _Curve, _Lines, _Props
@@ -423,13 +423,16 @@ class Model:
         Returns the model. Raises Error for other bits and for weights that are not finite; nothing
         changes then, nor at Ctrl-C.
         """
+        _hear(*self._core.quantize(_integer(bits, "bits"), bool(least_squares), _most(largest_error),
+                                   self._corrections(correct)))
+        return self
+
+    def _corrections(self, correct: npt.ArrayLike | None) -> _Floats | None:
         inputs = None if correct is None else _frames(correct)
         if inputs is not None and inputs.shape[1] != self.num_inputs:
             raise ValueError(f"correct: input vectors of {inputs.shape[1]} values; "
                              f"expected {self.num_inputs}")
-        most = float("inf") if largest_error is None else float(largest_error)
-        _hear(*self._core.quantize(_integer(bits, "bits"), bool(least_squares), most, inputs))
-        return self
+        return inputs
 
     def zeros(self) -> Model:
         """Sets all parameters to 0. Returns the model."""
@@ -587,12 +590,41 @@ class Model:
         those of the recordings, from 0, None where it is not known. The model stays as it is."""
         return _analysis.sweep(self._core, recordings, bits, classes, bool(stacked))
 
+    def prove_quantization(self, recordings: Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike],
+                           bits: int = 8, *, least_squares: bool = False,
+                           largest_error: float | None = None, correct: npt.ArrayLike | None = None,
+                           classes: Sequence[int | None] | None = None, keep: float = 0.95,
+                           stacked: bool = False) -> QuantizationProof:
+        """What the model would lose by `quantize` with these options, over these recordings and by both
+        passes, in floats and in integers. Recordings and `classes` are as for `sweep`; they should
+        be others than those of `correct`. `keep` is the share that has to be kept of the best
+        classes and of the recordings that are right; `losses[0].keeps` tells whether it is. The
+        model stays as it is. Raises ValueError for recordings that it does not take or gives no
+        numbers for, Error for weights that are not finite."""
+        return self.sweep_quantization(
+            recordings, [bits], least_squares=least_squares, largest_error=largest_error,
+            correct=correct, classes=classes, keep=keep, stacked=stacked)
+
+    def sweep_quantization(self, recordings: Mapping[str, npt.ArrayLike] | Iterable[npt.ArrayLike],
+                           bits: Iterable[int] = range(4, 9), *, least_squares: bool = False,
+                           largest_error: float | None = None, correct: npt.ArrayLike | None = None,
+                           classes: Sequence[int | None] | None = None, keep: float = 0.95,
+                           stacked: bool = False) -> QuantizationProof:
+        """The same with each number of bits; `smallest_width` are the fewest that keep enough."""
+        return _analysis.prove_quantization(
+            self._core, recordings, bits, bool(least_squares), _most(largest_error),
+            self._corrections(correct), classes, float(keep), bool(stacked))
+
     def __repr__(self) -> str:
         return f"<mlnn.Model {self._core.debug_description()}>"
 
     def _repr_html_(self) -> str:
         from . import _html
         return _html.of_model(self)
+
+
+def _most(largest_error: float | None) -> float:
+    return float("inf") if largest_error is None else float(largest_error)
 
 
 def _recordings_of(frames: Any) -> Mapping[Any, Any] | None:

@@ -311,3 +311,54 @@ class Sweep(_Result):
     def to_pandas(self) -> Any:
         """A pandas.DataFrame with a row for each number of bits; needs pandas."""
         return Results(self.losses).to_pandas()
+
+
+@dataclasses.dataclass(frozen=True)
+class StageLoss(_Result):
+    """How far the values of a stage are from those of the model as it is."""
+
+    stage: str
+    values: int  # for one frame
+    largest: float
+    mean: float
+
+
+@dataclasses.dataclass(frozen=True)
+class DecisionLoss(_Result):
+    """What decisions a pass over a quantised model makes."""
+
+    same_best_class: int           # frames that are decided as before
+    same_best_class_share: float
+    right_recordings: int | None   # of those whose class is known; None without any
+    accuracy: float | None         # the same as a share
+
+
+@dataclasses.dataclass(frozen=True)
+class QuantizationLoss(_Result):
+    """What a model loses when its weights are quantised to so many bits."""
+
+    bits: int
+    keeps: bool             # whether both passes keep the share of decisions that is asked for
+    image_bytes: int
+    floats: DecisionLoss
+    integers: DecisionLoss  # of the pass in integers
+    stages: list[StageLoss]  # each layer, before and after its activation, and the outputs
+
+
+@dataclasses.dataclass(frozen=True)
+class QuantizationProof(_Result):
+    """What a model loses by quantisation with each number of bits."""
+
+    recordings: int
+    known_recordings: int  # those whose class is known
+    frames: int
+    keep: float            # the share of decisions that is asked for
+    right_recordings: int | None  # of the model as it is
+    accuracy: float | None
+    image_bytes: int       # of the model as it is
+    smallest_width: int | None  # the fewest bits that keep enough, which is what to take
+    losses: list[QuantizationLoss]
+
+    def to_pandas(self) -> Any:
+        """A pandas.DataFrame with a row for each number of bits; needs pandas."""
+        return Results(self.losses).to_pandas()

@@ -252,3 +252,96 @@ def test_a_sweep_measures_each_width(digits):
         model.sweep(recordings, [32])
     with pytest.raises(ValueError, match="^classes: expected 0 to "):
         model.sweep(recordings[:1], [4], classes=[999])
+
+
+def small():
+    """Two classes: 7 x + y + 0.5 against 5 x + 2.4 y. With 2 bits y is lost."""
+    return mlnn.Model.from_arrays([([[7, 1], [5, 2.4]], [0.5, 0])], softmax=False)
+
+
+X, Y = np.array([[1, 0]], np.float32), np.array([[0, 1], [0, 2], [0, 4]], np.float32)
+
+
+def test_a_proof_of_quantisation_tells_what_is_lost():
+    model = small()
+    before = model.copy()
+    found = model.prove_quantization({"x": X, "y": Y}, 2, classes=[0, 1], keep=0.75)
+    assert model == before
+    assert (found.recordings, found.known_recordings, found.frames, found.keep) == (2, 2, 4, 0.75)
+    assert (found.right_recordings, found.accuracy, found.smallest_width) == (2, 1, None)
+    assert found.image_bytes == len(model.to_bytes())
+    [loss] = found.losses
+    assert (loss.bits, loss.keeps) == (2, False)
+    assert loss.image_bytes == len(model.copy().quantize(2).to_bytes())
+    assert loss.floats.to_dict() == loss.integers.to_dict() == {
+        "same_best_class": 1, "same_best_class_share": 0.25, "right_recordings": 1, "accuracy": 0.5}
+    assert [stage.stage for stage in loss.stages] == ["layer-1-affine", "layer-1", "outputs"]
+    assert loss.stages[-1].values == 2 and loss.stages[-1].largest == float(np.float32(2.4) * 4)
+
+
+def test_a_sweep_of_quantisation_finds_the_width_to_take():
+    model = small()
+    found = model.sweep_quantization([X, Y], [8, 2, 3], keep=1)
+    assert [loss.bits for loss in found.losses] == [8, 2, 3]
+    assert [loss.keeps for loss in found.losses] == [True, False, True]
+    assert found.smallest_width == 3
+    assert found.right_recordings is found.accuracy is found.losses[0].floats.accuracy is None
+    assert [loss.bits for loss in model.sweep_quantization([X]).losses] == [4, 5, 6, 7, 8]
+    lenient = model.sweep_quantization(iter([X, Y]), range(2, 9), classes=[None, 1], keep=0)
+    assert (lenient.smallest_width, lenient.known_recordings, lenient.accuracy) == (2, 1, 1)
+
+
+def test_a_proof_of_quantisation_takes_the_options_of_quantize():
+    model = small()
+    corrected = model.prove_quantization([X, Y], 2, correct=Y).losses[0]
+    assert corrected.floats.same_best_class == 3
+    changed = model.copy().quantize(2, correct=Y)
+    differences = np.abs(changed(np.vstack([X, Y])).astype(float) - model(np.vstack([X, Y])))
+    assert corrected.stages[-1].mean == pytest.approx(differences.mean(), rel=1e-12)
+    left = model.prove_quantization([X, Y], 2, largest_error=0.1).losses[0]
+    assert left.stages[-1].largest == 0 and left.image_bytes == len(model.to_bytes())
+
+
+def test_a_proof_of_quantisation_takes_scales_of_the_least_squared_error(rng=np.random.default_rng(3)):
+    model = mlnn.Model.from_arrays([(rng.normal(size=(3, 20)), np.zeros(3), "tanh")], softmax=False)
+    inputs = rng.normal(size=(50, 20)).astype(np.float32)
+    squares, largest = (model.prove_quantization([inputs], 3, least_squares=one).losses[0].stages[-1].mean
+                        for one in (True, False))
+    expected = np.abs(model.copy().quantize(3, least_squares=True)(inputs).astype(float) - model(inputs)).mean()
+    assert squares == pytest.approx(expected, rel=1e-12) and squares != largest
+
+
+def test_a_proof_of_quantisation_says_what_the_tool_says(digits):
+    model = mlnn.load(digits / "synth.txt")
+    recordings = [np.load(path) for path in sorted((digits / "frames").glob("*.npy"))]
+    found = model.sweep_quantization(recordings)
+    assert found.smallest_width == 8 and found.image_bytes == 174220
+    assert [f"{loss.floats.same_best_class_share:.4f}" for loss in found.losses] == [
+        "0.5562", "0.8178", "0.9116", "0.9445", "0.9671"]
+
+
+@pytest.mark.parametrize("call, kind, message", [
+    (lambda m: m.prove_quantization([X], 9), ValueError, "bits: expected 2 to 8, got 9"),
+    (lambda m: m.sweep_quantization([X], [1]), ValueError, "bits: expected 2 to 8, got 1"),
+    (lambda m: m.prove_quantization([X], keep=1.5), ValueError, "keep: expected 0 to 1, got 1.5"),
+    (lambda m: m.prove_quantization([X], keep=float("nan")), ValueError, "keep: expected 0 to 1, got nan"),
+    (lambda m: m.prove_quantization([X], classes=[0, 1]), ValueError, "classes: 2 for 1 recordings"),
+    (lambda m: m.prove_quantization([X], classes=[2]), ValueError, "classes: expected 0 to 1, got 2"),
+    (lambda m: m.prove_quantization([X], correct=np.ones((1, 3))), ValueError,
+     "correct: input vectors of 3 values; expected 2"),
+    (lambda m: m.prove_quantization({"a": np.ones((1, 3))}), ValueError, "a has 3 values in a frame; expected 2 "),
+    (lambda m: m.prove_quantization({"a": X * np.nan}), ValueError,
+     "a: the outputs are not finite, which proves nothing"),
+])
+def test_a_proof_of_quantisation_refuses(call, kind, message):
+    model = small()
+    before = model.copy()
+    with pytest.raises(kind, match=f"^{message}"):
+        call(model)
+    assert model == before
+
+
+def test_a_model_that_cannot_be_quantised_proves_nothing():
+    model = mlnn.Model.from_arrays([([[np.inf, 1]], [0], "sigmoid")], softmax=False)
+    with pytest.raises(mlnn.Error, match="^ERROR: quantizeRows: layer 1 has a weight that is not finite$"):
+        model.prove_quantization([np.array([[1, 0]])])

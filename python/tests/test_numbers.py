@@ -82,6 +82,8 @@ CALLS = {
     "budget": lambda m: m.budget(),
     "trace": lambda m: m.trace(frames_for(m)),
     "sweep": lambda m: m.sweep([frames_for(m)], [4]),
+    "prove_quantization": lambda m: m.prove_quantization([frames_for(m)], 4),
+    "sweep_quantization": lambda m: m.sweep_quantization([frames_for(m)], [4, 8]),
     # These make models; from_bytes is what all are made by here.
     "from_bytes": lambda m: None, "load": lambda m: None, "from_arrays": lambda m: None,
 }

@@ -108,6 +108,7 @@ def test_results_are_shown(model):
     assert {"stage", "layer-1", "difference.largest"} <= set(shown(difference.behaviour).cells)
     for thing in (difference.behaviour, difference.numbers[0], model.budget(), model.digest(),
                   model.trace(frames, stacked=True), model.sweep([frames], [4, 8], stacked=True),
+                  model.sweep_quantization([frames], [4, 8], stacked=True),
                   mlnn.compare(model.trace(frames, True), other.trace(frames, True)), model.check()):
         shown(thing)
     assert mlnn.Model.from_arrays([([[1.0]], [0])]).check()._repr_html_()
@@ -120,6 +121,8 @@ def test_tables_are_those_of_pandas(model):
     frames = np.ones((3, 4), np.float32)
     sweep = model.sweep([frames], [4, 8], stacked=True).to_pandas()
     assert list(sweep["bits"]) == [4, 8] and isinstance(sweep, pandas.DataFrame)
+    proof = model.sweep_quantization([frames], [4, 8], stacked=True).to_pandas()
+    assert list(proof["bits"]) == [4, 8] and list(proof["integers.same_best_class"]) == [3, 3]
     difference = mlnn.diff(model, other, [frames], stacked=True)
     arrays = difference.to_pandas()
     assert list(zip(arrays["layer"], arrays["array"])) == [

@@ -93,6 +93,8 @@ def test_while_a_model_is_analysed():
     model, other = square(), square()
     bits = functools.partial(functools.partial, _mlnn.sweep, model._core)
     assert stop(lambda size: bits([("a", ones(size))], [-1], [8], True), *FRAMES)
+    assert stop(lambda size: functools.partial(_mlnn.prove_quantization, model._core, [("a", ones(size))], [-1],
+                                               [8], False, INFINITE, None, 1.0, True), *FRAMES)
     assert stop(lambda size: functools.partial(_mlnn.trace, model._core, ones(size), True), *FRAMES)
     assert stop(lambda size: functools.partial(_mlnn.behaviour_differences, model._core, other._core,
                                                [("a", ones(size))], True, 0.0), *FRAMES)
