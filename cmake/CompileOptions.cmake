@@ -23,7 +23,15 @@ if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND MLNN_FLOAT_OPTIONS -Wa,-muse-unaligned-vector-move)
 endif()
 
-set(MLNN_COMPILE_OPTIONS ${MLNN_WARNINGS} ${MLNN_FLOAT_OPTIONS})
+# For Windows, g++ expects of an inline function that it calls the registers that its own translation leaves alone,
+# but the linker may take that of another object, compiled with other options, which does not. A program may meet
+# this with what it shares with the library too, so the option is a part of the interface.
+set(MLNN_CALL_OPTIONS)
+if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set(MLNN_CALL_OPTIONS -fno-ipa-ra)
+endif()
+
+set(MLNN_COMPILE_OPTIONS ${MLNN_WARNINGS} ${MLNN_FLOAT_OPTIONS} ${MLNN_CALL_OPTIONS})
 
 # Not every standard library converts floating-point numbers from and to text.
 check_cxx_source_compiles("

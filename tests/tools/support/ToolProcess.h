@@ -23,6 +23,10 @@ struct ToolResult {
 ToolResult runTool(const std::vector<std::string>& arguments, const std::string& input = "",
                    const std::string& folder = "");
 
+// The same in the current folder, with a variable of the environment that is not set otherwise.
+ToolResult runToolWith(const std::string& variable, const std::string& value,
+                       const std::vector<std::string>& arguments, const std::string& input = "");
+
 // The same; after so many seconds of processor time a signal ends it.
 ToolResult runToolAtMost(unsigned processorSeconds, const std::vector<std::string>& arguments,
                          const std::string& folder);

@@ -222,7 +222,7 @@ struct WrongUsage {
 TEST_F(RunCommandTest, refusesResultsThatWouldBeLost) {
   fs::create_directory(folder_.path("other"));
   folder_.write("other/frames.txt", "1\n");
-  const std::string same = fs::canonical(folder_.path("frames.txt")).string();
+  const std::string same = fs::canonical(folder_.path("frames.txt")).generic_string();
   for (const WrongUsage& wrong : {
            WrongUsage{{"pair", "frames.txt", "-o", "frames.txt"},
                       "the result would replace its own frames, 'frames.txt'"},

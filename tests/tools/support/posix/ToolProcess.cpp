@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -72,6 +73,14 @@ std::vector<std::string> toolWith(const std::vector<std::string>& arguments) {
 ToolResult runTool(const std::vector<std::string>& arguments, const std::string& input,
                    const std::string& folder) {
   return runCommand(toolWith(arguments), input, folder);
+}
+
+ToolResult runToolWith(const std::string& variable, const std::string& value,
+                       const std::vector<std::string>& arguments, const std::string& input) {
+  if (setenv(variable.c_str(), value.c_str(), 1) != 0) failWithErrno("setenv");
+  const ToolResult result = runTool(arguments, input);
+  unsetenv(variable.c_str());
+  return result;
 }
 
 ToolResult runToolAtMost(unsigned processorSeconds, const std::vector<std::string>& arguments,

@@ -71,12 +71,26 @@ ToolResult runTool(const std::vector<std::string>& arguments, const std::string&
   return resultOf(process.get(), streams);
 }
 
+ToolResult runToolWith(const std::string& variable, const std::string& value,
+                       const std::vector<std::string>& arguments, const std::string& input) {
+  if (SetEnvironmentVariableW(wideOf(variable).c_str(), wideOf(value).c_str()) == 0) {
+    failWithLastError("SetEnvironmentVariable");
+  }
+  const ToolResult result = runTool(arguments, input);
+  SetEnvironmentVariableW(wideOf(variable).c_str(), nullptr);
+  return result;
+}
+
 ToolResult runToolAtMost(unsigned, const std::vector<std::string>&, const std::string&) {
   throw std::logic_error("runToolAtMost: nothing ends a process by its time here");
 }
 
 ToolResult runShell(const std::string&, const std::string&) {
   throw std::logic_error("runShell: there is no such shell here");
+}
+
+std::string shownOnTerminal(const std::string&, unsigned short, const std::string&) {
+  throw std::logic_error("shownOnTerminal: there is no such terminal here");
 }
 
 }  // namespace mlnn::test
