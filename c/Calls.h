@@ -12,6 +12,7 @@
 
 #include "c/mlnn.h"
 #include "features/Export.h"
+#include "inference/FwdPass.h"
 #include "model/ModelFile.h"
 
 namespace mlnn {
@@ -30,6 +31,12 @@ MLNN_EXPORT bool isActivation(const char* function, const char* name);
 // Returns: MLNN_OK, or why `function` refuses, after an error line.
 MLNN_EXPORT mlnn_status findModelFile(const char* function, mlnn_model handle,
                                       std::shared_ptr<const ModelFile>& file);
+
+// Makes a pass over the model of a handle, which it keeps. Whether it can be run, the pass tells.
+// Returns: MLNN_OK, or why `function` refuses, after an error line: also where there are layers but
+// no outputs, of which inputs may take more memory than the model's file.
+MLNN_EXPORT mlnn_status makePass(const char* function, mlnn_model handle,
+                                 std::shared_ptr<FwdPass>& pass);
 
 // Gives a model its handle.
 // Throws: std::bad_alloc; then there is none.

@@ -98,6 +98,10 @@ class ImageModel final : public OpenedModel {
     return read;
   }
 
+  std::size_t prepare(FwdPass& pass, std::size_t mostBytes) const override {
+    return static_cast<ImageFwdPass&>(pass).prepare(mostBytes);
+  }
+
   // The codes are made from a model, which is there only meanwhile.
   std::shared_ptr<OpenedModel> toCodes(int bits, CodesFor codesFor) const override {
     return converted(*this, CodedFwdPass::create(file()->model, bits, codesFor));

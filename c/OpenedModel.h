@@ -30,6 +30,10 @@ class OpenedModel {
   // Returns a new pass over the model, which must outlive it.
   virtual std::unique_ptr<FwdPass> makePass() const = 0;
 
+  // Does for a pass that this model made what ImageFwdPass::prepare says; 0 where it is no such
+  // pass.
+  virtual std::size_t prepare(FwdPass&, std::size_t /*mostBytes*/) const { return 0; }
+
   // The model with what its file says besides; null where there is none, because the weights were
   // converted. An image that is run from where it lies is read for each call.
   virtual std::shared_ptr<const ModelFile> file() const { return nullptr; }

@@ -58,6 +58,8 @@ class Pass {
     if (threads > 1) pass_->setThreads(mlnn::Threads::start(threads));
   }
 
+  std::size_t prepare(std::size_t mostBytes) { return model_->prepare(*pass_, mostBytes); }
+
   bool run(const mlnn::InputFrames& inputs, const mlnn::OutputFrames& outputs) {
     return pass_->evaluate(inputs, outputs) == 0;
   }
@@ -276,6 +278,19 @@ mlnn_status mlnn::findModelFile(const char* function, mlnn_model handle,
   if (file) return MLNN_OK;
   return refuse(MLNN_ERROR_MODEL, function,
                 "the model was converted: ask the one that it was made from");
+}
+
+mlnn_status mlnn::makePass(const char* function, mlnn_model handle,
+                           std::shared_ptr<FwdPass>& pass) {
+  std::shared_ptr<const OpenedModel> model = handles().models.share(handle.id);
+  if (!model) return refuseHandle(function);
+  if (!model->widths().empty() && !hasOutputs(model->widths())) {
+    return refuse(MLNN_ERROR_MODEL, function, kNoOutputs);
+  }
+  std::unique_ptr<FwdPass> made = model->makePass();
+  pass = std::shared_ptr<FwdPass>(made.release(),
+                                  [model = std::move(model)](FwdPass* last) { delete last; });
+  return MLNN_OK;
 }
 
 mlnn_model mlnn::handleOf(ModelFile file) {
@@ -504,6 +519,17 @@ mlnn_status mlnn_pass_set_threads(mlnn_pass pass, int32_t threads) {
       return refuse(MLNN_ERROR_ARGUMENT, function, "threads must be 1 to 256");
     }
     found->setThreads(threads);
+    return MLNN_OK;
+  });
+}
+
+mlnn_status mlnn_pass_prepare(mlnn_pass pass, size_t most_bytes, size_t* bytes) {
+  const char* const function = __func__;
+  return guarded(function, [&] {
+    if (bytes == nullptr) return refuseNull(function);
+    Pass* const found = handles().passes.find(pass.id);
+    if (found == nullptr) return refuseHandle(function);
+    *bytes = found->prepare(most_bytes);
     return MLNN_OK;
   });
 }

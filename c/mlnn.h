@@ -229,6 +229,14 @@ MLNN_API mlnn_status mlnn_pass_close(mlnn_pass pass);
  * forked child has none of them: a pass runs in the calling thread there. */
 MLNN_API mlnn_status mlnn_pass_set_threads(mlnn_pass pass, int32_t threads);
 
+/** Makes floats of the codes of an image that is run from where it lies, once for all further
+ * calls, where one frame meets floats sooner: of layers in their order, and of none that would need
+ * more than `most_bytes` bytes together with those that there are. The floats are the pass's own;
+ * output vectors are the same to the bit. Puts the bytes that they take into `bytes`: 0 for any
+ * other model, and where there are no such codes. mlnn_model_budget of mlnn_analysis.h tells how
+ * many it would be without a limit. Where memory runs out, some may have been made. */
+MLNN_API mlnn_status mlnn_pass_prepare(mlnn_pass pass, size_t most_bytes, size_t* bytes);
+
 /** Computes `frames` output vectors. Value v of input vector f is inputs[f * input_stride + v],
  * value v of output vector f becomes outputs[f * output_stride + v]. The widths say how many values
  * a vector has, which must be what the model has; strides are in floats, and at least the widths.

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "analysis/FrameTimer.h"
 #include "analysis/Histogram.h"
 #include "analysis/ModelAverage.h"
 #include "analysis/ModelBudget.h"
@@ -20,9 +21,11 @@
 #include "analysis/ModelSummary.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
+#include "analysis/QuantizationDiff.h"
 #include "analysis/StatementDiff.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "c/AnalysisCalls.h"
+#include "inference/PreparedFloats.h"
 #include "model/FormatFit.h"
 
 namespace {
@@ -91,6 +94,38 @@ void hand(const mlnn::Fit& fit, ModelFormat format, mlnn_message_function found,
   for (const std::string& line : fit.done) found(MLNN_SEVERITY_INFO, line.c_str(), data);
 }
 
+bool isFormat(int32_t format) { return format == MLNN_FORMAT_TEXT || format == MLNN_FORMAT_IMAGE; }
+
+mlnn_status refuseFormat(const char* function) {
+  return refuse(MLNN_ERROR_ARGUMENT, function, "format is no value that there is");
+}
+
+// REQUIRES: isFormat(format)
+ModelFormat formatOf(int32_t format) {
+  return format == MLNN_FORMAT_TEXT ? ModelFormat::kText : ModelFormat::kBinary;
+}
+
+bool areThere(const mlnn_section* sections, std::size_t count) {
+  if (sections == nullptr) return count == 0;
+  return std::all_of(sections, sections + count, [](const mlnn_section& section) {
+    return section.name != nullptr && section.digest != nullptr;
+  });
+}
+
+mlnn::ModelDigest digestOf(int32_t format, const mlnn_section* sections, std::size_t count) {
+  mlnn::ModelDigest digest;
+  digest.format = formatOf(format);
+  for (std::size_t i = 0; i < count; ++i) {
+    digest.sections.push_back({sections[i].name, sections[i].digest});
+  }
+  return digest;
+}
+
+constexpr double kMostSeconds = 3600;
+
+static_assert(static_cast<int>(mlnn::RowScale::kLargest) == MLNN_ROW_SCALE_LARGEST);
+static_assert(static_cast<int>(mlnn::RowScale::kLeastSquares) == MLNN_ROW_SCALE_LEAST_SQUARES);
+
 bool areWeights(const double* weights, std::size_t count) {
   return std::all_of(weights, weights + count,
                      [](double weight) { return std::isfinite(weight) && weight > 0; });
@@ -151,9 +186,10 @@ mlnn_status mlnn_model_budget(mlnn_model model, mlnn_watch_function watch, void*
                   [&](const ModelFile& file, const Watch& watching) {
                     const mlnn::ModelBudget found = mlnn::budgetOf(file.model, watching);
                     const mlnn::FileSizes sizes = mlnn::fileSizesOf(file.model, watching);
-                    *budget = {found.parameterBytes,  found.readBytes,   found.workingBytes,
-                               found.multiplyAdds,    found.activations, sizes.image.value_or(0),
-                               sizes.text.value_or(0)};
+                    *budget = {found.parameterBytes,   found.readBytes,
+                               found.workingBytes,     found.multiplyAdds,
+                               found.activations,      sizes.image.value_or(0),
+                               sizes.text.value_or(0), mlnn::preparedBytesOf(file.model, watching)};
                     return MLNN_OK;
                   });
 }
@@ -167,6 +203,43 @@ mlnn_status mlnn_model_digest(mlnn_model model, mlnn_digest_function found,
                     }
                     return MLNN_OK;
                   });
+}
+
+mlnn_status mlnn_compare_digests(int32_t format, const mlnn_section* sections, size_t count,
+                                 int32_t earlier_format, const mlnn_section* earlier_sections,
+                                 size_t earlier_count, mlnn_section_function found, void* data) {
+  const char* const function = __func__;
+  const bool hasAll =
+      areThere(sections, count) && areThere(earlier_sections, earlier_count) && found != nullptr;
+  return watched(function, hasAll, nullptr, data, [&](const Watch&) {
+    if (!isFormat(format) || !isFormat(earlier_format)) return refuseFormat(function);
+    const mlnn::DigestComparison comparison =
+        mlnn::compareDigests(digestOf(format, sections, count),
+                             digestOf(earlier_format, earlier_sections, earlier_count));
+    for (const auto& difference : comparison.differences) {
+      found(difference.section.c_str(), difference.text.c_str(), data);
+    }
+    for (const std::string& section : comparison.notCompared) found(section.c_str(), nullptr, data);
+    return MLNN_OK;
+  });
+}
+
+mlnn_status mlnn_model_time(mlnn_model model, double seconds, mlnn_watch_function watch, void* data,
+                            mlnn_frame_time* time) {
+  const char* const function = __func__;
+  return watched(function, time != nullptr, watch, data, [&](const Watch& watching) {
+    if (!(seconds > 0 && seconds <= kMostSeconds)) {
+      return refuse(MLNN_ERROR_ARGUMENT, function, "seconds must be above 0 and at most 3600");
+    }
+    std::shared_ptr<FwdPass> pass;
+    const mlnn_status status = mlnn::makePass(function, model, pass);
+    if (status != MLNN_OK) return status;
+    std::string whyNot;
+    const auto found = mlnn::timeFrames(*pass, seconds, whyNot, watching);
+    if (!found) return refuse(MLNN_ERROR_MODEL, function, whyNot.c_str());
+    *time = {found->median, found->fastest, found->slowest, found->frames};
+    return MLNN_OK;
+  });
 }
 
 mlnn_status mlnn_count_values(const float* values, size_t count, size_t bins,
@@ -196,15 +269,11 @@ mlnn_status mlnn_model_fit(mlnn_model model, int32_t format, int32_t precision,
   const char* const function = __func__;
   return withFile(function, model, found != nullptr, watch, data,
                   [&](const ModelFile& source, const Watch& watching) {
-                    if (format != MLNN_FORMAT_TEXT && format != MLNN_FORMAT_IMAGE) {
-                      return refuse(MLNN_ERROR_ARGUMENT, function,
-                                    "format is no value that there is");
-                    }
+                    if (!isFormat(format)) return refuseFormat(function);
                     if (precision < 1 || precision > 17) {
                       return refuse(MLNN_ERROR_ARGUMENT, function, "precision must be 1 to 17");
                     }
-                    const ModelFormat wanted =
-                        format == MLNN_FORMAT_TEXT ? ModelFormat::kText : ModelFormat::kBinary;
+                    const ModelFormat wanted = formatOf(format);
                     MultiLayerNNModel ready = mlnn::copyOf(source.model, watching);
                     std::string whyNot;
                     const auto fit = mlnn::fitToFormat(ready, wanted, precision, whyNot, watching);
@@ -246,6 +315,23 @@ mlnn_status mlnn_model_compare_statements(mlnn_model model, mlnn_model other,
                    [&](const ModelFile& a, const ModelFile& b, const Watch&) {
                      for (const auto& said : mlnn::compareStatements(a.model, b.model)) {
                        found(said.what.c_str(), textOrNull(said.a), textOrNull(said.b), data);
+                     }
+                     return MLNN_OK;
+                   });
+}
+
+mlnn_status mlnn_model_find_quantization(mlnn_model model, mlnn_model other,
+                                         mlnn_quantization_function found,
+                                         mlnn_watch_function watch, void* data) {
+  return withFiles(__func__, model, other, found != nullptr, watch, data,
+                   [&](const ModelFile& a, const ModelFile& b, const Watch& watching) {
+                     const auto layers = mlnn::findQuantization(a.model, b.model, watching);
+                     for (std::size_t i = 0; layers && i < layers->size(); ++i) {
+                       const mlnn::LayerQuantization& layer = (*layers)[i];
+                       const mlnn_layer_quantization quantization = {
+                           layer.bits, static_cast<int32_t>(layer.scale), layer.isFolded ? 1 : 0,
+                           layer.isShifted ? 1 : 0};
+                       found(i, &quantization, data);
                      }
                      return MLNN_OK;
                    });

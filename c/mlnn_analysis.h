@@ -13,8 +13,8 @@
  * What may take a while has a `watch`, which can stop it; null for none. It gets the same `data`.
  *
  * A model that is run from where its image lies is read into memory for each question, and again
- * for the next. One that mlnn_model_to_codes or mlnn_model_to_integers made has no answers:
- * MLNN_ERROR_MODEL.
+ * for the next. One that mlnn_model_to_codes or mlnn_model_to_integers made has no answers but to
+ * mlnn_model_time: MLNN_ERROR_MODEL.
  */
 #ifndef MLNN_ANALYSIS_H
 #define MLNN_ANALYSIS_H
@@ -77,11 +77,27 @@ typedef struct mlnn_budget {
   uint64_t activations;     /**< for a frame: values that go through an activation or a softmax */
   uint64_t image_bytes;     /**< the file as an image; 0 where it cannot be written so */
   uint64_t text_bytes;      /**< the file as a text; 0 where it cannot be written so */
+  uint64_t prepared_bytes;  /**< what mlnn_pass_prepare takes at most for the image, here */
 } mlnn_budget;
 
 /** Works it out. `watch` is told of the bytes of the text, which is written to nowhere. */
 MLNN_API mlnn_status mlnn_model_budget(mlnn_model model, mlnn_watch_function watch, void* data,
                                        mlnn_budget* budget);
+
+/** Processor time for a frame, in seconds, over all measurements. */
+typedef struct mlnn_frame_time {
+  double median;   /**< of the measurements */
+  double fastest;  /**< of them */
+  double slowest;  /**< of them */
+  uint64_t frames; /**< how many were computed */
+} mlnn_frame_time;
+
+/** Measures on this machine how long a model takes for a frame, where frames come one by one, over
+ * random ones and for about `seconds` of processor time, above 0 and at most 3600. It measures the
+ * pass that mlnn_pass_create makes, also of models that were converted. `watch` is told of 100
+ * steps in all. Refused with MLNN_ERROR_MODEL where the model cannot be run or has no outputs. */
+MLNN_API mlnn_status mlnn_model_time(mlnn_model model, double seconds, mlnn_watch_function watch,
+                                     void* data, mlnn_frame_time* time);
 
 /** Takes a section of a model, as "layer 1", with its digest: 32 hex digits. */
 typedef void (*mlnn_digest_function)(const char* section, const char* digest, void* data);
@@ -91,6 +107,26 @@ typedef void (*mlnn_digest_function)(const char* section, const char* digest, vo
  * from no forger. `watch` is told of layers. */
 MLNN_API mlnn_status mlnn_model_digest(mlnn_model model, mlnn_digest_function found,
                                        mlnn_watch_function watch, void* data);
+
+/** A section with its digest, as mlnn_model_digest gives them. */
+typedef struct mlnn_section {
+  const char* name;   /**< as "layer 1" */
+  const char* digest; /**< 32 hex digits */
+} mlnn_section;
+
+/** Takes a section that is not as it was, with what became of it in words, as "layer 1: is what
+ * layer 2 was"; null in place of the words for one that only one of two formats holds, which is not
+ * compared. */
+typedef void (*mlnn_section_function)(const char* section, const char* text, void* data);
+
+/** Compares the digests of a model with earlier ones, as `mlnn check --against` does. `format` and
+ * `earlier_format` are MLNN_FORMAT_TEXT or MLNN_FORMAT_IMAGE: what the files were that the digests
+ * are of. Differences go to `found` first, then what is not compared. */
+MLNN_API mlnn_status mlnn_compare_digests(int32_t format, const mlnn_section* sections,
+                                          size_t count, int32_t earlier_format,
+                                          const mlnn_section* earlier_sections,
+                                          size_t earlier_count, mlnn_section_function found,
+                                          void* data);
 
 /** How values are distributed over bins of one width. */
 typedef struct mlnn_histogram {
@@ -162,6 +198,31 @@ typedef void (*mlnn_statement_function)(const char* what, const char* text, cons
 /** Compares what both models say of themselves, which is all but their parameters. */
 MLNN_API mlnn_status mlnn_model_compare_statements(mlnn_model model, mlnn_model other,
                                                    mlnn_statement_function found, void* data);
+
+/** How the scale of an output was found, of which its weights are whole multiples. */
+enum {
+  MLNN_ROW_SCALE_LARGEST = 0,      /**< the largest weight takes the largest code */
+  MLNN_ROW_SCALE_LEAST_SQUARES = 1 /**< the one with the least squared error */
+};
+
+/** What was done to a layer. */
+typedef struct mlnn_layer_quantization {
+  int32_t bits;    /**< the fewest that give its weights; 0 where they are as they were */
+  int32_t scale;   /**< MLNN_ROW_SCALE_LARGEST or MLNN_ROW_SCALE_LEAST_SQUARES */
+  int32_t folded;  /**< 1 where its batch norm became part of its weights, else 0 */
+  int32_t shifted; /**< 1 where its bias, or beta_inf, is another one, else 0 */
+} mlnn_layer_quantization;
+
+/** Takes what was done to a layer, counted from 0. */
+typedef void (*mlnn_quantization_function)(size_t layer,
+                                           const mlnn_layer_quantization* quantization, void* data);
+
+/** Looks for how `other` is `model`, quantised by rows, as `mlnn quantize` does it. Each layer goes
+ * to `found`; none does where the numbers differ in any other way, to the bit, or where no layer's
+ * weights differ. `watch` is told of layers. */
+MLNN_API mlnn_status mlnn_model_find_quantization(mlnn_model model, mlnn_model other,
+                                                  mlnn_quantization_function found,
+                                                  mlnn_watch_function watch, void* data);
 
 /* --- What they do with frames --- */
 

@@ -63,7 +63,7 @@ std::size_t ImageFwdPass::Layers::makeFloats(std::size_t mostBytes) {
   for (std::size_t i = 0; i < records_.size(); ++i) {
     LayerView& view = views_[i];
     const bool pays =
-        view.tableCodes != nullptr || (view.rowCodes != nullptr && !streams(view, kernelShape()));
+        floatsPay(view.tableCodes != nullptr, view.rowCodes != nullptr, view, kernelShape());
     const std::size_t bytes = bytesOfFloats(view);
     if (!pays || madeBytes_ > mostBytes || bytes > mostBytes - madeBytes_) continue;
     float* const floats = vectors_.make(view.rows * view.cols);

@@ -123,6 +123,13 @@ constexpr bool streams(const LayerView& layer, const KernelShape& shape) {
   return layer.coded == nullptr && bytesOfFloats(layer) >= shape.secondLevelBytes;
 }
 
+// Whether one frame meets floats sooner than the codes of a table, or of rows, that they are made
+// of.
+constexpr bool floatsPay(bool hasTable, bool hasRowCodes, const LayerView& layer,
+                         const KernelShape& shape) {
+  return hasTable || (hasRowCodes && !streams(layer, shape));
+}
+
 // For one frame.
 constexpr VectorLoops vectorLoopsFor(const LayerView& layer, const KernelShape& shape) {
   if (layer.coded != nullptr) return VectorLoops::kCodes;

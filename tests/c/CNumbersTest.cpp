@@ -273,6 +273,37 @@ void countValues(const Case& c) {
                     nullptr, nullptr, counts.data(), &histogram);
 }
 
+// Until the first frame was computed: whole measurements take longer than all of the rest.
+void timeFrames(const Case& c) {
+  mlnn_frame_time time;
+  mlnn_model_time(
+      c.model, static_cast<double>(c.number), [](size_t, void*) { return 1; }, nullptr, &time);
+}
+
+void compareDigests(const Case& c) {
+  const auto ignore = [](const char*, const char*, void*) {};
+  const std::string name = "layer " + std::to_string(c.number);
+  const std::vector<mlnn_section> sections(std::min(c.number, kMostFrames), {name.c_str(), ""});
+  mlnn_compare_digests(static_cast<int32_t>(c.number % 3), sections.data(), sections.size(), 0,
+                       sections.data(), sections.size() / 2, ignore, nullptr);
+}
+
+void findQuantization(const Case& c) {
+  const auto ignore = [](size_t, const mlnn_layer_quantization*, void*) {};
+  mlnn_model_find_quantization(c.model, c.model, ignore, nullptr, nullptr);
+}
+
+// By a model that is read, and one that is run from where its image lies.
+void prepare(const Case& c) {
+  std::size_t bytes = 0;
+  withPass(c, [&](mlnn_pass p) { mlnn_pass_prepare(p, c.number, &bytes); });
+  mlnn_model image{0};
+  mlnn_model_open_image(c.bytes.data(), c.bytes.size(), &image);
+  withPass({c.bytes, c.path, image, c.number},
+           [&](mlnn_pass p) { mlnn_pass_prepare(p, SIZE_MAX, &bytes); });
+  mlnn_model_close(image);
+}
+
 using Call = std::function<void(const Case&)>;
 
 template <typename Result>
@@ -360,6 +391,7 @@ const std::map<std::string, Call>& calls() {
          const std::size_t threads = c.number > MLNN_MOST_THREADS ? c.number : 2;
          withPass(c, [&](mlnn_pass p) { mlnn_pass_set_threads(p, static_cast<int32_t>(threads)); });
        }},
+      {"mlnn_pass_prepare", prepare},
       {"mlnn_stream_create", stream},
       {"mlnn_stream_close", [](const Case& c) { mlnn_stream_close({c.number}); }},
       {"mlnn_stream_frame_width", stream},
@@ -404,6 +436,9 @@ const std::map<std::string, Call>& calls() {
          const auto ignore = [](const char*, const char*, const char*, void*) {};
          mlnn_model_compare_statements(c.model, c.model, ignore, nullptr);
        }},
+      {"mlnn_compare_digests", compareDigests},
+      {"mlnn_model_time", timeFrames},
+      {"mlnn_model_find_quantization", findQuantization},
       {"mlnn_model_fit", fit},
       {"mlnn_model_average", average},
       {"mlnn_model_trace", trace},

@@ -68,6 +68,9 @@ const std::set<std::string> kTakeAll = {"mlnn_set_message_function function",
                                         "mlnn_model_trace stacked",
                                         "mlnn_compare_traces stages",
                                         "mlnn_compare_traces other_stages",
+                                        "mlnn_compare_digests count",
+                                        "mlnn_compare_digests earlier_count",
+                                        "mlnn_pass_prepare most_bytes",
                                         "mlnn_model_compare_behaviour count",
                                         "mlnn_model_compare_behaviour stacked",
                                         "mlnn_model_sweep count",
@@ -85,7 +88,8 @@ struct Results {
   mlnn_pass pass = {2};
   mlnn_stream stream = {3};
   mlnn_features features = {4, 4, 4, 4, 4, 4, 4};
-  mlnn_budget budget = {5, 5, 5, 5, 5, 5, 5};
+  mlnn_budget budget = {5, 5, 5, 5, 5, 5, 5, 5};
+  mlnn_frame_time time = {5, 5, 5, 5};
   mlnn_histogram histogram = {5, 5, 5};
   uint64_t numbers[2] = {5, 5};
   size_t count = 5;
@@ -99,6 +103,7 @@ bool areSame(const Results& a, const Results& b) {
   return a.model.id == b.model.id && a.pass.id == b.pass.id && a.stream.id == b.stream.id &&
          std::memcmp(&a.features, &b.features, sizeof a.features) == 0 && a.count == b.count &&
          std::memcmp(&a.budget, &b.budget, sizeof a.budget) == 0 && a.flag == b.flag &&
+         std::memcmp(&a.time, &b.time, sizeof a.time) == 0 &&
          std::memcmp(&a.histogram, &b.histogram, sizeof a.histogram) == 0 &&
          std::memcmp(a.numbers, b.numbers, sizeof a.numbers) == 0 && a.text == b.text &&
          a.other == b.other && std::memcmp(a.outputs, b.outputs, sizeof a.outputs) == 0;
@@ -351,6 +356,11 @@ void CRefusals::tryPasses() {
            [&] { return mlnn_pass_set_threads(pass_, threads); });
   }
 
+  name = "mlnn_pass_prepare";
+  expectNoHandle<mlnn_pass>(name, "pass", stream_.id,
+                            [&](mlnn_pass p) { return mlnn_pass_prepare(p, 0, &r.count); });
+  expect(MLNN_ERROR_ARGUMENT, name, "bytes", [&] { return mlnn_pass_prepare(pass_, 0, nullptr); });
+
   name = "mlnn_pass_run";
   float* const to = r.outputs;
   expectNoHandle<mlnn_pass>(name, "pass", stream_.id, [&](mlnn_pass p) {
@@ -436,6 +446,7 @@ void noComparison(const char*, const mlnn_frames*, const mlnn_frames*, const mln
 }
 void noBehaviour(const char*, const mlnn_stage_difference*, void*) { ADD_FAILURE() << "found"; }
 void noLoss(const mlnn_precision_loss*, void*) { ADD_FAILURE() << "found"; }
+void noQuantization(size_t, const mlnn_layer_quantization*, void*) { ADD_FAILURE() << "found"; }
 
 void CRefusals::tryAnalyses() {
   std::string name = "mlnn_check_memory";
@@ -473,6 +484,35 @@ void CRefusals::tryAnalyses() {
                 [](mlnn_model m) { return mlnn_model_digest(m, noSection, nullptr, nullptr); });
   expect(MLNN_ERROR_ARGUMENT, name, "found",
          [&] { return mlnn_model_digest(model_, nullptr, nullptr, nullptr); });
+  name = "mlnn_compare_digests";
+  const mlnn_section good = {"layer 1", "0123456789abcdef0123456789abcdef"};
+  const auto compare = [](int32_t format, const mlnn_section* now, int32_t earlier,
+                          const mlnn_section* before, mlnn_section_function found) {
+    return [=] { return mlnn_compare_digests(format, now, 1, earlier, before, 1, found, nullptr); };
+  };
+  for (const int32_t wrong : {-1, 2, INT32_MAX}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "format", compare(wrong, &good, 0, &good, noSection));
+    expect(MLNN_ERROR_ARGUMENT, name, "earlier_format", compare(0, &good, wrong, &good, noSection));
+  }
+  const mlnn_section noName = {nullptr, good.digest};
+  const mlnn_section noDigest = {good.name, nullptr};
+  for (const mlnn_section* wrong :
+       {static_cast<const mlnn_section*>(nullptr), &noName, &noDigest}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "sections", compare(0, wrong, 0, &good, noSection));
+    expect(MLNN_ERROR_ARGUMENT, name, "earlier_sections", compare(0, &good, 0, wrong, noSection));
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "found", compare(0, &good, 0, &good, nullptr));
+
+  name = "mlnn_model_time";
+  mlnn_frame_time* const time = &results_.time;
+  expectNoModel(name, [&](mlnn_model m) { return mlnn_model_time(m, 1, nullptr, nullptr, time); });
+  for (const double seconds : {0.0, -1.0, 3601.0, HUGE_VAL, std::nan("")}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "seconds",
+           [&] { return mlnn_model_time(model_, seconds, nullptr, nullptr, time); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "time",
+         [&] { return mlnn_model_time(model_, 1, nullptr, nullptr, nullptr); });
+
   name = "mlnn_model_fit";
   const auto fit = [](mlnn_model model, int32_t format, int32_t precision,
                       mlnn_message_function found) {
@@ -514,6 +554,16 @@ void CRefusals::tryDifferences() {
   });
   expect(MLNN_ERROR_ARGUMENT, name, "found",
          [&] { return mlnn_model_compare(model_, model_, nullptr, nullptr, nullptr); });
+
+  name = "mlnn_model_find_quantization";
+  expectNoModel(name, [&](mlnn_model m) {
+    return mlnn_model_find_quantization(m, model_, noQuantization, nullptr, nullptr);
+  });
+  expectNoHandle<mlnn_model>(name, "other", pass_.id, [&](mlnn_model m) {
+    return mlnn_model_find_quantization(model_, m, noQuantization, nullptr, nullptr);
+  });
+  expect(MLNN_ERROR_ARGUMENT, name, "found",
+         [&] { return mlnn_model_find_quantization(model_, model_, nullptr, nullptr, nullptr); });
 
   name = "mlnn_model_compare_statements";
   expectNoModel(name, [&](mlnn_model m) {

@@ -12,6 +12,7 @@
 #include "analysis/ModelDigest.h"
 #include "analysis/ModelSuspicions.h"
 #include "c/mlnn_analysis.h"
+#include "inference/PreparedFloats.h"
 #include "model/FormatFit.h"
 #include "model/RowQuantization.h"
 #include "tests/c/OpenedFile.h"
@@ -163,6 +164,145 @@ TEST(CAnalysis, givesTheBudgetOfCxx) {
   EXPECT_EQ(budget.image_bytes, sizes.image.value());
   EXPECT_EQ(budget.image_bytes, OpenedFile(model).bytes().size());
   EXPECT_EQ(budget.text_bytes, sizes.text.value());
+  EXPECT_EQ(budget.prepared_bytes, 0u);
+  MultiLayerNNModel codes = modelOf({plainLayer(64, 32)});
+  ASSERT_EQ(mlnn::quantizeRows(codes, {}), 0);
+  codes.deltasNorm.allocIfNeeded();
+  EXPECT_EQ(mlnn_model_budget(OpenedFile(codes), nullptr, nullptr, &budget), MLNN_OK);
+  EXPECT_EQ(budget.prepared_bytes, 64u * 32 * sizeof(float));
+  EXPECT_EQ(budget.prepared_bytes, mlnn::preparedBytesOf(codes));
+}
+
+// --- The time of a frame ---
+
+// What is measured may be anything; that it is measured is certain.
+void expectIsMeasured(mlnn_model model) {
+  mlnn_frame_time time = {};
+  size_t steps = 0;
+  const auto count = [](size_t further, void* data) {
+    *static_cast<size_t*>(data) += further;
+    return 0;
+  };
+  EXPECT_EQ(mlnn_model_time(model, 1e-3, count, &steps, &time), MLNN_OK);
+  EXPECT_GT(time.frames, 0u);
+  EXPECT_GE(time.median, time.fastest);
+  EXPECT_GE(time.slowest, time.median);
+  EXPECT_LE(steps, 100u);
+  EXPECT_EQ(mlnn_model_time(model, 1e-3, nullptr, nullptr, &time), MLNN_OK);
+}
+
+TEST(CAnalysis, measuresModelsImagesCodesAndIntegers) {
+  const OpenedFile opened(someModel());
+  expectIsMeasured(opened);
+  mlnn_model made = {0};
+  ASSERT_EQ(mlnn_model_open_image(opened.bytes().data(), opened.bytes().size(), &made), MLNN_OK);
+  expectIsMeasured(made);
+  mlnn_model_close(made);
+  ASSERT_EQ(mlnn_model_to_codes(opened, 8, MLNN_CODES_FOR_MEMORY, &made), MLNN_OK);
+  expectIsMeasured(made);
+  mlnn_model_close(made);
+  ASSERT_EQ(mlnn_model_to_integers(opened, MLNN_WIDE_INPUTS_NONE, &made), MLNN_OK);
+  expectIsMeasured(made);
+  mlnn_model_close(made);
+}
+
+void expectIsNotMeasured(const MultiLayerNNModel& model, const std::string& message) {
+  const OpenedFile opened(model);
+  mlnn_frame_time time = {1, 2, 3, 4};
+  EXPECT_EQ(stderrOf([&] {
+              EXPECT_EQ(mlnn_model_time(opened, 1, nullptr, nullptr, &time), MLNN_ERROR_MODEL);
+            }),
+            message);
+  EXPECT_EQ(time.median, 1);
+  EXPECT_EQ(time.frames, 4u);
+}
+
+TEST(CAnalysis, measuresNoModelsThatCannotBeRun) {
+  MultiLayerNNModel broken = modelOf({plainLayer(8, 5), plainLayer(4, 3)});
+  broken.deltasNorm.allocIfNeeded();
+  expectIsNotMeasured(broken,
+                      "ERROR: NNFwdPassFromFile::evaluate: layer 2 does not fit the model\n"
+                      "ERROR: mlnn_model_time: the model cannot be run\n");
+  MultiLayerNNModel none = modelOf({plainLayer(8, 0)});
+  none.deltasNorm.allocIfNeeded();
+  expectIsNotMeasured(none, "ERROR: mlnn_model_time: the model has no outputs\n");
+}
+
+// --- How one is the other, quantised ---
+
+void addQuantization(size_t layer, const mlnn_layer_quantization* q, void* data) {
+  std::ostringstream line;
+  line << layer << ": " << q->bits << " bits, scale " << q->scale << ", folded " << q->folded
+       << ", shifted " << q->shifted;
+  static_cast<Lines*>(data)->push_back(line.str());
+}
+
+TEST(CAnalysis, findsHowOneModelIsTheOtherQuantised) {
+  MultiLayerNNModel model = modelOf({plainLayer(64, 32), batchNormLayer(32, 9), plainLayer(9, 3)});
+  model.deltasNorm.allocIfNeeded();
+  model.layers[1]->gamma_inf.setConstant(2);
+  MultiLayerNNModel changed(model);
+  mlnn::RowQuantization options;
+  options.bits = 5;
+  ASSERT_EQ(mlnn::quantizeRows(changed, options), 0);
+  changed.layers[0]->bias[3] += 1;
+  Lines found;
+  EXPECT_EQ(mlnn_model_find_quantization(OpenedFile(model), OpenedFile(changed), addQuantization,
+                                         goOn, &found),
+            MLNN_OK);
+  EXPECT_THAT(found, testing::ElementsAre("0: 5 bits, scale 0, folded 0, shifted 1",
+                                          "1: 5 bits, scale 0, folded 1, shifted 0",
+                                          "2: 5 bits, scale 0, folded 0, shifted 0"));
+  found.clear();
+  MultiLayerNNModel squares(model);
+  options.scale = mlnn::RowScale::kLeastSquares;
+  ASSERT_EQ(mlnn::quantizeRows(squares, options), 0);
+  EXPECT_EQ(mlnn_model_find_quantization(OpenedFile(model), OpenedFile(squares), addQuantization,
+                                         nullptr, &found),
+            MLNN_OK);
+  ASSERT_EQ(found.size(), 3u);
+  EXPECT_EQ(found[0], "0: 5 bits, scale 1, folded 0, shifted 0");
+}
+
+TEST(CAnalysis, findsNothingWhereAModelIsNotTheOtherQuantised) {
+  MultiLayerNNModel model = someModel();
+  MultiLayerNNModel changed(model);
+  changed.layers[0]->weights(0, 0) += 1;
+  const OpenedFile opened(model);
+  Lines found;
+  EXPECT_EQ(
+      mlnn_model_find_quantization(opened, OpenedFile(changed), addQuantization, nullptr, &found),
+      MLNN_OK);
+  EXPECT_EQ(mlnn_model_find_quantization(opened, opened, addQuantization, nullptr, &found),
+            MLNN_OK);
+  EXPECT_TRUE(found.empty());
+}
+
+// --- Digests, and earlier ones ---
+
+void addSectionChange(const char* section, const char* text, void* data) {
+  static_cast<Lines*>(data)->push_back(std::string(section) + ", " +
+                                       (text == nullptr ? "not compared" : text));
+}
+
+TEST(CAnalysis, comparesDigestsWithEarlierOnes) {
+  const mlnn_section before[] = {{"softmax", "a"}, {"layer 1", "b"}, {"layer 2", "c"}, {"x", "d"}};
+  const mlnn_section now[] = {{"layer 1", "c"}, {"layer 2", "e"}, {"layer 3", "f"}};
+  Lines found;
+  EXPECT_EQ(mlnn_compare_digests(MLNN_FORMAT_IMAGE, now, 3, MLNN_FORMAT_TEXT, before, 4,
+                                 addSectionChange, &found),
+            MLNN_OK);
+  EXPECT_THAT(found, testing::ElementsAre("layer 1, layer 1: is what layer 2 was",
+                                          "layer 2, layer 2: changed", "layer 3, layer 3: new",
+                                          "x, x: gone", "softmax, not compared"));
+  found.clear();
+  EXPECT_EQ(mlnn_compare_digests(MLNN_FORMAT_TEXT, before, 4, MLNN_FORMAT_TEXT, before, 4,
+                                 addSectionChange, &found),
+            MLNN_OK);
+  EXPECT_EQ(mlnn_compare_digests(MLNN_FORMAT_TEXT, nullptr, 0, MLNN_FORMAT_TEXT, nullptr, 0,
+                                 addSectionChange, &found),
+            MLNN_OK);
+  EXPECT_TRUE(found.empty());
 }
 
 TEST(CAnalysis, givesTheDigestsOfCxx) {
@@ -222,7 +362,8 @@ TEST(CAnalysis, asksNoModelThatWasConverted) {
 
 TEST(CAnalysis, isStoppedByItsWatchWithoutAMessage) {
   const OpenedFile model(someModel());
-  mlnn_budget budget = {1, 2, 3, 4, 5, 6, 7};
+  mlnn_budget budget = {1, 2, 3, 4, 5, 6, 7, 8};
+  mlnn_frame_time time = {1, 2, 3, 4};
   mlnn_model mean = {8};
   Lines found;
   const std::string said = stderrOf([&] {
@@ -232,6 +373,9 @@ TEST(CAnalysis, isStoppedByItsWatchWithoutAMessage) {
     EXPECT_EQ(mlnn_model_budget(model, stop, nullptr, &budget), MLNN_STOPPED);
     EXPECT_EQ(mlnn_model_digest(model, addDigest, stop, &found), MLNN_STOPPED);
     EXPECT_EQ(mlnn_model_compare(model, model, addDifference, stop, &found), MLNN_STOPPED);
+    EXPECT_EQ(mlnn_model_find_quantization(model, model, addQuantization, stop, &found),
+              MLNN_STOPPED);
+    EXPECT_EQ(mlnn_model_time(model, 1, stop, nullptr, &time), MLNN_STOPPED);
     EXPECT_EQ(mlnn_model_fit(model, MLNN_FORMAT_TEXT, 9, addFinding, addFile, stop, &found),
               MLNN_STOPPED);
     const mlnn_model handle = model;
@@ -242,6 +386,7 @@ TEST(CAnalysis, isStoppedByItsWatchWithoutAMessage) {
   EXPECT_EQ(budget.parameter_bytes, 1u);
   EXPECT_EQ(budget.text_bytes, 7u);
   EXPECT_EQ(mean.id, 8u);
+  EXPECT_EQ(time.frames, 4u);
 }
 
 TEST(CAnalysis, tellsWhereTwoModelsSayOtherThings) {
@@ -387,7 +532,10 @@ TEST(CAnalysis, tellsThatMemoryRanOut) {
   const float values[] = {1, 2, 3};
   uint64_t counts[4];
   mlnn_histogram histogram;
+  const auto ignoreQuantization = [](size_t, const mlnn_layer_quantization*, void*) {};
+  const mlnn_section section = {"layer 1", "0123456789abcdef0123456789abcdef"};
   mlnn_budget budget;
+  mlnn_frame_time time;
   mlnn_model mean = {0};
   const mlnn_model models[] = {opened, opened};
   const std::string& bytes = opened.bytes();
@@ -410,6 +558,14 @@ TEST(CAnalysis, tellsThatMemoryRanOut) {
         return mlnn_model_fit(opened, MLNN_FORMAT_IMAGE, 9, ignoreText, ignoreFile, goOn, nullptr);
       },
       [&] { return mlnn_model_compare(opened, opened, ignoreArray, goOn, nullptr); },
+      [&] {
+        return mlnn_model_find_quantization(opened, opened, ignoreQuantization, goOn, nullptr);
+      },
+      [&] {
+        return mlnn_compare_digests(MLNN_FORMAT_TEXT, &section, 1, MLNN_FORMAT_TEXT, &section, 1,
+                                    ignoreDigest, nullptr);
+      },
+      [&] { return mlnn_model_time(opened, 1e-6, goOn, nullptr, &time); },
       [&] { return mlnn_model_compare_statements(opened, opened, ignoreStatement, nullptr); },
       [&] { return mlnn_model_average(models, 2, nullptr, goOn, nullptr, &mean); },
   };

@@ -289,6 +289,47 @@ TEST_F(CInterface, anImageIsRunWithoutACopy) {
   });
 }
 
+// Floats of codes, in an image that is run from where it lies and in no other model.
+TEST_F(CInterface, preparesTheCodesOfAnImage) {
+  MultiLayerNNModel codes = mlnn::test::modelOf({plainLayer(300, 70), plainLayer(70, 40)});
+  ASSERT_EQ(mlnn::quantizeRows(codes, {}), 0);
+  codes.deltasNorm.allocIfNeeded();
+  const std::string image = mlnn::test::ByteImage::of(codes).bytes();
+  std::vector<uint32_t> words((image.size() + 3) / 4);
+  std::memcpy(words.data(), image.data(), image.size());
+  constexpr std::size_t kFirst = 300 * 70 * sizeof(float);
+  constexpr std::size_t kSecond = 70 * 40 * sizeof(float);
+  mlnn_model read = {0}, inPlace = {0}, integers = {0};
+  stderrOf([&] {
+    ASSERT_EQ(mlnn_model_open_memory(image.data(), image.size(), nullptr, &read), MLNN_OK);
+    ASSERT_EQ(mlnn_model_open_image(words.data(), image.size(), &inPlace), MLNN_OK);
+    ASSERT_EQ(mlnn_model_to_integers(inPlace, MLNN_WIDE_INPUTS_NONE, &integers), MLNN_OK);
+  });
+  const Eigen::VectorXf input = mlnn::test::someValues(300, 1, 5);
+  Eigen::VectorXf expected(40), found(40);
+  mlnn_pass pass = {0};
+  ASSERT_EQ(mlnn_pass_create(inPlace, &pass), MLNN_OK);
+  EXPECT_EQ(mlnn_pass_run(pass, 1, input.data(), 300, 300, expected.data(), 40, 40), MLNN_OK);
+  std::size_t bytes = 1;
+  EXPECT_EQ(mlnn_pass_prepare(pass, kSecond - 1, &bytes), MLNN_OK);
+  EXPECT_EQ(bytes, 0u);
+  EXPECT_EQ(mlnn_pass_prepare(pass, kFirst - 1, &bytes), MLNN_OK);
+  EXPECT_EQ(bytes, kSecond);
+  EXPECT_EQ(mlnn_pass_prepare(pass, SIZE_MAX, &bytes), MLNN_OK);
+  EXPECT_EQ(bytes, kFirst + kSecond);
+  EXPECT_EQ(mlnn_pass_run(pass, 1, input.data(), 300, 300, found.data(), 40, 40), MLNN_OK);
+  EXPECT_TRUE(mlnn::test::sameBits(found, expected));
+  mlnn_pass_close(pass);
+  for (const mlnn_model other : {read, integers}) {
+    ASSERT_EQ(mlnn_pass_create(other, &pass), MLNN_OK);
+    bytes = 1;
+    EXPECT_EQ(mlnn_pass_prepare(pass, SIZE_MAX, &bytes), MLNN_OK);
+    EXPECT_EQ(bytes, 0u);
+    mlnn_pass_close(pass);
+  }
+  for (const mlnn_model model : {read, inPlace, integers}) mlnn_model_close(model);
+}
+
 TEST_F(CInterface, allocatesNothingForAFrame) {
   const mlnn_model model = opened();
   mlnn_pass pass;

@@ -7,6 +7,7 @@
 typedef struct counts {
   size_t layers, sections, findings, arrays, steps;
   size_t statements, bytes, stages, same, losses, traces;
+  size_t changes, quantized;
 } counts;
 
 static void count_layer(size_t layer, const mlnn_layer_summary* summary, void* data) {
@@ -55,6 +56,15 @@ static void count_trace(const char* stage, const mlnn_frames* values,
     ++((counts*)data)->traces;
 }
 
+static void count_change(const char* section, const char* text, void* data) {
+  if (section[0] != '\0' && text != NULL) ++((counts*)data)->changes;
+}
+
+static void count_quantization(size_t layer, const mlnn_layer_quantization* quantization,
+                               void* data) {
+  if (layer < 2 && quantization->bits > 0) ++((counts*)data)->quantized;
+}
+
 static int count_steps(size_t steps, void* data) {
   ((counts*)data)->steps += steps;
   return 0;
@@ -86,8 +96,29 @@ static const char* run_from_c(mlnn_model model, counts* all) {
   return NULL;
 }
 
+static const char* ask_from_c(mlnn_model model, counts* all) {
+  static const mlnn_section earlier = {"layer 1", "0"};
+  static const mlnn_section now = {"layer 1", "1"};
+  mlnn_frame_time time;
+  mlnn_pass pass;
+  size_t bytes = 1;
+  if (mlnn_compare_digests(MLNN_FORMAT_TEXT, &now, 1, MLNN_FORMAT_IMAGE, &earlier, 1, count_change,
+                           all) != MLNN_OK) {
+    return "digests";
+  }
+  if (mlnn_model_find_quantization(model, model, count_quantization, NULL, all) != MLNN_OK) {
+    return "quantization";
+  }
+  if (mlnn_model_time(model, 0.001, NULL, NULL, &time) != MLNN_OK) return "time";
+  if (mlnn_pass_create(model, &pass) != MLNN_OK) return "pass";
+  if (mlnn_pass_prepare(pass, 1000, &bytes) != MLNN_OK) return "prepare";
+  if (mlnn_pass_close(pass) != MLNN_OK) return "close the pass";
+  if (all->changes != 1 || all->quantized != 0 || time.frames == 0 || bytes != 0) return "answers";
+  return NULL;
+}
+
 const char* from_c_analyse(const void* file, size_t length) {
-  counts all = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  counts all = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   mlnn_budget budget;
   mlnn_histogram histogram;
   static const float values[3] = {1, 2, 3};
@@ -110,6 +141,8 @@ const char* from_c_analyse(const void* file, size_t length) {
   }
   if (mlnn_model_average(&model, 1, NULL, NULL, NULL, &mean) != MLNN_OK) return "average";
   if (mlnn_count_values(values, 3, 2, NULL, NULL, bins, &histogram) != MLNN_OK) return "values";
+  wrong = ask_from_c(model, &all);
+  if (wrong != NULL) return wrong;
   wrong = run_from_c(mean, &all);
   if (wrong != NULL) return wrong;
   if (mlnn_model_close(mean) != MLNN_OK) return "close the mean";

@@ -22,6 +22,7 @@
 #include "analysis/WeightForms.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "inference/Evaluation.h"
+#include "inference/PreparedFloats.h"
 #include "model/FormatFit.h"
 #include "model/ModelFile.h"
 
@@ -58,6 +59,7 @@ void examine(const mlnn::ModelFile& file) {
   expect(mlnn::fileSizesOf(file.model).text.has_value(), "file sizes");
   expect(mlnn::codedSizeOf(file.model, 8).has_value(), "codes");
   expect(mlnn::integerSizeOf(file.model).has_value(), "integers");
+  expect(mlnn::preparedBytesOf(file.model) == 0, "prepared floats");
   expect(mlnn::storedWeights(*file.model.layers[0]).bytes == 16, "stored weights");
   expect(mlnn::weightForms(file.model) == "floats in layer 1", "weight forms");
   expect(mlnn::quantizedText(file.model).empty(), "quantised layers");

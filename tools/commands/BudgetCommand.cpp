@@ -9,6 +9,7 @@
 #include "analysis/ModelBudget.h"
 #include "inference/Evaluation.h"
 #include "inference/IntegerFwdPass.h"
+#include "inference/PreparedFloats.h"
 #include "inference/kernels/KernelChoice.h"
 #include "inference/kernels/Kernels.h"
 #include "text/Numbers.h"
@@ -43,6 +44,8 @@ CommandHelp help() {
       "given\n"
       "one frame at a time. The files are those that `mlnn convert` makes, the text with nine\n"
       "digits. Codes are what `mlnn run --bits` holds; layers where they save little stay.\n"
+      "Of an image's codes a pass can make floats once (`ImageFwdPass::prepare`), which single\n"
+      "frames meet sooner here; a line tells of their bytes where there are any.\n"
       "Where layers are quantised by rows (`mlnn quantize`), two lines tell what a pass in "
       "integers\n"
       "needs.\n"
@@ -83,6 +86,7 @@ struct IntegerNeeds {
 struct Needs {
   ModelBudget budget;
   CodedSizes codes;
+  uint64_t preparedBytes;  // of an image, by this processor
   FileSizes files;
   FrameTime time;
   std::optional<IntegerNeeds> integers;  // where layers are quantised by rows
@@ -142,6 +146,9 @@ void printText(const Needs& needs, double rate) {
   printField("activations", std::to_string(budget.activations) + " a frame");
   printField("codes of 8 bits", codesText(needs.codes.ofEightBits, needs.codes.layers));
   printField("codes of 4 bits", codesText(needs.codes.ofFourBits, needs.codes.layers));
+  if (needs.preparedBytes > 0) {
+    printField("prepared image", bytesText(needs.preparedBytes) + " of floats besides");
+  }
   printField("kernels", std::string(bestKernels().name) + ", " + shapeText(kernelShape()));
   if (needs.integers) printIntegers(*needs.integers, needs.codes.layers);
   printField("time", timeText(needs.time));
@@ -196,6 +203,7 @@ Json budgetJson(const std::string& name, const Needs& needs, double rate) {
           {"activations", budget.activations},
           {"codes_of_8_bits", codesJson(needs.codes.ofEightBits)},
           {"codes_of_4_bits", codesJson(needs.codes.ofFourBits)},
+          {"prepared_bytes", needs.preparedBytes},
           {"in_integers", integersJson(needs.integers, rate)},
           {"kernels", kernelsJson(kernelShape())},
           {"time", timeJson(needs.time, rate)}};
@@ -225,6 +233,7 @@ Needs needsOf(MultiLayerNNModel& model, double seconds) {
   needs.time = measure(model, seconds);
   needs.budget = budgetOf(model);
   needs.codes = {model.layers.size(), codesOf(model, 8), codesOf(model, 4)};
+  needs.preparedBytes = preparedBytesOf(model);
   needs.files = fileSizesOf(model);
   if (!needs.budget.quantized.empty()) needs.integers = integersOf(model, seconds);
   return needs;

@@ -84,6 +84,18 @@ TEST(BudgetCommandTest, saysHowAnImageStoresTheWeightsOfEachLayer) {
   EXPECT_EQ(formsAfter("3"), "half bytes in layers 1-3");
 }
 
+// Only where there are codes.
+TEST(BudgetCommandTest, saysWhatPreparingAnImageTakes) {
+  const TempFolder folder;
+  const std::string quantised = folder.path("quantised.txt");
+  const std::string digits = sourcePath("examples/digits/synth.txt");
+  ASSERT_EQ(runTool({"quantize", digits, quantised}).status, 0);
+  EXPECT_THAT(budget({quantised}).out,
+              ::testing::HasSubstr("\nprepared image    172544 bytes of floats besides\n"));
+  EXPECT_EQ(Json::parse(budget({"--json", quantised}).out)["prepared_bytes"], 172544);
+  EXPECT_EQ(Json::parse(budget({"--json", digits}).out)["prepared_bytes"], 0);
+}
+
 TEST(BudgetCommandTest, saysWhatAPassInIntegersNeedsOfQuantisedLayers) {
   const TempFolder folder;
   const std::string quantised = folder.path("quantised.txt");
