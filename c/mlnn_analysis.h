@@ -317,6 +317,60 @@ MLNN_API mlnn_status mlnn_model_sweep(mlnn_model model, const mlnn_frames* recor
                                       mlnn_watch_function watch, void* data,
                                       uint64_t* right_recordings);
 
+/** How a model is quantised by rows, and what has to be kept. */
+typedef struct mlnn_quantization_options {
+  int32_t scale;           /**< MLNN_ROW_SCALE_LARGEST or MLNN_ROW_SCALE_LEAST_SQUARES */
+  double largest_error;    /**< a layer stays as it is where its relative error would be larger; at
+                              least 0, and infinite for no such layer */
+  double keep;             /**< the share of decisions that a width has to keep, 0 to 1 */
+  mlnn_frames corrections; /**< input vectors over which the mean error is taken out of the biases;
+                              a count of 0 leaves these */
+} mlnn_quantization_options;
+
+/** How far the values of a stage are from those of the model as it is. */
+typedef struct mlnn_stage_loss {
+  const char* stage; /**< as mlnn_stage_function has it */
+  size_t values;     /**< for a frame */
+  double largest;    /**< of the absolute differences */
+  double mean;       /**< of them */
+} mlnn_stage_loss;
+
+/** What a model loses where its weights are quantised to some bits. */
+typedef struct mlnn_quantization_loss {
+  int32_t bits;                       /**< how many */
+  int32_t keeps;                      /**< 1 where both passes keep what has to be kept, else 0 */
+  uint64_t image_bytes;               /**< of the quantised model's image */
+  uint64_t same_best_class;           /**< frames that are decided as before */
+  uint64_t right_recordings;          /**< of those whose class is known */
+  uint64_t integers_same_best_class;  /**< the same by a pass in integers */
+  uint64_t integers_right_recordings; /**< the same by it */
+  const mlnn_stage_loss* stages;      /**< all stages of a trace but the inputs */
+  size_t stage_count;                 /**< how many there are */
+} mlnn_quantization_loss;
+
+/** Takes what is lost with one number of bits. */
+typedef void (*mlnn_quantization_loss_function)(const mlnn_quantization_loss* loss, void* data);
+
+/** What was found over all widths. */
+typedef struct mlnn_quantization_proof {
+  uint64_t frames;           /**< of all recordings */
+  uint64_t right_recordings; /**< that the model as it is decides rightly, of those known */
+  uint64_t image_bytes;      /**< of the model as it is; 0 without widths */
+  int32_t smallest_width;    /**< the fewest bits that keep enough; 0 where none do */
+} mlnn_quantization_proof;
+
+/** Runs a model over recordings as mlnn_model_sweep does, and again for each of the `widths`
+ * numbers of bits, 2 to 8, with its weights quantised by rows, in floats and in integers; hands
+ * each to `found`, then puts what follows from all of them into `proof`, as `mlnn quantize --sweep`
+ * does. The model stays as it is. `watch` is told of each frame once, and of three steps more for
+ * each width. Refused as mlnn_model_trace is, and with MLNN_ERROR_MODEL where outputs or weights
+ * are not finite. */
+MLNN_API mlnn_status mlnn_model_prove_quantization(
+    mlnn_model model, const mlnn_frames* recordings, size_t count, const int32_t* classes,
+    int stacked, const mlnn_quantization_options* options, const int32_t* bits, size_t widths,
+    mlnn_quantization_loss_function found, mlnn_watch_function watch, void* data,
+    mlnn_quantization_proof* proof);
+
 /* --- What lies between them --- */
 
 /** Makes another model: the weighted mean of `count` models of one shape, at least one. `weights`

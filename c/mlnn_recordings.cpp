@@ -9,9 +9,11 @@
 
 #include "analysis/BehaviourDiff.h"
 #include "analysis/PrecisionSweep.h"
+#include "analysis/QuantizationProof.h"
 #include "analysis/Stage.h"
 #include "analysis/TraceComparison.h"
 #include "c/AnalysisCalls.h"
+#include "inference/Evaluation.h"
 #include "inference/NNFwdPassFromFile.h"
 #include "inference/Pace.h"
 #include "inference/RecordingInputs.h"
@@ -129,8 +131,8 @@ mlnn_precision_loss told(const mlnn::PrecisionLoss& loss) {
           loss.rightRecordings};
 }
 
-bool areBits(const int32_t* bits, std::size_t widths) {
-  return std::all_of(bits, bits + widths, [](int32_t one) { return one >= 0 && one <= 31; });
+bool areBits(const int32_t* bits, std::size_t widths, int least, int most) {
+  return std::all_of(bits, bits + widths, [=](int32_t one) { return one >= least && one <= most; });
 }
 
 // Refuses classes that the model does not have.
@@ -145,6 +147,12 @@ mlnn_status checkClasses(const char* function, const MultiLayerNNModel& model,
   return MLNN_OK;
 }
 
+// The class of a recording, where it is known.
+std::optional<Index> classOf(const int32_t* classes, std::size_t recording) {
+  if (classes == nullptr || classes[recording] < 0) return std::nullopt;
+  return classes[recording];
+}
+
 // Takes in the recordings. `classes` has the class of each, or is null.
 mlnn_status add(const char* function, const MultiLayerNNModel& model, const mlnn_frames* recordings,
                 std::size_t count, const int32_t* classes, int stacked, const Watch& watch,
@@ -152,12 +160,92 @@ mlnn_status add(const char* function, const MultiLayerNNModel& model, const mlnn
   for (std::size_t i = 0; i < count; ++i) {
     const auto inputs = inputsOf(function, model, recordings[i], i, stacked);
     if (!inputs) return MLNN_ERROR_SIZE;
-    std::optional<Index> known;
-    if (classes != nullptr && classes[i] >= 0) known = classes[i];
-    if (!sweep.addRecording(columnsOf(recordings[i]), *inputs, known, watch)) {
+    if (!sweep.addRecording(columnsOf(recordings[i]), *inputs, classOf(classes, i), watch)) {
       return MLNN_ERROR_MODEL;
     }
   }
+  return MLNN_OK;
+}
+
+// --- Proofs of quantisation ---
+
+// Says why `function` refuses, unless the library has told the reason.
+mlnn_status refuseProof(const char* function, const std::string& whyNot) {
+  if (whyNot == mlnn::kCannotBeRun || whyNot == mlnn::kCannotBeQuantized) return MLNN_ERROR_MODEL;
+  return refuse(MLNN_ERROR_MODEL, function, whyNot.c_str());
+}
+
+mlnn_status add(const char* function, const MultiLayerNNModel& model, const mlnn_frames* recordings,
+                std::size_t count, const int32_t* classes, int stacked, const Watch& watch,
+                mlnn::QuantizationProof& proof) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto inputs = inputsOf(function, model, recordings[i], i, stacked);
+    if (!inputs) return MLNN_ERROR_SIZE;
+    std::string whyNot;
+    if (!proof.addRecording("recording " + std::to_string(i), columnsOf(recordings[i]), *inputs,
+                            classOf(classes, i), whyNot, watch)) {
+      return refuseProof(function, whyNot);
+    }
+  }
+  return MLNN_OK;
+}
+
+mlnn_status check(const char* function, const MultiLayerNNModel& model,
+                  const mlnn_quantization_options& options) {
+  if (options.scale != MLNN_ROW_SCALE_LARGEST && options.scale != MLNN_ROW_SCALE_LEAST_SQUARES) {
+    return refuse(MLNN_ERROR_ARGUMENT, function, "scale is no value that there is");
+  }
+  if (!(options.largest_error >= 0)) {
+    return refuse(MLNN_ERROR_ARGUMENT, function, "largest_error must be at least 0");
+  }
+  if (!(options.keep >= 0 && options.keep <= 1)) {
+    return refuse(MLNN_ERROR_ARGUMENT, function, "keep must be 0 to 1");
+  }
+  if (options.corrections.count == 0) return MLNN_OK;
+  const mlnn_status status = check(function, options.corrections);
+  if (status != MLNN_OK) return status;
+  if (static_cast<Index>(options.corrections.width) == model.numInputs()) return MLNN_OK;
+  report({"ERROR: ", function, ": corrections of ", options.corrections.width,
+          " values, but the model has ", model.numInputs(), " inputs"});
+  return MLNN_ERROR_SIZE;
+}
+
+void hand(const mlnn::QuantizationFindings& findings, const mlnn::QuantizationLoss& loss,
+          mlnn_quantization_loss_function found, void* data) {
+  std::vector<mlnn_stage_loss> stages;
+  for (const mlnn::StageLoss& stage : loss.stages) {
+    stages.push_back({stage.stage.c_str(), stage.values, stage.largest, stage.mean});
+  }
+  const mlnn_quantization_loss told = {loss.bits,
+                                       findings.keeps(loss) ? 1 : 0,
+                                       loss.imageBytes,
+                                       loss.floats.sameBestClass,
+                                       loss.floats.rightRecordings,
+                                       loss.integers.sameBestClass,
+                                       loss.integers.rightRecordings,
+                                       stages.data(),
+                                       stages.size()};
+  found(&told, data);
+}
+
+// Measures a width, and hands on what is lost.
+mlnn_status measure(const char* function, mlnn::QuantizationProof& proof,
+                    const mlnn_quantization_options& options, int bits, const Watch& watch,
+                    mlnn_quantization_loss_function found, void* data) {
+  mlnn::RowQuantization quantization;
+  quantization.bits = bits;
+  quantization.scale = static_cast<mlnn::RowScale>(options.scale);
+  quantization.largestError = options.largest_error;
+  const Eigen::MatrixXf none;
+  const bool isCorrected = options.corrections.count > 0;
+  const Eigen::Ref<const Eigen::MatrixXf> corrections =
+      isCorrected ? Eigen::Ref<const Eigen::MatrixXf>(columnsOf(options.corrections))
+                  : Eigen::Ref<const Eigen::MatrixXf>(none);
+  std::string whyNot;
+  if (!proof.measure(quantization, corrections, whyNot, watch)) {
+    return refuseProof(function, whyNot);
+  }
+  hand(proof.found(), proof.found().losses.back(), found, data);
   return MLNN_OK;
 }
 
@@ -256,7 +344,7 @@ mlnn_status mlnn_model_sweep(mlnn_model model, const mlnn_frames* recordings, si
                       found != nullptr && right_recordings != nullptr;
   return mlnn::withFile(
       function, model, hasAll, watch, data, [&](const ModelFile& file, const Watch& watching) {
-        if (!areBits(bits, widths)) {
+        if (!areBits(bits, widths, 0, 31)) {
           return refuse(MLNN_ERROR_ARGUMENT, function, "bits must be 0 to 31");
         }
         mlnn_status status = check(function, recordings, count);
@@ -272,6 +360,41 @@ mlnn_status mlnn_model_sweep(mlnn_model model, const mlnn_frames* recordings, si
           found(&loss, data);
         }
         *right_recordings = sweep.rightRecordings();
+        return MLNN_OK;
+      });
+}
+
+mlnn_status mlnn_model_prove_quantization(mlnn_model model, const mlnn_frames* recordings,
+                                          size_t count, const int32_t* classes, int stacked,
+                                          const mlnn_quantization_options* options,
+                                          const int32_t* bits, size_t widths,
+                                          mlnn_quantization_loss_function found,
+                                          mlnn_watch_function watch, void* data,
+                                          mlnn_quantization_proof* proof) {
+  const char* const function = __func__;
+  const bool hasAll = (recordings != nullptr || count == 0) && (bits != nullptr || widths == 0) &&
+                      options != nullptr && found != nullptr && proof != nullptr;
+  return mlnn::withFile(
+      function, model, hasAll, watch, data, [&](const ModelFile& file, const Watch& watching) {
+        using mlnn::RowQuantization;
+        if (!areBits(bits, widths, RowQuantization::kMinBits, RowQuantization::kMaxBits)) {
+          return refuse(MLNN_ERROR_ARGUMENT, function, "bits must be 2 to 8");
+        }
+        mlnn_status status = check(function, file.model, *options);
+        if (status == MLNN_OK) status = check(function, recordings, count);
+        if (status == MLNN_OK && classes != nullptr) {
+          status = checkClasses(function, file.model, classes, count);
+        }
+        if (status != MLNN_OK) return status;
+        mlnn::QuantizationProof trial(file.model, options->keep);
+        status = add(function, file.model, recordings, count, classes, stacked, watching, trial);
+        for (std::size_t i = 0; i < widths && status == MLNN_OK; ++i) {
+          status = measure(function, trial, *options, bits[i], watching, found, data);
+        }
+        if (status != MLNN_OK) return status;
+        const mlnn::QuantizationFindings& all = trial.found();
+        *proof = {all.frames, all.rightRecordings.value_or(0), all.imageBytes,
+                  all.smallestWidth().value_or(0)};
         return MLNN_OK;
       });
 }

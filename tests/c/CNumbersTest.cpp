@@ -255,6 +255,22 @@ void sweep(const Case& c) {
   });
 }
 
+void proveQuantization(const Case& c) {
+  const auto ignore = [](const mlnn_quantization_loss*, void*) {};
+  const auto number = static_cast<int32_t>(c.number);
+  const double share = c.number == 0 ? 0 : 1 / static_cast<double>(c.number);
+  mlnn_quantization_proof proof;
+  withFrames(c, [&](const mlnn_frames& frames) {
+    const mlnn_quantization_options options{number % 2, share, share, frames};
+    for (const int32_t bits : {int32_t{8}, number}) {
+      mlnn_model_prove_quantization(c.model, &frames, 1, &number, 0, &options, &bits, 1, ignore,
+                                    nullptr, nullptr, &proof);
+    }
+    mlnn_model_prove_quantization(c.model, &frames, 1, nullptr, 1, &options, &number, 1, ignore,
+                                  nullptr, nullptr, &proof);
+  });
+}
+
 void compareTraces(const Case& c) {
   const auto ignore = [](const char*, const mlnn_frames*, const mlnn_frames*,
                          const mlnn_difference*, void*) {};
@@ -444,6 +460,7 @@ const std::map<std::string, Call>& calls() {
       {"mlnn_model_trace", trace},
       {"mlnn_model_compare_behaviour", compareBehaviour},
       {"mlnn_model_sweep", sweep},
+      {"mlnn_model_prove_quantization", proveQuantization},
       {"mlnn_compare_traces", compareTraces},
       {"mlnn_count_values", countValues},
       {"mlnn_stream_reset",

@@ -69,6 +69,9 @@ const std::set<std::string> kTakeAll = {"mlnn_set_message_function function",
                                         "mlnn_compare_traces stages",
                                         "mlnn_compare_traces other_stages",
                                         "mlnn_compare_digests count",
+                                        "mlnn_model_prove_quantization count",
+                                        "mlnn_model_prove_quantization stacked",
+                                        "mlnn_model_prove_quantization widths",
                                         "mlnn_compare_digests earlier_count",
                                         "mlnn_pass_prepare most_bytes",
                                         "mlnn_model_compare_behaviour count",
@@ -90,6 +93,7 @@ struct Results {
   mlnn_features features = {4, 4, 4, 4, 4, 4, 4};
   mlnn_budget budget = {5, 5, 5, 5, 5, 5, 5, 5};
   mlnn_frame_time time = {5, 5, 5, 5};
+  mlnn_quantization_proof proof = {5, 5, 5, 5};
   mlnn_histogram histogram = {5, 5, 5};
   uint64_t numbers[2] = {5, 5};
   size_t count = 5;
@@ -103,6 +107,7 @@ bool areSame(const Results& a, const Results& b) {
   return a.model.id == b.model.id && a.pass.id == b.pass.id && a.stream.id == b.stream.id &&
          std::memcmp(&a.features, &b.features, sizeof a.features) == 0 && a.count == b.count &&
          std::memcmp(&a.budget, &b.budget, sizeof a.budget) == 0 && a.flag == b.flag &&
+         std::memcmp(&a.proof, &b.proof, sizeof a.proof) == 0 &&
          std::memcmp(&a.time, &b.time, sizeof a.time) == 0 &&
          std::memcmp(&a.histogram, &b.histogram, sizeof a.histogram) == 0 &&
          std::memcmp(a.numbers, b.numbers, sizeof a.numbers) == 0 && a.text == b.text &&
@@ -176,6 +181,7 @@ class CRefusals : public testing::Test {
   void tryAnalyses();
   void tryDifferences();
   void tryRecordings();
+  void tryProofs();
   void tryTraces();
   void tryAverages();
 
@@ -446,6 +452,7 @@ void noComparison(const char*, const mlnn_frames*, const mlnn_frames*, const mln
 }
 void noBehaviour(const char*, const mlnn_stage_difference*, void*) { ADD_FAILURE() << "found"; }
 void noLoss(const mlnn_precision_loss*, void*) { ADD_FAILURE() << "found"; }
+void noProof(const mlnn_quantization_loss*, void*) { ADD_FAILURE() << "found"; }
 void noQuantization(size_t, const mlnn_layer_quantization*, void*) { ADD_FAILURE() << "found"; }
 
 void CRefusals::tryAnalyses() {
@@ -656,6 +663,63 @@ void CRefusals::tryRecordings() {
          [&] { return sweep(model_, &frames, &known, &four, noLoss, nullptr); });
 }
 
+void CRefusals::tryProofs() {
+  const std::string name = "mlnn_model_prove_quantization";
+  const mlnn_frames frames = {inputs_, 2, 4, 4};
+  const mlnn_quantization_options good = {MLNN_ROW_SCALE_LARGEST, HUGE_VAL, 1, {nullptr, 0, 0, 0}};
+  const int32_t known = 1;
+  const int32_t four = 4;
+  mlnn_quantization_proof* const proof = &results_.proof;
+  const auto prove = [&](mlnn_model model, const mlnn_frames* recording, const int32_t* classes,
+                         const mlnn_quantization_options* options, const int32_t* bits,
+                         mlnn_quantization_loss_function found, mlnn_quantization_proof* made) {
+    return mlnn_model_prove_quantization(model, recording, 1, classes, 0, options, bits, 1, found,
+                                         nullptr, nullptr, made);
+  };
+  expectNoModel(
+      name, [&](mlnn_model m) { return prove(m, &frames, nullptr, &good, &four, noProof, proof); });
+  expect(MLNN_ERROR_ARGUMENT, name, "recordings",
+         [&] { return prove(model_, nullptr, &known, &good, &four, noProof, proof); });
+  for (const WrongFrames& wrong : wrongFrames(inputs_)) {
+    expect(wrong.status, name, "recordings",
+           [&] { return prove(model_, &wrong.frames, &known, &good, &four, noProof, proof); });
+    mlnn_quantization_options options = good;
+    options.corrections = wrong.frames;
+    expect(wrong.status, name, "options",
+           [&] { return prove(model_, &frames, &known, &options, &four, noProof, proof); });
+  }
+  for (const int32_t wrong : {2, -2, INT32_MAX, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "classes",
+           [&] { return prove(model_, &frames, &wrong, &good, &four, noProof, proof); });
+    mlnn_quantization_options options = good;
+    options.scale = wrong;
+    expect(MLNN_ERROR_ARGUMENT, name, "options",
+           [&] { return prove(model_, &frames, &known, &options, &four, noProof, proof); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "options",
+         [&] { return prove(model_, &frames, &known, nullptr, &four, noProof, proof); });
+  for (const double wrong : {-1.0, -HUGE_VAL, std::nan("")}) {
+    mlnn_quantization_options error = good;
+    error.largest_error = wrong;
+    mlnn_quantization_options keep = good;
+    keep.keep = wrong;
+    for (const auto* options : {&error, &keep}) {
+      expect(MLNN_ERROR_ARGUMENT, name, "options",
+             [&] { return prove(model_, &frames, &known, options, &four, noProof, proof); });
+    }
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "bits",
+         [&] { return prove(model_, &frames, &known, &good, nullptr, noProof, proof); });
+  for (const int32_t wrong : {-1, 1, 9, INT32_MAX, INT32_MIN}) {
+    expect(MLNN_ERROR_ARGUMENT, name, "bits",
+           [&] { return prove(model_, &frames, &known, &good, &wrong, noProof, proof); });
+  }
+  expect(MLNN_ERROR_ARGUMENT, name, "found",
+         [&] { return prove(model_, &frames, &known, &good, &four, nullptr, proof); });
+  expect(MLNN_ERROR_ARGUMENT, name, "proof",
+         [&] { return prove(model_, &frames, &known, &good, &four, noProof, nullptr); });
+}
+
 void CRefusals::tryTraces() {
   const std::string name = "mlnn_compare_traces";
   const mlnn_stage good = {"inputs", {inputs_, 2, 4, 4}};
@@ -709,6 +773,7 @@ TEST_F(CRefusals, haveACodeAndATextForEveryParameterOfTheHeader) {
   tryAnalyses();
   tryDifferences();
   tryRecordings();
+  tryProofs();
   tryTraces();
   tryAverages();
   const std::vector<Declaration> declarations = declarationsOfTheHeader();

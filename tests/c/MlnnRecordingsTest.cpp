@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <sstream>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "analysis/BehaviourDiff.h"
 #include "analysis/PrecisionSweep.h"
+#include "analysis/QuantizationProof.h"
 #include "analysis/Stage.h"
 #include "c/mlnn_analysis.h"
 #include "inference/Evaluation.h"
@@ -280,6 +282,138 @@ TEST(CRecordings, haveClassesThatTheModelHas) {
   }
 }
 
+// --- Proofs of quantisation ---
+
+constexpr double kNoLimit = std::numeric_limits<double>::infinity();
+constexpr mlnn_quantization_options kOptions = {MLNN_ROW_SCALE_LARGEST, kNoLimit, 0.9, {}};
+
+std::string shown(int bits, bool keeps, uint64_t imageBytes, const mlnn::DecisionLoss& floats,
+                  const mlnn::DecisionLoss& integers) {
+  std::ostringstream line;
+  line << bits << (keeps ? " keep, " : " lose, ") << imageBytes << ": " << floats.sameBestClass
+       << ", " << floats.rightRecordings << ", " << integers.sameBestClass << ", "
+       << integers.rightRecordings;
+  return line.str();
+}
+
+std::string shown(const char* stage, size_t values, double largest, double mean) {
+  std::ostringstream line;
+  line << stage << " " << values << " " << std::hexfloat << largest << " " << mean;
+  return line.str();
+}
+
+void addProof(const mlnn_quantization_loss* loss, void* data) {
+  Lines& lines = *static_cast<Lines*>(data);
+  const auto sizeOf = [](uint64_t number) { return static_cast<size_t>(number); };
+  lines.push_back(
+      shown(loss->bits, loss->keeps == 1, loss->image_bytes,
+            {sizeOf(loss->same_best_class), sizeOf(loss->right_recordings)},
+            {sizeOf(loss->integers_same_best_class), sizeOf(loss->integers_right_recordings)}));
+  for (size_t i = 0; i < loss->stage_count; ++i) {
+    const mlnn_stage_loss& stage = loss->stages[i];
+    lines.push_back(shown(stage.stage, stage.values, stage.largest, stage.mean));
+  }
+}
+
+// What the library says of the widths 3 and 8, by recordings of which one has a known class.
+mlnn::QuantizationFindings provenBy(const MultiLayerNNModel& model, const MatrixXf& values,
+                                    const mlnn::RowQuantization& options,
+                                    const MatrixXf& corrections) {
+  mlnn::QuantizationProof proof(model, 0.9);
+  std::string whyNot;
+  EXPECT_TRUE(proof.addRecording("a", values, inputsOf(model), 1, whyNot));
+  EXPECT_TRUE(proof.addRecording("b", values, inputsOf(model), std::nullopt, whyNot));
+  mlnn::RowQuantization quantization = options;
+  for (const int bits : {3, 8}) {
+    quantization.bits = bits;
+    EXPECT_TRUE(proof.measure(quantization, corrections, whyNot));
+  }
+  return proof.found();
+}
+
+void expectProof(const mlnn_quantization_options& given, const mlnn::RowQuantization& options,
+                 const MatrixXf& corrections) {
+  const MultiLayerNNModel model = network(1);
+  const MatrixXf values = someValues(6, 300, 7);
+  const mlnn_frames recordings[] = {framesOf(values), framesOf(values)};
+  const int32_t classes[] = {1, -1};
+  const int32_t bits[] = {3, 8};
+  Lines found;
+  mlnn_quantization_proof proof = {};
+  EXPECT_EQ(mlnn_model_prove_quantization(OpenedFile(model), recordings, 2, classes, 1, &given,
+                                          bits, 2, addProof, nullptr, &found, &proof),
+            MLNN_OK);
+  const mlnn::QuantizationFindings wanted = provenBy(model, values, options, corrections);
+  EXPECT_EQ(proof.frames, 600u);
+  EXPECT_EQ(proof.right_recordings, wanted.rightRecordings);
+  EXPECT_EQ(proof.image_bytes, wanted.imageBytes);
+  EXPECT_EQ(proof.smallest_width, wanted.smallestWidth().value_or(0));
+  Lines lines;
+  for (const mlnn::QuantizationLoss& loss : wanted.losses) {
+    lines.push_back(
+        shown(loss.bits, wanted.keeps(loss), loss.imageBytes, loss.floats, loss.integers));
+    for (const mlnn::StageLoss& stage : loss.stages) {
+      lines.push_back(shown(stage.stage.c_str(), stage.values, stage.largest, stage.mean));
+    }
+  }
+  EXPECT_EQ(found, lines);
+  EXPECT_EQ(found.size(), 2u * (1 + 5));
+}
+
+TEST(CRecordings, proveQuantisation) {
+  expectProof(kOptions, {}, MatrixXf());
+  mlnn_quantization_options given = kOptions;
+  mlnn::RowQuantization options;
+  given.scale = MLNN_ROW_SCALE_LEAST_SQUARES;
+  options.scale = mlnn::RowScale::kLeastSquares;
+  given.largest_error = options.largestError = 0.1;
+  const MatrixXf corrections = someValues(6, 50, 8);
+  given.corrections = framesOf(corrections);
+  expectProof(given, options, corrections);
+}
+
+TEST(CRecordings, proveNothingWithoutWidths) {
+  mlnn_quantization_proof proof = {9, 9, 9, 9};
+  Lines found;
+  EXPECT_EQ(mlnn_model_prove_quantization(OpenedFile(network(1)), nullptr, 0, nullptr, 0, &kOptions,
+                                          nullptr, 0, addProof, nullptr, &found, &proof),
+            MLNN_OK);
+  EXPECT_EQ(proof.frames + proof.right_recordings + proof.image_bytes, 0u);
+  EXPECT_EQ(proof.smallest_width, 0);
+  EXPECT_TRUE(found.empty());
+}
+
+void expectNoProof(const MultiLayerNNModel& model, const MatrixXf& values,
+                   const std::string& message) {
+  const OpenedFile opened(model);
+  const mlnn_frames frames = framesOf(values);
+  const int32_t bits = 8;
+  mlnn_quantization_proof proof = {9, 9, 9, 9};
+  Lines found;
+  EXPECT_EQ(stderrOf([&] {
+              EXPECT_EQ(mlnn_model_prove_quantization(opened, &frames, 1, nullptr, 1, &kOptions,
+                                                      &bits, 1, addProof, nullptr, &found, &proof),
+                        MLNN_ERROR_MODEL);
+            }),
+            message);
+  EXPECT_EQ(proof.frames, 9u);
+  EXPECT_EQ(proof.smallest_width, 9);
+  EXPECT_TRUE(found.empty());
+}
+
+TEST(CRecordings, proveNothingByWhatIsNotFinite) {
+  const MatrixXf values = someValues(6, 3, 7);
+  expectNoProof(network(1), values * std::numeric_limits<float>::quiet_NaN(),
+                "ERROR: mlnn_model_prove_quantization: recording 0: the outputs are not finite, "
+                "which proves nothing\n");
+  MultiLayerNNModel model = modelOf({plainLayer(6, 3)});
+  model.layers[0]->actFn = ActFn::tanh;
+  model.layers[0]->weights(0, 0) = std::numeric_limits<float>::infinity();
+  expectNoProof(model, values, "ERROR: quantizeRows: layer 1 has a weight that is not finite\n");
+  expectNoProof(modelOf({plainLayer(6, 4), plainLayer(3, 3)}), values,
+                "ERROR: NNFwdPassFromFile::evaluate: layer 2 does not fit the model\n");
+}
+
 TEST(CRecordings, tellTheirWatchOfFrames) {
   const OpenedFile opened(network(1));
   const MatrixXf values = someValues(6, 100, 7);
@@ -301,6 +435,12 @@ TEST(CRecordings, tellTheirWatchOfFrames) {
                              &number),
             MLNN_OK);
   EXPECT_EQ(steps, 900u);
+  const auto ignoreProof = [](const mlnn_quantization_loss*, void*) {};
+  mlnn_quantization_proof proof;
+  EXPECT_EQ(mlnn_model_prove_quantization(opened, recordings, 2, nullptr, 1, &kOptions, bits, 2,
+                                          ignoreProof, count, &steps, &proof),
+            MLNN_OK);
+  EXPECT_EQ(steps, 900u + 200 + 2 * 3 * 200);
 }
 
 TEST(CRecordings, areStoppedByTheirWatchWithoutAMessage) {
@@ -310,6 +450,7 @@ TEST(CRecordings, areStoppedByTheirWatchWithoutAMessage) {
   const mlnn_stage stage = {"inputs", frames};
   const int32_t bits = 4;
   uint64_t number = 5;
+  mlnn_quantization_proof proof = {9, 9, 9, 9};
   Stages stages;
   Lines lines;
   Behaviour behaviour;
@@ -323,8 +464,12 @@ TEST(CRecordings, areStoppedByTheirWatchWithoutAMessage) {
     EXPECT_EQ(
         mlnn_model_sweep(opened, &frames, 1, nullptr, 1, &bits, 1, addLoss, stop, &losses, &number),
         MLNN_STOPPED);
+    EXPECT_EQ(mlnn_model_prove_quantization(opened, &frames, 1, nullptr, 1, &kOptions, &bits, 1,
+                                            addProof, stop, &lines, &proof),
+              MLNN_STOPPED);
   });
   EXPECT_EQ(said, "");
+  EXPECT_EQ(proof.frames, 9u);
   EXPECT_TRUE(stages.empty() && lines.empty() && behaviour.empty() && losses.empty());
   EXPECT_EQ(number, 5u);
 }
@@ -343,7 +488,15 @@ TEST(CRecordings, tellThatMemoryRanOut) {
                                    const mlnn_difference*, void*) {};
   const auto ignoreBehaviour = [](const char*, const mlnn_stage_difference*, void*) {};
   const auto ignoreLoss = [](const mlnn_precision_loss*, void*) {};
+  const auto ignoreProof = [](const mlnn_quantization_loss*, void*) {};
+  mlnn_quantization_proof proof;
   stderrOf([&] {
+    expectOutOfMemoryIsTold(
+        [&] {
+          return mlnn_model_prove_quantization(opened, &frames, 1, nullptr, 1, &kOptions, &bits, 1,
+                                               ignoreProof, goOn, nullptr, &proof);
+        },
+        "proof");
     expectOutOfMemoryIsTold(
         [&] { return mlnn_model_trace(opened, &frames, 1, ignoreStage, goOn, nullptr); }, "trace");
     expectOutOfMemoryIsTold(

@@ -7,7 +7,7 @@
 typedef struct counts {
   size_t layers, sections, findings, arrays, steps;
   size_t statements, bytes, stages, same, losses, traces;
-  size_t changes, quantized;
+  size_t changes, quantized, proofs;
 } counts;
 
 static void count_layer(size_t layer, const mlnn_layer_summary* summary, void* data) {
@@ -65,6 +65,10 @@ static void count_quantization(size_t layer, const mlnn_layer_quantization* quan
   if (layer < 2 && quantization->bits > 0) ++((counts*)data)->quantized;
 }
 
+static void count_proof(const mlnn_quantization_loss* loss, void* data) {
+  if (loss->bits == 4 && loss->keeps == 1 && loss->stage_count == 5) ++((counts*)data)->proofs;
+}
+
 static int count_steps(size_t steps, void* data) {
   ((counts*)data)->steps += steps;
   return 0;
@@ -76,6 +80,8 @@ static const char* run_from_c(mlnn_model model, counts* all) {
   size_t width = 0;
   uint64_t number = 0;
   mlnn_frames frames = {values, 2, 0, 0};
+  const mlnn_quantization_options options = {MLNN_ROW_SCALE_LARGEST, 1.0, 0.0, {NULL, 0, 0, 0}};
+  mlnn_quantization_proof proof;
   mlnn_stage stage = {"inputs", {NULL, 0, 0, 0}};
   mlnn_model_inputs(model, &width);
   if (width > 32) return "width";
@@ -91,8 +97,13 @@ static const char* run_from_c(mlnn_model model, counts* all) {
       MLNN_OK) {
     return "sweep";
   }
+  if (mlnn_model_prove_quantization(model, &frames, 1, NULL, 1, &options, bits, 1, count_proof,
+                                    NULL, all, &proof) != MLNN_OK) {
+    return "proof";
+  }
+  if (proof.frames != 2 || proof.smallest_width != 4) return "width";
   if (mlnn_compare_traces(&stage, 1, &stage, 1, count_trace, NULL, all) != MLNN_OK) return "traces";
-  if (all->stages != 6 || all->same != 6 || all->losses != 1) return "stages";
+  if (all->proofs != 1 || all->stages != 6 || all->same != 6 || all->losses != 1) return "stages";
   return NULL;
 }
 
@@ -118,7 +129,7 @@ static const char* ask_from_c(mlnn_model model, counts* all) {
 }
 
 const char* from_c_analyse(const void* file, size_t length) {
-  counts all = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  counts all = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   mlnn_budget budget;
   mlnn_histogram histogram;
   static const float values[3] = {1, 2, 3};
