@@ -11,7 +11,7 @@ std::uint64_t preparedBytesOf(const MultiLayerNNModel& model, const Watch& watch
   for (const NNLayer* layer : model.layers) {
     tell(watch, 0);
     const auto form = planRecord(*layer, watch).form;
-    LayerView view;
+    LayerView view{};
     view.rows = static_cast<std::size_t>(layer->weights.rows());
     view.cols = static_cast<std::size_t>(layer->weights.cols());
     const bool pays = floatsPay(hasTable(form), hasRowScales(form), view, kernelShape());
