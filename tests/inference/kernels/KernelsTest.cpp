@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <numeric>
 #include <vector>
 
 #include "inference/kernels/KernelChoice.h"
@@ -22,6 +23,7 @@ using mlnn::Kernels;
 using mlnn::LayerView;
 using mlnn::test::someOf;
 using mlnn::test::someValues;
+using mlnn::test::triesSample;
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -288,7 +290,10 @@ TEST(KernelsMatrixVector, keepsTheOrderWhereverWeightsLie) {
                                      {255, 9},
                                      {256, 260},
                                      {400, 131}}) {
-      for (std::size_t offset = 0; offset < 16; ++offset) {
+      std::vector<std::size_t> offsets(16);
+      std::iota(offsets.begin(), offsets.end(), std::size_t{0});
+      for (const std::size_t offset :
+           someOf(offsets, 3, static_cast<std::size_t>(rows + cols) % 3)) {
         SCOPED_TRACE(testing::Message() << kernels->name << " " << rows << "x" << cols
                                         << ", weights off by " << offset);
         Layer layer(rows, cols, ActFn::tanh);
@@ -314,11 +319,11 @@ TEST(KernelsMatrixFrames, keepTheOrderOfAdditions) {
 }
 
 TEST(KernelsMatrixFrames, keepTheOrderInManyFramesAndLargeLayers) {
-  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(64, 600), 256));
-  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(1030, 33), 192));
-  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(1999, 511), 8));
-  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(2000, 520), 40));
-  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(1984, 390), 7));
+  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(64, 600), triesSample() ? 65 : 256));
+  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(1030, 33), triesSample() ? 66 : 192));
+  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(1999, 511), triesSample() ? 3 : 8));
+  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(2000, 520), triesSample() ? 10 : 40));
+  ASSERT_NO_FATAL_FAILURE(expectFrames(Layer(1984, 390), triesSample() ? 2 : 7));
 }
 
 TEST(KernelsMatrixFrames, keepTheOrderWhereWeightsComeFromTheMemory) {
