@@ -141,6 +141,8 @@ TEST(Difference, cosineTellsDirectionsApart) {
   EXPECT_EQ(differenceOf(row({1, 2}), row({-1, -2})).cosine(), -1);
   EXPECT_EQ(differenceOf(row({1, 0}), row({0, 3})).cosine(), 0);
   EXPECT_EQ(differenceOf(row({0, 0}), row({0, 3})).cosine(), 0);
+  EXPECT_EQ(differenceOf(row({0, 3}), row({0, 0})).cosine(), 0);
+  EXPECT_EQ(differenceOf(row({0, 3}), row({0, 1})).cosine(), 1);
   EXPECT_EQ(differenceOf(row({0, 0}), row({0, 0})).cosine(), 1);
   EXPECT_EQ(differenceOf(row({kMax, kMax}), row({kMax, kMax})).cosine(), 1);
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -112,6 +113,57 @@ TEST_F(ReportCommandTest, tellsOfAModelAlone) {
   EXPECT_TRUE(hasText(page, "figcaption", "Each weight is a cell."));
   EXPECT_EQ(page.all("svg").size(), 5u);  // network, loss, weights, their scale, histogram
   EXPECT_EQ(page.all("image").size(), 2u);
+}
+
+TEST_F(ReportCommandTest, drawsTheNetworkAroundItsMiddle) {
+  const XmlElement page = pageOf(modelWith(""));
+  const XmlElement& picture = *page.all("svg").front();
+  const auto boxes = picture.all("rect");
+  ASSERT_GE(boxes.size(), 2u);
+  for (const XmlElement* box : boxes) {
+    const double x = std::stod(box->attributes.at("x"));
+    const double width = std::stod(box->attributes.at("width"));
+    EXPECT_NEAR(x + width / 2, 150, 1) << x << " " << width;
+  }
+}
+
+TEST_F(ReportCommandTest, drawsWhatNormalisationDoes) {
+  const auto line = [](const std::string& array, const std::string& first, const char* others) {
+    std::string text = "# TRAIN rbm_train two words -deltas_norm_" + array + " " + first;
+    for (int i = 1; i < 120; ++i) text += others;
+    return text + "\n";
+  };
+  const auto words = [&](const std::string& lines) {
+    const XmlElement page = pageOf(modelWith(lines));
+    for (const char* said : {"none: frames go in as they are", "changes nothing",
+                             "(x - minvals) * normvals, value by value"}) {
+      if (hasText(page, "text", said)) return std::string(said);
+    }
+    return std::string();
+  };
+  EXPECT_EQ(words(""), "none: frames go in as they are");
+  EXPECT_EQ(words(line("minvals", "0", ",0")), "changes nothing");
+  EXPECT_EQ(words(line("normvals", "2", ",1")), "(x - minvals) * normvals, value by value");
+  EXPECT_EQ(words(line("minvals", "1", ",0")), "(x - minvals) * normvals, value by value");
+}
+
+TEST_F(ReportCommandTest, namesTenRecordingsAndListsAll) {
+  std::vector<std::string> arguments = {kDigits + "synth.txt", "--frames"};
+  for (const char* digit : {"0", "1", "2", "3"}) {
+    for (const char* voice : {"_en-gb-x-gbclan_michael", "_en-us_f4", "_en-gb_m4"}) {
+      arguments.push_back(kDigits + "frames/" + digit + voice + ".npy");
+    }
+  }
+  const ToolResult result = runFromRoot(arguments);
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  std::map<std::string, std::size_t> rows;
+  for (const XmlElement* table : page.all("table")) {
+    rows[table->all("caption").front()->text] = table->all("tr").size() - 1;  // without the head
+  }
+  EXPECT_EQ(rows["Wrong ones first, then those of the smallest margin"], 10u);
+  EXPECT_EQ(rows["Those first whose decision settled last"], 10u);
+  EXPECT_EQ(rows["In the order in which they were given"], 12u);
 }
 
 // Whoever cannot see finds headings in their order, names of pictures and headings of tables.
@@ -281,6 +333,12 @@ TEST_F(ReportCommandTest, staysSmallForManyLayers) {
   const XmlElement page = parseXml(result.out);
   EXPECT_LT(result.out.size(), 2000000u);
   EXPECT_TRUE(hasText(page, "text", "and 576 layers more"));
+  for (const char* drawn : {"layer 12:", "layer 589:", "layer 600:"}) {
+    EXPECT_TRUE(hasText(page, "text", drawn)) << drawn;
+  }
+  for (const char* leftOut : {"layer 13:", "layer 588:"}) {
+    EXPECT_FALSE(hasText(page, "text", leftOut)) << leftOut;
+  }
   EXPECT_TRUE(hasText(page, "p", "The first 500 of 600 layers stand in the tables."));
   EXPECT_TRUE(hasText(page, "p", "The first 24 of 600 layers are drawn."));
 }

@@ -44,6 +44,14 @@ TEST(SvgChart, hasAPanelForEachChart) {
   EXPECT_EQ(two.substr(two.size() - 7), "</svg>\n");
 }
 
+TEST(SvgChart, marksTheNumbersBelowThePlot) {
+  const std::string picture = pictureOf({curve({3, 2, 1})});
+  EXPECT_EQ(countOf(picture, "class=\"axis\""), 2u + 3u);  // and both axes
+  EXPECT_EQ(countOf(picture, R"(x1="256.0" y1="232.0" x2="256.0" y2="236.0")"), 1u);
+  EXPECT_EQ(countOf(picture, R"(<text x="256.0" y="250.0" text-anchor="middle" class="remark">2)"),
+            1u);
+}
+
 TEST(SvgChart, drawsNothingWhereThereIsNoNumber) {
   const std::string gap = pictureOf({curve({3, std::nan(""), 1})});
   EXPECT_EQ(countOf(gap, "<circle"), 2u);
