@@ -72,7 +72,16 @@ TEST(SvgChart, drawsNumbersOfAnySize) {
 TEST(SvgChart, hasAColumnForEachBin) {
   Chart chart = curve({4, 0, 3});
   chart.kind = Chart::Kind::kHistogram;
-  EXPECT_EQ(countOf(pictureOf({chart}), "<rect class=\"bar\""), 3u);
+  const std::string picture = pictureOf({chart});
+  EXPECT_EQ(countOf(picture, "<rect class=\"bar\""), 3u);
+  EXPECT_EQ(countOf(picture, R"(y="232.0" width="122.2" height="0.0")"), 1u);  // of nothing
+  EXPECT_EQ(countOf(picture, R"(height="-)"), 0u);
+  for (std::size_t at = picture.find("class=\"bar\""); at != std::string::npos;
+       at = picture.find("class=\"bar\"", at + 1)) {
+    const double y = std::stod(picture.substr(picture.find(" y=\"", at) + 4));
+    const double height = std::stod(picture.substr(picture.find("height=\"", at) + 8));
+    EXPECT_NEAR(y + height, 232, 0.1);  // where the axis is
+  }
 }
 
 TEST(SvgChart, escapesTexts) {
