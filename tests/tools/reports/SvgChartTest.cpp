@@ -84,6 +84,26 @@ TEST(SvgChart, hasAColumnForEachBin) {
   }
 }
 
+// Posteriors are as deep as they are large, numbers of a table as they are beside the largest.
+TEST(SvgChart, hasDeeperCellsForLargerValues) {
+  Chart chart = curve({0.25, 1, 0.004, 0.5});
+  chart.kind = Chart::Kind::kMap;
+  chart.rowNames = {"no", "yes"};
+  chart.columns = 2;
+  const std::string posteriors = pictureOf({chart});
+  EXPECT_EQ(countOf(posteriors, "<rect class=\"bar\""), 3u);
+  for (const char* depth : {"\"0.25\"", "\"1.00\"", "\"0.50\""}) {
+    EXPECT_EQ(countOf(posteriors, std::string("fill-opacity=") + depth), 1u) << depth;
+  }
+  chart.values = {0, 4, 1, 2};
+  chart.columnNames = chart.rowNames;
+  const std::string table = pictureOf({chart});
+  EXPECT_EQ(countOf(table, "<rect class=\"bar\""), 3u);
+  for (const char* depth : {"\"0.45\"", "\"0.11\"", "\"0.23\""}) {
+    EXPECT_EQ(countOf(table, std::string("fill-opacity=") + depth), 1u) << depth;
+  }
+}
+
 TEST(SvgChart, escapesTexts) {
   Chart chart = curve({1});
   chart.title = "<script>&\"";
