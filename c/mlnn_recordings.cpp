@@ -153,18 +153,31 @@ std::optional<Index> classOf(const int32_t* classes, std::size_t recording) {
   return classes[recording];
 }
 
+// Calls `take` with the number of each recording, its frames and its inputs, until it returns
+// another status than MLNN_OK.
+template <typename Take>
+mlnn_status forEach(const char* function, const MultiLayerNNModel& model,
+                    const mlnn_frames* recordings, std::size_t count, int stacked,
+                    const Take& take) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto inputs = inputsOf(function, model, recordings[i], i, stacked);
+    if (!inputs) return MLNN_ERROR_SIZE;
+    const mlnn_status status = take(i, columnsOf(recordings[i]), *inputs);
+    if (status != MLNN_OK) return status;
+  }
+  return MLNN_OK;
+}
+
 // Takes in the recordings. `classes` has the class of each, or is null.
 mlnn_status add(const char* function, const MultiLayerNNModel& model, const mlnn_frames* recordings,
                 std::size_t count, const int32_t* classes, int stacked, const Watch& watch,
                 mlnn::PrecisionSweep& sweep) {
-  for (std::size_t i = 0; i < count; ++i) {
-    const auto inputs = inputsOf(function, model, recordings[i], i, stacked);
-    if (!inputs) return MLNN_ERROR_SIZE;
-    if (!sweep.addRecording(columnsOf(recordings[i]), *inputs, classOf(classes, i), watch)) {
-      return MLNN_ERROR_MODEL;
-    }
-  }
-  return MLNN_OK;
+  return forEach(function, model, recordings, count, stacked,
+                 [&](std::size_t i, const Columns& frames, const RecordingInputs& inputs) {
+                   const bool isAdded =
+                       sweep.addRecording(frames, inputs, classOf(classes, i), watch);
+                   return isAdded ? MLNN_OK : MLNN_ERROR_MODEL;
+                 });
 }
 
 // --- Proofs of quantisation ---
@@ -178,16 +191,14 @@ mlnn_status refuseProof(const char* function, const std::string& whyNot) {
 mlnn_status add(const char* function, const MultiLayerNNModel& model, const mlnn_frames* recordings,
                 std::size_t count, const int32_t* classes, int stacked, const Watch& watch,
                 mlnn::QuantizationProof& proof) {
-  for (std::size_t i = 0; i < count; ++i) {
-    const auto inputs = inputsOf(function, model, recordings[i], i, stacked);
-    if (!inputs) return MLNN_ERROR_SIZE;
-    std::string whyNot;
-    if (!proof.addRecording("recording " + std::to_string(i), columnsOf(recordings[i]), *inputs,
-                            classOf(classes, i), whyNot, watch)) {
-      return refuseProof(function, whyNot);
-    }
-  }
-  return MLNN_OK;
+  return forEach(function, model, recordings, count, stacked,
+                 [&](std::size_t i, const Columns& frames, const RecordingInputs& inputs) {
+                   std::string whyNot;
+                   const bool isAdded =
+                       proof.addRecording("recording " + std::to_string(i), frames, inputs,
+                                          classOf(classes, i), whyNot, watch);
+                   return isAdded ? MLNN_OK : refuseProof(function, whyNot);
+                 });
 }
 
 mlnn_status check(const char* function, const MultiLayerNNModel& model,

@@ -110,6 +110,21 @@ TEST(CRecordings, traceEveryStage) {
   }
 }
 
+// So that the values of all stages stay some megabytes.
+TEST(CRecordings, traceFewFramesAtOnceWhereTheyHaveManyValues) {
+  const MultiLayerNNModel model = modelOf({plainLayer(1, 1 << 21)});
+  ASSERT_EQ(mlnn::framesAtOnce(model), 1);
+  const OpenedFile opened(model);
+  const MatrixXf inputs = someValues(1, 3, 3);
+  const mlnn_frames frames = framesOf(inputs);
+  std::vector<size_t> counts;
+  const auto take = [](const char*, const mlnn_frames* values, void* data) {
+    static_cast<std::vector<size_t>*>(data)->push_back(values->count);
+  };
+  EXPECT_EQ(mlnn_model_trace(opened, &frames, 1, take, nullptr, &counts), MLNN_OK);
+  EXPECT_EQ(counts, std::vector<size_t>(3 * mlnn::stageNames(1).size(), 1));
+}
+
 TEST(CRecordings, takeFramesThatLieApart) {
   const OpenedFile opened(network(1));
   MatrixXf apart = someValues(9, 20, 3);

@@ -117,6 +117,13 @@ MultiLayerNNModel imageModel() {
   return model;
 }
 
+std::string normalisationLine(const std::string& array, const std::string& first,
+                              const std::string& others) {
+  std::string line = "# TRAIN rbm_train two words -deltas_norm_" + array + " " + first;
+  for (int i = 1; i < MelDeltasNorm::kLength; ++i) line += "," + others;
+  return line + "\n";
+}
+
 MultiLayerNNModel fullModel() {
   MultiLayerNNModel model = imageModel();
   DbnFeatureDescription& desc = model.featureDesc;

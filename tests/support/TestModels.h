@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "layers/NNLayer.h"
@@ -44,6 +45,11 @@ MultiLayerNNModel fullModel();
 // The three layers of fullModel and nothing else but the two normalisation arrays, which an
 // image needs.
 MultiLayerNNModel imageModel();
+
+// A line of a text model that gives the array "minvals" or "normvals" of the normalisation: the
+// first value, and all others alike.
+std::string normalisationLine(const std::string& array, const std::string& first,
+                              const std::string& others);
 
 // Whether two arrays have the same shape and the same bits, NaN payloads and zero signs
 // included.

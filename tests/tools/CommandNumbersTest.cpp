@@ -3,8 +3,9 @@
 // memory stay within bounds of the files' bytes.
 //
 // The commands are those of the tool's own list. Some numbers are tried, and all where the
-// environment sets MLNN_EXHAUSTIVE: scripts/check-all numbers does. A sample is the largest number,
-// and where another build tries all of its shapes, some of them, with each option others.
+// environment sets MLNN_EXHAUSTIVE: scripts/check-all numbers does. Else it is a few
+// numbers with each bare command, and odd shapes of the largest with each option; where another
+// build does that, some of them.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 

@@ -15,6 +15,7 @@ namespace {
 
 using Json = nlohmann::json;
 using mlnn::test::ByteImage;
+using mlnn::test::normalisationLine;
 using mlnn::test::runTool;
 using mlnn::test::ToolResult;
 
@@ -66,14 +67,6 @@ TEST(InfoCommandTest, saysWhatIsInAText) {
                 "line_kernel_width=0\n");
 }
 
-// A line of the training tool that gives all values of an array.
-std::string normLine(const std::string& array, const std::string& first,
-                     const std::string& others) {
-  std::string line = "# TRAIN rbm_train two words -deltas_norm_" + array + " " + first;
-  for (int i = 1; i < 120; ++i) line += "," + others;
-  return line + "\n";
-}
-
 TEST(InfoCommandTest, tellsOfTheNormalisation) {
   const auto normalisation = [](const std::string& minvals, const std::string& normvals) {
     std::string model = kModel;
@@ -82,15 +75,16 @@ TEST(InfoCommandTest, tellsOfTheNormalisation) {
     const std::size_t at = out.find("normalisation");
     return out.substr(at, out.find('\n', at) - at);
   };
-  EXPECT_EQ(normalisation(normLine("minvals", "-11.512925", "2.345678912"),
-                          normLine("normvals", "0.1234567", "1234567.5")),
+  EXPECT_EQ(normalisation(normalisationLine("minvals", "-11.512925", "2.345678912"),
+                          normalisationLine("normvals", "0.1234567", "1234567.5")),
             "normalisation   120 values: minvals -11.5129 to 2.34568, normvals 0.123457 to "
             "1.23457e+06");
-  EXPECT_EQ(normalisation(normLine("minvals", "0", "0"), normLine("normvals", "1", "1")),
+  EXPECT_EQ(normalisation(normalisationLine("minvals", "0", "0"),
+                          normalisationLine("normvals", "1", "1")),
             "normalisation   changes nothing");
-  EXPECT_EQ(normalisation(normLine("minvals", "0.5", "0"), ""),
+  EXPECT_EQ(normalisation(normalisationLine("minvals", "0.5", "0"), ""),
             "normalisation   120 values: minvals 0 to 0.5, normvals 1 to 1");
-  EXPECT_EQ(normalisation("", normLine("normvals", "1", "2")),
+  EXPECT_EQ(normalisation("", normalisationLine("normvals", "1", "2")),
             "normalisation   120 values: minvals 0 to 0, normvals 1 to 2");
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/TempFolder.h"
+#include "tests/support/TestModels.h"
 #include "tests/tools/support/CommandFixture.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tests/tools/support/Xml.h"
@@ -16,6 +17,7 @@
 namespace {
 
 using mlnn::test::contentOf;
+using mlnn::test::normalisationLine;
 using mlnn::test::parseXml;
 using mlnn::test::runShell;
 using mlnn::test::ToolResult;
@@ -128,12 +130,7 @@ TEST_F(ReportCommandTest, drawsTheNetworkAroundItsMiddle) {
 }
 
 TEST_F(ReportCommandTest, drawsWhatNormalisationDoes) {
-  const auto line = [](const std::string& array, const std::string& first, const char* others) {
-    std::string text = "# TRAIN rbm_train two words -deltas_norm_" + array + " " + first;
-    for (int i = 1; i < 120; ++i) text += others;
-    return text + "\n";
-  };
-  const auto words = [&](const std::string& lines) {
+  const auto words = [this](const std::string& lines) {
     const XmlElement page = pageOf(modelWith(lines));
     for (const char* said : {"none: frames go in as they are", "changes nothing",
                              "(x - minvals) * normvals, value by value"}) {
@@ -142,9 +139,11 @@ TEST_F(ReportCommandTest, drawsWhatNormalisationDoes) {
     return std::string();
   };
   EXPECT_EQ(words(""), "none: frames go in as they are");
-  EXPECT_EQ(words(line("minvals", "0", ",0")), "changes nothing");
-  EXPECT_EQ(words(line("normvals", "2", ",1")), "(x - minvals) * normvals, value by value");
-  EXPECT_EQ(words(line("minvals", "1", ",0")), "(x - minvals) * normvals, value by value");
+  EXPECT_EQ(words(normalisationLine("minvals", "0", "0")), "changes nothing");
+  EXPECT_EQ(words(normalisationLine("normvals", "2", "1")),
+            "(x - minvals) * normvals, value by value");
+  EXPECT_EQ(words(normalisationLine("minvals", "1", "0")),
+            "(x - minvals) * normvals, value by value");
 }
 
 TEST_F(ReportCommandTest, namesTenRecordingsAndListsAll) {
