@@ -9,6 +9,7 @@
 //   1           floats that stream                              sweepLayer (MatrixSweep-inl.h)
 //   1           other floats                                    multiplyPanels (MatrixVector-inl.h)
 //   2 to 8      floats from the memory, columns of a page       sweepLayer
+//   2 to 8      floats that stream, and few registers           sweepLayer
 //   some        other floats                                    wide tiles (MatrixFrames-inl.h)
 //   any other   any other                                       tiles (MatrixFrames-inl.h)
 //
@@ -142,15 +143,24 @@ constexpr bool takesWideTile(const LayerView& layer, std::size_t frames, const K
   return shape.wideTiles == WideTiles::kStreaming && streams(layer, shape);
 }
 
-// For several frames. A sweep is best where weights come from the memory and each column fills a
-// page: in a panel of rows, every input would be read from another page. From the third-level cache
-// that costs less than keeping the chains.
+// Whether few frames are swept. That is best where weights come from the memory and each column
+// fills a page: in a panel of rows, every input would be read from another page. From the
+// third-level cache that costs less than keeping the chains, unless registers are few and a panel
+// is a cache line wide: then it would read a line here and there.
+constexpr bool sweepsFewFrames(const LayerView& layer, const KernelShape& shape,
+                               bool hasManyRegisters) {
+  if (!hasManyRegisters) return streams(layer, shape);
+  return layer.coded == nullptr && layer.rows >= kFloatsInPage &&
+         bytesOfFloats(layer) >= shape.thirdLevelBytes;
+}
+
+// For several frames. `hasManyRegisters`: the instruction set has 32 registers of vectors.
 constexpr FramesLoops framesLoopsFor(const LayerView& layer, std::size_t frames,
-                                     const KernelShape& shape) {
+                                     const KernelShape& shape, bool hasManyRegisters) {
   if (frames == 1 && streams(layer, shape)) return FramesLoops::kSweep;
-  const bool isLarge = layer.coded == nullptr && layer.rows >= kFloatsInPage &&
-                       bytesOfFloats(layer) >= shape.thirdLevelBytes;
-  if (frames > 1 && frames <= kSweepFrames && isLarge) return FramesLoops::kSweep;
+  if (frames > 1 && frames <= kSweepFrames && sweepsFewFrames(layer, shape, hasManyRegisters)) {
+    return FramesLoops::kSweep;
+  }
   return takesWideTile(layer, frames, shape) ? FramesLoops::kWideTiles : FramesLoops::kTiles;
 }
 
@@ -161,13 +171,30 @@ constexpr std::size_t sweptAtOnce(std::size_t frames) {
   return std::min(frames, kSweepFrames);
 }
 
+// From so many frames on copies of weights and results nearby pay where registers are few.
+constexpr std::size_t kManyForFewRegisters = 49;
+
 // Whether tiles read a copy of a panel of rows: what is no float, or no whole vector where parts
-// load badly (`loadsBadly`); and for many frames, inputs that lie pages apart and so share few
-// places of a cache.
-constexpr bool isPacked(const LayerView& layer, std::size_t frames, bool loadsBadly) {
-  constexpr std::size_t kManyFrames = 192;
+// load badly (`loadsBadly`); and for many frames, inputs that lie so far apart that they share few
+// places of a cache. Panels of few registers are a line wide, and so lose more by that.
+constexpr bool isPacked(const LayerView& layer, std::size_t frames, bool loadsBadly,
+                        bool hasManyRegisters) {
   if (layer.coded != nullptr || loadsBadly) return true;
-  return frames >= kManyFrames && layer.rows >= kFloatsInPage;
+  constexpr std::size_t kManyFrames = 192;
+  constexpr std::size_t kFarApart = 128;
+  return hasManyRegisters ? frames >= kManyFrames && layer.rows >= kFloatsInPage
+                          : frames >= kManyForFewRegisters && layer.rows >= kFarApart;
+}
+
+// The rows of which all inputs are worked off before the next rows: where registers are few, so
+// many that the results of all frames stay in the second-level cache. For fewer frames the weights'
+// order counts more.
+constexpr std::size_t rowsAtOnce(const LayerView& layer, std::size_t frames,
+                                 bool hasManyRegisters) {
+  constexpr std::size_t kResults = std::size_t{1} << 16;
+  constexpr std::size_t kRows = 64;  // whole panels
+  if (hasManyRegisters || frames < kManyForFewRegisters) return layer.rows;
+  return std::max(kResults / frames / kRows * kRows, kRows);
 }
 
 // The rows of weights that are unpacked at once: few enough to stay in the second-level cache,

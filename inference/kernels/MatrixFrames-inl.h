@@ -138,6 +138,15 @@ void packFloats(const LayerView& layer, const RowPanel& panel, float* to) {
   const Tag d;
   const std::size_t stride = layer.allRows();
   const float* from = layer.weights + panel.input * stride + panel.row;
+  if (panel.count == kTileRows) {
+    for (std::size_t k = 0; k < panel.inputs; ++k, from += stride, to += kTileRows) {
+      HWY_UNROLL(8)
+      for (std::size_t i = 0; i < kTileRows; i += kLanes) {
+        hn::Store(hn::LoadU(d, from + i), d, to + i);
+      }
+    }
+    return;
+  }
   for (std::size_t k = 0; k < panel.inputs; ++k, from += stride) {
     std::size_t i = 0;
     for (; i + kLanes <= panel.count; i += kLanes, to += kLanes) {
@@ -157,14 +166,18 @@ void packPanel(const LayerView& layer, const RowPanel& panel, float* to) {
   decode(layer, panel.row, panel.fullRows(), panel.input, panel.inputs, to);
 }
 
-// All chains of a panel for the `frames` frames of a tile.
-HWY_INLINE void runTile(const RowPanel& panel, Tile tile, std::size_t frames) {
+// All chains of a panel for the `frames` frames of a tile, which is left as it was. It is changed
+// in place, since a copy would be read before it has come to the cache.
+HWY_INLINE void runTile(const RowPanel& panel, Tile& tile, std::size_t frames) {
   const std::size_t vectors = panel.fullRows() / kLanes;
   const bool fetches = tile.nextLines != 0;
   const TileChain chain = panel.isPartial() ? fetches ? tileChainFor<true, true>(vectors, frames)
                                                       : tileChainFor<false, true>(vectors, frames)
                           : fetches ? tileChainFor<true, false>(vectors, frames)
                                             : tileChainFor<false, false>(vectors, frames);
+  const float* const w = tile.w;
+  const float* const x = tile.x;
+  const float* const next = tile.next;
   for (std::size_t k = 0; k < panel.inputs; k += panel.chain) {
     const std::size_t left = panel.inputs - k;
     chain(tile, left < panel.chain ? left : panel.chain, panel.input + k == 0);
@@ -172,74 +185,114 @@ HWY_INLINE void runTile(const RowPanel& panel, Tile tile, std::size_t frames) {
     tile.x += panel.chain;
     if (fetches) tile.next += panel.chain * tile.nextStride;
   }
+  tile.w = w;
+  tile.x = x;
+  tile.next = next;
 }
 
+// Divides a number into nearly equal parts, the larger ones first.
+class Parts {
+ public:
+  HWY_INLINE Parts(std::size_t all, std::size_t count) : each_(all / count), larger_(all % count) {}
+
+  // The part of index `i`.
+  HWY_INLINE std::size_t operator[](std::size_t i) const { return each_ + (i < larger_ ? 1 : 0); }
+
+ private:
+  std::size_t each_;
+  std::size_t larger_;
+};
+
 // A panel for all frames, in tiles of nearly the same number of frames. What comes next is
-// fetched in equal parts by the tiles, so that the memory is never waited for nor idle.
-void runPanel(const RowPanel& panel, Tile tile, std::size_t frames, std::size_t tileFrames) {
+// fetched in nearly equal parts by the tiles, so that the memory is never waited for nor idle.
+void runPanel(const RowPanel& panel, Tile& tile, std::size_t frames, std::size_t tileFrames) {
+  const std::size_t tiles = (frames + tileFrames - 1) / tileFrames;
   const std::size_t lines = panel.fullRows() / 16 + 1;  // they seldom begin with the panel
-  std::size_t fetched = 0;
-  for (std::size_t tiles = (frames + tileFrames - 1) / tileFrames; tiles > 0; --tiles) {
-    const std::size_t count = (frames + tiles - 1) / tiles;
-    Tile part = tile;
-    const std::size_t share = tile.next == nullptr ? 0 : (lines - fetched + tiles - 1) / tiles;
-    part.nextLines = static_cast<int>(share);
-    if (share > 0) part.next += fetched * 16;
-    fetched += share;
-    runTile(panel, part, count);
-    tile.x += count * tile.xStride;
-    tile.y += count * tile.yStride;
-    frames -= count;
+  const Parts counts(frames, tiles);
+  const Parts fetched(tile.next == nullptr ? 0 : lines, tiles);
+  for (std::size_t i = 0; i < tiles; ++i) {
+    tile.nextLines = static_cast<int>(fetched[i]);
+    runTile(panel, tile, counts[i]);
+    tile.next += std::size_t{16} * fetched[i];
+    tile.x += counts[i] * tile.xStride;
+    tile.y += counts[i] * tile.yStride;
   }
 }
 
-// Where the weights of the panel after this one begin: that below it, or the first of the next
-// inputs, which may be fewer. Null behind the last one.
-HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowPanel& panel) {
+// Some rows of a layer of which all inputs are worked off before the next ones.
+struct RowBlock {
+  std::size_t first;
+  std::size_t end;
+};
+
+// Where the weights of the panel after this one begin: that below it in its block, or the block's
+// first of the next inputs, which may be fewer, or those of the next block. Null behind the last.
+HWY_INLINE const float* weightsAfter(const LayerView& layer, const RowBlock& block,
+                                     const RowPanel& panel) {
   const std::size_t row = panel.row + panel.count;
-  if (row < layer.rows) return layer.weights + panel.input * layer.allRows() + row;
+  if (row < block.end) return layer.weights + panel.input * layer.allRows() + row;
   const std::size_t input = panel.input + panel.inputs;
-  return input < layer.cols ? layer.weights + input * layer.allRows() : nullptr;
+  if (input < layer.cols) return layer.weights + input * layer.allRows() + block.first;
+  return block.end < layer.rows ? layer.weights + block.end : nullptr;
+}
+
+// What the frames of a layer are.
+struct FrameValues {
+  const float* x;
+  std::size_t xStride;  // from one frame to the next
+  float* y;
+  std::size_t yStride;  // from one frame to the next
+  std::size_t frames;
+};
+
+// The results of a block of rows, in tiles of the layer's kind.
+HWY_INLINE void runBlock(const LayerView& layer, const FrameValues& values, const RowBlock& block,
+                         bool isWide, float* scratch) {
+  const KernelShape& shape = kernelShape();
+  const std::size_t stride = layer.allRows();
+  const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
+  const std::size_t tileFrames = isWide ? kWideTileFrames : shape.tileFrames;
+  for (std::size_t input = 0; input < layer.cols; input += shape.inputsAtOnce) {
+    const std::size_t inputs = std::min(shape.inputsAtOnce, layer.cols - input);
+    for (std::size_t row = block.first; row < block.end; row += tileRows) {
+      const std::size_t count = std::min(tileRows, block.end - row);
+      const RowPanel panel{row, count, input, inputs, chainLength(stride)};
+      Tile tile{layer.coded != nullptr ? nullptr : layer.weights + input * stride + row,
+                stride,
+                values.x + input,
+                values.xStride,
+                values.y + row,
+                values.yStride,
+                FirstLanes(kLanes - (panel.fullRows() - count)),
+                streams(layer, shape) ? weightsAfter(layer, block, panel) : nullptr,
+                stride,
+                0};
+      const bool loadsBadly = panel.isPartial() && !kLoadsParts;
+      if (isPacked(layer, values.frames, loadsBadly, kManyRegisters)) {
+        packPanel(layer, panel, scratch);
+        tile.w = scratch;
+        tile.wStride = panel.fullRows();
+      }
+      runPanel(panel, tile, values.frames, tileFrames);
+      if (input + inputs < layer.cols) continue;
+      finishLayer(layer, row, count, values.y + row, values.yStride, values.frames);
+    }
+  }
 }
 
 // The results of a layer for some frames. `scratch` has room for kPanelFloats values.
 void matrixFrames(const LayerView& layer, const float* x, std::size_t xStride, float* y,
                   std::size_t yStride, std::size_t frames, float* scratch) {
   if (layer.cols == 0) return shiftsOnly(layer, y, yStride, frames);
-  const std::size_t stride = layer.allRows();
-  const std::size_t chain = chainLength(stride);
-  const bool isCoded = layer.coded != nullptr;
-  const KernelShape& shape = kernelShape();
-  const FramesLoops loops = framesLoopsFor(layer, frames, shape);
+  const FramesLoops loops = framesLoopsFor(layer, frames, kernelShape(), kManyRegisters);
   if (loops == FramesLoops::kSweep) {
     return sweepLayer(layer, {x, xStride, y, yStride, frames}, scratch);
   }
-  const bool isWide = loops == FramesLoops::kWideTiles;
-  const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
-  const std::size_t tileFrames = isWide ? kWideTileFrames : shape.tileFrames;
-  for (std::size_t input = 0; input < layer.cols; input += shape.inputsAtOnce) {
-    const std::size_t inputs = std::min(shape.inputsAtOnce, layer.cols - input);
-    for (std::size_t row = 0; row < layer.rows; row += tileRows) {
-      const std::size_t count = std::min(tileRows, layer.rows - row);
-      const RowPanel panel{row, count, input, inputs, chain};
-      Tile tile{isCoded ? nullptr : layer.weights + input * stride + row,
-                stride,
-                x + input,
-                xStride,
-                y + row,
-                yStride,
-                FirstLanes(kLanes - (panel.fullRows() - count)),
-                streams(layer, shape) ? weightsAfter(layer, panel) : nullptr,
-                stride,
-                0};
-      if (isPacked(layer, frames, panel.isPartial() && !kLoadsParts)) {
-        packPanel(layer, panel, scratch);
-        tile.w = scratch;
-        tile.wStride = panel.fullRows();
-      }
-      runPanel(panel, tile, frames, tileFrames);
-      if (input + inputs == layer.cols) finishLayer(layer, row, count, y + row, yStride, frames);
-    }
+  const FrameValues values{x, xStride, y, yStride, frames};
+  const std::size_t rows = rowsAtOnce(layer, frames, kManyRegisters);
+  for (std::size_t first = 0; first < layer.rows; first += rows) {
+    const RowBlock block{first, std::min(first + rows, layer.rows)};
+    runBlock(layer, values, block, loops == FramesLoops::kWideTiles, scratch);
   }
 }
 

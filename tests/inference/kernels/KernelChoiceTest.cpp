@@ -54,6 +54,51 @@ TEST(KernelChoice, hasShapesThatTheLoopsCanTake) {
   }
 }
 
+// A plain layer of so many outputs and inputs.
+mlnn::LayerView layerOf(std::size_t rows, std::size_t cols) {
+  mlnn::LayerView layer{};
+  layer.rows = rows;
+  layer.cols = cols;
+  return layer;
+}
+
+TEST(KernelChoice, sweepsFewFramesFromTheMemoryOrWhereRegistersAreFew) {
+  using mlnn::FramesLoops;
+  using mlnn::framesLoopsFor;
+  const KernelShape& shape = kKernelShapes[0];
+  const auto near = layerOf(256, 1023);
+  const auto far = layerOf(256, 1024);
+  const auto farthest = layerOf(1024, 2048);
+  for (const std::size_t frames : {std::size_t{2}, mlnn::kSweepFrames}) {
+    EXPECT_NE(framesLoopsFor(near, frames, shape, false), FramesLoops::kSweep);
+    EXPECT_EQ(framesLoopsFor(far, frames, shape, false), FramesLoops::kSweep);
+    EXPECT_NE(framesLoopsFor(far, frames, shape, true), FramesLoops::kSweep);
+    EXPECT_EQ(framesLoopsFor(farthest, frames, shape, true), FramesLoops::kSweep);
+  }
+  EXPECT_EQ(framesLoopsFor(far, mlnn::kSweepFrames + 1, shape, false), FramesLoops::kTiles);
+  EXPECT_EQ(framesLoopsFor(farthest, mlnn::kSweepFrames + 1, shape, true), FramesLoops::kTiles);
+}
+
+TEST(KernelChoice, copiesPanelsThatManyFramesMeet) {
+  using mlnn::isPacked;
+  EXPECT_FALSE(isPacked(layerOf(128, 64), 48, false, false));
+  EXPECT_TRUE(isPacked(layerOf(128, 64), 49, false, false));
+  EXPECT_FALSE(isPacked(layerOf(127, 64), 256, false, false));
+  EXPECT_FALSE(isPacked(layerOf(1024, 64), 191, false, true));
+  EXPECT_TRUE(isPacked(layerOf(1024, 64), 192, false, true));
+  EXPECT_FALSE(isPacked(layerOf(1023, 64), 256, false, true));
+  EXPECT_TRUE(isPacked(layerOf(8, 8), 2, true, true));
+}
+
+TEST(KernelChoice, keepsTheResultsOfManyFramesNearWhereRegistersAreFew) {
+  using mlnn::rowsAtOnce;
+  EXPECT_EQ(rowsAtOnce(layerOf(2048, 64), 256, true), 2048U);
+  EXPECT_EQ(rowsAtOnce(layerOf(2048, 64), 48, false), 2048U);
+  EXPECT_EQ(rowsAtOnce(layerOf(2048, 64), 49, false), 1280U);
+  EXPECT_EQ(rowsAtOnce(layerOf(2048, 64), 256, false), 256U);
+  EXPECT_EQ(rowsAtOnce(layerOf(2048, 64), 5000, false), 64U);
+}
+
 #if !MLNN_BUILT_FOR_SIZE
 
 TEST(KernelChoice, keepsTheShapeUntilAnotherIsFixed) {
