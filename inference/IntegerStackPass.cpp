@@ -129,6 +129,12 @@ Frames<float> framesOf(const OutputFrames& frames) {
           static_cast<std::size_t>(frames.frames)};
 }
 
+bool haveNoSign(const int8_t* bytes, std::size_t count) {
+  int8_t all = 0;
+  for (std::size_t i = 0; i < count; ++i) all |= bytes[i];
+  return all >= 0;
+}
+
 // What one layer is evaluated with.
 class LayerPass {
  public:
@@ -145,6 +151,7 @@ class LayerPass {
 
   // The results may stand in place of the inputs.
   void run(const Frames<const float>& x, const Frames<float>& y) {
+    areNonNegative_ = !view_.takesWords;
     for (std::size_t f = 0; f < x.count; ++f) takeInputs(x.at(f), f);
     const auto panels = static_cast<std::size_t>(rowCodePanels(view_.layer.rows));
     const std::size_t atOnce = x.count * byteFrames_ == 1 ? kLinePanels : tile_.panels;
@@ -172,6 +179,7 @@ class LayerPass {
       scale = kernels_.unfused.toWords(x, cols, bytes, bytes + byteStride(), sums);
     } else {
       scale = kernels_.unfused.toBytes(x, cols, bytes, sums);
+      areNonNegative_ = areNonNegative_ && haveNoSign(bytes, cols);
     }
     for (std::size_t b = 0; b < byteFrames_; ++b) {
       int8_t* const part = bytes + b * byteStride();
@@ -208,7 +216,7 @@ class LayerPass {
     for (std::size_t b = frame * byteFrames_; b < end;) {
       const std::size_t taken = std::min(end - b, tile_.frames);
       const ByteFrames x{memory_.bytes.data() + b * byteStride(), byteStride(),
-                         memory_.sums.data() + b, taken};
+                         memory_.sums.data() + b, taken, areNonNegative_};
       kernels_.dots.dots(view_.codes, first, panels, x, ahead, to);
       ahead.panels = 0;
       to += taken * stride;
@@ -232,6 +240,7 @@ class LayerPass {
   std::size_t byteFrames_;
   DotTile tile_;
   bool streams_;
+  bool areNonNegative_ = false;  // the integers of all frames
 };
 
 // A layer without codes, whose weights may have to be unpacked.

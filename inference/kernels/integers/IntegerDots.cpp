@@ -142,7 +142,7 @@ HWY_POP_ATTRIBUTES
 
 #if HWY_ARCH_X86
 
-// --- Products of two values of 16 bits: SSE2, AVX2, AVX-512 without more ---
+// --- Products of two values of 16 bits (SSE2, AVX-512 without more), or of 8 bits in 16 (AVX2) ---
 
 HWY_PUSH_ATTRIBUTES("sse2")
 namespace sse2 {
@@ -162,6 +162,7 @@ struct Vectors : ShortVectors {
   static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 4;
   static constexpr int kLineChains = 1;
+  static constexpr bool kLineFetches = true;
 
   static HWY_INLINE Sums splat(int32_t value) { return _mm_set1_epi32(value); }
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
@@ -208,40 +209,77 @@ struct Vectors256 : LongVectors {
   }
 };
 
-namespace avx2 {
-
-struct Vectors : Vectors256 {
-  struct Codes {
-    __m256i even;
-    __m256i odd;
-  };
-  using Inputs = Codes;
-  static constexpr std::size_t kInputBytes = 8;
-  static constexpr int kFrames = framesOf(4);
+// Two products of 8 bits fit into 16 where codes are signed and inputs are not: 2 * 127 * 128 is
+// 32512. So codes lose their offset, and take over the signs of the inputs.
+struct Bytes256 : Vectors256 {
+  using Codes = __m256i;
+  static constexpr bool kSigned = true;
+  static constexpr std::size_t kInputBytes = 4;
+  static constexpr int kFrames = framesOf(5);
   static constexpr int partsFor(int) { return 2; }
-  static constexpr int kLineParts = 2;
-  static constexpr int kLineChains = 2;
+  static constexpr int kLineParts = 8;
+  static constexpr int kLineChains = 1;
+  static constexpr bool kLineFetches = false;
 
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int part) {
     const int vector = bits == 8 ? part : 0;
     __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group) + vector);
-    if (bits == 8) return {_mm256_and_si256(v, _mm256_set1_epi16(255)), _mm256_srli_epi16(v, 8)};
+    if (bits == 8) return _mm256_xor_si256(v, _mm256_set1_epi8(-128));
     if (part == 1) v = _mm256_srli_epi16(v, 4);
-    const __m256i low = _mm256_set1_epi16(15);
-    return {_mm256_and_si256(v, low), _mm256_and_si256(_mm256_srli_epi16(v, 8), low)};
+    return _mm256_sub_epi8(_mm256_and_si256(v, _mm256_set1_epi8(15)), _mm256_set1_epi8(8));
   }
+  static HWY_INLINE Sums addProducts(Sums sums, __m256i sizes, __m256i codes) {
+    const __m256i pairs = _mm256_maddubs_epi16(sizes, codes);
+    return _mm256_add_epi32(sums, _mm256_madd_epi16(pairs, _mm256_set1_epi16(1)));
+  }
+};
+
+namespace avx2 {
+namespace anySign {
+
+struct Vectors : Bytes256 {
+  struct Inputs {
+    __m256i values;
+    __m256i sizes;
+  };
+
   static HWY_INLINE Inputs inputs(const int8_t* group) {
-    return {_mm256_set1_epi32(fourBytes(group)), _mm256_set1_epi32(fourBytes(group + 4))};
+    const __m256i values = _mm256_set1_epi32(fourBytes(group));
+    return {values, _mm256_abs_epi8(values)};
   }
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
-    sums = _mm256_add_epi32(sums, _mm256_madd_epi16(codes.even, x.even));
-    return _mm256_add_epi32(sums, _mm256_madd_epi16(codes.odd, x.odd));
+    return addProducts(sums, x.sizes, _mm256_sign_epi8(codes, x.values));
   }
 };
 
 #include "inference/kernels/integers/IntegerTiles-inl.h"
 
-constexpr DotKernels kDots = {"AVX2", {4, framesOf(4)}, {4, framesOf(4)}, 2, arrangeInPairs, dots};
+}  // namespace anySign
+
+namespace noSign {
+
+struct Vectors : Bytes256 {
+  using Inputs = __m256i;
+
+  static HWY_INLINE Inputs inputs(const int8_t* group) {
+    return _mm256_set1_epi32(fourBytes(group));
+  }
+  static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
+    return addProducts(sums, x, codes);
+  }
+};
+
+#include "inference/kernels/integers/IntegerTiles-inl.h"
+
+}  // namespace noSign
+
+void dots(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
+          const CodesAhead& ahead, int32_t* sums) {
+  const auto sum = x.areNonNegative && !kBuiltForSize ? noSign::dots : anySign::dots;
+  sum(codes, first, panels, x, ahead, sums);
+}
+
+constexpr DotKernels kDots = {"AVX2", {4, framesOf(5)}, {4, framesOf(5)}, 1, stayAsTheyAre, dots};
 
 }  // namespace avx2
 HWY_POP_ATTRIBUTES
@@ -296,6 +334,7 @@ struct Vectors : Vectors512 {
   static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
+  static constexpr bool kLineFetches = true;
 
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
     if (bits == 8) return codesOf(line(group));
@@ -344,6 +383,7 @@ struct Vectors : Vectors256 {
   static constexpr int partsFor(int) { return 4; }
   static constexpr int kLineParts = 2;
   static constexpr int kLineChains = 4;
+  static constexpr bool kLineFetches = true;
   static constexpr int kSeamPanels = 2;
   static constexpr int kSeamChains = 2;
 
@@ -409,6 +449,7 @@ struct Vectors : Vectors512 {
   static constexpr int partsFor(int frames) { return frames > 6 ? 3 : 4; }
   static constexpr int kLineParts = 4;
   static constexpr int kLineChains = 2;
+  static constexpr bool kLineFetches = true;
 
   static HWY_INLINE Codes load(const uint8_t* group, int bits, int) {
     if (bits == 8) return _mm512_loadu_si512(group);
@@ -477,6 +518,7 @@ struct Vectors : NeonVectors {
   static constexpr int partsFor(int) { return 2; }
   static constexpr int kLineParts = kRegisters >= 32 ? 4 : 2;
   static constexpr int kLineChains = 1;
+  static constexpr bool kLineFetches = true;
 
   static HWY_INLINE Sums splat(int32_t value) { return {vdupq_n_s32(value), vdupq_n_s32(value)}; }
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) {
@@ -525,6 +567,7 @@ struct Vectors : NeonVectors {
   static constexpr int partsFor(int) { return 4; }
   static constexpr int kLineParts = 4;
   static constexpr int kLineChains = kRegisters >= 32 ? 4 : 2;
+  static constexpr bool kLineFetches = true;
 
   static HWY_INLINE Sums splat(int32_t value) { return vdupq_n_s32(value); }
   static HWY_INLINE Sums dot(Sums sums, Codes codes, Inputs x) { return vdotq_s32(sums, codes, x); }

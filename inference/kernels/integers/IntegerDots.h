@@ -21,6 +21,7 @@ struct ByteFrames {
   std::size_t stride;   // bytes from one frame to the next
   const int32_t* sums;  // for each frame, that of its integers
   std::size_t frames;
+  bool areNonNegative;  // all integers; where they are, some kernels are faster
 };
 
 // Panels and frames that go well together, because their sums fill the registers.

@@ -10,6 +10,7 @@
 //   kFrames                   the most frames of a tile
 //   partsFor(frames)          the parts that fill the registers with so many frames
 //   kLineParts, kLineChains   for one frame: parts at once, and chains of sums of each
+//   kLineFetches              for one frame: whether it fetches codes ahead where they stream
 //   splat(int)                sums that are all the same
 //   load(group, bits, part)   the codes of a part of a group of 8 or 4 bits
 //   inputs(group)             a group of inputs, the same for each output
@@ -206,9 +207,10 @@ template <int kBits, int F>
 void sumUpTo(const RowCodesView& codes, std::size_t first, std::size_t panels, const ByteFrames& x,
              const CodesAhead& ahead, int32_t* sums) {
   if constexpr (F == 1) {
-    const auto sum = ahead.stream
-                         ? sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains, true>
-                         : sumFrames<kBits, 1, Vectors::kLineParts, Vectors::kLineChains, false>;
+    constexpr int kTile = Vectors::kLineParts;
+    constexpr int kChains = Vectors::kLineChains;
+    const auto sum = ahead.stream ? sumFrames<kBits, 1, kTile, kChains, Vectors::kLineFetches>
+                                  : sumFrames<kBits, 1, kTile, kChains, false>;
     sum(codes, first, panels, x, ahead, sums);
   } else {
     if (x.frames < F) return sumUpTo<kBits, F - 1>(codes, first, panels, x, ahead, sums);

@@ -47,15 +47,18 @@ class Codes {
 // Inputs of some frames, of which the last ones are as large as they may be.
 class Inputs {
  public:
-  Inputs(std::size_t cols, std::size_t frames, std::mt19937& random)
+  // From `least`, -128 or 0, to 127.
+  Inputs(std::size_t cols, std::size_t frames, int least, std::mt19937& random)
       : width_(static_cast<std::size_t>(mlnn::rowCodeGroups(cols)) * mlnn::kRowCodeGroup),
         frames_(frames),
+        areNonNegative_(least == 0),
         values_(width_ * frames),
         sums_(frames) {
+    const auto count = static_cast<unsigned>(128 - least);
     for (std::size_t f = 0; f < frames; ++f) {
       for (std::size_t i = 0; i < cols; ++i) {
-        int value = static_cast<int>(random() % 256) - 128;
-        if (f > 0 && f + 1 == frames) value = random() % 2 == 0 ? -128 : 127;
+        int value = static_cast<int>(random() % count) + least;
+        if (f > 0 && f + 1 == frames) value = random() % 2 == 0 ? least : 127;
         values_[f * width_ + i] = static_cast<int8_t>(value);
         sums_[f] += value;
       }
@@ -72,7 +75,7 @@ class Inputs {
       kernels.arrange(bytes.data() + f * stride, width_);
     }
     std::vector<int32_t> sums(frames_ * panels * mlnn::kRowCodePanel);
-    const ByteFrames x{bytes.data(), stride, sums_.data(), frames_};
+    const ByteFrames x{bytes.data(), stride, sums_.data(), frames_, areNonNegative_};
     kernels.dots(codes, first, panels, x, {stream, first + panels, 0}, sums.data());
     return sums;
   }
@@ -80,13 +83,14 @@ class Inputs {
  private:
   std::size_t width_;
   std::size_t frames_;
+  bool areNonNegative_;
   std::vector<int8_t> values_;
   std::vector<int32_t> sums_;
 };
 
 void expectPlainSums(const Codes& codes, std::size_t first, std::size_t panels, std::size_t frames,
-                     std::mt19937& random) {
-  const Inputs inputs(codes.view().cols, frames, random);
+                     int least, std::mt19937& random) {
+  const Inputs inputs(codes.view().cols, frames, least, random);
   const DotKernels& plain = *mlnn::runnableDots().back();
   const std::vector<int32_t> expected = inputs.sums(plain, codes.view(), first, panels, false);
   for (const DotKernels* kernels : mlnn::runnableDots()) {
@@ -94,7 +98,8 @@ void expectPlainSums(const Codes& codes, std::size_t first, std::size_t panels, 
     for (const bool stream : {false, true}) {
       ASSERT_EQ(inputs.sums(*kernels, codes.view(), first, panels, stream), expected)
           << kernels->name << ", " << codes.view().bits << " bits, " << codes.view().cols
-          << " inputs, " << panels << " panels from " << first << " on, " << frames << " frames";
+          << " inputs, " << panels << " panels from " << first << " on, " << frames
+          << " frames, from " << least << " on";
     }
   }
 }
@@ -106,7 +111,8 @@ TEST(IntegerDots, areThoseOfThePlainLoopForLayersOfAllShapes) {
       for (const std::size_t panels : std::vector<std::size_t>{1, 2, 3, 5, 9}) {
         const Codes codes(16 * panels, cols, bits, random);
         for (const std::size_t frames : std::vector<std::size_t>{1, 2, 3, 4, 5, 6, 7, 8}) {
-          expectPlainSums(codes, 0, panels, frames, random);
+          expectPlainSums(codes, 0, panels, frames, -128, random);
+          expectPlainSums(codes, 0, panels, frames, 0, random);
         }
       }
     }
@@ -118,7 +124,7 @@ TEST(IntegerDots, takeSomePanelsOfALayer) {
   const Codes codes(16 * 12, 300, 8, random);
   for (const std::size_t first : std::vector<std::size_t>{1, 4, 7}) {
     for (const std::size_t panels : std::vector<std::size_t>{1, 4, 5})
-      expectPlainSums(codes, first, panels, 1, random);
+      expectPlainSums(codes, first, panels, 1, -128, random);
   }
 }
 
@@ -130,7 +136,7 @@ TEST(IntegerDots, areThoseOfThePlainLoopAtEveryAddress) {
   std::string bytes(kPanels * 18 * 64 + 64, '\0');
   for (char& byte : bytes) byte = static_cast<char>(1 + random() % 255);
   const GuardedBytes memory(bytes);
-  const Inputs inputs(kCols, 1, random);
+  const Inputs inputs(kCols, 1, -128, random);
   for (std::size_t past = 0; past < 64; ++past) {
     const auto* const at = reinterpret_cast<const uint8_t*>(memory.data()) + past;
     const RowCodesView codes{16 * kPanels, kCols, 8, nullptr, at};
