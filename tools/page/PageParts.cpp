@@ -75,7 +75,7 @@ std::string bytesText(std::size_t bytes) {
   constexpr const char* kUnits[] = {"kB", "MB", "GB"};
   double size = static_cast<double>(bytes) / 1000;
   std::size_t unit = 0;
-  while (size >= 1000 && unit + 1 < std::size(kUnits)) {
+  while (size >= 999.95 && unit + 1 < std::size(kUnits)) {  // what would be shown as 1000.0
     size /= 1000;
     ++unit;
   }

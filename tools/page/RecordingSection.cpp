@@ -68,7 +68,7 @@ void writeMatrix(Markup& page, const RecordingFindings& found, const std::vector
   {
     const auto head = page.open("thead");
     const auto row = page.open("tr");
-    page.element("th", {{"scope", "col"}}, "is \\ taken for");
+    page.element("th", {{"scope", "col"}}, "is / taken for");
     for (const Index decided : columns) {
       page.element("th", {{"scope", "col"}}, classText(found, decided));
     }

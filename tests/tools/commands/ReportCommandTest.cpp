@@ -129,6 +129,116 @@ TEST_F(ReportCommandTest, drawsTheNetworkAroundItsMiddle) {
   }
 }
 
+// The attribute of that name, and a blank behind it; nothing where there is none.
+std::string attribute(const XmlElement& element, const std::string& name) {
+  const auto found = element.attributes.find(name);
+  return found == element.attributes.end() ? "" : found->second + " ";
+}
+
+TEST_F(ReportCommandTest, drawsTheNetworkFromTopToBottom) {
+  const XmlElement page = pageOf(
+      "MultiLayerNNModel_v2\nsoftmax 1\n"
+      "# nn_tune feat_desc mel_deltas:bands=2,left=2,right=1,deltas=0,line_kernels=0,"
+      "line_kernel_width=0\n"
+      "num_layers 2\nlayer 1 size 1 9\nact_fn relu\n0 1 2 3 4 5 6 7 8\n"
+      "layer 2 size 2 2\nact_fn linear\n0 1\n1 0\n");
+  std::string drawn;
+  page.all("svg").front()->forEach([&drawn](const XmlElement& element) {
+    drawn += element.name + " ";
+    for (const char* name : {"height", "width", "x", "y", "points", "d"}) {
+      drawn += attribute(element, name);
+    }
+    drawn += (element.name == "text" ? element.text : "") + "\n";
+  });
+  EXPECT_EQ(drawn,
+            "svg 456.0 720.0 \n"
+            "rect 20.0 139.3 80.4 16.0 \n"
+            "text 320.0 22.0 frame of 2 values\n"
+            "text 320.0 39.0 2 mel bands\n"
+            "path M150.0,51.0 L150.0,65.0 M146.0,60.0 L150.0,65.0 L154.0,60.0 \n"
+            "rect 20.0 139.3 80.4 80.0 \n"
+            "text 320.0 86.0 normalisation\n"
+            "text 320.0 103.0 none: frames go in as they are\n"
+            "path M150.0,115.0 L150.0,129.0 M146.0,124.0 L150.0,129.0 L154.0,124.0 \n"
+            "rect 28.0 16.0 115.0 140.0 \n"
+            "rect 28.0 16.0 133.0 140.0 \n"
+            "rect 44.0 16.0 151.0 132.0 \n"
+            "rect 28.0 16.0 169.0 140.0 \n"
+            "text 320.0 150.0 context window\n"
+            "text 320.0 167.0 2 before, the frame itself, 1 after\n"
+            "path M150.0,179.0 L150.0,193.0 M146.0,188.0 L150.0,193.0 L154.0,188.0 \n"
+            "polygon 20.7,196.0 279.3,196.0 197.6,240.0 102.4,240.0 \n"
+            "text 320.0 214.0 layer 1: 8 to 1, relu\n"
+            "text 320.0 231.0 plain, 8 weights\n"
+            "path M150.0,243.0 L150.0,257.0 M146.0,252.0 L150.0,257.0 L154.0,252.0 \n"
+            "polygon 102.4,260.0 197.6,260.0 219.6,304.0 80.4,304.0 \n"
+            "text 320.0 278.0 layer 2: 1 to 2, linear\n"
+            "text 320.0 295.0 plain, 2 weights\n"
+            "path M150.0,307.0 L150.0,321.0 M146.0,316.0 L150.0,321.0 L154.0,316.0 \n"
+            "rect 20.0 139.3 80.4 336.0 \n"
+            "text 320.0 342.0 softmax\n"
+            "text 320.0 359.0 over the outputs, which become posteriors\n"
+            "path M150.0,371.0 L150.0,385.0 M146.0,380.0 L150.0,385.0 L154.0,380.0 \n"
+            "rect 20.0 139.3 80.4 400.0 \n"
+            "text 320.0 406.0 2 outputs\n"
+            "text 320.0 423.0 0, 1\n");
+}
+
+TEST_F(ReportCommandTest, alignsNumbersInTables) {
+  const ToolResult result = runFromRoot(
+      withDigits({"--labels", kDigits + "labels.csv", "--against", kDigits + "synth.txt"}));
+  ASSERT_EQ(result.status, 0) << result.err;
+  const XmlElement page = parseXml(result.out);
+  std::string columns;
+  for (const XmlElement* table : page.all("table")) {
+    if (table->all("thead").empty()) continue;
+    columns += table->all("caption").front()->text + ":";
+    for (const XmlElement* name : table->all("thead").front()->all("th")) {
+      columns += " " + attribute(*name, "class") + name->text + ",";
+    }
+    columns += "\n";
+  }
+  EXPECT_EQ(
+      columns,
+      "Rows: what recordings are. Columns: what they were taken for.:"
+      " is / taken for, 1, 2, 8,\n"
+      "Wrong ones first, then those of the smallest margin:"
+      " text Recording, number Frames, text Is, text Decided, text Judgement, number Mean "
+      "posterior, text Next, number Margin, number Settled at frame,\n"
+      "Those first whose decision settled last:"
+      " text Recording, number Frames, text Is, text Decided, text Judgement, number Mean "
+      "posterior, text Next, number Margin, number Settled at frame,\n"
+      "In the order in which they were given:"
+      " text Recording, number Frames, text Is, text Decided, text Judgement, number Mean "
+      "posterior, text Next, number Margin, number Settled at frame,\n"
+      "Side by side:"
+      " text What, text This model, text The other,\n"
+      "23 differences:"
+      " text What, text This model, text The other,\n"
+      "Parameters, value by value:"
+      " number Layer, text Array, number Values, number Differ, number Largest, number RMS, number "
+      "ULP, number Cosine,\n"
+      "Differences at each stage of the computation:"
+      " text Stage, number Values, number Largest, number RMS, number ULP, number Cosine,\n"
+      "Shapes:"
+      " number Layer, text Kind, number Inputs, number Outputs, text Activation, number "
+      "Parameters, text Weights in an image, number Bytes there,\n"
+      "Values of the arrays that each layer uses:"
+      " number Layer, text Array, number Values, number Smallest, number Largest, number Mean, "
+      "number Deviation, number Norm, number Zeros, number Not finite,\n"
+      "Lengths of the rows of weights, one row for each unit:"
+      " number Layer, number Units, number Shortest, number Median, number Longest, number Rows "
+      "without weights,\n"
+      "Units over 260 frames:"
+      " number Layer, number Units, number Smallest, number Largest, text Dead, text Saturated,\n"
+      "Relative error of weights that are rounded by rows:"
+      " number Layer, number 8 bits, number 6 bits, number 4 bits,\n"
+      "Decisions with weights that are rounded by rows:"
+      " number Bits, text Arithmetic, number Same class, number Right,\n"
+      "The lines of its history, oldest first:"
+      " number Line, text Note,\n");
+}
+
 TEST_F(ReportCommandTest, drawsWhatNormalisationDoes) {
   const auto words = [this](const std::string& lines) {
     const XmlElement page = pageOf(modelWith(lines));
@@ -213,7 +323,7 @@ TEST_F(ReportCommandTest, showsWhatBecomesOfRecordings) {
   ASSERT_NE(matrix, tables.end());
   const auto rows = (*matrix)->all("tr");
   ASSERT_EQ(rows.size(), 4u);
-  EXPECT_EQ(rows[0]->text, "is \\\\ taken for\n1\n2\n8\n");
+  EXPECT_EQ(rows[0]->text, "is / taken for\n1\n2\n8\n");
   EXPECT_EQ(rows[1]->text, "1\n3\n\u00B7\n\u00B7\n");
   EXPECT_EQ(rows[3]->text, "8\n\u00B7\n1\n2\n");
 }

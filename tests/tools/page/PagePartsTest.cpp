@@ -17,6 +17,10 @@ TEST(PageParts, groupDigits) {
 TEST(PageParts, sayBytesInUnits) {
   EXPECT_EQ(mlnn::bytesText(9999), "9\u202F999 bytes");
   EXPECT_EQ(mlnn::bytesText(10000), "10.0 kB (10\u202F000 bytes)");
+  EXPECT_EQ(mlnn::bytesText(999949), "999.9 kB (999\u202F949 bytes)");
+  EXPECT_EQ(mlnn::bytesText(999950), "1.0 MB (999\u202F950 bytes)");
+  EXPECT_EQ(mlnn::bytesText(1000000), "1.0 MB (1\u202F000\u202F000 bytes)");
+  EXPECT_EQ(mlnn::bytesText(999960000), "1.0 GB (999\u202F960\u202F000 bytes)");
   EXPECT_EQ(mlnn::bytesText(131200000), "131.2 MB (131\u202F200\u202F000 bytes)");
 }
 
