@@ -2,8 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <set>
 #include <string>
+#include <vector>
 
+#include "tests/support/SourceTree.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/commands/Commands.h"
 #include "tools/shell/CommandLineParts.h"
@@ -11,6 +15,7 @@
 namespace {
 
 using mlnn::test::contentOf;
+using mlnn::test::sourcePath;
 
 std::string page(const std::string& name) { return std::string(MLNN_HELP_PAGES_DIR) + "/" + name; }
 
@@ -45,6 +50,41 @@ TEST(HelpPagesTest, everyCommandHasExamplesAndExitStatus) {
         << command->get_name();
     EXPECT_NE(footer.find("EXIT STATUS\n  0"), std::string::npos) << command->get_name();
   }
+}
+
+// Their names, in order.
+std::string listed(const std::string& heading, const std::set<CLI::Option*>& options) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : options) names.push_back(option->get_name());
+  std::sort(names.begin(), names.end());
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? heading : " ") + name;
+  return text;
+}
+
+// An option or argument as a line: its names, the type and the values that it takes, and the rest
+// of what was declared of it.
+std::string declared(const CLI::Option& option) {
+  std::string line = "  " + option.get_name(true, true);
+  if (mlnn::takesValue(option)) line += " " + option.get_type_name();
+  if (option.get_items_expected_max() > 1) line += "...";
+  if (!option.get_default_str().empty()) line += " [" + option.get_default_str() + "]";
+  if (option.get_required()) line += ", required";
+  if (!option.get_envname().empty()) line += ", from " + option.get_envname();
+  return line + listed(", needs ", option.get_needs()) +
+         listed(", excludes ", option.get_excludes()) + "\n";
+}
+
+TEST(HelpPagesTest, commandsDeclareTheseOptions) {
+  mlnn::Tool tool;
+  mlnn::addCommands(tool);
+  std::string all;
+  for (const CLI::App* command : mlnn::commandsOf(tool.app())) {
+    all += command->get_name() + "\n";
+    for (const CLI::Option* option : mlnn::argumentsOf(*command)) all += declared(*option);
+    for (const CLI::Option* option : mlnn::namedOptionsOf(*command)) all += declared(*option);
+  }
+  EXPECT_EQ(all, contentOf(sourcePath("tests/tools/shell/options.txt")));
 }
 
 }  // namespace
