@@ -16,9 +16,9 @@ using mlnn::test::stderrOf;
 // Counts the frames that it is given.
 class CountingPass : public FwdPass {
  public:
-  explicit CountingPass(int outputs = 1) : outputs_(outputs) {}
+  explicit CountingPass(int outputs = 1, int inputs = 3) : outputs_(outputs), inputs_(inputs) {}
 
-  int numInputs() const override { return 3; }
+  int numInputs() const override { return inputs_; }
   int numOutputs() const override { return outputs_; }
   int evaluate(const Eigen::Ref<const Eigen::MatrixXf>& inputs, Eigen::MatrixXf& outputs) override {
     outputs.setZero(outputs_, inputs.cols());
@@ -34,6 +34,7 @@ class CountingPass : public FwdPass {
 
  private:
   int outputs_;
+  int inputs_;
 };
 
 class RefusingPass : public CountingPass {
@@ -76,11 +77,13 @@ TEST(FrameTimer, needsOutputs) {
   MultiLayerNNModel model = mlnn::test::modelOf({NNLayer(4, 0, false)});
   EXPECT_FALSE(timeFrames(model, 0.01, whyNot));
   EXPECT_EQ(whyNot, "the model has no outputs");
-  CountingPass pass(0);
-  whyNot.clear();
-  EXPECT_FALSE(timeFrames(pass, 0.01, whyNot));
-  EXPECT_EQ(whyNot, "the model has no outputs");
-  EXPECT_EQ(pass.frames, 0u);
+  for (const int inputs : {1, 3}) {
+    CountingPass pass(0, inputs);
+    whyNot.clear();
+    EXPECT_FALSE(timeFrames(pass, 0.01, whyNot));
+    EXPECT_EQ(whyNot, "the model has no outputs");
+    EXPECT_EQ(pass.frames, 0u);
+  }
 }
 
 TEST(FrameTimer, tellsWhatCannotBeRun) {

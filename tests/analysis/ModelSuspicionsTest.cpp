@@ -337,4 +337,19 @@ TEST(ModelSuspicions, nameASoftmaxThatDoesNotFit) {
       "image does not record the softmax; it is taken as on)\n");
 }
 
+// How often a watch is told while one layer is looked at, whose second unit has no weights.
+std::size_t timesTold(int inputs) {
+  MultiLayerNNModel model = modelOf({plainLayer(inputs, 3, 1)});
+  model.layers[0]->weights.row(1).setZero();
+  std::size_t times = 0;
+  mlnn::suspicionsOf(model, [&times](std::size_t) { ++times; });
+  return times;
+}
+
+TEST(ModelSuspicions, tellAWatchOnceInSomeColumns) {
+  const std::size_t once = timesTold(64);
+  EXPECT_EQ(timesTold(65), once + 2);  // one for values, one for units
+  EXPECT_EQ(timesTold(640), once + 18);
+}
+
 }  // namespace

@@ -54,6 +54,17 @@ TEST(PrecisionSweep, countsRecordingsThatAreDecidedRightly) {
   EXPECT_EQ(sweep.measure(31).rightRecordings, 1u);
 }
 
+TEST(PrecisionSweep, tellsItsWatchOfFrames) {
+  MultiLayerNNModel model = modelOf({plainLayer(130, 3)});
+  PrecisionSweep sweep(model);
+  std::size_t steps = 0;
+  const mlnn::Watch watch = [&steps](std::size_t further) { steps += further; };
+  ASSERT_TRUE(sweep.addRecording(someValues(130, 9, 7), inputsOf(model), std::nullopt, watch));
+  EXPECT_EQ(steps, 9u);
+  mlnn::test::stderrOf([&] { sweep.measure(8, watch); });
+  EXPECT_EQ(steps, 18u);
+}
+
 TEST(PrecisionSweep, takesNothingInWhereTheModelCannotBeRun) {
   MultiLayerNNModel model = modelOf({plainLayer(5, 4), plainLayer(3, 3)});
   PrecisionSweep sweep(model);

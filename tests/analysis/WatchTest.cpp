@@ -4,15 +4,19 @@
 #include <functional>
 #include <sstream>
 
+#include "analysis/CellMap.h"
+#include "analysis/Difference.h"
 #include "analysis/FrameTimer.h"
 #include "analysis/Histogram.h"
 #include "analysis/ModelAverage.h"
 #include "analysis/ModelBudget.h"
+#include "analysis/ModelCopy.h"
 #include "analysis/ModelDigest.h"
 #include "analysis/ModelSummary.h"
 #include "analysis/ModelSuspicions.h"
 #include "analysis/NumberDiff.h"
 #include "analysis/QuantizationDiff.h"
+#include "analysis/ValueStatistics.h"
 #include "analysis/WeightForms.h"
 #include "analysis/diagnosis/Diagnosis.h"
 #include "features/Watch.h"
@@ -139,6 +143,45 @@ TEST(Watch, isToldOfTheWholeWork) {
   mlnn::diagnose(text, watch);
   EXPECT_GT(steps, text.size() - (std::size_t{1} << 19));
   EXPECT_LE(steps, text.size());
+}
+
+// The steps that work tells its watch of; nothing where it calls it with none.
+std::string stepsOf(const std::function<void(const Watch&)>& work) {
+  bool isCalled = false;
+  std::size_t steps = 0;
+  work([&](std::size_t further) {
+    isCalled = true;
+    steps += further;
+  });
+  return isCalled ? std::to_string(steps) : "never called";
+}
+
+TEST(Watch, isToldOfLayers) {
+  const MultiLayerNNModel model = largeModel();
+  MultiLayerNNModel codes = model;
+  ASSERT_EQ(mlnn::quantizeRows(codes, {}), 0);
+  mlnn::ModelFile file;
+  file.model = model;
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::summaryOf(codes, watch); }), "2");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::weightForms(codes, watch); }), "2");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::compareNumbers(model, codes, watch); }), "2");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::findQuantization(model, codes, watch); }), "2");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::digestOf(file, watch); }), "2");
+}
+
+TEST(Watch, isCalledWithoutStepsWhereNothingIsCounted) {
+  const MultiLayerNNModel model = largeModel();
+  const Eigen::MatrixXf& weights = model.layers[0]->weights;
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::Difference().add(weights, weights, watch); }),
+            "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::cellMapOf(weights, 9, 9, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::statisticsOf(weights, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::rowNormsOf(weights, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::copyOf(model, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::ModelAverage().add(model, 1, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::budgetOf(model, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::codedSizeOf(model, 8, watch); }), "0");
+  EXPECT_EQ(stepsOf([&](const Watch& watch) { mlnn::integerSizeOf(model, watch); }), "0");
 }
 
 }  // namespace

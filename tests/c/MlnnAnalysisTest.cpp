@@ -451,6 +451,33 @@ TEST(CAnalysis, makesTheFilesThatCxxMakes) {
   EXPECT_EQ(alone, found);
 }
 
+TEST(CAnalysis, writesOneToSeventeenDigits) {
+  std::string given = kText;
+  const OpenedFile opened(given);
+  mlnn::ModelFile file;
+  mlnn::readModel(given.data(), given.size(), file);
+  for (const int precision : {1, 17}) {
+    std::ostringstream text;
+    mlnn::writeText(file.model, precision, text);
+    Lines found;
+    EXPECT_EQ(
+        mlnn_model_fit(opened, MLNN_FORMAT_TEXT, precision, addFinding, addFile, nullptr, &found),
+        MLNN_OK);
+    ASSERT_FALSE(found.empty());
+    EXPECT_EQ(found.back(), text.str());
+  }
+  for (const int precision : {0, 18}) {
+    Lines found;
+    EXPECT_EQ(stderrOf([&] {
+                EXPECT_EQ(mlnn_model_fit(opened, MLNN_FORMAT_TEXT, precision, addFinding, addFile,
+                                         nullptr, &found),
+                          MLNN_ERROR_ARGUMENT);
+              }),
+              "ERROR: mlnn_model_fit: precision must be 1 to 17\n");
+    EXPECT_TRUE(found.empty());
+  }
+}
+
 TEST(CAnalysis, refusesToWriteWhatCannotBeReadAgain) {
   MultiLayerNNModel model = someModel();
   model.layers[1]->weights(0, 0) = NAN;

@@ -623,6 +623,16 @@ TEST(NNFwdPassMemory, isToldBefore) {
   }
 }
 
+TEST(NNFwdPassMemory, isTwoBlocksWhereTheWeightsAreFloats) {
+  MultiLayerNNModel model = network({4, 3, 2}, ActFn::tanh, true);
+  NNFwdPassFromFile pass(model);
+  const MatrixXf inputs = someValues(4, 5, 1);
+  MatrixXf outputs(2, 5);
+  const mlnn::test::AllocationWatch watch;
+  ASSERT_EQ(pass.evaluate(inputs, outputs), 0);
+  EXPECT_EQ(watch.allocations(), 2u);  // between layers, and for the kernels
+}
+
 TEST(NNFwdPassMemory, thereIsNoSecondCopyOfTheWeights) {
   MultiLayerNNModel model = network({400, 300, 400}, ActFn::tanh, true);
   const std::size_t weights = 300 * 400 * sizeof(float);

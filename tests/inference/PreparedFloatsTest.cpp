@@ -49,4 +49,10 @@ TEST(PreparedFloats, areStoppedByTheirWatch) {
   EXPECT_THROW(preparedBytesOf(model, [](std::size_t) { throw Stopped(); }), Stopped);
 }
 
+TEST(PreparedFloats, areNoStepsForTheirWatch) {
+  std::size_t steps = 0;
+  preparedBytesOf(modelOf({plainLayer(60, 9)}), [&steps](std::size_t done) { steps += done; });
+  EXPECT_EQ(steps, 0u);
+}
+
 }  // namespace

@@ -26,6 +26,15 @@ TEST(FileStream, hasTheBytesOfTheFile) {
   EXPECT_EQ(file.stream().getloc(), std::locale::classic());
 }
 
+TEST(FileStream, readsPiecesOfManyCharacters) {
+  const TempFolder folder;
+  FileStream file;
+  ASSERT_TRUE(file.open(folder.write("file", std::string(100000, 'x')).c_str()));
+  EXPECT_EQ(file.stream().get(), 'x');
+  EXPECT_GE(file.stream().rdbuf()->in_avail(), 60000);
+  EXPECT_LT(file.stream().rdbuf()->in_avail(), 99999);
+}
+
 TEST(FileStream, saysThatItCouldNotBeOpened) {
   const TempFolder folder;
   const std::string missing = folder.path("missing");

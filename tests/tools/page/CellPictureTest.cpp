@@ -67,11 +67,13 @@ TEST(CellPicture, hasItsColoursFromTheLimit) {
 
 TEST(CellPicture, cutsLongNamesBetweenCharacters) {
   CellPicture picture = described();
-  picture.rowNames = {"short", std::string(22, 'x') + "\u00E9\u00E9\u00E9", "a", "b"};
+  picture.rowNames = {"short", std::string(22, 'x') + "\u00E9\u00E9\u00E9", "a",
+                      std::string(30, '\x80')};
   picture.markedRow = 2;
   const std::string markup = pictureOf(someCells(), picture);
   EXPECT_NE(markup.find(">" + std::string(22, 'x') + "~<"), std::string::npos) << markup;
   EXPECT_NE(markup.find("class=\"marked\">a<"), std::string::npos);
+  EXPECT_NE(markup.find(">~<"), std::string::npos) << markup;  // there is no character at all
 }
 
 TEST(CellPicture, hasALegendOfItsShades) {
