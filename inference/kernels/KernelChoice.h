@@ -44,10 +44,13 @@ constexpr std::size_t kSweepFrames = 1;
 constexpr std::size_t kSweepFrames = 8;
 #endif
 constexpr int kMostTileFrames = 6;
-constexpr int kWideTileFrames = 8;
+constexpr int kMostWideTileFrames = 8;
+constexpr int wideTileFrames(bool hasManyRegisters) {
+  return hasManyRegisters ? kMostWideTileFrames : 4;
+}
 
-// Which layers of floats meet up to kWideTileFrames frames in one wide tile, where they are too
-// many for another.
+// Which layers of floats meet frames in wide tiles, where these just fit one (or two, where
+// registers are few) and do not fit another.
 enum class WideTiles { kNone, kStreaming, kAll };
 
 // How the loops over floats go through a layer.
@@ -137,8 +140,15 @@ constexpr VectorLoops vectorLoopsFor(const LayerView& layer, const KernelShape& 
   return streams(layer, shape) ? VectorLoops::kSweep : VectorLoops::kPanels;
 }
 
-constexpr bool takesWideTile(const LayerView& layer, std::size_t frames, const KernelShape& shape) {
-  if (frames <= shape.tileFrames || frames > kWideTileFrames) return false;
+// Where registers are few, three vectors of rows by four frames need fewer loads for each product
+// than two by as many; five and six frames fit a tile of six.
+constexpr bool takesWideTile(const LayerView& layer, std::size_t frames, const KernelShape& shape,
+                             bool hasManyRegisters) {
+  if (!hasManyRegisters) {
+    return shape.wideTiles != WideTiles::kNone && layer.coded == nullptr &&
+           (frames <= 4 || frames == 7 || frames == 8);
+  }
+  if (frames <= shape.tileFrames || frames > kMostWideTileFrames) return false;
   if (shape.wideTiles == WideTiles::kAll) return true;
   return shape.wideTiles == WideTiles::kStreaming && streams(layer, shape);
 }
@@ -161,7 +171,8 @@ constexpr FramesLoops framesLoopsFor(const LayerView& layer, std::size_t frames,
   if (frames > 1 && frames <= kSweepFrames && sweepsFewFrames(layer, shape, hasManyRegisters)) {
     return FramesLoops::kSweep;
   }
-  return takesWideTile(layer, frames, shape) ? FramesLoops::kWideTiles : FramesLoops::kTiles;
+  return takesWideTile(layer, frames, shape, hasManyRegisters) ? FramesLoops::kWideTiles
+                                                               : FramesLoops::kTiles;
 }
 
 // How many of so many frames are swept together: as many as there are, up to kSweepFrames. Built
@@ -184,6 +195,13 @@ constexpr bool isPacked(const LayerView& layer, std::size_t frames, bool loadsBa
   constexpr std::size_t kFarApart = 128;
   return hasManyRegisters ? frames >= kManyFrames && layer.rows >= kFloatsInPage
                           : frames >= kManyForFewRegisters && layer.rows >= kFarApart;
+}
+
+// Whether a panel's tiles fetch the weights of the next one. Where registers are few and panels are
+// copied, the copying reads them soon enough.
+constexpr bool fetchesNextPanel(const LayerView& layer, std::size_t frames,
+                                const KernelShape& shape, bool hasManyRegisters) {
+  return streams(layer, shape) && (hasManyRegisters || frames < kManyForFewRegisters);
 }
 
 // The rows of which all inputs are worked off before the next rows: where registers are few, so

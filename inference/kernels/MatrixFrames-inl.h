@@ -24,7 +24,7 @@ namespace HWY_NAMESPACE {
 
 // The sums of a tile stay in registers: kTileVectors vectors of rows times kMostTileFrames frames.
 constexpr int kTileVectors = kManyRegisters ? 4 : 2;
-constexpr int kWideTileVectors = kManyRegisters ? 3 : 1;  // for frames that just fit one tile
+constexpr int kWideTileVectors = 3;  // times wideTileFrames(kManyRegisters) frames
 constexpr std::size_t kTileRows = kTileVectors * kLanes;
 
 // What a tile reads and writes.
@@ -94,15 +94,22 @@ void tileChain(const Tile& tile, std::size_t length, bool isFirst) {
 
 using TileChain = void (*)(const Tile&, std::size_t length, bool isFirst);
 
+// The instance for R vectors and F frames; null where no tile has as many.
+template <int R, int F, bool kFetches, bool kPartial>
+constexpr TileChain tileChainIfAny() {
+  constexpr int kWide = R <= kWideTileVectors ? wideTileFrames(kManyRegisters) : 0;
+  constexpr int kOther = R <= kTileVectors ? kMostTileFrames : 0;
+  if constexpr (F <= kWide || F <= kOther) return tileChain<R, F, kFetches, kPartial>;
+  return nullptr;
+}
+
 template <int R, bool kFetches, bool kPartial>
 HWY_INLINE TileChain tileChainOf(std::size_t frames) {
-  // NOLINTNEXTLINE(bugprone-branch-clone): the same for one vector alone
-  constexpr int kWide = R <= kWideTileVectors ? R : 1;
-  static constexpr TileChain kChains[kWideTileFrames] = {
-      tileChain<R, 1, kFetches, kPartial>,     tileChain<R, 2, kFetches, kPartial>,
-      tileChain<R, 3, kFetches, kPartial>,     tileChain<R, 4, kFetches, kPartial>,
-      tileChain<R, 5, kFetches, kPartial>,     tileChain<R, 6, kFetches, kPartial>,
-      tileChain<kWide, 7, kFetches, kPartial>, tileChain<kWide, 8, kFetches, kPartial>};
+  static constexpr TileChain kChains[kMostWideTileFrames] = {
+      tileChainIfAny<R, 1, kFetches, kPartial>(), tileChainIfAny<R, 2, kFetches, kPartial>(),
+      tileChainIfAny<R, 3, kFetches, kPartial>(), tileChainIfAny<R, 4, kFetches, kPartial>(),
+      tileChainIfAny<R, 5, kFetches, kPartial>(), tileChainIfAny<R, 6, kFetches, kPartial>(),
+      tileChainIfAny<R, 7, kFetches, kPartial>(), tileChainIfAny<R, 8, kFetches, kPartial>()};
   return kChains[frames - 1];
 }
 
@@ -111,13 +118,14 @@ template <bool kFetches, bool kPartial>
 HWY_INLINE TileChain tileChainFor(std::size_t vectors, std::size_t frames) {
   if constexpr (kTileVectors == 4) {
     if (vectors == 4) return tileChainOf<4, kFetches, kPartial>(frames);
-    if (vectors == 3) return tileChainOf<3, kFetches, kPartial>(frames);
   }
+  if (vectors == 3) return tileChainOf<3, kFetches, kPartial>(frames);
   return vectors == 2 ? tileChainOf<2, kFetches, kPartial>(frames)
                       : tileChainOf<1, kFetches, kPartial>(frames);
 }
 
-static_assert(kTileRows * kMostInputsAtOnce <= kPanelFloats, "a packed panel fits the scratch");
+static_assert(std::max(kTileVectors, kWideTileVectors) * kLanes * kMostInputsAtOnce <= kPanelFloats,
+              "a packed panel fits the scratch");
 static_assert(kCodedPanelRows % kTileRows == 0, "a tile lies in one panel of codes");
 
 // A row panel of at most kTileRows rows, and some inputs.
@@ -250,8 +258,10 @@ HWY_INLINE void runBlock(const LayerView& layer, const FrameValues& values, cons
                          bool isWide, float* scratch) {
   const KernelShape& shape = kernelShape();
   const std::size_t stride = layer.allRows();
+  const bool fetches = fetchesNextPanel(layer, values.frames, shape, kManyRegisters);
   const std::size_t tileRows = isWide ? kWideTileVectors * kLanes : kTileRows;
-  const std::size_t tileFrames = isWide ? kWideTileFrames : shape.tileFrames;
+  const std::size_t tileFrames =
+      isWide ? std::size_t{wideTileFrames(kManyRegisters)} : shape.tileFrames;
   for (std::size_t input = 0; input < layer.cols; input += shape.inputsAtOnce) {
     const std::size_t inputs = std::min(shape.inputsAtOnce, layer.cols - input);
     for (std::size_t row = block.first; row < block.end; row += tileRows) {
@@ -264,7 +274,7 @@ HWY_INLINE void runBlock(const LayerView& layer, const FrameValues& values, cons
                 values.y + row,
                 values.yStride,
                 FirstLanes(kLanes - (panel.fullRows() - count)),
-                streams(layer, shape) ? weightsAfter(layer, block, panel) : nullptr,
+                fetches ? weightsAfter(layer, block, panel) : nullptr,
                 stride,
                 0};
       const bool loadsBadly = panel.isPartial() && !kLoadsParts;

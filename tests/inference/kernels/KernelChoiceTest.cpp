@@ -79,6 +79,37 @@ TEST(KernelChoice, sweepsFewFramesFromTheMemoryOrWhereRegistersAreFew) {
   EXPECT_EQ(framesLoopsFor(farthest, mlnn::kSweepFrames + 1, shape, true), FramesLoops::kTiles);
 }
 
+TEST(KernelChoice, takesWideTilesForFramesThatFitOneOrWhereRegistersAreFewTwo) {
+  using mlnn::FramesLoops;
+  using mlnn::framesLoopsFor;
+  const auto near = layerOf(256, 256);
+  const auto far = layerOf(512, 1024);
+  const auto loops = [](const mlnn::LayerView& layer, std::size_t shape, bool hasManyRegisters) {
+    std::string wide;
+    for (std::size_t frames = 2; frames <= 10; ++frames) {
+      const FramesLoops found =
+          framesLoopsFor(layer, frames, kKernelShapes[shape], hasManyRegisters);
+      wide += found == FramesLoops::kWideTiles ? 'w' : found == FramesLoops::kTiles ? 't' : 's';
+    }
+    return wide;
+  };
+  EXPECT_EQ(loops(near, 0, false), "wwwttwwtt");  // of 2 to 10 frames
+  EXPECT_EQ(loops(far, 0, false), "ssssssstt");
+  EXPECT_EQ(loops(near, 3, false), "ttttttttt");
+  EXPECT_EQ(loops(near, 0, true), "ttttttttt");
+  EXPECT_EQ(loops(far, 0, true), "tttttwwtt");
+  EXPECT_EQ(loops(far, 1, true), "ttttwwwtt");
+  EXPECT_EQ(loops(near, 2, true), "tttttwwtt");
+}
+
+TEST(KernelChoice, fetchesTheNextPanelWhereItIsNotCopied) {
+  const KernelShape& shape = kKernelShapes[0];
+  EXPECT_FALSE(mlnn::fetchesNextPanel(layerOf(256, 1023), 32, shape, true));
+  EXPECT_TRUE(mlnn::fetchesNextPanel(layerOf(256, 1024), 256, shape, true));
+  EXPECT_TRUE(mlnn::fetchesNextPanel(layerOf(256, 1024), 48, shape, false));
+  EXPECT_FALSE(mlnn::fetchesNextPanel(layerOf(256, 1024), 49, shape, false));
+}
+
 TEST(KernelChoice, copiesPanelsThatManyFramesMeet) {
   using mlnn::isPacked;
   EXPECT_FALSE(isPacked(layerOf(128, 64), 48, false, false));
