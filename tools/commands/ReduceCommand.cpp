@@ -182,7 +182,6 @@ void addReduceCommand(Tool& tool) {
       .type("CSV");
   command.add("--keep", options->keep, "Share of best classes that a width has to keep")
       .needs(sweep)
-      .inRange(0.0, 1.0)
       .check(numberRange(0, 1))
       .type("SHARE")
       .showDefault();

@@ -52,7 +52,6 @@ template Option& Option::inRange(int, int);
 template Option& Option::inRange(unsigned int, unsigned int);
 template Option& Option::inRange(unsigned long, unsigned long);
 template Option& Option::inRange(unsigned long long, unsigned long long);  // sizes on Windows
-template Option& Option::inRange(double, double);
 
 Option& Option::aboveZero() {
   option_->check(CLI::PositiveNumber);

@@ -34,7 +34,7 @@ class Option {
   Option& oneValueEach();       // of a list: the option is repeated for each
   Option& separatedBy(char separator);
   Option& check(const ValueCheck& check);
-  template <typename T>  // int, unsigned int, unsigned long or double, as the value is
+  template <typename T>  // int, unsigned int or unsigned long, as the value is
   Option& inRange(T smallest, T largest);
   Option& aboveZero();
   Option& oneOf(const std::vector<std::string>& words);

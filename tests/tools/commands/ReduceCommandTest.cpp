@@ -109,6 +109,16 @@ TEST_F(ReduceCommandTest, sweepWithLabelsShowsTheAccuracy) {
             "accuracy falls at 0 bits, to 1 of 2\n");
 }
 
+TEST_F(ReduceCommandTest, takesNoOtherShareThanZeroToOne) {
+  for (const std::string keep : {"nan", "-0.1", "1.1", "x"}) {
+    const ToolResult result = sweep({"--keep", keep});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "ERROR: --keep: expected a number from 0 to 1, found '" + keep +
+                              "'\nRun with --help for more information.\n");
+  }
+}
+
 TEST_F(ReduceCommandTest, sweepSaysWhereTheAccuracyHolds) {
   const ToolResult result =
       run({"in.txt", "--sweep", "1..2", "--frames", "x.txt", "y.txt", "--labels", "labels.csv"});
