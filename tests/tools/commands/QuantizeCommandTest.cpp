@@ -92,6 +92,10 @@ TEST_F(QuantizeCommandTest, refusesOutWhereTooLittleIsKept) {
   EXPECT_NE(result.out.find("\n2 bits do not keep 95 % of the decisions\n"), std::string::npos)
       << result.out;
   EXPECT_EQ(contentOf(folder_.path("out.txt")), "as it was");
+  EXPECT_EQ(run({"in.txt", "out.txt", "--bits", "2", "--prove", "x.txt", "y.txt", "--labels",
+                 "labels.csv", "--keep", "0.987654321"})
+                .err,
+            "ERROR: nothing written: 2 bits keep less than --keep asks for, which is 98.7654 %\n");
 }
 
 TEST_F(QuantizeCommandTest, writesWhereEnoughIsKept) {

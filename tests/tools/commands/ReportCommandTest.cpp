@@ -184,11 +184,16 @@ TEST_F(ReportCommandTest, drawsTheNetworkFromTopToBottom) {
             "text 320.0 423.0 0, 1\n");
 }
 
-TEST_F(ReportCommandTest, alignsNumbersInTables) {
+TEST_F(ReportCommandTest, namesItsPartsAndAlignsNumbersInTables) {
   const ToolResult result = runFromRoot(
       withDigits({"--labels", kDigits + "labels.csv", "--against", kDigits + "synth.txt"}));
   ASSERT_EQ(result.status, 0) << result.err;
   const XmlElement page = parseXml(result.out);
+  EXPECT_EQ(
+      headings(page, "h3"),
+      (std::vector<std::string>{"Confusion", "The least sure", "The slowest", "All recordings",
+                                "Posteriors over time", "What the models say", "Their numbers",
+                                "Their behaviour", "Layer 1", "Layer 2", "Layer 3"}));
   std::string columns;
   for (const XmlElement* table : page.all("table")) {
     if (table->all("thead").empty()) continue;
