@@ -79,7 +79,7 @@ const char* characterAt(std::size_t eighths, std::size_t line, CharacterSet set)
 }
 
 std::string rightAligned(const std::string& text, std::size_t width) {
-  return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
+  return std::string(width - std::min(width, shownWidth(text)), ' ') + text;
 }
 
 std::string numberText(double value) { return generalNumber(value, kDigits); }

@@ -78,18 +78,88 @@ TEST(TerminalChart, hasTheSameCharactersInColours) {
   EXPECT_EQ(text, sketchOf(chart));
 }
 
-TEST(TerminalChart, showsCountsAsATable) {
-  Chart chart;
+Chart mapOf(std::vector<double> values) {
+  Chart chart = curve(std::move(values));
   chart.kind = Chart::Kind::kMap;
-  chart.title = "confusion";
-  chart.rowNames = {"left", "right"};
-  chart.columnNames = {"left", "right"};
-  chart.columns = 2;
-  chart.values = {3, 1, 0, 12};
-  const std::string sketch = sketchOf(chart);
-  for (const char* part : {"confusion", "left", "right", "3", "12"}) {
-    EXPECT_NE(sketch.find(part), std::string::npos) << sketch;
+  chart.rowNames = {"no", "nearly \u00E9\u00E9", "yes"};
+  chart.columns = chart.values.size() / 3;
+  chart.xHigh = static_cast<double>(chart.columns);
+  return chart;
+}
+
+// With inks as letters.
+std::string inkedSketchOf(const Chart& chart) {
+  std::ostringstream out;
+  mlnn::printChart(out, chart, {40, CharacterSet::kAscii, true});
+  std::string text = out.str();
+  for (std::size_t at; (at = text.find('\x1b')) != std::string::npos;) {
+    const std::size_t end = text.find('m', at);
+    text.replace(at, end + 1 - at, "{" + text.substr(at + 2, end - at - 2) + "}");
   }
+  return text;
+}
+
+TEST(TerminalChart, drawsARowForEachName) {
+  const Chart chart = mapOf({0.1, 0.2, 1, 0.4, 0.8, 0.25, 0.5, 0.0, std::nan("")});
+  EXPECT_EQ(sketchOf(chart),
+            "loss: figures\n"
+            "        no | .@\n"
+            " nearly é~ |+#.\n"
+            "       yes |+\n"
+            "            1 epoch 3\n");
+  EXPECT_EQ(sketchOf(chart, 40, CharacterSet::kUnicode),
+            "loss: figures\n"
+            "        no | ░█\n"
+            " nearly é~ |▒▓░\n"
+            "       yes |▒\n"
+            "            1 epoch 3\n");
+}
+
+TEST(TerminalChart, drawsTheMeanOfFramesThatShareAColumn) {
+  std::vector<double> values(3 * 30, 0.25);
+  values[0] = 1;
+  values[30 + 29] = 2;
+  EXPECT_EQ(sketchOf(mapOf(values), 27),
+            "loss: figures\n"
+            "        no |#..............\n"
+            " nearly é~ |..............@\n"
+            "       yes |...............\n"
+            "            1   epoch    30\n");
+}
+
+TEST(TerminalChart, inksTheHighestRowsByWhetherTheyAreRight) {
+  Chart chart = mapOf({0.5, 0.25, 0.5, 0.75, 0, 0});
+  EXPECT_EQ(inkedSketchOf(chart),
+            "loss: figures\n"
+            "        no |+.\n"
+            " nearly é~ |+#\n"
+            "       yes |\n"
+            "            1 epoch 2\n");
+  chart.rightRows = {0, 0};
+  EXPECT_EQ(inkedSketchOf(chart),
+            "loss: figures\n"
+            "        no |{32}+{0}.\n"
+            " nearly é~ |+{33}#{0}\n"
+            "       yes |\n"
+            "            1 epoch 2\n");
+}
+
+TEST(TerminalChart, showsCountsAsATable) {
+  Chart chart = mapOf({3, 1, 0, 0, 12, 7});
+  chart.columnNames = {"left", "right"};
+  chart.rightRows = {0, 1};
+  EXPECT_EQ(sketchOf(chart),
+            "loss: figures\n"
+            "           left  right\n"
+            "       no     3      1\n"
+            "nearly é~     0      0\n"
+            "      yes    12      7\n");
+  EXPECT_EQ(inkedSketchOf(chart),
+            "loss: figures\n"
+            "           left  right\n"
+            "       no     {32}3{0}      {33}1{0}\n"
+            "nearly é~     0      0\n"
+            "      yes    {33}12{0}      {33}7{0}\n");
 }
 
 }  // namespace
