@@ -163,7 +163,7 @@ std::vector<LayerResult> emptyTrace(const LayerSource& stack, Index frames) {
 bool shareVectors(const Frames& frames, Index width) {
   if (kBuiltForSize || frames.count == 1) return false;
   const auto lanes = static_cast<Index>(bestKernels().lanes);
-  return frames.stride > 0 && (width + lanes - 1) / lanes * lanes > frames.stride;
+  return (width + lanes - 1) / lanes * lanes > frames.stride;
 }
 
 void applySoftmaxes(const Frames& frames, Index width) {

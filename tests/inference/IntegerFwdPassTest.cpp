@@ -481,6 +481,24 @@ TEST(IntegerFwdPassOfAnImage, givesTheBitsOfItsModelAtAnyAddress) {
   }
 }
 
+// Of 100 inputs 163 rows are unpacked together.
+TEST(IntegerFwdPassOfAnImage, unpacksTheLastRowsOfALargeLayer) {
+  NNLayer table = plainLayer(100, 200, 6);
+  for (Index i = 0; i < table.weights.size(); ++i) {
+    table.weights.data()[i] = std::exp(static_cast<float>(i % 13) - 6.0f);
+  }
+  MultiLayerNNModel model = modelOf({rounded(plainLayer(30, 100, 1), ActFn::tanh), table});
+  const MatrixXf inputs = someValues(30, 20, 9);
+  const std::vector<char> bytes = imageOf(model, 0);
+  const auto pass = passOf(bytes, 0, WideInputs::kNone);
+  for (const Index frames : {1, 20}) {
+    MatrixXf outputs;
+    ASSERT_EQ(pass->evaluate(inputs.leftCols(frames), outputs), 0);
+    EXPECT_TRUE(
+        sameBits(outputs, plainIntegerPass(model, inputs.leftCols(frames), WideInputs::kNone)));
+  }
+}
+
 TEST(IntegerFwdPassOfAnImage, readsCodesWhereTheyLie) {
   MultiLayerNNModel model = modelOf({rounded(plainLayer(200, 100, 1), ActFn::relu)});
   const std::vector<char> bytes = imageOf(model, 0);

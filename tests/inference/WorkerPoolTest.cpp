@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <new>
 #include <stdexcept>
@@ -32,6 +33,24 @@ TEST(WorkerPool, takesEachPartOnce) {
       EXPECT_TRUE(areWorkersKnown);
     }
   }
+}
+
+// Two threads leave the first parts together, and both want the last one.
+TEST(WorkerPool, givesTheLastPartToOneOfThoseThatWantIt) {
+  constexpr int kRounds = 500;
+  WorkerPool pool(2);
+  ASSERT_EQ(pool.count(), 2);
+  std::array<std::atomic<int>, 3> taken{};
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<int> inside{0};
+    pool.run(3, [&](int part, int) {
+      ++taken[static_cast<std::size_t>(part)];
+      if (part == 2) return;
+      ++inside;
+      while (inside < 2) std::this_thread::yield();
+    });
+  }
+  for (const std::atomic<int>& times : taken) EXPECT_EQ(times, kRounds);
 }
 
 TEST(WorkerPool, givesEachThreadANumberOfItsOwn) {
