@@ -37,15 +37,19 @@ namespace mlnn {
 constexpr std::size_t kFloatsInPage = 1024;
 
 // Frames that a sweep takes at most, and those of the two kinds of tiles, of which wide ones have
-// fewer rows. WebAssembly, for whose code a page waits, has no panels, and sweeps of one frame.
+// fewer rows. WebAssembly, for whose code a page waits, has no panels and no wide tiles, and sweeps
+// of one frame.
 #ifdef __wasm__
 constexpr std::size_t kSweepFrames = 1;
+constexpr bool kHasWideTiles = false;
 #else
 constexpr std::size_t kSweepFrames = 8;
+constexpr bool kHasWideTiles = true;
 #endif
 constexpr int kMostTileFrames = 6;
 constexpr int kMostWideTileFrames = 8;
 constexpr int wideTileFrames(bool hasManyRegisters) {
+  if (!kHasWideTiles) return 0;
   return hasManyRegisters ? kMostWideTileFrames : 4;
 }
 
@@ -144,6 +148,7 @@ constexpr VectorLoops vectorLoopsFor(const LayerView& layer, const KernelShape& 
 // than two by as many; five and six frames fit a tile of six.
 constexpr bool takesWideTile(const LayerView& layer, std::size_t frames, const KernelShape& shape,
                              bool hasManyRegisters) {
+  if (!kHasWideTiles) return false;
   if (!hasManyRegisters) {
     return shape.wideTiles != WideTiles::kNone && layer.coded == nullptr &&
            (frames <= 4 || frames == 7 || frames == 8);
