@@ -1,7 +1,10 @@
 // The analyses through the C interface, of a file of either format: none ends the process, stops
 // but by its watch, or differs from itself. A file that is written is read again with the same
 // digests, and the mean of a model with itself is that model.
+#include <array>
+#include <cmath>
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -58,6 +61,32 @@ void countLoss(const mlnn_precision_loss* loss, void* data) {
   ++*static_cast<int*>(data);
 }
 
+void refuseSection(const char*, const char*, void*) {
+  require(false, "digests differ from themselves");
+}
+
+void refuseQuantization(std::size_t, const mlnn_layer_quantization*, void*) {
+  require(false, "a model is itself, quantised");
+}
+
+void requireSameTrace(const char*, const mlnn_frames*, const mlnn_frames*,
+                      const mlnn_difference* difference, void*) {
+  require(difference != nullptr && difference->differing == 0, "a trace differs from itself");
+}
+
+void checkLoss(const mlnn_quantization_loss* loss, void* data) {
+  require(loss->same_best_class <= kFrames && loss->integers_same_best_class <= kFrames,
+          "more decisions than frames");
+  require(loss->right_recordings <= 1 && loss->integers_right_recordings <= 1,
+          "more recordings than there are");
+  for (std::size_t i = 0; i < loss->stage_count; ++i) {
+    const mlnn_stage_loss& stage = loss->stages[i];  // neither is a number beside infinity
+    require(!(stage.mean < 0) && !(stage.mean > stage.largest * 1.001),
+            "a mean above the largest difference");
+  }
+  ++*static_cast<int*>(data);
+}
+
 // Stops after so many calls.
 int stopLater(std::size_t, void* data) { return --*static_cast<int*>(data) < 0 ? 1 : 0; }
 
@@ -88,6 +117,25 @@ void checkFiles(mlnn_model model) {
   }
 }
 
+void checkDigests(mlnn_model model) {
+  struct Sections {
+    std::vector<std::string> texts;  // a name, its digest, and so on
+  } sections;
+  const auto add = [](const char* section, const char* digest, void* data) {
+    auto& texts = static_cast<Sections*>(data)->texts;
+    texts.emplace_back(section);
+    texts.emplace_back(digest);
+  };
+  require(mlnn_model_digest(model, add, nullptr, &sections) == MLNN_OK, "no digest");
+  std::vector<mlnn_section> all;
+  for (std::size_t i = 0; i < sections.texts.size(); i += 2) {
+    all.push_back({sections.texts[i].c_str(), sections.texts[i + 1].c_str()});
+  }
+  require(mlnn_compare_digests(MLNN_FORMAT_TEXT, all.data(), all.size(), MLNN_FORMAT_TEXT,
+                               all.data(), all.size(), refuseSection, nullptr) == MLNN_OK,
+          "digests are not compared");
+}
+
 void checkMean(mlnn_model model) {
   const mlnn_model models[] = {model, model, model};
   const double weights[] = {1, 3, 0.1};
@@ -96,6 +144,42 @@ void checkMean(mlnn_model model) {
           "a model has no mean with itself");
   require(digestOf(mean) == digestOf(model), "the mean of a model with itself is another one");
   mlnn_model_close(mean);
+}
+
+void checkHistogram(const std::vector<float>& values, std::size_t bins) {
+  std::vector<std::uint64_t> counts(bins);
+  mlnn_histogram histogram;
+  require(mlnn_count_values(values.data(), values.size(), bins, nullptr, nullptr, counts.data(),
+                            &histogram) == MLNN_OK,
+          "values are not counted");
+  require(std::accumulate(counts.begin(), counts.end(), histogram.not_finite) == values.size(),
+          "a value is in no bin, or in two");
+}
+
+void checkTraceOf(const std::vector<float>& outputs, std::size_t height) {
+  const mlnn_stage stage = {"outputs", {outputs.data(), kFrames, height, height}};
+  require(mlnn_compare_traces(&stage, 1, &stage, 1, requireSameTrace, nullptr, nullptr) == MLNN_OK,
+          "a trace is not compared");
+}
+
+void checkProof(mlnn_model model, const mlnn_frames& frames, bool hasClasses, std::size_t some) {
+  const std::array<int32_t, 2> bits = {static_cast<int32_t>(2 + some % 7), 8};
+  const int32_t unknown = -1;
+  const mlnn_quantization_options options = {
+      some % 2 == 0 ? MLNN_ROW_SCALE_LARGEST : MLNN_ROW_SCALE_LEAST_SQUARES,
+      some % 3 == 0 ? 0.01 : HUGE_VAL,
+      static_cast<double>(some % 5) / 4,
+      {frames.values, some % 4 < 2 ? 0 : frames.count, frames.width, frames.stride}};
+  mlnn_quantization_proof proof;
+  int losses = 0;
+  const mlnn_status status =
+      mlnn_model_prove_quantization(model, &frames, 1, hasClasses ? &unknown : nullptr, 1, &options,
+                                    bits.data(), bits.size(), checkLoss, nullptr, &losses, &proof);
+  require(status == MLNN_OK || mlnn_last_error()[0] != '\0', "refused without a reason");
+  if (status != MLNN_OK) return;
+  require(losses == 2 && proof.frames == kFrames, "a width is not measured");
+  require(proof.smallest_width == 0 || proof.smallest_width == bits[0] || proof.smallest_width == 8,
+          "a width is recommended that was not measured");
 }
 
 void checkRuns(mlnn_model model, const uint8_t* data, std::size_t size) {
@@ -132,6 +216,9 @@ void checkRuns(mlnn_model model, const uint8_t* data, std::size_t size) {
                            &count) == MLNN_OK &&
               losses == 2,
           "a width is not measured");
+  checkTraceOf(outputs, height);
+  checkHistogram(outputs, 1 + size % 9);
+  checkProof(model, frames, size % 2 == 0, size);
 }
 
 void ask(mlnn_model model, const uint8_t* data, std::size_t size) {
@@ -143,10 +230,14 @@ void ask(mlnn_model model, const uint8_t* data, std::size_t size) {
           "not compared");
   require(mlnn_model_compare_statements(model, model, refuseStatement, nullptr) == MLNN_OK,
           "statements are not compared");
+  require(
+      mlnn_model_find_quantization(model, model, refuseQuantization, nullptr, nullptr) == MLNN_OK,
+      "not asked for a quantisation");
   int calls = static_cast<int>(size % 5);
   const mlnn_status stopped = mlnn_model_budget(model, stopLater, &calls, &budget);
   require(stopped == MLNN_OK || stopped == MLNN_STOPPED, "a watch does more than stop");
   checkFiles(model);
+  checkDigests(model);
   checkMean(model);
   checkRuns(model, data, size);
 }

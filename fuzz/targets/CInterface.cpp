@@ -1,6 +1,7 @@
 // The C interface: a model in memory, as a file and as an image where it lies, its description, a
-// pass and a stream. What opens gives the bits that the library's own pass gives; handles that are
-// closed, of another kind, or made up are refused.
+// pass and a stream, and what is made of it in codes and in integers. What opens gives the bits
+// that the library's own pass gives, prepared and by two threads too; handles that are closed, of
+// another kind, or made up are refused.
 #include <cstring>
 #include <sstream>
 #include <vector>
@@ -15,6 +16,11 @@ using mlnn::fuzz::require;
 
 constexpr std::size_t kMostValues = 4096;
 constexpr std::size_t kFrames = 2;
+
+bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
+  return a.size() == b.size() &&
+         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
+}
 
 void describe(mlnn_model model, std::size_t some) {
   std::size_t count = 0;
@@ -33,12 +39,24 @@ void describe(mlnn_model model, std::size_t some) {
   require(mlnn_model_feature_text(model, &text) == MLNN_OK && text != nullptr, "no text");
 }
 
+// Floats that are made of codes take no more than this.
+constexpr std::size_t kPreparedBytes = 10000;
+
+void prepare(mlnn_pass pass) {
+  std::size_t bytes = 0;
+  require(mlnn_pass_prepare(pass, kPreparedBytes, &bytes) == MLNN_OK && bytes <= kPreparedBytes,
+          "a pass prepares more than it may");
+  require(mlnn_pass_set_threads(pass, 2) == MLNN_OK, "a pass takes no threads");
+}
+
 // Returns the outputs of a pass over the inputs; none where it is refused.
-std::vector<float> run(mlnn_model model, const std::vector<float>& inputs, std::size_t width) {
+std::vector<float> run(mlnn_model model, const std::vector<float>& inputs, std::size_t width,
+                       bool isPrepared = false) {
   std::size_t height = 0;
   mlnn_model_outputs(model, &height);
   mlnn_pass pass{0};
-  if (mlnn_pass_create(model, &pass) != MLNN_OK || height > kMostValues) return {};
+  if (height > kMostValues || mlnn_pass_create(model, &pass) != MLNN_OK) return {};
+  if (isPrepared) prepare(pass);
   std::vector<float> outputs(kFrames * height);
   const mlnn_status status =
       mlnn_pass_run(pass, kFrames, inputs.data(), width, width, outputs.data(), height, height);
@@ -74,6 +92,26 @@ void stream(mlnn_model model, const std::vector<float>& values) {
   require(mlnn_stream_close(stream) == MLNN_OK, "a stream does not close");
 }
 
+// What was made of a model gives the same bits by every pass.
+void runMade(mlnn_model made, const std::vector<float>& values, std::size_t width) {
+  const std::vector<float> outputs = run(made, values, width);
+  require(sameBits(run(made, values, width, true), outputs), "a pass gives other bits again");
+  stream(made, values);
+  require(mlnn_model_close(made) == MLNN_OK, "what was made of a model does not close");
+}
+
+void convert(mlnn_model model, const std::vector<float>& values, std::size_t width,
+             std::size_t some) {
+  mlnn_model made{0};
+  const auto bits = static_cast<int32_t>(1 + some % 8);
+  if (mlnn_model_to_codes(model, bits, MLNN_CODES_FOR_MEMORY, &made) == MLNN_OK) {
+    runMade(made, values, width);
+  }
+  if (mlnn_model_to_integers(model, static_cast<int32_t>(some % 3), &made) == MLNN_OK) {
+    runMade(made, values, width);
+  }
+}
+
 // The same by the library itself.
 std::vector<float> wanted(const std::string& bytes, const std::vector<float>& inputs) {
   MultiLayerNNModel model;
@@ -83,11 +121,6 @@ std::vector<float> wanted(const std::string& bytes, const std::vector<float>& in
   Eigen::MatrixXf outputs;
   if (NNFwdPassFromFile(model).evaluate(frames, outputs) != 0) return {};
   return {outputs.data(), outputs.data() + outputs.size()};
-}
-
-bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() &&
-         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
 std::vector<float> someValues(std::size_t count, const uint8_t* data, std::size_t size) {
@@ -121,7 +154,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
       const std::vector<float> outputs = run(model, values, inputs);
       require(outputs.empty() || sameBits(outputs, wanted(bytes, values)),
               "gives other bits than the library's pass");
+      if (size % 8 == 0) {  // threads take long to begin
+        require(sameBits(run(model, values, inputs, true), outputs),
+                "a prepared pass gives others");
+      }
       stream(model, values);
+      convert(model, values, inputs, size);
     }
     require(mlnn_pass_close({model.id}) != MLNN_OK, "a model closes as a pass");
     require(mlnn_model_close(model) == MLNN_OK, "a model does not close");
