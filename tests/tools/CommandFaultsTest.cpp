@@ -14,6 +14,7 @@
 
 #include "tests/support/Extent.h"
 #include "tests/tools/support/CommandLines.h"
+#include "tests/tools/support/ToolBuild.h"
 #include "tests/tools/support/ToolProcess.h"
 
 namespace {
@@ -25,15 +26,10 @@ using mlnn::test::contentOf;
 using mlnn::test::kResultName;
 using mlnn::test::runShell;
 using mlnn::test::TempFolder;
+using mlnn::test::toolHasSanitizers;
 using mlnn::test::ToolResult;
 using mlnn::test::TriedLine;
 using mlnn::test::triesEverything;
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kCanPreload = false;
-#else
-constexpr bool kCanPreload = true;
-#endif
 
 const std::string kOld = "what was there before\n";
 const char* const kKinds[] = {"read",  "write",  "open",   "fsync",    "syncfs",
@@ -100,7 +96,7 @@ class CommandFaults : public testing::TestWithParam<std::string> {
 };
 
 TEST_P(CommandFaults, loseNothingAndLeaveNothing) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   if (startsPython(GetParam())) return;
   mlnn::test::makeInputs(folder_);
   for (const TriedLine& line : commandLines(GetParam())) {

@@ -23,6 +23,7 @@
 #include "tests/support/Extent.h"
 #include "tests/support/TestModels.h"
 #include "tests/tools/support/CommandLines.h"
+#include "tests/tools/support/ToolBuild.h"
 #include "tests/tools/support/ToolProcess.h"
 
 namespace {
@@ -47,12 +48,6 @@ constexpr int kLargest = std::numeric_limits<int32_t>::max();
 constexpr unsigned kMostSeconds = 10;
 constexpr std::size_t kBaseBytes = std::size_t{24} << 20;  // beside what the small model takes
 constexpr std::size_t kBytesPerByte = 256;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kCanMeasureMemory = false;
-#else
-constexpr bool kCanMeasureMemory = true;
-#endif
 
 // --- Numbers ---
 
@@ -261,7 +256,7 @@ class CommandNumbers : public testing::TestWithParam<std::string> {
     EXPECT_LE(result.status, 2) << "after " << result.processorSeconds << " s; " << result.err;
     EXPECT_EQ(result.err.find("out of memory"), std::string::npos) << result.err;
     const std::size_t bytes = numbers.model.size() + numbers.frames.size();
-    if (!kCanMeasureMemory) return;
+    if (mlnn::test::toolHasSanitizers()) return;
     const std::size_t most = std::max(base, ownPeak()) + kBaseBytes + kBytesPerByte * bytes;
     EXPECT_LE(result.peakBytes, most) << result.err;
   }

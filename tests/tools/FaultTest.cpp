@@ -17,6 +17,7 @@
 
 #include "tests/support/Extent.h"
 #include "tests/support/SourceTree.h"
+#include "tests/tools/support/ToolBuild.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/ExitStatus.h"
 
@@ -27,6 +28,7 @@ using mlnn::test::contentOf;
 using mlnn::test::runShell;
 using mlnn::test::sourcePath;
 using mlnn::test::TempFolder;
+using mlnn::test::toolHasSanitizers;
 using mlnn::test::ToolResult;
 using mlnn::test::triesSample;
 using testing::AnyOf;
@@ -34,11 +36,6 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kCanPreload = false;
-#else
-constexpr bool kCanPreload = true;
-#endif
 constexpr int kTries = 8;  // more calls of a kind than the small files here need
 const std::string kOld = "what was there before\n";
 
@@ -109,7 +106,7 @@ class Faults : public testing::TestWithParam<std::tuple<Work, Kind>> {
 };
 
 TEST_P(Faults, leaveTheEarlierFileWhole) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   const auto& [work, kind] = GetParam();
   ASSERT_EQ(runFailing(0).status, 0);
   const std::string whole = contentOf(folder_.path("out"));
@@ -216,7 +213,7 @@ class ReportFaults : public testing::TestWithParam<Report> {
 };
 
 TEST_P(ReportFaults, inReadingNameTheFile) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   ASSERT_EQ(runShell(GetParam().line, folder_.path()).status, 0);
   for (const Kind& kind : kKinds) {
     const std::string name = kind.name;
@@ -271,7 +268,7 @@ std::map<std::string, std::string> leftOf(std::map<std::string, std::string> tra
 }
 
 TEST_P(TraceFaults, leaveEveryFileWhole) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   constexpr int kTraceTries = 12;
   ASSERT_EQ(runFailing(0).status, 0);
   const Contents whole = trace();
@@ -316,7 +313,7 @@ class FolderFaults : public testing::TestWithParam<Kind> {
 
 // No folder is taken for one that holds less than it does.
 TEST_P(FolderFaults, nameTheFolder) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   const std::string line = "mlnn compare ours theirs";
   const ToolResult whole = runWithFault(folder_, GetParam(), 0, line);
   ASSERT_EQ(whole.status, 0);
@@ -338,7 +335,7 @@ TEST_P(FolderFaults, nameTheFolder) {
 }
 
 TEST_P(FolderFaults, leaveAnEarlierTraceWhole) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   folder_.write("ours/outputs.npy", kOld);
   const ToolResult result =
       runWithFault(folder_, GetParam(), 1, "mlnn run model.txt frames.txt --trace ours");
@@ -357,7 +354,7 @@ INSTANTIATE_TEST_SUITE_P(Tool, FolderFaults, testing::ValuesIn(kFolderKinds),
 class MemoryFaults : public testing::TestWithParam<const char*> {};
 
 TEST_P(MemoryFaults, leaveTheEarlierFileWhole) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   const int step = triesSample() ? 31 : 7;  // there are some thousand calls
   const Kind kind = {"malloc", ""};
   const TempFolder folder;
@@ -391,7 +388,7 @@ INSTANTIATE_TEST_SUITE_P(Tool, MemoryFaults,
 
 // Memory that runs out before main, where the options' library makes what it keeps.
 TEST(EarlyMemoryFaults, areToldAsLaterOnes) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   const Kind kind = {"early", ""};
   const TempFolder folder;
   int failures = 0;
@@ -409,7 +406,7 @@ TEST(EarlyMemoryFaults, areToldAsLaterOnes) {
 
 // No allocation behind the making of the unfinished file may leave it there.
 TEST(UnfinishedFaults, memoryThatRunsOutLeavesNothing) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   const TempFolder folder;
   makeInputs(folder);
   folder.write("out", kOld);
@@ -488,7 +485,7 @@ TEST_F(SystemFaults, aClosedStandardOutputIsNamed) {
 
 // The length that a file had when it was opened is a hint and nothing more.
 TEST_F(SystemFaults, aFileThatShrinksWhileItIsReadIsRefused) {
-  if (!kCanPreload) GTEST_SKIP() << "the sanitizer's library must be the first one";
+  if (toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's library must be the first one";
   folder_.write("out", kOld);
   const ToolResult result = run("export LD_PRELOAD='" MLNN_FAILING_IO_PATH
                                 "' MLNN_FAIL='shrink 1'; mlnn convert model.txt out --to binary");

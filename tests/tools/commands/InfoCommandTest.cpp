@@ -9,6 +9,7 @@
 #include "tests/support/SourceTree.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/TestModels.h"
+#include "tests/tools/support/ToolBuild.h"
 #include "tests/tools/support/ToolProcess.h"
 
 namespace {
@@ -242,9 +243,7 @@ TEST(InfoCommandTest, printsJsonAsTheLibraryWould) {
 }
 
 TEST(InfoCommandTest, takesNoMoreMemoryForJsonThanForTheModel) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "the sanitizer's memory comes on top";
-#endif
+  if (mlnn::test::toolHasSanitizers()) GTEST_SKIP() << "the sanitizer's memory comes on top";
   constexpr std::size_t kLayers = 100000;  // empty ones, of which a file has most
   MultiLayerNNModel model = mlnn::test::modelOf(std::vector<NNLayer>(kLayers));
   model.deltasNorm.allocIfNeeded();

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tests/support/TestModels.h"
+#include "tests/tools/support/ToolBuild.h"
 #include "tests/tools/support/ToolProcess.h"
 #include "tools/Failure.h"
 #include "tools/files/Frames.h"
@@ -131,9 +132,7 @@ TEST(FramesTest, readsADeviceThatEnds) {
 
 // What memory has room for is less in a process that may have little of it.
 TEST(FramesTest, refusesAPipeWithoutAnEnd) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "the sanitizer needs terabytes of addresses";
-#endif
+  if (mlnn::test::toolHasSanitizers()) GTEST_SKIP() << "a sanitizer needs terabytes of addresses";
   const TempFolder folder;
   folder.write("model", kSmallModel);
   const auto result = mlnn::test::runShell(
