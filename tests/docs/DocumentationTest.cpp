@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/docs/ConsoleBlocks.h"
+#include "tests/support/Extent.h"
 #include "tests/support/SourceTree.h"
 #include "tests/tools/support/ToolBuild.h"
 #include "tests/tools/support/ToolProcess.h"
@@ -26,6 +27,7 @@ using mlnn::test::matchesShown;
 using mlnn::test::runShell;
 using mlnn::test::sourcePath;
 using mlnn::test::TempFolder;
+using mlnn::test::triesSample;
 
 constexpr char kExamples[] = "examples";  // what pages refer to, relative to the source tree
 
@@ -42,6 +44,12 @@ constexpr char kShellSetup[] =
 
 bool isPage(const fs::path& path) { return path.extension() == ".md"; }
 
+// These sweep whole networks and start the tool again and again, for most of the time of all pages
+// under sanitizers; the tests of their commands run there.
+bool takesLong(const std::string& page) {
+  return page == "docs/walkthrough.md" || page == "docs/git-diff.md";
+}
+
 // The pages with console blocks, relative to the source tree: those at its root, in docs/ and
 // in examples/.
 std::vector<std::string> pages() {
@@ -55,7 +63,8 @@ std::vector<std::string> pages() {
   std::vector<std::string> found;
   for (const fs::path& path : candidates) {
     if (!isPage(path) || consoleCommands(contentOf(path.string())).empty()) continue;
-    found.push_back(fs::relative(path, sourcePath(".")).string());
+    const std::string page = fs::relative(path, sourcePath(".")).string();
+    if (!triesSample() || !takesLong(page)) found.push_back(page);
   }
   std::sort(found.begin(), found.end());
   return found;
