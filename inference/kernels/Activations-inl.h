@@ -20,22 +20,56 @@ HWY_BEFORE_NAMESPACE();
 namespace mlnn {
 namespace HWY_NAMESPACE {
 
-// y = fn(y + shift), or fn(scale * y + shift) with one rounding before fn, for `count` values.
+// Sums that become results.
+struct Sums {
+  const float* scale;  // of each row, or null for 1
+  const float* shift;  // of each row
+  std::size_t rows;
+  float* y;             // of the first frame
+  std::size_t yStride;  // from one frame to the next
+  std::size_t frames;
+};
+
+// The sums of R whole vectors of rows from row `i` on; what belongs to the rows is loaded once.
+template <typename Function, int R>
+HWY_INLINE void finishRows(const Sums& sums, std::size_t i) {
+  const Tag d;
+  Vec factor[R];
+  Vec shift[R];
+  HWY_UNROLL(4)
+  for (int r = 0; r < R; ++r) {
+    const std::size_t row = i + static_cast<std::size_t>(r) * kLanes;
+    factor[r] = sums.scale == nullptr ? hn::Set(d, 1.0f) : hn::LoadU(d, sums.scale + row);
+    shift[r] = hn::LoadU(d, sums.shift + row);
+  }
+  float* y = sums.y + i;
+  for (std::size_t f = 0; f < sums.frames; ++f, y += sums.yStride) {
+    HWY_UNROLL(4)
+    for (int r = 0; r < R; ++r) {
+      float* const at = y + static_cast<std::size_t>(r) * kLanes;
+      hn::StoreU(Function::apply(hn::MulAdd(factor[r], hn::LoadU(d, at), shift[r])), d, at);
+    }
+  }
+}
+
+// y = fn(y + shift), or fn(scale * y + shift) with one rounding before fn.
 template <typename Function>
-void finishColumn(const float* scale, const float* shift, std::size_t count, float* y) {
+void finishSums(const Sums& sums) {
   const Tag d;
   const Vec one = hn::Set(d, 1.0f);
   std::size_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
-    const Vec factor = scale == nullptr ? one : hn::LoadU(d, scale + i);
-    const Vec v = hn::MulAdd(factor, hn::LoadU(d, y + i), hn::LoadU(d, shift + i));
-    hn::StoreU(Function::apply(v), d, y + i);
+  if constexpr (kLanes > 1 && kLanes < 16 && !kBuiltForSize) {  // two vectors where they are small
+    for (; i + 2 * kLanes <= sums.rows; i += 2 * kLanes) finishRows<Function, 2>(sums, i);
   }
-  if (kLanes == 1 || i == count) return;
-  const FirstLanes rest(count - i);
-  const Vec factor = scale == nullptr ? one : rest.load(scale + i);
-  const Vec v = hn::MulAdd(factor, rest.load(y + i), rest.load(shift + i));
-  rest.store(Function::apply(v), y + i);
+  for (; i + kLanes <= sums.rows; i += kLanes) finishRows<Function, 1>(sums, i);
+  if (kLanes == 1 || i == sums.rows) return;
+  const FirstLanes rest(sums.rows - i);
+  const Vec factor = sums.scale == nullptr ? one : rest.load(sums.scale + i);
+  const Vec shift = rest.load(sums.shift + i);
+  float* y = sums.y + i;
+  for (std::size_t f = 0; f < sums.frames; ++f, y += sums.yStride) {
+    rest.store(Function::apply(hn::MulAdd(factor, rest.load(y), shift)), y);
+  }
 }
 
 template <typename Function>
@@ -54,15 +88,17 @@ using Formulas = ActivationFormulas<VectorOps>;
 
 // The loops for each activation, in the order of the codes.
 struct ActivationLoops {
-  void (*finish)(const float* scale, const float* shift, std::size_t count, float* y);
+  void (*finish)(const Sums& sums);
   void (*activate)(float* values, std::size_t count);
 };
 
-// The same as finishColumn, in less code.
+// The same as finishSums, in less code.
 template <typename Function>
-void finishInTwoLoops(const float* scale, const float* shift, std::size_t count, float* y) {
-  finishColumn<FormulaOf<Formulas, ActFn::linear>>(scale, shift, count, y);
-  activateColumn<Function>(y, count);
+void finishInTwoLoops(const Sums& sums) {
+  finishSums<FormulaOf<Formulas, ActFn::linear>>(sums);
+  for (std::size_t f = 0; f < sums.frames; ++f) {
+    activateColumn<Function>(sums.y + f * sums.yStride, sums.rows);
+  }
 }
 
 template <typename Function>
@@ -70,7 +106,7 @@ constexpr ActivationLoops loopsOf() {
   if constexpr (kBuiltForSize) {
     return {finishInTwoLoops<Function>, activateColumn<Function>};
   } else {
-    return {finishColumn<Function>, activateColumn<Function>};
+    return {finishSums<Function>, activateColumn<Function>};
   }
 }
 
@@ -87,11 +123,8 @@ HWY_INLINE const ActivationLoops& loopsFor(ActFn::ActFn fn) {
 // Turns sums into the layer's results: rows `first` to `first + count` of some frames.
 HWY_INLINE void finishLayer(const LayerView& layer, std::size_t first, std::size_t count, float* y,
                             std::size_t yStride, std::size_t frames) {
-  const ActivationLoops& loops = loopsFor(layer.actFn);
   const float* scale = layer.scale == nullptr ? nullptr : layer.scale + first;
-  for (std::size_t f = 0; f < frames; ++f) {
-    loops.finish(scale, layer.shift + first, count, y + f * yStride);
-  }
+  loopsFor(layer.actFn).finish({scale, layer.shift + first, count, y, yStride, frames});
 }
 
 // A layer without inputs: all sums are 0.

@@ -9,7 +9,7 @@
 //   1           floats that stream                              sweepLayer (MatrixSweep-inl.h)
 //   1           other floats                                    multiplyPanels (MatrixVector-inl.h)
 //   2 to 8      floats from the memory, columns of a page       sweepLayer
-//   2 to 8      floats that stream, and few registers           sweepLayer
+//   2 to 8      twice those that stream, and few registers      sweepLayer
 //   some        other floats                                    wide tiles (MatrixFrames-inl.h)
 //   any other   any other                                       tiles (MatrixFrames-inl.h)
 //
@@ -161,10 +161,13 @@ constexpr bool takesWideTile(const LayerView& layer, std::size_t frames, const K
 // Whether few frames are swept. That is best where weights come from the memory and each column
 // fills a page: in a panel of rows, every input would be read from another page. From the
 // third-level cache that costs less than keeping the chains, unless registers are few and a panel
-// is a cache line wide: then it would read a line here and there.
+// is a cache line wide: then it would read a line here and there, of which the second-level cache
+// keeps enough only where the weights are less than twice of what streams.
 constexpr bool sweepsFewFrames(const LayerView& layer, const KernelShape& shape,
                                bool hasManyRegisters) {
-  if (!hasManyRegisters) return streams(layer, shape);
+  if (!hasManyRegisters) {
+    return streams(layer, shape) && bytesOfFloats(layer) >= 2 * shape.secondLevelBytes;
+  }
   return layer.coded == nullptr && layer.rows >= kFloatsInPage &&
          bytesOfFloats(layer) >= shape.thirdLevelBytes;
 }

@@ -213,7 +213,10 @@ class Parts {
 
 // A panel for all frames, in tiles of nearly the same number of frames. What comes next is
 // fetched in nearly equal parts by the tiles, so that the memory is never waited for nor idle.
-void runPanel(const RowPanel& panel, Tile& tile, std::size_t frames, std::size_t tileFrames) {
+// Sums that have met all inputs become results while they are in the nearest cache.
+void runPanel(const LayerView& layer, const RowPanel& panel, Tile& tile, std::size_t frames,
+              std::size_t tileFrames) {
+  const bool isLast = panel.input + panel.inputs == layer.cols;
   const std::size_t tiles = (frames + tileFrames - 1) / tileFrames;
   const std::size_t lines = panel.fullRows() / 16 + 1;  // they seldom begin with the panel
   const Parts counts(frames, tiles);
@@ -221,6 +224,7 @@ void runPanel(const RowPanel& panel, Tile& tile, std::size_t frames, std::size_t
   for (std::size_t i = 0; i < tiles; ++i) {
     tile.nextLines = static_cast<int>(fetched[i]);
     runTile(panel, tile, counts[i]);
+    if (isLast) finishLayer(layer, panel.row, panel.count, tile.y, tile.yStride, counts[i]);
     tile.next += std::size_t{16} * fetched[i];
     tile.x += counts[i] * tile.xStride;
     tile.y += counts[i] * tile.yStride;
@@ -283,9 +287,7 @@ HWY_INLINE void runBlock(const LayerView& layer, const FrameValues& values, cons
         tile.w = scratch;
         tile.wStride = panel.fullRows();
       }
-      runPanel(panel, tile, values.frames, tileFrames);
-      if (input + inputs < layer.cols) continue;
-      finishLayer(layer, row, count, values.y + row, values.yStride, values.frames);
+      runPanel(layer, panel, tile, values.frames, tileFrames);
     }
   }
 }

@@ -99,22 +99,37 @@ HWY_INLINE void divideBy(float* values, std::size_t count, float divisor) {
   rest.store(hn::Div(rest.load(values + i), by), values + i);
 }
 
-// The same for values that fit one vector, without a way through the memory.
-template <typename Exp>
-HWY_INLINE void softmaxOfOneVector(float* values, std::size_t count) {
-  const FirstLanes lanes(count);
-  const Vec x = lanes.load(values);
-  const Vec first = hn::Set(Tag(), values[0]);
-  const Vec largest = hn::MaxOfLanes(Tag(), hn::IfThenElse(lanes.mask(), x, first));
-  const Vec e = hn::IfThenElseZero(lanes.mask(), Exp::apply(hn::Sub(x, largest)));
-  lanes.store(hn::Div(e, hn::Set(Tag(), sumByHalves(Tag(), e))), values);
+// The same for values that fit V vectors, of which the last one may not be full, without a way
+// through the memory.
+template <typename Exp, std::size_t V>
+HWY_INLINE void softmaxInRegisters(float* values, std::size_t count) {
+  const Tag d;
+  constexpr std::size_t kLast = V - 1;
+  const FirstLanes lanes(count - kLast * kLanes);
+  float* const last = values + kLast * kLanes;
+  Vec x[V];
+  x[kLast] = lanes.load(last);
+  Vec largest = hn::IfThenElse(lanes.mask(), x[kLast], hn::Set(d, values[0]));
+  for (std::size_t v = 0; v < kLast; ++v) {
+    x[v] = hn::LoadU(d, values + v * kLanes);
+    largest = hn::Max(largest, x[v]);
+  }
+  largest = hn::MaxOfLanes(d, largest);
+  for (Vec& each : x) each = Exp::apply(hn::Sub(each, largest));
+  x[kLast] = hn::IfThenElseZero(lanes.mask(), x[kLast]);
+  SoftmaxSum sum;
+  for (std::size_t v = 0; v < V; ++v) sum.add(v % SoftmaxSum::kVectors, x[v]);
+  const Vec total = hn::Set(d, sum.total());
+  for (std::size_t v = 0; v < kLast; ++v) hn::StoreU(hn::Div(x[v], total), d, values + v * kLanes);
+  lanes.store(hn::Div(x[kLast], total), last);
 }
 
 template <typename Exp>
 HWY_INLINE void softmaxBy(float* values, std::size_t count) {
   if (count == 0) return;
-  if (kLanes == SoftmaxSum::kChains && count <= kLanes) {
-    return softmaxOfOneVector<Exp>(values, count);
+  if constexpr (kLanes > 1 && !kBuiltForSize) {
+    if (count <= kLanes) return softmaxInRegisters<Exp, 1>(values, count);
+    if (count <= 2 * kLanes) return softmaxInRegisters<Exp, 2>(values, count);
   }
   const float sum = expOfDifferences<Exp>(values, count, largestOf(values, count));
   divideBy(values, count, sum);

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "hwy/highway.h"
+#include "layers/BuiltForSize.h"
 
 // Whether the instruction set multiplies and adds with one rounding.
 #undef MLNN_TARGET_FUSES
@@ -41,6 +42,56 @@ constexpr bool kManyRegisters = kLanes == 16 || HWY_ARCH_ARM_A64;
 // Whether a part of a vector is loaded about as fast as the whole.
 constexpr bool kLoadsParts = !HWY_MEM_OPS_MIGHT_FAULT;
 
+// Whether it is loaded in halves elsewhere, which takes more code than a way through the memory.
+constexpr bool kTakesHalves = !kBuiltForSize;
+
+#if HWY_TARGET == HWY_SCALAR  // has no halves
+
+template <typename D>
+HWY_INLINE hn::Vec<D> loadByHalves(D d, const float* from, std::size_t) {
+  return hn::LoadU(d, from);
+}
+
+template <typename D>
+HWY_INLINE void storeByHalves(D d, hn::Vec<D> v, float* to, std::size_t) {
+  hn::StoreU(v, d, to);
+}
+
+#else
+
+// The first `count` lanes from memory, and 0 in the others: the lower half whole or the upper one
+// empty. The processor would wait for lanes that were gathered in memory first.
+template <typename D>
+HWY_INLINE hn::Vec<D> loadByHalves(D d, const float* from, std::size_t count) {
+  if constexpr (hn::MaxLanes(d) == 1) {
+    return count == 0 ? hn::Zero(d) : hn::LoadU(d, from);
+  } else {
+    const hn::Half<D> half;
+    constexpr std::size_t kHalf = hn::MaxLanes(half);
+    if (count < kHalf) return hn::ZeroExtendVector(d, loadByHalves(half, from, count));
+    const auto lower = hn::LoadU(half, from);
+    if (count == kHalf) return hn::ZeroExtendVector(d, lower);
+    return hn::Combine(d, loadByHalves(half, from + kHalf, count - kHalf), lower);
+  }
+}
+
+// Writes the first `count` lanes likewise.
+template <typename D>
+HWY_INLINE void storeByHalves(D d, hn::Vec<D> v, float* to, std::size_t count) {
+  if constexpr (hn::MaxLanes(d) == 1) {
+    if (count != 0) hn::StoreU(v, d, to);
+  } else {
+    const hn::Half<D> half;
+    constexpr std::size_t kHalf = hn::MaxLanes(half);
+    const auto lower = hn::LowerHalf(half, v);
+    if (count < kHalf) return storeByHalves(half, lower, to, count);
+    hn::StoreU(lower, half, to);
+    if (count != kHalf) storeByHalves(half, hn::UpperHalf(half, v), to + kHalf, count - kHalf);
+  }
+}
+
+#endif
+
 // The first lanes of vectors that are not full in memory.
 class FirstLanes {
  public:
@@ -55,6 +106,7 @@ class FirstLanes {
   // Gives 0 in the other lanes, and reads nothing behind these.
   HWY_INLINE Vec load(const float* from) const {
     if constexpr (kLoadsParts) return hn::MaskedLoad(mask_, Tag(), from);
+    if constexpr (kTakesHalves) return loadByHalves(Tag(), from, count_);
     float lanes[kLanes] = {};
     std::memcpy(lanes, from, count_ * sizeof(float));
     return hn::LoadU(Tag(), lanes);
@@ -63,6 +115,7 @@ class FirstLanes {
   // Writes nothing behind these lanes.
   HWY_INLINE void store(Vec v, float* to) const {
     if constexpr (kLoadsParts) return hn::BlendedStore(v, mask_, Tag(), to);
+    if constexpr (kTakesHalves) return storeByHalves(Tag(), v, to, count_);
     float lanes[kLanes];
     hn::StoreU(v, Tag(), lanes);
     std::memcpy(to, lanes, count_ * sizeof(float));

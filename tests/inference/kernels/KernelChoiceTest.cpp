@@ -66,8 +66,8 @@ TEST(KernelChoice, sweepsFewFramesFromTheMemoryOrWhereRegistersAreFew) {
   using mlnn::FramesLoops;
   using mlnn::framesLoopsFor;
   const KernelShape& shape = kKernelShapes[0];
-  const auto near = layerOf(256, 1023);
-  const auto far = layerOf(256, 1024);
+  const auto near = layerOf(256, 2047);  // streams, but a part of it stays near
+  const auto far = layerOf(256, 2048);
   const auto farthest = layerOf(1024, 2048);
   for (const std::size_t frames : {std::size_t{2}, mlnn::kSweepFrames}) {
     EXPECT_NE(framesLoopsFor(near, frames, shape, false), FramesLoops::kSweep);
