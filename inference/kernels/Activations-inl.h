@@ -58,7 +58,7 @@ void finishSums(const Sums& sums) {
   const Tag d;
   const Vec one = hn::Set(d, 1.0f);
   std::size_t i = 0;
-  if constexpr (kLanes > 1 && kLanes < 16 && !kBuiltForSize) {  // two vectors where they are small
+  if constexpr (kLanes > 1 && kLanes < 16 && kSpendsCode) {  // two vectors where they are small
     for (; i + 2 * kLanes <= sums.rows; i += 2 * kLanes) finishRows<Function, 2>(sums, i);
   }
   for (; i + kLanes <= sums.rows; i += kLanes) finishRows<Function, 1>(sums, i);

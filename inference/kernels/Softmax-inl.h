@@ -127,7 +127,7 @@ HWY_INLINE void softmaxInRegisters(float* values, std::size_t count) {
 template <typename Exp>
 HWY_INLINE void softmaxBy(float* values, std::size_t count) {
   if (count == 0) return;
-  if constexpr (kLanes > 1 && !kBuiltForSize) {
+  if constexpr (kLanes > 1 && kSpendsCode) {
     if (count <= kLanes) return softmaxInRegisters<Exp, 1>(values, count);
     if (count <= 2 * kLanes) return softmaxInRegisters<Exp, 2>(values, count);
   }

@@ -42,8 +42,12 @@ constexpr bool kManyRegisters = kLanes == 16 || HWY_ARCH_ARM_A64;
 // Whether a part of a vector is loaded about as fast as the whole.
 constexpr bool kLoadsParts = !HWY_MEM_OPS_MIGHT_FAULT;
 
-// Whether it is loaded in halves elsewhere, which takes more code than a way through the memory.
-constexpr bool kTakesHalves = !kBuiltForSize;
+// Whether what saves time may take more code. A page waits for that of WebAssembly.
+#ifdef __wasm__
+constexpr bool kSpendsCode = false;
+#else
+constexpr bool kSpendsCode = !kBuiltForSize;
+#endif
 
 #if HWY_TARGET == HWY_SCALAR  // has no halves
 
@@ -106,7 +110,7 @@ class FirstLanes {
   // Gives 0 in the other lanes, and reads nothing behind these.
   HWY_INLINE Vec load(const float* from) const {
     if constexpr (kLoadsParts) return hn::MaskedLoad(mask_, Tag(), from);
-    if constexpr (kTakesHalves) return loadByHalves(Tag(), from, count_);
+    if constexpr (kSpendsCode) return loadByHalves(Tag(), from, count_);
     float lanes[kLanes] = {};
     std::memcpy(lanes, from, count_ * sizeof(float));
     return hn::LoadU(Tag(), lanes);
@@ -115,7 +119,7 @@ class FirstLanes {
   // Writes nothing behind these lanes.
   HWY_INLINE void store(Vec v, float* to) const {
     if constexpr (kLoadsParts) return hn::BlendedStore(v, mask_, Tag(), to);
-    if constexpr (kTakesHalves) return storeByHalves(Tag(), v, to, count_);
+    if constexpr (kSpendsCode) return storeByHalves(Tag(), v, to, count_);
     float lanes[kLanes];
     hn::StoreU(v, Tag(), lanes);
     std::memcpy(to, lanes, count_ * sizeof(float));
